@@ -1,0 +1,59 @@
+# The library: its objects are built once and feed both libtavrix.so and the unit tests.
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
+
+set(TAVRIX_SOURCES
+  permissions/acl.cpp
+  permissions/data_pass.cpp
+  permissions/decision.cpp
+  permissions/image_dump.cpp
+  permissions/image_lookup.cpp
+  permissions/image_records.cpp
+  permissions/import_driver.cpp
+  permissions/parse_stack.cpp
+  permissions/path_elements.cpp
+  permissions/perm_map.cpp
+  permissions/rules.cpp
+  permissions/size_pass.cpp
+  permissions/special_files.cpp
+  sweeper/sweeper_log.cpp
+  utils/name_compare.cpp
+  utils/parameter_block.cpp
+  utils/path_names.cpp
+  utils/privilege.cpp
+  utils/samba_compare.cpp
+)
+
+add_library(tavrix_objects OBJECT ${TAVRIX_SOURCES})
+set_target_properties(tavrix_objects PROPERTIES
+  POSITION_INDEPENDENT_CODE ON
+  CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON)
+target_include_directories(tavrix_objects
+  PUBLIC ${CMAKE_SOURCE_DIR}/include
+  PRIVATE ${CMAKE_SOURCE_DIR})
+# Nothing may unwind into C, and nothing here throws.
+target_compile_options(tavrix_objects PRIVATE
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden)
+target_link_libraries(tavrix_objects PRIVATE tavrix_settings PUBLIC PkgConfig::YAJL)
+
+add_library(tavrix SHARED $<TARGET_OBJECTS:tavrix_objects>)
+set_target_properties(tavrix PROPERTIES
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR}
+  LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}
+  # C++ inside, but no C++ runtime: programs in C load it with yajl and libc alone.
+  LINKER_LANGUAGE C
+  LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/libtavrix.map)
+target_include_directories(tavrix INTERFACE
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tavrix>)
+target_link_options(tavrix PRIVATE
+  LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/libtavrix.map
+  LINKER:--as-needed)
+if(NOT TAVRIX_SANITIZED)
+  target_link_options(tavrix PRIVATE LINKER:--no-undefined)
+endif()
+target_link_libraries(tavrix PRIVATE PkgConfig::YAJL ${CMAKE_DL_LIBS})
+add_library(tavrix::tavrix ALIAS tavrix)

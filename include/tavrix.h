@@ -1,0 +1,19 @@
+/* Everything that libtavrix offers. */
+#ifndef TAVRIX_H
+#define TAVRIX_H
+
+#include "eventstore.h"
+#include "logging.h"
+#include "mkperms_shm.h"
+#include "perm_enforcer.h"
+#include "perm_map.h"
+#include "perm_utils.h"
+#include "read_perms.h"
+#include "sweeper_log.h"
+#include "tavrix_lists.h"
+#include "tavrix_perms.h"
+#include "tavrix_stack.h"
+#include "tavrix_structs.h"
+#include "tavrix_utils.h"
+
+#endif
