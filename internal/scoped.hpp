@@ -1,12 +1,13 @@
 // Owners of raw resources. A handle is wrapped from its first line; closing keeps errno.
 #pragma once
 
+#include <sys/shm.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
-#include <sys/shm.h>
-#include <unistd.h>
 #include <utility>
 
 namespace tavrix {
@@ -85,5 +86,13 @@ struct FreeDeleter {
 template <typename T>
 using Malloced = std::unique_ptr<T, FreeDeleter>;
 using CString = Malloced<char>;
+
+// One zeroed record. Not calloc(), which goes past the C library's per-thread cache of small
+// blocks.
+template <typename T>
+[[nodiscard]] T* malloc_zeroed() noexcept {
+  void* block = std::malloc(sizeof(T));
+  return block == nullptr ? nullptr : static_cast<T*>(std::memset(block, 0, sizeof(T)));
+}
 
 }  // namespace tavrix

@@ -16,7 +16,7 @@ namespace {
 
 // A new entry at the head of the list; null when out of memory.
 tavrix_ace_s* insert_new_ace(tavrix_acl_t& acl) {
-  auto* ace = static_cast<tavrix_ace_s*>(std::calloc(1, sizeof(tavrix_ace_s)));
+  auto* ace = malloc_zeroed<tavrix_ace_s>();
   if (ace != nullptr) oneway_list_insert_head(&acl.ace_list_head, &ace->ace_list);
   return ace;
 }
@@ -98,7 +98,7 @@ using tavrix::aces_of;
 
 membe_shm_err create_empty_acl(tavrix_acl_t** acl) {
   TAVRIX_REQUIRE(acl != nullptr && *acl == nullptr, "*acl == NULL");
-  *acl = static_cast<tavrix_acl_t*>(std::calloc(1, sizeof(tavrix_acl_t)));
+  *acl = tavrix::malloc_zeroed<tavrix_acl_t>();
   if (*acl == nullptr) {
     TAVRIX_LOG(0, "malloc failure ");
     TAVRIX_REQUIRE(*acl != nullptr, "*acl != NULL");
@@ -189,12 +189,13 @@ membe_shm_err membuf_2_ACL(const beacl_s* bacl, uint32_t version, uint32_t inher
     TAVRIX_REQUIRE(*acl == nullptr, "*acl == NULL");
   }
   // The value goes on into every entry as it was given.
-  if (inherited > TAVRIX_ACE_INHERITED) TAVRIX_LOG(0, "Invalid inheritance type %u", inherited);
+  if (inherited > TAVRIX_ACE_INHERITED) {
+    TAVRIX_LOG(0, "Invalid inheritance type %d", static_cast<int>(inherited));
+  }
   if (version != TAVRIX_ACL_VERSION) return SHM_MEMBE_ERR_VERSION_MISMATCH;
   TAVRIX_REQUIRE(bacl != nullptr, "bacl != NULL");
 
-  tavrix::Malloced<tavrix_acl_t> made(
-      static_cast<tavrix_acl_t*>(std::calloc(1, sizeof(tavrix_acl_t))));
+  tavrix::Malloced<tavrix_acl_t> made(tavrix::malloc_zeroed<tavrix_acl_t>());
   TAVRIX_REQUIRE(made != nullptr, "acl != NULL");
   made->version = version;
   made->num_aces = bacl->num_aces;

@@ -11,7 +11,8 @@
 namespace tavrix {
 namespace {
 
-// Callers that break these conditions are wrong in their code, not in their input: say where, abort.
+// Callers that break these conditions are wrong in their code, not in their input: say where,
+// abort.
 void require_stack_element(const jsonstack* stelem, const char* function, int line) {
   if (stelem == nullptr) {
     TAVRIX_LOG(0, "%s(%d): Null stelem ", function, line);
@@ -149,8 +150,7 @@ membe_shm_err create_child_list(memsummary_s* msum, uint32_t num_children, jsons
   fs_elem_s& folder = image.fselem(stelem->jsonoffset);
 
   const uint32_t offset = header.next_free_list;
-  const std::size_t size =
-      sizeof(child_list_s) + std::size_t{num_children} * sizeof(uint32_t);
+  const std::size_t size = sizeof(child_list_s) + std::size_t{num_children} * sizeof(uint32_t);
   std::byte* bytes = image.bytes(header.list_offset, offset, size);
   std::memset(bytes, 0, size);
   const child_list_s record{.signature = LISTSIG, .num_children = num_children, .next_index = 0};

@@ -1,0 +1,254 @@
+// From a path to the folder of the map that it reaches, and to the ACL that governs it.
+
+#include "permissions/image_lookup.hpp"
+
+#include <cstring>
+#include <utility>
+
+#include "internal/assert.hpp"
+#include "logging.h"
+#include "perm_utils.h"
+#include "permissions/image.hpp"
+#include "permissions/path_elements.hpp"
+#include "tavrix_utils.h"
+
+namespace tavrix {
+namespace {
+
+constexpr int kNotLookedUp = 3;       // get_tavrix_acl(): no map or no path to look at
+constexpr int kComparisonTrace = 10;  // every comparison of a lookup, above level 9
+constexpr uint32_t kNoChild = 0xFFFFFFFFU;
+
+// How a walk treats memory: a warm image hides its cache misses by loading ahead, a cold one must
+// not touch a page that the answer does not need.
+enum class Access { kWarm, kCold };
+
+// The whole comparison of two names of equal hash and length.
+bool names_equal(const char* stored, const PathComponent& wanted, int debug_level) {
+  int difference = tavrix_strncasecmp(stored, wanted.name, static_cast<int>(wanted.len));
+  TAVRIX_LOG_IF(debug_level, kComparisonTrace, "tavrix_strncasecmp strcmpres %d", difference);
+  if (difference != 2) return difference == 0;
+  difference = strncasecmp_m_wrapper(stored, wanted.name, wanted.len);
+  TAVRIX_LOG_IF(debug_level, kComparisonTrace, "StrnCaseCmp strcmpres %d", difference);
+  if (difference == 0) return true;
+  difference = std::memcmp(stored, wanted.name, wanted.len);
+  TAVRIX_LOG_IF(debug_level, kComparisonTrace, "memcmp strcmpres %d", difference);
+  return difference == 0;
+}
+
+// The first slot whose folder bears the wanted name; two integers tell most others apart.
+template <Access kAccess>
+uint32_t find_child(const ImageView& image, const child_list_s& list, const PathComponent& wanted,
+                    int debug_level) {
+  constexpr uint32_t kAhead = 6;
+  const uint32_t children = list.num_children;
+  if constexpr (kAccess == Access::kWarm) {
+    for (uint32_t slot = 0; slot < children && slot < kAhead; ++slot) {
+      image.prefetch_fselem(ImageView::child_at(list, slot));
+    }
+  }
+  for (uint32_t slot = 0; slot < children; ++slot) {
+    if constexpr (kAccess == Access::kWarm) {
+      if (slot + kAhead < children) image.prefetch_fselem(ImageView::child_at(list, slot + kAhead));
+    }
+    const uint32_t offset = ImageView::child_at(list, slot);
+    const name_elem_s& name = image.name_of(image.fselem(offset));
+    if (name.hashval != wanted.hash || name.name_len != wanted.len) continue;
+    const char* stored = ImageView::bytes_of(name);
+    if (!names_equal(stored, wanted, debug_level)) continue;
+    TAVRIX_LOG_IF(debug_level, kComparisonTrace, "Found match cnelem %.*s and pelem %.*s",
+                  static_cast<int>(name.name_len), stored, static_cast<int>(wanted.len),
+                  wanted.name);
+    return offset;
+  }
+  return kNoChild;
+}
+
+const fs_elem_s& require_root(const ImageView& image) {
+  const fs_elem_s& root = image.fselem(0);
+  TAVRIX_REQUIRE(root.parent_offset == FSELEM_ROOT_OFFSET2,
+                 "fselem->parent_offset == FSELEM_ROOT_OFFSET2");
+  TAVRIX_REQUIRE(ImageView::text_of(image.name_of(root)) == "/", "strcmp(nelem->name, \"/\") == 0");
+  static_cast<void>(image.children_of(root));
+  return root;
+}
+
+void trace_matched_name(const ImageView& image, uint32_t offset, int debug_level) {
+  if (__builtin_expect(debug_level < kComparisonTrace, 1)) return;
+  const std::string_view name = ImageView::text_of(image.name_of(image.fselem(offset)));
+  TAVRIX_LOG_IF(debug_level, kComparisonTrace, "Matched name %.*s", static_cast<int>(name.size()),
+                name.data());
+}
+
+// Descends from the root, a component a level, as far as the names match. `next` hands out the
+// components without the leading "/".
+template <Access kAccess, typename NextComponent>
+PathMatch walk(const ImageView& image, NextComponent next) {
+  const int debug_level = tavrix_debug_level();
+  const fs_elem_s* folder = &require_root(image);
+  PathMatch match;
+  PathComponent wanted{};
+  while (next(wanted)) {
+    match.parent = match.self;  // if this component is the last, the parent path ends before it
+    const bool is_leaf = (folder->flags & FSELEM_FLAG_NO_CHILD_LIST) != 0;
+    const uint32_t child =
+        is_leaf ? kNoChild
+                : find_child<kAccess>(image, image.children_of(*folder), wanted, debug_level);
+    if (child == kNoChild) {
+      match.self.code = SHM_MEMBE_OK_NAMEREMAPPED;
+      const bool parent_is_missing_too = next(wanted);
+      if (parent_is_missing_too) match.parent.code = SHM_MEMBE_OK_NAMEREMAPPED;
+      break;
+    }
+    match.self = {child, SHM_MEMBE_OK};
+    folder = &image.fselem(child);
+  }
+  trace_matched_name(image, match.self.offset, debug_level);
+  return match;
+}
+
+// The header check of a lookup: reported, where every check further in aborts.
+bool has_sound_header(const void* map) {
+  return static_cast<const tavrix_be_header*>(map)->signature == TAVRIX_BE_HEADER_SIGNATURE;
+}
+
+// The folder's own ACL if it has entries, else that of the nearest ancestor that has; the root's at
+// the latest, even when it is empty.
+membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavrix_acl_t** acl) {
+  const fs_elem_s* folder = &image.fselem(fselem_offset);
+  uint32_t inherited = TAVRIX_ACE_EXPLICIT;
+  uint32_t folders_left = image.header().total_fselems;
+  while (true) {
+    if ((folder->flags & FSELEM_FLAG_ROOT) != 0) {
+      TAVRIX_LOG(2, "%s(%d) : reached root", static_cast<const char*>(__func__), __LINE__);
+      break;
+    }
+    if (image.acl_of(*folder).num_aces > 0) break;
+    // More steps than folders: the parents of a damaged image run in a circle.
+    TAVRIX_REQUIRE(folders_left-- > 0, "parents end at the root");
+    folder = &image.fselem(folder->parent_offset);
+    inherited = TAVRIX_ACE_INHERITED;
+  }
+  return membuf_2_ACL(&image.acl_of(*folder), TAVRIX_ACL_VERSION, inherited, acl);
+}
+
+// The ACL of a folder that a lookup found; inherited as a whole when the path lies below the
+// folder.
+void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t** acl) {
+  const membe_shm_err result = governing_acl(image, match.offset, acl);
+  if (result != SHM_MEMBE_OK) {
+    TAVRIX_LOG(0, "ENFORCE_PERMS Cannot get Tavrix ACL %d", static_cast<int>(result));
+    TAVRIX_REQUIRE(result == SHM_MEMBE_OK, "ret == SHM_MEMBE_OK");
+  }
+  if (match.code != SHM_MEMBE_OK_NAMEREMAPPED) return;
+  TAVRIX_LOG(4, "setting inherited as ret is SHM_MEMBE_OK_NAMEREMAPPED");
+  TAVRIX_LOG(4, "Setting INHERITED flag %s(%d)", static_cast<const char*>(__func__), __LINE__);
+  set_inheritance_flag(*acl, TAVRIX_ACE_INHERITED);
+}
+
+template <Access kAccess>
+PathMatch walk_path(const ImageView& image, std::string_view path) {
+  PathCursor cursor(path);
+  return walk<kAccess>(image,
+                       [&cursor](PathComponent& component) { return cursor.next(component); });
+}
+
+// 0 when the map and the path can be looked at. A map of foreign bytes ends the process: a verdict
+// from it could be anything.
+int require_lookup(const void* map, std::string_view path) {
+  if (map == nullptr) {
+    TAVRIX_LOG(0, "ENFORCE_PERMS Null membuf");
+    return kNotLookedUp;
+  }
+  if (path.empty()) {
+    TAVRIX_LOG(0, "ENFORCE_PERMS Empty path");
+    return kNotLookedUp;
+  }
+  if (!has_sound_header(map)) {
+    TAVRIX_LOG(0, "Corrupted map ");
+    TAVRIX_LOG(0, "ENFORCE_PERMS Cannot find path in permission map %d",
+               static_cast<int>(SHM_MEMBE_ERR_BADARGS));
+    TAVRIX_REQUIRE(has_sound_header(map), "ret == SHM_MEMBE_OK");
+  }
+  return 0;
+}
+
+}  // namespace
+
+int governing_acls(void* map, std::string_view path, AclPtr& self, AclPtr& parent) {
+  if (const int refused = require_lookup(map, path); refused != 0) return refused;
+  const ImageView image(map);
+  const PathMatch match = walk_path<Access::kCold>(image, path);
+  tavrix_acl_t* acl = nullptr;
+  acl_of_match(image, match.self, &acl);
+  self.reset(std::exchange(acl, nullptr));
+  acl_of_match(image, match.parent, &acl);
+  parent.reset(acl);
+  return 0;
+}
+
+}  // namespace tavrix
+
+using tavrix::ImageView;
+
+membe_shm_err find_fselem_fromname(void* map, path_array* parr, uint32_t* offset) {
+  if (map == nullptr) {
+    TAVRIX_LOG(0, "NULL perm map");
+    return SHM_MEMBE_ERR_MAP_CORRUPTION;
+  }
+  if (parr == nullptr) {
+    TAVRIX_LOG(0, "Null file path ");
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  if (!tavrix::has_sound_header(map)) {
+    TAVRIX_LOG(0, "Corrupted map ");
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  TAVRIX_REQUIRE(offset != nullptr && *offset == 0, "*offset == 0");
+
+  const auto is_root = [](const path_elems& elem) {
+    return elem.len == 1 && elem.name_elem[0] == '/';
+  };
+  uint32_t index = parr->num_elems > 0 && is_root(*parr->elems[0]) ? 1 : 0;
+  const auto next = [parr, &index](tavrix::PathComponent& component) {
+    if (index >= parr->num_elems) return false;
+    const path_elems& elem = *parr->elems[index++];
+    component = {elem.name_elem, elem.len, elem.hashval};
+    return true;
+  };
+  const tavrix::FolderMatch match = tavrix::walk<tavrix::Access::kWarm>(ImageView(map), next).self;
+  *offset = match.offset;
+  return match.code;
+}
+
+membe_shm_err get_tavrixacl_fromfselemoffset(void* map, uint32_t fselem_offset,
+                                             tavrix_acl_t** acl) {
+  if (map == nullptr) {
+    TAVRIX_LOG(0, "Invalid perm map");
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  const ImageView image(map);
+  return membuf_2_ACL(&image.acl_of(image.fselem(fselem_offset)), TAVRIX_ACL_VERSION,
+                      TAVRIX_ACE_EXPLICIT, acl);
+}
+
+membe_shm_err get_nonempty_tavrixacl_fromfselemoffset(void* map, uint32_t fselem_offset,
+                                                      tavrix_acl_t** acl) {
+  if (map == nullptr) {
+    TAVRIX_LOG(0, "Invalid perm map");
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  return tavrix::governing_acl(ImageView(map), fselem_offset, acl);
+}
+
+int get_tavrix_acl(void* map, const char* path, tavrix_acl_t** acl) {
+  if (path == nullptr) {
+    TAVRIX_LOG(0, "ENFORCE_PERMS Null path");
+    TAVRIX_REQUIRE(path != nullptr, "path != NULL");
+  }
+  const std::string_view text(path);
+  if (const int refused = tavrix::require_lookup(map, text); refused != 0) return refused;
+  const ImageView image(map);
+  tavrix::acl_of_match(image, tavrix::walk_path<tavrix::Access::kWarm>(image, text).self, acl);
+  return 0;
+}
