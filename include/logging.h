@@ -16,7 +16,7 @@ TAVRIX_BEGIN_DECLS
 /* The debug level of this process; 0 before the parameter block is attached, so that errors made
  * that early are still seen. */
 static inline int tavrix_debug_level(void) {
-  const struct global_param_s *params = global_params;
+  const struct global_param_s* params = global_params;
   return params == NULL ? 0 : params[PARAM_DEBUG_LEVEL].value.intval;
 }
 
@@ -26,19 +26,19 @@ TAVRIX_END_DECLS
  * trace "above 3" has level 4. TAVRIX_LOG_IF takes the debug level from the caller, for code that
  * logs often between two looks at it. */
 #ifdef __cplusplus
-#define TAVRIX_LOG_IF(debug_level, level, format, ...)                              \
-  do {                                                                              \
-    if (__builtin_expect((debug_level) >= (level), 0))                              \
-      ::syslog(LOG_INFO, "%s:%d(%s) " format, __FILE__, __LINE__,                   \
-               static_cast<const char *>(__func__) __VA_OPT__(, ) __VA_ARGS__);     \
+#define TAVRIX_LOG_IF(debug_level, level, format, ...)                         \
+  do {                                                                         \
+    if (__builtin_expect((debug_level) >= (level), 0))                         \
+      ::syslog(LOG_INFO, "%s:%d(%s) " format, __FILE__, __LINE__,              \
+               static_cast<const char*>(__func__) __VA_OPT__(, ) __VA_ARGS__); \
   } while (0)
 #define TAVRIX_LOG(level, format, ...) \
   TAVRIX_LOG_IF(tavrix_debug_level(), level, format __VA_OPT__(, ) __VA_ARGS__)
 #else
-#define TAVRIX_LOG_IF(debug_level, level, format, ...)                                       \
-  do {                                                                                       \
-    if (__builtin_expect((debug_level) >= (level), 0))                                       \
-      syslog(LOG_INFO, "%s:%d(%s) " format, __FILE__, __LINE__, __func__, ##__VA_ARGS__);    \
+#define TAVRIX_LOG_IF(debug_level, level, format, ...)                                    \
+  do {                                                                                    \
+    if (__builtin_expect((debug_level) >= (level), 0))                                    \
+      syslog(LOG_INFO, "%s:%d(%s) " format, __FILE__, __LINE__, __func__, ##__VA_ARGS__); \
   } while (0)
 #define TAVRIX_LOG(level, format, ...) \
   TAVRIX_LOG_IF(tavrix_debug_level(), level, format, ##__VA_ARGS__)

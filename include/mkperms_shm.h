@@ -6,9 +6,9 @@
  * ACE opens with, or holds, a signature that readers check. Integers are little-endian.
  *
  * The loader calls, in this order: get_permbe_shmsize(), create_perm_map_shm() (perm_map.h) for
- * memsize bytes, init_permbe_shm(), swap_maps(). The functions below write traces to standard output
- * and report failures three ways: the result, the system log and the sweeper log. They are not
- * reentrant: one import at a time in a process. Broken invariants of the size file abort. */
+ * memsize bytes, init_permbe_shm(), swap_maps(). The functions below write traces to standard
+ * output and report failures three ways: the result, the system log and the sweeper log. They are
+ * not reentrant: one import at a time in a process. Broken invariants of the size file abort. */
 #ifndef TAVRIX_MKPERMS_SHM_H
 #define TAVRIX_MKPERMS_SHM_H
 
@@ -28,31 +28,32 @@ TAVRIX_BEGIN_DECLS
 #define LISTSIG 0x789A789AU
 #define ACLSIG 0xCDEFCDEFU
 
-#define FSELEM_ROOT_OFFSET 0xFFFFFFFFU  /* parent of a root that the data pass has not marked yet */
+#define FSELEM_ROOT_OFFSET 0xFFFFFFFFU  /* parent of a root that the data pass has not marked yet \
+                                         */
 #define FSELEM_ROOT_OFFSET2 0xFFFFFFFEU /* parent of the root of a finished image */
 
-#define FSELEM_FLAG_ROOT 1U         /* the element is the root */
+#define FSELEM_FLAG_ROOT 1U          /* the element is the root */
 #define FSELEM_FLAG_NO_CHILD_LIST 2U /* a leaf; clist_offset means nothing */
 
 #define MAXMAP_NAMELEN 32         /* a map name has at most 31 characters */
 #define MAXMAP_VERSION_NAMELEN 36 /* a version may fill its field, without a NUL then */
 
-TAVRIX_ENUM(membe_shm_err){
-    SHM_MEMBE_OK = 0,
-    SHM_MEMBE_ERR_NOMEM = 1,
-    SHM_MEMBE_ERR_LISTERR = 2,
-    SHM_MEMBE_ERR_BADARGS = 3,
-    SHM_MEMBE_ERR_STATE_MISMATCH = 4,
-    SHM_MEMBE_ERR_VERSION_MISMATCH = 5,
-    SHM_MEMBE_ERR_BAD_ACL = 6,
-    SHM_MEMBE_ERR_NOPERM_SIZE_FILE = 7,
-    SHM_MEMBE_ERR_NOPERM_FILE = 8,
-    SHM_MEMBE_ERR_NOCACHE_FILE = 9,
-    SHM_MEMBE_ERR_MAP_CORRUPTION = 10,
-    SHM_MEMBE_ERR_PERMMAP_WRERR = 11,
-    SHM_MEMBE_ERR_PERMMAP_RDERR = 12,
-    SHM_MEMBE_ERR_PERMMAP_BUFFER2SMALL = 13,
-    SHM_MEMBE_OK_NAMEREMAPPED = 14, /* a success: the lookup stopped at an ancestor */
+enum membe_shm_err TAVRIX_ENUM_INT {
+  SHM_MEMBE_OK = 0,
+  SHM_MEMBE_ERR_NOMEM = 1,
+  SHM_MEMBE_ERR_LISTERR = 2,
+  SHM_MEMBE_ERR_BADARGS = 3,
+  SHM_MEMBE_ERR_STATE_MISMATCH = 4,
+  SHM_MEMBE_ERR_VERSION_MISMATCH = 5,
+  SHM_MEMBE_ERR_BAD_ACL = 6,
+  SHM_MEMBE_ERR_NOPERM_SIZE_FILE = 7,
+  SHM_MEMBE_ERR_NOPERM_FILE = 8,
+  SHM_MEMBE_ERR_NOCACHE_FILE = 9,
+  SHM_MEMBE_ERR_MAP_CORRUPTION = 10,
+  SHM_MEMBE_ERR_PERMMAP_WRERR = 11,
+  SHM_MEMBE_ERR_PERMMAP_RDERR = 12,
+  SHM_MEMBE_ERR_PERMMAP_BUFFER2SMALL = 13,
+  SHM_MEMBE_OK_NAMEREMAPPED = 14, /* a success: the lookup stopped at an ancestor */
 };
 typedef enum membe_shm_err membe_shm_err;
 
@@ -141,9 +142,9 @@ TAVRIX_ASSERT_SIZE(struct child_list_s, 12);
 TAVRIX_ASSERT_OFFSET(struct child_list_s, num_children, 4);
 TAVRIX_ASSERT_OFFSET(struct child_list_s, next_index, 8);
 
-TAVRIX_ENUM(e_beace_idtype){
-    IDTYPE_UID = 1,
-    IDTYPE_GID = 2,
+enum e_beace_idtype TAVRIX_ENUM_INT {
+  IDTYPE_UID = 1,
+  IDTYPE_GID = 2,
 };
 typedef enum e_beace_idtype e_beace_idtype;
 
@@ -175,8 +176,8 @@ TAVRIX_ASSERT_OFFSET(struct beacl_s, num_aces, 4);
 struct memsummary_s {
   struct tavrix_stack_head_s sth; /* the parse stack, of jsonstack */
   char mapname[MAXMAP_NAMELEN];
-  char *perm_map_name_size; /* path of the size file; null with perm_map_name_data: restore */
-  char *perm_map_name_data; /* path of the data file */
+  char* perm_map_name_size; /* path of the size file; null with perm_map_name_data: restore */
+  char* perm_map_name_data; /* path of the data file */
   char version[MAXMAP_VERSION_NAMELEN]; /* not necessarily terminated when full */
   uint32_t generationnum;
   time_t timestamp;
@@ -188,17 +189,17 @@ struct memsummary_s {
   uint32_t acl_offset;
   uint32_t list_offset;
   uint32_t memsize; /* bytes of the image */
-  void *membuf;     /* the attached image, memsize writable bytes; set by the caller */
+  void* membuf;     /* the attached image, memsize writable bytes; set by the caller */
 };
 typedef struct memsummary_s memsummary_s;
 typedef struct memsummary_s memsummary_t;
 
-TAVRIX_ENUM(stelem_type){
-    STELEM_TYPE_FSELEM = 0,
-    STELEM_TYPE_NAMEELEM = 1,
-    STELEM_TYPE_ACLELEM = 2,
-    STELEM_TYPE_LISTELEM = 3,
-    STELEM_TYPE_INVALID = 4,
+enum stelem_type TAVRIX_ENUM_INT {
+  STELEM_TYPE_FSELEM = 0,
+  STELEM_TYPE_NAMEELEM = 1,
+  STELEM_TYPE_ACLELEM = 2,
+  STELEM_TYPE_LISTELEM = 3,
+  STELEM_TYPE_INVALID = 4,
 };
 typedef enum stelem_type stelem_type;
 
@@ -208,23 +209,23 @@ struct jsonstack_s {
   int state;                      /* json_mapsize_states or json_permdata_states */
   stelem_type stetype;
   uint32_t jsonoffset; /* of the folder it belongs to, in the folder region */
-  void *data;          /* the in-memory ACL being built, where there is one */
+  void* data;          /* the in-memory ACL being built, where there is one */
 };
 typedef struct jsonstack_s jsonstack_s;
 typedef struct jsonstack_s jsonstack;
 typedef struct jsonstack_s jsonstack_t;
 
-TAVRIX_ENUM(json_mapsize_states){
-    SHMMAPSZ_STATE_STARTMAP = 0,
-    SHMMAPSZ_STATE_ENDMAP = 1,
-    SHMMAPSZ_STATE_MAPNAME = 2,
-    SHMMAPSZ_STATE_VERSION = 3,
-    SHMMAPSZ_STATE_GENERATIONNUM = 4,
-    SHMMAPSZ_STATE_TIMESTAMP = 5,
-    SHMMAPSZ_STATE_TOTALFSELEMS = 6,
-    SHMMAPSZ_STATE_TOTALACES = 7,
-    SHMMAPSZ_STATE_TOTALNAMELEN = 8,
-    SHMMAPSZ_STATE_INVAL = 9,
+enum json_mapsize_states TAVRIX_ENUM_INT {
+  SHMMAPSZ_STATE_STARTMAP = 0,
+  SHMMAPSZ_STATE_ENDMAP = 1,
+  SHMMAPSZ_STATE_MAPNAME = 2,
+  SHMMAPSZ_STATE_VERSION = 3,
+  SHMMAPSZ_STATE_GENERATIONNUM = 4,
+  SHMMAPSZ_STATE_TIMESTAMP = 5,
+  SHMMAPSZ_STATE_TOTALFSELEMS = 6,
+  SHMMAPSZ_STATE_TOTALACES = 7,
+  SHMMAPSZ_STATE_TOTALNAMELEN = 8,
+  SHMMAPSZ_STATE_INVAL = 9,
 };
 typedef enum json_mapsize_states json_mapsize_states;
 
@@ -232,25 +233,26 @@ typedef enum json_mapsize_states json_mapsize_states;
  * computes memsize. Both files must exist. With neither path given, `*msum` is the caller's own
  * summary, and memsize becomes the size of the local copy of the image. A size file that does not
  * parse to its end is not a failure: what was read counts. */
-TAVRIX_API membe_shm_err get_permbe_shmsize(const char *perm_size_file, const char *perm_file_data,
-                                            memsummary_s **msum);
+TAVRIX_API membe_shm_err get_permbe_shmsize(const char* perm_size_file, const char* perm_file_data,
+                                            memsummary_s** msum);
 
-/* Lays out the header of the image at `perm_be_shm->membuf` and fills the image: from the data file,
- * or from the local copy when the summary names none. The caller owns the segment and publishes it. */
-TAVRIX_API membe_shm_err init_permbe_shm(memsummary_s *perm_be_shm);
+/* Lays out the header of the image at `perm_be_shm->membuf` and fills the image: from the data
+ * file, or from the local copy when the summary names none. The caller owns the segment and
+ * publishes it. */
+TAVRIX_API membe_shm_err init_permbe_shm(memsummary_s* perm_be_shm);
 
 /* Steps of the two functions above. */
-TAVRIX_API membe_shm_err init_mem_summary(memsummary_s **summary);
-TAVRIX_API void estimate_shmbe_size(memsummary_s *sum);
-TAVRIX_API membe_shm_err init_shmbe(memsummary_s *sum);
+TAVRIX_API membe_shm_err init_mem_summary(memsummary_s** summary);
+TAVRIX_API void estimate_shmbe_size(memsummary_s* sum);
+TAVRIX_API membe_shm_err init_shmbe(memsummary_s* sum);
 
 /* The size pass as the JSON parser sees it: each returns 1 to go on, 0 to cancel. They reach the
  * summary through a variable of the library, not through `ctx`. */
-TAVRIX_API int beshm_start_map(void *ctx);
-TAVRIX_API int beshm_map_key(void *ctx, const unsigned char *key, size_t len);
-TAVRIX_API int beshm_number(void *ctx, const char *number, size_t len);
-TAVRIX_API int beshm_string(void *ctx, const unsigned char *string, size_t len);
-TAVRIX_API int beshm_end_map(void *ctx);
+TAVRIX_API int beshm_start_map(void* ctx);
+TAVRIX_API int beshm_map_key(void* ctx, const unsigned char* key, size_t len);
+TAVRIX_API int beshm_number(void* ctx, const char* number, size_t len);
+TAVRIX_API int beshm_string(void* ctx, const unsigned char* string, size_t len);
+TAVRIX_API int beshm_end_map(void* ctx);
 
 TAVRIX_END_DECLS
 

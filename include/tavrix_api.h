@@ -15,12 +15,12 @@
 #define TAVRIX_BEGIN_DECLS extern "C" {
 #define TAVRIX_END_DECLS }
 /* Callers hand in codes from outside, so every int is a valid value of these enumerations. */
-#define TAVRIX_ENUM(name) enum name : int
+#define TAVRIX_ENUM_INT : int
 #define TAVRIX_STATIC_ASSERT(condition, text) static_assert(condition, text)
 #else
 #define TAVRIX_BEGIN_DECLS
 #define TAVRIX_END_DECLS
-#define TAVRIX_ENUM(name) enum name
+#define TAVRIX_ENUM_INT
 #define TAVRIX_STATIC_ASSERT(condition, text) _Static_assert(condition, text)
 #endif
 

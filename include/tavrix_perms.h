@@ -24,19 +24,19 @@ TAVRIX_BEGIN_DECLS
 #define TAVRIX_ACE_EXPLICIT 0U  /* ace_type: the element's own ACL */
 #define TAVRIX_ACE_INHERITED 1U /* ace_type: taken from an ancestor */
 
-TAVRIX_ENUM(e_file_type){
-    FSTYPE_FILE = 1,
-    FSTYPE_FOLDER = 2,
-    FSTYPE_DOES_NOT_EXIST = 3,
-    FSTYPE_INVAL = 4,
+enum e_file_type TAVRIX_ENUM_INT {
+  FSTYPE_FILE = 1,
+  FSTYPE_FOLDER = 2,
+  FSTYPE_DOES_NOT_EXIST = 3,
+  FSTYPE_INVAL = 4,
 };
 typedef enum e_file_type e_file_type;
 
-TAVRIX_ENUM(e_ace_type){
-    ACE_TYPE_USER = 1,
-    ACE_TYPE_GROUP = 2,
-    ACE_TYPE_ALL = 3, /* cannot be stored */
-    ACE_TYPE_UNDEF = 4,
+enum e_ace_type TAVRIX_ENUM_INT {
+  ACE_TYPE_USER = 1,
+  ACE_TYPE_GROUP = 2,
+  ACE_TYPE_ALL = 3, /* cannot be stored */
+  ACE_TYPE_UNDEF = 4,
 };
 typedef enum e_ace_type e_ace_type;
 typedef enum e_ace_type e_ace_type_t;
@@ -54,7 +54,7 @@ struct tavrix_ace_s {
     gid_t gid;
   } trustee;
   uint32_t perm_mask;
-  struct tavrix_acl_V0_s *acl; /* the owner's place; neither filled nor read by the library */
+  struct tavrix_acl_V0_s* acl; /* the owner's place; neither filled nor read by the library */
 };
 typedef struct tavrix_ace_s tavrix_ace_s;
 typedef struct tavrix_ace_s tavrix_ace_t;
