@@ -5,6 +5,8 @@ pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
 
 set(TAVRIX_SOURCES
   permissions/acl.cpp
+  permissions/caller.cpp
+  permissions/change_id.cpp
   permissions/data_pass.cpp
   permissions/decision.cpp
   permissions/image_dump.cpp

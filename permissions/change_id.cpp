@@ -1,0 +1,59 @@
+// The decision's short switch to the superuser: effective user and group, there and back.
+
+#include <unistd.h>
+
+#include "internal/assert.hpp"
+#include "perm_enforcer.h"
+
+namespace tavrix {
+namespace {
+
+constexpr uid_t kNobodySaved = static_cast<uid_t>(-1);
+
+uid_t save_uid = kNobodySaved;
+gid_t save_gid = kNobodySaved;
+// The saved gid is the real or the saved one too, so that an unprivileged process may take it back.
+bool gid_needs_no_privilege = false;
+
+void become_root() {
+  uid_t real_uid = 0;
+  uid_t saved_uid = 0;
+  gid_t real_gid = 0;
+  gid_t saved_gid = 0;
+  getresuid(&real_uid, &save_uid, &saved_uid);
+  getresgid(&real_gid, &save_gid, &saved_gid);
+  gid_needs_no_privilege = save_gid == real_gid || save_gid == saved_gid;
+  // The user first: only the superuser may take any group.
+  if (save_uid != 0) static_cast<void>(seteuid(0));
+  if (save_gid != 0) static_cast<void>(setegid(0));
+}
+
+// The user first, then the group. In a Samba server process that order cannot succeed: its real and
+// saved gids are 0, and the right to take the client's gid goes away with the uid. There the group
+// goes back while the process is still the superuser.
+void give_back() {
+  const bool group_first = save_uid != 0 && save_gid != 0 && !gid_needs_no_privilege;
+  if (group_first) static_cast<void>(setegid(save_gid));
+  if (save_uid != 0) static_cast<void>(seteuid(save_uid));
+  if (save_gid != 0 && !group_first) static_cast<void>(setegid(save_gid));
+}
+
+}  // namespace
+}  // namespace tavrix
+
+using tavrix::save_gid;
+using tavrix::save_uid;
+
+void _change_id(int which) {
+  if (which == TAVRIX_CHANGE_ID_ROOT) {
+    TAVRIX_REQUIRE(save_uid == tavrix::kNobodySaved && save_gid == tavrix::kNobodySaved,
+                   "save_uid == -1 && save_gid == -1");
+    tavrix::become_root();
+    return;
+  }
+  TAVRIX_REQUIRE(save_uid != tavrix::kNobodySaved && save_gid != tavrix::kNobodySaved,
+                 "save_uid != -1 && save_gid != -1");
+  tavrix::give_back();
+  save_uid = tavrix::kNobodySaved;
+  save_gid = tavrix::kNobodySaved;
+}
