@@ -1,0 +1,99 @@
+// May this connection do this? Answered from its verdict cache, or by the decision.
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal/assert.hpp"
+#include "internal/scoped.hpp"
+#include "logging.h"
+#include "perm_enforcer.h"
+#include "tavrix_vfs_utils.h"
+
+namespace tavrix {
+namespace {
+
+constexpr int kTrace = 10;
+
+bool is_answer(e_vfs_enforce_perms verdict) {
+  return verdict == TXPERMS_NO_PERM || verdict == TXPERMS_HAS_PERMS;
+}
+
+e_vfs_enforce_perms unusable_path(const char* path, int error) {
+  if (error == ENOMEM) {
+    TAVRIX_LOG(0, "path normalization failed %s: %s\n", path, strerror(error));
+    return TXPERMS_MALLOC_ERR;
+  }
+  if (error != ENOENT) {
+    TAVRIX_LOG(0, "path normalization failed for %s: code=%d (%s)\n", path != nullptr ? path : "",
+               error, strerror(error));
+    TAVRIX_REQUIRE(error == ENOENT, "0");
+  }
+  // It climbs above the share: the file system refuses it later.
+  TAVRIX_LOG(kTrace,
+             "returning HAS_PERMS, path normalization returned an unusable path %s: %s\n", path,
+             strerror(error));
+  return TXPERMS_HAS_PERMS;
+}
+
+e_vfs_enforce_perms decide(const char* shareroot, const char* clean, e_fsop_type op,
+                           connection_private_data_s& connection, int force_path_type) {
+  if (connection.reserved_user != 0) return TXPERMS_HAS_PERMS;
+  const CString full(get_full_path(shareroot, clean));
+  if (full == nullptr) return TXPERMS_MALLOC_ERR;
+  TAVRIX_LOG(1, "Calling vfs_enforce_perms path=(%s) op=(%d), full_path=[%s]\n", clean,
+             static_cast<int>(op), full.get());
+  int is_nav = 0;
+  const e_vfs_enforce_perms verdict = vfs_enforce_perms(
+      shareroot, full.get(), op, &connection.groupmap, force_path_type, &is_nav);
+  TAVRIX_LOG(kTrace, "tavrix_%s: vfs_enforce_perms retval=%d\n", static_cast<const char*>(__func__),
+             static_cast<int>(verdict));
+  return verdict;
+}
+
+// Errors and the standard user's refusal are not kept: the next check asks again.
+void remember(const char* clean, e_fsop_type op, e_vfs_enforce_perms verdict,
+              e_vfs_enforce_perms looked_up, int slot, vfs_table_cache_s& cache) {
+  if (!is_answer(verdict)) return;
+  switch (looked_up) {
+    case TXPERMS_NOT_FOUND:
+      TAVRIX_LOG(kTrace, "TLB: Adding entry for %s, op %d, perms %d, slot %d\n", clean,
+                 static_cast<int>(op), static_cast<int>(verdict), slot);
+      add_tlb_entry(clean, slot, op, verdict, &cache);
+      return;
+    case TXPERMS_NOT_SET:
+      TAVRIX_LOG(kTrace, "TLB: Updating entry for %s, op %d, perms %d, slot %d\n", clean,
+                 static_cast<int>(op), static_cast<int>(verdict), slot);
+      update_tlb_entry(slot, op, verdict, &cache);
+      return;
+    default:
+      TAVRIX_REQUIRE(false, "0");
+  }
+}
+
+}  // namespace
+}  // namespace tavrix
+
+e_vfs_enforce_perms check_perms(const char* shareroot, const char* path, e_fsop_type op,
+                                connection_private_data_s* connection, int force_path_type) {
+  if (connection->groupmap.is_computer_acct != 0) {
+    TAVRIX_LOG(tavrix::kTrace, "tavrix_%s TXPERMS_NO_PERM\n", static_cast<const char*>(__func__));
+    return TXPERMS_NO_PERM;
+  }
+  errno = 0;
+  const tavrix::CString clean(normalize_path(path));
+  if (clean == nullptr) return tavrix::unusable_path(path, errno);
+
+  vfs_table_cache_s& cache = connection->vfs_table_cache;
+  int slot = -1;
+  const e_vfs_enforce_perms cached = check_tlb(clean.get(), op, &slot, &cache);
+  if (tavrix::is_answer(cached)) {
+    TAVRIX_LOG(tavrix::kTrace, "TLB: Cache hit for %s, op %d, perms %d, slot %d\n", clean.get(),
+               static_cast<int>(op), static_cast<int>(cached), slot);
+    return cached;
+  }
+  const e_vfs_enforce_perms verdict =
+      tavrix::decide(shareroot, clean.get(), op, *connection, force_path_type);
+  tavrix::remember(clean.get(), op, verdict, cached, slot, cache);
+  return verdict;
+}

@@ -1,0 +1,187 @@
+// The verdict cache of a connection: paths in most-recently-used order, two bits an operation.
+
+#include <cstdlib>
+#include <cstring>
+
+#include "internal/assert.hpp"
+#include "logging.h"
+#include "tavrix_vfs_utils.h"
+
+namespace tavrix {
+namespace {
+
+constexpr int kNewPath = -1;
+constexpr std::size_t kLongestComparison = 4096;  // characters of a path that tell paths apart
+
+// The place of an operation in the two bit sets of a slot.
+struct OperationBit {
+  explicit OperationBit(e_fsop_type op) noexcept : word(op >= 32 ? 1U : 0U) {
+    TAVRIX_REQUIRE(op != 0, "op != 0");
+    mask = 1U << (static_cast<unsigned>(op) % 32U);
+  }
+  unsigned word;
+  uint32_t mask = 0;
+};
+
+bool is_grant(e_vfs_enforce_perms verdict) { return verdict == TXPERMS_HAS_PERMS; }
+
+int slot_at(const vfs_table_cache_s& cache, int position) {
+  return cache.tlb_index_table[position];
+}
+
+void reset(vfs_table_cache_s& cache) {
+  std::memset(cache.tlb_perms, 0, sizeof cache.tlb_perms);
+  std::memset(cache.tlb_paths, 0, sizeof cache.tlb_paths);
+  for (int i = 0; i < TAVRIX_TLB_PATHS; ++i) cache.tlb_index_table[i] = i;
+  cache.vfs_tlb_end = 0;
+}
+
+// A slot for one path more: the next free one, or the one least recently used.
+int take_slot(vfs_table_cache_s& cache) {
+  if (cache.vfs_tlb_end >= TAVRIX_TLB_PATHS) {
+    const int slot = slot_at(cache, cache.vfs_tlb_end - 1);
+    std::free(cache.tlb_paths[slot]);
+    cache.tlb_paths[slot] = nullptr;
+    return slot;
+  }
+  const int slot = slot_at(cache, cache.vfs_tlb_end);
+  cache.vfs_tlb_end += 1;
+  TAVRIX_REQUIRE(cache.tlb_paths[slot] == nullptr, "tlb_cache->tlb_paths[index] == NULL");
+  return slot;
+}
+
+void move_to_front(vfs_table_cache_s& cache, int position) {
+  int* table = cache.tlb_index_table;
+  const int slot = table[position];
+  std::memmove(table + 1, table, static_cast<std::size_t>(position) * sizeof *table);
+  table[0] = slot;
+}
+
+// Most positions of a full cache are looked at, so the comparison is chosen once: paths shorter than
+// the limit are told apart by their ends.
+template <typename Equals>
+int find_position(const vfs_table_cache_s& cache, Equals equals) {
+  constexpr int kAhead = 4;
+  for (int position = 0; position < cache.vfs_tlb_end; ++position) {
+    if (position + kAhead < cache.vfs_tlb_end) {
+      __builtin_prefetch(cache.tlb_paths[slot_at(cache, position + kAhead)]);
+    }
+    const char* stored = cache.tlb_paths[slot_at(cache, position)];
+    // A slot without a path: the copy for it could not be allocated.
+    if (stored != nullptr && equals(stored)) return position;
+  }
+  return -1;
+}
+
+}  // namespace
+}  // namespace tavrix
+
+using tavrix::OperationBit;
+using tavrix::slot_at;
+
+void init_tlb(vfs_table_cache_s* cache) { tavrix::reset(*cache); }
+
+void destroy_tlb(vfs_table_cache_s* cache) {
+  for (char* path : cache->tlb_paths) std::free(path);
+  tavrix::reset(*cache);
+}
+
+int _tlb_lookup_path(const char* path, vfs_table_cache_s* cache) {
+  if (strnlen(path, tavrix::kLongestComparison) < tavrix::kLongestComparison) {
+    return tavrix::find_position(
+        *cache, [path](const char* stored) { return std::strcmp(stored, path) == 0; });
+  }
+  return tavrix::find_position(*cache, [path](const char* stored) {
+    return std::strncmp(stored, path, tavrix::kLongestComparison) == 0;
+  });
+}
+
+int _update_tlb_hit(int position, vfs_table_cache_s* cache) {
+  TAVRIX_REQUIRE(position >= 0 && position < cache->vfs_tlb_end,
+                 "position >= 0 && position < tlb_cache->vfs_tlb_end");
+  tavrix::move_to_front(*cache, position);
+  return 0;
+}
+
+e_vfs_enforce_perms check_tlb(const char* path, e_fsop_type op, int* index,
+                              vfs_table_cache_s* cache) {
+  const OperationBit bit(op);
+  *index = -1;
+  if (cache->flush_tlb == TAVRIX_TLB_FLUSH_REQUESTED) {
+    TAVRIX_LOG(10, "Flushing and rebuilding tlb \n");
+    destroy_tlb(cache);
+    init_tlb(cache);
+    cache->flush_tlb = TAVRIX_TLB_FLUSHED;
+  }
+  const int position = _tlb_lookup_path(path, cache);
+  if (position == -1) return TXPERMS_NOT_FOUND;
+  const tlb_perms_s& perms = cache->tlb_perms[slot_at(*cache, position)];
+  if ((perms.set[bit.word] & bit.mask) == 0) {
+    *index = position;
+    return TXPERMS_NOT_SET;
+  }
+  const bool granted = (perms.value[bit.word] & bit.mask) != 0;
+  *index = _update_tlb_hit(position, cache);
+  return granted ? TXPERMS_HAS_PERMS : TXPERMS_NO_PERM;
+}
+
+void add_tlb_entry(const char* path, int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
+                   vfs_table_cache_s* cache) {
+  const OperationBit bit(op);
+  int position = slot;
+  int used_slot = 0;
+  if (slot == tavrix::kNewPath) {
+    used_slot = tavrix::take_slot(*cache);
+    cache->tlb_paths[used_slot] = strdup(path);
+    if (cache->tlb_paths[used_slot] == nullptr) {
+      TAVRIX_LOG(0, "Cannot create path for TLB cache, out of memory\n");
+      return;
+    }
+    cache->tlb_perms[used_slot] = {};
+    position = cache->vfs_tlb_end - 1;
+  } else {
+    TAVRIX_REQUIRE(slot >= 0 && slot < cache->vfs_tlb_end,
+                   "slot >= 0 && slot < tlb_cache->vfs_tlb_end");
+    used_slot = slot_at(*cache, slot);
+  }
+  tlb_perms_s& perms = cache->tlb_perms[used_slot];
+  if (tavrix::is_grant(verdict)) perms.value[bit.word] |= bit.mask;
+  perms.set[bit.word] |= bit.mask;
+  static_cast<void>(_update_tlb_hit(position, cache));
+}
+
+// Takes the number of a slot. The permission check hands it a position, and the two are the same
+// only until the first reordering; the pairing is what modules in the field have been built against.
+void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
+                      vfs_table_cache_s* cache) {
+  TAVRIX_REQUIRE(slot >= 0 && slot < cache->vfs_tlb_end,
+                 "slot >= 0 && slot < tlb_cache->vfs_tlb_end");
+  const OperationBit bit(op);
+  tlb_perms_s& perms = cache->tlb_perms[slot];
+  perms.set[bit.word] |= bit.mask;
+  if (tavrix::is_grant(verdict)) {
+    perms.value[bit.word] |= bit.mask;
+  } else {
+    perms.value[bit.word] &= ~bit.mask;
+  }
+}
+
+// The position behind the last path gets the slot that moved into the gap, not the freed one: unless
+// the last path was deleted, the freed slot is lost until the next flush. Kept as modules know it.
+void del_tlb_entry(const char* path, vfs_table_cache_s* cache) {
+  const int position = _tlb_lookup_path(path, cache);
+  if (position == -1) {
+    TAVRIX_LOG(0, "%s: did not find path %s\n", static_cast<const char*>(__func__), path);
+    return;
+  }
+  int* table = cache->tlb_index_table;
+  const int slot = table[position];
+  std::free(cache->tlb_paths[slot]);
+  cache->tlb_paths[slot] = nullptr;
+  cache->tlb_perms[slot] = {};
+  const int behind = cache->vfs_tlb_end - 1 - position;
+  std::memmove(table + position, table + position + 1,
+               static_cast<std::size_t>(behind) * sizeof *table);
+  table[cache->vfs_tlb_end - 1] = table[position];
+  cache->vfs_tlb_end -= 1;
+}
