@@ -13,6 +13,8 @@ set(TAVRIX_SOURCES
   permissions/image_lookup.cpp
   permissions/image_records.cpp
   permissions/import_driver.cpp
+  permissions/import_report.cpp
+  permissions/json_parse.cpp
   permissions/parse_stack.cpp
   permissions/path_elements.cpp
   permissions/perm_map.cpp
@@ -37,7 +39,8 @@ target_include_directories(tavrix_objects
   PRIVATE ${CMAKE_SOURCE_DIR})
 # Nothing may unwind into C, and nothing here throws.
 target_compile_options(tavrix_objects PRIVATE
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden)
+  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden
+  -fno-semantic-interposition)
 target_link_libraries(tavrix_objects PRIVATE tavrix_settings PUBLIC PkgConfig::YAJL)
 
 add_library(tavrix SHARED $<TARGET_OBJECTS:tavrix_objects>)
@@ -53,7 +56,9 @@ target_include_directories(tavrix INTERFACE
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tavrix>)
 target_link_options(tavrix PRIVATE
   LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/libtavrix.map
-  LINKER:--as-needed)
+  LINKER:--as-needed
+  # Calls inside the library stay inside: nothing may stand in front of a decision.
+  LINKER:-Bsymbolic-functions)
 if(NOT TAVRIX_SANITIZED)
   target_link_options(tavrix PRIVATE LINKER:--no-undefined)
 endif()

@@ -1,0 +1,10 @@
+// The data pass as the import driver sees it.
+#pragma once
+
+#include <yajl/yajl_parse.h>
+
+namespace tavrix {
+
+extern const yajl_callbacks data_pass_callbacks;
+
+}  // namespace tavrix

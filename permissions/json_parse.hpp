@@ -1,0 +1,38 @@
+// One run of the JSON parser over a file that arrives in chunks, and the texts it hands out.
+#pragma once
+
+#include <yajl/yajl_gen.h>
+#include <yajl/yajl_parse.h>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+namespace tavrix {
+
+// Comments are accepted. What the callbacks make of the document is their own affair: the outcome of
+// the parse is told on standard error and nowhere else.
+class JsonParse {
+ public:
+  explicit JsonParse(const yajl_callbacks& callbacks) noexcept;
+  ~JsonParse();
+  JsonParse(const JsonParse&) = delete;
+  JsonParse& operator=(const JsonParse&) = delete;
+
+  // false when the parser does not accept the chunk: a syntax error, or a callback that cancelled.
+  [[nodiscard]] bool feed(const char* chunk, std::size_t length) noexcept;
+  // The end of the document.
+  void finish() noexcept;
+
+ private:
+  void report_error(const unsigned char* chunk, std::size_t length) noexcept;
+  void write_generated() noexcept;
+
+  yajl_handle parser_;
+  yajl_gen generator_;
+  bool is_accepted_ = true;
+};
+
+// strtoull() in base 10 over a token that has no terminator of its own.
+[[nodiscard]] uint64_t decimal_of(const char* token, std::size_t length) noexcept;
+
+}  // namespace tavrix
