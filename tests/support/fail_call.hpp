@@ -1,0 +1,25 @@
+// Failures on demand, and counts, of the C library's calls that this program makes. The program is
+// linked with --wrap for each of them; calls that the C library makes of itself are not seen.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace tavrix::test {
+
+// The nth call from now on, and `times` - 1 after it, fail with that errno without being made.
+void fail_call(const std::string& name, int error, int nth = 1, int times = 1);
+// Runs the action before the nth call from now on.
+void run_before(const std::string& name, std::function<void()> action, int nth = 1);
+// The next read() or write() moves at most that many bytes.
+void cut_short(const std::string& name, long bytes);
+
+// Calls since the last reset.
+int calls(const std::string& name);
+void reset_calls();
+
+// Blocks that came from malloc and its like and were not freed; only differences mean something.
+long live_allocations();
+long allocations();  // made so far
+
+}  // namespace tavrix::test
