@@ -40,7 +40,10 @@ target_include_directories(tavrix_objects
 # Nothing may unwind into C, and nothing here throws.
 target_compile_options(tavrix_objects PRIVATE
   -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden
-  -fno-semantic-interposition)
+  -fno-semantic-interposition
+  # Keeps malloc() and memset() two calls: the compiler would make them one calloc(), which does not
+  # use the C library's per-thread cache.
+  -fno-builtin-malloc)
 target_link_libraries(tavrix_objects PRIVATE tavrix_settings PUBLIC PkgConfig::YAJL)
 
 add_library(tavrix SHARED $<TARGET_OBJECTS:tavrix_objects>)

@@ -167,7 +167,7 @@ TEST_F(DecisionPath, LosesTheMountAndBecomesCanonical) {
 // Eight bytes, whatever they are and whatever the root is: the module has always counted so.
 TEST_F(DecisionPath, LosesEightBytesWhateverTheRootIs) {
   EXPECT_EQ("team/Shared", spelled("/tavrix/team", "/tavrix/team/Shared"));
-  EXPECT_EQ("ed/a", spelled("/tavrix", "/x/Shared/a"));
+  EXPECT_EQ("d/a", spelled("/tavrix", "/x/Shared/a"));
   EXPECT_EQ("/Shared", spelled("/tavrix", "/tavrix//Shared"));
 }
 
