@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "internal/assert.hpp"
+#include "internal/scoped.hpp"
 #include "logging.h"
 #include "perm_utils.h"
 #include "permissions/image.hpp"
@@ -28,7 +29,10 @@ bool names_equal(const char* stored, const PathComponent& wanted, int debug_leve
   int difference = tavrix_strncasecmp(stored, wanted.name, static_cast<int>(wanted.len));
   TAVRIX_LOG_IF(debug_level, kComparisonTrace, "tavrix_strncasecmp strcmpres %d", difference);
   if (difference != 2) return difference == 0;
-  difference = strncasecmp_m_wrapper(stored, wanted.name, wanted.len);
+  // Samba counts its bound in characters, so it needs the end of the name where the path goes on.
+  const CString terminated(strndup(wanted.name, wanted.len));
+  TAVRIX_REQUIRE(terminated != nullptr, "parr != NULL");
+  difference = strncasecmp_m_wrapper(stored, terminated.get(), wanted.len);
   TAVRIX_LOG_IF(debug_level, kComparisonTrace, "StrnCaseCmp strcmpres %d", difference);
   if (difference == 0) return true;
   difference = std::memcmp(stored, wanted.name, wanted.len);
