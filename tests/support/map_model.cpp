@@ -289,6 +289,7 @@ Governing naive_lookup(const Folder& root, const std::string& path) {
   }
   for (const Ace& ace : way.back()->users) result.entries.push_back({ACE_TYPE_USER, ace});
   for (const Ace& ace : way.back()->groups) result.entries.push_back({ACE_TYPE_GROUP, ace});
+  if (result.entries.empty()) result.inherited = false;  // it is told by the entries
   return result;
 }
 
