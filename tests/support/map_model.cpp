@@ -304,14 +304,15 @@ Governing governing_of(const tavrix_acl_t& acl) {
   return result;
 }
 
-Folder random_tree(uint32_t seed, uint32_t folders) {
+Folder random_tree(uint32_t seed, uint32_t folders, Bytes bytes) {
   std::mt19937 random(seed);
   const auto up_to = [&random](uint32_t bound) { return static_cast<uint32_t>(random() % bound); };
   static const std::vector<std::string> kParts = {"a",  "Be", "cON", "D", "\xc3\xa4", "\xc3\x9f",
                                                   " ", ".",  "-x",  "0", "\xe2\x82\xac", "\xff"};
+  const std::size_t parts = kParts.size() - (bytes == Bytes::kUtf8 ? 1 : 0);
   const auto name = [&](uint32_t number) {
     std::string text;
-    for (uint32_t i = up_to(4); i > 0; --i) text += kParts[up_to(kParts.size() & 0xffffffffU)];
+    for (uint32_t i = up_to(4); i > 0; --i) text += kParts[up_to(static_cast<uint32_t>(parts))];
     return text + std::to_string(number);
   };
   const auto aces = [&](uint32_t most) {
