@@ -11,7 +11,8 @@
 
 #include "internal/scoped.hpp"
 #include "logging.h"
-#include "tavrix_utils.h"
+#include "utils/parameters.hpp"
+#include "utils/root_scope.hpp"
 #include "vfs_common.h"
 
 staging_buffer_s* global_read_audit_buffer = nullptr;
@@ -23,18 +24,10 @@ constexpr uint32_t kEmpty = sizeof(staging_buffer_s);  // next_offset of a buffe
 constexpr const char* kTempName = "/adtempXXXXXX";
 constexpr std::size_t kTempNameRoom = 15;
 
-int setting(e_tavrix_global_index index) {
-  return global_params == nullptr ? 0 : global_params[index].value.intval;
-}
-
-const char* auditing_dir() {
-  return global_params == nullptr ? "" : global_params[PARAM_AUDITING_DIR].value.strval;
-}
-
 // Half of the buffer when the percentage is none; the staging buffer takes 80 per cent then.
 int write_threshold() {
-  const int size = setting(PARAM_AUDITING_BUFFER_SIZE);
-  const int percent = setting(PARAM_FLUSH_FILL_THRESHOLD);
+  const int size = parameter(PARAM_AUDITING_BUFFER_SIZE);
+  const int percent = parameter(PARAM_FLUSH_FILL_THRESHOLD);
   if (percent > 99) return size / 2;
   return static_cast<int>(int64_t{size} * percent / 100);
 }
@@ -43,7 +36,7 @@ int write_threshold() {
 std::size_t capacity = 0;
 
 bool allocate_buffer() {
-  const int size = setting(PARAM_AUDITING_BUFFER_SIZE);
+  const int size = parameter(PARAM_AUDITING_BUFFER_SIZE);
   const std::size_t bytes = size > static_cast<int>(kEmpty) ? static_cast<std::size_t>(size) : kEmpty;
   global_read_audit_buffer = static_cast<staging_buffer_s*>(std::calloc(1, bytes));
   capacity = bytes;
@@ -64,25 +57,9 @@ bool make_room(std::size_t end) {
 bool is_flush_due(const staging_buffer_s& buffer) {
   const bool below_threshold = static_cast<int>(buffer.next_offset) < write_threshold();
   const bool in_time = time(nullptr) <=
-                       buffer.last_flush_time + setting(PARAM_AUDITING_FLUSH_INTERVAL);
+                       buffer.last_flush_time + parameter(PARAM_AUDITING_FLUSH_INTERVAL);
   return !(below_threshold && in_time);
 }
-
-// Root for the length of a flush, given back on every path out.
-class RootForFlush {
- public:
-  RootForFlush() noexcept : context_(tavrix_vfs_become_root()) {}
-  ~RootForFlush() {
-    ErrnoKeeper keep;
-    if (context_ != nullptr) static_cast<void>(tavrix_vfs_unbecome_root(context_));
-  }
-  RootForFlush(const RootForFlush&) = delete;
-  RootForFlush& operator=(const RootForFlush&) = delete;
-  [[nodiscard]] explicit operator bool() const noexcept { return context_ != nullptr; }
-
- private:
-  tx_permctx_s* context_;
-};
 
 CString temp_name_in(const char* dir) {
   const std::size_t room = std::strlen(dir) + kTempNameRoom;
@@ -150,7 +127,7 @@ int write_dump(const char* dir) {
 }  // namespace tavrix
 
 void init_audit_buffer(void) {
-  TAVRIX_LOG(1, "Allocating %d for audit buffer", tavrix::setting(PARAM_AUDITING_BUFFER_SIZE));
+  TAVRIX_LOG(1, "Allocating %d for audit buffer", tavrix::parameter(PARAM_AUDITING_BUFFER_SIZE));
   if (global_read_audit_buffer == nullptr) {
     if (!tavrix::allocate_buffer()) {
       TAVRIX_LOG(0, "Unable to allocate buffer for auditing");
@@ -169,7 +146,7 @@ void init_audit_buffer(void) {
   buffer.last_flush_time = time(nullptr);
   buffer.next_offset = tavrix::kEmpty;
   TAVRIX_LOG(1, "Finished  allocating %d for audit buffer flush time %d",
-             tavrix::setting(PARAM_AUDITING_BUFFER_SIZE), static_cast<int>(buffer.last_flush_time));
+             tavrix::parameter(PARAM_AUDITING_BUFFER_SIZE), static_cast<int>(buffer.last_flush_time));
 }
 
 int write_to_audit_buffer(staging_data_s* rec) {
@@ -193,7 +170,7 @@ int write_to_audit_buffer(staging_data_s* rec) {
              "audit: last flush time %d, flush interval %d, current time %d, current offset %d, "
              "data size %d, write threshold %d",
              static_cast<int>(global_read_audit_buffer->last_flush_time),
-             tavrix::setting(PARAM_AUDITING_FLUSH_INTERVAL), static_cast<int>(time(nullptr)),
+             tavrix::parameter(PARAM_AUDITING_FLUSH_INTERVAL), static_cast<int>(time(nullptr)),
              static_cast<int>(global_read_audit_buffer->next_offset), static_cast<int>(length),
              tavrix::write_threshold());
   if (tavrix::is_flush_due(*global_read_audit_buffer) && flush_audit_buffer() == -1) {
@@ -217,9 +194,9 @@ int flush_audit_buffer(void) {
     return -1;
   }
   if (global_read_audit_buffer->num_records == 0) return 1;
-  const tavrix::RootForFlush root;
+  const tavrix::RootScope root;
   if (!root) return -1;
-  const char* dir = tavrix::auditing_dir();
+  const char* dir = tavrix::parameter_text(PARAM_AUDITING_DIR);
   if (!tavrix::is_folder(dir)) {
     TAVRIX_LOG(0, "missing auditing directory %s", dir);
     return -1;

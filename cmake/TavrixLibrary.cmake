@@ -2,13 +2,24 @@
 
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
+pkg_check_modules(PROTOBUF_C REQUIRED IMPORTED_TARGET libprotobuf-c)
 
 set(TAVRIX_SOURCES
+  audit_buffer.cpp
+  audit_events.pb-c.c
+  config_snapshot.cpp
+  connection_identity.cpp
+  deletable_patterns.cpp
+  event_records.cpp
+  folder_markers.cpp
+  operation_mapping.cpp
+  permission_check.cpp
   permissions/acl.cpp
   permissions/caller.cpp
   permissions/change_id.cpp
   permissions/data_pass.cpp
   permissions/decision.cpp
+  permissions/group_list_map.cpp
   permissions/image_dump.cpp
   permissions/image_lookup.cpp
   permissions/image_records.cpp
@@ -21,13 +32,26 @@ set(TAVRIX_SOURCES
   permissions/rules.cpp
   permissions/size_pass.cpp
   permissions/special_files.cpp
+  regex_parser/regex_parser.cpp
+  samba.pb-c.c
   sweeper/sweeper_log.cpp
+  utils/dump_file.cpp
+  utils/event_markers.cpp
   utils/name_compare.cpp
   utils/parameter_block.cpp
   utils/path_names.cpp
   utils/privilege.cpp
   utils/samba_compare.cpp
+  utils/staging_buffer.cpp
+  utils/staging_flush.cpp
+  utils/staging_semaphore.cpp
+  verdict_cache.cpp
 )
+
+# What the protobuf compiler made of the two .proto files is kept beside them; it knows no visibility.
+set_source_files_properties(samba.pb-c.c audit_events.pb-c.c PROPERTIES COMPILE_OPTIONS
+  "-fvisibility=default;-Wno-conversion;-Wno-pedantic")
+
 
 add_library(tavrix_objects OBJECT ${TAVRIX_SOURCES})
 set_target_properties(tavrix_objects PROPERTIES
@@ -35,16 +59,19 @@ set_target_properties(tavrix_objects PROPERTIES
   CXX_VISIBILITY_PRESET hidden
   VISIBILITY_INLINES_HIDDEN ON)
 target_include_directories(tavrix_objects
-  PUBLIC ${CMAKE_SOURCE_DIR}/include
-  PRIVATE ${CMAKE_SOURCE_DIR})
+  PUBLIC ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR})
 # Nothing may unwind into C, and nothing here throws.
 target_compile_options(tavrix_objects PRIVATE
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics -fvisibility-inlines-hidden
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics>
+  $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
   -fno-semantic-interposition
   # Keeps malloc() and memset() two calls: the compiler would make them one calloc(), which does not
   # use the C library's per-thread cache.
   -fno-builtin-malloc)
-target_link_libraries(tavrix_objects PRIVATE tavrix_settings PUBLIC PkgConfig::YAJL)
+target_link_libraries(tavrix_objects PRIVATE tavrix_settings PUBLIC PkgConfig::YAJL
+  PkgConfig::PROTOBUF_C)
 
 add_library(tavrix SHARED $<TARGET_OBJECTS:tavrix_objects>)
 set_target_properties(tavrix PROPERTIES
@@ -56,6 +83,7 @@ set_target_properties(tavrix PROPERTIES
   LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/libtavrix.map)
 target_include_directories(tavrix INTERFACE
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tavrix>)
 target_link_options(tavrix PRIVATE
   LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/libtavrix.map
@@ -65,5 +93,5 @@ target_link_options(tavrix PRIVATE
 if(NOT TAVRIX_SANITIZED)
   target_link_options(tavrix PRIVATE LINKER:--no-undefined)
 endif()
-target_link_libraries(tavrix PRIVATE PkgConfig::YAJL ${CMAKE_DL_LIBS})
+target_link_libraries(tavrix PRIVATE PkgConfig::YAJL ${CMAKE_DL_LIBS} PUBLIC PkgConfig::PROTOBUF_C)
 add_library(tavrix::tavrix ALIAS tavrix)

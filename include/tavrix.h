@@ -9,11 +9,15 @@
 #include "perm_map.h"
 #include "perm_utils.h"
 #include "read_perms.h"
+#include "regex_parser.h"
 #include "sweeper_log.h"
+#include "tavrix_getgrouplist.h"
 #include "tavrix_lists.h"
 #include "tavrix_perms.h"
 #include "tavrix_stack.h"
 #include "tavrix_structs.h"
 #include "tavrix_utils.h"
+#include "tavrix_vfs_utils.h"
+#include "vfs_common.h"
 
 #endif

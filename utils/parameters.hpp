@@ -1,0 +1,16 @@
+// This process's settings, for code that may run before a block is attached: then they are zero.
+#pragma once
+
+#include "eventstore.h"
+
+namespace tavrix {
+
+inline int parameter(e_tavrix_global_index index) noexcept {
+  return global_params == nullptr ? 0 : global_params[index].value.intval;
+}
+
+inline const char* parameter_text(e_tavrix_global_index index) noexcept {
+  return global_params == nullptr ? "" : global_params[index].value.strval;
+}
+
+}  // namespace tavrix

@@ -1,0 +1,207 @@
+// The shared segment of events: its life, and the append.
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "internal/assert.hpp"
+#include "internal/scoped.hpp"
+#include "logging.h"
+#include "utils/parameters.hpp"
+#include "utils/root_scope.hpp"
+#include "utils/staging.hpp"
+
+namespace tavrix {
+namespace {
+
+constexpr int kEveryone = 0666;
+constexpr unsigned kSecondsBetweenTries = 5;
+constexpr long kTriesBetweenComplaints = 5;
+
+key_t buffer_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_BUFFER_KEY_ID); }
+
+int buffer_size() noexcept { return parameter(PARAM_STAGING_BUFFER_SIZE); }
+
+std::size_t segment_size() noexcept { return static_cast<std::size_t>(std::max(buffer_size(), 0)); }
+
+void hold_or_give_up(StagingHold& hold) {
+  for (int cause = 0; !hold.acquire(cause);) {
+    if (cause == ENOENT) {
+      TAVRIX_LOG(0, "Eventstore semaphore does not exist pid: %d", getpid());
+      give_up_events();
+    }
+    TAVRIX_LOG(0, "Failed to get eventstore semaphore, retrying");
+  }
+}
+
+// The header of a damaged buffer points outside it: what it held is lost.
+void require_sound_header(const staging_buffer_s& buffer, uint32_t length) {
+  const auto size = static_cast<uint64_t>(segment_size());
+  const uint64_t offset = buffer.next_offset;
+  if (offset >= kEmptyStagingBuffer && offset <= size && offset + length <= size) return;
+  TAVRIX_LOG(0, "buffer overflow detected buffer->next_offset = %d, size = %d",
+             static_cast<int>(buffer.next_offset), static_cast<int>(length));
+  give_up_events();
+}
+
+enum class Append { kDone, kNoBuffer, kFull };
+
+// One attempt, with the semaphore held for as long as the buffer is looked at.
+Append try_append(const staging_data_s& record, uint32_t length, int threshold) {
+  StagingHold hold;
+  hold_or_give_up(hold);
+  const StagingAttachment buffer(get_eventstore_staging_buffer());
+  if (!buffer) {
+    TAVRIX_LOG(0, "cannot access the staging buffer. errno = %d(%s)", errno, strerror(errno));
+    return Append::kNoBuffer;
+  }
+  // Signed, and around the end of the type, as all users of the buffer compare.
+  if (static_cast<int32_t>(buffer->next_offset + length) >= threshold) {
+    hold.release();
+    TAVRIX_LOG(0, "Write thrshld Exceeded. offset:%d size:%d thrsh:%d",
+               static_cast<int>(buffer->next_offset), static_cast<int>(length), threshold);
+    return Append::kFull;
+  }
+  if (record.sig != STAGING_DATA_SIGNATURE) {
+    // Stored all the same: the agent reports a record that it cannot read, a missing one nobody.
+    TAVRIX_LOG(0, "writing a buffer without a proper signature");
+  }
+  require_sound_header(*buffer, length);
+  std::memcpy(reinterpret_cast<std::byte*>(&*buffer) + buffer->next_offset, &record, length);
+  buffer->next_offset += length;
+  buffer->num_records += 1;
+  hold.release();
+  return Append::kDone;
+}
+
+}  // namespace
+
+int staging_fill_threshold() noexcept {
+  constexpr int kHighest = 99;
+  constexpr int kWhenTooHigh = 80;
+  const int percent = parameter(PARAM_FLUSH_FILL_THRESHOLD);
+  const int64_t share = percent > kHighest ? kWhenTooHigh : percent;
+  return static_cast<int>(
+      std::clamp<int64_t>(int64_t{buffer_size()} * share / 100, INT_MIN, INT_MAX));
+}
+
+void give_up_events() noexcept {
+  const RootScope root;  // the agent's folder is closed to clients
+  write_sync_off();
+  TAVRIX_REQUIRE(false, "0");
+  __builtin_unreachable();
+}
+
+}  // namespace tavrix
+
+int create_staging_buffer(void) {
+  const key_t key = tavrix::buffer_key();
+  if (key == -1) {
+    TAVRIX_LOG(0, "cannot create shm key, errno = %d", errno);
+    return -1;
+  }
+  if (shmget(key, tavrix::segment_size(), IPC_CREAT | IPC_EXCL | tavrix::kEveryone) == -1) {
+    TAVRIX_LOG(0, "\ncannot create shared memory for staging buffer, errno = %d", errno);
+    return -1;
+  }
+  return initialize_staging_buffer();
+}
+
+int initialize_staging_buffer(void) {
+  const key_t key = tavrix::buffer_key();
+  if (key == -1) {
+    TAVRIX_LOG(0, "cannot create shm key, errno = %d", errno);
+    return -1;
+  }
+  const std::size_t size = tavrix::segment_size();
+  const int shmid = shmget(key, size, tavrix::kEveryone);
+  if (shmid == -1) {
+    TAVRIX_LOG(0, "cannot access shared memory for staging buffer, errno = %d", errno);
+    return -1;
+  }
+  const tavrix::ShmAttachment segment(shmat(shmid, nullptr, 0));
+  if (!segment) {
+    TAVRIX_LOG(0, "cannot attach to shm, errno = %d", errno);
+    return -1;
+  }
+  std::memset(segment.get(), 0, size);
+  // A segment is a page at least, so the header fits whatever the size is.
+  static_cast<staging_buffer_s*>(segment.get())->next_offset = tavrix::kEmptyStagingBuffer;
+  return 0;
+}
+
+staging_buffer_s* get_eventstore_staging_buffer(void) {
+  const key_t key = tavrix::buffer_key();
+  if (key == -1) {
+    TAVRIX_LOG(0, "cannot create staging buffer key. errno = %d(%s)", errno, strerror(errno));
+    return nullptr;
+  }
+  const int shmid = shmget(key, tavrix::segment_size(), tavrix::kEveryone);
+  if (shmid == -1) {
+    TAVRIX_LOG(0, "\ncannot get the shared memory for staging buffer. errno = %d(%s)", errno,
+               strerror(errno));
+    return nullptr;
+  }
+  tavrix::ShmAttachment segment(shmat(shmid, nullptr, 0));
+  if (!segment) {
+    TAVRIX_LOG(0, "cannot attach to shm. errno = %d(%s)", errno, strerror(errno));
+    return nullptr;
+  }
+  return static_cast<staging_buffer_s*>(segment.release());
+}
+
+void put_eventstore_staging_buffer(staging_buffer_s* buffer) {
+  if (buffer == nullptr) return;
+  tavrix::ErrnoKeeper keep;
+  shmdt(buffer);
+}
+
+int remove_staging_buffers(void) {
+  // The size that the first appliances had, whatever the setting says now; a smaller segment is not
+  // found and stays. The sweeper's own check of what was removed counts on it.
+  constexpr std::size_t kLookedUpSize = 20800;
+  const key_t key = tavrix::buffer_key();
+  if (key == -1) {
+    TAVRIX_LOG(0, "Cannot create sema key for shm");
+    return -1;
+  }
+  const int shmid = shmget(key, kLookedUpSize, tavrix::kEveryone);
+  if (shmid == -1) {
+    TAVRIX_LOG(0, "Cannot create shared memory for global param");
+    return -1;
+  }
+  return shmctl(shmid, IPC_RMID, nullptr);
+}
+
+int write_to_staging_buffer(staging_data_s* data) {
+  if (data == nullptr) {
+    TAVRIX_LOG(0, "null staging data");
+    return -1;
+  }
+  if (static_cast<int32_t>(data->size) < 1) {
+    TAVRIX_LOG(0, "invalid data size");
+    return -1;
+  }
+  const auto length = static_cast<uint32_t>(data->size + sizeof(staging_data_s));
+  const int threshold = tavrix::staging_fill_threshold();
+  for (long retries = 0;; ++retries) {
+    switch (tavrix::try_append(*data, length, threshold)) {
+      case tavrix::Append::kDone:
+        return 0;
+      case tavrix::Append::kNoBuffer:
+        return -1;
+      case tavrix::Append::kFull:
+        break;
+    }
+    flush_staging_buffer(FB_CTX_EVT);
+    if (retries != 0 && retries % tavrix::kTriesBetweenComplaints == 0) {
+      TAVRIX_LOG(0, "Starving producer %ld. Unable to push event after %d retries.",
+                 static_cast<long>(getpid()), static_cast<int>(retries));
+    }
+    sleep(tavrix::kSecondsBetweenTries);
+  }
+}
