@@ -37,7 +37,8 @@ std::size_t capacity = 0;
 
 bool allocate_buffer() {
   const int size = parameter(PARAM_AUDITING_BUFFER_SIZE);
-  const std::size_t bytes = size > static_cast<int>(kEmpty) ? static_cast<std::size_t>(size) : kEmpty;
+  const std::size_t bytes =
+      size > static_cast<int>(kEmpty) ? static_cast<std::size_t>(size) : kEmpty;
   global_read_audit_buffer = static_cast<staging_buffer_s*>(std::calloc(1, bytes));
   capacity = bytes;
   return global_read_audit_buffer != nullptr;
@@ -56,8 +57,8 @@ bool make_room(std::size_t end) {
 
 bool is_flush_due(const staging_buffer_s& buffer) {
   const bool below_threshold = static_cast<int>(buffer.next_offset) < write_threshold();
-  const bool in_time = time(nullptr) <=
-                       buffer.last_flush_time + parameter(PARAM_AUDITING_FLUSH_INTERVAL);
+  const bool in_time =
+      time(nullptr) <= buffer.last_flush_time + parameter(PARAM_AUDITING_FLUSH_INTERVAL);
   return !(below_threshold && in_time);
 }
 
@@ -69,12 +70,12 @@ CString temp_name_in(const char* dir) {
 }
 
 bool is_folder(const char* path) {
-  struct stat status{};
+  struct stat status {};
   return stat(path, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 bool exists(const char* path) {
-  struct stat status{};
+  struct stat status {};
   return stat(path, &status) == 0;
 }
 
@@ -146,7 +147,8 @@ void init_audit_buffer(void) {
   buffer.last_flush_time = time(nullptr);
   buffer.next_offset = tavrix::kEmpty;
   TAVRIX_LOG(1, "Finished  allocating %d for audit buffer flush time %d",
-             tavrix::parameter(PARAM_AUDITING_BUFFER_SIZE), static_cast<int>(buffer.last_flush_time));
+             tavrix::parameter(PARAM_AUDITING_BUFFER_SIZE),
+             static_cast<int>(buffer.last_flush_time));
 }
 
 int write_to_audit_buffer(staging_data_s* rec) {

@@ -103,7 +103,7 @@ void drop_groups(process_trustees_s& identity) {
 
 // A marker's modification time, 0 when it is missing.
 time_t modification_time(const char* path, bool& missing) {
-  struct stat status{};
+  struct stat status {};
   missing = stat(path, &status) == -1;
   return missing ? 0 : status.st_mtime;
 }

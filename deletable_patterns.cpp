@@ -45,7 +45,7 @@ std::FILE* open_pattern_file() {
     TAVRIX_LOG(0, "no regex file specified\n");
     return nullptr;
   }
-  struct stat status{};
+  struct stat status {};
   if (stat(path, &status) == -1) {
     TAVRIX_LOG(0, "regular expression file does not exist\n");
     return nullptr;

@@ -21,7 +21,8 @@ constexpr std::size_t kHeader = sizeof(staging_data_s);
 
 const char* shown(const char* path) { return path != nullptr ? path : ""; }
 
-// The superuser's changes are the appliance's own, and the reserved user's are not to be synchronised.
+// The superuser's changes are the appliance's own, and the reserved user's are not to be
+// synchronised.
 bool is_ignored(uid_t uid) { return uid == 0 || uid == reserved_user_uid; }
 
 timeval time_of_day() {

@@ -30,9 +30,8 @@ e_vfs_enforce_perms unusable_path(const char* path, int error) {
     TAVRIX_REQUIRE(error == ENOENT, "0");
   }
   // It climbs above the share: the file system refuses it later.
-  TAVRIX_LOG(kTrace,
-             "returning HAS_PERMS, path normalization returned an unusable path %s: %s\n", path,
-             strerror(error));
+  TAVRIX_LOG(kTrace, "returning HAS_PERMS, path normalization returned an unusable path %s: %s\n",
+             path, strerror(error));
   return TXPERMS_HAS_PERMS;
 }
 
@@ -44,8 +43,8 @@ e_vfs_enforce_perms decide(const char* shareroot, const char* clean, e_fsop_type
   TAVRIX_LOG(1, "Calling vfs_enforce_perms path=(%s) op=(%d), full_path=[%s]\n", clean,
              static_cast<int>(op), full.get());
   int is_nav = 0;
-  const e_vfs_enforce_perms verdict = vfs_enforce_perms(
-      shareroot, full.get(), op, &connection.groupmap, force_path_type, &is_nav);
+  const e_vfs_enforce_perms verdict =
+      vfs_enforce_perms(shareroot, full.get(), op, &connection.groupmap, force_path_type, &is_nav);
   TAVRIX_LOG(kTrace, "tavrix_%s: vfs_enforce_perms retval=%d\n", static_cast<const char*>(__func__),
              static_cast<int>(verdict));
   return verdict;

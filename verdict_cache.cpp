@@ -57,8 +57,8 @@ void move_to_front(vfs_table_cache_s& cache, int position) {
   table[0] = slot;
 }
 
-// Most positions of a full cache are looked at, so the comparison is chosen once: paths shorter than
-// the limit are told apart by their ends.
+// Most positions of a full cache are looked at, so the comparison is chosen once: paths shorter
+// than the limit are told apart by their ends.
 template <typename Equals>
 int find_position(const vfs_table_cache_s& cache, Equals equals) {
   constexpr int kAhead = 4;
@@ -151,7 +151,8 @@ void add_tlb_entry(const char* path, int slot, e_fsop_type op, e_vfs_enforce_per
 }
 
 // Takes the number of a slot. The permission check hands it a position, and the two are the same
-// only until the first reordering; the pairing is what modules in the field have been built against.
+// only until the first reordering; the pairing is what modules in the field have been built
+// against.
 void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
                       vfs_table_cache_s* cache) {
   TAVRIX_REQUIRE(slot >= 0 && slot < cache->vfs_tlb_end,
@@ -166,8 +167,9 @@ void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
   }
 }
 
-// The position behind the last path gets the slot that moved into the gap, not the freed one: unless
-// the last path was deleted, the freed slot is lost until the next flush. Kept as modules know it.
+// The position behind the last path gets the slot that moved into the gap, not the freed one:
+// unless the last path was deleted, the freed slot is lost until the next flush. Kept as modules
+// know it.
 void del_tlb_entry(const char* path, vfs_table_cache_s* cache) {
   const int position = _tlb_lookup_path(path, cache);
   if (position == -1) {

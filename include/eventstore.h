@@ -13,8 +13,8 @@
  *
  * One segment, excluded by one semaphore that its holder's death releases (SEM_UNDO). The sweeper
  * makes both; server processes append. Both are looked up afresh on every call, so a sweeper may
- * replace them. A missing semaphore or a damaged header means that events are lost: the library then
- * writes the sync-off marker and aborts. Identities change during a flush: it runs as root. */
+ * replace them. A missing semaphore or a damaged header means that events are lost: the library
+ * then writes the sync-off marker and aborts. Identities change during a flush: it runs as root. */
 #ifndef TAVRIX_EVENTSTORE_H
 #define TAVRIX_EVENTSTORE_H
 
@@ -154,8 +154,8 @@ TAVRIX_API int remove_staging_buffers(void);
 TAVRIX_API staging_buffer_s* get_eventstore_staging_buffer(void);
 TAVRIX_API void put_eventstore_staging_buffer(staging_buffer_s* buffer);
 
-/* Appends one record: 0, or -1 when it is not one or there is no segment. Blocks while the buffer is
- * filled past its threshold, for the sweeper to flush it: an event is never dropped. Without a
+/* Appends one record: 0, or -1 when it is not one or there is no segment. Blocks while the buffer
+ * is filled past its threshold, for the sweeper to flush it: an event is never dropped. Without a
  * semaphore, or with a damaged header, it does not return. */
 TAVRIX_API int write_to_staging_buffer(staging_data_s* data);
 
@@ -195,8 +195,8 @@ TAVRIX_API int flush_staging_buffer(FB_CTX ctx);
 /* 1 when the error is fatal in the context. */
 TAVRIX_API int fb_err_disp(FB_CTX ctx, FB_ERR err);
 
-/* The name of a new dump file in the folder `prefix`, cut at 255 bytes; the caller frees it. Null on
- * failure. */
+/* The name of a new dump file in the folder `prefix`, cut at 255 bytes; the caller frees it. Null
+ * on failure. */
 TAVRIX_API char* get_dumpfname(const char* prefix);
 /* size - 1 random characters and a NUL; returns `s`. */
 TAVRIX_API char* rand_string(char* s, size_t size);

@@ -1,5 +1,5 @@
-/* What a permission decision is asked and what it answers: operations, verdicts, the caller; and the
- * connection record that keeps a caller's state between hooks. */
+/* What a permission decision is asked and what it answers: operations, verdicts, the caller; and
+ * the connection record that keeps a caller's state between hooks. */
 #ifndef TAVRIX_STRUCTS_H
 #define TAVRIX_STRUCTS_H
 

@@ -57,8 +57,8 @@ TAVRIX_API void add_tlb_entry(const char* path, int slot, e_fsop_type op,
 TAVRIX_API void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
                                  vfs_table_cache_s* cache);
 /* Forgets a path. Beware: unless it was the least recently used one, its slot is not given back,
- * and the next new path can meet a slot that is still in use, which aborts. Where many paths change,
- * ask for a flush instead. */
+ * and the next new path can meet a slot that is still in use, which aborts. Where many paths
+ * change, ask for a flush instead. */
 TAVRIX_API void del_tlb_entry(const char* path, vfs_table_cache_s* cache);
 TAVRIX_API int _tlb_lookup_path(const char* path, vfs_table_cache_s* cache);
 TAVRIX_API int _update_tlb_hit(int position, vfs_table_cache_s* cache);

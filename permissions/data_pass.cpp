@@ -65,8 +65,8 @@ Malloced<jsonstack> take_top() {
 }
 
 int push_copy(const Place& place, int state) {
-  const membe_shm_err err = push_stackelem_wstatedata(&running_import(), state, place.offset,
-                                                      place.data, place.type);
+  const membe_shm_err err =
+      push_stackelem_wstatedata(&running_import(), state, place.offset, place.data, place.type);
   if (err == SHM_MEMBE_OK) return kGoOn;
   TAVRIX_LOG(0, "Push failure %d", err);
   return kCancel;
@@ -216,8 +216,8 @@ int begin_document() {
 
 struct Key {
   std::string_view text;
-  int state;       // pushed, as a copy
-  int under;       // the state it must stand under
+  int state;              // pushed, as a copy
+  int under;              // the state it must stand under
   const char* condition;  // as the abort words it
 };
 
@@ -234,8 +234,7 @@ constexpr Key state_arr[] = {
      "curstate == PERMDATA_STATE_STCHILDMAP"},
     {"USERS", PERMDATA_STATE_USERS, PERMDATA_STATE_STUSERMAP,
      "curstate == PERMDATA_STATE_STUSERMAP"},
-    {"ACL", PERMDATA_STATE_ACL, PERMDATA_STATE_STCHILDMAP,
-     "curstate == PERMDATA_STATE_STCHILDMAP"},
+    {"ACL", PERMDATA_STATE_ACL, PERMDATA_STATE_STCHILDMAP, "curstate == PERMDATA_STATE_STCHILDMAP"},
     {"GROUPS", PERMDATA_STATE_GROUPS, PERMDATA_STATE_STGROUPMAP,
      "curstate == PERMDATA_STATE_STGROUPMAP"},
 };
@@ -359,9 +358,9 @@ int end_acl(const Place& top) {
   store_acl(take_folder_of_acl(), *stored, size);
   free_tavrix_acl(acl);
   std::free(acl);
-  for (const int state : {PERMDATA_STATE_STNUMGROUPMAP, PERMDATA_STATE_ENDNUMUSERMAP,
-                          PERMDATA_STATE_STNUMUSERMAP, PERMDATA_STATE_STACLARRAY,
-                          PERMDATA_STATE_ACL}) {
+  for (const int state :
+       {PERMDATA_STATE_STNUMGROUPMAP, PERMDATA_STATE_ENDNUMUSERMAP, PERMDATA_STATE_STNUMUSERMAP,
+        PERMDATA_STATE_STACLARRAY, PERMDATA_STATE_ACL}) {
     pop_at_end_of_array(state);
   }
   require_top(PERMDATA_STATE_STCHILDMAP, "curstate == PERMDATA_STATE_STCHILDMAP");

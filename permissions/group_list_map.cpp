@@ -141,7 +141,7 @@ void debug_printf(const char* format, ...) {
 }
 
 void* tavrix_mapfile(const char* path, unsigned int* mapsize) {
-  struct stat status{};
+  struct stat status {};
   if (path == nullptr || stat(path, &status) == -1) return nullptr;
   if (!tavrix::has_sound_size(status.st_size)) return nullptr;
   const tavrix::Fd file(open(path, O_RDONLY | O_CLOEXEC));

@@ -68,8 +68,7 @@ void walk_tree(tavrix_be_header* beheader, fs_elem_s* parent, int level) {
 
   const name_elem_s& name = tavrix::raw_name_of(*beheader, *parent);
   const tavrix::CString text(strndup(tavrix::ImageView::bytes_of(name), name.name_len));
-  TAVRIX_LOG(tavrix::kNameLevel, "Level %d Name %s", level + 1,
-             text == nullptr ? "" : text.get());
+  TAVRIX_LOG(tavrix::kNameLevel, "Level %d Name %s", level + 1, text == nullptr ? "" : text.get());
 
   if ((parent->flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return;
   for (uint32_t slot = 0; slot < children.next_index; ++slot) {

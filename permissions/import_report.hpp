@@ -13,14 +13,14 @@ namespace tavrix {
     __attribute__((format(printf, 1, 2)));
 
 // One line of the sweeper log.
-void tell_operator(log_msg_indx index, sweeper_logmsg_sev severity, const char* format, ...) noexcept
-    __attribute__((format(printf, 3, 4)));
+void tell_operator(log_msg_indx index, sweeper_logmsg_sev severity, const char* format,
+                   ...) noexcept __attribute__((format(printf, 3, 4)));
 
 }  // namespace tavrix
 
 // A line in each of the two logs. A macro, because a message carries the place it comes from.
-#define TAVRIX_REPORT(index, severity, format, ...)                           \
-  do {                                                                        \
-    TAVRIX_LOG(0, format __VA_OPT__(, ) __VA_ARGS__);                         \
+#define TAVRIX_REPORT(index, severity, format, ...)                              \
+  do {                                                                           \
+    TAVRIX_LOG(0, format __VA_OPT__(, ) __VA_ARGS__);                            \
     ::tavrix::tell_operator(index, severity, format __VA_OPT__(, ) __VA_ARGS__); \
   } while (0)

@@ -22,7 +22,8 @@ void* reallocate(void* /*context*/, void* block, std::size_t size) {
 }
 void release(void* /*context*/, void* block) { std::free(block); }
 
-yajl_alloc_funcs allocator{.malloc = allocate, .realloc = reallocate, .free = release, .ctx = nullptr};
+yajl_alloc_funcs allocator{
+    .malloc = allocate, .realloc = reallocate, .free = release, .ctx = nullptr};
 
 }  // namespace
 

@@ -9,8 +9,8 @@
 
 namespace tavrix {
 
-// Comments are accepted. What the callbacks make of the document is their own affair: the outcome of
-// the parse is told on standard error and nowhere else.
+// Comments are accepted. What the callbacks make of the document is their own affair: the outcome
+// of the parse is told on standard error and nowhere else.
 class JsonParse {
  public:
   explicit JsonParse(const yajl_callbacks& callbacks) noexcept;

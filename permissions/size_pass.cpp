@@ -298,8 +298,7 @@ membe_shm_err init_shmbe(memsummary_s* sum) {
   header.fselem_offset = static_cast<uint32_t>(sizeof header);
   header.fselem_size = static_cast<uint32_t>(sizeof(fs_elem_s)) * folders;
   header.nameelem_offset = header.fselem_offset + header.fselem_size;
-  header.nameelem_size =
-      sum->total_namelen + static_cast<uint32_t>(sizeof(name_elem_s)) * folders;
+  header.nameelem_size = sum->total_namelen + static_cast<uint32_t>(sizeof(name_elem_s)) * folders;
   header.acl_offset = header.nameelem_offset + header.nameelem_size;
   header.acl_size = static_cast<uint32_t>(sizeof(beace_s)) * sum->total_aces +
                     static_cast<uint32_t>(sizeof(beacl_s)) * folders;

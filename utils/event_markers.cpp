@@ -38,16 +38,14 @@ int write_sync_off(void) {
 int mark_event_db_as_rescan_needed(const char* reason) {
   tavrix::Fd file(open(TAVRIX_RESCAN_PATH, O_WRONLY | O_CREAT | O_CLOEXEC, tavrix::kRescanMode));
   if (!file) {
-    TAVRIX_LOG(0,
-               "Cannot open event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
+    TAVRIX_LOG(0, "Cannot open event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
                TAVRIX_RESCAN_PATH, errno, strerror(errno));
     return -1;
   }
   const char* text = reason == nullptr ? "" : reason;
   const std::size_t size = std::strlen(text) + 1;  // the agent reads up to the NUL
   if (write(file.get(), text, size) != static_cast<ssize_t>(size)) {
-    TAVRIX_LOG(0,
-               "Cannot write event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
+    TAVRIX_LOG(0, "Cannot write event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
                TAVRIX_RESCAN_PATH, errno, strerror(errno));
     // Kept open: on some disks a close would drop the error that the next caller has to see.
     static_cast<void>(file.release());

@@ -1,7 +1,7 @@
 // Case-insensitive comparison of names, byte by byte, in the C library's locale.
 //
-// A place where both names have a byte above 0x7f cannot be judged by bytes: it is reported as such,
-// and the caller goes on to Samba's comparison.
+// A place where both names have a byte above 0x7f cannot be judged by bytes: it is reported as
+// such, and the caller goes on to Samba's comparison.
 
 #include "utils/name_compare.hpp"
 

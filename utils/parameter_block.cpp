@@ -66,7 +66,8 @@ int create_config_buffer(void) {
       TAVRIX_LOG(0, "%s: cannot create sema key for shm", static_cast<const char*>(__func__));
       return -1;
     }
-    const int shmid = shmget(key, TAVRIX_PARAM_BLOCK_SIZE, IPC_CREAT | IPC_EXCL | tavrix::kEveryone);
+    const int shmid =
+        shmget(key, TAVRIX_PARAM_BLOCK_SIZE, IPC_CREAT | IPC_EXCL | tavrix::kEveryone);
     if (shmid != -1) {
       tavrix::ShmAttachment block(shmat(shmid, nullptr, 0));
       if (!block) {

@@ -85,7 +85,8 @@ class FlushAttempt {
 
   [[nodiscard]] Step run() {
     const char* dir = parameter_text(PARAM_STAGING_DIR);
-    if (!is_folder(dir)) return fail(FB_ERR_MISSING_STAGING_DIR, "missing staging directory %s\n", dir);
+    if (!is_folder(dir))
+      return fail(FB_ERR_MISSING_STAGING_DIR, "missing staging directory %s\n", dir);
     dump_name_.reset(get_dumpfname(dir));
     if (dump_name_ == nullptr) {
       return retry_or_fail(FB_ERR_GET_DUMPFNAME_FAILED, "Failed to get the dumpfname ");
@@ -150,8 +151,8 @@ class FlushAttempt {
     const ssize_t written = write_all(temp_.fd(), &buffer + 1, length);
     if (written != static_cast<ssize_t>(length)) return write_failed(written, length);
     if (!sync()) {
-      return fail(FB_ERR_FDATASYNC_FAILED, "staging buffer fdatasync error. errno = %d(%s)\n", errno,
-                  strerror(errno));
+      return fail(FB_ERR_FDATASYNC_FAILED, "staging buffer fdatasync error. errno = %d(%s)\n",
+                  errno, strerror(errno));
     }
     temp_.close();
     initialize_staging_buffer();

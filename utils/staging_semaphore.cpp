@@ -43,7 +43,7 @@ void post_staging_semaphore_until_done() noexcept {
 }  // namespace tavrix
 
 // The message of a failed System V call, with the key that names the semaphore to ipcs(1).
-#define TAVRIX_LOG_CALL_FAILED(call, key)                                                       \
+#define TAVRIX_LOG_CALL_FAILED(call, key)                                                         \
   TAVRIX_LOG(0, call " failed for semakey:0x%x errno = %d:%s", static_cast<unsigned>(key), errno, \
              strerror(errno))
 

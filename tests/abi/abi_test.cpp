@@ -118,14 +118,14 @@ TEST_F(Abi, EachHeaderStandsAloneInCpp) {
 TEST_F(Abi, ServesAProgramInC) {
   if (std::string(TAVRIX_SANITIZED_BUILD) == "ON") {
     // The program must bring the sanitizer's runtime itself.
-    const Outcome cc = run_program({"gcc", "-fsanitize=address,undefined", "-std=c11", "-I" + kSource + "/include",
-                                    "-I" + kSource, kSource + "/tests/abi/program.c", kLibrary, "-o",
-                                    "/scratch/program"});
+    const Outcome cc = run_program(
+        {"gcc", "-fsanitize=address,undefined", "-std=c11", "-I" + kSource + "/include",
+         "-I" + kSource, kSource + "/tests/abi/program.c", kLibrary, "-o", "/scratch/program"});
     ASSERT_TRUE(cc.ok()) << cc.err;
   } else {
-    const Outcome cc = run_program({"gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror",
-                                    "-I" + kSource + "/include", "-I" + kSource,
-                                    kSource + "/tests/abi/program.c", kLibrary, "-o", "/scratch/program"});
+    const Outcome cc = run_program(
+        {"gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror", "-I" + kSource + "/include",
+         "-I" + kSource, kSource + "/tests/abi/program.c", kLibrary, "-o", "/scratch/program"});
     ASSERT_TRUE(cc.ok()) << cc.err;
   }
   const Outcome program =
@@ -138,10 +138,11 @@ TEST_F(Abi, ServesAProgramInC) {
 TEST_F(Abi, KeepsOutOfTheWayOfSambasNames) {
   for (const std::string& header : headers()) {
     const std::string text = read_file(kSource + "/include/" + header);
-    for (const char* name : {"FILE_SUPERSEDE", "FILE_OPEN", "FILE_CREATE", "FILE_OVERWRITE",
-                             "SEC_", "False", "ARRAY_SIZE", "DEBUG("}) {
-      EXPECT_FALSE(std::regex_search(text, std::regex("\\b" + std::regex_replace(
-                                                                  std::string(name), std::regex("\\("), "\\("))))
+    for (const char* name : {"FILE_SUPERSEDE", "FILE_OPEN", "FILE_CREATE", "FILE_OVERWRITE", "SEC_",
+                             "False", "ARRAY_SIZE", "DEBUG("}) {
+      EXPECT_FALSE(std::regex_search(
+          text,
+          std::regex("\\b" + std::regex_replace(std::string(name), std::regex("\\("), "\\("))))
           << header << " " << name;
     }
   }

@@ -5,17 +5,17 @@
 
 #include "tavrix.h"
 
-static int expect(int good, const char *what) {
+static int expect(int good, const char* what) {
   if (!good) fprintf(stderr, "wrong: %s\n", what);
   return good ? 0 : 1;
 }
 
 int main(void) {
   int wrong = 0;
-  char *path = normalize_path("/a//b/../c/");
+  char* path = normalize_path("/a//b/../c/");
   wrong += expect(path != NULL && strcmp(path, "/a/c") == 0, "normalize_path");
   free(path);
-  char *parent = parent_dir_from_path("/a/c");
+  char* parent = parent_dir_from_path("/a/c");
   wrong += expect(parent != NULL && strcmp(parent, "/a") == 0, "parent_dir_from_path");
   free(parent);
   wrong += expect(tavrix_strncasecmp("abc", "ABD", 2) == 0, "tavrix_strncasecmp");
@@ -25,7 +25,7 @@ int main(void) {
   wrong += expect(global_params == NULL, "global_params");
   wrong += expect(get_next_perm_table_key(0) == 0x7065726a, "get_next_perm_table_key");
 
-  tavrix_acl_t *acl = NULL;
+  tavrix_acl_t* acl = NULL;
   create_empty_acl(&acl);
   add_ace_to_acl(acl, ACE_TYPE_USER, 5);
   wrong += expect(acl->num_aces == 1, "add_ace_to_acl");

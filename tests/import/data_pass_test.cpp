@@ -19,7 +19,10 @@ class DataPass : public Importer {};
 Folder team_map() {
   const Folder projects{.name = "Projects", .users = {{1001, 7}, {1002, 3}}, .groups = {{2001, 1}}};
   const Folder shared{.name = "Shared", .groups = {{2001, 8}}, .children = {projects}};
-  return {.name = "/", .users = {{1, 1}}, .groups = {{2, 3}}, .children = {shared, {.name = "Private"}}};
+  return {.name = "/",
+          .users = {{1, 1}},
+          .groups = {{2, 3}},
+          .children = {shared, {.name = "Private"}}};
 }
 
 TEST_F(DataPass, MakesTheImageOfItsDocument) {
@@ -98,8 +101,8 @@ TEST_F(DataPass, TakesASecondTopFolderForAChildOfTheRoot) {
   const std::string folder = R"("CHILDREN":[{"NUMCHILDREN":0}]})";
   const Counts counts{3, 0, 10};
   const auto image = import_text(
-      counts, R"([{"NUMCHILDREN":2},{"DIR":"/","CHILDREN":[{"NUMCHILDREN":2},{"DIR":"a",)" + folder +
-                  R"(]},{"DIR":"b",)" + folder + "]");
+      counts, R"([{"NUMCHILDREN":2},{"DIR":"/","CHILDREN":[{"NUMCHILDREN":2},{"DIR":"a",)" +
+                  folder + R"(]},{"DIR":"b",)" + folder + "]");
   const ImageView view(image.data());
   const child_list_s& children = view.children_of(view.fselem(0));
   EXPECT_EQ(2U, children.next_index);
@@ -121,7 +124,8 @@ TEST_F(DataPass, CancelsAtAKeyThatFitsNowhere) {
   const Counts counts{1, 0, 2};
   const auto image = import_text(counts, R"([{"NUMCHILDREN":1},{"DIR":"/","OWNER":5,"ACL":7}])");
   EXPECT_TRUE(logged("Invalid state OWNER state 27 curst 1"));
-  EXPECT_EQ("/", ImageView::text_of(ImageView(image.data()).name_of(ImageView(image.data()).fselem(0))));
+  EXPECT_EQ("/",
+            ImageView::text_of(ImageView(image.data()).name_of(ImageView(image.data()).fselem(0))));
 }
 
 TEST_F(DataPass, CancelsAtAnArrayThatFitsNowhere) {
@@ -151,9 +155,10 @@ TEST_F(DataPass, FreesEverythingWhateverComes) {
   const Counts counts = count(team_map());
   prepare(counts, data_json(team_map()));
   run();  // what is made once, is made
-  for (const char* text : {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",\"ACL\":[{\"NUMUSERS\":1},{\"NUMGROUPS\":1},"
-                           "{\"USERS\":{\"5\":1,\"6\":2",
-                           "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",\"x\":1", "[", "{", ""}) {
+  for (const char* text :
+       {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",\"ACL\":[{\"NUMUSERS\":1},{\"NUMGROUPS\":1},"
+        "{\"USERS\":{\"5\":1,\"6\":2",
+        "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",\"x\":1", "[", "{", ""}) {
     const Outcome outcome = in_child([&] {
       prepare(counts, text);
       const long blocks = live_allocations();
@@ -164,7 +169,8 @@ TEST_F(DataPass, FreesEverythingWhateverComes) {
   }
 }
 
-// --- documents that end the process ---------------------------------------------------------------
+// --- documents that end the process
+// ---------------------------------------------------------------
 
 struct Broken {
   const char* condition;
@@ -204,8 +210,8 @@ TEST_F(DataPass, AbortsOnABrokenGrammar) {
   for (const Broken& document : documents) {
     if (document.text == nullptr) continue;
     const Outcome outcome = in_child([&] { import_text({4, 4, 60}, document.text); });
-    EXPECT_TRUE(outcome.aborted_with(document.condition))
-        << document.text << "\n" << outcome.signal << outcome.err;
+    EXPECT_TRUE(outcome.aborted_with(document.condition)) << document.text << "\n"
+                                                          << outcome.signal << outcome.err;
   }
 }
 
@@ -222,7 +228,8 @@ TEST_F(DataPass, EndsTheProcessBeforeItLeavesTheImage) {
   EXPECT_TRUE(outcome.aborted_with("record lies inside the image")) << outcome.err;
 }
 
-// --- every event in every state -------------------------------------------------------------------
+// --- every event in every state
+// -------------------------------------------------------------------
 
 // What an event does to a stack with one element of that state on top, told apart from the code.
 enum class Answer { kPush, kNothing, kCancel, kAbort, kOther };
@@ -232,17 +239,39 @@ Answer start_of_array_in(int state) {
 }
 Answer start_of_object_in(int state) {
   switch (state) {
-    case 0: case 2: case 4: case 8: case 10: case 22: case 25: return Answer::kPush;
-    case 16: return Answer::kOther;
-    default: return Answer::kNothing;
+    case 0:
+    case 2:
+    case 4:
+    case 8:
+    case 10:
+    case 22:
+    case 25:
+      return Answer::kPush;
+    case 16:
+      return Answer::kOther;
+    default:
+      return Answer::kNothing;
   }
 }
 Answer end_of_object_in(int state) {
   switch (state) {
-    case 3: case 7: case 9: return Answer::kPush;
-    case 0: case 2: case 4: case 6: case 8: case 10: case 12: case 14: return Answer::kNothing;
-    case 15: return Answer::kOther;  // swaps the element
-    default: return Answer::kAbort;  // 1, 5, 11 and 13 miss the element below them
+    case 3:
+    case 7:
+    case 9:
+      return Answer::kPush;
+    case 0:
+    case 2:
+    case 4:
+    case 6:
+    case 8:
+    case 10:
+    case 12:
+    case 14:
+      return Answer::kNothing;
+    case 15:
+      return Answer::kOther;  // swaps the element
+    default:
+      return Answer::kAbort;  // 1, 5, 11 and 13 miss the element below them
   }
 }
 
@@ -262,10 +291,14 @@ class EveryState : public DataPass {
     });
     if (outcome.signal == SIGABRT) return Answer::kAbort;
     switch (outcome.exit_code) {
-      case 50: return Answer::kCancel;
-      case 51: return Answer::kPush;
-      case 52: return Answer::kNothing;
-      default: return Answer::kOther;
+      case 50:
+        return Answer::kCancel;
+      case 51:
+        return Answer::kPush;
+      case 52:
+        return Answer::kNothing;
+      default:
+        return Answer::kOther;
     }
   }
 };

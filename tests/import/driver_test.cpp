@@ -67,7 +67,8 @@ TEST_F(ImportDriver, ReplacesALongerCopyWhole) {
 
 // The judge is whether an image could be saved, not whether the document parsed.
 TEST_F(ImportDriver, SucceedsWithADocumentThatDoesNotParse) {
-  for (const char* text : {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",,", "", "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\""}) {
+  for (const char* text :
+       {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",,", "", "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\""}) {
     prepare(count(tree()), text);
     EXPECT_EQ(SHM_MEMBE_OK, run()) << text;
     EXPECT_FALSE(exists(kData));
@@ -104,9 +105,8 @@ TEST_F(ImportDriver, EmptiesTheStackThatACancelledSizeFileLeft) {
 }
 
 TEST_F(ImportDriver, NeedsASummary) {
-  EXPECT_EQ(0, level_of("Null summary ", [] {
-    EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, process_permmap(nullptr));
-  }));
+  EXPECT_EQ(0, level_of("Null summary ",
+                        [] { EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, process_permmap(nullptr)); }));
 }
 
 TEST_F(ImportDriver, NeedsTheDataFile) {

@@ -14,21 +14,38 @@ namespace {
 class ImageDump : public testing::Test {
  protected:
   tavrix_be_header* header() { return reinterpret_cast<tavrix_be_header*>(image_.data()); }
-  std::vector<std::byte> image_ = build_image(
-      {.name = "/", .users = {{1, 7}}, .children = {{.name = "a", .children = {{.name = "b"}}}, {.name = "c"}}},
-      {.name = "team", .version = "1", .generation = 3, .timestamp = 12});
+  std::vector<std::byte> image_ =
+      build_image({.name = "/",
+                   .users = {{1, 7}},
+                   .children = {{.name = "a", .children = {{.name = "b"}}}, {.name = "c"}}},
+                  {.name = "team", .version = "1", .generation = 3, .timestamp = 12});
 };
 
 TEST_F(ImageDump, TellsTheHeader) {
   set_debug_level(7);
   clear_log();
   print_tree(header());
-  const std::vector<std::string> expected = {
-      "Summary", "Map name team", "next map ", "Generation number 3", "Time stamp 12",
-      "Total filesystem elems 4", "Total ACEs 1", "Total lists 0", "Fselem offset 176",
-      "Fselem size 96", "Next free fselem  96", "Name elem offser 272", "Name eleem size 56",
-      "Next free nameelem 56", "Acl offset 328", "ACL size 44", "Next free ACL 44",
-      "List offset 372", "List size 64", "Next free list 52", "Signature 514297519"};
+  const std::vector<std::string> expected = {"Summary",
+                                             "Map name team",
+                                             "next map ",
+                                             "Generation number 3",
+                                             "Time stamp 12",
+                                             "Total filesystem elems 4",
+                                             "Total ACEs 1",
+                                             "Total lists 0",
+                                             "Fselem offset 176",
+                                             "Fselem size 96",
+                                             "Next free fselem  96",
+                                             "Name elem offser 272",
+                                             "Name eleem size 56",
+                                             "Next free nameelem 56",
+                                             "Acl offset 328",
+                                             "ACL size 44",
+                                             "Next free ACL 44",
+                                             "List offset 372",
+                                             "List size 64",
+                                             "Next free list 52",
+                                             "Signature 514297519"};
   EXPECT_EQ(expected, messages());
 }
 

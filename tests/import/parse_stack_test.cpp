@@ -35,9 +35,9 @@ TEST_F(ParseStack, MakesEmptyElements) {
 TEST_F(ParseStack, TellsMissingMemory) {
   fail_call("malloc", ENOMEM, 1, 100);
   EXPECT_EQ(0, level_of("No memory Cannot allocate memory", [] {
-    jsonstack* elem = nullptr;
-    EXPECT_EQ(1, create_stackelem(5, &elem));
-  }));
+              jsonstack* elem = nullptr;
+              EXPECT_EQ(1, create_stackelem(5, &elem));
+            }));
   EXPECT_TRUE(in_child([this] {
                 push_stackelem_wstatedata(&summary_, 1, 0, nullptr, STELEM_TYPE_INVALID);
               }).aborted_with("err == 0"));
@@ -77,8 +77,9 @@ TEST_F(ParseStack, AbortsOnMisuse) {
   void* data = nullptr;
   stelem_type type = STELEM_TYPE_FSELEM;
   EXPECT_TRUE(in_child([&] { get_cur_state(&summary_.sth); }).aborted_with("stelem != NULL"));
-  EXPECT_TRUE(in_child([&] { get_cur_statewdata(&summary_.sth, &offset, &data, &type); })
-                  .aborted_with("stelem != NULL"));
+  EXPECT_TRUE(in_child([&] {
+                get_cur_statewdata(&summary_.sth, &offset, &data, &type);
+              }).aborted_with("stelem != NULL"));
   EXPECT_TRUE(in_child([&] {
                 offset = 1;
                 get_cur_statewdata(&summary_.sth, &offset, &data, &type);

@@ -197,8 +197,8 @@ TEST_F(SizePass, WithoutPathsNeedsALocalCopy) {
   memsummary_s* summary = &own;
   const char* text = "Perm map location does not exist /etc/tavrix/.permbe_map";
   EXPECT_EQ(0, level_of(text, [&] {
-    EXPECT_EQ(SHM_MEMBE_ERR_NOCACHE_FILE, get_permbe_shmsize(nullptr, nullptr, &summary));
-  }));
+              EXPECT_EQ(SHM_MEMBE_ERR_NOCACHE_FILE, get_permbe_shmsize(nullptr, nullptr, &summary));
+            }));
   EXPECT_EQ(std::string("5,") + text + ",4", told());
 }
 
@@ -231,8 +231,8 @@ TEST_F(SizePass, RefusesMissingFiles) {
   for (const Refusal& refusal : refusals) {
     memsummary_s* summary = nullptr;
     EXPECT_EQ(0, level_of(refusal.text, [&] {
-      EXPECT_EQ(refusal.result, get_permbe_shmsize(refusal.size, refusal.data, &summary));
-    }));
+                EXPECT_EQ(refusal.result, get_permbe_shmsize(refusal.size, refusal.data, &summary));
+              }));
     EXPECT_EQ(nullptr, summary);
     EXPECT_EQ(std::string("5,") + refusal.text + ",1", told());
   }
@@ -265,7 +265,8 @@ TEST_F(SizePass, TellsMissingMemory) {
     fail_call("strdup", ENOMEM, nth);
     EXPECT_EQ(SHM_MEMBE_ERR_NOMEM, get_permbe_shmsize(kSize, kData, &summary));
     EXPECT_EQ(nullptr, summary);
-    EXPECT_EQ("5,Cannot allocate mem summary size path retval 1 err Cannot allocate memory,3", told());
+    EXPECT_EQ("5,Cannot allocate mem summary size path retval 1 err Cannot allocate memory,3",
+              told());
   }
   EXPECT_EQ(blocks, live_allocations());
 }

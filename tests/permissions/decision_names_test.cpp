@@ -62,8 +62,8 @@ TEST_F(DecisionArguments, NeedAnOperation) {
   for (const int op : {0, 30, -1, INT_MAX, INT_MIN}) {
     Plain plain{.path = "/tavrix", .op = static_cast<e_fsop_type>(op)};
     EXPECT_EQ(TXPERMS_INVALID_ARGS, plain.verdict()) << op;
-    EXPECT_EQ(0, plain.level("ENFORCE_PERMS Invalid argument path /tavrix acl " +
-                             std::to_string(op)));
+    EXPECT_EQ(0,
+              plain.level("ENFORCE_PERMS Invalid argument path /tavrix acl " + std::to_string(op)));
   }
 }
 
@@ -187,7 +187,8 @@ TEST_F(DecisionPath, IsToldWithItsSpelling) {
 
 TEST_F(DecisionPath, WithNothingLeftIsToldSo) {
   Plain plain{.path = "/tavrix/a/.."};
-  EXPECT_EQ(4, plain.level("ENFORCE_PERMS /tavrix/a/.. normalized to , change '' to '.' if needed"));
+  EXPECT_EQ(4,
+            plain.level("ENFORCE_PERMS /tavrix/a/.. normalized to , change '' to '.' if needed"));
   EXPECT_EQ(4, plain.level("ENFORCE_PERMS : set realpath to '.'"));
 }
 

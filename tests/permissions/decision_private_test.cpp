@@ -26,8 +26,8 @@ TEST_F(PrivateDecision, FilesInPrivateItselfAreRefused) {
       EXPECT_EQ(kRefused, ask_share(FSOP_CREATE, "Private/new.txt"));
       EXPECT_EQ(kRefused, ask_share(FSOP_CREATE, "Private/pat"));
       EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "Private/stray.txt"));
-      EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS disallow file operations in Private", FSOP_CREATE,
-                                     "Private/new.txt"));
+      EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS disallow file operations in Private",
+                                     FSOP_CREATE, "Private/new.txt"));
     });
   }
 }
@@ -48,15 +48,16 @@ TEST_F(PrivateDecision, AdministratorsMayEverythingBelowThem) {
     for (const e_fsop_type op : operations_with_a_rule()) {
       EXPECT_EQ(kGranted, ask_share(op, "Private/pat/diary.txt")) << name_of(op);
     }
-    EXPECT_EQ(2, level_when_asking("admin, enforce for RWD/RWD", FSOP_STAT, "Private/pat/diary.txt"));
+    EXPECT_EQ(2,
+              level_when_asking("admin, enforce for RWD/RWD", FSOP_STAT, "Private/pat/diary.txt"));
   });
 }
 
 TEST_F(PrivateDecision, AMissingUserFolderIsRefused) {
   as(kAdministrator, [] {
     EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "Private/nobody/x"));
-    EXPECT_EQ(2, level_when_asking("Private subdir '/tavrix/Private/nobody' does not exist", FSOP_STAT,
-                                   "Private/nobody/x"));
+    EXPECT_EQ(2, level_when_asking("Private subdir '/tavrix/Private/nobody' does not exist",
+                                   FSOP_STAT, "Private/nobody/x"));
   });
   as(kPat, [] {
     EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "Private/nobody/x"));
@@ -69,8 +70,10 @@ TEST_F(PrivateDecision, AnotherUsersFolderIsRefused) {
     EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "Private/olga"));
     EXPECT_EQ(kRefused, ask_share(FSOP_OPENDIR, "Private/olga"));
     EXPECT_EQ(kRefused, ask_share(FSOP_OPEN_READ, "Private/olga/diary.txt"));
-    EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS UID 1003 does not match 1004 for path Private/olga "
-                                   "in /Private", FSOP_STAT, "Private/olga"));
+    EXPECT_EQ(2,
+              level_when_asking("ENFORCE_PERMS UID 1003 does not match 1004 for path Private/olga "
+                                "in /Private",
+                                FSOP_STAT, "Private/olga"));
   });
 }
 
@@ -81,9 +84,10 @@ TEST_F(PrivateDecision, TheOwnersFolderMayBeRead) {
       const bool granted = rule_says(op, FSTYPE_FOLDER, 1, 1).granted;
       EXPECT_EQ(granted ? kGranted : kRefused, ask_share(op, "Private/pat")) << name_of(op);
     }
-    EXPECT_EQ(2, level_when_asking("parent is /Private, enforce for R/R", FSOP_STAT, "Private/pat"));
-    EXPECT_EQ(4, level_when_asking("UID 1003 matches 1003 for path Private/pat in /Private", FSOP_STAT,
-                                   "Private/pat"));
+    EXPECT_EQ(2,
+              level_when_asking("parent is /Private, enforce for R/R", FSOP_STAT, "Private/pat"));
+    EXPECT_EQ(4, level_when_asking("UID 1003 matches 1003 for path Private/pat in /Private",
+                                   FSOP_STAT, "Private/pat"));
   });
 }
 
@@ -113,7 +117,8 @@ TEST_F(PrivateDecision, AFailedLookAtTheUserFolderIsASystemError) {
       fail_call("stat", EIO, 2);
       EXPECT_EQ(kSystemError, ask_share(FSOP_STAT, "Private/pat/diary.txt"));
     };
-    EXPECT_EQ(0, level_of("ENFORCE_PERMS stat(/tavrix/Private/pat) failed: Input/output error", attempt));
+    EXPECT_EQ(
+        0, level_of("ENFORCE_PERMS stat(/tavrix/Private/pat) failed: Input/output error", attempt));
   });
 }
 

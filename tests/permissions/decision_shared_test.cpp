@@ -34,14 +34,16 @@ TEST_F(SharedDecision, FilesAreRefusedEvenToAdministrators) {
 
 TEST_F(SharedDecision, RefusedFilesAreTold) {
   as(kAdministrator, [] {
-    EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS DENIED no files allowed in Shared, type: 1, op: 16",
-                                   FSOP_STAT, "Shared/stray.txt"));
+    EXPECT_EQ(2,
+              level_when_asking("ENFORCE_PERMS DENIED no files allowed in Shared, type: 1, op: 16",
+                                FSOP_STAT, "Shared/stray.txt"));
   });
 }
 
 TEST_F(SharedDecision, TeamFoldersAreTheAdministrators) {
   as(kAdministrator, [] {
-    for (const e_fsop_type op : {FSOP_MKDIR, FSOP_RMDIR, FSOP_RENAME_SRC, FSOP_OPENDIR, FSOP_STAT}) {
+    for (const e_fsop_type op :
+         {FSOP_MKDIR, FSOP_RMDIR, FSOP_RENAME_SRC, FSOP_OPENDIR, FSOP_STAT}) {
       EXPECT_EQ(kGranted, ask_share(op, "Shared/Closed")) << name_of(op);
     }
     EXPECT_EQ(kGranted, ask_share(FSOP_MKDIR, "Shared/NewTeam"));
@@ -171,7 +173,8 @@ TEST_F(SharedDecision, TheTypeMayBeTold) {
   });
 }
 
-// --- the whole, against the table of rules --------------------------------------------------------
+// --- the whole, against the table of rules
+// --------------------------------------------------------
 
 TEST_F(SharedDecision, IsTheRuleForEveryOperationAndPairOfMasks) {
   make_folder("Shared/Team/Sub");
@@ -184,8 +187,7 @@ TEST_F(SharedDecision, IsTheRuleForEveryOperationAndPairOfMasks) {
       as(kPat, [=] {
         for (const e_fsop_type op : operations_with_a_rule()) {
           const bool shortcut = op == FSOP_OPEN_READ;
-          const bool granted =
-              shortcut || rule_says(op, FSTYPE_FOLDER, self, parent).granted;
+          const bool granted = shortcut || rule_says(op, FSTYPE_FOLDER, self, parent).granted;
           const bool to_see = !shortcut && granted && (self == 8 || self == 16);
           ASSERT_EQ((Ruling{granted ? TXPERMS_HAS_PERMS : TXPERMS_NO_PERM, to_see ? 1 : 0}),
                     ask_share(op, "Shared/Team/Sub"))
@@ -202,8 +204,9 @@ TEST_F(SharedDecision, FoldersMayAlwaysBeOpenedForReading) {
   as(kPat, [] {
     EXPECT_EQ(kGranted, ask_share(FSOP_OPEN_READ, "Shared/Closed"));
     EXPECT_EQ(kGranted, ask_share(FSOP_OPEN_READ, "Private/olga"));
-    EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS GRANTED OPEN_READ on a folder, returning HAS_PERMS",
-                                   FSOP_OPEN_READ, "Shared/Closed"));
+    EXPECT_EQ(2,
+              level_when_asking("ENFORCE_PERMS GRANTED OPEN_READ on a folder, returning HAS_PERMS",
+                                FSOP_OPEN_READ, "Shared/Closed"));
   });
 }
 
@@ -215,7 +218,8 @@ TEST_F(SharedDecision, WildcardsMayAlwaysBeStated) {
     }
     EXPECT_EQ(kRefused, ask_share(FSOP_OPEN_WRITE, "Shared/Closed/*"));
     EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "Shared/Closed/*x", FSTYPE_FILE));
-    EXPECT_EQ(2, level_when_asking("Allow for stat of * component: Shared/*", FSOP_STAT, "Shared/*"));
+    EXPECT_EQ(2,
+              level_when_asking("Allow for stat of * component: Shared/*", FSOP_STAT, "Shared/*"));
   });
 }
 
@@ -227,8 +231,10 @@ TEST_F(SharedDecision, RefusedSpecialFilesAreLetThrough) {
     EXPECT_EQ(kGranted, ask_share(FSOP_OPEN_WRITE, "Shared/Closed/a.sb-1/x"));
     EXPECT_EQ(kGranted, ask_share(FSOP_UNLINK, "Private/olga/x.sb-2"));
     EXPECT_EQ(kRefused, ask_share(FSOP_OPEN_WRITE, "Shared/Closed/.DS_Store"));
-    EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS got NO PERM but path is a special path so overturn "
-                                   "verdict", FSOP_CREATE, ".DS_Store"));
+    EXPECT_EQ(2,
+              level_when_asking("ENFORCE_PERMS got NO PERM but path is a special path so overturn "
+                                "verdict",
+                                FSOP_CREATE, ".DS_Store"));
   });
 }
 
@@ -266,13 +272,15 @@ TEST_F(SharedDecision, TheTopLevelHasNothingElse) {
 TEST_F(SharedDecision, TheTopLevelIsTold) {
   as(kPat, [] {
     EXPECT_EQ(2, level_when_asking("Invalid Tavrix path 'Other/below'", FSOP_STAT, "Other/below"));
-    EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS UNKNOWN_PATH Invalid Tavrix path 'Other' under root",
-                                   FSOP_STAT, "Other"));
-    EXPECT_EQ(2, level_when_asking("Deny due to file or file operation in Tavrix root, type: 1, op: 16",
-                                   FSOP_STAT, "top.txt"));
+    EXPECT_EQ(2,
+              level_when_asking("ENFORCE_PERMS UNKNOWN_PATH Invalid Tavrix path 'Other' under root",
+                                FSOP_STAT, "Other"));
+    EXPECT_EQ(
+        2, level_when_asking("Deny due to file or file operation in Tavrix root, type: 1, op: 16",
+                             FSOP_STAT, "top.txt"));
     EXPECT_EQ(2, level_when_asking("everyone has R/R permission for /Shared", FSOP_STAT, "Shared"));
-    EXPECT_EQ(2, level_when_asking("admin and power users have R/R permission for /Private", FSOP_STAT,
-                                   "Private"));
+    EXPECT_EQ(2, level_when_asking("admin and power users have R/R permission for /Private",
+                                   FSOP_STAT, "Private"));
     EXPECT_EQ(2, level_when_asking("everyone has R/R permission for '.'", FSOP_STAT, "."));
     EXPECT_EQ(2, level_when_asking("ENFORCE_PERMS DENIED for op=(16) real_path=(Other)", FSOP_STAT,
                                    "Other"));
@@ -287,8 +295,8 @@ TEST_F(SharedDecision, WithoutAMapIsASystemErrorBeforeAnyRefusal) {
     EXPECT_EQ(kSystemError, ask_share(FSOP_STAT, "Shared/Team"));
     EXPECT_EQ(kSystemError, ask_share(FSOP_CREATE, "Shared/x"));
     EXPECT_EQ(kSystemError, ask_share(FSOP_STAT, "Other"));
-    EXPECT_EQ(0, level_when_asking("ENFORCE_PERMS ERROR Cannot access the permission map", FSOP_STAT,
-                                   "Shared/Team"));
+    EXPECT_EQ(0, level_when_asking("ENFORCE_PERMS ERROR Cannot access the permission map",
+                                   FSOP_STAT, "Shared/Team"));
   });
 }
 
@@ -306,7 +314,8 @@ TEST_F(SharedDecision, AFailedLookAtTheObjectIsASystemError) {
       EXPECT_EQ(kSystemError, ask_share(FSOP_STAT, "Shared/Team"));
     };
     EXPECT_EQ(0, level_of("ENFORCE_PERMS stat(/tavrix/Shared/Team) failed, code=5 (Input/output "
-                          "error)", attempt));
+                          "error)",
+                          attempt));
   });
 }
 

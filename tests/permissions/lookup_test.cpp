@@ -105,7 +105,8 @@ TEST(PathElements, WithoutMemoryAreNoneAndLeaveNothing) {
 TEST(NameHash, FoldsCaseAndSkipsExtendedBytes) {
   EXPECT_EQ(0U, process_namecomponent_4hash("", 0));
   EXPECT_EQ(process_namecomponent_4hash("foo", 3), process_namecomponent_4hash("FOO", 3));
-  EXPECT_EQ(process_namecomponent_4hash("a\xc3\xa9", 3), process_namecomponent_4hash("a\xc3\x89", 3));
+  EXPECT_EQ(process_namecomponent_4hash("a\xc3\xa9", 3),
+            process_namecomponent_4hash("a\xc3\x89", 3));
   EXPECT_NE(process_namecomponent_4hash("ab", 2), process_namecomponent_4hash("ba", 2));
 }
 
@@ -186,7 +187,9 @@ TEST_F(Lookup, GivesTheFoldersOwnEntriesInDocumentOrder) {
 TEST_F(Lookup, InheritsFromTheNearestAncestorWithEntries) {
   const Folder c{.name = "c"};
   const Folder b{.name = "b", .children = {c}};
-  use({.name = "/", .users = {{9, 1}}, .children = {{.name = "a", .users = {{1, 7}}, .children = {b}}}});
+  use({.name = "/",
+       .users = {{9, 1}},
+       .children = {{.name = "a", .users = {{1, 7}}, .children = {b}}}});
   EXPECT_EQ((Governing{{{ACE_TYPE_USER, {1, 7}}}, true}), acl("a/b/c"));
   EXPECT_EQ((Governing{{{ACE_TYPE_USER, {1, 7}}}, false}), acl("a"));
 }
@@ -215,9 +218,18 @@ TEST_F(Lookup, FindsExtendedNamesInAnyCase) {
 // Samba counts characters, not bytes: behind a name of few of them it would read into the next one.
 TEST_F(Lookup, FindsExtendedNamesInTheMiddleOfAPath) {
   give_samba_library_its_name();
-  use({.name = "/", .children = {{.name = "\xe2\x82\xac" "A", .children = {{.name = "b"}}}}});
-  EXPECT_EQ((Found{SHM_MEMBE_OK, 48}), find("\xe2\x82\xac" "a/b"));
-  EXPECT_FALSE(acl("\xe2\x82\xac" "a/b").inherited && find("\xe2\x82\xac" "a/b").offset == 0);
+  use({.name = "/",
+       .children = {{.name = "\xe2\x82\xac"
+                             "A",
+                     .children = {{.name = "b"}}}}});
+  EXPECT_EQ((Found{SHM_MEMBE_OK, 48}), find("\xe2\x82\xac"
+                                            "a/b"));
+  EXPECT_FALSE(acl("\xe2\x82\xac"
+                   "a/b")
+                   .inherited &&
+               find("\xe2\x82\xac"
+                    "a/b")
+                       .offset == 0);
 }
 
 TEST_F(Lookup, TakesTheFirstOfTwoNamesThatAreEqual) {
@@ -239,11 +251,20 @@ TEST_F(Lookup, IsTheNaiveOneOnRandomTrees) {
         }
       }
       switch (random() % 6) {
-        case 0: path += "/missing"; break;
-        case 1: path = "/" + path + "//"; break;
-        case 2: path.insert(0, "///"); break;
-        case 3: path += "/Missing/below"; break;
-        default: break;
+        case 0:
+          path += "/missing";
+          break;
+        case 1:
+          path = "/" + path + "//";
+          break;
+        case 2:
+          path.insert(0, "///");
+          break;
+        case 3:
+          path += "/Missing/below";
+          break;
+        default:
+          break;
       }
       ASSERT_EQ(naive_lookup(tree, path), acl(path)) << "seed " << seed << " path " << path;
     }
@@ -270,14 +291,16 @@ TEST_F(Lookup, OfNothingIsRefused) {
   path_array* array = nullptr;
   get_path_elem_smb4("a", 2, &array);
   EXPECT_EQ(0, level_of("NULL perm map", [&] {
-    EXPECT_EQ(SHM_MEMBE_ERR_MAP_CORRUPTION, find_fselem_fromname(nullptr, array, &offset));
-  }));
+              EXPECT_EQ(SHM_MEMBE_ERR_MAP_CORRUPTION,
+                        find_fselem_fromname(nullptr, array, &offset));
+            }));
   EXPECT_EQ(0, level_of("Null file path ", [&] {
-    EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, find_fselem_fromname(map(), nullptr, &offset));
-  }));
+              EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, find_fselem_fromname(map(), nullptr, &offset));
+            }));
   EXPECT_EQ(0, level_of("Invalid perm map", [&] {
-    EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, get_nonempty_tavrixacl_fromfselemoffset(nullptr, 0, &acl));
-  }));
+              EXPECT_EQ(SHM_MEMBE_ERR_BADARGS,
+                        get_nonempty_tavrixacl_fromfselemoffset(nullptr, 0, &acl));
+            }));
   cleanup_path_array_smb4(&array);
 }
 

@@ -58,7 +58,8 @@ class MapProcesses : public Isolated {
 
 TEST_F(MapProcesses, ReadersAlwaysFindAWholeMap) {
   std::vector<std::unique_ptr<Child>> readers;
-  for (int i = 0; i < 4; ++i) readers.push_back(std::make_unique<Child>([] { read_until_stopped(); }));
+  for (int i = 0; i < 4; ++i)
+    readers.push_back(std::make_unique<Child>([] { read_until_stopped(); }));
   for (uint32_t generation = 1; generation <= kSwaps; ++generation) ASSERT_TRUE(load(generation));
   write_file("/scratch/stop", "");
   for (auto& reader : readers) {
@@ -70,7 +71,8 @@ TEST_F(MapProcesses, ReadersAlwaysFindAWholeMap) {
 
 TEST_F(MapProcesses, TwoLoadersTakeTurnsAndLeaveOneTable) {
   std::vector<std::unique_ptr<Child>> readers;
-  for (int i = 0; i < 2; ++i) readers.push_back(std::make_unique<Child>([] { read_until_stopped(); }));
+  for (int i = 0; i < 2; ++i)
+    readers.push_back(std::make_unique<Child>([] { read_until_stopped(); }));
   // Loaders are excluded by the exclusive creation of the next table: while one fills it, the other
   // is refused. Each holds a lock around a load, as the appliance's service does.
   const auto loader = [](uint32_t base) {

@@ -93,7 +93,8 @@ TEST_F(PermMap, SetThatIsMissingIsMadeByAServer) {
   told.resize(4);
   EXPECT_EQ((std::vector<std::string>{
                 " tavrix_messenger: PERM_MAP cannot get the permission map semaphore, code=2 (No "
-                "such file or directory) key=" + key + " will recreate\n",
+                "such file or directory) key=" +
+                    key + " will recreate\n",
                 kTag + " recreate success key=" + key + "\n",
                 kTag + " recreate success assigning to map  key=" + key + "\n",
                 kTag + " recreate success got perm map semaphore key=" + key + "\n"}),
@@ -127,19 +128,23 @@ TEST_F(PermMap, SetCannotBeMade) {
 TEST_F(PermMap, SetCannotBeWritten) {
   fail_call("semctl", EACCES, 1, 1);
   EXPECT_EQ(-1, create_perm_map_semaphore());
-  EXPECT_TRUE(logged(kTag + "cannot set the permission map semaphore, code=13 (Permission denied)\n"));
+  EXPECT_TRUE(
+      logged(kTag + "cannot set the permission map semaphore, code=13 (Permission denied)\n"));
   semctl(set(), 0, IPC_RMID);
   fail_call("semctl", EACCES, 1, 1);
   EXPECT_EQ(-1, init_perm_map_semaphore());
-  EXPECT_TRUE(logged(kTag + " recreate cannot set the permission map semaphore, code=13 (Permission "
-                            "denied)\n"));
+  EXPECT_TRUE(logged(kTag +
+                     " recreate cannot set the permission map semaphore, code=13 (Permission "
+                     "denied)\n"));
 }
 
 TEST_F(PermMap, SetIsGoneAgainAfterItWasRemade) {
   fail_call("semget", ENOENT, 3);
   EXPECT_EQ(-1, init_perm_map_semaphore());
-  EXPECT_TRUE(logged(kTag + "cannot get the permission map semaphore, even after trying to recreate "
-                            "code=2 (No such file or directory) key=" + hex(set_key()) + "\n"));
+  EXPECT_TRUE(logged(kTag +
+                     "cannot get the permission map semaphore, even after trying to recreate "
+                     "code=2 (No such file or directory) key=" +
+                     hex(set_key()) + "\n"));
 }
 
 // --- tables --------------------------------------------------------------------------------------
@@ -191,8 +196,9 @@ TEST_F(PermMap, TablesTakeTurns) {
   EXPECT_EQ(kTable1, get_next_perm_table_key(0));
   EXPECT_EQ(kTable0, get_next_perm_table_key(1));
   for (const int odd : {-1, 2}) {
-    EXPECT_TRUE(in_child([odd] { get_next_perm_table_key(odd); })
-                    .aborted_with("current == 0 || current == 1"));
+    EXPECT_TRUE(in_child([odd] {
+                  get_next_perm_table_key(odd);
+                }).aborted_with("current == 0 || current == 1"));
   }
 }
 
@@ -234,7 +240,8 @@ TEST_F(PermMap, FlagFailures) {
     EXPECT_EQ(-1, map_initialized(1));
   };
   EXPECT_EQ(0, level_of(kTag + "cannot update initialized semaphore value, code=13 (Permission "
-                               "denied)\n", write));
+                               "denied)\n",
+                        write));
 }
 
 // --- the swap ------------------------------------------------------------------------------------
@@ -302,8 +309,7 @@ TEST_F(PermMap, SwapFailures) {
 TEST_F(PermMap, SwapNeedsATableOfTwo) {
   create_perm_map_semaphore();
   for (const unsigned odd : {2U, 0xFFFFFFFFU}) {
-    EXPECT_TRUE(
-        in_child([odd] { swap_maps(odd); }).aborted_with("current == 0 || current == 1"));
+    EXPECT_TRUE(in_child([odd] { swap_maps(odd); }).aborted_with("current == 0 || current == 1"));
   }
 }
 
@@ -330,10 +336,12 @@ TEST_F(PermMap, IndexForTheLoaderStaysWithItsSet) {
 TEST_F(PermMap, IndexIsZeroOrOne) {
   create_perm_map_semaphore();
   force(0, 2);
-  EXPECT_TRUE(in_child([] { get_current_perm_table_index(); })
-                  .aborted_with("current == 0 || current == 1"));
-  EXPECT_TRUE(in_child([] { get_current_perm_table_index_for_fill(); })
-                  .aborted_with("current == 0 || current == 1"));
+  EXPECT_TRUE(in_child([] {
+                get_current_perm_table_index();
+              }).aborted_with("current == 0 || current == 1"));
+  EXPECT_TRUE(in_child([] {
+                get_current_perm_table_index_for_fill();
+              }).aborted_with("current == 0 || current == 1"));
 }
 
 TEST_F(PermMap, IndexFailures) {
@@ -429,13 +437,16 @@ TEST_F(Attach, FollowsASwapThatComesBeforeItsAttach) {
 TEST_F(Attach, FollowsASwapThatComesAfterItsAttach) {
   // The fourth look: initialized and index before the attach, initialized again behind it.
   set_debug_level(4);
-  run_before("semctl", [] {
-    in_child([] {
-      init_perm_map_semaphore();
-      make_table(kTable1, 'b');
-      swap_maps(0);
-    });
-  }, 3);
+  run_before(
+      "semctl",
+      [] {
+        in_child([] {
+          init_perm_map_semaphore();
+          make_table(kTable1, 'b');
+          swap_maps(0);
+        });
+      },
+      3);
   EXPECT_EQ('b', mark_of_current());
   bool told = false;
   for (const auto& text : messages()) {

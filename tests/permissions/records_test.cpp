@@ -136,8 +136,10 @@ TEST_F(Records, AbortOnMisuse) {
       {"name != NULL && len > 0", "Invalid name parameters",
        [&] { create_nameelem(&summary_, 3, nullptr, &root_); }},
       {"stelem != NULL", "Invalid stelem", [&] { create_nameelem(&summary_, 1, "/", nullptr); }},
-      {"memsummary != NULL", "Invalid memsummary", [&] { create_nameelem(nullptr, 1, "/", &root_); }},
-      {"stelem->stetype == STELEM_TYPE_FSELEM", "", [&] { create_nameelem(&summary_, 1, "/", &name); }},
+      {"memsummary != NULL", "Invalid memsummary",
+       [&] { create_nameelem(nullptr, 1, "/", &root_); }},
+      {"stelem->stetype == STELEM_TYPE_FSELEM", "",
+       [&] { create_nameelem(&summary_, 1, "/", &name); }},
       {"memsummary != NULL", "Invalid memsummary", [&] { create_child_list(nullptr, 1, &root_); }},
       {"stelem != NULL", "Invalid stelem", [&] { create_child_list(&summary_, 1, nullptr); }},
       {"memsummary != NULL", "Invalid memsummary", [&] { add_to_parentlist(nullptr, &root_, 0); }},
@@ -171,12 +173,15 @@ TEST_F(Records, AbortOnMisuse) {
 TEST_F(Records, NeverLeaveTheImage) {
   create_fselem(&summary_, &root_, 0xFFFFFFFF);
   const std::string name(60000, 'x');
-  EXPECT_TRUE(in_child([&] { create_nameelem(&summary_, 60000, name.c_str(), &root_); })
-                  .aborted_with("record lies inside the image"));
-  EXPECT_TRUE(in_child([&] { create_child_list(&summary_, 0xFFFFFFFF, &root_); })
-                  .aborted_with("record lies inside the image"));
-  EXPECT_TRUE(in_child([&] { create_nameelem(&summary_, 70000, name.c_str(), &root_); })
-                  .aborted_with("len <= UINT16_MAX"));
+  EXPECT_TRUE(in_child([&] {
+                create_nameelem(&summary_, 60000, name.c_str(), &root_);
+              }).aborted_with("record lies inside the image"));
+  EXPECT_TRUE(in_child([&] {
+                create_child_list(&summary_, 0xFFFFFFFF, &root_);
+              }).aborted_with("record lies inside the image"));
+  EXPECT_TRUE(in_child([&] {
+                create_nameelem(&summary_, 70000, name.c_str(), &root_);
+              }).aborted_with("len <= UINT16_MAX"));
 }
 
 // --- ACLs ----------------------------------------------------------------------------------------
@@ -239,8 +244,9 @@ TEST_F(Acl, IsStoredInListOrder) {
   uint32_t size = 0;
   ASSERT_EQ(SHM_MEMBE_OK, ACL_2_membuf(acl_, &stored, &size));
   ASSERT_EQ(32U, size);
-  const uint8_t expected[] = {0xEF, 0xCD, 0xEF, 0xCD, 2, 0, 0, 0, 2,    0,    0,    0, 2, 0, 0, 0,
-                              0,    0,    0,    0,    1, 0, 0, 0, 0x44, 0x33, 0x22, 0x11, 0x45, 0x23, 0, 0};
+  const uint8_t expected[] = {0xEF, 0xCD, 0xEF, 0xCD, 2,    0,    0,    0,    2, 0, 0,
+                              0,    2,    0,    0,    0,    0,    0,    0,    0, 1, 0,
+                              0,    0,    0x44, 0x33, 0x22, 0x11, 0x45, 0x23, 0, 0};
   EXPECT_EQ(0, std::memcmp(expected, stored, size));
   std::free(stored);
 }
@@ -382,9 +388,9 @@ TEST_F(Acl, IsPrinted) {
 }
 
 TEST_F(Acl, IsPrintedWithTheNamesOfItsMasks) {
-  const std::pair<uint32_t, const char*> rows[] = {{7, "RDWRDEL"},  {3, "RDWR"},      {1, "RDONLY"},
-                                                   {5, "RDONLY"},   {16, "VIEWER_ONLY"}, {0, "NOPERM"},
-                                                   {8, "NAVIGATE"}, {19, "RDWR"}};
+  const std::pair<uint32_t, const char*> rows[] = {
+      {7, "RDWRDEL"},      {3, "RDWR"},   {1, "RDONLY"},   {5, "RDONLY"},
+      {16, "VIEWER_ONLY"}, {0, "NOPERM"}, {8, "NAVIGATE"}, {19, "RDWR"}};
   add_ace_to_acl(acl_, ACE_TYPE_USER, 1);
   for (const auto& [mask, name] : rows) {
     add_ace_mask(acl_, ACE_TYPE_USER, 1, mask);

@@ -39,8 +39,7 @@ std::string name_of_number(const testing::TestParamInfo<int>& number) {
 // --- the whole table ----------------------------------------------------------------------------
 
 class RuleFor : public TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Object, RuleFor, testing::ValuesIn(kObjects),
-                         name_of_number);
+INSTANTIATE_TEST_SUITE_P(Object, RuleFor, testing::ValuesIn(kObjects), name_of_number);
 
 TEST_P(RuleFor, EveryOperationAndPairOfMasksIsThePolicy) {
   set_debug_level(-1);

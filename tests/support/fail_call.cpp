@@ -106,35 +106,35 @@ using tavrix::test::probes;
 
 // The probe of a wrapped call is known from the program's start, so that a typing error in a test
 // is one; the pair of functions is what --wrap=name links.
-#define WRAPPED(name)                                                     \
-  namespace {                                                             \
-  Probe* probe_of_##name = &probes()[#name];                               \
+#define WRAPPED(name)                        \
+  namespace {                                \
+  Probe* probe_of_##name = &probes()[#name]; \
   }
 
-#define WRAP(result, failure, name, parameters, arguments)                \
-  WRAPPED(name)                                                           \
-  extern "C" result __real_##name parameters;                             \
-  extern "C" result __wrap_##name parameters;                             \
-  result __wrap_##name parameters {                                       \
-    if (const int error = intercept(probe_of_##name); error != 0) {       \
-      errno = error;                                                      \
-      return failure;                                                     \
-    }                                                                     \
-    return __real_##name arguments;                                       \
+#define WRAP(result, failure, name, parameters, arguments)          \
+  WRAPPED(name)                                                     \
+  extern "C" result __real_##name parameters;                       \
+  extern "C" result __wrap_##name parameters;                       \
+  result __wrap_##name parameters {                                 \
+    if (const int error = intercept(probe_of_##name); error != 0) { \
+      errno = error;                                                \
+      return failure;                                               \
+    }                                                               \
+    return __real_##name arguments;                                 \
   }
 
 // --- memory: counted even before the probes exist, for the program's start allocates too --------
 
-#define WRAP_ALLOCATION(name, parameters, arguments)                      \
-  WRAPPED(name)                                                           \
-  extern "C" void* __real_##name parameters;                              \
-  extern "C" void* __wrap_##name parameters;                              \
-  void* __wrap_##name parameters {                                        \
-    if (const int error = intercept(probe_of_##name); error != 0) {       \
-      errno = error;                                                      \
-      return nullptr;                                                     \
-    }                                                                     \
-    return count_block(__real_##name arguments);                          \
+#define WRAP_ALLOCATION(name, parameters, arguments)                \
+  WRAPPED(name)                                                     \
+  extern "C" void* __real_##name parameters;                        \
+  extern "C" void* __wrap_##name parameters;                        \
+  void* __wrap_##name parameters {                                  \
+    if (const int error = intercept(probe_of_##name); error != 0) { \
+      errno = error;                                                \
+      return nullptr;                                               \
+    }                                                               \
+    return count_block(__real_##name arguments);                    \
   }
 
 WRAP_ALLOCATION(malloc, (size_t size), (size))
@@ -228,8 +228,8 @@ WRAP(int, -1, seteuid, (uid_t id), (id))
 WRAP(int, -1, setegid, (gid_t id), (id))
 WRAP(int, -1, setresuid, (uid_t r, uid_t e, uid_t s), (r, e, s))
 WRAP(int, -1, setresgid, (gid_t r, gid_t e, gid_t s), (r, e, s))
-WRAP(int, -1, getresuid, (uid_t* r, uid_t* e, uid_t* s), (r, e, s))
-WRAP(int, -1, getresgid, (gid_t* r, gid_t* e, gid_t* s), (r, e, s))
+WRAP(int, -1, getresuid, (uid_t * r, uid_t* e, uid_t* s), (r, e, s))
+WRAP(int, -1, getresgid, (gid_t * r, gid_t* e, gid_t* s), (r, e, s))
 WRAP(long, -1, sysconf, (int name), (name))
 
 // --- files ---------------------------------------------------------------------------------------
@@ -264,18 +264,18 @@ int __wrap_open(const char* path, int flags, ...) {
   return __real_open(path, flags, mode);
 }
 
-#define WRAP_TRANSFER(name, buffer)                                               \
-  WRAPPED(name)                                                                   \
-  extern "C" ssize_t __real_##name(int fd, buffer bytes, size_t size);            \
-  extern "C" ssize_t __wrap_##name(int fd, buffer bytes, size_t size);            \
-  ssize_t __wrap_##name(int fd, buffer bytes, size_t size) {                      \
-    if (const int error = intercept(probe_of_##name); error != 0) {               \
-      errno = error;                                                              \
-      return -1;                                                                  \
-    }                                                                             \
-    const long at_most = std::exchange(probe_of_##name->at_most, -1);              \
-    const bool cut = at_most >= 0 && static_cast<size_t>(at_most) < size;         \
-    return __real_##name(fd, bytes, cut ? static_cast<size_t>(at_most) : size);   \
+#define WRAP_TRANSFER(name, buffer)                                             \
+  WRAPPED(name)                                                                 \
+  extern "C" ssize_t __real_##name(int fd, buffer bytes, size_t size);          \
+  extern "C" ssize_t __wrap_##name(int fd, buffer bytes, size_t size);          \
+  ssize_t __wrap_##name(int fd, buffer bytes, size_t size) {                    \
+    if (const int error = intercept(probe_of_##name); error != 0) {             \
+      errno = error;                                                            \
+      return -1;                                                                \
+    }                                                                           \
+    const long at_most = std::exchange(probe_of_##name->at_most, -1);           \
+    const bool cut = at_most >= 0 && static_cast<size_t>(at_most) < size;       \
+    return __real_##name(fd, bytes, cut ? static_cast<size_t>(at_most) : size); \
   }
 WRAP_TRANSFER(read, void*)
 WRAP_TRANSFER(write, const void*)

@@ -66,8 +66,9 @@ std::vector<std::string> messages() {
 bool logged(std::string_view message) { return times_logged(message) > 0; }
 
 int times_logged(std::string_view message) {
-  return static_cast<int>(std::count_if(
-      lines().begin(), lines().end(), [&](const LogLine& line) { return line.message == message; }));
+  return static_cast<int>(std::count_if(lines().begin(), lines().end(), [&](const LogLine& line) {
+    return line.message == message;
+  }));
 }
 
 void clear_log() { lines().clear(); }

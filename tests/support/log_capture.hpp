@@ -10,11 +10,11 @@ namespace tavrix::test {
 
 struct LogLine {
   int priority = 0;
-  std::string text;      // as the system log would hold it
-  std::string file;      // the prefix, taken apart
+  std::string text;  // as the system log would hold it
+  std::string file;  // the prefix, taken apart
   int line = 0;
   std::string function;
-  std::string message;   // what follows the prefix
+  std::string message;  // what follows the prefix
 };
 
 const std::vector<LogLine>& log_lines();

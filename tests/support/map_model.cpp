@@ -46,8 +46,9 @@ void write_folder(const Folder& folder, std::ostream& out) {
   out << "{\"DIR\": " << quoted(folder.name);
   if (folder.has_acl) {
     out << ", \"ACL\": [{\"NUMUSERS\": " << folder.users.size()
-        << "}, {\"NUMGROUPS\": " << folder.groups.size() << "}, {\"USERS\": " << id_map(folder.users)
-        << "}, {\"GROUPS\": " << id_map(folder.groups) << "}]";
+        << "}, {\"NUMGROUPS\": " << folder.groups.size()
+        << "}, {\"USERS\": " << id_map(folder.users) << "}, {\"GROUPS\": " << id_map(folder.groups)
+        << "}]";
   }
   out << ", \"CHILDREN\": [{\"NUMCHILDREN\": " << folder.children.size() << "}";
   for (const Folder& child : folder.children) {
@@ -307,7 +308,7 @@ Governing governing_of(const tavrix_acl_t& acl) {
 Folder random_tree(uint32_t seed, uint32_t folders, Bytes bytes) {
   std::mt19937 random(seed);
   const auto up_to = [&random](uint32_t bound) { return static_cast<uint32_t>(random() % bound); };
-  static const std::vector<std::string> kParts = {"a",  "Be", "cON", "D", "\xc3\xa4", "\xc3\x9f",
+  static const std::vector<std::string> kParts = {"a", "Be", "cON", "D", "\xc3\xa4",     "\xc3\x9f",
                                                   " ", ".",  "-x",  "0", "\xe2\x82\xac", "\xff"};
   const std::size_t parts = kParts.size() - (bytes == Bytes::kUtf8 ? 1 : 0);
   const auto name = [&](uint32_t number) {
@@ -331,9 +332,15 @@ Folder random_tree(uint32_t seed, uint32_t folders, Bytes bytes) {
     if (up_to(3) == 0) flat[i].groups = aces(3);
     if (i == 0) continue;
     switch (up_to(4)) {
-      case 0: parents[i] = i - 1; break;         // deep
-      case 1: parents[i] = 0; break;             // wide
-      default: parents[i] = up_to(i); break;
+      case 0:
+        parents[i] = i - 1;
+        break;  // deep
+      case 1:
+        parents[i] = 0;
+        break;  // wide
+      default:
+        parents[i] = up_to(i);
+        break;
     }
   }
   for (uint32_t i = folders - 1; i > 0; --i) {

@@ -190,7 +190,8 @@ Folder share_map() {
                      .groups = {{kReaders, 8}},
                      .children = {inner}};
   const Folder closed{.name = "Closed", .groups = {{4242, 7}}};
-  const Folder shared{.name = "Shared", .groups = {{kPeople, 8}}, .children = {team, lobby, closed}};
+  const Folder shared{
+      .name = "Shared", .groups = {{kPeople, 8}}, .children = {team, lobby, closed}};
   const Folder priv{.name = "Private", .groups = {{kPeople, 8}}};
   return {.name = "/", .groups = {{kPeople, 1}}, .children = {shared, priv}};
 }

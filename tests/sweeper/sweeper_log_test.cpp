@@ -90,12 +90,14 @@ TEST_F(SweeperLog, CutsALineAtItsSize) {
 
 TEST_F(SweeperLog, HasTextsForItsReaders) {
   EXPECT_STREQ("Successfully loaded permission map from cloud filesystem", messgage_dictionary[0]);
-  EXPECT_STREQ("Missing or corrupted temporary files created to import permission map from cloud "
-               "filesystem. Please reset permissions",
-               messgage_dictionary[1]);
-  EXPECT_STREQ("The created permission map is corrupted. To regain access to the share please "
-               "reset permissions",
-               messgage_dictionary[2]);
+  EXPECT_STREQ(
+      "Missing or corrupted temporary files created to import permission map from cloud "
+      "filesystem. Please reset permissions",
+      messgage_dictionary[1]);
+  EXPECT_STREQ(
+      "The created permission map is corrupted. To regain access to the share please "
+      "reset permissions",
+      messgage_dictionary[2]);
 }
 
 // --- every error path ----------------------------------------------------------------------------
@@ -162,7 +164,8 @@ TEST_F(SweeperLog, TellsMissingMemoryForALine) {
       EXPECT_EQ(nullptr, line);
       EXPECT_EQ(7U, size);
     };
-    EXPECT_EQ(0, level_of("sweeper: Cannot allocate memory for sweeper log buffer", attempt)) << call;
+    EXPECT_EQ(0, level_of("sweeper: Cannot allocate memory for sweeper log buffer", attempt))
+        << call;
   }
 }
 
@@ -171,9 +174,10 @@ TEST_F(SweeperLog, SaysOneThingWhenItCannotBeOpened) {
   make_dirs("/var/log/tavrix_perms.log");  // a folder: not even root can append to it
   clear_log();
   log_perm_error("lost", 1, SWEEPER_LOGSEV_FATAL);
-  EXPECT_EQ((std::vector<std::string>{
-                "sweeper: Cannot create log file /var/log/tavrix_perms.log. Error: Is a directory"}),
-            messages());
+  EXPECT_EQ(
+      (std::vector<std::string>{
+          "sweeper: Cannot create log file /var/log/tavrix_perms.log. Error: Is a directory"}),
+      messages());
 }
 
 TEST_F(SweeperLog, LeavesNothingOnTheHeap) {

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "tavrix_utils.h"
+#include "tests/support/fail_call.hpp"
 #include "tests/support/isolated.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/process.hpp"
-#include "tests/support/fail_call.hpp"
 #include "utils/name_compare.hpp"
 
 namespace tavrix::test {
@@ -26,13 +26,13 @@ struct Row {
 
 // What all members agree on.
 const Row kRows[] = {
-    {"abc", "abc", 0},        {"abc", "ABC", 0},          {"aBc", "AbC", 0},
-    {"abc", "abd", -1},       {"abd", "abc", 1},          {"abc", "ABD", -1},
-    {"abcd", "abc", 1},       {"abc", "abcd", -1},        {"a_", "aB", 1},
-    {"a[", "az", 1},          {kLowerE, kUpperE, 2},      {kLowerE, kLowerE, 2},
-    {"caf\xc3", "cafe", 1},   {"cafe", "caf\xc3", -1},    {"\x80x", "\xffy", 2},
-    {"x\x80", "y\x80", -1},   {"a\x7f", "a\x7f", 0},      {"a1\xc3\xa9", "a2\xc3\xa9", -1},
-    {"\xc3", "", 1},          {"", "\xc3", -1},
+    {"abc", "abc", 0},      {"abc", "ABC", 0},       {"aBc", "AbC", 0},
+    {"abc", "abd", -1},     {"abd", "abc", 1},       {"abc", "ABD", -1},
+    {"abcd", "abc", 1},     {"abc", "abcd", -1},     {"a_", "aB", 1},
+    {"a[", "az", 1},        {kLowerE, kUpperE, 2},   {kLowerE, kLowerE, 2},
+    {"caf\xc3", "cafe", 1}, {"cafe", "caf\xc3", -1}, {"\x80x", "\xffy", 2},
+    {"x\x80", "y\x80", -1}, {"a\x7f", "a\x7f", 0},   {"a1\xc3\xa9", "a2\xc3\xa9", -1},
+    {"\xc3", "", 1},        {"", "\xc3", -1},
 };
 
 TEST(NameComparison, WholeMemberAnswersEveryRow) {
@@ -187,7 +187,8 @@ TEST_F(SambaComparison, WithoutTheLibraryEndsTheProcess) {
   EXPECT_EQ(1, outcome.exit_code);
   EXPECT_NE(std::string::npos, outcome.err.find("<Failed to open samba common lib: "))
       << outcome.err;
-  EXPECT_NE(std::string::npos, outcome.err.find("libsamdb-common.so.0: cannot open")) << outcome.err;
+  EXPECT_NE(std::string::npos, outcome.err.find("libsamdb-common.so.0: cannot open"))
+      << outcome.err;
 }
 
 TEST_F(SambaComparison, WithoutItsRoutineEndsTheProcess) {

@@ -83,8 +83,9 @@ TEST_F(ParameterBlock, ReplacesAStaleOneOnce) {
   ASSERT_GE(stale, 0);
   EXPECT_EQ(0, create_config_buffer());
   EXPECT_NE(stale, segment());
-  const std::string errors = "cannot create shared memory for global param error_no=17 "
-                             "error_sz=File exists";
+  const std::string errors =
+      "cannot create shared memory for global param error_no=17 "
+      "error_sz=File exists";
   EXPECT_EQ((std::vector<std::string>{
                 line(errors), line(errors + " will remove and retry"),
                 line("success removing shared memory for global param will try to re-create.")}),
@@ -93,7 +94,8 @@ TEST_F(ParameterBlock, ReplacesAStaleOneOnce) {
 
 TEST_F(ParameterBlock, FailsWhenARivalIsThereAgain) {
   segment(IPC_CREAT | 0666);
-  run_before("shmget", [] { segment(IPC_CREAT | 0666); }, 3);
+  run_before(
+      "shmget", [] { segment(IPC_CREAT | 0666); }, 3);
   EXPECT_EQ(-1, create_config_buffer());
   EXPECT_EQ(2, times_logged(line("cannot create shared memory for global param error_no=17 "
                                  "error_sz=File exists")));

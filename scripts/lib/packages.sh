@@ -1,0 +1,30 @@
+# Installs what is missing of the Debian packages that building and testing need. Sourced, as root.
+
+tavrix_packages=(
+  build-essential cmake ninja-build ccache pkg-config git python3
+  libyajl-dev libprotobuf-c-dev protobuf-c-compiler
+  libcli11-dev libfmt-dev nlohmann-json3-dev libiniparser-dev libsystemd-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
+  clang clang-format clang-tidy
+  samba-libs util-linux procps strace gnuplot-nox
+)
+
+install_packages() {
+  local missing=()
+  for package in "$@"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -q >/dev/null
+  apt-get install -q -y --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+require_root() {
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "$0: run this as root: it installs packages and makes namespaces" >&2
+    exit 2
+  fi
+}
