@@ -1,0 +1,204 @@
+// tavrixctl check: the verdict for a user, an operation and a path.
+
+#include <grp.h>
+#include <pwd.h>
+#include <strings.h>
+#include <algorithm>
+#include <cctype>
+#include <optional>
+#include <vector>
+
+#include "perm_enforcer.h"
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/library_log.hpp"
+#include "tools/ctl/output.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+// Decisions skip this many bytes of a path: "/tavrix/", where shares are mounted.
+constexpr const char* kMount = "/tavrix/";
+
+struct Operation {
+  const char* name;
+  e_fsop_type op;
+};
+// Those that have a rule; the others end the process that asks.
+constexpr Operation kOperations[] = {
+    {"create", FSOP_CREATE},
+    {"open-read", FSOP_OPEN_READ},
+    {"open-write", FSOP_OPEN_WRITE},
+    {"open-chattr", FSOP_OPEN_CHATTR},
+    {"opendir", FSOP_OPENDIR},
+    {"readdir", FSOP_READDIR},
+    {"unlink", FSOP_UNLINK},
+    {"rename-src", FSOP_RENAME_SRC},
+    {"rename-dest", FSOP_RENAME_DEST},
+    {"move-src", FSOP_MOVE_SRC},
+    {"move-dest", FSOP_MOVE_DEST},
+    {"stat", FSOP_STAT},
+    {"lstat", FSOP_LSTAT},
+    {"mkdir", FSOP_MKDIR},
+    {"rmdir", FSOP_RMDIR},
+    {"chdir", FSOP_CHDIR},
+};
+
+struct Question {
+  std::string user, operation, path;
+  int64_t uid = -1, gid = -1;
+  std::vector<uint32_t> groups;
+  bool groups_given = false;
+  int64_t admins = -1, power_users = -1;
+  std::string root = "/tavrix";
+  bool trace = false;
+  int trace_level = 4;
+};
+
+std::optional<e_fsop_type> operation_named(std::string name) {
+  std::replace(name.begin(), name.end(), '_', '-');
+  if (strncasecmp(name.c_str(), "fsop-", 5) == 0) name.erase(0, 5);
+  for (const Operation& operation : kOperations) {
+    if (strcasecmp(operation.name, name.c_str()) == 0) return operation.op;
+  }
+  return std::nullopt;
+}
+
+// Fills in what the user database knows; a complaint and false when it does not know the name.
+bool identify(Question& question) {
+  if (!question.user.empty()) {
+    const passwd* entry = getpwnam(question.user.c_str());
+    if (entry == nullptr) {
+      complain("there is no user \"{}\"", question.user);
+      return false;
+    }
+    question.uid = entry->pw_uid;
+    if (question.gid < 0) question.gid = entry->pw_gid;
+    if (!question.groups_given) {
+      int count = 65536;
+      std::vector<gid_t> groups(static_cast<std::size_t>(count));
+      getgrouplist(question.user.c_str(), entry->pw_gid, groups.data(), &count);
+      groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+      question.groups.assign(groups.begin(), groups.end());
+    }
+  }
+  if (question.gid < 0) question.gid = question.uid;
+  return true;
+}
+
+gid_t gid_or_group(int64_t given, const char* group_name) {
+  if (given >= 0) return static_cast<gid_t>(given);
+  const group* entry = getgrnam(group_name);
+  return entry == nullptr ? static_cast<gid_t>(-1) : entry->gr_gid;
+}
+
+// The path as a server process asks: under the mount, whatever the root is.
+std::string asked_path(const Question& question) {
+  std::string root = question.root;
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  std::string path = question.path;
+  const bool is_below = path.compare(0, root.size(), root) == 0 &&
+                        (path.size() == root.size() || path[root.size()] == '/');
+  if (is_below) path.erase(0, root.size());
+  path.erase(0, std::min(path.find_first_not_of('/'), path.size()));
+  return path.empty() ? question.root : kMount + path;
+}
+
+const char* verdict_name(int verdict) {
+  switch (verdict) {
+    case TXPERMS_STANDARD_USER:
+      return "refused: neither administrator nor power user";
+    case TXPERMS_NO_PERM:
+      return "refused";
+    case TXPERMS_HAS_PERMS:
+      return "granted";
+    case TXPERMS_INVALID_ARGS:
+      return "invalid arguments";
+    case TXPERMS_MALLOC_ERR:
+      return "out of memory";
+    case TXPERMS_SYSTEM_ERR:
+      return "system error";
+    default:
+      return "unknown";
+  }
+}
+
+int code_of(int verdict) {
+  if (verdict == TXPERMS_HAS_PERMS) return kYes;
+  return verdict == TXPERMS_NO_PERM || verdict == TXPERMS_STANDARD_USER ? kNo : kFailure;
+}
+
+int check(const Options& options, Question question) {
+  const auto op = operation_named(question.operation);
+  if (!op) {
+    complain("\"{}\" is no operation that can be asked; \"tavrixctl check --help\" lists them",
+             question.operation);
+    return kFailure;
+  }
+  if (!identify(question)) return kFailure;
+  if (question.trace) send_library_log(LogTo::kStandardError);
+  set_debug_level(question.trace ? question.trace_level : (options.verbose ? 0 : -1));
+  vfs_set_admins_powerusers(gid_or_group(question.admins, "tavrix-admins"),
+                            gid_or_group(question.power_users, "tavrix-powerusers"));
+  process_trustees_s trustees{};
+  trustees.euid = static_cast<uid_t>(question.uid);
+  trustees.egid = static_cast<gid_t>(question.gid);
+  trustees.num_sup_gids = static_cast<int>(question.groups.size());
+  trustees.gids = question.groups.data();
+  int is_nav = 0;
+  const std::string path = asked_path(question);
+  const int verdict =
+      vfs_enforce_perms(question.root.c_str(), path.c_str(), *op, &trustees, 0, &is_nav);
+  if (options.json) {
+    Json json;
+    json["verdict"] = verdict;
+    json["meaning"] = verdict_name(verdict);
+    json["granted"] = verdict == TXPERMS_HAS_PERMS;
+    json["only_to_see"] = is_nav == 1;
+    json["administrator"] = trustees.admin == 1;
+    json["power_user"] = trustees.poweruser == 1;
+    set_bytes(json, "path", path);
+    json["uid"] = question.uid;
+    json["gid"] = question.gid;
+    json["groups"] = question.groups;
+    print(json);
+  } else {
+    fmt::print("{}{}\n", verdict_name(verdict), is_nav == 1 ? " (to see, not to open)" : "");
+  }
+  return code_of(verdict);
+}
+
+}  // namespace
+
+void add_check_command(CLI::App& app, Options& options, Action& action) {
+  static Question question;
+  CLI::App* check_command = app.add_subcommand(
+      "check", "The verdict for a user, an operation and a path (0 granted, 1 refused)");
+  std::string names;
+  for (const Operation& operation : kOperations)
+    names += std::string(names.empty() ? "" : ", ") + operation.name;
+  check_command->add_option("OP", question.operation, names)->required();
+  check_command->add_option("PATH", question.path, "in the share, as in Shared/Team/plan.txt")
+      ->required();
+  auto* user = check_command->add_option("--user", question.user, "a user of this machine");
+  auto* uid = check_command->add_option("--uid", question.uid, "or any user id")
+                  ->check(CLI::Range(0L, 4294967294L));
+  user->excludes(uid);
+  check_command->add_option("--gid", question.gid, "its group")->check(CLI::Range(0L, 4294967294L));
+  auto* groups = check_command->add_option("--groups", question.groups, "its supplementary groups")
+                     ->delimiter(',');
+  check_command->add_option("--admins-gid", question.admins,
+                            "the administrators' group; else that named tavrix-admins");
+  check_command->add_option("--powerusers-gid", question.power_users,
+                            "the power users' group; else that named tavrix-powerusers");
+  check_command->add_option("--root", question.root, "the share's root")->capture_default_str();
+  check_command->add_flag("--trace", question.trace, "show how the verdict is reached");
+  check_command->add_option("--trace-level", question.trace_level, "debug level of --trace")
+      ->capture_default_str();
+  check_command->callback([&options, &action, groups, user, uid] {
+    if (user->count() + uid->count() == 0) throw CLI::RequiredError("--user or --uid");
+    question.groups_given = groups->count() > 0;
+    action = [&options] { return check(options, question); };
+  });
+}
+
+}  // namespace tavrix::ctl

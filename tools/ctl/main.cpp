@@ -1,0 +1,42 @@
+// tavrixctl: the operator's view of the permission map and the settings.
+
+#include <unistd.h>
+#include <exception>
+
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/library_log.hpp"
+#include "tools/ctl/output.hpp"
+
+int main(int argc, char** argv) {
+  using namespace tavrix::ctl;
+  CLI::App app{"Settings, permission map and verdicts of the file server."};
+  app.require_subcommand(1);
+  app.footer(
+      "Exit codes: 0 yes or done; 1 no, refused or broken; 2 wrong usage or failure.\n"
+      "Run it as root: the map is closed to everybody else.");
+  Options options;
+  app.add_flag("--json", options.json, "print data as JSON");
+  app.add_flag("-v,--verbose", options.verbose, "show what the library prints and logs");
+  app.fallthrough();
+
+  Action action;
+  add_config_commands(app, options, action);
+  add_map_commands(app, options, action);
+  add_check_command(app, options, action);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kYes : kFailure;
+  }
+  try {
+    if (geteuid() != 0) {
+      complain("run this as root");
+      return kFailure;
+    }
+    if (options.verbose) send_library_log(LogTo::kStandardError);
+    return action();
+  } catch (const std::exception& error) {
+    complain("{}", error.what());
+    return kFailure;
+  }
+}

@@ -1,0 +1,76 @@
+// tavrixctl map lint, map verify: checks without a change.
+
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/output.hpp"
+#include "tools/mapcheck/lint.hpp"
+#include "tools/mapcheck/verify.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+int lint(const Options& options, const std::string& size_path, const std::string& data_path) {
+  std::string error;
+  const auto result = mapcheck::lint_files(size_path, data_path, error);
+  if (!result) {
+    complain("{}", error);
+    return kFailure;
+  }
+  const auto& found = result->data;
+  if (options.json) {
+    Json json = json_of(result->findings);
+    json["stated"] = {{"folders", result->size.folders},
+                      {"aces", result->size.aces},
+                      {"name_bytes", result->size.name_bytes}};
+    json["found"] = {{"folders", found.folders},
+                     {"aces", found.aces},
+                     {"name_bytes", found.name_bytes},
+                     {"deepest", found.deepest},
+                     {"widest", found.widest}};
+    json["image_bytes"] = result->image_bytes;
+    print(json);
+  } else {
+    print_findings(result->findings);
+    fmt::print("{} folders, {} entries, {} bytes of names; {} deep, {} wide; image {}\n",
+               found.folders, found.aces, found.name_bytes, found.deepest, found.widest,
+               human_bytes(result->image_bytes));
+    fmt::print("{} errors, {} warnings\n", result->findings.errors(), result->findings.warnings());
+  }
+  return result->findings.errors() == 0 ? kYes : kNo;
+}
+
+int verify(const Options& options, const std::string& path) {
+  const auto image = path.empty() ? Image::current() : Image::file(path);
+  if (!image) return kFailure;
+  const mapcheck::Findings findings = mapcheck::verify(image->bytes());
+  if (options.json) {
+    Json json = json_of(findings);
+    json["image"] = image->origin();
+    json["bytes"] = image->bytes().size();
+    print(json);
+  } else {
+    print_findings(findings);
+    fmt::print("{}: {}, {} errors, {} warnings\n", image->origin(),
+               human_bytes(image->bytes().size()), findings.errors(), findings.warnings());
+  }
+  return findings.errors() == 0 ? kYes : kNo;
+}
+
+}  // namespace
+
+void add_map_check_commands(CLI::App& map, Options& options, Action& action) {
+  static std::string size_path, data_path, image_path;
+  CLI::App* lint_command = map.add_subcommand(
+      "lint", "Check a size file and a data file without importing them (1: they have errors)");
+  lint_command->add_option("SIZE", size_path, "the size file")->required();
+  lint_command->add_option("DATA", data_path, "the data file")->required();
+  lint_command->callback(
+      [&] { action = [&options] { return lint(options, size_path, data_path); }; });
+
+  CLI::App* verify_command =
+      map.add_subcommand("verify", "Check every record and link of an image (1: it is broken)");
+  verify_command->add_option("FILE", image_path, "a local copy; without it, the current table");
+  verify_command->callback([&] { action = [&options] { return verify(options, image_path); }; });
+}
+
+}  // namespace tavrix::ctl

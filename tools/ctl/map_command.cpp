@@ -1,0 +1,60 @@
+// tavrixctl map: its parts, and the removal.
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/output.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+bool remove_table(const TableState& table) {
+  if (table.shmid == -1) return true;
+  if (shmctl(table.shmid, IPC_RMID, nullptr) == 0) return true;
+  complain("cannot remove the table of key 0x{:x}: {}", table.key, std::strerror(errno));
+  return false;
+}
+
+int remove(bool only_stale) {
+  const MapState state = map_state();
+  if (only_stale) {
+    const int current = state.current == 1 ? 1 : 0;
+    const TableState& stale = state.tables[1 - current];
+    if (stale.shmid == -1) {
+      complain("table {} is not there: nothing is stale", 1 - current);
+      return kYes;
+    }
+    return remove_table(stale) ? kYes : kFailure;
+  }
+  bool good = remove_table(state.tables[0]);
+  good = remove_table(state.tables[1]) && good;
+  if (state.set != -1 && semctl(state.set, 0, IPC_RMID) == -1) {
+    complain("cannot remove the semaphores: {}", std::strerror(errno));
+    good = false;
+  }
+  return good ? kYes : kFailure;
+}
+
+}  // namespace
+
+void add_map_commands(CLI::App& app, Options& options, Action& action) {
+  CLI::App* map = app.add_subcommand("map", "The permission map");
+  map->require_subcommand(1);
+  add_map_check_commands(*map, options, action);
+  add_map_import_commands(*map, options, action);
+  add_map_inspect_commands(*map, options, action);
+
+  static bool only_stale = false;
+  CLI::App* remove_command = map->add_subcommand(
+      "remove", "Remove the tables and the semaphores; readers keep what they have attached");
+  remove_command->add_flag("--stale", only_stale,
+                           "only the table that is not current, left by a failed import");
+  remove_command->callback([&action] { action = [] { return remove(only_stale); }; });
+}
+
+}  // namespace tavrix::ctl

@@ -1,0 +1,246 @@
+// tavrixctl map info, map tree, map acl: what is in an image.
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+
+#include "perm_utils.h"
+#include "permissions/image.hpp"
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/output.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+std::string text_of(const char* field, std::size_t size) { return {field, strnlen(field, size)}; }
+
+Json json_of_table(const TableState& table) {
+  Json json;
+  json["key"] = fmt::format("0x{:x}", table.key);
+  json["exists"] = table.shmid != -1;
+  if (table.shmid == -1) return json;
+  json["bytes"] = table.bytes;
+  json["attached"] = table.readers;
+  json["creator"] = table.creator;
+  return json;
+}
+
+Json json_of_header(const tavrix_be_header& header) {
+  Json json;
+  set_bytes(json, "name", text_of(header.mapname, sizeof header.mapname));
+  set_bytes(json, "version", text_of(header.version, sizeof header.version));
+  json["generation"] = uint32_t{header.generationnum};
+  json["timestamp"] = int64_t{header.timestamp};
+  json["folders"] = uint32_t{header.total_fselems};
+  json["aces"] = uint32_t{header.total_aces};
+  return json;
+}
+
+int info(const Options& options, const std::string& path) {
+  const MapState state = map_state();
+  const auto image = Image::sound(path);
+  if (!image) return kFailure;
+  const auto& header = *reinterpret_cast<const tavrix_be_header*>(image->bytes().data());
+  Json json;
+  json["image"] = image->origin();
+  json["bytes"] = image->bytes().size();
+  json["map"] = json_of_header(header);
+  if (path.empty()) {
+    json["current"] = state.current;
+    json["initialized"] = state.initialized == 1;
+    json["tables"] = {json_of_table(state.tables[0]), json_of_table(state.tables[1])};
+  }
+  if (options.json) {
+    print(json);
+    return kYes;
+  }
+  const Json& map = json["map"];
+  fmt::print("{}: {} in {}\n", image->origin(), human_bytes(image->bytes().size()),
+             path.empty() ? "shared memory" : "a file");
+  fmt::print("map \"{}\", version \"{}\", generation {}, time {}\n",
+             shown(map["name"].get<std::string>()), shown(map["version"].get<std::string>()),
+             map["generation"].get<uint32_t>(), map["timestamp"].get<int64_t>());
+  fmt::print("{} folders, {} entries\n", map["folders"].get<uint32_t>(),
+             map["aces"].get<uint32_t>());
+  if (!path.empty()) return kYes;
+  for (int index = 0; index < 2; ++index) {
+    const TableState& table = state.tables[index];
+    fmt::print("table {} (key 0x{:x}): {}{}\n", index, table.key,
+               table.shmid == -1
+                   ? "none"
+                   : fmt::format("{}, {} attached, made by process {}", human_bytes(table.bytes),
+                                 table.readers, table.creator),
+               index == state.current ? ", current" : "");
+  }
+  return kYes;
+}
+
+struct Acl {
+  tavrix_acl_t* acl = nullptr;
+  Acl(const std::byte* map, const std::string& path) {
+    get_tavrix_acl(const_cast<std::byte*>(map), path.empty() ? "/" : path.c_str(), &acl);
+  }
+  ~Acl() {
+    free_ACL(acl);
+    std::free(acl);
+  }
+  Acl(const Acl&) = delete;
+  Acl& operator=(const Acl&) = delete;
+
+  void each(const std::function<void(const tavrix_ace_s&)>& visit) const {
+    for (auto* elem = acl->ace_list_head.first_elem; elem != nullptr; elem = elem->next_elem) {
+      visit(*reinterpret_cast<const tavrix_ace_s*>(elem));
+    }
+  }
+};
+
+// How much of the path the map has: the folder that answers for it.
+struct Found {
+  uint32_t offset = 0;
+  bool exact = false;
+};
+Found find(const std::byte* map, const std::string& path) {
+  path_array* parts = nullptr;
+  get_path_elem_smb4(path.c_str(), static_cast<uint32_t>(path.size() + 1), &parts);
+  Found found;
+  found.exact =
+      find_fselem_fromname(const_cast<std::byte*>(map), parts, &found.offset) == SHM_MEMBE_OK;
+  cleanup_path_array_smb4(&parts);
+  const bool is_root = path.find_first_not_of('/') == std::string::npos;
+  return {found.offset, found.exact || is_root};
+}
+
+std::string path_of(const ImageView& view, uint32_t offset) {
+  std::string path;
+  while (offset != 0) {
+    const fs_elem_s& folder = view.fselem(offset);
+    path.insert(0, "/" + std::string(ImageView::text_of(view.name_of(folder))));
+    offset = folder.parent_offset;
+  }
+  return path.empty() ? "/" : path;
+}
+
+int acl(const Options& options, const std::string& path, const std::string& file) {
+  const auto image = Image::sound(file);
+  if (!image) return kFailure;
+  const std::byte* map = image->bytes().data();
+  const Found found = find(map, path);
+  const ImageView view(map);
+  // The folder that the entries come from: the nearest one that has some.
+  uint32_t source = found.offset;
+  while (source != 0 && view.acl_of(view.fselem(source)).num_aces == 0) {
+    source = view.fselem(source).parent_offset;
+  }
+  const Acl governing(map, path);
+  const bool is_inherited = !found.exact || source != found.offset;
+  Json json;
+  set_bytes(json, "path", path);
+  json["in_map"] = found.exact;
+  json["inherited"] = is_inherited;
+  set_bytes(json, "from", path_of(view, source));
+  json["entries"] = Json::array();
+  if (!options.json) {
+    fmt::print("{}: {} {}\n", shown(path), is_inherited ? "inherited from" : "explicit at",
+               shown(path_of(view, source)));
+  }
+  governing.each([&](const tavrix_ace_s& ace) {
+    const bool is_user = ace.trustee_type == ACE_TYPE_USER;
+    const std::string name = is_user ? user_name(ace.trustee.uid) : group_name(ace.trustee.gid);
+    if (!options.json) {
+      fmt::print("  {:<5} {:<10} {:<20} {:>3}  {}\n", is_user ? "user" : "group", ace.trustee.uid,
+                 name.empty() ? "-" : name, ace.perm_mask, rights(ace.perm_mask));
+      return;
+    }
+    Json entry;
+    entry["type"] = is_user ? "user" : "group";
+    entry["id"] = ace.trustee.uid;
+    if (!name.empty()) set_bytes(entry, "name", name);
+    entry["mask"] = ace.perm_mask;
+    entry["rights"] = rights(ace.perm_mask);
+    json["entries"].push_back(std::move(entry));
+  });
+  if (options.json) print(json);
+  return kYes;
+}
+
+class Tree {
+ public:
+  Tree(const ImageView& view, int depth) : view_(view), depth_(depth) {}
+
+  void print_text(uint32_t offset, int level) const {
+    const fs_elem_s& folder = view_.fselem(offset);
+    const uint32_t entries = view_.acl_of(folder).num_aces;
+    fmt::print("{:{}}{}{}\n", "", level * 2, shown(ImageView::text_of(view_.name_of(folder))),
+               entries == 0 ? "" : fmt::format("  ({} entries)", entries));
+    if (level == depth_) return;
+    each_child(folder, [&](uint32_t child) { print_text(child, level + 1); });
+  }
+
+  [[nodiscard]] Json json(uint32_t offset, int level) const {
+    const fs_elem_s& folder = view_.fselem(offset);
+    Json json;
+    set_bytes(json, "name", ImageView::text_of(view_.name_of(folder)));
+    json["entries"] = uint32_t{view_.acl_of(folder).num_aces};
+    if (level == depth_) return json;
+    Json children = Json::array();
+    each_child(folder, [&](uint32_t child) { children.push_back(this->json(child, level + 1)); });
+    json["children"] = std::move(children);
+    return json;
+  }
+
+ private:
+  void each_child(const fs_elem_s& folder, const std::function<void(uint32_t)>& visit) const {
+    if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return;
+    const child_list_s& list = view_.children_of(folder);
+    for (uint32_t slot = 0; slot < list.next_index; ++slot) visit(ImageView::child_at(list, slot));
+  }
+
+  const ImageView& view_;
+  int depth_;
+};
+
+int tree(const Options& options, const std::string& path, int depth, const std::string& file) {
+  const auto image = Image::sound(file);
+  if (!image) return kFailure;
+  const Found found = find(image->bytes().data(), path);
+  if (!found.exact) {
+    complain("{}: not in the map", path);
+    return kNo;
+  }
+  const ImageView view(image->bytes().data());
+  const Tree tree(view, depth);
+  if (options.json) {
+    print(tree.json(found.offset, 0));
+  } else {
+    tree.print_text(found.offset, 0);
+  }
+  return kYes;
+}
+
+}  // namespace
+
+void add_map_inspect_commands(CLI::App& map, Options& options, Action& action) {
+  static std::string path, file;
+  static int depth = 2;
+  CLI::App* info_command = map.add_subcommand("info", "The map's header and its tables");
+  info_command->add_option("--file", file, "look at a local copy instead of the current table");
+  info_command->callback([&] { action = [&options] { return info(options, file); }; });
+
+  CLI::App* tree_command = map.add_subcommand("tree", "The folders of the map");
+  tree_command->add_option("PATH", path, "where to begin, relative to the share")->default_str("/");
+  tree_command->add_option("--depth", depth, "levels below it")
+      ->check(CLI::Range(0, 10000))
+      ->capture_default_str();
+  tree_command->add_option("--file", file, "look at a local copy instead of the current table");
+  tree_command->callback([&] {
+    action = [&options] { return tree(options, path.empty() ? "/" : path, depth, file); };
+  });
+
+  CLI::App* acl_command = map.add_subcommand("acl", "The entries that govern a path");
+  acl_command->add_option("PATH", path, "relative to the share, as in Shared/Team")->required();
+  acl_command->add_option("--file", file, "look at a local copy instead of the current table");
+  acl_command->callback([&] { action = [&options] { return acl(options, path, file); }; });
+}
+
+}  // namespace tavrix::ctl

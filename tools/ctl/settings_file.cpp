@@ -1,0 +1,146 @@
+#include "tools/ctl/settings_file.hpp"
+
+#include <fmt/format.h>
+#include <iniparser.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+
+namespace tavrix::ctl {
+namespace {
+
+// What the parser's line buffer holds; it drops the rest of a longer line without a word.
+constexpr std::size_t kLongestLine = 1023;
+
+struct Dictionary {
+  void operator()(dictionary* entries) const { iniparser_freedict(entries); }
+};
+
+std::string trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r");
+  if (first == std::string_view::npos) return {};
+  return std::string(text.substr(first, text.find_last_not_of(" \t\r") - first + 1));
+}
+
+std::string lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+// The value as its writer means it: without a comment behind a blank, without its quotes.
+std::string meant(const std::string& raw) {
+  std::string text = trimmed(raw);
+  if (text.size() >= 2 && (text.front() == '"' || text.front() == '\'')) {
+    const auto end = text.find(text.front(), 1);
+    if (end != std::string::npos) return text.substr(1, end - 1);
+  }
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const bool begins_comment = text[at] == ';' || text[at] == '#';
+    if (begins_comment && (at == 0 || text[at - 1] == ' ' || text[at - 1] == '\t')) {
+      return trimmed(text.substr(0, at));
+    }
+  }
+  return text;
+}
+
+// The file's own lines: the parser tells neither where a key stands nor what it changed on the way.
+class Lines {
+ public:
+  struct Entry {
+    int line;
+    std::string name;  // "SECTION:key", as it is written
+    std::string value;
+  };
+
+  Lines(const std::string& path, SettingsFile& result) : path_(path), result_(result) {
+    std::ifstream in(path);
+    std::string section;
+    for (std::string text; std::getline(in, text);) {
+      ++line_;
+      take(text, section);
+    }
+  }
+
+  [[nodiscard]] const std::vector<Entry>& entries() const { return entries_; }
+
+  void error(int line, const std::string& what) {
+    result_.errors.push_back(fmt::format("{}:{}: {}", path_, line, what));
+  }
+
+ private:
+  void take(const std::string& raw, std::string& section) {
+    if (raw.size() > kLongestLine) {
+      error(line_, fmt::format("the line has {} bytes; {} is the most", raw.size(), kLongestLine));
+      return;
+    }
+    if (raw.find('\0') != std::string::npos) return error(line_, "the line holds a NUL");
+    const std::string text = trimmed(raw);
+    if (text.empty() || text[0] == '#' || text[0] == ';') return;
+    if (text.back() == '\\') return error(line_, "lines cannot be continued");
+    if (text[0] == '[') {
+      const auto end = text.find(']');
+      if (end == std::string::npos) return error(line_, "the section has no end");
+      section = trimmed(text.substr(1, end - 1));
+      return;
+    }
+    const auto equals = text.find('=');
+    if (equals == std::string::npos) return error(line_, "neither a section nor a value");
+    const std::string name = section + ":" + trimmed(text.substr(0, equals));
+    if (const auto [known, is_new] = seen_.emplace(lower(name), line_); !is_new) {
+      return error(line_, fmt::format("{}: given before, in line {}", name, known->second));
+    }
+    entries_.push_back({line_, name, meant(text.substr(equals + 1))});
+  }
+
+  const std::string& path_;
+  SettingsFile& result_;
+  int line_ = 0;
+  std::vector<Entry> entries_;
+  std::map<std::string, int> seen_;
+};
+
+void take_entry(const Lines::Entry& entry, dictionary* parsed, Lines& lines, SettingsFile& result) {
+  const Setting* setting = find_setting(entry.name);
+  if (setting == nullptr) return lines.error(entry.line, entry.name + ": no such setting");
+  const std::string key = lower(entry.name);
+  const char* value = iniparser_getstring(parsed, key.c_str(), nullptr);
+  if (value == nullptr || entry.value != value) {
+    return lines.error(
+        entry.line, fmt::format("{}: \"{}\" would be read as \"{}\"; put it in quotes", entry.name,
+                                entry.value, value == nullptr ? "" : value));
+  }
+  std::string reason;
+  if (auto parsed_value = parse_value(*setting, value, reason)) {
+    result.values.emplace_back(setting, std::move(*parsed_value));
+  } else {
+    lines.error(entry.line, entry.name + ": " + reason);
+  }
+}
+
+int say_nothing(const char* /*format*/, ...) { return 0; }
+
+}  // namespace
+
+SettingsFile read_settings_file(const std::string& path) {
+  SettingsFile result;
+  if (!std::ifstream(path).good()) {
+    result.errors.push_back(fmt::format("{}: {}", path, std::strerror(errno)));
+    return result;
+  }
+  Lines lines(path, result);
+  if (!result.errors.empty()) return result;
+  iniparser_set_error_callback(say_nothing);
+  const std::unique_ptr<dictionary, Dictionary> parsed(iniparser_load(path.c_str()));
+  if (parsed == nullptr) {
+    result.errors.push_back(path + ": not a settings file");
+    return result;
+  }
+  for (const auto& entry : lines.entries()) take_entry(entry, parsed.get(), lines, result);
+  return result;
+}
+
+}  // namespace tavrix::ctl

@@ -1,0 +1,20 @@
+// A settings file: INI, whose sections and keys are the names of the settings.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/ctl/settings.hpp"
+
+namespace tavrix::ctl {
+
+struct SettingsFile {
+  std::vector<std::pair<const Setting*, Value>> values;
+  std::vector<std::string> errors;  // "file:line: key: what is wrong"
+};
+
+// Every error is found, not only the first one; with errors, the values are not to be used.
+SettingsFile read_settings_file(const std::string& path);
+
+}  // namespace tavrix::ctl

@@ -1,0 +1,57 @@
+// A JSON file as a stream of events with byte offsets, over the parser that the import uses.
+#pragma once
+
+#include <yajl/yajl_parse.h>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "tools/mapcheck/lint.hpp"
+
+namespace tavrix::mapcheck {
+
+// Implementations return false to stop.
+class JsonEvents {
+ public:
+  virtual ~JsonEvents() = default;
+  virtual bool start_object() = 0;
+  virtual bool end_object() = 0;
+  virtual bool start_array() = 0;
+  virtual bool end_array() = 0;
+  virtual bool key(std::string_view text) = 0;
+  virtual bool text(std::string_view text) = 0;
+  virtual bool number(std::string_view token) = 0;
+  virtual bool other(std::string_view what) = 0;  // true, false, null
+};
+
+class JsonStream {
+ public:
+  explicit JsonStream(JsonEvents& events);
+  ~JsonStream();
+  JsonStream(const JsonStream&) = delete;
+  JsonStream& operator=(const JsonStream&) = delete;
+
+  // false when the file does not parse, or the events stopped; error() is empty in the second case.
+  bool run(Source& source);
+  [[nodiscard]] const std::string& error() const { return error_; }
+  // The byte behind the event that is being told.
+  [[nodiscard]] uint64_t offset() const;
+  // Half a surrogate pair in an escape, which the parser turns into "?": where, or -1.
+  [[nodiscard]] int64_t lone_surrogate() const { return lone_surrogate_; }
+
+ private:
+  void scan_escapes(const char* chunk, std::size_t length);
+
+  JsonEvents& events_;
+  yajl_handle parser_;
+  std::string error_;
+  uint64_t chunk_start_ = 0;
+  int64_t lone_surrogate_ = -1;
+  // The scanner of escapes: what it is in the middle of, over the ends of chunks.
+  enum class Escape { kNone, kBackslash, kHex } escape_ = Escape::kNone;
+  int hex_digits_ = 0;
+  unsigned hex_value_ = 0;
+  int64_t high_at_ = -1;  // of a first half that waits for its second
+};
+
+}  // namespace tavrix::mapcheck

@@ -1,0 +1,87 @@
+#include "tools/mapcheck/lint.hpp"
+
+#include <fmt/format.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "mkperms_shm.h"
+#include "tools/mapcheck/lint_data.hpp"
+#include "tools/mapcheck/lint_size.hpp"
+
+namespace tavrix::mapcheck {
+namespace {
+
+// A count of the size file against what the data file holds: too small an image is overrun, too
+// large a one wastes memory.
+void compare(const char* key, uint64_t stated, uint64_t found, LintResult& result) {
+  if (stated == found) return;
+  const bool is_short = found > stated;
+  result.findings.add({is_short ? Severity::kError : Severity::kWarning, "size file", "", 0,
+                       fmt::format("{} is {}; the data file {} {}", key, stated,
+                                   is_short ? "needs" : "needs only", found)});
+}
+
+void check_fit(LintResult& result) {
+  compare("TOTALFSELEMS", result.size.folders, result.data.folders, result);
+  compare("TOTALACES", result.size.aces, result.data.aces, result);
+  compare("TOTALNAMELEN", result.size.name_bytes, result.data.name_bytes, result);
+  const uint64_t list_room = (sizeof(child_list_s) + sizeof(uint32_t)) * result.size.folders;
+  if (result.data.list_bytes > list_room) {
+    result.findings.add({Severity::kError, "data file", "", 0,
+                         fmt::format("the child lists need {} bytes; the image has {}",
+                                     result.data.list_bytes, list_room)});
+  }
+}
+
+class FileSource : public Source {
+ public:
+  explicit FileSource(const std::string& path) : file_(std::fopen(path.c_str(), "re")) {}
+  [[nodiscard]] bool is_open() const { return file_ != nullptr; }
+  [[nodiscard]] bool failed() const { return std::ferror(file_.get()) != 0; }
+  std::size_t read(char* buffer, std::size_t room) override {
+    return std::fread(buffer, 1, room, file_.get());
+  }
+
+ private:
+  struct Close {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+  std::unique_ptr<std::FILE, Close> file_;
+};
+
+}  // namespace
+
+LintResult lint(Source& size_file, Source& data_file) {
+  LintResult result;
+  lint_size_file(size_file, result);
+  result.image_bytes = image_bytes_of(result.size);
+  if (result.image_bytes > std::numeric_limits<uint32_t>::max()) {
+    result.findings.add(
+        {Severity::kError, "size file", "", 0,
+         fmt::format("the image would have {} bytes; 32 bits hold less", result.image_bytes)});
+  }
+  if (lint_data_file(data_file, result)) check_fit(result);
+  return result;
+}
+
+std::optional<LintResult> lint_files(const std::string& size_path, const std::string& data_path,
+                                     std::string& error) {
+  FileSource size(size_path);
+  FileSource data(data_path);
+  for (const auto& [source, path] : {std::pair{&size, &size_path}, std::pair{&data, &data_path}}) {
+    if (source->is_open()) continue;
+    error = fmt::format("cannot open {}: {}", *path, std::strerror(errno));
+    return std::nullopt;
+  }
+  LintResult result = lint(size, data);
+  if (size.failed() || data.failed()) {
+    error = fmt::format("cannot read {}", size.failed() ? size_path : data_path);
+    return std::nullopt;
+  }
+  return result;
+}
+
+}  // namespace tavrix::mapcheck

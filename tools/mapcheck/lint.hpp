@@ -1,0 +1,57 @@
+// Checks a size file and a data file without importing them.
+//
+// The import itself trusts both: a document that breaks the grammar aborts it, one that lies about
+// its counts overruns the image. Both files are read in pieces; what is kept in memory grows with
+// the depth of the tree and the width of its open folders, not with the file.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/mapcheck/findings.hpp"
+
+namespace tavrix::mapcheck {
+
+// The numbers of a size file.
+struct SizeFile {
+  std::string map_name, version;
+  uint64_t generation = 0;
+  uint64_t timestamp = 0;
+  uint64_t folders = 0;
+  uint64_t aces = 0;
+  uint64_t name_bytes = 0;
+};
+
+// What a data file really holds.
+struct DataFile {
+  uint64_t folders = 0;
+  uint64_t aces = 0;
+  uint64_t name_bytes = 0;  // a NUL a name included
+  uint64_t list_bytes = 0;  // child lists, with the one around the root
+  uint64_t deepest = 0;     // folders between the root and the deepest one
+  uint64_t widest = 0;      // children of the widest folder
+};
+
+struct LintResult {
+  SizeFile size;
+  DataFile data;
+  uint64_t image_bytes = 0;  // by the size file
+  Findings findings;
+};
+
+// A reader of bytes: returns how many it put into the buffer, 0 at the end. Lets tests and fuzzers
+// lint memory.
+class Source {
+ public:
+  virtual ~Source() = default;
+  virtual std::size_t read(char* buffer, std::size_t room) = 0;
+};
+
+LintResult lint(Source& size_file, Source& data_file);
+
+// The same over paths; nothing and a message when one cannot be read.
+std::optional<LintResult> lint_files(const std::string& size_path, const std::string& data_path,
+                                     std::string& error);
+
+}  // namespace tavrix::mapcheck

@@ -1,0 +1,11 @@
+// The data file's part of a lint.
+#pragma once
+
+#include "tools/mapcheck/lint.hpp"
+
+namespace tavrix::mapcheck {
+
+// true when the document was read to its end, so that its sums are whole.
+bool lint_data_file(Source& source, LintResult& result);
+
+}  // namespace tavrix::mapcheck

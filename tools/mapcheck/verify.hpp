@@ -1,0 +1,14 @@
+// Checks an image before anything trusts it: every signature, offset, range, count and link. Made
+// for any bytes at all; nothing outside them is touched.
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include "tools/mapcheck/findings.hpp"
+
+namespace tavrix::mapcheck {
+
+Findings verify(std::span<const std::byte> image);
+
+}  // namespace tavrix::mapcheck

@@ -1,0 +1,38 @@
+// Writes a sample map: tavrix-sample-tree --folders 100000 size.json data.json
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "tools/sample/sample_tree.hpp"
+
+int main(int argc, char** argv) {
+  CLI::App app{"Writes the size file and the data file of a sample permission map."};
+  tavrix::sample::Shape shape;
+  std::string size_path, data_path;
+  app.add_option("SIZE", size_path, "the size file")->required();
+  app.add_option("DATA", data_path, "the data file")->required();
+  app.add_option("--folders", shape.folders, "folders of the map")
+      ->check(CLI::Range(4UL, 60000000UL))
+      ->capture_default_str();
+  app.add_option("--fan-out", shape.fan_out, "children of a folder")
+      ->check(CLI::Range(1U, 1000000U))
+      ->capture_default_str();
+  app.add_option("--users", shape.users, "users that entries name")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--groups", shape.groups, "groups that entries name")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--seed", shape.seed, "another tree of the same shape")->capture_default_str();
+  CLI11_PARSE(app, argc, argv);
+  try {
+    const auto sums = tavrix::sample::write_sample(shape, size_path, data_path);
+    std::printf("%lu folders, %lu entries\n", static_cast<unsigned long>(sums.folders),
+                static_cast<unsigned long>(sums.aces));
+    return 0;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "tavrix-sample-tree: %s\n", error.what());
+    return 2;
+  }
+}
