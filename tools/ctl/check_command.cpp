@@ -185,7 +185,8 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
   user->excludes(uid);
   check_command->add_option("--gid", question.gid, "its group")->check(CLI::Range(0L, 4294967294L));
   auto* groups = check_command->add_option("--groups", question.groups, "its supplementary groups")
-                     ->delimiter(',');
+                     ->delimiter(',')
+                     ->allow_extra_args(false);
   check_command->add_option("--admins-gid", question.admins,
                             "the administrators' group; else that named tavrix-admins");
   check_command->add_option("--powerusers-gid", question.power_users,

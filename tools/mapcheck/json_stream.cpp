@@ -63,12 +63,16 @@ bool JsonStream::run(Source& source) {
     }
     chunk_start_ += length;
   }
+  is_at_end_ = true;
   const yajl_status status = yajl_complete_parse(parser_);
   if (status == yajl_status_error) error_ = "the file ends in the middle of the document";
   return status == yajl_status_ok;
 }
 
-uint64_t JsonStream::offset() const { return chunk_start_ + yajl_get_bytes_consumed(parser_); }
+// The parser ends a document with a blank of its own, which is no byte of the file.
+uint64_t JsonStream::offset() const {
+  return is_at_end_ ? chunk_start_ : chunk_start_ + yajl_get_bytes_consumed(parser_);
+}
 
 // Backslashes stand in strings only (and in comments, where this may warn of nothing).
 void JsonStream::scan_escapes(const char* chunk, std::size_t length) {

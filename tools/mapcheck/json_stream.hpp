@@ -46,6 +46,7 @@ class JsonStream {
   yajl_handle parser_;
   std::string error_;
   uint64_t chunk_start_ = 0;
+  bool is_at_end_ = false;
   int64_t lone_surrogate_ = -1;
   // The scanner of escapes: what it is in the middle of, over the ends of chunks.
   enum class Escape { kNone, kBackslash, kHex } escape_ = Escape::kNone;
