@@ -1,0 +1,186 @@
+// One whole decision in a process with the identity of a Samba server process, beside the same
+// system calls and page touches in a bare loop.
+
+#include <benchmark/benchmark.h>
+#include <sys/ipc.h>
+#include <sys/resource.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <stdexcept>
+
+#include "bench/sample_map.hpp"
+#include "perm_enforcer.h"
+#include "perm_map.h"
+#include "permissions/image.hpp"
+
+namespace tavrix::bench {
+namespace {
+
+constexpr uid_t kUser = 1003;
+constexpr gid_t kGroup = 9003;
+constexpr gid_t kPowerUsers = 9002;
+constexpr std::size_t kQuestions = 64;
+
+// A server process between two hooks: real and saved uid 0, effective uid the user's.
+class ServerIdentity {
+ public:
+  ServerIdentity() {
+    if (setegid(kGroup) != 0 || seteuid(kUser) != 0) throw std::runtime_error("identity");
+  }
+  ~ServerIdentity() {
+    if (seteuid(0) != 0 || setegid(0) != 0) std::abort();
+  }
+  ServerIdentity(const ServerIdentity&) = delete;
+  ServerIdentity& operator=(const ServerIdentity&) = delete;
+};
+
+long page_faults() {
+  struct rusage usage {};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_minflt;
+}
+
+struct Questions {
+  explicit Questions(const sample::Shape& asked) : shape(asked) {
+    publish(shape);
+    for (const std::string& path : some_paths(shape, kQuestions)) {
+      paths.push_back("/tavrix/" + path);
+      std::filesystem::create_directories(paths.back());
+    }
+  }
+  ~Questions() { std::filesystem::remove_all("/tavrix/Shared"); }
+  Questions(const Questions&) = delete;
+  Questions& operator=(const Questions&) = delete;
+  sample::Shape shape;
+  std::vector<std::string> paths;
+};
+
+void decision(benchmark::State& state) {
+  const Questions questions(
+      shape_of(static_cast<uint64_t>(state.range(0)), static_cast<unsigned>(state.range(1))));
+  vfs_set_admins_powerusers(9001, kPowerUsers);
+  gid_t groups[] = {100, 101, 102, kPowerUsers};
+  process_trustees_s caller{};
+  caller.euid = kUser;
+  caller.egid = kGroup;
+  caller.num_sup_gids = 4;
+  caller.gids = groups;
+  const ServerIdentity identity;
+  std::size_t next = 0;
+  int is_nav = 0;
+  const long faults = page_faults();
+  for (auto _ : state) {
+    const std::string& path = questions.paths[next++ % kQuestions];
+    const int verdict = vfs_enforce_perms("/tavrix", path.c_str(), FSOP_STAT, &caller, 0, &is_nav);
+    if (verdict != TXPERMS_HAS_PERMS && verdict != TXPERMS_NO_PERM) state.SkipWithError("verdict");
+  }
+  state.counters["faults"] = benchmark::Counter(static_cast<double>(page_faults() - faults),
+                                                benchmark::Counter::kAvgIterations);
+}
+
+// The pages of the image that an answer cannot do without: for each folder on the path the child
+// list up to the folder's slot with the records and the names that it has to be told from, and the
+// ACLs from the folder up to the first one with entries.
+std::vector<std::size_t> pages_of_answer(const std::vector<std::byte>& image, const std::string& path) {
+  const ImageView view(image.data());
+  std::set<std::size_t> pages{0};
+  const auto touch = [&](const void* record) {
+    pages.insert(static_cast<std::size_t>(static_cast<const std::byte*>(record) - image.data()) / 4096);
+  };
+  const fs_elem_s* folder = &view.fselem(0);
+  touch(folder);
+  touch(&view.name_of(*folder));
+  std::size_t at = 0;
+  while (at < path.size()) {
+    const std::size_t end = std::min(path.find('/', at), path.size());
+    const std::string_view wanted = std::string_view(path).substr(at, end - at);
+    at = end + 1;
+    const child_list_s& list = view.children_of(*folder);
+    touch(&list);
+    for (uint32_t slot = 0; slot < list.num_children; ++slot) {
+      touch(reinterpret_cast<const std::byte*>(&list + 1) + slot * 4);
+      folder = &view.fselem(ImageView::child_at(list, slot));
+      touch(folder);
+      touch(&view.name_of(*folder));
+      if (ImageView::text_of(view.name_of(*folder)) == wanted) break;
+    }
+  }
+  // The object's and the parent's ACL.
+  for (const fs_elem_s* from : {folder, &view.fselem(folder->parent_offset)}) {
+    const fs_elem_s* holder = from;
+    for (;; holder = &view.fselem(holder->parent_offset)) {
+      touch(&view.acl_of(*holder));
+      if (view.acl_of(*holder).num_aces > 0 || (holder->flags & FSELEM_FLAG_ROOT) != 0) break;
+    }
+  }
+  return {pages.begin(), pages.end()};
+}
+
+int semaphore_value(int set, int number) { return semctl(set, number, GETVAL); }
+
+// The index, looked up afresh, as a reader has to.
+int current_index() {
+  const int set = semget(ftok("/dev/null", TAVRIX_PERM_MAP_SEM_KEY_ID), 0, 0666);
+  semaphore_value(set, 1);
+  return semaphore_value(set, 0);
+}
+
+// The superuser for a moment: what a switch asks first, the switch, and the way back.
+template <typename Body>
+void as_root(Body body) {
+  uid_t uids[3];
+  gid_t gids[3];
+  getresuid(&uids[0], &uids[1], &uids[2]);
+  getresgid(&gids[0], &gids[1], &gids[2]);
+  if (seteuid(0) != 0 || setegid(0) != 0) std::abort();
+  body();
+  if (setegid(gids[1]) != 0 || seteuid(uids[1]) != 0) std::abort();
+}
+
+void decision_floor(benchmark::State& state) {
+  const Questions questions(
+      shape_of(static_cast<uint64_t>(state.range(0)), static_cast<unsigned>(state.range(1))));
+  std::vector<std::vector<std::size_t>> pages;
+  for (const std::string& path : questions.paths) {
+    pages.push_back(pages_of_answer(image_of(questions.shape), path.substr(8)));
+  }
+  const ServerIdentity identity;
+  std::size_t next = 0;
+  const long faults = page_faults();
+  for (auto _ : state) {
+    const std::size_t question = next++ % kQuestions;
+    struct stat info {};
+    as_root([&] { stat(questions.paths[question].c_str(), &info); });
+    as_root([&] {
+      stat("/etc/tavrix/.permbe_map", &info);
+      const int index = current_index();
+      const int shmid = shmget(index == 0 ? TAVRIX_PERM_TABLE0_KEY : TAVRIX_PERM_TABLE1_KEY, 0, 0);
+      const auto* table = static_cast<const volatile char*>(shmat(shmid, nullptr, 0));
+      if (current_index() != index) std::abort();
+      for (const std::size_t page : pages[question]) static_cast<void>(table[page * 4096]);
+      shmdt(const_cast<const char*>(table));
+    });
+  }
+  state.counters["faults"] = benchmark::Counter(static_cast<double>(page_faults() - faults),
+                                                benchmark::Counter::kAvgIterations);
+}
+
+BENCHMARK(decision)->Args({1'000'000, 16});
+BENCHMARK(decision_floor)->Args({1'000'000, 16});
+
+// Growth: against the size of the map, and against the width of its folders (which makes it flat).
+void growth_sizes(benchmark::internal::Benchmark* growth) {
+  for (const int folders : {1'000, 10'000, 100'000}) growth->Args({folders, 16});
+  for (const int width : {2, 64, 256, 1024}) growth->Args({100'000, width});
+}
+BENCHMARK(decision)->Apply(growth_sizes);
+BENCHMARK(decision_floor)->Apply(growth_sizes);
+
+}  // namespace
+}  // namespace tavrix::bench

@@ -1,0 +1,101 @@
+// A whole import with standard output to a file, beside a bare parse of the same bytes.
+
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <yajl/yajl_parse.h>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "bench/sample_map.hpp"
+#include "mkperms_shm.h"
+
+namespace tavrix::bench {
+namespace {
+
+void import_once(const JsonPair& files) {
+  memsummary_s* summary = nullptr;
+  get_permbe_shmsize(files.size.c_str(), files.data.c_str(), &summary);
+  std::vector<std::byte> image(summary->memsize);
+  summary->membuf = image.data();
+  if (init_permbe_shm(summary) != SHM_MEMBE_OK) std::abort();
+  std::free(summary->perm_map_name_size);
+  std::free(summary->perm_map_name_data);
+  std::free(summary);
+}
+
+// What an import needs at its peak beyond the data file and the image, in a process of its own.
+double extra_memory_mib(const sample::Shape& shape) {
+  const JsonPair files = json_pair(shape);
+  struct stat data {};
+  stat(files.data.c_str(), &data);
+  const double image = static_cast<double>(image_of(shape).size());
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    struct rusage before {}, after {};
+    getrusage(RUSAGE_SELF, &before);
+    {
+      const OutputToFile output;
+      import_once(files);
+    }
+    getrusage(RUSAGE_SELF, &after);
+    const double grown = static_cast<double>(after.ru_maxrss - before.ru_maxrss) * 1024;
+    const double extra = (grown - static_cast<double>(data.st_size) - image) / (1 << 20);
+    std::ofstream("/scratch/extra") << extra;
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  double extra = 0;
+  std::ifstream("/scratch/extra") >> extra;
+  return extra;
+}
+
+void import_map(benchmark::State& state) {
+  const sample::Shape shape = shape_of(static_cast<uint64_t>(state.range(0)));
+  for (auto _ : state) {
+    state.PauseTiming();
+    const JsonPair files = json_pair(shape);
+    state.ResumeTiming();
+    const OutputToFile output;
+    import_once(files);
+  }
+  state.counters["extra_MiB"] = extra_memory_mib(shape);
+}
+BENCHMARK(import_map)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+int nothing(void*) { return 1; }
+int no_text(void*, const unsigned char*, std::size_t) { return 1; }
+int no_number(void*, const char*, std::size_t) { return 1; }
+
+void import_map_floor(benchmark::State& state) {
+  const yajl_callbacks callbacks{.yajl_null = nothing,
+                                 .yajl_boolean = nullptr,
+                                 .yajl_integer = nullptr,
+                                 .yajl_double = nullptr,
+                                 .yajl_number = no_number,
+                                 .yajl_string = no_text,
+                                 .yajl_start_map = nothing,
+                                 .yajl_map_key = no_text,
+                                 .yajl_end_map = nothing,
+                                 .yajl_start_array = nothing,
+                                 .yajl_end_array = nothing};
+  const JsonPair files = json_pair(shape_of(static_cast<uint64_t>(state.range(0))));
+  std::ifstream in(files.data, std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  for (auto _ : state) {
+    yajl_handle parser = yajl_alloc(&callbacks, nullptr, nullptr);
+    yajl_parse(parser, reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    if (yajl_complete_parse(parser) != yajl_status_ok) state.SkipWithError("parse");
+    yajl_free(parser);
+  }
+}
+BENCHMARK(import_map_floor)->Arg(1'000'000)->Unit(benchmark::kMillisecond)->Iterations(2);
+
+}  // namespace
+}  // namespace tavrix::bench
