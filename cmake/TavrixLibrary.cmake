@@ -26,6 +26,7 @@ set(TAVRIX_SOURCES
   permissions/import_driver.cpp
   permissions/import_report.cpp
   permissions/json_parse.cpp
+  permissions/name_traces.cpp
   permissions/parse_stack.cpp
   permissions/path_elements.cpp
   permissions/perm_map.cpp

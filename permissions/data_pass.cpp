@@ -57,9 +57,9 @@ Place current_place() {
   return place_of(*top);
 }
 
-// The element itself, for the primitives that read and fill it; freed with the scope.
-Malloced<jsonstack> take_top() {
-  Malloced<jsonstack> elem(pop(running_import().sth));
+// The element itself, for the primitives that read and fill it; given back with the scope.
+Element take_top() {
+  Element elem(pop(running_import().sth));
   TAVRIX_REQUIRE(elem != nullptr, "stelem != NULL");
   return elem;
 }
@@ -144,18 +144,18 @@ int begin_acl(const Place& /*top*/) {
 }
 
 // A new folder in the image, and the element that stands for it; null when out of memory.
-Malloced<jsonstack> new_folder(int state, uint32_t parent) {
+Element new_folder(int state, uint32_t parent) {
   jsonstack* elem = nullptr;
   if (create_stackelem(state, &elem) != 0 ||
       create_fselem(&running_import(), elem, parent) != SHM_MEMBE_OK) {
     TAVRIX_LOG(0, "Error creating fselem ");
-    std::free(elem);
+    give_back(elem);
     return nullptr;
   }
-  return Malloced<jsonstack>(elem);
+  return Element(elem);
 }
 
-int push_element(Malloced<jsonstack> elem) {
+int push_element(Element elem) {
   const e_txlist_err err = push(running_import().sth, elem.get());
   if (err != TXLIST_ERR_OK) {
     TAVRIX_LOG(0, "Push failure %d", err);
@@ -182,7 +182,7 @@ int begin_folder(const Place& top) {
     return push_copy({.offset = 0, .data = nullptr, .type = STELEM_TYPE_INVALID},
                      PERMDATA_STATE_STCHILDMAP);
   }
-  Malloced<jsonstack> child = new_folder(PERMDATA_STATE_STCHILDMAP, top.offset);
+  Element child = new_folder(PERMDATA_STATE_STCHILDMAP, top.offset);
   if (child == nullptr) return kCancel;
   add_to_parentlist(&running_import(), child.get(), top.offset);
   return push_element(std::move(child));
@@ -208,7 +208,7 @@ constexpr TransitionTable start_of_array({
 });
 
 int begin_document() {
-  Malloced<jsonstack> root = new_folder(PERMDATA_STATE_STCHILDARRAY, FSELEM_ROOT_OFFSET);
+  Element root = new_folder(PERMDATA_STATE_STCHILDARRAY, FSELEM_ROOT_OFFSET);
   return root == nullptr ? kCancel : push_element(std::move(root));
 }
 
@@ -338,7 +338,7 @@ void store_acl(uint32_t folder_offset, const beacl_s& stored, uint32_t size) {
 
 // Pops what stands for the ACL's folder: the element below the one that carries the ACL.
 uint32_t take_folder_of_acl() {
-  const Malloced<jsonstack> elem = take_top();
+  const Element elem = take_top();
   if (elem->state != PERMDATA_STATE_ENDNUMGROUPMAP) {
     TAVRIX_LOG(0, "state mismatch asked %d given %d", PERMDATA_STATE_ENDNUMGROUPMAP, elem->state);
     TAVRIX_REQUIRE(elem->state == PERMDATA_STATE_ENDNUMGROUPMAP, "err == SHM_MEMBE_OK");

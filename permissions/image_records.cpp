@@ -1,12 +1,12 @@
 // The primitives with which an import writes the records of a map image.
 
-#include <cstdio>
 #include <cstring>
 
 #include "internal/assert.hpp"
 #include "logging.h"
 #include "perm_utils.h"
 #include "permissions/image.hpp"
+#include "permissions/name_traces.hpp"
 
 namespace tavrix {
 namespace {
@@ -49,37 +49,6 @@ void require_name_arguments(const memsummary_s* msum, uint32_t len, const char* 
 
 void require_folder_entry(const jsonstack* stelem) {
   TAVRIX_REQUIRE(stelem->stetype == STELEM_TYPE_FSELEM, "stelem->stetype == STELEM_TYPE_FSELEM");
-}
-
-// The loader has printed this line for every name from its first day, and scripts read it. Imports
-// print millions of them, so the usual name is put together here and written in one call.
-void print_name_trace(const char* name, uint32_t len, uint32_t hash) {
-  constexpr std::string_view kBefore = "--------> Name ";
-  constexpr std::string_view kBetween = " hahsval ";
-  constexpr std::size_t kLongestTail = 16;  // ten digits, a blank and the newline
-  char line[320];
-  const std::size_t shown = strnlen(name, len);
-  if (kBefore.size() + shown + kBetween.size() + kLongestTail > sizeof line) {
-    std::printf("--------> Name %.*s hahsval %u \n", static_cast<int>(shown), name, hash);
-    return;
-  }
-  char* end = line;
-  const auto append = [&end](const char* text, std::size_t size) {
-    std::memcpy(end, text, size);
-    end += size;
-  };
-  append(kBefore.data(), kBefore.size());
-  append(name, shown);
-  append(kBetween.data(), kBetween.size());
-  char digits[10];
-  char* first = digits + sizeof digits;
-  do {
-    *--first = static_cast<char>('0' + hash % 10);
-    hash /= 10;
-  } while (hash != 0);
-  append(first, static_cast<std::size_t>(digits + sizeof digits - first));
-  append(" \n", 2);
-  std::fwrite(line, 1, static_cast<std::size_t>(end - line), stdout);
 }
 
 }  // namespace

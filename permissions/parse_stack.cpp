@@ -14,17 +14,32 @@ namespace tavrix {
 
 memsummary_s* memsummary = nullptr;
 
-e_txlist_err push(tavrix_stack_head_s& stack, jsonstack* elem) noexcept {
-  const e_txlist_err err = oneway_list_insert_head(&stack.sthead, &elem->list);
-  if (err == TXLIST_ERR_OK) stack.totalelems += 1;
-  return err;
+namespace {
+
+// A parse never has more elements in the air than an open ACL has states.
+constexpr unsigned kMostKept = 32;
+jsonstack* kept[kMostKept];
+unsigned kept_count = 0;
+
+}  // namespace
+
+jsonstack* new_element() noexcept {
+  if (kept_count == 0) return malloc_zeroed<jsonstack>();
+  jsonstack* elem = kept[--kept_count];
+  *elem = jsonstack{};
+  return elem;
 }
 
-jsonstack* pop(tavrix_stack_head_s& stack) noexcept {
-  oneway_list_elem_s* elem = nullptr;
-  if (oneway_list_pop_head(&stack.sthead, &elem) != TXLIST_ERR_OK) return nullptr;
-  stack.totalelems -= 1;
-  return reinterpret_cast<jsonstack*>(elem);
+void give_back(jsonstack* elem) noexcept {
+  if (elem != nullptr && kept_count < kMostKept) {
+    kept[kept_count++] = elem;
+  } else {
+    std::free(elem);
+  }
+}
+
+void free_kept_elements() noexcept {
+  while (kept_count > 0) std::free(kept[--kept_count]);
 }
 
 void empty_stack(tavrix_stack_head_s& stack) noexcept {
@@ -35,7 +50,7 @@ void empty_stack(tavrix_stack_head_s& stack) noexcept {
       free_tavrix_acl(acl);
       std::free(acl);
     }
-    std::free(elem);
+    give_back(elem);
   }
 }
 
@@ -43,7 +58,7 @@ void empty_stack(tavrix_stack_head_s& stack) noexcept {
 
 int create_stackelem(int state, jsonstack** stelem) {
   TAVRIX_REQUIRE(stelem != nullptr && *stelem == nullptr, "*stelem == NULL");
-  auto* elem = tavrix::malloc_zeroed<jsonstack>();
+  jsonstack* elem = tavrix::new_element();
   if (elem == nullptr) {
     TAVRIX_LOG(0, "No memory %s", strerror(errno));
     return 1;
@@ -65,7 +80,7 @@ membe_shm_err push_stackelem_wstatedata(memsummary_s* msum, int state, uint32_t 
   elem->stetype = type;
   if (tavrix::push(msum->sth, elem) != TXLIST_ERR_OK) {
     TAVRIX_LOG(0, "List error ");
-    std::free(elem);
+    tavrix::give_back(elem);
     return SHM_MEMBE_ERR_LISTERR;
   }
   return SHM_MEMBE_OK;
@@ -90,7 +105,7 @@ int get_cur_statewdata(tavrix_stack_head_s* stack, uint32_t* offset, void** data
   *type = top->stetype;
   if (tavrix::push(*stack, top) != TXLIST_ERR_OK) {
     TAVRIX_LOG(0, "Could not push element to stack curstate %d", state);
-    std::free(top);
+    tavrix::give_back(top);
     return PERMDATA_STATE_INVAL;
   }
   return state;
@@ -109,6 +124,6 @@ membe_shm_err pop_if_state(int state) {
     TAVRIX_LOG(8, "state mismatch asked %d given %d", state, top->state);
     return SHM_MEMBE_ERR_STATE_MISMATCH;
   }
-  std::free(tavrix::pop(stack));
+  tavrix::give_back(tavrix::pop(stack));
   return SHM_MEMBE_OK;
 }

@@ -1,6 +1,8 @@
 // The explicit stack on which the two passes of an import keep their place in a document.
 #pragma once
 
+#include <memory>
+
 #include "mkperms_shm.h"
 #include "tavrix_stack.h"
 
@@ -13,11 +15,31 @@ extern memsummary_s* memsummary;
   return reinterpret_cast<jsonstack*>(stack.sthead.first_elem);
 }
 
+// Elements come and go by the dozen for every folder, so the last ones given back are kept for the
+// next to come. Each is a block of its own: free() takes one too.
+[[nodiscard]] jsonstack* new_element() noexcept;  // zeroed; null when out of memory
+void give_back(jsonstack* elem) noexcept;
+void free_kept_elements() noexcept;
+
+struct GiveBack {
+  void operator()(jsonstack* elem) const noexcept { give_back(elem); }
+};
+using Element = std::unique_ptr<jsonstack, GiveBack>;
+
 // The element becomes the stack's.
-[[nodiscard]] e_txlist_err push(tavrix_stack_head_s& stack, jsonstack* elem) noexcept;
+[[nodiscard]] inline e_txlist_err push(tavrix_stack_head_s& stack, jsonstack* elem) noexcept {
+  const e_txlist_err err = oneway_list_insert_head(&stack.sthead, &elem->list);
+  if (err == TXLIST_ERR_OK) stack.totalelems += 1;
+  return err;
+}
 
 // The element becomes the caller's; null from an empty stack.
-[[nodiscard]] jsonstack* pop(tavrix_stack_head_s& stack) noexcept;
+[[nodiscard]] inline jsonstack* pop(tavrix_stack_head_s& stack) noexcept {
+  oneway_list_elem_s* elem = nullptr;
+  if (oneway_list_pop_head(&stack.sthead, &elem) != TXLIST_ERR_OK) return nullptr;
+  stack.totalelems -= 1;
+  return reinterpret_cast<jsonstack*>(elem);
+}
 
 // Frees what a cancelled parse left, the ACL under construction included.
 void empty_stack(tavrix_stack_head_s& stack) noexcept;

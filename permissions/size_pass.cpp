@@ -66,7 +66,7 @@ tavrix_stack_head_s& running_stack() {
 // A new element with that state on the stack; only the state of an element matters in this pass.
 bool push_state(json_mapsize_states state) {
   tavrix_stack_head_s& stack = running_stack();
-  auto* elem = malloc_zeroed<jsonstack>();
+  jsonstack* elem = new_element();
   if (elem == nullptr) {
     TAVRIX_LOG(0, "No memory %d", errno);
     TAVRIX_LOG(0, "Cannot create stack element err %d", SHM_MEMBE_ERR_NOMEM);
@@ -77,7 +77,7 @@ bool push_state(json_mapsize_states state) {
 }
 
 int pop_state() {
-  const Malloced<jsonstack> elem(pop(running_stack()));
+  const Element elem(pop(running_stack()));
   TAVRIX_REQUIRE(elem != nullptr, "stelem != NULL");
   return elem->state;
 }
@@ -203,6 +203,7 @@ membe_shm_err get_permbe_shmsize(const char* perm_size_file, const char* perm_fi
   tavrix::memsummary1 = *msum;
   tavrix::parse_size_file(parse, file.get());
   tavrix::memsummary1 = nullptr;
+  tavrix::free_kept_elements();
   estimate_shmbe_size(*msum);
   return SHM_MEMBE_OK;
 }
