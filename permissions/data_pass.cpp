@@ -39,22 +39,10 @@ memsummary_s& running_import() {
 
 // --- the stack, as the transitions use it ---------------------------------------------------
 
-// What an element carries; a copy is what "the same folder, the next state" means.
-struct Place {
-  int state = PERMDATA_STATE_INVAL;
-  uint32_t offset = 0;
-  void* data = nullptr;
-  stelem_type type = STELEM_TYPE_INVALID;
-};
-
-Place place_of(const jsonstack& elem) {
-  return {elem.state, elem.jsonoffset, elem.data, elem.stetype};
-}
-
-Place current_place() {
+const jsonstack& current_top() {
   const jsonstack* top = top_of(running_import().sth);
   TAVRIX_REQUIRE(top != nullptr, "stelem != NULL");
-  return place_of(*top);
+  return *top;
 }
 
 // The element itself, for the primitives that read and fill it; given back with the scope.
@@ -64,12 +52,33 @@ Element take_top() {
   return elem;
 }
 
-int push_copy(const Place& place, int state) {
-  const membe_shm_err err =
-      push_stackelem_wstatedata(&running_import(), state, place.offset, place.data, place.type);
-  if (err == SHM_MEMBE_OK) return kGoOn;
-  TAVRIX_LOG(0, "Push failure %d", err);
+int push_state(int state, uint32_t offset, void* data, stelem_type type) {
+  jsonstack* elem = new_element();
+  TAVRIX_REQUIRE(elem != nullptr, "err == 0");
+  elem->state = state;
+  elem->stetype = type;
+  elem->jsonoffset = offset;
+  elem->data = data;
+  const e_txlist_err err = push(running_import().sth, elem);
+  if (__builtin_expect(err == TXLIST_ERR_OK, 1)) return kGoOn;
+  TAVRIX_LOG(0, "List error ");
+  TAVRIX_LOG(0, "Push failure %d", SHM_MEMBE_ERR_LISTERR);
+  give_back(elem);
   return kCancel;
+}
+
+// "The same folder, the next state."
+int push_copy(const jsonstack& elem, int state) {
+  return push_state(state, elem.jsonoffset, elem.data, elem.stetype);
+}
+
+// As pop_if_state(), which other programs use.
+membe_shm_err pop_state(int state) {
+  tavrix_stack_head_s& stack = running_import().sth;
+  const jsonstack* top = top_of(stack);
+  if (__builtin_expect(top == nullptr || top->state != state, 0)) return pop_if_state(state);
+  give_back(pop(stack));
+  return SHM_MEMBE_OK;
 }
 
 void require_top(int state, const char* text) {
@@ -78,14 +87,14 @@ void require_top(int state, const char* text) {
 
 // The pops at the end of an object and of an array, which word their failures differently.
 void pop_at_end_of_map(int state) {
-  if (const membe_shm_err err = pop_if_state(state); err != SHM_MEMBE_OK) {
+  if (const membe_shm_err err = pop_state(state); err != SHM_MEMBE_OK) {
     TAVRIX_LOG(0, "pop error %d ", err);
     TAVRIX_REQUIRE(err == SHM_MEMBE_OK, "err == SHM_MEMBE_OK");
   }
 }
 
 void pop_at_end_of_array(int state) {
-  if (const membe_shm_err err = pop_if_state(state); err != SHM_MEMBE_OK) {
+  if (const membe_shm_err err = pop_state(state); err != SHM_MEMBE_OK) {
     TAVRIX_LOG(0, "State mismatch ");
     TAVRIX_REQUIRE(err == SHM_MEMBE_OK, "err == SHM_MEMBE_OK");
   }
@@ -95,7 +104,7 @@ void pop_at_end_of_array(int state) {
 
 constexpr std::size_t kStates = PERMDATA_STATE_INVAL + 1;
 
-using Action = int (*)(const Place& top);
+using Action = int (*)(const jsonstack& top);
 
 // One row: under this state, push the next one (a copy), or do something of its own.
 struct Transition {
@@ -130,24 +139,24 @@ class TransitionTable {
 
 constexpr int kOwnAction = TransitionTable::kNone;
 
-int take(const Transition& row, const Place& top) {
+int take(const Transition& row, const jsonstack& top) {
   return row.action != nullptr ? row.action(top) : push_copy(top, row.next);
 }
 
 // --- the start of an object -----------------------------------------------------------------
 
-int begin_acl(const Place& /*top*/) {
+int begin_acl(const jsonstack& /*top*/) {
   tavrix_acl_t* acl = nullptr;
   create_empty_acl(&acl);
-  return push_copy({.offset = 0, .data = acl, .type = STELEM_TYPE_ACLELEM},
-                   PERMDATA_STATE_STUSERMAP);
+  return push_state(PERMDATA_STATE_STUSERMAP, 0, acl, STELEM_TYPE_ACLELEM);
 }
 
 // A new folder in the image, and the element that stands for it; null when out of memory.
 Element new_folder(int state, uint32_t parent) {
   jsonstack* elem = nullptr;
-  if (create_stackelem(state, &elem) != 0 ||
-      create_fselem(&running_import(), elem, parent) != SHM_MEMBE_OK) {
+  const bool made = create_stackelem(state, &elem) == 0 &&
+                    create_fselem(&running_import(), elem, parent) == SHM_MEMBE_OK;
+  if (!made) {
     TAVRIX_LOG(0, "Error creating fselem ");
     give_back(elem);
     return nullptr;
@@ -165,26 +174,24 @@ int push_element(Element elem) {
   return kGoOn;
 }
 
-int begin_folder(const Place& top) {
+int begin_folder(const jsonstack& top) {
   const ImageWriter image(running_import());
   static_cast<void>(image.checked_header());
-  fs_elem_s& parent = image.fselem(top.offset);
-  if (top.offset == 0 && parent.parent_offset == FSELEM_ROOT_OFFSET) {
+  fs_elem_s& parent = image.fselem(top.jsonoffset);
+  if (top.jsonoffset == 0 && parent.parent_offset == FSELEM_ROOT_OFFSET) {
     // The root was made with its array; this is its own object.
     parent.flags |= FSELEM_FLAG_ROOT;
     parent.parent_offset = FSELEM_ROOT_OFFSET2;
-    return push_copy({.offset = 0, .data = nullptr, .type = STELEM_TYPE_FSELEM},
-                     PERMDATA_STATE_STCHILDMAP);
+    return push_state(PERMDATA_STATE_STCHILDMAP, 0, nullptr, STELEM_TYPE_FSELEM);
   }
   if ((parent.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) {
     // Declared without children and given one all the same: it has no folder to write to, and its
     // name will trip over that.
-    return push_copy({.offset = 0, .data = nullptr, .type = STELEM_TYPE_INVALID},
-                     PERMDATA_STATE_STCHILDMAP);
+    return push_state(PERMDATA_STATE_STCHILDMAP, 0, nullptr, STELEM_TYPE_INVALID);
   }
-  Element child = new_folder(PERMDATA_STATE_STCHILDMAP, top.offset);
+  Element child = new_folder(PERMDATA_STATE_STCHILDMAP, top.jsonoffset);
   if (child == nullptr) return kCancel;
-  add_to_parentlist(&running_import(), child.get(), top.offset);
+  add_to_parentlist(&running_import(), child.get(), top.jsonoffset);
   return push_element(std::move(child));
 }
 
@@ -245,9 +252,9 @@ const Key* find_key(std::string_view text) {
   return row == std::end(state_arr) ? nullptr : row;
 }
 
-tavrix_acl_t* acl_of(const Place& place) { return static_cast<tavrix_acl_t*>(place.data); }
+tavrix_acl_t* acl_of(const jsonstack& elem) { return static_cast<tavrix_acl_t*>(elem.data); }
 
-int begin_ace(const Place& top, e_ace_type_t trustee, std::string_view id, int next) {
+int begin_ace(const jsonstack& top, e_ace_type_t trustee, std::string_view id, int next) {
   add_ace_to_acl(acl_of(top), trustee, static_cast<uint32_t>(decimal_of(id.data(), id.size())));
   return push_copy(top, next);
 }
@@ -276,26 +283,27 @@ void set_mask(const jsonstack& elem, e_ace_type_t trustee, uint32_t mask) {
 
 // --- the end of an object -------------------------------------------------------------------
 
-int end_folder(const Place& /*top*/) {
+int end_folder(const jsonstack& /*top*/) {
   pop_at_end_of_map(PERMDATA_STATE_STCHILDMAP);
   require_top(PERMDATA_STATE_ENDNUMCHILDRENMAP, "curstate == PERMDATA_STATE_ENDNUMCHILDRENMAP");
   return kGoOn;
 }
 
 template <int kFirst, int kSecond>
-int pop_two(const Place& /*top*/) {
+int pop_two(const jsonstack& /*top*/) {
   pop_at_end_of_map(kFirst);
   pop_at_end_of_map(kSecond);
   return kGoOn;
 }
 
-int end_child_count(const Place& top) {
-  if (pop_if_state(PERMDATA_STATE_STNUMCHILDRENMAP) != SHM_MEMBE_OK) return kCancel;
-  TAVRIX_REQUIRE(top.type == STELEM_TYPE_FSELEM, "stetype == STELEM_TYPE_FSELEM");
-  return push_copy(top, PERMDATA_STATE_ENDNUMCHILDRENMAP);
+int end_child_count(const jsonstack& /*top*/) {
+  const Element elem(pop(running_import().sth));
+  if (elem == nullptr) return kCancel;
+  TAVRIX_REQUIRE(elem->stetype == STELEM_TYPE_FSELEM, "stetype == STELEM_TYPE_FSELEM");
+  return push_copy(*elem, PERMDATA_STATE_ENDNUMCHILDRENMAP);
 }
 
-int tolerate(const Place& top) {
+int tolerate(const jsonstack& top) {
   TAVRIX_LOG(0, "Invalid state state %d", top.state);
   return kGoOn;
 }
@@ -346,7 +354,7 @@ uint32_t take_folder_of_acl() {
   return elem->jsonoffset;
 }
 
-int end_acl(const Place& top) {
+int end_acl(const jsonstack& top) {
   tavrix_acl_t* acl = acl_of(top);
   TAVRIX_REQUIRE(acl != nullptr, "acl != NULL");
   beacl_s* converted = nullptr;
@@ -391,11 +399,9 @@ const yajl_callbacks data_pass_callbacks{.yajl_null = nullptr,
 
 }  // namespace tavrix
 
-using tavrix::Place;
-
 int readperm_start_array(void* /*ctx*/) {
   if (tavrix::running_import().sth.totalelems == 0) return tavrix::begin_document();
-  const Place top = tavrix::current_place();
+  const jsonstack& top = tavrix::current_top();
   if (const auto* row = tavrix::start_of_array.find(top.state)) return tavrix::take(*row, top);
   // Nothing below could be placed; the import is judged by the image it has so far.
   TAVRIX_LOG(0, "Invalid state %d", top.state);
@@ -403,14 +409,14 @@ int readperm_start_array(void* /*ctx*/) {
 }
 
 int readperm_start_map(void* /*ctx*/) {
-  const Place top = tavrix::current_place();
+  const jsonstack& top = tavrix::current_top();
   const auto* row = tavrix::start_of_object.find(top.state);
   return row == nullptr ? tavrix::kGoOn : tavrix::take(*row, top);
 }
 
 int readperm_map_key(void* /*ctx*/, const unsigned char* key, size_t len) {
   const std::string_view text(reinterpret_cast<const char*>(key), len);
-  const Place top = tavrix::current_place();
+  const jsonstack& top = tavrix::current_top();
   if (const tavrix::Key* row = tavrix::find_key(text)) {
     TAVRIX_REQUIRE(top.state == row->under, row->condition);
     return tavrix::push_copy(top, row->state);
@@ -465,21 +471,17 @@ int readperm_number(void* /*ctx*/, const char* number, size_t len) {
 }
 
 int readperm_end_map(void* /*ctx*/) {
-  const Place top = tavrix::current_place();
+  const jsonstack& top = tavrix::current_top();
   const auto* row = tavrix::end_of_object.find(top.state);
   TAVRIX_REQUIRE(row != nullptr, "0");
   return tavrix::take(*row, top);
 }
 
 int readperm_end_array(void* /*ctx*/) {
-  Place top;
-  {
-    const auto elem = tavrix::take_top();
-    top = tavrix::place_of(*elem);
-  }
-  if (top.state == PERMDATA_STATE_STUSERMAP) return tavrix::end_acl(top);
-  if (top.state == PERMDATA_STATE_ENDNUMCHILDRENMAP) return tavrix::end_children();
-  TAVRIX_LOG(0, "Invalid state %d", top.state);
+  const tavrix::Element top = tavrix::take_top();
+  if (top->state == PERMDATA_STATE_STUSERMAP) return tavrix::end_acl(*top);
+  if (top->state == PERMDATA_STATE_ENDNUMCHILDRENMAP) return tavrix::end_children();
+  TAVRIX_LOG(0, "Invalid state %d", top->state);
   TAVRIX_REQUIRE(false, "0");
   return tavrix::kCancel;
 }

@@ -9,9 +9,9 @@ namespace tavrix {
 // scripts read it.
 void print_name_trace(const char* name, uint32_t len, uint32_t hash) noexcept;
 
-// While one lives, lines are put together here and written many at a time: an import prints millions
-// of them. The end of its life, or a fuller buffer, writes them; an abort loses the last ones, as the
-// C library's own buffer would. Does not nest.
+// While one lives, lines are put together here and written many at a time: an import prints
+// millions of them. The end of its life, or a fuller buffer, writes them; an abort loses the last
+// ones, as the C library's own buffer would. Does not nest.
 class NameTraces {
  public:
   NameTraces() noexcept;

@@ -14,32 +14,10 @@ namespace tavrix {
 
 memsummary_s* memsummary = nullptr;
 
-namespace {
-
-// A parse never has more elements in the air than an open ACL has states.
-constexpr unsigned kMostKept = 32;
-jsonstack* kept[kMostKept];
-unsigned kept_count = 0;
-
-}  // namespace
-
-jsonstack* new_element() noexcept {
-  if (kept_count == 0) return malloc_zeroed<jsonstack>();
-  jsonstack* elem = kept[--kept_count];
-  *elem = jsonstack{};
-  return elem;
-}
-
-void give_back(jsonstack* elem) noexcept {
-  if (elem != nullptr && kept_count < kMostKept) {
-    kept[kept_count++] = elem;
-  } else {
-    std::free(elem);
-  }
-}
+KeptElements kept_elements{};
 
 void free_kept_elements() noexcept {
-  while (kept_count > 0) std::free(kept[--kept_count]);
+  while (kept_elements.count > 0) std::free(kept_elements.blocks[--kept_elements.count]);
 }
 
 void empty_stack(tavrix_stack_head_s& stack) noexcept {
@@ -63,6 +41,7 @@ int create_stackelem(int state, jsonstack** stelem) {
     TAVRIX_LOG(0, "No memory %s", strerror(errno));
     return 1;
   }
+  *elem = jsonstack{};
   elem->state = state;
   elem->stetype = STELEM_TYPE_INVALID;
   *stelem = elem;

@@ -1,6 +1,7 @@
 // The explicit stack on which the two passes of an import keep their place in a document.
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 
 #include "mkperms_shm.h"
@@ -17,8 +18,29 @@ extern memsummary_s* memsummary;
 
 // Elements come and go by the dozen for every folder, so the last ones given back are kept for the
 // next to come. Each is a block of its own: free() takes one too.
-[[nodiscard]] jsonstack* new_element() noexcept;  // zeroed; null when out of memory
-void give_back(jsonstack* elem) noexcept;
+constexpr unsigned kMostKept = 32;  // more than an open ACL has states
+struct KeptElements {
+  jsonstack* blocks[kMostKept];
+  unsigned count;
+};
+extern KeptElements kept_elements;
+
+// Fields are the caller's to fill; null when out of memory.
+[[nodiscard]] inline jsonstack* new_element() noexcept {
+  if (__builtin_expect(kept_elements.count > 0, 1)) {
+    return kept_elements.blocks[--kept_elements.count];
+  }
+  return static_cast<jsonstack*>(std::malloc(sizeof(jsonstack)));
+}
+
+inline void give_back(jsonstack* elem) noexcept {
+  if (__builtin_expect(elem != nullptr && kept_elements.count < kMostKept, 1)) {
+    kept_elements.blocks[kept_elements.count++] = elem;
+  } else {
+    std::free(elem);
+  }
+}
+
 void free_kept_elements() noexcept;
 
 struct GiveBack {

@@ -72,6 +72,7 @@ bool push_state(json_mapsize_states state) {
     TAVRIX_LOG(0, "Cannot create stack element err %d", SHM_MEMBE_ERR_NOMEM);
     return false;
   }
+  *elem = jsonstack{};
   elem->state = state;
   return push(stack, elem) == TXLIST_ERR_OK;
 }
