@@ -247,8 +247,11 @@ constexpr Key state_arr[] = {
 };
 
 const Key* find_key(std::string_view text) {
-  const auto* row = std::find_if(std::begin(state_arr), std::end(state_arr),
-                                 [text](const Key& key) { return key.text == text; });
+  const auto* row =
+      std::find_if(std::begin(state_arr), std::end(state_arr), [text](const Key& key) {
+        // No two keys share both their length and their first letter.
+        return key.text.size() == text.size() && key.text[0] == text[0] && key.text == text;
+      });
   return row == std::end(state_arr) ? nullptr : row;
 }
 

@@ -74,6 +74,15 @@ class ImageView {
   }
   // Starts loading a folder's record before it is wanted.
   void prefetch_fselem(uint32_t offset) const noexcept { __builtin_prefetch(fselems_ + offset); }
+  // The same for its name, which waits for the record.
+  void prefetch_name(uint32_t offset) const noexcept {
+    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_ + offset);
+    __builtin_prefetch(names_ + fselem.name_elem_offset);
+  }
+  void prefetch_acl(uint32_t offset) const noexcept {
+    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_ + offset);
+    __builtin_prefetch(acls_ + fselem.acl_offset);
+  }
 
  private:
   const std::byte* base_;

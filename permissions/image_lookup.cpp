@@ -9,6 +9,7 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "perm_utils.h"
+#include "permissions/child_hints.hpp"
 #include "permissions/image.hpp"
 #include "permissions/path_elements.hpp"
 #include "tavrix_utils.h"
@@ -40,32 +41,66 @@ bool names_equal(const char* stored, const PathComponent& wanted, int debug_leve
   return difference == 0;
 }
 
-// The first slot whose folder bears the wanted name; two integers tell most others apart.
+// A scan waits for two records of every child, one named by the other. Folders are asked for before
+// their names are, and names before they are compared.
+constexpr uint32_t kFoldersAhead = 16;
+constexpr uint32_t kNamesAhead = 8;
+
+void load_ahead(const ImageView& image, const child_list_s& list, uint32_t children) {
+  for (uint32_t slot = 0; slot < children && slot < kFoldersAhead; ++slot) {
+    image.prefetch_fselem(ImageView::child_at(list, slot));
+  }
+  for (uint32_t slot = 0; slot < children && slot < kNamesAhead; ++slot) {
+    image.prefetch_name(ImageView::child_at(list, slot));
+  }
+}
+
+bool bears_name(const name_elem_s& name, const PathComponent& wanted, int debug_level) {
+  // Two integers tell most names apart.
+  if (name.hashval != wanted.hash || name.name_len != wanted.len) return false;
+  const char* stored = ImageView::bytes_of(name);
+  if (!names_equal(stored, wanted, debug_level)) return false;
+  TAVRIX_LOG_IF(debug_level, kComparisonTrace, "Found match cnelem %.*s and pelem %.*s",
+                static_cast<int>(name.name_len), stored, static_cast<int>(wanted.len), wanted.name);
+  return true;
+}
+
+// The first slot whose folder bears the wanted name.
 template <Access kAccess>
 uint32_t find_child(const ImageView& image, const child_list_s& list, const PathComponent& wanted,
                     int debug_level) {
-  constexpr uint32_t kAhead = 6;
   const uint32_t children = list.num_children;
-  if constexpr (kAccess == Access::kWarm) {
-    for (uint32_t slot = 0; slot < children && slot < kAhead; ++slot) {
-      image.prefetch_fselem(ImageView::child_at(list, slot));
-    }
-  }
+  if constexpr (kAccess == Access::kWarm) load_ahead(image, list, children);
   for (uint32_t slot = 0; slot < children; ++slot) {
     if constexpr (kAccess == Access::kWarm) {
-      if (slot + kAhead < children) image.prefetch_fselem(ImageView::child_at(list, slot + kAhead));
+      if (slot + kFoldersAhead < children) {
+        image.prefetch_fselem(ImageView::child_at(list, slot + kFoldersAhead));
+      }
+      if (slot + kNamesAhead < children) {
+        image.prefetch_name(ImageView::child_at(list, slot + kNamesAhead));
+      }
     }
     const uint32_t offset = ImageView::child_at(list, slot);
-    const name_elem_s& name = image.name_of(image.fselem(offset));
-    if (name.hashval != wanted.hash || name.name_len != wanted.len) continue;
-    const char* stored = ImageView::bytes_of(name);
-    if (!names_equal(stored, wanted, debug_level)) continue;
-    TAVRIX_LOG_IF(debug_level, kComparisonTrace, "Found match cnelem %.*s and pelem %.*s",
-                  static_cast<int>(name.name_len), stored, static_cast<int>(wanted.len),
-                  wanted.name);
-    return offset;
+    if (bears_name(image.name_of(image.fselem(offset)), wanted, debug_level)) return offset;
   }
   return kNoChild;
+}
+
+// The child of a folder that bears the wanted name: where it was the last time, or by a scan.
+template <Access kAccess>
+uint32_t find_child_of(const ImageView& image, uint32_t parent, const fs_elem_s& folder,
+                       const PathComponent& wanted, int debug_level) {
+  if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return kNoChild;
+  ChildHints& hints = child_hints;
+  if (const uint32_t hint = hints.find(parent, wanted.hash); hint != ChildHints::kNone) {
+    const fs_elem_s& child = image.fselem(hint);
+    if (child.parent_offset == parent && bears_name(image.name_of(child), wanted, debug_level)) {
+      return hint;
+    }
+  }
+  const uint32_t child = find_child<kAccess>(image, image.children_of(folder), wanted, debug_level);
+  if (child != kNoChild) hints.remember(parent, wanted.hash, child);
+  return child;
 }
 
 const fs_elem_s& require_root(const ImageView& image) {
@@ -89,15 +124,14 @@ void trace_matched_name(const ImageView& image, uint32_t offset, int debug_level
 template <Access kAccess, typename NextComponent>
 PathMatch walk(const ImageView& image, NextComponent next) {
   const int debug_level = tavrix_debug_level();
+  child_hints.use(image.header());
   const fs_elem_s* folder = &require_root(image);
   PathMatch match;
   PathComponent wanted{};
   while (next(wanted)) {
     match.parent = match.self;  // if this component is the last, the parent path ends before it
-    const bool is_leaf = (folder->flags & FSELEM_FLAG_NO_CHILD_LIST) != 0;
     const uint32_t child =
-        is_leaf ? kNoChild
-                : find_child<kAccess>(image, image.children_of(*folder), wanted, debug_level);
+        find_child_of<kAccess>(image, match.self.offset, *folder, wanted, debug_level);
     if (child == kNoChild) {
       match.self.code = SHM_MEMBE_OK_NAMEREMAPPED;
       const bool parent_is_missing_too = next(wanted);
@@ -150,11 +184,47 @@ void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t
   set_inheritance_flag(*acl, TAVRIX_ACE_INHERITED);
 }
 
+// The first components of a path, taken apart before the walk: as far as hints lead, their records
+// are asked for all at once instead of each one waiting for its parent's.
+class HintedPath {
+ public:
+  HintedPath(const ImageView& image, std::string_view path) noexcept : cursor_(path) {
+    child_hints.use(image.header());
+    uint32_t offsets[kMost];
+    uint32_t hinted = 0;
+    uint32_t at = 0;
+    bool follows = true;
+    while (count_ < kMost && cursor_.next(components_[count_])) {
+      const uint32_t child = follows ? child_hints.find(at, components_[count_].hash) : 0;
+      ++count_;
+      follows = follows && child != ChildHints::kNone;
+      if (!follows) continue;
+      image.prefetch_fselem(child);
+      offsets[hinted++] = child;
+      at = child;
+    }
+    for (uint32_t level = 0; level < hinted; ++level) image.prefetch_name(offsets[level]);
+    if (hinted > 0) image.prefetch_acl(offsets[hinted - 1]);
+  }
+  [[nodiscard]] bool next(PathComponent& component) noexcept {
+    if (taken_ == count_) return count_ == kMost && cursor_.next(component);
+    component = components_[taken_++];
+    return true;
+  }
+
+ private:
+  static constexpr uint32_t kMost = 16;  // deeper components are taken one by one
+  PathCursor cursor_;
+  PathComponent components_[kMost];
+  uint32_t count_ = 0;
+  uint32_t taken_ = 0;
+};
+
 template <Access kAccess>
 PathMatch walk_path(const ImageView& image, std::string_view path) {
-  PathCursor cursor(path);
+  HintedPath hinted(image, path);
   return walk<kAccess>(image,
-                       [&cursor](PathComponent& component) { return cursor.next(component); });
+                       [&hinted](PathComponent& component) { return hinted.next(component); });
 }
 
 // 0 when the map and the path can be looked at. A map of foreign bytes ends the process: a verdict

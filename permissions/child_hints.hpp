@@ -1,0 +1,54 @@
+// Where a lookup found the children of folders before, so that it need not scan for them again.
+//
+// A hint only says where to look first: the folder found there must have the parent and the name
+// that are asked for, or the list is scanned. What a hint saves is the walk over the siblings,
+// which is what a cold decision pays for: each of them may lie on two pages of its own. Hints are
+// dropped when the header of the map is another one.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "mkperms_shm.h"
+
+namespace tavrix {
+
+class ChildHints {
+ public:
+  static constexpr uint32_t kNone = 0;  // the root is nobody's child
+
+  // Names the map that the next calls are about.
+  void use(const tavrix_be_header& header) noexcept {
+    if (__builtin_expect(std::memcmp(&header_, &header, sizeof header) == 0, 1)) return;
+    std::memset(hints_, 0, sizeof hints_);
+    std::memcpy(&header_, &header, sizeof header);
+  }
+  // The offset of a folder, or kNone.
+  [[nodiscard]] uint32_t find(uint32_t parent, uint32_t hash) const noexcept {
+    const Hint& hint = hints_[slot_of(parent, hash)];
+    return hint.parent == parent && hint.hash == hash ? hint.child : kNone;
+  }
+  void remember(uint32_t parent, uint32_t hash, uint32_t child) noexcept {
+    hints_[slot_of(parent, hash)] = {parent, hash, child};
+  }
+
+ private:
+  struct Hint {
+    uint32_t parent;
+    uint32_t hash;
+    uint32_t child;
+  };
+  static constexpr unsigned kBits = 13;
+
+  [[nodiscard]] static uint32_t slot_of(uint32_t parent, uint32_t hash) noexcept {
+    return ((parent ^ (hash * 0x85EBCA6BU)) * 0x9E3779B1U) >> (32 - kBits);
+  }
+
+  tavrix_be_header header_;
+  Hint hints_[1U << kBits];
+};
+
+// Lookups may run in any number of threads, so each has its own.
+inline thread_local ChildHints child_hints{};
+
+}  // namespace tavrix
