@@ -2,6 +2,7 @@
 
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,10 +11,10 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <vector>
 
 #include "bench/sample_map.hpp"
 #include "mkperms_shm.h"
+#include "perm_map.h"
 
 namespace tavrix::bench {
 namespace {
@@ -21,9 +22,11 @@ namespace {
 void import_once(const JsonPair& files) {
   memsummary_s* summary = nullptr;
   get_permbe_shmsize(files.size.c_str(), files.data.c_str(), &summary);
-  std::vector<std::byte> image(summary->memsize);
-  summary->membuf = image.data();
-  if (init_permbe_shm(summary) != SHM_MEMBE_OK) std::abort();
+  int shmid = -1;
+  summary->membuf = create_perm_map_shm(TAVRIX_PERM_TABLE0_KEY + 16, summary->memsize, &shmid);
+  if (summary->membuf == nullptr || init_permbe_shm(summary) != SHM_MEMBE_OK) std::abort();
+  shmdt(summary->membuf);
+  shmctl(shmid, IPC_RMID, nullptr);
   std::free(summary->perm_map_name_size);
   std::free(summary->perm_map_name_data);
   std::free(summary);

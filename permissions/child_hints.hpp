@@ -20,16 +20,20 @@ class ChildHints {
   // Names the map that the next calls are about.
   void use(const tavrix_be_header& header) noexcept {
     if (__builtin_expect(std::memcmp(&header_, &header, sizeof header) == 0, 1)) return;
-    std::memset(hints_, 0, sizeof hints_);
+    std::memset(pairs_, 0, sizeof pairs_);
     std::memcpy(&header_, &header, sizeof header);
   }
   // The offset of a folder, or kNone.
   [[nodiscard]] uint32_t find(uint32_t parent, uint32_t hash) const noexcept {
-    const Hint& hint = hints_[slot_of(parent, hash)];
-    return hint.parent == parent && hint.hash == hash ? hint.child : kNone;
+    const Pair& pair = pairs_[slot_of(parent, hash)];
+    if (pair.newer.parent == parent && pair.newer.hash == hash) return pair.newer.child;
+    if (pair.older.parent == parent && pair.older.hash == hash) return pair.older.child;
+    return kNone;
   }
   void remember(uint32_t parent, uint32_t hash, uint32_t child) noexcept {
-    hints_[slot_of(parent, hash)] = {parent, hash, child};
+    Pair& pair = pairs_[slot_of(parent, hash)];
+    pair.older = pair.newer;
+    pair.newer = {parent, hash, child};
   }
 
  private:
@@ -38,6 +42,10 @@ class ChildHints {
     uint32_t hash;
     uint32_t child;
   };
+  struct Pair {
+    Hint newer, older;
+  };
+  // The folders that one client works in: a server process touches few pages of the table.
   static constexpr unsigned kBits = 13;
 
   [[nodiscard]] static uint32_t slot_of(uint32_t parent, uint32_t hash) noexcept {
@@ -45,7 +53,7 @@ class ChildHints {
   }
 
   tavrix_be_header header_;
-  Hint hints_[1U << kBits];
+  Pair pairs_[1U << kBits];
 };
 
 // Lookups may run in any number of threads, so each has its own.
