@@ -86,11 +86,13 @@ void decision(benchmark::State& state) {
 
 // The pages of the image that an answer cannot do without: the header, the root, the record and the
 // name of each folder on the path, and the ACLs from the folder up to the first one with entries.
-std::vector<std::size_t> pages_of_answer(const std::vector<std::byte>& image, const std::string& path) {
+std::vector<std::size_t> pages_of_answer(const std::vector<std::byte>& image,
+                                         const std::string& path) {
   const ImageView view(image.data());
   std::set<std::size_t> pages{0};
   const auto touch = [&](const void* record) {
-    pages.insert(static_cast<std::size_t>(static_cast<const std::byte*>(record) - image.data()) / 4096);
+    pages.insert(static_cast<std::size_t>(static_cast<const std::byte*>(record) - image.data()) /
+                 4096);
   };
   const fs_elem_s* folder = &view.fselem(0);
   touch(folder);

@@ -41,7 +41,8 @@ double extra_memory_mib(const sample::Shape& shape) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
-    struct rusage before {}, after {};
+    struct rusage before {
+    }, after{};
     getrusage(RUSAGE_SELF, &before);
     {
       const OutputToFile output;

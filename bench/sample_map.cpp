@@ -90,7 +90,8 @@ std::vector<std::string> some_paths(const sample::Shape& shape, std::size_t coun
 OutputToFile::OutputToFile() {
   std::fflush(stdout);
   saved_ = dup(STDOUT_FILENO);
-  const int file = open((kFolder + "/stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  const int file =
+      open((kFolder + "/stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   dup2(file, STDOUT_FILENO);
   close(file);
 }
