@@ -45,7 +45,7 @@ e_vfs_enforce_perms decide(const char* shareroot, const char* clean, e_fsop_type
   int is_nav = 0;
   const e_vfs_enforce_perms verdict =
       vfs_enforce_perms(shareroot, full.get(), op, &connection.groupmap, force_path_type, &is_nav);
-  TAVRIX_LOG(kTrace, "tavrix_%s: vfs_enforce_perms retval=%d\n", static_cast<const char*>(__func__),
+  TAVRIX_LOG(kTrace, "tavrix_%s: vfs_enforce_perms retval=%d\n", "check_perms",
              static_cast<int>(verdict));
   return verdict;
 }

@@ -15,6 +15,7 @@ class Bytes : public tavrix::mapcheck::Source {
   std::size_t read(char* buffer, std::size_t room) override {
     // Small and odd pieces, so that every place is the end of one.
     const std::size_t length = std::min({size_, room, std::size_t{13}});
+    if (length == 0) return 0;
     std::memcpy(buffer, data_, length);
     data_ += length;
     size_ -= length;

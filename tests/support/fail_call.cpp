@@ -241,6 +241,7 @@ WRAP(int, -1, rename, (const char* from, const char* to), (from, to))
 WRAP(int, -1, unlink, (const char* path), (path))
 WRAP(int, -1, fdatasync, (int fd), (fd))
 WRAP(int, -1, mkstemp, (char* name), (name))
+WRAP(int, -1, mkostemp, (char* name, int flags), (name, flags))
 WRAP(int, -1, fputs, (const char* text, FILE* file), (text, file))
 WRAP(ssize_t, -1, getxattr, (const char* path, const char* name, void* value, size_t size),
      (path, name, value, size))
