@@ -48,6 +48,25 @@ void require_sound_header(const staging_buffer_s& buffer, uint32_t length) {
   give_up_events();
 }
 
+// Count and offset change in one store: whoever dies before or after it leaves a buffer that the
+// next one can use, with a record that is wholly in it or not at all.
+void store_head(staging_buffer_s& buffer, uint32_t num_records, uint32_t next_offset) {
+  const staging_buffer_s wanted{
+      .num_records = num_records, .next_offset = next_offset, .last_flush_time = 0};
+  uint64_t head = 0;
+  static_assert(offsetof(staging_buffer_s, last_flush_time) == sizeof head);
+  std::memcpy(&head, &wanted, sizeof head);
+  __atomic_store_n(reinterpret_cast<uint64_t*>(&buffer), head, __ATOMIC_RELEASE);
+}
+
+void empty(staging_buffer_s& buffer, std::size_t size) {
+  store_head(buffer, 0, kEmptyStagingBuffer);
+  constexpr std::size_t kHead = offsetof(staging_buffer_s, last_flush_time);
+  if (size > kHead) {
+    std::memset(reinterpret_cast<std::byte*>(&buffer) + kHead, 0, size - kHead);
+  }
+}
+
 enum class Append { kDone, kNoBuffer, kFull };
 
 // One attempt, with the semaphore held for as long as the buffer is looked at.
@@ -72,8 +91,7 @@ Append try_append(const staging_data_s& record, uint32_t length, int threshold) 
   }
   require_sound_header(*buffer, length);
   std::memcpy(reinterpret_cast<std::byte*>(&*buffer) + buffer->next_offset, &record, length);
-  buffer->next_offset += length;
-  buffer->num_records += 1;
+  store_head(*buffer, buffer->num_records + 1, buffer->next_offset + length);
   hold.release();
   return Append::kDone;
 }
@@ -128,9 +146,8 @@ int initialize_staging_buffer(void) {
     TAVRIX_LOG(0, "cannot attach to shm, errno = %d", errno);
     return -1;
   }
-  std::memset(segment.get(), 0, size);
   // A segment is a page at least, so the header fits whatever the size is.
-  static_cast<staging_buffer_s*>(segment.get())->next_offset = tavrix::kEmptyStagingBuffer;
+  tavrix::empty(*static_cast<staging_buffer_s*>(segment.get()), size);
   return 0;
 }
 

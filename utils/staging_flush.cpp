@@ -161,7 +161,16 @@ class FlushAttempt {
       return fail(FB_ERR_RENAME_FAILED, "cannot rename %s to %s. errno = %d(%s)\n", temp_.name(),
                   dump_name_.get(), errno, strerror(errno));
     }
+    sync_folder();
     return Step::kFinished;
+  }
+
+  // A name that was never synced can vanish with the power, and the dump file with it. The result
+  // stays what it is: the records are in the file.
+  static void sync_folder() {
+    const ErrnoKeeper keep;
+    const Fd folder(open(parameter_text(PARAM_STAGING_DIR), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder) fsync(folder.get());
   }
 
   Step write_failed(ssize_t written, std::size_t length) {
