@@ -1,19 +1,34 @@
 // What the append and the flush of the staging buffer share.
 #pragma once
 
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 
 #include "eventstore.h"
+#include "logging.h"
+#include "utils/parameters.hpp"
 
 namespace tavrix {
 
 constexpr uint32_t kEmptyStagingBuffer = sizeof(staging_buffer_s);  // its next_offset
 
 // Bytes of the buffer past which a writer flushes it, by the settings of this moment.
-[[nodiscard]] int staging_fill_threshold() noexcept;
+[[nodiscard]] inline int staging_fill_threshold() noexcept {
+  constexpr int kHighest = 99;
+  constexpr int kWhenTooHigh = 80;
+  const int percent = parameter(PARAM_FLUSH_FILL_THRESHOLD);
+  const int64_t share = percent > kHighest ? kWhenTooHigh : percent;
+  return static_cast<int>(std::clamp<int64_t>(
+      int64_t{parameter(PARAM_STAGING_BUFFER_SIZE)} * share / 100, INT_MIN, INT_MAX));
+}
 
 // Gives the semaphore back, however often that takes: every other process waits for it.
-void post_staging_semaphore_until_done() noexcept;
+inline void post_staging_semaphore_until_done() noexcept {
+  while (post_eventstore_semaphore() != 0) {
+    TAVRIX_LOG(0, "post_eventstore_semaphore failed, retrying ...");
+  }
+}
 
 // The staging semaphore, taken and given back.
 class [[nodiscard]] StagingHold {

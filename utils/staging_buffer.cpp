@@ -5,7 +5,6 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
 #include "internal/assert.hpp"
@@ -97,15 +96,6 @@ Append try_append(const staging_data_s& record, uint32_t length, int threshold) 
 }
 
 }  // namespace
-
-int staging_fill_threshold() noexcept {
-  constexpr int kHighest = 99;
-  constexpr int kWhenTooHigh = 80;
-  const int percent = parameter(PARAM_FLUSH_FILL_THRESHOLD);
-  const int64_t share = percent > kHighest ? kWhenTooHigh : percent;
-  return static_cast<int>(
-      std::clamp<int64_t>(int64_t{buffer_size()} * share / 100, INT_MIN, INT_MAX));
-}
 
 void give_up_events() noexcept {
   const RootScope root;  // the agent's folder is closed to clients

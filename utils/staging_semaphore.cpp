@@ -34,12 +34,6 @@ int change(int semid, short delta) {
 
 }  // namespace
 
-void post_staging_semaphore_until_done() noexcept {
-  while (post_eventstore_semaphore() != 0) {
-    TAVRIX_LOG(0, "post_eventstore_semaphore failed, retrying ...");
-  }
-}
-
 }  // namespace tavrix
 
 // The message of a failed System V call, with the key that names the semaphore to ipcs(1).

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 
 #include "tavrix_getgrouplist.h"
@@ -140,10 +141,36 @@ TEST_F(GroupListMap, MeasuresAListFromTheName) {
   EXPECT_EQ("group item 1 name beyond map, bail\n", groups_of("carl").printed);
 }
 
-TEST_F(GroupListMap, CopiesAListThatLiesBehindItWithoutReadingForeignMemory) {
-  put32(bytes_, user_at(3) + 8, size() + 100000);
-  EXPECT_TRUE(groups_of("carl").found);
-  EXPECT_EQ(3U, groups_of("carl").gids.size());
+// Only the place of the name is checked; a list elsewhere is copied from wherever it is, but never
+// from memory that is not there.
+TEST_F(GroupListMap, CopiesAListThatLiesBehindIt) {
+  bytes_ += std::string(65536, '\0');
+  put32(bytes_, 8192 + 5000, 77);
+  put32(bytes_, user_at(3) + 8, 8192 + 5000);
+  unsigned count = 0;
+  testing::internal::CaptureStderr();
+  gid_t* list = tavrix_getgrouplist(map(), 8192, "carl", &count);
+  testing::internal::GetCapturedStderr();
+  ASSERT_NE(nullptr, list);
+  EXPECT_EQ(3U, count);
+  EXPECT_EQ(77U, list[0]);
+  std::free(list);
+}
+
+TEST_F(GroupListMap, FindsNobodyWhoseListIsNowhere) {
+  put32(bytes_, user_at(3) + 8, 0xFFFFF000);
+  const Outcome outcome = in_child([this] {
+    // Far behind the map there is nothing: it stands alone in its part of the address space.
+    auto* alone = static_cast<char*>(mmap(nullptr, std::size_t{8} << 30, PROT_NONE,
+                                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    ASSERT_EQ(0, mprotect(alone, 8192, PROT_READ | PROT_WRITE));
+    std::memcpy(alone, bytes_.data(), 8192);
+    unsigned count = 7;
+    EXPECT_EQ(nullptr,
+              tavrix_getgrouplist(reinterpret_cast<mapheader*>(alone), 8192, "carl", &count));
+    EXPECT_EQ(0U, count);
+  });
+  EXPECT_TRUE(outcome.ok()) << outcome.out << outcome.err;
 }
 
 TEST_F(GroupListMap, WhoseUserTableLeavesItHasNobody) {

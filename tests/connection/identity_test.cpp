@@ -337,9 +337,12 @@ TEST_F(Snapshot, IsTold) {
 TEST_F(Snapshot, Failures) {
   no_parameter_block();
   fail_call("realloc", ENOMEM);
+  fail_call("malloc", ENOMEM);  // what a compiler makes of the first realloc()
   EXPECT_EQ(-1, read_tavrix_config());
   EXPECT_EQ(nullptr, global_params);
   EXPECT_TRUE(logged("could not allocate global_params buffer\n"));
+  fail_call("realloc", 0, 1, 0);
+  fail_call("malloc", 0, 1, 0);
   fail_call("ftok", ENOENT);
   EXPECT_EQ(-1, read_tavrix_config());
   EXPECT_TRUE(logged("cannot create sema key for shm. errno = 2(No such file or directory)\n"));

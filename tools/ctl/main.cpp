@@ -23,6 +23,8 @@ int main(int argc, char** argv) {
   add_config_commands(app, options, action);
   add_map_commands(app, options, action);
   add_check_command(app, options, action);
+  add_groupmap_commands(app, options, action);
+  add_events_commands(app, options, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

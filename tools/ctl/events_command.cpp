@@ -1,0 +1,281 @@
+// tavrixctl events and audit: dump files as JSON lines, and the staging buffer.
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+
+#include "eventstore.h"
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/library_log.hpp"
+#include "tools/ctl/output.hpp"
+#include "tools/ctl/shared_settings.hpp"
+#include "tools/events/dump_reader.hpp"
+#include "utils/staging.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string iso_time(int64_t seconds, int microseconds) {
+  const auto when = static_cast<time_t>(seconds);
+  tm parts{};
+  gmtime_r(&when, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  return microseconds < 0 ? fmt::format("{}Z", text) : fmt::format("{}.{:06}Z", text, microseconds);
+}
+
+void print_line(const Json& json) {
+  fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+// Counts instead of lines.
+struct Stats {
+  std::map<std::string, uint64_t> by_type, by_user, by_minute;
+  uint64_t records = 0;
+
+  void add(const std::string& type, uint32_t uid, int64_t seconds) {
+    ++records;
+    ++by_type[type];
+    ++by_user[std::to_string(uid)];
+    ++by_minute[iso_time(seconds / 60 * 60, -1)];
+  }
+  void print_all() const {
+    Json json;
+    json["records"] = records;
+    if (!by_type.empty()) json["by_type"] = by_type;
+    json["by_user"] = by_user;
+    json["by_minute"] = by_minute;
+    print(json);
+  }
+};
+
+// One payload as a line, or into the counts; false when it is none.
+using Decode = bool (*)(std::string_view payload, Stats* stats);
+
+bool decode_event(std::string_view payload, Stats* stats) {
+  const auto event = events::unpack_event(payload);
+  if (!event) return false;
+  if (stats != nullptr) {
+    stats->add(events::optype_name(event->optype), event->uid, event->seconds);
+    return true;
+  }
+  Json json;
+  json["time"] = iso_time(event->seconds, event->microseconds);
+  json["time_sec"] = event->seconds;
+  json["time_usec"] = event->microseconds;
+  json["type"] = events::optype_name(event->optype);
+  json["object"] = event->fselem_type == 1 ? "DIR" : "FILE";
+  set_bytes(json, "path", event->path);
+  if (event->rename_path) set_bytes(json, "rename_path", *event->rename_path);
+  json["uid"] = event->uid;
+  if (event->user) set_bytes(json, "user", *event->user);
+  json["client_pid"] = event->client_pid;
+  print_line(json);
+  return true;
+}
+
+bool decode_audit(std::string_view payload, Stats* stats) {
+  const auto audit = events::unpack_audit(payload);
+  if (!audit) return false;
+  if (stats != nullptr) {
+    stats->add("AUDIT", audit->uid, audit->seconds);
+    return true;
+  }
+  Json json;
+  json["time"] = iso_time(audit->seconds, -1);
+  json["time_sec"] = audit->seconds;
+  set_bytes(json, "path", audit->path);
+  json["uid"] = audit->uid;
+  if (audit->address) set_bytes(json, "ip_address", *audit->address);
+  json["size"] = audit->size;
+  print_line(json);
+  return true;
+}
+
+int decode_file(const std::string& path, Decode decode, Stats* stats) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    complain("{}: {}", path, std::strerror(errno));
+    return kFailure;
+  }
+  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+  events::DumpReader reader(bytes);
+  uint64_t start = 0;
+  while (const auto payload = reader.next()) {
+    if (!decode(*payload, stats)) {
+      complain("{}: byte {}: the record is no message of this kind", path, start);
+      return kNo;
+    }
+    start = reader.offset();
+  }
+  if (reader.damage().empty()) return kYes;
+  complain("{}: {}", path, reader.damage());
+  return kNo;
+}
+
+volatile std::sig_atomic_t is_stopped = 0;
+
+// Dump files get their names when they are whole, so a name that is new is a file to read.
+int follow(const std::string& folder, Decode decode) {
+  std::signal(SIGINT, [](int) { is_stopped = 1; });
+  std::signal(SIGTERM, [](int) { is_stopped = 1; });
+  std::set<std::string> seen;
+  while (is_stopped == 0) {
+    std::set<std::string> fresh;
+    std::error_code none;
+    for (const auto& entry : fs::directory_iterator(folder, none)) {
+      const std::string name = entry.path().filename();
+      if (name.starts_with(TAVRIX_DUMP_FILE_PREFIX) && seen.count(name) == 0) fresh.insert(name);
+    }
+    for (const std::string& name : fresh) {
+      decode_file(folder + "/" + name, decode, nullptr);
+      seen.insert(name);
+    }
+    std::fflush(stdout);
+    usleep(200 * 1000);
+  }
+  return kYes;
+}
+
+struct DecodeArguments {
+  std::vector<std::string> files;
+  std::string folder;
+  bool stats = false;
+};
+
+int decode_all(const DecodeArguments& arguments, Decode decode) {
+  if (!arguments.folder.empty()) return follow(arguments.folder, decode);
+  if (arguments.files.empty()) {
+    complain("give dump files, or --follow DIR");
+    return kFailure;
+  }
+  Stats stats;
+  int worst = kYes;
+  for (const std::string& file : arguments.files) {
+    worst = std::max(worst, decode_file(file, decode, arguments.stats ? &stats : nullptr));
+  }
+  if (arguments.stats) stats.print_all();
+  return worst;
+}
+
+void add_decode(CLI::App& parent, DecodeArguments& arguments, Decode decode, Action& action) {
+  CLI::App* command =
+      parent.add_subcommand("decode", "Dump files as JSON, a line a record (1: one is torn)");
+  command->add_option("FILE", arguments.files, "dump files");
+  command->add_option("--follow", arguments.folder,
+                      "print what comes into a folder, until interrupted");
+  command->add_flag("--stats", arguments.stats, "print counts instead");
+  command->callback([&action, &arguments, decode] {
+    action = [&arguments, decode] { return decode_all(arguments, decode); };
+  });
+}
+
+// --- the staging buffer --------------------------------------------------------------------------
+
+int show_buffer(const Options& options) {
+  const int set = semget(ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_SEMAPHORE_KEY_ID), 0, 0);
+  const StagingAttachment buffer(get_eventstore_staging_buffer());
+  Json json;
+  json["exists"] = static_cast<bool>(buffer);
+  json["semaphore"] = set != -1;
+  if (set != -1) {
+    json["semaphore_free"] = semctl(set, 0, GETVAL) == 1;
+    json["last_process"] = semctl(set, 0, GETPID);
+    json["waiting"] = semctl(set, 0, GETNCNT);
+  }
+  if (buffer) {
+    json["bytes"] = global_params[PARAM_STAGING_BUFFER_SIZE].value.intval;
+    json["used"] = buffer->next_offset;
+    json["records"] = buffer->num_records;
+    json["threshold"] = staging_fill_threshold();
+  }
+  if (options.json) {
+    print(json);
+  } else if (!buffer) {
+    fmt::print("there is no staging buffer of the size in the settings\n");
+  } else {
+    fmt::print("{} records, {} of {} used; writers flush at {}\n", json["records"].get<uint32_t>(),
+               human_bytes(json["used"].get<uint32_t>()),
+               human_bytes(json["bytes"].get<uint32_t>()),
+               human_bytes(json["threshold"].get<uint32_t>()));
+  }
+  if (!options.json) {
+    if (set == -1) {
+      fmt::print("there is no semaphore\n");
+    } else {
+      fmt::print("the semaphore is {}, last used by process {}, {} waiting\n",
+                 json["semaphore_free"].get<bool>() ? "free" : "held",
+                 json["last_process"].get<int>(), json["waiting"].get<int>());
+    }
+  }
+  return buffer && set != -1 ? kYes : kNo;
+}
+
+int create_buffer() {
+  if (create_eventstore_staging_semaphore() != 1) {
+    complain("cannot make the semaphore: {}", std::strerror(errno));
+    return kFailure;
+  }
+  if (create_staging_buffer() == 0) return kYes;
+  complain("cannot make the segment: {}", std::strerror(errno));
+  return kFailure;
+}
+
+// As a client that leaves: what cannot be flushed stays, and nothing is aborted that need not be.
+int flush_buffer() {
+  if (flush_staging_buffer(FB_CTX_DISCON) == 1) return kYes;
+  complain("the records could not be flushed and stay in the buffer");
+  return kFailure;
+}
+
+int remove_buffer() {
+  const bool semaphore = destroy_eventstore_staging_buffer_semaphore() == 1;
+  const bool segment = remove_staging_buffers() == 0;
+  if (!segment) complain("no segment of 20800 bytes or more was found");
+  if (!semaphore) complain("there is no semaphore");
+  return semaphore && segment ? kYes : kFailure;
+}
+
+}  // namespace
+
+void add_events_commands(CLI::App& app, Options& options, Action& action) {
+  static DecodeArguments event_arguments, audit_arguments;
+  CLI::App* events = app.add_subcommand("events", "Events: dump files and the staging buffer");
+  events->require_subcommand(1);
+  add_decode(*events, event_arguments, decode_event, action);
+
+  CLI::App* audit = app.add_subcommand("audit", "Audit records");
+  audit->require_subcommand(1);
+  add_decode(*audit, audit_arguments, decode_audit, action);
+
+  CLI::App* buffer = events->add_subcommand("buffer", "The staging buffer");
+  buffer->require_subcommand(1);
+  const auto add = [&](const char* name, const char* help, std::function<int()> work) {
+    buffer->add_subcommand(name, help)->callback([&action, &options, work] {
+      action = [&options, work] {
+        if (!use_shared_settings()) return kFailure;
+        if (!options.verbose) set_debug_level(-1);
+        return work();
+      };
+    });
+  };
+  add("show", "Fill level, records, semaphore (1: something is missing)",
+      [&options] { return show_buffer(options); });
+  add("create", "Make the semaphore and the segment, as the sweeper does", create_buffer);
+  add("flush", "Write the records to a dump file", flush_buffer);
+  add("remove", "Remove the semaphore and the segment, with what is in it", remove_buffer);
+}
+
+}  // namespace tavrix::ctl

@@ -1,0 +1,143 @@
+// tavrixctl groupmap: the file that tells server processes which groups a user is in.
+
+#include <fmt/ranges.h>
+#include <strings.h>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <optional>
+
+#include "tavrix_getgrouplist.h"
+#include "tools/ctl/commands.hpp"
+#include "tools/ctl/output.hpp"
+#include "tools/groupmap/group_map.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+using groupmap::GroupMap;
+
+std::optional<std::string> content_of(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (in) return std::string{std::istreambuf_iterator<char>(in), {}};
+  complain("{}: {}", path, std::strerror(errno));
+  return std::nullopt;
+}
+
+// {"reserved": {"tavrix-admins": 9001}, "users": {"anna": [100, 9002]}}
+GroupMap from_json(const std::string& text) {
+  const Json json = Json::parse(text);
+  GroupMap map;
+  for (const auto& [name, gid] : json.value("reserved", Json::object()).items()) {
+    map.reserved.push_back({name, gid.get<uint32_t>()});
+  }
+  for (const auto& [name, gids] : json.value("users", Json::object()).items()) {
+    map.users.push_back({name, gids.get<std::vector<uint32_t>>()});
+  }
+  return map;
+}
+
+int build(const std::string& source, bool from_system, const std::string& target) {
+  if (from_system == !source.empty()) {
+    complain("give a JSON file or --from-system");
+    return kFailure;
+  }
+  GroupMap map;
+  if (from_system) {
+    map = groupmap::from_system();
+  } else {
+    const auto text = content_of(source);
+    if (!text) return kFailure;
+    try {
+      map = from_json(*text);
+    } catch (const Json::exception& error) {
+      complain("{}: {}", source, error.what());
+      return kFailure;
+    }
+  }
+  groupmap::write_file(target, groupmap::encode(map));
+  fmt::print("{}: {} users, {} reserved groups\n", target, map.users.size(), map.reserved.size());
+  return kYes;
+}
+
+int show(const Options& options, const std::string& path, const std::string& user) {
+  const auto bytes = content_of(path);
+  if (!bytes) return kFailure;
+  const auto map = groupmap::decode(*bytes);
+  if (!map) {
+    complain("{}: the file is broken; \"tavrixctl groupmap verify\" tells how", path);
+    return kFailure;
+  }
+  Json json;
+  json["reserved"] = Json::object();
+  json["users"] = Json::array();
+  bool found = user.empty();
+  for (const auto& group : map->reserved) json["reserved"][group.name] = group.gid;
+  for (const auto& entry : map->users) {
+    if (!user.empty() && strcasecmp(user.c_str(), entry.name.c_str()) != 0) continue;
+    if (!user.empty() && found) continue;  // the first one counts
+    found = true;
+    if (!options.json) {
+      fmt::print("{}: {}\n", shown(entry.name), fmt::join(entry.gids, " "));
+      continue;
+    }
+    Json item;
+    set_bytes(item, "name", entry.name);
+    item["gids"] = entry.gids;
+    json["users"].push_back(std::move(item));
+  }
+  if (options.json) {
+    print(json);
+  } else if (user.empty()) {
+    for (const auto& group : map->reserved)
+      fmt::print("reserved {}: {}\n", shown(group.name), group.gid);
+  }
+  if (!found) complain("{}: not in the map", user);
+  return found ? kYes : kNo;
+}
+
+int verify(const Options& options, const std::string& path) {
+  const auto bytes = content_of(path);
+  if (!bytes) return kFailure;
+  const auto findings = groupmap::verify(*bytes);
+  if (options.json) {
+    print(json_of(findings));
+  } else {
+    print_findings(findings);
+    fmt::print("{}: {} errors, {} warnings\n", path, findings.errors(), findings.warnings());
+  }
+  return findings.errors() == 0 ? kYes : kNo;
+}
+
+}  // namespace
+
+void add_groupmap_commands(CLI::App& app, Options& options, Action& action) {
+  CLI::App* groupmap =
+      app.add_subcommand("groupmap", "The groups of users, as server processes see them");
+  groupmap->require_subcommand(1);
+  static std::string source, target, user, path = TAVRIX_GROUPMAP_PATH;
+  static bool from_system = false;
+
+  CLI::App* build_command = groupmap->add_subcommand("build", "Write a group list map file");
+  build_command->add_option("FILE", source,
+                            "JSON: {\"reserved\": {NAME: GID}, \"users\": {NAME: [GID, ...]}}");
+  build_command->add_flag("--from-system", from_system,
+                          "from the users and groups of this machine");
+  build_command->add_option("-o,--output", target, "the file to replace")->required();
+  build_command->callback(
+      [&action] { action = [] { return build(source, from_system, target); }; });
+
+  CLI::App* show_command =
+      groupmap->add_subcommand("show", "Users and their groups (1: no such user)");
+  show_command->add_option("USER", user, "only this user");
+  show_command->add_option("--file", path, "the map")->capture_default_str();
+  show_command->callback([&] { action = [&options] { return show(options, path, user); }; });
+
+  CLI::App* verify_command =
+      groupmap->add_subcommand("verify", "Check every offset and sum (1: it is broken)");
+  verify_command->add_option("FILE", path, "the map")->capture_default_str();
+  verify_command->callback([&] { action = [&options] { return verify(options, path); }; });
+}
+
+}  // namespace tavrix::ctl
