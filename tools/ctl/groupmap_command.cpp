@@ -6,7 +6,9 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <optional>
+#include <stdexcept>
 
 #include "tavrix_getgrouplist.h"
 #include "tools/ctl/commands.hpp"
@@ -25,15 +27,26 @@ std::optional<std::string> content_of(const std::string& path) {
   return std::nullopt;
 }
 
+uint32_t gid_of(const Json& json) {
+  constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max() - 1;
+  if (!json.is_number_unsigned() || json.get<uint64_t>() > kMost) {
+    throw std::invalid_argument(json.dump() + " is no group id");
+  }
+  return json.get<uint32_t>();
+}
+
 // {"reserved": {"tavrix-admins": 9001}, "users": {"anna": [100, 9002]}}
 GroupMap from_json(const std::string& text) {
   const Json json = Json::parse(text);
+  const Json reserved = json.value("reserved", Json::object());
+  const Json users = json.value("users", Json::object());
   GroupMap map;
-  for (const auto& [name, gid] : json.value("reserved", Json::object()).items()) {
-    map.reserved.push_back({name, gid.get<uint32_t>()});
-  }
-  for (const auto& [name, gids] : json.value("users", Json::object()).items()) {
-    map.users.push_back({name, gids.get<std::vector<uint32_t>>()});
+  for (const auto& [name, gid] : reserved.items()) map.reserved.push_back({name, gid_of(gid)});
+  for (const auto& [name, gids] : users.items()) {
+    groupmap::User user{name, {}};
+    if (!gids.is_array()) throw std::invalid_argument("the groups of " + name + " are no list");
+    for (const Json& gid : gids) user.gids.push_back(gid_of(gid));
+    map.users.push_back(std::move(user));
   }
   return map;
 }
@@ -51,7 +64,7 @@ int build(const std::string& source, bool from_system, const std::string& target
     if (!text) return kFailure;
     try {
       map = from_json(*text);
-    } catch (const Json::exception& error) {
+    } catch (const std::exception& error) {
       complain("{}: {}", source, error.what());
       return kFailure;
     }
