@@ -270,6 +270,19 @@ TEST_F(Check, AsksForUsersOfTheMachine) {
   EXPECT_EQ(2, ask({"--user", "no such user", "stat", "Shared"}).exit_code);
 }
 
+TEST_F(Check, TakesGroupsFromTheGroupMap) {
+  write_file(
+      "/scratch/groups.json",
+      R"({"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"daemon": [9002, 2001]}})");
+  ctl({"groupmap", "build", "/scratch/groups.json", "-o", "/etc/tavrix/groupmap_refresh"});
+  EXPECT_EQ(0, ctl({"check", "--user", "daemon", "open-read", "Shared/Team/plan.txt"}).exit_code);
+  EXPECT_EQ(1, ctl({"check", "--user", "daemon", "open-write", "Shared/Team/plan.txt"}).exit_code);
+  EXPECT_EQ(1, ctl({"check", "--user", "bin", "open-read", "Shared/Team/plan.txt"}).exit_code);
+  EXPECT_EQ(1,
+            ctl({"check", "--user", "daemon", "--groups", "5", "open-read", "Shared/Team/plan.txt"})
+                .exit_code);
+}
+
 TEST_F(Check, TakesAnotherRoot) {
   make_dirs("/scratch/share/Shared/Team/Secret");
   EXPECT_EQ(1, ask({"--uid", "1001", "--groups", "9002", "--root", "/scratch/share", "opendir",

@@ -5,13 +5,17 @@
 #include <strings.h>
 #include <algorithm>
 #include <cctype>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <vector>
 
 #include "perm_enforcer.h"
+#include "tavrix_getgrouplist.h"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/groupmap/group_map.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -63,8 +67,44 @@ std::optional<e_fsop_type> operation_named(std::string name) {
   return std::nullopt;
 }
 
+// The group list map, as server processes read it; nothing when there is none, or a broken one.
+std::optional<groupmap::GroupMap> current_group_map() {
+  std::ifstream in(TAVRIX_GROUPMAP_PATH, std::ios::binary);
+  if (!in) return std::nullopt;
+  return groupmap::decode(std::string{std::istreambuf_iterator<char>(in), {}});
+}
+
+std::vector<uint32_t> groups_in(const groupmap::GroupMap& map, const std::string& user) {
+  for (const groupmap::User& entry : map.users) {
+    if (strcasecmp(entry.name.c_str(), user.c_str()) == 0) return entry.gids;
+  }
+  return {};
+}
+
+// As a connection does at its start.
+void take_reserved_groups(const groupmap::GroupMap& map, Question& question) {
+  for (const groupmap::ReservedGroup& group : map.reserved) {
+    if (question.admins < 0 && strcasecmp(group.name.c_str(), "tavrix-admins") == 0) {
+      question.admins = group.gid;
+    }
+    if (question.power_users < 0 && strcasecmp(group.name.c_str(), "tavrix-powerusers") == 0) {
+      question.power_users = group.gid;
+    }
+  }
+}
+
+std::vector<uint32_t> groups_of_machine(const std::string& user, gid_t gid) {
+  int count = 65536;
+  std::vector<gid_t> groups(static_cast<std::size_t>(count));
+  getgrouplist(user.c_str(), gid, groups.data(), &count);
+  groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+  return {groups.begin(), groups.end()};
+}
+
 // Fills in what the user database knows; a complaint and false when it does not know the name.
 bool identify(Question& question) {
+  const auto map = current_group_map();
+  if (map) take_reserved_groups(*map, question);
   if (!question.user.empty()) {
     const passwd* entry = getpwnam(question.user.c_str());
     if (entry == nullptr) {
@@ -74,11 +114,8 @@ bool identify(Question& question) {
     question.uid = entry->pw_uid;
     if (question.gid < 0) question.gid = entry->pw_gid;
     if (!question.groups_given) {
-      int count = 65536;
-      std::vector<gid_t> groups(static_cast<std::size_t>(count));
-      getgrouplist(question.user.c_str(), entry->pw_gid, groups.data(), &count);
-      groups.resize(static_cast<std::size_t>(std::max(count, 0)));
-      question.groups.assign(groups.begin(), groups.end());
+      question.groups =
+          map ? groups_in(*map, question.user) : groups_of_machine(question.user, entry->pw_gid);
     }
   }
   if (question.gid < 0) question.gid = question.uid;
@@ -184,7 +221,9 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
                   ->check(CLI::Range(0L, 4294967294L));
   user->excludes(uid);
   check_command->add_option("--gid", question.gid, "its group")->check(CLI::Range(0L, 4294967294L));
-  auto* groups = check_command->add_option("--groups", question.groups, "its supplementary groups")
+  auto* groups = check_command
+                     ->add_option("--groups", question.groups,
+                                  "its supplementary groups; else those of the group list map")
                      ->delimiter(',')
                      ->allow_extra_args(false);
   check_command->add_option("--admins-gid", question.admins,
