@@ -68,13 +68,31 @@ tavrixctl check --trace --uid 1006 --gid 9003 --groups 9002,9011 --admins-gid 90
   --powerusers-gid 9002 open-write Shared/Design/plan.txt 2>&1 |
   grep -E 'perm mask|DENIED|Deny|refused' || true
 
-title "6. A new map takes the place of the old one while servers go on asking"
+title "6. Two connections: identity from the group list map, verdicts cached, changes recorded"
+cat >/scratch/groups.json <<'JSON'
+{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002},
+ "users": {"anna": [9002, 9010], "ben": [9002, 9011]}}
+JSON
+run tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh
+mkdir -p /tavrix/.conf/staging
+run tavrix-sweeper --once
+# The two are users of this machine here; what counts is the name that the client gave.
+example-connection anna 1 Shared/Design/plan.txt 2>/dev/null
+example-connection anna 1 Shared/Design/Drafts/idea.txt 2>/dev/null
+example-connection ben 2 Shared/Design/plan.txt 2>/dev/null
+run tavrixctl events buffer show
+run tavrix-sweeper --once
+echo '$ tavrixctl events decode /tavrix/.conf/staging/pending_*'
+tavrixctl events decode /tavrix/.conf/staging/pending_*
+
+title "7. A new map takes the place of the old one while servers go on asking"
 tavrix-sample-tree --folders 100000 /scratch/size.json /scratch/data.json
 run tavrixctl map import /scratch/size.json /scratch/data.json
 run tavrixctl map info
 run cat /var/log/tavrix_perms.log
 
-title "7. Nothing stays behind"
+title "8. Nothing stays behind"
 run tavrixctl map remove
+run tavrixctl events buffer remove
 run tavrixctl config remove
 echo "segments left: $(ipcs -m | grep -c '^0x' || true), semaphores left: $(ipcs -s | grep -c '^0x' || true)"
