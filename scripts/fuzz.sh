@@ -10,7 +10,8 @@ install_packages "${tavrix_packages[@]}"
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(normalize_path data_file size_file map_verify map_lint)
+[ ${#targets[@]} -gt 0 ] || targets=(normalize_path data_file size_file map_verify map_lint group_map
+  dump_file pattern_file event_record)
 
 # Assertions leave an input early, and what it owned behind.
 export ASAN_OPTIONS=detect_leaks=0

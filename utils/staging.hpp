@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 
 #include "eventstore.h"
@@ -67,6 +68,9 @@ class [[nodiscard]] StagingAttachment {
  private:
   staging_buffer_s* buffer_;
 };
+
+// Empties an attached buffer of that size; the caller holds the semaphore.
+void empty_staging_buffer(staging_buffer_s& buffer, std::size_t size) noexcept;
 
 // Events are lost: tells the synchronisation agent, and ends the process.
 [[noreturn]] void give_up_events() noexcept;

@@ -58,14 +58,6 @@ void store_head(staging_buffer_s& buffer, uint32_t num_records, uint32_t next_of
   __atomic_store_n(reinterpret_cast<uint64_t*>(&buffer), head, __ATOMIC_RELEASE);
 }
 
-void empty(staging_buffer_s& buffer, std::size_t size) {
-  store_head(buffer, 0, kEmptyStagingBuffer);
-  constexpr std::size_t kHead = offsetof(staging_buffer_s, last_flush_time);
-  if (size > kHead) {
-    std::memset(reinterpret_cast<std::byte*>(&buffer) + kHead, 0, size - kHead);
-  }
-}
-
 enum class Append { kDone, kNoBuffer, kFull };
 
 // One attempt, with the semaphore held for as long as the buffer is looked at.
@@ -96,6 +88,14 @@ Append try_append(const staging_data_s& record, uint32_t length, int threshold) 
 }
 
 }  // namespace
+
+void empty_staging_buffer(staging_buffer_s& buffer, std::size_t size) noexcept {
+  store_head(buffer, 0, kEmptyStagingBuffer);
+  constexpr std::size_t kHead = offsetof(staging_buffer_s, last_flush_time);
+  if (size > kHead) {
+    std::memset(reinterpret_cast<std::byte*>(&buffer) + kHead, 0, size - kHead);
+  }
+}
 
 void give_up_events() noexcept {
   const RootScope root;  // the agent's folder is closed to clients
@@ -137,7 +137,7 @@ int initialize_staging_buffer(void) {
     return -1;
   }
   // A segment is a page at least, so the header fits whatever the size is.
-  tavrix::empty(*static_cast<staging_buffer_s*>(segment.get()), size);
+  tavrix::empty_staging_buffer(*static_cast<staging_buffer_s*>(segment.get()), size);
   return 0;
 }
 

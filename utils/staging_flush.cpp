@@ -155,7 +155,8 @@ class FlushAttempt {
                   errno, strerror(errno));
     }
     temp_.close();
-    initialize_staging_buffer();
+    // Through this attachment, whose pages are there, not through another one.
+    empty_staging_buffer(buffer, static_cast<std::size_t>(size));
     hold_.release();
     if (!temp_.rename_to(dump_name_.get())) {
       return fail(FB_ERR_RENAME_FAILED, "cannot rename %s to %s. errno = %d(%s)\n", temp_.name(),

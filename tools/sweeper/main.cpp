@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "eventstore.h"
@@ -27,7 +28,7 @@ void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void say(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  std::fputs(SD_INFO, stderr);
+  if (std::getenv("JOURNAL_STREAM") != nullptr) std::fputs(SD_INFO, stderr);
   std::vfprintf(stderr, format, arguments);
   std::fputc('\n', stderr);
   va_end(arguments);
