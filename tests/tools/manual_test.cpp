@@ -1,0 +1,57 @@
+// The manual pages know every command and flag that the programs know.
+
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "tests/tools/operator.hpp"
+
+namespace tavrix::test {
+namespace {
+
+class Manual : public Operator {
+ protected:
+  static std::string page(const std::string& name) {
+    return read_file(TAVRIX_SOURCE_DIR "/docs/man/" + name + ".8");
+  }
+  // The names under "Subcommands:" of a help text.
+  static std::set<std::string> subcommands(std::vector<std::string> words) {
+    words.emplace_back("--help");
+    std::istringstream in(ctl(words).out);
+    std::set<std::string> names;
+    bool is_list = false;
+    for (std::string line; std::getline(in, line);) {
+      if (line == "Subcommands:") {
+        is_list = true;
+      } else if (is_list) {
+        std::smatch part;
+        if (std::regex_search(line, part, std::regex("^  ([a-z]+)"))) names.insert(part[1]);
+      }
+    }
+    return names;
+  }
+};
+
+TEST_F(Manual, KnowsEveryCommand) {
+  const std::string text = page("tavrixctl");
+  for (const std::string& command : subcommands({})) {
+    const auto below = subcommands({command});
+    EXPECT_TRUE(!below.empty() || contains(text, ".It Ic " + command + " ")) << command;
+    for (const std::string& name : below) {
+      EXPECT_TRUE(contains(text, ".It Ic " + command + " " + name)) << command << " " << name;
+    }
+  }
+  EXPECT_GT(subcommands({"map"}).size(), 7U);
+}
+
+TEST_F(Manual, KnowsTheSweepersFlags) {
+  const std::string help = run_program({TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "--help"}).out;
+  for (const char* flag : {"once", "foreground"}) {
+    EXPECT_TRUE(contains(help, std::string("--") + flag));
+    EXPECT_TRUE(contains(page("tavrix-sweeper"), std::string(".It Fl -") + flag));
+  }
+}
+
+}  // namespace
+}  // namespace tavrix::test
