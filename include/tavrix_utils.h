@@ -27,6 +27,9 @@ TAVRIX_API int tavrix_strncasecmp(const char* a, const char* b, int n);
 TAVRIX_API int tavrix_strcasecmp(const char* a, const char* b);
 /* The same comparison from the first byte, traced above debug level 3. */
 TAVRIX_API int __tavrix_strcasecmp(const char* a, const char* b);
+/* As above over at most n bytes; but -1 when a ends within them, even where b ends at the same
+ * place: callers ask whether b begins with the whole of n bytes of a. */
+TAVRIX_API int __tavrix_strncasecmp(const char* a, const char* b, size_t n);
 
 /* Samba's Unicode comparison; 0 is equal. A missing Samba library ends the process with status 1,
  * for no comparison may silently become one of bytes. */

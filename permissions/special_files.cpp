@@ -5,7 +5,6 @@
 #include "logging.h"
 #include "perm_enforcer.h"
 #include "tavrix_utils.h"
-#include "utils/name_compare.hpp"
 
 namespace tavrix {
 namespace {

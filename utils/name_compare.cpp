@@ -2,9 +2,6 @@
 //
 // A place where both names have a byte above 0x7f cannot be judged by bytes: it is reported as
 // such, and the caller goes on to Samba's comparison.
-
-#include "utils/name_compare.hpp"
-
 #include <cctype>
 
 #include "logging.h"

@@ -11,7 +11,6 @@
 #include "tests/support/isolated.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/process.hpp"
-#include "utils/name_compare.hpp"
 
 namespace tavrix::test {
 namespace {
