@@ -8,9 +8,12 @@ set(TAVRIX_SOURCES
   audit_buffer.cpp
   audit_events.pb-c.c
   config_snapshot.cpp
+  connection_hooks.cpp
   connection_identity.cpp
   deletable_patterns.cpp
+  directory_hooks.cpp
   event_records.cpp
+  file_hooks.cpp
   folder_markers.cpp
   operation_mapping.cpp
   permission_check.cpp
@@ -34,7 +37,9 @@ set(TAVRIX_SOURCES
   permissions/size_pass.cpp
   permissions/special_files.cpp
   regex_parser/regex_parser.cpp
+  rename_hook.cpp
   samba.pb-c.c
+  stat_hooks.cpp
   sweeper/sweeper_log.cpp
   utils/dump_file.cpp
   utils/event_markers.cpp

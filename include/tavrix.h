@@ -8,6 +8,7 @@
 #include "perm_enforcer.h"
 #include "perm_map.h"
 #include "perm_utils.h"
+#include "processing_functions.h"
 #include "read_perms.h"
 #include "regex_parser.h"
 #include "sweeper_log.h"
