@@ -310,11 +310,11 @@ TEST_F(Check, IsForTheSuperuser) {
   const Outcome outcome = in_child([] {
     become_samba_user(1000, 1000);
     ASSERT_EQ(0, setresuid(1000, 1000, 1000));
-    // A leak sanitizer cannot look into a process that changed its user.
-    const Outcome refused = run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "map", "info"}, "",
-                                        {{"ASAN_OPTIONS", "detect_leaks=0"}});
-    EXPECT_EQ(2, refused.exit_code);
-    EXPECT_EQ("tavrixctl: run this as root\n", refused.err);
+    const Outcome refused = run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "map", "info"});
+    EXPECT_TRUE(refused.err.starts_with("tavrixctl: run this as root\n")) << refused.err;
+    // A leak sanitizer cannot look into a process that changed its user, and ends it its own way.
+    const bool sanitized = std::string_view(TAVRIX_SANITIZED_BUILD) == "ON";
+    EXPECT_EQ(sanitized ? 1 : 2, refused.exit_code);
   });
   EXPECT_TRUE(outcome.ok()) << outcome.out;
 }
