@@ -312,9 +312,9 @@ TEST_F(Check, IsForTheSuperuser) {
     ASSERT_EQ(0, setresuid(1000, 1000, 1000));
     const Outcome refused = run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "map", "info"});
     EXPECT_TRUE(refused.err.starts_with("tavrixctl: run this as root\n")) << refused.err;
-    // A leak sanitizer cannot look into a process that changed its user, and ends it its own way.
+    // A leak sanitizer may not look into a process that changed its user, and ends it its own way.
     const bool sanitized = std::string_view(TAVRIX_SANITIZED_BUILD) == "ON";
-    EXPECT_EQ(sanitized ? 1 : 2, refused.exit_code);
+    EXPECT_TRUE(refused.exit_code == 2 || (sanitized && refused.exit_code == 1));
   });
   EXPECT_TRUE(outcome.ok()) << outcome.out;
 }
