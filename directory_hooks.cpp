@@ -45,6 +45,15 @@ bool is_fixed_for(const connection_private_data_s& connection, const char* fname
   return answer != NOT_FIXED_FOLDER;  // no answer is taken for a yes
 }
 
+// Writes "base/name" into the caller's buffer; false when it does not fit.
+bool join_entry(const char* base, const char* name, char* buffer, int buffer_size) {
+  if (buffer_size <= 0) return false;
+  const auto size = static_cast<std::size_t>(buffer_size);
+  std::memset(buffer, 0, size);
+  const int length = std::snprintf(buffer, size, "%s/%s", base, name);
+  return length >= 0 && static_cast<std::size_t>(length) < size;
+}
+
 void record_folder(const connection_private_data_s& connection, const char* full_path) {
   record_change(connection, full_path, VFSEVENT__OP_TYPE__OPTYPE_MKDIR,
                 VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_DIR, Stamp::kYes);
@@ -124,13 +133,12 @@ int fdopendir_preprocess(const char* connectpath, const char* fname, int delete_
 void readir_postprocess(int* allowed, const char* nlpath, const char* base, char* full_path,
                         int full_path_size, const char* connectpath,
                         connection_private_data_s* private_data) {
-  const auto size = static_cast<std::size_t>(full_path_size > 0 ? full_path_size : 0);
-  if (size > 0) {
-    std::memset(full_path, 0, size);
-    std::snprintf(full_path, size, "%s/%s", base, nlpath);
+  if (!tavrix::join_entry(base, nlpath, full_path, full_path_size)) {
+    *allowed = TXPERMS_INVALID_ARGS;  // a verdict on a name that was cut would be another object's
+    return;
   }
-  TAVRIX_LOG(1, "Calling check_perms for full_path=[%s] \n", size > 0 ? full_path : "");
-  *allowed = check_perms(connectpath, size > 0 ? full_path : "", FSOP_STAT, private_data, 0);
+  TAVRIX_LOG(1, "Calling check_perms for full_path=[%s] \n", full_path);
+  *allowed = check_perms(connectpath, full_path, FSOP_STAT, private_data, 0);
 }
 
 int mkdir_preprocess(const char* connectpath, const char* /*path*/, const char* full_path,

@@ -48,6 +48,7 @@ bool look_at(const char* full_path, struct stat& st, int& is_new, tx_perm_ctx_t*
     TAVRIX_LOG(0, "%s:  Unable to become root to stat, full_path=%s\n", function, full_path);
     return false;
   }
+  st = {};  // what a failed stat leaves says nothing
   if (stat(full_path, &st) == 0) return true;
   if (errno == ENOENT) {
     TAVRIX_LOG(3, "%s stat of full_path=%s failed with ENOENT.\n", function, full_path);
@@ -133,9 +134,7 @@ int open_preprocess(const char* connectpath, const char* base_name, e_open_mode*
     TAVRIX_LOG(1, "Object %s does *NOT* have permissions", *full_path);
     return tavrix::refuse();
   }
-  // What a missing file left in the structure says nothing.
-  const bool is_regular = *newly_created_file == 0 && S_ISREG(st->st_mode);
-  if (*open_mode == OPENMODE_READ && audit_enabled != 0 && is_regular) {
+  if (*open_mode == OPENMODE_READ && audit_enabled != 0 && S_ISREG(st->st_mode)) {
     tavrix::record_read(*private_data, *full_path, remote_hostname,
                         static_cast<uint64_t>(st->st_size));
   }

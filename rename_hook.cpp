@@ -40,7 +40,6 @@ std::optional<RenameOperations> folder_operations(const char* source, const char
   if (is_fixed_for(connection, source, function)) return std::nullopt;
   TAVRIX_LOG(10, "Checking whether a move\n");
   const int moves = is_amove(source, destination);
-  TAVRIX_LOG(10, "mvret is %d\n", moves);
   if (moves == -1) {
     TAVRIX_LOG(0, "Could not tell whether move or rename %s -> %s , denying...\n", source,
                destination);
@@ -48,10 +47,11 @@ std::optional<RenameOperations> folder_operations(const char* source, const char
   }
   if (moves == 1) {
     TAVRIX_LOG(10, "This is a move folder src %s dst %s\n", source, destination);
-    return kMove;
+  } else {
+    TAVRIX_LOG(10, "This is not a move folder src %s dst %s\n", source, destination);
   }
-  TAVRIX_LOG(10, "This is not a move folder src %s dst %s\n", source, destination);
-  return kInPlace;
+  TAVRIX_LOG(10, "mvret is %d\n", moves);
+  return moves == 1 ? kMove : kInPlace;
 }
 
 }  // namespace

@@ -20,8 +20,8 @@ void become_root() {
   uid_t saved_uid = 0;
   gid_t real_gid = 0;
   gid_t saved_gid = 0;
-  getresuid(&real_uid, &save_uid, &saved_uid);
-  getresgid(&real_gid, &save_gid, &saved_gid);
+  if (getresuid(&real_uid, &save_uid, &saved_uid) != 0) save_uid = geteuid();
+  if (getresgid(&real_gid, &save_gid, &saved_gid) != 0) save_gid = getegid();
   gid_needs_no_privilege = save_gid == real_gid || save_gid == saved_gid;
   // The user first: only the superuser may take any group.
   if (save_uid != 0) static_cast<void>(seteuid(0));
