@@ -6,12 +6,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "processing_functions.h"
 #include "tavrix_vfs_utils.h"
+#include "vfs_common.h"
 #include "tests/support/event_store.hpp"
 #include "tests/support/fail_call.hpp"
 #include "tests/support/files.hpp"
@@ -112,6 +114,25 @@ class Session {
   tx_perm_ctx_t* ctx_ = nullptr;
   long left_ = 0;
 };
+
+// The least debug level that shows "function(number)tail": some messages name their source line.
+inline int level_of_line_in(const std::string& function, const std::string& tail,
+                            const std::function<void()>& action) {
+  for (int level = -1; level <= 12; ++level) {
+    set_debug_level(level);
+    clear_log();
+    action();
+    set_debug_level(-1);
+    for (const std::string& text : messages()) {
+      const auto close = text.find(')');
+      if (text.starts_with(function + "(") && close != std::string::npos &&
+          std::atoi(text.c_str() + function.size() + 1) > 0 && text.substr(close + 1) == tail) {
+        return level;
+      }
+    }
+  }
+  return kNever;
+}
 
 class Hooks : public Share {
  protected:
