@@ -1,0 +1,579 @@
+// Listing, making, removing and entering folders.
+
+#include "tests/hooks/session.hpp"
+
+namespace tavrix::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// --- opendir ------------------------------------------------------------------------------------
+
+struct Listing {
+  Answer run(Session& session) {
+    return session.call([&] {
+      return opendir_preprocess(fname.c_str(), cwd.c_str(), "/tavrix", &nlpath, session.slot(),
+                                session.get(), &is_nav);
+    });
+  }
+  ~Listing() { std::free(nlpath); }
+  std::string cwd;
+  std::string fname = ".";
+  char* nlpath = nullptr;
+  int is_nav = -1;
+};
+
+class OpenDir : public Hooks {
+ protected:
+  static std::string name_of(const std::string& cwd, const std::string& fname) {
+    Session session(kAdministrator);
+    Listing listing{cwd, fname};
+    session->reserved_user = 1;
+    EXPECT_EQ(kLetGo, listing.run(session));
+    return listing.nlpath;
+  }
+};
+
+TEST_F(OpenDir, NamesTheFolderRelativeToTheShare) {
+  as(kAnna, [] {
+    EXPECT_EQ("Shared/Team", name_of("/tavrix/Shared/Team", "."));
+    EXPECT_EQ(".", name_of("/tavrix", "."));
+    EXPECT_EQ("Shared", name_of("/tavrix", "Shared"));
+    EXPECT_EQ("Team", name_of("/tavrix/Shared", "Team"));
+    // A working folder no longer than the share's root has nothing behind it.
+    EXPECT_EQ("", name_of("/tav", "."));
+    EXPECT_EQ("", name_of("/tavrix/", "."));
+  });
+}
+
+TEST_F(OpenDir, DecidesAboutTheWorkingFolder) {
+  as(kAnna, [] {
+    const auto asks = [](const std::string& cwd, const std::string& fname) {
+      Session session(kAnna);
+      const auto asked = asked_by([&] {
+        Listing listing{cwd, fname};
+        listing.run(session);
+      });
+      return asked.empty() ? "" : asked[0].path;
+    };
+    EXPECT_EQ("/tavrix/Shared/Team", asks("/tavrix/Shared/Team", "."));
+    EXPECT_EQ("/tavrix/Shared/Team", asks("Shared/Team", "."));
+    EXPECT_EQ("/tavrix/Shared/Team", asks("Shared/Team", "Docs"));
+    EXPECT_EQ("/tavrix//tavrix/Shared", asks("/tavrix/Shared", "Team"));
+    EXPECT_EQ("/tavrixed", asks("/tavrixed", ".")) << "seven characters make it absolute";
+  });
+}
+
+TEST_F(OpenDir, TellsAFolderThatMayOnlyBeSeen) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    for (const auto& [name, is_nav] : {std::pair{"Shared/Team", 0}, {"Shared/Team/Gallery", 1},
+                                      {"Shared/Lobby", 1}}) {
+      Listing listing{full(name)};
+      EXPECT_EQ(kLetGo, listing.run(session));
+      EXPECT_EQ(is_nav, listing.is_nav) << name;
+    }
+    session->reserved_user = 1;
+    Listing listing{full("Shared/Lobby")};
+    EXPECT_EQ(kLetGo, listing.run(session));
+    EXPECT_EQ(0, listing.is_nav);
+  });
+}
+
+TEST_F(OpenDir, HandsNothingBackWhenRefused) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    Listing listing{full("Shared/Closed")};
+    char somewhere = 0;
+    listing.nlpath = &somewhere;
+    EXPECT_EQ(kRefusedAccess, listing.run(session));
+    EXPECT_EQ(nullptr, listing.nlpath);
+    EXPECT_EQ(0, session.blocks_left());
+    EXPECT_EQ(0, listing.is_nav);
+  });
+}
+
+TEST_F(OpenDir, IsTold) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    const auto level = [&](const std::string& message, const std::string& cwd,
+                           const char* failing = nullptr, int nth = 1) {
+      return level_of(message, [&] {
+        if (failing != nullptr) fail_call(failing, ENOMEM, nth);
+        Listing listing{cwd};
+        EXPECT_EQ(failing == nullptr ? 0 : -1, listing.run(session).result);
+        if (failing != nullptr) fail_call(failing, 0, 0, 0);
+      });
+    };
+    EXPECT_EQ(4, level("opendir_preprocess cwd=(Shared/Team) connectpath=(/tavrix), fname=(.)\n",
+                       "Shared/Team"));
+    EXPECT_EQ(0, level("opendir_preprocess cwd is absolute", "/tavrix/Shared/Team"));
+    EXPECT_EQ(10, level("Calling vfs_enforce_perms connectpath=(/tavrix) "
+                        "full_path=(/tavrix/Shared/Team)\n",
+                        "Shared/Team"));
+    EXPECT_EQ(0, level("opendir_preprocess: unable to allocate full_path, fname=.\n", "Shared/Team",
+                       "strdup"));
+    EXPECT_EQ(0, level("opendir_preprocess unable to allocate full_path, cwd=Shared/Team\n",
+                       "Shared/Team", "calloc"));
+    session->reserved_user = 1;
+    EXPECT_EQ(0, level("Failed opendir due to inablity to enforce permissions, fname=., "
+                       "nlpath=Team\n",
+                       "/tavrix/Team", "setresuid"));
+  });
+}
+
+// --- fdopendir ----------------------------------------------------------------------------------
+
+class FdOpenDir : public Hooks {
+ protected:
+  static Answer opens(Session& session, const char* name, int to_delete = 0) {
+    return session.call([&] {
+      int is_nav = -1;
+      const int result =
+          fdopendir_preprocess("/tavrix", name, to_delete, session.get(), &is_nav, session.slot());
+      if (result == 0) nav = is_nav;
+      return result;
+    });
+  }
+  static int nav;
+};
+int FdOpenDir::nav = 0;
+
+TEST_F(FdOpenDir, ToDeleteAFixedFolderIsForAdministrators) {
+  mark_fixed("Shared/Team");
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(kRefusedAccess, opens(session, "Shared/Team", 1));
+    EXPECT_EQ(kLetGo, opens(session, "Shared/Team", 0));
+    EXPECT_EQ(kLetGo, opens(session, "Shared/Team/Docs", 1));
+  });
+  as(kAdministrator, [] {
+    Session session(kAdministrator);
+    EXPECT_EQ(kLetGo, opens(session, "Shared/Team", 1));
+  });
+}
+
+TEST_F(FdOpenDir, ToDeleteTakesNoAnswerForAYes) {
+  mark_fixed("Shared/Team", "1");
+  as(kAnna, [] {
+    Session session(kAnna);
+    set_debug_level(0);
+    clear_log();
+    EXPECT_EQ(kRefusedAccess, opens(session, "Shared/Team", 1));
+    for (const std::string& text : messages()) {
+      EXPECT_EQ(std::string::npos, text.find("Fixed Folder, non admin")) << text;
+    }
+    EXPECT_EQ(kRefusedAccess, opens(session, "Shared/Missing", 1));
+  });
+}
+
+TEST_F(FdOpenDir, LooksForMarksBelowSharedOnly) {
+  mark_fixed("Private/pat");
+  as(kPat, [] {
+    Session session(kPat);
+    reset_calls();
+    EXPECT_EQ(kLetGo, opens(session, "Private/pat", 1));
+    EXPECT_EQ(0, calls("getxattr"));
+  });
+}
+
+TEST_F(FdOpenDir, TellsAFolderThatMayOnlyBeSeen) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(kLetGo, opens(session, "Shared/Lobby"));
+    EXPECT_EQ(1, nav);
+    session->reserved_user = 1;
+    EXPECT_EQ(kLetGo, opens(session, "Shared/Lobby"));
+    EXPECT_EQ(0, nav);
+  });
+}
+
+TEST_F(FdOpenDir, OfNoNameIsRefused) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(-1, opens(session, nullptr).result);
+  });
+}
+
+TEST_F(FdOpenDir, IsTold) {
+  mark_fixed("Shared/Team");
+  const auto level_as = [](const Caller& caller, const std::string& message, const char* name,
+                           int to_delete, const char* failing) {
+    Session session(caller);
+    return level_of(message, [&] {
+      if (failing != nullptr) fail_call(failing, ENOMEM);
+      opens(session, name, to_delete);
+      if (failing != nullptr) fail_call(failing, 0, 0, 0);
+    });
+  };
+  as(kAnna, [&] {
+    EXPECT_EQ(0, level_as(kAnna, "fdopendir_preprocess: unable to allocate full_path, fname=x\n",
+                          "x", 0, "calloc"));
+    EXPECT_EQ(2, level_as(kAnna, "fdopendir_preprocess checking for FF /tavrix/Shared/Team\n",
+                          "Shared/Team", 0, nullptr));
+    EXPECT_EQ(0, level_as(kAnna,
+                          "fdopendir_preprocess: Fixed Folder, non admin user for folder "
+                          "/tavrix/Shared/Team Deny Delete\n",
+                          "Shared/Team", 1, nullptr));
+    EXPECT_EQ(0, level_as(kAnna,
+                          "fdopendir_preprocess: EACCESS full_path=/tavrix/Shared/Closed "
+                          "fname=Shared/Closed retval=-1",
+                          "Shared/Closed", 0, nullptr));
+    Session session(kAnna);
+    session->reserved_user = 1;
+    EXPECT_EQ(0, level_of("fdopendir_preprocess: EACCESS Failed fdopendir, due to inablity to "
+                          "enforce permissions, fname=x\n",
+                          [&] {
+                            fail_call("setresuid", EAGAIN);
+                            opens(session, "x");
+                            fail_call("setresuid", 0, 0, 0);
+                          }));
+  });
+  as(kAdministrator, [&] {
+    EXPECT_EQ(2, level_as(kAdministrator,
+                          "fdopendir_preprocess Allowing delete for admin, bypassing the "
+                          "fixed-folder check for /tavrix/Shared/Team",
+                          "Shared/Team", 1, nullptr));
+  });
+}
+
+// --- entries of a listing -----------------------------------------------------------------------
+
+class ReadDir : public Hooks {
+ protected:
+  static int verdict(Session& session, const char* base, const char* name) {
+    char path[256];
+    std::memset(path, 'x', sizeof path);
+    int allowed = -1;
+    session.call(
+        [&] {
+          readir_postprocess(&allowed, name, base, path, sizeof path, "/tavrix", session.get());
+          return 0;
+        },
+        Session::Root::kNotKept);
+    EXPECT_EQ(std::string(base) + "/" + name, path);
+    EXPECT_EQ(0, path[sizeof path - 1]);
+    return allowed;
+  }
+};
+
+TEST_F(ReadDir, GivesEachEntryItsVerdict) {
+  as(kBen, [] {
+    Session session(kBen);
+    for (const auto& [base, name, allowed] :
+         {std::tuple{"Shared", "Team", TXPERMS_HAS_PERMS},
+          {"Shared", "Closed", TXPERMS_NO_PERM},
+          {"Shared/Team", "report.txt", TXPERMS_HAS_PERMS},
+          {"Shared/Team", "Secret", TXPERMS_NO_PERM},
+          {".", "Shared", TXPERMS_HAS_PERMS},
+          {"", "Other", TXPERMS_NO_PERM}}) {
+      EXPECT_EQ(allowed, verdict(session, base, name)) << base << " " << name;
+      EXPECT_EQ(allowed, ask_share(FSOP_STAT, std::string(base) + "/" + name).verdict);
+    }
+  });
+}
+
+TEST_F(ReadDir, TheSecondTimeAndTheStatOfAnEntryCostNoLook) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    verdict(session, "Shared/Team", "Docs");
+    reset_calls();
+    verdict(session, "Shared/Team", "Docs");
+    EXPECT_EQ(0, calls("shmat"));
+    EXPECT_EQ(kLetGo, session.call([&] {
+      return stat_preprocess(session.get(), "Shared/Team/Docs", "/tavrix", session.slot());
+    }));
+    EXPECT_EQ(0, calls("shmat"));
+  });
+}
+
+TEST_F(ReadDir, HidesANameThatDoesNotFit) {
+  as(kAdministrator, [] {
+    Session session(kAdministrator);
+    for (const int size : {0, -1, 1, 11}) {
+      char path[16] = "untouched";
+      int allowed = -1;
+      readir_postprocess(&allowed, "Team", "Shared", path, size, "/tavrix", session.get());
+      EXPECT_EQ(TXPERMS_INVALID_ARGS, allowed) << size;
+      if (size < 1) {
+        EXPECT_STREQ("untouched", path);
+      }
+    }
+    char path[12];
+    int allowed = -1;
+    readir_postprocess(&allowed, "Team", "Shared", path, sizeof path, "/tavrix", session.get());
+    EXPECT_EQ(TXPERMS_HAS_PERMS, allowed);
+    EXPECT_STREQ("Shared/Team", path);
+  });
+}
+
+TEST_F(ReadDir, IsTold) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(1, level_of("Calling check_perms for full_path=[Shared/Team] \n",
+                          [&] { verdict(session, "Shared", "Team"); }));
+  });
+}
+
+// --- making -------------------------------------------------------------------------------------
+
+class MakeDir : public Hooks {};
+
+TEST_F(MakeDir, IsRecordedAndStampedOnceItSucceeded) {
+  make_folder("Shared/Team/New");
+  make_folder("Shared/Team/Newer");
+  as(kAnna, [] {
+    Session session(kAnna);
+    std::string path = "/tavrix/Shared/Team/New";
+    char* full_path = path.data();
+    mkdir_postprocess(session.get(), &full_path);
+    create_dir_postprocess("/tavrix/Shared/Team/Newer", session.get());
+    EXPECT_EQ(0, session.blocks_left());
+  });
+  EXPECT_EQ((Lines{"MKDIR DIR /tavrix/Shared/Team/New", "MKDIR DIR /tavrix/Shared/Team/Newer"}),
+            event_lines());
+  EXPECT_EQ("Anna", stamp_of("Shared/Team/New"));
+  EXPECT_EQ("Anna", stamp_of("Shared/Team/Newer"));
+}
+
+TEST_F(MakeDir, IsTold) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    session->reserved_user = 1;
+    EXPECT_EQ(0, level_of("Failed operation mkdir due to inablity to enforce permissions, "
+                          "full_path=/tavrix/x\n",
+                          [&] {
+                            fail_call("setresuid", EAGAIN);
+                            mkdir_preprocess("/tavrix", "x", "/tavrix/x", session.get(),
+                                             session.slot());
+                            fail_call("setresuid", 0, 0, 0);
+                          }));
+    std::string path = "/tavrix/x";
+    char* full_path = path.data();
+    EXPECT_EQ(5, level_of_line_in("mkdir_postprocess", ":wrote VFS event mkdir /tavrix/x\n",
+                                  [&] { mkdir_postprocess(session.get(), &full_path); }));
+    EXPECT_EQ(kNever,
+              level_of_line_in("create_dir_postprocess", ":wrote VFS event mkdir /tavrix/x\n",
+                               [&] { create_dir_postprocess("/tavrix/x", session.get()); }));
+  });
+}
+
+class CreateDir : public Hooks {
+ protected:
+  static Answer creates(Session& session, const std::string& name, int create, int to_delete) {
+    std::string path = full(name);
+    char* full_path = path.data();
+    return session.call([&] {
+      return create_dir_preprocess(to_delete, name.c_str(), &full_path, create, "/tavrix",
+                                   session.get(), session.slot());
+    });
+  }
+};
+
+TEST_F(CreateDir, ToDeleteNeverReachesTheTopOfPrivate) {
+  as(kAdministrator, [] {
+    Session session(kAdministrator);
+    EXPECT_EQ(kRefusedAccess, creates(session, "Private", 0, 1));
+    EXPECT_EQ(kRefusedAccess, creates(session, "Private/pat", 0, 1));
+    EXPECT_EQ(kLetGo, creates(session, "Private/pat/notes", 0, 1));
+    EXPECT_EQ(kLetGo, creates(session, "Private/pat", 0, 0));
+  });
+}
+
+// No mark is looked at here: removing the folder itself is asked about elsewhere.
+TEST_F(CreateDir, ToDeleteDoesNotLookForMarks) {
+  mark_fixed("Shared/Team");
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(kLetGo, creates(session, "Shared/Team", 0, 1));
+  });
+}
+
+TEST_F(CreateDir, NeedsAPath) {
+  const Outcome outcome = outcome_as(kAnna, [] {
+    Session session(kAnna);
+    char* full_path = nullptr;
+    create_dir_preprocess(0, "x", &full_path, 0, "/tavrix", session.get(), session.slot());
+  });
+  EXPECT_TRUE(outcome.aborted_with("*full_path"));
+}
+
+TEST_F(CreateDir, IsTold) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(1, level_of("Calling vfs_enforce_perms connectpath=(/tavrix), nlpath=(Shared/Team) "
+                          "fullpath=[/tavrix/Shared/Team]\n",
+                          [&] { creates(session, "Shared/Team", 0, 0); }));
+    EXPECT_EQ(0, level_of("create_dir_preprocess: PERMISSION DENIED for directory "
+                          "path=/tavrix/Shared/Closed",
+                          [&] { creates(session, "Shared/Closed", 0, 0); }));
+    std::string name = "Private";
+    std::string path = "/tavrix/Private";
+    char* full_path = path.data();
+    char denied[128];
+    std::snprintf(denied, sizeof denied, "delete denied requested path=%p nlpath=%p\n",
+                  static_cast<void*>(full_path), static_cast<void*>(name.data()));
+    EXPECT_EQ(0, level_of(denied, [&] {
+                create_dir_preprocess(1, name.c_str(), &full_path, 0, "/tavrix", session.get(),
+                                      session.slot());
+              }));
+    session->reserved_user = 1;
+    EXPECT_EQ(0, level_of("create_dir_preprocess failed to allocate perm_ctx, full_path=/tavrix/x\n",
+                          [&] {
+                            fail_call("setresuid", EAGAIN);
+                            creates(session, "x", 0, 0);
+                            fail_call("setresuid", 0, 0, 0);
+                          }));
+  });
+}
+
+// --- removing -----------------------------------------------------------------------------------
+
+class RemoveDir : public Hooks {
+ protected:
+  static Answer removes(Session& session, const std::string& name) {
+    return session.call([&] {
+      return rmdir_preprocess(full(name).c_str(), "/tavrix", name.c_str(), session.get(),
+                              session.slot());
+    });
+  }
+  static void allow_forbidden(int value) {
+    global_params[PARAM_ENABLE_FORBIDDEN_RMDIR].value.intval = value;
+  }
+};
+
+TEST_F(RemoveDir, DecidesAlikeWhateverTheSettingSays) {
+  for (const int setting : {0, 1, 7}) {
+    allow_forbidden(setting);
+    as(kAnna, [] {
+      Session session(kAnna);
+      EXPECT_EQ(kLetGo, removes(session, "Shared/Team/Docs"));
+      EXPECT_EQ(kNotPermitted, removes(session, "Shared/Team"));
+    });
+  }
+}
+
+TEST_F(RemoveDir, IsRecordedWithoutAStampOnceItSucceeded) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    rmdir_postprocess("/tavrix/Shared/Team/Docs", session.get());
+    EXPECT_EQ(0, level_of_line_in("rmdir_postprocess", ":wrote VFS event rmdir  /tavrix/x\n", [&] {
+                rmdir_postprocess("/tavrix/x", session.get());
+              }));
+  });
+  EXPECT_EQ("RMDIR DIR /tavrix/Shared/Team/Docs", event_lines().at(0));
+  EXPECT_EQ("(none)", stamp_of("Shared/Team/Docs"));
+}
+
+TEST_F(RemoveDir, IsTold) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    const auto level = [&](const std::string& message, const std::string& name) {
+      return level_of(message, [&] { removes(session, name); });
+    };
+    const auto traced = [&](const std::string& tail) {
+      for (int at = 9; at <= 10; ++at) {
+        set_debug_level(at);
+        clear_log();
+        removes(session, "Shared/Team/Docs");
+        set_debug_level(-1);
+        for (const std::string& text : messages()) {
+          if (text.starts_with("(rmdir_preprocess:") && text.ends_with(tail)) return at;
+        }
+      }
+      return kNever;
+    };
+    const std::string path = "/tavrix/Shared/Team/Docs";
+    EXPECT_EQ(5, level("rmdir_preprocess:  full_path=" + path + " path=Shared/Team/Docs",
+                       "Shared/Team/Docs"));
+    EXPECT_EQ(10, level("rmdir_preprocess:  EPERM for /tavrix/Shared/Team\n", "Shared/Team"));
+    EXPECT_EQ(10, traced(") tavrix_rmdir: path: " + path + " NO RW->RWD\n"));
+    EXPECT_EQ(10, traced(") tavrix_rmdir: path: " + path + " enforcing perms\n"));
+    EXPECT_EQ(kNever, traced(") tavrix_rmdir: path: " + path + " allowing RW->RWD\n"));
+    allow_forbidden(1);
+    EXPECT_EQ(10, traced(") tavrix_rmdir: path: " + path + " allowing RW->RWD\n"));
+    EXPECT_EQ(kNever, traced(") tavrix_rmdir: path: " + path + " NO RW->RWD\n"));
+    EXPECT_EQ(1, level("rmdir_preprocess:  calls vfs_enforce_perms op=20 result=3\n",
+                       "Shared/Team/Docs"));
+    EXPECT_EQ(1, level("rmdir_preprocess:  calls vfs_enforce_perms op=20 result=2\n",
+                       "Shared/Team"));
+    session->reserved_user = 1;
+    EXPECT_EQ(0, level_of("Failed operation rmdir due to inablity to enforce permissions, "
+                          "full_path=/tavrix/x\n",
+                          [&] {
+                            fail_call("setresuid", EAGAIN);
+                            EXPECT_EQ(kNotPermitted, removes(session, "x"));
+                            fail_call("setresuid", 0, 0, 0);
+                          }));
+  });
+}
+
+// --- entering -----------------------------------------------------------------------------------
+
+class ChangeDir : public Hooks {
+ protected:
+  static Answer enters(Session& session, const char* path) {
+    return session.call(
+        [&] { return chdir_preprocess(path, "/tavrix", session.get(), session.slot()); });
+  }
+};
+
+TEST_F(ChangeDir, OfNoPathIsRefused) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    EXPECT_EQ(kNoName, enters(session, nullptr));
+    session->reserved_user = 1;
+    EXPECT_EQ(kNoName, enters(session, nullptr));
+  });
+}
+
+TEST_F(ChangeDir, ToTheShareIsForEverybody) {
+  as(kStandardUser, [] {
+    Session session(kStandardUser);
+    for (const char* path : {"/", "/tavrix"}) {
+      const auto asked = asked_by([&] { EXPECT_EQ(kLetGo, enters(session, path)); });
+      EXPECT_EQ((std::vector<Question>{{FSOP_CHDIR, "/tavrix"}}), asked);
+    }
+    EXPECT_EQ(kRefusedAccess, enters(session, "Shared"));
+  });
+}
+
+TEST_F(ChangeDir, WithoutMemoryIsRefused) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    fail_call("calloc", ENOMEM);
+    EXPECT_EQ(kNoName, enters(session, "Shared"));
+  });
+}
+
+TEST_F(ChangeDir, IsTold) {
+  as(kAnna, [] {
+    Session session(kAnna);
+    const char* path = "/";
+    const char* share = "/tavrix";
+    const auto enter = [&] {
+      if (chdir_preprocess(path, share, session.get(), session.slot()) == 0) {
+        tavrix_vfs_unbecome_root(*session.slot());
+        *session.slot() = nullptr;
+      }
+    };
+    char text[128];
+    std::snprintf(text, sizeof text, "CHDIR_PREPROC connpath=(%p:/tavrix) nlpath=(%p:/)\n",
+                  static_cast<const void*>(share), static_cast<const void*>(path));
+    EXPECT_EQ(1, level_of(text, enter));
+    std::snprintf(text, sizeof text,
+                  "CHDIR_PREPROC calling vfs_enforce_perms full_path=[%p:/tavrix]\n",
+                  static_cast<const void*>(share));
+    EXPECT_EQ(1, level_of(text, enter));
+    EXPECT_EQ(10, level_of("Enabled chdir for '/'\n", enter));
+    session->reserved_user = 1;
+    EXPECT_EQ(0, level_of("Cannot elevate to root privileges to enforce chdir", [&] {
+                fail_call("setresuid", EAGAIN);
+                enter();
+                fail_call("setresuid", 0, 0, 0);
+              }));
+  });
+}
+
+}  // namespace
+}  // namespace tavrix::test
