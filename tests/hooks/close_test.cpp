@@ -14,7 +14,8 @@ using Lines = std::vector<std::string>;
 class Close : public Hooks {
  protected:
   // Runs the body as Anna with a descriptor of that name of the share.
-  static void with_open(const std::string& name, const std::function<void(Session&, int fd)>& body) {
+  static void with_open(const std::string& name,
+                        const std::function<void(Session&, int fd)>& body) {
     const int fd = open(full(name).c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GT(fd, 0) << name;
     as(kAnna, [&] {
@@ -205,10 +206,11 @@ TEST_F(Close, TellsWhatItFound) {
                                   ":VFS event close " + path + " was modified \n", closes(1)));
     EXPECT_EQ(1, level_of_line_in("close_preprocess",
                                   ":VFS event close " + path + " was NOT modified \n", closes(0)));
-    EXPECT_EQ(3, level_of_line_in("close_preprocess",
-                                  ":VFS event close  " + path +
-                                      " was NOT modified pmodify->modified=2 (should not be seen)\n",
-                                  closes(2)));
+    EXPECT_EQ(3,
+              level_of_line_in("close_preprocess",
+                               ":VFS event close  " + path +
+                                   " was NOT modified pmodify->modified=2 (should not be seen)\n",
+                               closes(2)));
     const auto without = [&session, fd] {
       modify_file_evt_s* pmodify = nullptr;
       hook(session, fd, &pmodify);
@@ -233,9 +235,9 @@ TEST_F(Close, RefusesBadDescriptors) {
     EXPECT_EQ(0, level(session, "invalid file descriptor 0 in fsp\n", 0, {}));
     EXPECT_EQ(0, level(session, "invalid file descriptor -1 in fsp\n", -1, {}));
     const std::string proc = "/proc/" + std::to_string(getpid()) + "/fd/999";
-    EXPECT_EQ(0, level(session,
-                       "Readlink operation on " + proc + " failed No such file or directory\n", 999,
-                       {}));
+    EXPECT_EQ(
+        0, level(session, "Readlink operation on " + proc + " failed No such file or directory\n",
+                 999, {}));
   });
 }
 

@@ -16,7 +16,9 @@ constexpr uint32_t kOverwriteIf = 5;
 
 struct Creating {
   explicit Creating(std::string name, uint32_t wanted = kOpenIf, int write = 0)
-      : nlpath(std::move(name)), disposition(wanted), write_requested(write),
+      : nlpath(std::move(name)),
+        disposition(wanted),
+        write_requested(write),
         path(kShareRoot + "/" + nlpath) {}
   Answer run(Session& session) {
     char* full_path = path.data();
@@ -43,12 +45,12 @@ TEST_F(CreateFile, AsksForWhatTheDispositionMeans) {
     e_fsop_type op;
   };
   static const std::vector<Row> rows = {
-      {kSupersede, true, 0, FSOP_OPEN_WRITE},   {kSupersede, false, 1, FSOP_CREATE},
-      {kOpen, true, 0, FSOP_OPEN_READ},         {kOpen, false, 0, FSOP_OPEN_READ},
-      {kOpen, true, 1, FSOP_OPEN_WRITE},        {kOpen, false, 1, FSOP_OPEN_WRITE},
-      {kCreate, true, 0, FSOP_CREATE},          {kCreate, false, 0, FSOP_CREATE},
-      {kOpenIf, true, 0, FSOP_OPEN_WRITE},      {kOpenIf, false, 0, FSOP_CREATE},
-      {kOverwrite, true, 0, FSOP_OPEN_WRITE},   {kOverwriteIf, true, 0, FSOP_OPEN_WRITE},
+      {kSupersede, true, 0, FSOP_OPEN_WRITE}, {kSupersede, false, 1, FSOP_CREATE},
+      {kOpen, true, 0, FSOP_OPEN_READ},       {kOpen, false, 0, FSOP_OPEN_READ},
+      {kOpen, true, 1, FSOP_OPEN_WRITE},      {kOpen, false, 1, FSOP_OPEN_WRITE},
+      {kCreate, true, 0, FSOP_CREATE},        {kCreate, false, 0, FSOP_CREATE},
+      {kOpenIf, true, 0, FSOP_OPEN_WRITE},    {kOpenIf, false, 0, FSOP_CREATE},
+      {kOverwrite, true, 0, FSOP_OPEN_WRITE}, {kOverwriteIf, true, 0, FSOP_OPEN_WRITE},
       {kOverwriteIf, false, 0, FSOP_CREATE},
   };
   as(kAnna, [] {
@@ -120,8 +122,8 @@ TEST_F(CreateFile, IsTold) {
     const std::string file = "/tavrix/Shared/Team/report.txt";
     EXPECT_EQ(5, level("stat full_path=/tavrix/Shared/Team/new failed with ENOENT.\n",
                        "Shared/Team/new", nullptr, 0));
-    EXPECT_EQ(5, level("stat full_path=" + file + " failed with error=5 reason=" +
-                           std::strerror(EIO) + "\n",
+    EXPECT_EQ(5, level("stat full_path=" + file +
+                           " failed with error=5 reason=" + std::strerror(EIO) + "\n",
                        "Shared/Team/report.txt", "stat", 1));
     EXPECT_EQ(1, level("Calling vfs_enforce_perms connectpath=(/tavrix), full_path=[" + file +
                            "] op=(3)\n",
@@ -251,7 +253,8 @@ TEST_F(Times, GoOnWithoutRoot) {
       fail_call("setresuid", 0, 0, 0);
       std::free(full_path);
     };
-    EXPECT_EQ(0, level_of("Cannot elevate perms to enforce ntimes, full_path=/tavrix/x\n", attempt));
+    EXPECT_EQ(0,
+              level_of("Cannot elevate perms to enforce ntimes, full_path=/tavrix/x\n", attempt));
     EXPECT_EQ(0, level_of("Cannot elevate perms to enforce ntimes, smb_fname->base_name=x\n", [&] {
                 fail_call("setresuid", EAGAIN);
                 ntimes_dir_preprocess(session.slot(), "x");

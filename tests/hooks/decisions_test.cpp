@@ -72,8 +72,8 @@ const std::vector<Row>& rows() {
        [](S& s, N& n) {
          char* nlpath = nullptr;
          int is_nav = 0;
-         const int result = opendir_preprocess(".", full_of(n).c_str(), "/tavrix", &nlpath, s.slot(),
-                                               s.get(), &is_nav);
+         const int result = opendir_preprocess(".", full_of(n).c_str(), "/tavrix", &nlpath,
+                                               s.slot(), s.get(), &is_nav);
          EXPECT_EQ(result == 0, nlpath != nullptr);
          const int error = errno;
          std::free(nlpath);
@@ -232,7 +232,8 @@ TEST_F(HookDecisions, RefuseEverythingWithoutAMap) {
   });
 }
 
-// --- every error path ------------------------------------------------------------------------------
+// --- every error path
+// ------------------------------------------------------------------------------
 
 constexpr int kNeverCameToThat = 42;
 

@@ -67,8 +67,8 @@ TEST_F(OpenDir, DecidesAboutTheWorkingFolder) {
 TEST_F(OpenDir, TellsAFolderThatMayOnlyBeSeen) {
   as(kAnna, [] {
     Session session(kAnna);
-    for (const auto& [name, is_nav] : {std::pair{"Shared/Team", 0}, {"Shared/Team/Gallery", 1},
-                                      {"Shared/Lobby", 1}}) {
+    for (const auto& [name, is_nav] :
+         {std::pair{"Shared/Team", 0}, {"Shared/Team/Gallery", 1}, {"Shared/Lobby", 1}}) {
       Listing listing{full(name)};
       EXPECT_EQ(kLetGo, listing.run(session));
       EXPECT_EQ(is_nav, listing.is_nav) << name;
@@ -260,13 +260,12 @@ class ReadDir : public Hooks {
 TEST_F(ReadDir, GivesEachEntryItsVerdict) {
   as(kBen, [] {
     Session session(kBen);
-    for (const auto& [base, name, allowed] :
-         {std::tuple{"Shared", "Team", TXPERMS_HAS_PERMS},
-          {"Shared", "Closed", TXPERMS_NO_PERM},
-          {"Shared/Team", "report.txt", TXPERMS_HAS_PERMS},
-          {"Shared/Team", "Secret", TXPERMS_NO_PERM},
-          {".", "Shared", TXPERMS_HAS_PERMS},
-          {"", "Other", TXPERMS_NO_PERM}}) {
+    for (const auto& [base, name, allowed] : {std::tuple{"Shared", "Team", TXPERMS_HAS_PERMS},
+                                              {"Shared", "Closed", TXPERMS_NO_PERM},
+                                              {"Shared/Team", "report.txt", TXPERMS_HAS_PERMS},
+                                              {"Shared/Team", "Secret", TXPERMS_NO_PERM},
+                                              {".", "Shared", TXPERMS_HAS_PERMS},
+                                              {"", "Other", TXPERMS_NO_PERM}}) {
       EXPECT_EQ(allowed, verdict(session, base, name)) << base << " " << name;
       EXPECT_EQ(allowed, ask_share(FSOP_STAT, std::string(base) + "/" + name).verdict);
     }
@@ -418,12 +417,13 @@ TEST_F(CreateDir, IsTold) {
                                       session.slot());
               }));
     session->reserved_user = 1;
-    EXPECT_EQ(0, level_of("create_dir_preprocess failed to allocate perm_ctx, full_path=/tavrix/x\n",
-                          [&] {
-                            fail_call("setresuid", EAGAIN);
-                            creates(session, "x", 0, 0);
-                            fail_call("setresuid", 0, 0, 0);
-                          }));
+    EXPECT_EQ(
+        0,
+        level_of("create_dir_preprocess failed to allocate perm_ctx, full_path=/tavrix/x\n", [&] {
+          fail_call("setresuid", EAGAIN);
+          creates(session, "x", 0, 0);
+          fail_call("setresuid", 0, 0, 0);
+        }));
   });
 }
 
@@ -457,9 +457,8 @@ TEST_F(RemoveDir, IsRecordedWithoutAStampOnceItSucceeded) {
   as(kAnna, [] {
     Session session(kAnna);
     rmdir_postprocess("/tavrix/Shared/Team/Docs", session.get());
-    EXPECT_EQ(0, level_of_line_in("rmdir_postprocess", ":wrote VFS event rmdir  /tavrix/x\n", [&] {
-                rmdir_postprocess("/tavrix/x", session.get());
-              }));
+    EXPECT_EQ(0, level_of_line_in("rmdir_postprocess", ":wrote VFS event rmdir  /tavrix/x\n",
+                                  [&] { rmdir_postprocess("/tavrix/x", session.get()); }));
   });
   EXPECT_EQ("RMDIR DIR /tavrix/Shared/Team/Docs", event_lines().at(0));
   EXPECT_EQ("(none)", stamp_of("Shared/Team/Docs"));
@@ -495,8 +494,8 @@ TEST_F(RemoveDir, IsTold) {
     EXPECT_EQ(kNever, traced(") tavrix_rmdir: path: " + path + " NO RW->RWD\n"));
     EXPECT_EQ(1, level("rmdir_preprocess:  calls vfs_enforce_perms op=20 result=3\n",
                        "Shared/Team/Docs"));
-    EXPECT_EQ(1, level("rmdir_preprocess:  calls vfs_enforce_perms op=20 result=2\n",
-                       "Shared/Team"));
+    EXPECT_EQ(1,
+              level("rmdir_preprocess:  calls vfs_enforce_perms op=20 result=2\n", "Shared/Team"));
     session->reserved_user = 1;
     EXPECT_EQ(0, level_of("Failed operation rmdir due to inablity to enforce permissions, "
                           "full_path=/tavrix/x\n",

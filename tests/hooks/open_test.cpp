@@ -16,8 +16,8 @@ struct Opening {
     return session.call(
         [&] {
           return open_preprocess("/tavrix", has_name ? base_name.c_str() : nullptr, &mode, &op,
-                                 &full_path, &is_new, for_deletion, session.get(), &st,
-                                 "10.0.0.7", session.slot(), audit);
+                                 &full_path, &is_new, for_deletion, session.get(), &st, "10.0.0.7",
+                                 session.slot(), audit);
         },
         Session::Root::kNotKept);
   }
@@ -43,7 +43,8 @@ class Open : public Hooks {
       EXPECT_EQ(expected, opening.run(session)) << caller.name << " " << name;
     });
   }
-  static std::vector<AuditRecord> audited(const std::string& name, e_open_mode mode, int audit = 1) {
+  static std::vector<AuditRecord> audited(const std::string& name, e_open_mode mode,
+                                          int audit = 1) {
     as(kAnna, [&] {
       init_audit_buffer();
       Session session(kAnna);
@@ -219,8 +220,8 @@ TEST_F(Open, IsAuditedWithoutAnAddressToo) {
     Opening opening("Shared/Team/report.txt");
     char* full_path = opening.path.data();
     EXPECT_EQ(0, open_preprocess("/tavrix", "Shared/Team/report.txt", &opening.mode, &opening.op,
-                                 &full_path, &opening.is_new, 0, session.get(), &opening.st, nullptr,
-                                 session.slot(), 1));
+                                 &full_path, &opening.is_new, 0, session.get(), &opening.st,
+                                 nullptr, session.slot(), 1));
     flush_audit_buffer();
   });
   ASSERT_EQ(1U, audit_records().size());
@@ -282,8 +283,8 @@ TEST_F(Open, TellsWhenItCannotLook) {
     const std::string path = "full_path=/tavrix/Shared/Team/report.txt";
     EXPECT_EQ(0, level("open_preprocess:  Unable to become root to stat, " + path + "\n",
                        "setresuid", EAGAIN));
-    EXPECT_EQ(0, level("open_preprocess stat of " + path + " failed with error=5 reason=" +
-                           std::strerror(EIO) + "\n",
+    EXPECT_EQ(0, level("open_preprocess stat of " + path +
+                           " failed with error=5 reason=" + std::strerror(EIO) + "\n",
                        "stat", EIO));
   });
 }

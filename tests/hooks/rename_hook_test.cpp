@@ -85,18 +85,19 @@ TEST_F(Rename, TellsFoldersFromFiles) {
 
 // Every caller, every pair: let go exactly when both verdicts say so.
 TEST_F(Rename, NeedsBothVerdicts) {
-  static const Lines names = {"Shared/Team/report.txt", "Shared/Team/Docs", "Shared/Team/Docs/Deep",
-                              "Shared/Team/Drop", "Shared/Team/new", "Shared/Closed",
-                              "Shared/Lobby/Inner", "Private/pat/diary.txt", "Private/pat",
-                              "Private/olga/diary.txt"};
+  static const Lines names = {
+      "Shared/Team/report.txt", "Shared/Team/Docs",      "Shared/Team/Docs/Deep",
+      "Shared/Team/Drop",       "Shared/Team/new",       "Shared/Closed",
+      "Shared/Lobby/Inner",     "Private/pat/diary.txt", "Private/pat",
+      "Private/olga/diary.txt"};
   for (const Caller& caller : all_callers()) {
     as(caller, [&] {
       for (const std::string& from : names) {
         if (from == "Shared/Team/new") continue;
         for (const std::string& to : names) {
           const bool is_folder = from.find(".txt") == std::string::npos;
-          const bool moves = is_folder && from.substr(0, from.rfind('/')) !=
-                                              to.substr(0, to.rfind('/'));
+          const bool moves =
+              is_folder && from.substr(0, from.rfind('/')) != to.substr(0, to.rfind('/'));
           const auto granted = [](e_fsop_type op, const std::string& name) {
             return ask_share(op, name).verdict == TXPERMS_HAS_PERMS;
           };
@@ -116,9 +117,8 @@ TEST_F(Rename, OfAFixedFolderIsForAdministrators) {
     EXPECT_EQ(kRefusedAccess, renames(kAnna, "Shared/Team/Docs", "Shared/Team/Papers"));
     EXPECT_EQ(Questions{}, asks("Shared/Team/Docs", "Shared/Team/Papers"));
   });
-  as(kAdministrator, [] {
-    EXPECT_EQ(kLetGo, renames(kAdministrator, "Shared/Team/Docs", "Shared/Team/Papers"));
-  });
+  as(kAdministrator,
+     [] { EXPECT_EQ(kLetGo, renames(kAdministrator, "Shared/Team/Docs", "Shared/Team/Papers")); });
 }
 
 TEST_F(Rename, GoesOnWhereTheMarkIsNobodysOrElsewhere) {
@@ -130,9 +130,8 @@ TEST_F(Rename, GoesOnWhereTheMarkIsNobodysOrElsewhere) {
 
 TEST_F(Rename, OfAMarkedFileIsTheMaps) {
   mark_fixed("Shared/Team/report.txt");
-  as(kAnna, [] {
-    EXPECT_EQ(kLetGo, renames(kAnna, "Shared/Team/report.txt", "Shared/Team/new.txt"));
-  });
+  as(kAnna,
+     [] { EXPECT_EQ(kLetGo, renames(kAnna, "Shared/Team/report.txt", "Shared/Team/new.txt")); });
 }
 
 TEST_F(Rename, OfAMissingSourceIsNoEntry) {
@@ -196,21 +195,22 @@ TEST_F(Rename, IsTold) {
     Session session(kAnna);
     const std::string docs = "/tavrix/Shared/Team/Docs";
     EXPECT_EQ(8, level(session, "Calling stat\n", "Shared/Team/Docs", "Shared/Team/x"));
-    EXPECT_EQ(0, level(session, "Rename source /tavrix/Shared/x does not exist err No such file or "
-                                "directory\n",
+    EXPECT_EQ(0, level(session,
+                       "Rename source /tavrix/Shared/x does not exist err No such file or "
+                       "directory\n",
                        "Shared/x", "Shared/y"));
     EXPECT_EQ(10, level(session, "rename_preprocess: path " + docs + " is a dir\n",
                         "Shared/Team/Docs", "Shared/Team/x"));
-    EXPECT_EQ(10, level(session,
-                        "rename_preprocess: path /tavrix/Shared/Team/report.txt is not a dir\n",
-                        "Shared/Team/report.txt", "Shared/Team/x"));
+    EXPECT_EQ(
+        10, level(session, "rename_preprocess: path /tavrix/Shared/Team/report.txt is not a dir\n",
+                  "Shared/Team/report.txt", "Shared/Team/x"));
     EXPECT_EQ(10, level(session, "Checking whether a move\n", "Shared/Team/Docs", "Shared/Team/x"));
-    EXPECT_EQ(10, level(session,
-                        "This is a move folder src " + docs + " dst /tavrix/Shared/Lobby/x\n",
-                        "Shared/Team/Docs", "Shared/Lobby/x"));
-    EXPECT_EQ(10, level(session,
-                        "This is not a move folder src " + docs + " dst /tavrix/Shared/Team/x\n",
-                        "Shared/Team/Docs", "Shared/Team/x"));
+    EXPECT_EQ(10,
+              level(session, "This is a move folder src " + docs + " dst /tavrix/Shared/Lobby/x\n",
+                    "Shared/Team/Docs", "Shared/Lobby/x"));
+    EXPECT_EQ(
+        10, level(session, "This is not a move folder src " + docs + " dst /tavrix/Shared/Team/x\n",
+                  "Shared/Team/Docs", "Shared/Team/x"));
     EXPECT_EQ(10, level(session, "mvret is 0\n", "Shared/Team/Docs", "Shared/Team/x"));
     EXPECT_EQ(10, level(session, "mvret is 1\n", "Shared/Team/Docs", "Shared/Lobby/x"));
     EXPECT_EQ(10, level(session, "Checking source perms for " + docs + ", op 3\n",
@@ -250,8 +250,9 @@ TEST_F(Rename, TellsWhatFails) {
     EXPECT_EQ(kRefusedAccess, renaming.run(session)) << "the mark holds for the reserved user too";
     for (const std::string& text : messages()) {
       denied |= text.starts_with("rename_preprocess ") &&
-                text.ends_with(": Denying attempt to rename a fixed folder for a non-admin user "
-                               "for path /tavrix/Shared/Team/Drop");
+                text.ends_with(
+                    ": Denying attempt to rename a fixed folder for a non-admin user "
+                    "for path /tavrix/Shared/Team/Drop");
     }
     EXPECT_TRUE(denied);
     set_debug_level(-1);
@@ -262,8 +263,8 @@ TEST_F(Rename, LeavesNothingBehindWhateverFails) {
   as(kAnna, [] {
     Session session(kAnna);
     session->reserved_user = 1;  // lookups end the process without memory
-    for (const char* call : {"calloc", "malloc", "strdup", "stat", "getxattr", "getresuid",
-                             "getresgid"}) {
+    for (const char* call :
+         {"calloc", "malloc", "strdup", "stat", "getxattr", "getresuid", "getresgid"}) {
       for (int nth = 1; nth <= 20; ++nth) {
         SCOPED_TRACE(std::string(call) + " " + std::to_string(nth));
         int isdir = 0;

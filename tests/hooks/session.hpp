@@ -13,13 +13,13 @@
 
 #include "processing_functions.h"
 #include "tavrix_vfs_utils.h"
-#include "vfs_common.h"
 #include "tests/support/event_store.hpp"
 #include "tests/support/fail_call.hpp"
 #include "tests/support/files.hpp"
 #include "tests/support/group_map.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/share.hpp"
+#include "vfs_common.h"
 
 namespace tavrix::test {
 
@@ -80,8 +80,8 @@ class Session {
   connection_private_data_s* operator->() { return record_.get(); }
   tx_perm_ctx_t** slot() { return &ctx_; }
 
-  // Calls a hook and checks what every hook owes the process: on 0 it is root, unless the hook never
-  // leaves it so, and giving that back restores everything; on -1 nothing has changed.
+  // Calls a hook and checks what every hook owes the process: on 0 it is root, unless the hook
+  // never leaves it so, and giving that back restores everything; on -1 nothing has changed.
   enum class Root { kKept, kNotKept };
   template <typename Hook>
   Answer call(Hook hook, Root root = Root::kKept) {
@@ -163,13 +163,13 @@ class Hooks : public Share {
   }
   static std::string full(const std::string& name) { return kShareRoot + "/" + name; }
   static void mark_fixed(const std::string& name, const std::string& value = "") {
-    ASSERT_EQ(0, setxattr(full(name).c_str(), "user.tavrix.fixed_folder", value.data(),
-                          value.size(), 0));
+    ASSERT_EQ(
+        0, setxattr(full(name).c_str(), "user.tavrix.fixed_folder", value.data(), value.size(), 0));
   }
   static std::string stamp_of(const std::string& name) {
     char value[256] = "";
-    const ssize_t size = getxattr(full(name).c_str(), "user.tavrix.last_smb_accessed_by", value,
-                                  sizeof value);
+    const ssize_t size =
+        getxattr(full(name).c_str(), "user.tavrix.last_smb_accessed_by", value, sizeof value);
     return size < 0 ? "(none)" : std::string(value, static_cast<std::size_t>(size));
   }
   // What the action asks the decision; level 2 shows its first message.

@@ -28,7 +28,8 @@ struct AuditRecord {
 // Sets the parameters of both buffers and creates the staging buffer and its semaphore.
 void make_event_store(int bytes = 1 << 20);
 
-// What is in the dump files, oldest first, then what is in the buffer. A torn record fails the test.
+// What is in the dump files, oldest first, then what is in the buffer. A torn record fails the
+// test.
 std::vector<Event> events();
 std::vector<std::string> lines_of(const std::vector<Event>& events);
 std::vector<std::string> event_lines();
