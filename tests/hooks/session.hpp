@@ -158,6 +158,7 @@ class Hooks : public Share {
   static void write_group_map() {
     GroupMap map{{{"tavrix-admins", kAdmins}, {"tavrix-powerusers", kPowerUsers}}, {}};
     for (const Caller& caller : all_callers()) map.users.push_back({caller.name, caller.groups});
+    map.users.push_back({"pc7$", kAnna.groups});
     write_file("/scratch/groups", group_map_bytes(map));
     ASSERT_EQ(0, rename("/scratch/groups", "/etc/tavrix/groupmap_refresh"));
   }

@@ -1,6 +1,8 @@
 #include "tests/support/event_store.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <algorithm>
 #include <cstring>
 #include <functional>
@@ -76,6 +78,15 @@ void make_event_store(int bytes) {
   std::strcpy(global_params[PARAM_AUDITING_DIR].value.strval, kAuditDir.c_str());
   ASSERT_EQ(1, create_eventstore_staging_semaphore());
   ASSERT_EQ(0, create_staging_buffer());
+}
+
+void share_settings() {
+  constexpr std::size_t kSize = sizeof(global_param_s) * PARAM_MAX_INDEX;
+  const int id = shmget(ftok("/dev/null", 3456), kSize, IPC_CREAT | 0666);
+  void* block = shmat(id, nullptr, 0);
+  ASSERT_NE(reinterpret_cast<void*>(-1), block);
+  std::memcpy(block, global_params, kSize);
+  shmdt(block);
 }
 
 std::vector<Event> events() {

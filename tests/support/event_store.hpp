@@ -28,6 +28,9 @@ struct AuditRecord {
 // Sets the parameters of both buffers and creates the staging buffer and its semaphore.
 void make_event_store(int bytes = 1 << 20);
 
+// Hands this process's settings to programs that take them from the shared block.
+void share_settings();
+
 // What is in the dump files, oldest first, then what is in the buffer. A torn record fails the
 // test.
 std::vector<Event> events();
