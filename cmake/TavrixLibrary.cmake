@@ -90,6 +90,7 @@ set_target_properties(tavrix PROPERTIES
 target_include_directories(tavrix INTERFACE
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tavrix>)
 target_link_options(tavrix PRIVATE
   LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/libtavrix.map

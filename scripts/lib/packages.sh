@@ -6,7 +6,7 @@ tavrix_packages=(
   libcli11-dev libfmt-dev nlohmann-json3-dev libiniparser-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
   clang clang-format clang-tidy
-  samba-libs util-linux procps strace gnuplot-nox
+  samba-libs util-linux procps strace gnuplot-nox abigail-tools
 )
 
 install_packages() {

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Takes the ABI of this build as the reference that the tests compare with. Run it when a change of
+# the ABI is meant, and let the commit say why.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+cmake --preset release >/dev/null
+cmake --build --preset release --target tavrix | tail -n 1
+abidw --exported-interfaces-only --no-corpus-path --no-comp-dir-path --no-show-locs \
+  build/release/libtavrix.so >tests/abi/libtavrix.abi
