@@ -10,6 +10,6 @@ install_packages "${tavrix_packages[@]}"
 
 build=$PWD/build/demo
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" --target tavrixctl tavrix-sweeper tavrix-sample-tree example-connection | tail -n 1
+cmake --build "$build" --target tavrixctl tavrix-sweeper tavrix-sample-tree example-walkthrough | tail -n 1
 
-in_private_world "$PWD/scripts/lib/demo_world.sh" "$PWD" "$build/tools"
+in_private_world "$PWD/scripts/lib/demo_world.sh" "$PWD" "$build/tools:$build/examples"

@@ -68,22 +68,49 @@ tavrixctl check --trace --uid 1006 --gid 9003 --groups 9002,9011 --admins-gid 90
   --powerusers-gid 9002 open-write Shared/Design/plan.txt 2>&1 |
   grep -E 'perm mask|DENIED|Deny|refused' || true
 
-title "6. Two connections: identity from the group list map, verdicts cached, changes recorded"
+title "6. One client's session, played for five kinds of caller through the hooks"
+# The accounts of this world; what a caller may do comes from the group list map.
+cp --remove-destination "$(readlink -f /etc/passwd)" /etc/passwd
+accounts=("admin:1001" "anna:1005" "standard:1002" "pc7\$:1007" "syncagent:1008")
+for account in "${accounts[@]}"; do
+  echo "${account%%:*}:x:${account##*:}:9003::/:/bin/false" >>/etc/passwd
+done
 cat >/scratch/groups.json <<'JSON'
 {"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002},
- "users": {"anna": [9002, 9010], "ben": [9002, 9011]}}
+ "users": {"admin": [9001], "anna": [9002, 9010], "standard": [9010], "pc7$": [9002, 9010]}}
 JSON
 run tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh
-mkdir -p /tavrix/.conf/staging
+touch /etc/tavrix/permission_refresh
+mkdir -p /tavrix/.conf/{staging,auditing}
 run tavrix-sweeper --once
-# The two are users of this machine here; what counts is the name that the client gave.
-example-connection anna 1 Shared/Design/plan.txt 2>/dev/null
-example-connection anna 1 Shared/Design/Drafts/idea.txt 2>/dev/null
-example-connection ben 2 Shared/Design/plan.txt 2>/dev/null
-run tavrixctl events buffer show
-run tavrix-sweeper --once
-echo '$ tavrixctl events decode /tavrix/.conf/staging/pending_*'
-tavrixctl events decode /tavrix/.conf/staging/pending_*
+for account in "${accounts[@]}"; do
+  name=${account%%:*}
+  reserved=()
+  [ "$name" != syncagent ] || reserved=(--reserved)
+  example-walkthrough "${reserved[@]}" "$name" Shared/Design >"/scratch/session.$name" 2>/dev/null
+  rm -rf /tavrix/Shared/Design/Minutes  # what a session could not remove itself
+done
+echo "   the reserved user is granted everything and recorded nowhere; a computer is shown nothing"
+printf '   %-26s' ""
+for account in "${accounts[@]}"; do printf '%-27s' "${account%%:*}"; done
+echo
+for step in {1..11}; do
+  printf '   %-26s' "$(sed -n "${step}s/  .*//p" /scratch/session.admin)"
+  for account in "${accounts[@]}"; do
+    printf '%-27s' "$(sed -n "${step}p" "/scratch/session.${account%%:*}" | cut -c28-)"
+  done
+  echo
+done
+echo
+echo "   each connection flushed its records at its end: the events for the agent, and who read what"
+names=("${accounts[@]/:/=}")
+tavrixctl events decode /tavrix/.conf/staging/pending_* |
+  "$sources/scripts/lib/brief.py" "${names[@]}" >/scratch/events
+tavrixctl audit decode /tavrix/.conf/auditing/pending_* |
+  "$sources/scripts/lib/brief.py" "${names[@]}" >/scratch/audits
+pr -m -t -w 170 /scratch/events /scratch/audits | expand | sed 's/^/   /; s/ *$//'
+echo '$ tavrixctl events decode /tavrix/.conf/staging/pending_* | head -n 2'
+tavrixctl events decode /tavrix/.conf/staging/pending_* 2>/dev/null | head -n 2 || true
 
 title "7. A new map takes the place of the old one while servers go on asking"
 tavrix-sample-tree --folders 100000 /scratch/size.json /scratch/data.json

@@ -1,0 +1,26 @@
+#!/usr/bin/env python3
+"""Shortens decoded records for reading beside one another: brief.py NAME=UID... <records
+
+Reads what `tavrixctl events decode` and `tavrixctl audit decode` print, writes a line each."""
+import json
+import sys
+
+
+def brief(record, names):
+    who = names.get(record["uid"], str(record["uid"]))
+    path = record["path"].removeprefix("/tavrix/")
+    if "type" not in record:
+        return f"{who:9} read {path}, {record['size']} bytes, from {record.get('ip_address', '?')}"
+    target = record.get("rename_path", "").removeprefix("/tavrix/")
+    arrow = f" -> {target}" if target else ""
+    return f"{who:9} {record['type']:7} {path}{arrow}"
+
+
+def main():
+    names = {int(uid): name for name, uid in (word.split("=") for word in sys.argv[1:])}
+    for line in sys.stdin:
+        print(brief(json.loads(line), names))
+
+
+if __name__ == "__main__":
+    main()
