@@ -50,8 +50,8 @@ TAVRIX_API void disconnect_preprocess(connection_private_data_s* private_data, i
 
 /* --- files ---------------------------------------------------------------------------------- */
 
-#define TAVRIX_OPEN_WITHOUT_A_NAME 12 /* open_preprocess() of a null base_name: nothing was asked \
-                                       */
+/* open_preprocess() of a null base_name: nothing was asked. */
+#define TAVRIX_OPEN_WITHOUT_A_NAME 12
 
 /* Before a file is opened. Not root.
  * `*open_mode`  in: what is wanted, from mode2tavrixmode(). Out: OPENMODE_WRITE where it was

@@ -285,6 +285,39 @@ INSTANTIATE_TEST_SUITE_P(Of, FailingCalls,
                                          "semget", "semctl", "shmget", "shmat", "getresuid",
                                          "getresgid"));
 
+// The hooks that record: an event may be lost when there is no memory, which is logged; nothing
+// else may be left behind.
+TEST_P(FailingCalls, LeaveNothingBehindOfARecord) {
+  const std::string failing = GetParam();
+  std::string path = "/tavrix/Shared/Team/report.txt";
+  char* full_path = path.data();
+  const std::vector<std::function<void(Session&)>> hooks = {
+      [&](Session& s) { open_postprocess(nullptr, s.slot(), &full_path, 1, s.get()); },
+      [&](Session& s) { create_file_postprocess(s.get(), full_path); },
+      [&](Session& s) { unlink_postprocess(full_path, s.get()); },
+      [&](Session& s) { ntimes_file_postprocess(full_path, s.get()); },
+      [&](Session& s) { mkdir_postprocess(s.get(), &full_path); },
+      [&](Session& s) { create_dir_postprocess(full_path, s.get()); },
+      [&](Session& s) { rmdir_postprocess(full_path, s.get()); },
+      [&](Session& s) { rename_postprocess(full_path, full_path, 0, s.get()); },
+  };
+  as(kAnna, [&] {
+    Session session(kAnna);
+    for (const auto& hook : hooks) {
+      for (int nth = 1; nth <= 4; ++nth) {
+        const auto call = [&] {
+          fail_call(failing, ENOMEM, nth);
+          hook(session);
+          fail_call(failing, 0, 0, 0);
+          return 0;
+        };
+        session.call(call, Session::Root::kNotKept);
+        EXPECT_EQ(0, session.blocks_left());
+      }
+    }
+  });
+}
+
 // The first is the way to root, the second back; a way back that is barred is nothing a hook could
 // mend, and the operating system does not bar it.
 TEST_F(HookDecisions, RefuseWhenRootCannotBeHad) {
