@@ -9,6 +9,11 @@ tavrix_packages=(
   samba-libs util-linux procps strace gnuplot-nox abigail-tools
 )
 
+# What building the reference module and running a real server with it need on top.
+tavrix_samba_packages=(
+  samba smbclient samba-testsuite attr gcc perl python3 libparse-yapp-perl xz-utils
+)
+
 install_packages() {
   local missing=()
   for package in "$@"; do

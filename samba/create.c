@@ -1,0 +1,143 @@
+/* SMB create requests: the door through which a client reaches files and folders. */
+#include "tavrix_module.h"
+
+#define CHANGING_ACCESS                                                                      \
+  (SEC_FILE_WRITE_DATA | SEC_FILE_APPEND_DATA | SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | \
+   SEC_STD_DELETE | SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER | SEC_GENERIC_WRITE | SEC_GENERIC_ALL)
+
+struct create_request {
+  struct tavrix_name name;
+  bool exists;
+  bool is_folder;
+  uint32_t access_mask;
+  uint32_t disposition;
+  uint32_t options;
+  e_fsop_type op; /* what was granted */
+};
+
+static bool wants_to_write(const struct create_request* request) {
+  return (request->access_mask & CHANGING_ACCESS) != 0;
+}
+
+static bool may_write(struct tavrix_connection* tavrix, const char* full) {
+  int is_nav = 0;
+  return tavrix->record->reserved_user != 0 ||
+         vfs_enforce_perms(tavrix->share, full, FSOP_OPEN_WRITE, &tavrix->record->groupmap, 0,
+                           &is_nav) == TXPERMS_HAS_PERMS;
+}
+
+/* "As much as I may have" of a file: smbd would take its own access list for the answer, which says
+ * everything, and open for writing what may only be read. */
+static void settle_maximum_access(struct tavrix_connection* tavrix,
+                                  struct create_request* request) {
+  if ((request->access_mask & SEC_FLAG_MAXIMUM_ALLOWED) == 0 || request->is_folder) return;
+  if (may_write(tavrix, request->name.full)) {
+    request->access_mask |= SEC_FILE_WRITE_DATA;
+  } else {
+    request->access_mask = (request->access_mask & ~SEC_FLAG_MAXIMUM_ALLOWED) | SEC_RIGHTS_FILE_READ |
+                           SEC_RIGHTS_FILE_EXECUTE;
+  }
+}
+
+static bool makes_folder(const struct create_request* request) {
+  return !request->exists &&
+         (request->disposition == FILE_CREATE || request->disposition == FILE_OPEN_IF);
+}
+
+static int ask_about_folder(struct tavrix_connection* tavrix, struct create_request* request) {
+  char* full = discard_const_p(char, request->name.full);
+  const int makes = makes_folder(request) ? 1 : 0;
+  request->op = makes ? FSOP_MKDIR : FSOP_OPENDIR;
+  return create_dir_preprocess((request->access_mask & SEC_STD_DELETE) != 0, request->name.name,
+                               &full, makes, tavrix->share, tavrix->record, &tavrix->perm_ctx);
+}
+
+static int ask_about_file(struct tavrix_connection* tavrix, struct create_request* request) {
+  char* full = discard_const_p(char, request->name.full);
+  int exists = 0;
+  e_open_mode mode = OPENMODE_INVALID;
+  const int write = wants_to_write(request) ? 1 : 0;
+  const int result = create_file_preprocess(
+      write, &full, request->name.name, request->name.name, &tavrix->perm_ctx, &exists,
+      request->access_mask, request->disposition, request->options, tavrix->share, tavrix->record);
+  request->exists = exists != 0;
+  request->op = FSOP_INVAL;
+  _get_op_create_file(request->name.name, request->disposition, request->options, exists, write,
+                      &request->op, &mode);
+  return result;
+}
+
+/* Root is given back before smbd goes on: what it does by itself it shall do as the client. The
+ * functions of the table that it comes to become root for themselves. */
+static int ask(struct tavrix_connection* tavrix, struct create_request* request) {
+  const int result = request->is_folder ? ask_about_folder(tavrix, request)
+                                        : ask_about_file(tavrix, request);
+  tavrix_give_back(tavrix);
+  return result;
+}
+
+static bool is_folder_request(const struct smb_filename* smb_fname, uint32_t options) {
+  if ((options & FILE_NON_DIRECTORY_FILE) != 0) return false;
+  if ((options & FILE_DIRECTORY_FILE) != 0) return true;
+  return VALID_STAT(smb_fname->st) && S_ISDIR(smb_fname->st.st_ex_mode);
+}
+
+static void record(struct vfs_handle_struct* handle, const struct create_request* request, int info,
+                   struct files_struct* fsp) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (info == FILE_WAS_CREATED && request->is_folder) {
+    create_dir_postprocess(request->name.full, tavrix->record);
+  } else if (info == FILE_WAS_CREATED) {
+    create_file_postprocess(tavrix->record, request->name.full);
+  } else if (info == FILE_WAS_OVERWRITTEN || info == FILE_WAS_SUPERSEDED) {
+    modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+    if (modified != NULL) modified->is_modified = 1; /* emptied by the open itself */
+  }
+}
+
+NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request* req,
+                            struct files_struct* dirfsp, struct smb_filename* smb_fname,
+                            uint32_t access_mask, uint32_t share_access,
+                            uint32_t create_disposition, uint32_t create_options,
+                            uint32_t file_attributes, uint32_t oplock_request,
+                            const struct smb2_lease* lease, uint64_t allocation_size,
+                            uint32_t private_flags, struct security_descriptor* sd,
+                            struct ea_list* ea_list, files_struct** result, int* pinfo,
+                            const struct smb2_create_blobs* in_context_blobs,
+                            struct smb2_create_blobs* out_context_blobs) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  struct create_request request = {.exists = VALID_STAT(smb_fname->st),
+                                   .is_folder = is_folder_request(smb_fname, create_options),
+                                   .access_mask = access_mask,
+                                   .disposition = create_disposition,
+                                   .options = create_options};
+  const bool is_ours = tavrix != NULL && tavrix_name_in_share(talloc_tos(), handle,
+                                                              smb_fname->base_name,
+                                                              &request.name) == 0;
+  if (is_ours) {
+    settle_maximum_access(tavrix, &request);
+    if (ask(tavrix, &request) != 0) return map_nt_error_from_unix(errno);
+  }
+
+  struct tavrix_connection outer = {0}; /* requests nest: a stream's opens its file */
+  if (is_ours) {
+    outer = *tavrix;
+    tavrix->granted_path = request.name.full;
+    tavrix->granted_op = request.op;
+    tavrix->is_granted_new = !request.exists;
+  }
+  int info = 0;
+  const NTSTATUS status = SMB_VFS_NEXT_CREATE_FILE(
+      handle, req, dirfsp, smb_fname, request.access_mask, share_access, create_disposition,
+      create_options, file_attributes, oplock_request, lease, allocation_size, private_flags, sd,
+      ea_list, result, &info, in_context_blobs, out_context_blobs);
+  if (is_ours) {
+    tavrix->granted_path = outer.granted_path;
+    tavrix->granted_op = outer.granted_op;
+    tavrix->is_granted_new = outer.is_granted_new;
+    if (NT_STATUS_IS_OK(status)) record(handle, &request, info, *result);
+  }
+  if (pinfo != NULL) *pinfo = info;
+  return status;
+}

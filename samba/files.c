@@ -1,0 +1,205 @@
+/* Opening, changing, closing and deleting files. */
+#include "tavrix_module.h"
+
+/* --- opening ---------------------------------------------------------------------------------- */
+
+/* smbd opens most things only to name them. */
+static bool only_names(const struct files_struct* fsp, const struct vfs_open_how* how) {
+  return fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
+}
+
+/* A reopen goes through /proc: the name is the descriptor's then. */
+static int name_of_open(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
+                        const struct files_struct* dirfsp, const struct smb_filename* smb_fname,
+                        const struct files_struct* fsp, struct tavrix_name* out) {
+  if (strncmp(smb_fname->base_name, "/proc/", strlen("/proc/")) == 0) {
+    return tavrix_name_of(ctx, handle, fsp->fsp_name->base_name, out);
+  }
+  return tavrix_name_at(ctx, handle, dirfsp, smb_fname, out);
+}
+
+static bool is_granted(const struct tavrix_connection* tavrix, const struct tavrix_name* name) {
+  return tavrix->granted_path != NULL && strcmp(tavrix->granted_path, name->full) == 0;
+}
+
+static e_fsop_type operation_of(e_open_mode mode) {
+  if (mode == OPENMODE_CREATE) return FSOP_CREATE;
+  return mode == OPENMODE_READ ? FSOP_OPEN_READ : FSOP_OPEN_WRITE;
+}
+
+/* Asks about the open itself. The request that is under way has asked the very same already, unless
+ * there is something to audit or to look up. */
+static int ask(struct tavrix_connection* tavrix, const struct tavrix_name* name,
+               const struct files_struct* fsp, int flags, int* is_new) {
+  e_open_mode mode = mode2tavrixmode(flags);
+  const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
+  const bool audits = tavrix->audit && mode == OPENMODE_READ;
+  if (is_granted(tavrix, name) && !deletes && !audits &&
+      operation_of(mode) == tavrix->granted_op) {
+    *is_new = tavrix->is_granted_new;
+    return 0;
+  }
+  e_fsop_type op = FSOP_INVAL;
+  struct stat st;
+  char* full = discard_const_p(char, name->full);
+  return open_preprocess(tavrix->share, name->name, &mode, &op, &full, is_new, deletes,
+                         tavrix->record, &st, tavrix->client, &tavrix->perm_ctx, tavrix->audit);
+}
+
+/* Whether the file changed while it was open; for its close. */
+static void watch_changes(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+  if (fsp->fsp_flags.is_directory || VFS_FETCH_FSP_EXTENSION(handle, fsp) != NULL) return;
+  modify_file_evt_s* modified = VFS_ADD_FSP_EXTENSION(handle, fsp, modify_file_evt_s, NULL);
+  if (modified != NULL) ZERO_STRUCTP(modified);
+}
+
+static int open_as_root(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                        const struct smb_filename* smb_fname, struct files_struct* fsp,
+                        const struct vfs_open_how* how, bool is_new) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (tavrix_raise(tavrix) != 0) return -1;
+  const int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+  if (fd >= 0 && is_new && (how->flags & O_CREAT) != 0) tavrix_give_to_owner(tavrix, fd);
+  tavrix_give_back(tavrix);
+  return fd;
+}
+
+static int open_for_client(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                           const struct smb_filename* smb_fname, struct files_struct* fsp,
+                           const struct vfs_open_how* how, const struct tavrix_name* name) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  int is_new = 0;
+  if (!fsp->fsp_flags.is_directory && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
+  const int fd = open_as_root(handle, dirfsp, smb_fname, fsp, how, is_new != 0);
+  if (fd < 0) return fd;
+  watch_changes(handle, fsp);
+  /* A create request records what it made, with a stamp. */
+  if (is_new && (how->flags & O_CREAT) != 0 && !is_granted(tavrix, name)) {
+    char* full = discard_const_p(char, name->full);
+    open_postprocess(NULL, &tavrix->perm_ctx, &full, is_new, tavrix->record);
+  }
+  return fd;
+}
+
+static int open_to_name(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                        const struct smb_filename* smb_fname, struct files_struct* fsp,
+                        const struct vfs_open_how* how, const struct tavrix_name* name) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (stat_preprocess(tavrix->record, name->name, tavrix->share, &tavrix->perm_ctx) != 0) {
+    return -1;
+  }
+  const int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+  tavrix_give_back(tavrix);
+  return fd;
+}
+
+int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                  const struct smb_filename* smb_fname, struct files_struct* fsp,
+                  const struct vfs_open_how* how) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_name name;
+  if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) {
+    return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+  }
+  return only_names(fsp, how)
+             ? open_to_name(handle, dirfsp, smb_fname, fsp, how, &name)
+             : open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
+}
+
+/* --- closing ---------------------------------------------------------------------------------- */
+
+/* What was deleted is recorded as that, and has no name to record a change under. */
+static bool is_deleted(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && st.st_nlink == 0;
+}
+
+int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+  const int fd = fsp_get_pathref_fd(fsp);
+  const bool tells = tavrix != NULL && modified != NULL && !fsp->fsp_flags.is_pathref &&
+                     (modified->is_modified != 0 || tavrix->audit);
+  if (tells && fd > 0 && !is_deleted(fd)) {
+    close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
+  }
+  return SMB_VFS_NEXT_CLOSE(handle, fsp);
+}
+
+/* --- deleting --------------------------------------------------------------------------------- */
+
+/* Names of the settings' patterns may always be deleted. */
+static bool may_always_be_deleted(const char* name) {
+  if (global_params[PARAM_CHECK_REGEX_UNLINK].value.intval == 0) return false;
+  char* last = child_from_path(name);
+  const bool found = last != NULL && is_deletable_file(last) == 1;
+  free(last);
+  return found;
+}
+
+static int ask_to_remove(struct tavrix_connection* tavrix, const struct tavrix_name* name,
+                         bool is_folder) {
+  if (is_folder) {
+    return rmdir_preprocess(name->full, tavrix->share, name->name, tavrix->record,
+                            &tavrix->perm_ctx);
+  }
+  if (may_always_be_deleted(name->name)) return tavrix_raise(tavrix);
+  return unlink_preprocess(tavrix->share, name->name, name->full, tavrix->record,
+                           &tavrix->perm_ctx);
+}
+
+int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                    const struct smb_filename* smb_fname, int flags) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  const bool is_folder = (flags & AT_REMOVEDIR) != 0;
+  struct tavrix_name name;
+  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0 ||
+      is_named_stream(smb_fname)) {
+    return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
+  }
+  if (ask_to_remove(tavrix, &name, is_folder) != 0) return -1;
+  const int result = SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
+  tavrix_give_back(tavrix);
+  if (result == 0 && is_folder) rmdir_postprocess(name.full, tavrix->record);
+  if (result == 0 && !is_folder) unlink_postprocess(name.full, tavrix->record);
+  return result;
+}
+
+/* --- times ------------------------------------------------------------------------------------ */
+
+static int folder_times(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                        struct smb_file_time* ft) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  ntimes_dir_preprocess(&tavrix->perm_ctx, fsp->fsp_name->base_name);
+  const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
+  const int keep = errno;
+  ntimes_dir_postprocess(tavrix->perm_ctx);
+  tavrix->perm_ctx = NULL;
+  errno = keep;
+  return result;
+}
+
+static int file_times(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                      struct smb_file_time* ft, const struct tavrix_name* name) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  char* full = NULL;
+  if (ntimes_file_preprocess(&full, tavrix->share, name->name, &tavrix->perm_ctx) != 0) return -1;
+  const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
+  tavrix_give_back(tavrix);
+  if (result == 0) ntimes_file_postprocess(full, tavrix->record);
+  free(full);
+  return result;
+}
+
+int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                   struct smb_file_time* ft) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_name name;
+  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) {
+    return SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
+  }
+  return fsp->fsp_flags.is_directory ? folder_times(handle, fsp, ft)
+                                     : file_times(handle, fsp, ft, &name);
+}

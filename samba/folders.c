@@ -1,0 +1,142 @@
+/* Making, listing and entering folders. */
+#include "tavrix_module.h"
+
+#define ENTRY_SIZE 8192 /* a folder's path and an entry's name */
+
+/* --- making ----------------------------------------------------------------------------------- */
+
+static bool is_granted(const struct tavrix_connection* tavrix, const struct tavrix_name* name) {
+  return tavrix->granted_path != NULL && tavrix->granted_op == FSOP_MKDIR &&
+         strcmp(tavrix->granted_path, name->full) == 0;
+}
+
+int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                   const struct smb_filename* smb_fname, mode_t mode) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  struct tavrix_name name;
+  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) {
+    return SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
+  }
+  /* The create request around this asked the very same, and records what it makes. */
+  const bool granted = is_granted(tavrix, &name);
+  const int asked = granted ? tavrix_raise(tavrix)
+                            : mkdir_preprocess(tavrix->share, name.name, name.full, tavrix->record,
+                                               &tavrix->perm_ctx);
+  if (asked != 0) return -1;
+  const int result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
+  if (result == 0) tavrix_give_path_to_owner(tavrix, name.full);
+  tavrix_give_back(tavrix);
+  if (result == 0 && !granted) {
+    char* full = discard_const_p(char, name.full);
+    mkdir_postprocess(tavrix->record, &full);
+  }
+  return result;
+}
+
+/* --- listing ---------------------------------------------------------------------------------- */
+
+/* A listing that a client asked for hides what its user may not see. */
+struct listing {
+  DIR* dirp;
+  const char* base; /* the folder, relative to the share */
+};
+
+static void remember_listing(struct vfs_handle_struct* handle, files_struct* fsp, DIR* dirp,
+                             const struct tavrix_name* name) {
+  struct listing* listing = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+  if (listing == NULL) listing = VFS_ADD_FSP_EXTENSION(handle, fsp, struct listing, NULL);
+  if (listing == NULL) return;
+  const bool is_share = tavrix_is_share(tavrix_connection_of(handle), name);
+  listing->dirp = dirp;
+  listing->base =
+      talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_share ? "." : name->name);
+}
+
+DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
+                      uint32_t attributes) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  struct tavrix_name name;
+  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) {
+    return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
+  }
+  const bool is_share = tavrix_is_share(tavrix, &name);
+  int is_nav = 0;
+  const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
+  /* The share itself is for everybody. */
+  const int asked = is_share ? tavrix_raise(tavrix)
+                             : fdopendir_preprocess(tavrix->share, name.name, deletes,
+                                                    tavrix->record, &is_nav, &tavrix->perm_ctx);
+  if (asked != 0) return NULL;
+  DIR* dirp = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
+  tavrix_give_back(tavrix);
+  /* Without a mask it is smbd that looks for a name or for what is left: it must see everything. */
+  if (dirp != NULL && mask != NULL) remember_listing(handle, fsp, dirp, &name);
+  return dirp;
+}
+
+static bool is_self_or_parent(const char* name) {
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+static bool may_see(struct tavrix_connection* tavrix, const struct listing* listing,
+                    const char* name) {
+  char full[ENTRY_SIZE];
+  int allowed = TXPERMS_NO_PERM;
+  /* The hook clears as much as it is given: no more than this name needs. */
+  const size_t needed = strlen(listing->base) + strlen(name) + 2;
+  if (needed > sizeof full) return false;
+  readir_postprocess(&allowed, name, listing->base, full, (int)needed, tavrix->share,
+                     tavrix->record);
+  return allowed == TXPERMS_HAS_PERMS;
+}
+
+struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                              DIR* dirp, SMB_STRUCT_STAT* sbuf) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  const struct listing* listing =
+      tavrix != NULL ? VFS_FETCH_FSP_EXTENSION(handle, dirfsp) : NULL;
+  if (listing == NULL || listing->dirp != dirp || listing->base == NULL) {
+    return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+  }
+  for (;;) {
+    struct dirent* entry = SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+    if (entry == NULL || is_self_or_parent(entry->d_name)) return entry;
+    if (may_see(tavrix, listing, entry->d_name)) return entry;
+  }
+}
+
+int tavrix_closedir(struct vfs_handle_struct* handle, DIR* dirp) {
+  /* A later listing may get the same stream; its own opening says whether it hides anything. */
+  return SMB_VFS_NEXT_CLOSEDIR(handle, dirp);
+}
+
+/* --- entering --------------------------------------------------------------------------------- */
+
+int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  struct tavrix_name name;
+  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
+    return SMB_VFS_NEXT_CHDIR(handle, smb_fname);
+  }
+  if (chdir_preprocess(name.name, tavrix->share, tavrix->record, &tavrix->perm_ctx) != 0) return -1;
+  const int result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
+  tavrix_give_back(tavrix);
+  return result;
+}
+
+/* smbd makes names canonical on the way; that decides nothing and tells the client nothing. */
+struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
+                                     const struct smb_filename* smb_fname) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (tavrix == NULL || tavrix_raise(tavrix) != 0) {
+    return SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
+  }
+  struct smb_filename* result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
+  tavrix_give_back(tavrix);
+  return result;
+}

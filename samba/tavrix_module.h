@@ -1,0 +1,163 @@
+/* The reference module of libtavrix for Samba.
+ *
+ * Copyright (C) 2026 the libtavrix developers. This module is free software under the terms of the
+ * GNU General Public License, version 3 or later, as Samba is (see COPYING in this folder).
+ *
+ * Every function of the table asks the library before the operation, runs the operation as root
+ * where the library left it so, gives root back on every path, and records what succeeded. */
+#ifndef TAVRIX_MODULE_H
+#define TAVRIX_MODULE_H
+
+/* clang-format off: Samba's headers in the order they need */
+#include "includes.h"
+#include "smbd/smbd.h"
+#include "smbd/globals.h"
+#include "auth.h"
+#include "system/filesys.h"
+/* clang-format on */
+
+#include "tavrix.h"
+
+#ifndef TAVRIX_MODULE_NAME
+#define TAVRIX_MODULE_NAME "tavrix"
+#endif
+
+/* One tree connection. */
+struct tavrix_connection {
+  connection_private_data_s* record;
+  tx_perm_ctx_t* perm_ctx; /* the slot of hooks that leave the process root; null between them */
+  const char* share;       /* the connect path */
+  const char* client;      /* address, for audit records */
+  int audit;
+  uid_t owner_uid; /* of what clients make; -1: the client */
+  gid_t owner_gid;
+  /* What the create request that is under way was granted, so that the same question is not asked
+   * twice: null outside of one. */
+  const char* granted_path;
+  e_fsop_type granted_op;
+  int is_granted_new; /* the request makes the object: its own hook records that */
+};
+
+/* A handle's connection; null where the module is not connected. */
+struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle);
+const char* tavrix_option(struct vfs_handle_struct* handle, const char* name, const char* otherwise);
+
+/* --- names -------------------------------------------------------------------------------------
+ * The library wants names relative to the share, and full paths. smbd's names are relative to its
+ * working folder or to a folder that is open. Null: not below the share, which is nobody's business
+ * here. The share itself is named by its full path, as the hooks know it. */
+struct tavrix_name {
+  const char* name; /* relative to the share */
+  const char* full; /* the share, a slash, the name */
+};
+int tavrix_name_of(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* base_name,
+                   struct tavrix_name* out);
+int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
+                   const struct files_struct* dirfsp, const struct smb_filename* smb_fname,
+                   struct tavrix_name* out);
+int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
+                         struct tavrix_name* out);
+int tavrix_is_share(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
+
+/* --- identity --------------------------------------------------------------------------------- */
+
+/* Root for an operation that needs no decision. 0 or -1 with errno. */
+int tavrix_raise(struct tavrix_connection* tavrix);
+/* After every hook that may have left the process root; errno survives. */
+void tavrix_give_back(struct tavrix_connection* tavrix);
+/* What was made belongs to the settings' user, or to the client. */
+void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd);
+void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const char* full);
+
+/* In a debug build every function of the table compares the identity at its end with the one at its
+ * beginning, and ends the process when they differ. */
+struct tavrix_ids {
+  uid_t real, effective, saved;
+};
+struct tavrix_ids tavrix_ids_now(void);
+void tavrix_check_ids(const struct tavrix_ids* before);
+#ifdef TAVRIX_CHECK_IDENTITY
+#define TAVRIX_KEEPS_IDENTITY \
+  __attribute__((cleanup(tavrix_check_ids_of))) struct tavrix_ids ids_before_ = tavrix_ids_now()
+static inline void tavrix_check_ids_of(struct tavrix_ids* before) { tavrix_check_ids(before); }
+#else
+#define TAVRIX_KEEPS_IDENTITY \
+  do {                        \
+  } while (0)
+#endif
+
+/* --- the functions of the table --------------------------------------------------------------- */
+
+int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user);
+void tavrix_disconnect(struct vfs_handle_struct* handle);
+
+NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request* req,
+                            struct files_struct* dirfsp, struct smb_filename* smb_fname,
+                            uint32_t access_mask, uint32_t share_access,
+                            uint32_t create_disposition, uint32_t create_options,
+                            uint32_t file_attributes, uint32_t oplock_request,
+                            const struct smb2_lease* lease, uint64_t allocation_size,
+                            uint32_t private_flags, struct security_descriptor* sd,
+                            struct ea_list* ea_list, files_struct** result, int* pinfo,
+                            const struct smb2_create_blobs* in_context_blobs,
+                            struct smb2_create_blobs* out_context_blobs);
+
+int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                  const struct smb_filename* smb_fname, struct files_struct* fsp,
+                  const struct vfs_open_how* how);
+int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp);
+int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                    const struct smb_filename* smb_fname, int flags);
+int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                   struct smb_file_time* ft);
+
+ssize_t tavrix_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp, const void* data,
+                      size_t n, off_t offset);
+struct tevent_req* tavrix_pwrite_send(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
+                                      struct tevent_context* ev, struct files_struct* fsp,
+                                      const void* data, size_t n, off_t offset);
+ssize_t tavrix_pwrite_recv(struct tevent_req* req, struct vfs_aio_state* state);
+ssize_t tavrix_recvfile(struct vfs_handle_struct* handle, int from_fd, files_struct* to_fsp,
+                        off_t offset, size_t count);
+int tavrix_ftruncate(struct vfs_handle_struct* handle, struct files_struct* fsp, off_t offset);
+int tavrix_fallocate(struct vfs_handle_struct* handle, struct files_struct* fsp, uint32_t mode,
+                     off_t offset, off_t len);
+struct tevent_req* tavrix_offload_write_send(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
+                                             struct tevent_context* ev, uint32_t fsctl,
+                                             DATA_BLOB* token, off_t transfer_offset,
+                                             struct files_struct* dest_fsp, off_t dest_off,
+                                             off_t to_copy);
+NTSTATUS tavrix_offload_write_recv(struct vfs_handle_struct* handle, struct tevent_req* req,
+                                   off_t* copied);
+
+int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                   const struct smb_filename* smb_fname, mode_t mode);
+DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
+                      uint32_t attributes);
+struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                              DIR* dirp, SMB_STRUCT_STAT* sbuf);
+int tavrix_closedir(struct vfs_handle_struct* handle, DIR* dirp);
+int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname);
+struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
+                                     const struct smb_filename* smb_fname);
+
+int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdir_fsp,
+                    const struct smb_filename* smb_fname_src, struct files_struct* dstdir_fsp,
+                    const struct smb_filename* smb_fname_dst);
+
+int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname);
+int tavrix_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname);
+int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                   const struct smb_filename* smb_fname, SMB_STRUCT_STAT* sbuf, int flags);
+int tavrix_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
+                   struct vfs_statvfs_struct* statbuf);
+uint64_t tavrix_disk_free(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
+                          uint64_t* bsize, uint64_t* dfree, uint64_t* dsize);
+
+NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                            uint32_t security_info, TALLOC_CTX* mem_ctx,
+                            struct security_descriptor** ppdesc);
+NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                            uint32_t security_info_sent, const struct security_descriptor* psd);
+
+#endif

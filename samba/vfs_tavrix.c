@@ -1,0 +1,39 @@
+/* The table of the module, and its registration. */
+#include "tavrix_module.h"
+
+static struct vfs_fn_pointers tavrix_functions = {
+    .connect_fn = tavrix_connect,
+    .disconnect_fn = tavrix_disconnect,
+    .disk_free_fn = tavrix_disk_free,
+    .statvfs_fn = tavrix_statvfs,
+    .fdopendir_fn = tavrix_fdopendir,
+    .readdir_fn = tavrix_readdir,
+    .closedir_fn = tavrix_closedir,
+    .mkdirat_fn = tavrix_mkdirat,
+    .openat_fn = tavrix_openat,
+    .create_file_fn = tavrix_create_file,
+    .close_fn = tavrix_close,
+    .pwrite_fn = tavrix_pwrite,
+    .pwrite_send_fn = tavrix_pwrite_send,
+    .pwrite_recv_fn = tavrix_pwrite_recv,
+    .recvfile_fn = tavrix_recvfile,
+    .renameat_fn = tavrix_renameat,
+    .stat_fn = tavrix_stat,
+    .lstat_fn = tavrix_lstat,
+    .fstatat_fn = tavrix_fstatat,
+    .unlinkat_fn = tavrix_unlinkat,
+    .chdir_fn = tavrix_chdir,
+    .realpath_fn = tavrix_realpath,
+    .fntimes_fn = tavrix_fntimes,
+    .ftruncate_fn = tavrix_ftruncate,
+    .fallocate_fn = tavrix_fallocate,
+    .offload_write_send_fn = tavrix_offload_write_send,
+    .offload_write_recv_fn = tavrix_offload_write_recv,
+    .fget_nt_acl_fn = tavrix_fget_nt_acl,
+    .fset_nt_acl_fn = tavrix_fset_nt_acl,
+};
+
+_PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx);
+_PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx) {
+  return smb_register_vfs(SMB_VFS_INTERFACE_VERSION, TAVRIX_MODULE_NAME, &tavrix_functions);
+}

@@ -1,0 +1,94 @@
+# A real smbd in a private world (see world.sh), with the reference module in front of /tavrix.
+# Sourced inside the world. Everything lies under /scratch/samba.
+
+samba_folder=/scratch/samba
+samba_modules=/usr/lib/x86_64-linux-gnu/samba
+
+# The module where smbd looks for it, the comparison library under the name libtavrix opens, and
+# account files that may be written: all of it in this world only.
+# usage: prepare_samba_world MODULE_FILE
+prepare_samba_world() {
+  local layer=/scratch/.samba_layer
+  mkdir -p $layer/{upper,work} $samba_folder/{private,lock,state,cache,pid,ncalrpc,log}
+  # An overlay needs a file system below that can be one.
+  mount -t tmpfs tmpfs $layer
+  mkdir -p $layer/{upper,work}
+  mount -t overlay overlay -o "lowerdir=$samba_modules,upperdir=$layer/upper,workdir=$layer/work" \
+    $samba_modules
+  mkdir -p $samba_modules/vfs
+  cp "$1" "$samba_modules/vfs/$(basename "$1")"
+  [ -e $samba_modules/libsamdb-common.so.0 ] ||
+    ln -s libsamdb-common-samba4.so.0 $samba_modules/libsamdb-common.so.0
+  local file
+  for file in passwd group shadow gshadow; do
+    [ ! -L /etc/$file ] || cp --remove-destination "$(readlink -f /etc/$file)" /etc/$file
+  done
+  ip link set lo up
+}
+
+# usage: write_smb_conf MODULE [LINE]...   (lines of the share's section)
+write_smb_conf() {
+  local module=$1
+  shift
+  cat >$samba_folder/smb.conf <<CONF
+[global]
+  server role = standalone server
+  workgroup = TAVRIX
+  interfaces = 127.0.0.1/8
+  bind interfaces only = yes
+  smb ports = 445
+  disable netbios = yes
+  disable spoolss = yes
+  load printers = no
+  printing = bsd
+  printcap name = /dev/null
+  map to guest = never
+  passdb backend = tdbsam:$samba_folder/private/passdb.tdb
+  private dir = $samba_folder/private
+  lock directory = $samba_folder/lock
+  state directory = $samba_folder/state
+  cache directory = $samba_folder/cache
+  pid directory = $samba_folder/pid
+  ncalrpc dir = $samba_folder/ncalrpc
+  log file = $samba_folder/log/smbd.log
+  log level = 0
+  debug uid = yes
+  max log size = 0
+
+[tavrix]
+  path = /tavrix
+  read only = no
+  hide dot files = no
+  case sensitive = yes
+  store dos attributes = no
+  map archive = no
+  nt acl support = yes
+$([ -z "$module" ] || echo "  vfs objects = $module")
+$(printf '  %s\n' "$@")
+CONF
+}
+
+# usage: add_samba_user NAME UID GID   (the password is the name)
+add_samba_user() {
+  echo "$1:x:$2:$3::/:/bin/false" >>/etc/passwd
+  printf '%s\n%s\n' "$1" "$1" | smbpasswd -c $samba_folder/smb.conf -s -a "$1" >/dev/null
+}
+
+start_smbd() {
+  smbd --foreground --no-process-group --configfile=$samba_folder/smb.conf \
+    >$samba_folder/log/stdout 2>&1 &
+  echo $! >$samba_folder/smbd.pid
+  local try
+  for try in {1..200}; do
+    ! (exec 3<>/dev/tcp/127.0.0.1/445) 2>/dev/null || return 0
+    sleep 0.05
+  done
+  echo "smbd did not start" >&2
+  cat $samba_folder/log/* >&2
+  return 1
+}
+
+# usage: smb USER COMMANDS   (of smbclient)
+smb() {
+  smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U "$1%$1" -c "$2"
+}
