@@ -44,12 +44,26 @@ static bool makes_folder(const struct create_request* request) {
          (request->disposition == FILE_CREATE || request->disposition == FILE_OPEN_IF);
 }
 
+/* A folder that is opened to be removed or renamed: the fixed ones are the administrators'. smbd
+ * opens it for nothing else then, so no later function of the table would see what it is for. */
+static int ask_about_removal(struct tavrix_connection* tavrix,
+                             const struct create_request* request) {
+  int is_nav = 0;
+  return fdopendir_preprocess(tavrix->share, request->name.name, 1, tavrix->record, &is_nav,
+                              &tavrix->perm_ctx);
+}
+
 static int ask_about_folder(struct tavrix_connection* tavrix, struct create_request* request) {
   char* full = discard_const_p(char, request->name.full);
   const int makes = makes_folder(request) ? 1 : 0;
   request->op = makes ? FSOP_MKDIR : FSOP_OPENDIR;
-  return create_dir_preprocess((request->access_mask & SEC_STD_DELETE) != 0, request->name.name,
-                               &full, makes, tavrix->share, tavrix->record, &tavrix->perm_ctx);
+  const bool removes = (request->access_mask & SEC_STD_DELETE) != 0;
+  const int result =
+      create_dir_preprocess(removes ? 1 : 0, request->name.name, &full, makes, tavrix->share,
+                            tavrix->record, &tavrix->perm_ctx);
+  if (result != 0 || !removes || !request->exists) return result;
+  tavrix_give_back(tavrix);
+  return ask_about_removal(tavrix, request);
 }
 
 static int ask_about_file(struct tavrix_connection* tavrix, struct create_request* request) {

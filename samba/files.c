@@ -69,6 +69,7 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
                            const struct vfs_open_how* how, const struct tavrix_name* name) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   int is_new = 0;
+  /* Opening a folder was asked by the request. */
   if (!fsp->fsp_flags.is_directory && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
   const int fd = open_as_root(handle, dirfsp, smb_fname, fsp, how, is_new != 0);
   if (fd < 0) return fd;
@@ -164,6 +165,37 @@ int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
   tavrix_give_back(tavrix);
   if (result == 0 && is_folder) rmdir_postprocess(name.full, tavrix->record);
   if (result == 0 && !is_folder) unlink_postprocess(name.full, tavrix->record);
+  return result;
+}
+
+/* --- attributes ------------------------------------------------------------------------------- */
+
+/* A handle that may write attributes was granted as one that writes; on the disk the file may be
+ * another user's. */
+static bool may_write_attributes(const struct files_struct* fsp) {
+  return (fsp->access_mask & (SEC_FILE_WRITE_ATTRIBUTE | SEC_FILE_WRITE_DATA)) != 0;
+}
+
+int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (tavrix == NULL || !may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
+    return SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
+  }
+  const int result = SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
+  tavrix_give_back(tavrix);
+  return result;
+}
+
+NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                                    uint32_t dosmode) {
+  TAVRIX_KEEPS_IDENTITY;
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (tavrix == NULL || !may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
+    return SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
+  }
+  const NTSTATUS result = SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
+  tavrix_give_back(tavrix);
   return result;
 }
 

@@ -108,6 +108,9 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
 int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp);
 int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                     const struct smb_filename* smb_fname, int flags);
+int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode);
+NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                                    uint32_t dosmode);
 int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                    struct smb_file_time* ft);
 

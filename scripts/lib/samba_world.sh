@@ -60,8 +60,6 @@ write_smb_conf() {
   read only = no
   hide dot files = no
   case sensitive = yes
-  store dos attributes = no
-  map archive = no
   nt acl support = yes
 $([ -z "$module" ] || echo "  vfs objects = $module")
 $(printf '  %s\n' "$@")
@@ -71,11 +69,17 @@ CONF
 # usage: add_samba_user NAME UID GID   (the password is the name)
 add_samba_user() {
   echo "$1:x:$2:$3::/:/bin/false" >>/etc/passwd
+  set_samba_password "$1"
+}
+
+# usage: set_samba_password NAME   (the password is the name)
+set_samba_password() {
   printf '%s\n%s\n' "$1" "$1" | smbpasswd -c $samba_folder/smb.conf -s -a "$1" >/dev/null
 }
 
+# In a session of its own: at its end smbd ends its whole process group.
 start_smbd() {
-  smbd --foreground --no-process-group --configfile=$samba_folder/smb.conf \
+  setsid smbd --foreground --no-process-group --configfile=$samba_folder/smb.conf \
     >$samba_folder/log/stdout 2>&1 &
   echo $! >$samba_folder/smbd.pid
   local try
@@ -86,6 +90,11 @@ start_smbd() {
   echo "smbd did not start" >&2
   cat $samba_folder/log/* >&2
   return 1
+}
+
+stop_smbd() {
+  kill "$(cat $samba_folder/smbd.pid)" 2>/dev/null || return 0
+  while pgrep -s "$(cat $samba_folder/smbd.pid)" >/dev/null; do sleep 0.02; done
 }
 
 # usage: smb USER COMMANDS   (of smbclient)

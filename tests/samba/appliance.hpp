@@ -1,0 +1,130 @@
+// A real smbd with the reference module, in a world of the test's own: its own network, users,
+// settings, map, event store. Clients are real too.
+#pragma once
+
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/hooks/session.hpp"
+
+namespace tavrix::test {
+
+using Lines = std::vector<std::string>;
+
+class Appliance : public Hooks {
+ protected:
+  void SetUp() override {
+    Hooks::SetUp();
+    share_settings();
+    ASSERT_EQ(0, unshare(CLONE_NEWNET));
+    bash("prepare_samba_world " + module_file());
+    configure({});
+    for (const Caller& caller : all_callers()) set_password(caller.name);
+    set_password("pc7$");
+  }
+  void TearDown() override { stop_smbd(); }
+
+  // The debug build of the module ends a process that leaves a hook with another identity.
+  static std::string module_name() { return "tavrix_debug"; }
+  static std::string module_file() {
+    return std::string(TAVRIX_BUILD_DIR) + "/samba/" + module_name() + ".so";
+  }
+  // Runs commands with the vocabulary of scripts/lib/samba_world.sh.
+  static Outcome run_bash(const std::string& commands) {
+    return run_program(
+        {"bash", "-euo", "pipefail", "-c",
+         "cd " TAVRIX_SOURCE_DIR "; source scripts/lib/samba_world.sh; " + commands});
+  }
+  static void bash(const std::string& commands) {
+    const Outcome outcome = run_bash(commands);
+    ASSERT_TRUE(outcome.ok()) << commands << "\n" << outcome.out << outcome.err;
+  }
+  // Options of the share; smbd sees them at its next start.
+  static void configure(const Lines& options, const std::string& module = module_name()) {
+    std::string words;
+    for (const std::string& option : options) words += " '" + option + "'";
+    bash("write_smb_conf '" + module + "'" + words);
+  }
+  static void set_password(const std::string& user) { bash("set_samba_password '" + user + "'"); }
+  static void start_smbd() { bash("start_smbd"); }
+  static void stop_smbd() { run_bash("stop_smbd"); }
+
+  // What smbclient says to commands of that user.
+  static std::string smb(const std::string& user, const std::string& commands) {
+    const Outcome outcome =
+        run_program({"smbclient", "-s", "/scratch/samba/smb.conf", "//127.0.0.1/tavrix", "-U",
+                     user + "%" + user, "-c", commands});
+    return outcome.out + outcome.err;
+  }
+  static std::string smb(const Caller& caller, const std::string& commands) {
+    return smb(caller.name, commands);
+  }
+  // The names in a folder, as the user sees them.
+  static std::set<std::string> listing(const std::string& user, const std::string& folder) {
+    std::set<std::string> names;
+    std::istringstream in(smb(user, "ls \"" + folder + "\\*\""));
+    for (std::string line; std::getline(in, line);) {
+      if (!line.starts_with("  ")) continue;
+      const std::string name = line.substr(2, line.find_first_of(" ", 2) - 2);
+      if (name != "." && name != "..") names.insert(name);
+    }
+    return names;
+  }
+  // Events since the last call, in order, below the share.
+  Lines new_events() {
+    Lines all;
+    for (const std::string& line : event_lines()) {
+      std::string text;
+      std::istringstream words(line);
+      for (std::string word; words >> word;) {
+        if (word == "FILE" || word == "DIR") continue;
+        const std::string share = "/tavrix/";
+        text += (text.empty() ? "" : " ") +
+                (word.starts_with(share) ? word.substr(share.size()) : word);
+      }
+      all.push_back(text);
+    }
+    const Lines fresh(all.begin() + static_cast<std::ptrdiff_t>(told_), all.end());
+    told_ = all.size();
+    return fresh;
+  }
+  static bool denied(const std::string& answer) {
+    return answer.find("NT_STATUS_ACCESS_DENIED") != std::string::npos;
+  }
+  static bool succeeded(const std::string& answer) {
+    return answer.find("NT_STATUS_") == std::string::npos;
+  }
+  static std::string smbd_log() { return read_file("/scratch/samba/log/smbd.log"); }
+
+ private:
+  std::size_t told_ = 0;
+};
+
+// A connection that stays open: commands go in one by one.
+class Client {
+ public:
+  explicit Client(const std::string& user);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  // Sends a command and returns what was answered to it.
+  std::string say(const std::string& command);
+  // Processes of the server that serve clients.
+  static std::vector<pid_t> servers();
+
+ private:
+  pid_t pid_ = 0;
+  int in_ = -1;
+  int out_ = -1;
+  int said_ = 0;
+  bool send(const std::string& line);
+  std::string read_until(const std::string& mark);
+};
+
+}  // namespace tavrix::test
