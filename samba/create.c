@@ -16,7 +16,9 @@ struct create_request {
 };
 
 static bool wants_to_write(const struct create_request* request) {
-  return (request->access_mask & CHANGING_ACCESS) != 0;
+  const uint32_t changes = request->access_mask & CHANGING_ACCESS;
+  if (changes == SEC_STD_DELETE) return !tavrix_may_always_be_deleted(request->name.name);
+  return changes != 0;
 }
 
 static bool may_write(struct tavrix_connection* tavrix, const char* full) {

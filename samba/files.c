@@ -130,8 +130,7 @@ int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
 
 /* --- deleting --------------------------------------------------------------------------------- */
 
-/* Names of the settings' patterns may always be deleted. */
-static bool may_always_be_deleted(const char* name) {
+bool tavrix_may_always_be_deleted(const char* name) {
   if (global_params[PARAM_CHECK_REGEX_UNLINK].value.intval == 0) return false;
   char* last = child_from_path(name);
   const bool found = last != NULL && is_deletable_file(last) == 1;
@@ -145,7 +144,7 @@ static int ask_to_remove(struct tavrix_connection* tavrix, const struct tavrix_n
     return rmdir_preprocess(name->full, tavrix->share, name->name, tavrix->record,
                             &tavrix->perm_ctx);
   }
-  if (may_always_be_deleted(name->name)) return tavrix_raise(tavrix);
+  if (tavrix_may_always_be_deleted(name->name)) return tavrix_raise(tavrix);
   return unlink_preprocess(tavrix->share, name->name, name->full, tavrix->record,
                            &tavrix->perm_ctx);
 }

@@ -86,6 +86,9 @@ static inline void tavrix_check_ids_of(struct tavrix_ids* before) { tavrix_check
   } while (0)
 #endif
 
+/* Names of the settings' patterns may be deleted by everybody, where the settings say so. */
+bool tavrix_may_always_be_deleted(const char* name);
+
 /* --- the functions of the table --------------------------------------------------------------- */
 
 int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user);

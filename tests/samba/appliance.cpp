@@ -73,15 +73,19 @@ std::string Client::say(const std::string& command) {
   return read_until(mark);
 }
 
+// The processes of this world's server that have the module: it is loaded for a client only.
 std::vector<pid_t> Client::servers() {
-  // Children of the main server whose command line is the server's, and that have the module.
+  const std::string session = read_file("/scratch/samba/smbd.pid");
+  std::istringstream in(
+      run_program({"pgrep", "-s", std::to_string(std::atoi(session.c_str()))}).out);
   std::vector<pid_t> found;
-  for (const std::string& name : list("/proc")) {
-    const pid_t pid = std::atoi(name.c_str());
-    if (pid <= 0) continue;
-    std::ifstream maps("/proc/" + name + "/maps");
-    const std::string text((std::istreambuf_iterator<char>(maps)), {});
-    if (text.find("vfs/tavrix") != std::string::npos) found.push_back(pid);
+  for (pid_t pid = 0; in >> pid;) {
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+    for (std::string line; std::getline(maps, line);) {
+      if (line.find("vfs/tavrix") == std::string::npos) continue;
+      found.push_back(pid);
+      break;
+    }
   }
   return found;
 }

@@ -1,0 +1,172 @@
+// Many clients for a long time, while everything around them moves.
+
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/stat.h>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <random>
+
+#include "tests/samba/appliance.hpp"
+
+namespace tavrix::test {
+namespace {
+
+constexpr int kClients = 32;
+constexpr int kSeconds = 120;
+
+class Storm : public Appliance {
+ protected:
+  static std::string name_of(int client) { return "c" + std::to_string(client); }
+
+  // Random work in the client's own folder; what a command meets there is chance.
+  static std::string commands_of(int client, std::mt19937& random) {
+    std::string commands = "cd Shared\\Team\\" + name_of(client);
+    const auto some = [&random](const char* kind) {
+      return kind + std::to_string(random() % 3) + (random() % 3 == 0 ? "" : "x");
+    };
+    const auto path = [&](const char* kind) {
+      return (random() % 2 == 0 ? some("d") + "\\" : "") + some(kind);
+    };
+    for (int i = 0; i < 12; ++i) {
+      switch (random() % 9) {
+        case 0:
+          commands += "; mkdir " + path("d");
+          break;
+        case 1:
+          commands += "; put /scratch/data.txt " + path("f");
+          break;
+        case 2:
+          commands += "; put /scratch/data.txt " + path("f");
+          break;
+        case 3:
+          commands += "; rm " + path("f");
+          break;
+        case 4:
+          commands += "; rmdir " + path("d");
+          break;
+        case 5:
+          commands += "; rename " + path("f") + " " + path("f");
+          break;
+        case 6:
+          commands += "; rename " + some("d") + " " + some("d");
+          break;
+        case 7:
+          commands += "; get " + path("f") + " /dev/null";
+          break;
+        default:
+          commands += "; ls";
+          break;
+      }
+    }
+    return commands;
+  }
+  static void work(int client) {
+    std::mt19937 random(static_cast<unsigned>(client) + 1);
+    const std::string user = client % 3 == 0 ? "Administrator" : "Anna";
+    while (!exists("/scratch/stop")) {
+      const std::string command = "smbclient -s /scratch/samba/smb.conf //127.0.0.1/tavrix -U " +
+                                  user + "%" + user + " -c '" + commands_of(client, random) + "'";
+      // One client in four is killed in the middle of what it does.
+      const std::string limit = random() % 4 == 0 ? "timeout -s KILL 0.1 " : "timeout 60 ";
+      run_program({"bash", "-c", limit + command});
+    }
+  }
+  // The tree that the events tell of, begun from nothing.
+  static std::map<std::string, bool> told_tree(const std::string& below) {
+    std::map<std::string, bool> tree;
+    for (const std::string& line : event_lines()) {
+      std::istringstream in(line);
+      std::string type, kind, path, arrow, target;
+      in >> type >> kind >> path >> arrow >> target;
+      if (!path.starts_with(below)) continue;
+      if (type == "MKDIR" || type == "CREATE") tree[path] = kind == "DIR";
+      if (type == "UNLINK" || type == "RMDIR") tree.erase(path);
+      if (type != "RENAME") continue;
+      std::map<std::string, bool> moved;
+      for (const auto& [old, is_dir] : tree) {
+        const bool moves = old == path || old.starts_with(path + "/");
+        if (!moves && old != target) moved.emplace(old, is_dir);
+        if (moves) moved[target + old.substr(path.size())] = is_dir;
+      }
+      tree = std::move(moved);
+    }
+    return tree;
+  }
+  static std::map<std::string, bool> tree_on_disk(const std::string& below) {
+    std::map<std::string, bool> tree;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(below)) {
+      tree[entry.path()] = entry.is_directory();
+    }
+    return tree;
+  }
+  static int descriptors_of_smbd() {
+    return static_cast<int>(
+        list("/proc/" + std::to_string(std::stoi(read_file("/scratch/samba/smbd.pid"))) + "/fd")
+            .size());
+  }
+  static void wait_for_servers_to_go() {
+    for (int waited = 0; !Client::servers().empty() && waited < 200; ++waited) usleep(50000);
+    EXPECT_TRUE(Client::servers().empty());
+  }
+};
+
+TEST_F(Storm, EventsEqualTheDiskAndNothingIsLeft) {
+  write_file("/scratch/data.txt", "some data\n");
+  for (int client = 0; client < kClients; ++client) {
+    make_folder("Shared/Team/" + name_of(client), kAnna.uid);
+  }
+  start_smbd();
+  smb("Anna", "ls");
+  wait_for_servers_to_go();
+  const int segments = segments_in_use();
+  const int descriptors = descriptors_of_smbd();
+  {
+    Child loader([] {
+      while (!exists("/scratch/stop")) {
+        publish(build_image(share_map(), {}));
+        const timespec times[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
+        utimensat(AT_FDCWD, "/etc/tavrix/permission_refresh", times, 0);
+        utimensat(AT_FDCWD, "/etc/tavrix/groupmap_refresh", times, 0);
+        sleep(1);
+      }
+    });
+    Child sweeper([] {
+      while (!exists("/scratch/stop")) {
+        ASSERT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+        usleep(100000);
+      }
+    });
+    std::vector<std::unique_ptr<Child>> clients;
+    for (int client = 0; client < kClients; ++client) {
+      clients.push_back(std::make_unique<Child>([client] { work(client); }));
+    }
+    sleep(kSeconds);
+    write_file("/scratch/stop", "");
+    for (auto& client : clients) EXPECT_TRUE(client->wait().ok());
+    EXPECT_TRUE(loader.wait().ok());
+    EXPECT_TRUE(sweeper.wait().ok());
+  }
+  wait_for_servers_to_go();
+  const std::string log = smbd_log();
+  for (const char* trouble : {"PANIC", "INTERNAL ERROR", "identity left", "Assertion"}) {
+    EXPECT_EQ(std::string::npos, log.find(trouble)) << trouble;
+  }
+  EXPECT_FALSE(exists("/tavrix/.conf/sync.off"));
+  std::size_t compared = 0;
+  for (int client = 0; client < kClients; ++client) {
+    const std::string folder = full("Shared/Team/" + name_of(client));
+    const auto told = told_tree(folder + "/");
+    EXPECT_TRUE(tree_on_disk(folder) == told) << folder;
+    compared += told.size();
+  }
+  EXPECT_GT(compared, static_cast<std::size_t>(kClients));
+  EXPECT_GT(event_lines().size(), 1000U);
+  EXPECT_EQ(segments, segments_in_use());
+  EXPECT_GE(descriptors, descriptors_of_smbd());
+  EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
+}
+
+}  // namespace
+}  // namespace tavrix::test

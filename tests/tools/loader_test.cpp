@@ -1,0 +1,251 @@
+// tavrix-loader: pairs that are handed over, restarts, deaths.
+
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <chrono>
+#include <csignal>
+#include <random>
+#include <thread>
+
+#include "perm_map.h"
+#include "tests/tools/operator.hpp"
+
+namespace tavrix::test {
+namespace {
+
+const std::string kInbox = "/scratch/maps";
+const std::string kLoader = TAVRIX_BUILD_DIR "/tools/tavrix-loader";
+const std::string kCopy = "/etc/tavrix/.permbe_map";
+
+class Loader : public Operator {
+ protected:
+  void SetUp() override {
+    Operator::SetUp();
+    ASSERT_EQ(0, ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"}).exit_code);
+    ctl({"config", "set", "VFS:debug level", "-1"});
+    make_dirs(kInbox);
+  }
+  static Outcome once() { return run_program({kLoader, "--once", "--dir", kInbox}); }
+  static void hand_over(const Folder& root) {
+    write_json_pair(root);
+    ASSERT_EQ(0, rename("/scratch/size.json", (kInbox + "/size.json").c_str()));
+    ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
+  }
+  static Folder wide(uint32_t folders) {
+    Folder root{.name = "/", .groups = {{2000, 1}}};
+    for (uint32_t i = 1; i < folders; ++i)
+      root.children.push_back({.name = "f" + std::to_string(i)});
+    return root;
+  }
+  // 0: there is none.
+  static int folders_of_current() {
+    if (ctl({"map", "info"}).exit_code != 0) return 0;
+    return json({"map", "info"})["map"]["folders"];
+  }
+  static std::vector<std::string> refused() {
+    return exists(kInbox + "/refused") ? list(kInbox + "/refused") : std::vector<std::string>{};
+  }
+  static time_t marker() {
+    struct stat st {};
+    return stat("/etc/tavrix/permission_refresh", &st) == 0 ? st.st_mtime : 0;
+  }
+  static void wait_for_folders(int folders) {
+    for (int tries = 0; tries < 200 && folders_of_current() != folders; ++tries) usleep(20000);
+    EXPECT_EQ(folders, folders_of_current());
+  }
+};
+
+TEST_F(Loader, MakesAPairCurrentAndTellsTheServers) {
+  hand_over(team());
+  const Outcome outcome = once();
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "table 1 is current: 5 folders, 5 entries")) << outcome.err;
+  EXPECT_EQ(5, folders_of_current());
+  EXPECT_GT(marker(), 0);
+  EXPECT_EQ((std::vector<std::string>{".work", "refused"}), list(kInbox));
+  EXPECT_TRUE(list(kInbox + "/.work").empty());
+  EXPECT_TRUE(contains(read_file("/var/log/tavrix_perms.log"), "Successfully processed"));
+}
+
+TEST_F(Loader, WaitsForBothFiles) {
+  write_json_pair(team());
+  ASSERT_EQ(0, rename("/scratch/size.json", (kInbox + "/size.json").c_str()));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(0, folders_of_current());
+  EXPECT_TRUE(exists(kInbox + "/size.json"));
+  ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(5, folders_of_current());
+}
+
+TEST_F(Loader, SetsARefusedPairAsideAndKeepsTheMap) {
+  hand_over(team());
+  once();
+  const time_t before = marker();
+  write_json_pair(team());
+  write_file(kInbox + "/size.json", size_json({4, 5, 20}));
+  ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
+  EXPECT_EQ(1, once().exit_code);
+  EXPECT_EQ(5, folders_of_current());
+  EXPECT_EQ(before, marker());
+  ASSERT_EQ(1U, refused().size());
+  const std::string folder = kInbox + "/refused/" + refused()[0];
+  EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}), list(folder));
+  EXPECT_TRUE(contains(read_file(folder + "/reason.txt"), "TOTALFSELEMS is 4"))
+      << read_file(folder + "/reason.txt");
+  EXPECT_TRUE(contains(read_file("/var/log/tavrix_perms.log"), ",3,Failed processing"));
+  EXPECT_EQ(1, segments_in_use() - 1) << "the table and the settings";
+}
+
+TEST_F(Loader, TwoRefusalsLieSideBySide) {
+  for (int i = 0; i < 2; ++i) {
+    write_file(kInbox + "/size.json", "nonsense");
+    write_file(kInbox + "/data.json", "nonsense");
+    EXPECT_EQ(1, once().exit_code);
+  }
+  EXPECT_EQ(2U, refused().size());
+}
+
+TEST_F(Loader, RestoresTheMapAfterARestart) {
+  hand_over(team());
+  once();
+  ctl({"map", "remove"});
+  EXPECT_EQ(0, folders_of_current());
+  const Outcome outcome = once();
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "restored: table 1 is current: 5 folders")) << outcome.err;
+  EXPECT_EQ(5, folders_of_current());
+}
+
+TEST_F(Loader, PrefersAPairToTheLocalCopy) {
+  hand_over(team());
+  once();
+  ctl({"map", "remove"});
+  hand_over(wide(9));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(9, folders_of_current());
+}
+
+TEST_F(Loader, WaitsForTheFirstMap) {
+  const Outcome outcome = once();
+  EXPECT_EQ(0, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "no map yet")) << outcome.err;
+}
+
+TEST_F(Loader, TellsALocalCopyThatIsNoImage) {
+  write_file(kCopy, "garbage");
+  const Outcome outcome = once();
+  EXPECT_EQ(1, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "cannot restore")) << outcome.err;
+  EXPECT_EQ("garbage", read_file(kCopy));
+}
+
+TEST_F(Loader, RemovesTheTableOfALoaderThatDied) {
+  hand_over(team());
+  once();
+  ASSERT_NE(-1, shmget(0x70657269, 4096, IPC_CREAT | IPC_EXCL | 0));
+  const Outcome outcome = once();
+  EXPECT_TRUE(contains(outcome.err, "removed the table of a loader that died")) << outcome.err;
+  EXPECT_EQ(-1, shmget(0x70657269, 0, 0));
+  EXPECT_EQ(5, folders_of_current());
+}
+
+TEST_F(Loader, GoesOnWithThePairOfALoaderThatDied) {
+  make_dirs(kInbox + "/.work");
+  write_json_pair(team());
+  ASSERT_EQ(0, rename("/scratch/size.json", (kInbox + "/.work/size.json").c_str()));
+  ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/.work/data.json").c_str()));
+  write_file(kCopy + ".before", "");
+  write_file(kCopy, "half an ima");
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(5, folders_of_current());
+  EXPECT_FALSE(exists(kCopy + ".before"));
+}
+
+TEST_F(Loader, PublishesAWholeCopyThatWasNeverMadeCurrent) {
+  hand_over(team());
+  once();
+  const std::string old_copy = read_file(kCopy);
+  hand_over(wide(9));
+  once();
+  const std::string new_copy = read_file(kCopy);
+  hand_over(team());
+  once();
+  write_file(kCopy + ".before", old_copy);
+  write_file(kCopy, new_copy);
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(9, folders_of_current());
+  EXPECT_FALSE(exists(kCopy + ".before"));
+}
+
+TEST_F(Loader, TakesBackTheCopyOfBeforeWhenTheNewOneIsTorn) {
+  hand_over(team());
+  once();
+  const std::string copy = read_file(kCopy);
+  write_file(kCopy + ".before", copy);
+  write_file(kCopy, copy.substr(0, copy.size() / 2));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(copy, read_file(kCopy));
+  EXPECT_EQ(5, folders_of_current());
+}
+
+// Killed at any moment, and started again: the old map or the new one, whole; no table left over.
+TEST_F(Loader, SurvivesItsDeathAtAnyMoment) {
+  hand_over(wide(3000));
+  once();
+  std::mt19937 random(5);
+  int expected_old = 3000;
+  for (int round = 0; round < 40; ++round) {
+    const int expected_new = 3001 + round;
+    hand_over(wide(static_cast<uint32_t>(expected_new)));
+    {
+      Child loader([] {
+        execl(kLoader.c_str(), kLoader.c_str(), "--once", "--dir", kInbox.c_str(), nullptr);
+        _exit(127);
+      });
+      usleep(static_cast<useconds_t>(random() % 30000));
+      loader.kill();
+      loader.wait();
+    }
+    const int between = folders_of_current();
+    EXPECT_TRUE(between == expected_old || between == expected_new) << round << ": " << between;
+    const Outcome again = once();
+    EXPECT_EQ(0, again.exit_code) << again.err;
+    EXPECT_EQ(expected_new, folders_of_current()) << round << "\n" << again.err;
+    EXPECT_EQ(0, ctl({"map", "verify"}).exit_code) << round;
+    EXPECT_EQ(2, segments_in_use()) << "the table and the settings";
+    expected_old = folders_of_current();
+  }
+  EXPECT_TRUE(refused().empty());
+}
+
+TEST_F(Loader, WatchesItsFolderUntilItIsToldToEnd) {
+  Child loader([] {
+    execl(kLoader.c_str(), kLoader.c_str(), "--dir", kInbox.c_str(), nullptr);
+    _exit(127);
+  });
+  for (const uint32_t folders : {5U, 7U, 9U}) {
+    hand_over(wide(folders));
+    wait_for_folders(static_cast<int>(folders));
+  }
+  ::kill(loader.pid(), SIGHUP);
+  write_file(kInbox + "/size.json", "nonsense");
+  write_file(kInbox + "/data.json", "nonsense");
+  for (int tries = 0; tries < 200 && refused().empty(); ++tries) usleep(20000);
+  EXPECT_EQ(1U, refused().size());
+  EXPECT_EQ(9, folders_of_current());
+  hand_over(wide(11));
+  wait_for_folders(11);
+  ::kill(loader.pid(), SIGTERM);
+  EXPECT_EQ(0, loader.wait().exit_code);
+}
+
+TEST_F(Loader, IsForTheSuperuserAndNeedsSettings) {
+  ctl({"config", "remove"});
+  EXPECT_EQ(2, run_program({kLoader, "--once", "--dir", "/dev/null/x"}).exit_code);
+  EXPECT_EQ(0, run_program({kLoader, "--help"}).exit_code);
+}
+
+}  // namespace
+}  // namespace tavrix::test

@@ -1,0 +1,136 @@
+// tavrix-loader: makes the maps that the synchronisation agent hands over current.
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "eventstore.h"
+#include "tavrix_vfs_utils.h"
+#include "tools/loader/inbox.hpp"
+#include "tools/loader/maps.hpp"
+
+namespace tavrix::loader {
+namespace {
+
+constexpr const char* kDefaultFolder = "/var/lib/tavrix/maps";
+
+// To the journal, or a terminal; the prefix is the journal's level.
+void say(bool good, const std::string& text) {
+  const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
+  std::fprintf(stderr, "%s%s\n", journal ? (good ? SD_INFO : SD_ERR) : "", text.c_str());
+  sd_notifyf(0, "STATUS=%s", text.substr(0, text.find('\n')).c_str());
+}
+
+// One pair, from the folder or from an earlier run.
+bool load(const Inbox& inbox, const Pair& pair) {
+  const Fd lock = lock_maps();
+  const Result result = load_pair(pair);
+  if (result.good) {
+    inbox.finish(pair);
+    say(true, result.text);
+    return true;
+  }
+  const std::string where = inbox.refuse(pair, result.text);
+  say(false, "refused, see " + where + ": " + result.text);
+  return false;
+}
+
+// What an earlier run, or a restart of the machine, left to do.
+bool settle(const Inbox& inbox) {
+  const auto unfinished = inbox.unfinished();
+  Recovery recovery;
+  {
+    const Fd lock = lock_maps();
+    recovery = recover(unfinished.has_value());
+  }
+  if (recovery.removed_table) say(true, "removed the table of a loader that died");
+  if (recovery.took_copy_back) say(true, "took back the local copy of before");
+  if (unfinished) return load(inbox, *unfinished);
+  if (has_map() && !recovery.must_restore) return true;
+  if (!has_local_copy()) {
+    say(true, "no map yet: waiting for the first one");
+    return true;
+  }
+  const Fd lock = lock_maps();
+  const Result result = restore();
+  say(result.good, (result.good ? "restored: " : "cannot restore: ") + result.text);
+  return result.good;
+}
+
+bool load_what_is_there(const Inbox& inbox) {
+  bool good = true;
+  while (const auto pair = inbox.take()) good = load(inbox, *pair) && good;
+  return good;
+}
+
+Fd signals() {
+  sigset_t wanted;
+  sigemptyset(&wanted);
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&wanted, number);
+  sigprocmask(SIG_BLOCK, &wanted, nullptr);
+  return Fd(signalfd(-1, &wanted, SFD_CLOEXEC));
+}
+
+int run(const Inbox& inbox) {
+  const Fd stop = signals();
+  const Fd watch = inbox.watch();
+  if (!stop || !watch) {
+    say(false, "cannot watch the folder");
+    return 2;
+  }
+  sd_notify(0, "READY=1");
+  // After the watch is set: what came before it is found here.
+  load_what_is_there(inbox);
+  for (;;) {
+    pollfd ready[] = {{stop.get(), POLLIN, 0}, {watch.get(), POLLIN, 0}};
+    if (poll(ready, 2, -1) < 0) continue;
+    if (ready[1].revents != 0) {
+      Inbox::drain(watch);
+      load_what_is_there(inbox);
+    }
+    if (ready[0].revents == 0) continue;
+    signalfd_siginfo info{};
+    if (read(stop.get(), &info, sizeof info) != sizeof info) continue;
+    if (info.ssi_signo == SIGHUP) {
+      static_cast<void>(read_tavrix_config());
+      continue;
+    }
+    sd_notify(0, "STOPPING=1");
+    return 0;
+  }
+}
+
+}  // namespace
+}  // namespace tavrix::loader
+
+int main(int argc, char** argv) {
+  using namespace tavrix::loader;
+  CLI::App app{"Makes the permission maps that are handed over in a folder current."};
+  std::string folder = kDefaultFolder;
+  bool once = false;
+  app.add_option("--dir", folder, "the folder of the hand-over")->capture_default_str();
+  app.add_flag("--once", once, "load what is there, restore if there is no map, and end");
+  app.footer(
+      "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is whole.\n"
+      "A pair that is refused lies in DIR/refused with the reason beside it.");
+  CLI11_PARSE(app, argc, argv);
+  if (geteuid() != 0) {
+    say(false, "run this as root");
+    return 2;
+  }
+  openlog("tavrix-loader", LOG_PID, LOG_DAEMON);
+  if (tavrix::loader::Inbox(folder).prepare() != "" || read_tavrix_config() != 0) {
+    say(false, "cannot use " + folder + ", or there are no settings");
+    return 2;
+  }
+  const Inbox inbox(folder);
+  const bool settled = settle(inbox);
+  if (!once) return run(inbox);
+  return load_what_is_there(inbox) && settled ? 0 : 1;
+}
