@@ -19,7 +19,8 @@ install(FILES ${CMAKE_BINARY_DIR}/tavrix-config.cmake ${CMAKE_BINARY_DIR}/tavrix
   DESTINATION ${TAVRIX_PACKAGE_DIR})
 install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DIR})
 
-install(FILES docs/man/tavrixctl.8 docs/man/tavrix-sweeper.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 FILES_MATCHING PATTERN "*.8")
 install(FILES packaging/tavrix.conf DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/tavrix)
-install(FILES packaging/tavrix-sweeper.service DESTINATION lib/systemd/system)
+install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service
+  DESTINATION lib/systemd/system)
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf)

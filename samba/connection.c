@@ -25,14 +25,12 @@ static int load_settings_once(void) {
   return 0;
 }
 
-/* The settings' default user and group, where they are set. */
+/* The settings' default user and group; 0 stands for none. */
 static void find_owner(struct tavrix_connection* tavrix) {
-  const char* user = global_params[PARAM_DEFAULT_USER_ID].value.strval;
-  const char* group = global_params[PARAM_DEFAULT_GROUP_ID].value.strval;
-  const struct passwd* account = user[0] != '\0' ? getpwnam(user) : NULL;
-  const struct group* named = group[0] != '\0' ? getgrnam(group) : NULL;
-  tavrix->owner_uid = account != NULL ? account->pw_uid : (uid_t)-1;
-  tavrix->owner_gid = named != NULL ? named->gr_gid : (gid_t)-1;
+  const int user = global_params[PARAM_DEFAULT_USER_ID].value.intval;
+  const int group = global_params[PARAM_DEFAULT_GROUP_ID].value.intval;
+  tavrix->owner_uid = user > 0 ? (uid_t)user : (uid_t)-1;
+  tavrix->owner_gid = group > 0 ? (gid_t)group : (gid_t)-1;
 }
 
 static void fill_record(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix,

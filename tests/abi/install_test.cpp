@@ -33,11 +33,13 @@ class Installed : public Isolated {
 };
 
 TEST_F(Installed, HasEverythingInItsPlace) {
-  for (const char* file : {"/include/tavrix/tavrix.h", "/include/tavrix/processing_functions.h",
-                           "/include/tavrix/samba.pb-c.h", "/include/tavrix/samba.proto",
-                           "/share/man/man8/tavrixctl.8", "/sbin/tavrixctl", "/sbin/tavrix-sweeper",
-                           "/lib/systemd/system/tavrix-sweeper.service",
-                           "/lib/tmpfiles.d/tavrix.conf", "/etc/tavrix/tavrix.conf"}) {
+  for (const char* file :
+       {"/include/tavrix/tavrix.h", "/include/tavrix/processing_functions.h",
+        "/include/tavrix/samba.pb-c.h", "/include/tavrix/samba.proto",
+        "/share/man/man8/tavrixctl.8", "/sbin/tavrixctl", "/sbin/tavrix-sweeper",
+        "/sbin/tavrix-loader", "/share/man/man8/tavrix-loader.8", "/share/man/man8/vfs_tavrix.8",
+        "/lib/systemd/system/tavrix-loader.service", "/lib/systemd/system/tavrix-sweeper.service",
+        "/lib/tmpfiles.d/tavrix.conf", "/etc/tavrix/tavrix.conf"}) {
     EXPECT_TRUE(exists(kPrefix + file)) << file;
   }
   for (const char* file :

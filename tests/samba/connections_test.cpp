@@ -82,8 +82,8 @@ TEST_F(Connections, AuditsReads) {
 }
 
 TEST_F(Connections, GiveWhatTheyMakeToTheDefaultOwner) {
-  std::strcpy(global_params[PARAM_DEFAULT_USER_ID].value.strval, "nobody");
-  std::strcpy(global_params[PARAM_DEFAULT_GROUP_ID].value.strval, "daemon");
+  global_params[PARAM_DEFAULT_USER_ID].value.intval = 65534;
+  global_params[PARAM_DEFAULT_GROUP_ID].value.intval = 1;
   share_settings();
   start_smbd();
   EXPECT_TRUE(succeeded(smb("Anna", "cd Shared\\Team; put /scratch/data.txt a; mkdir B")));

@@ -53,5 +53,21 @@ TEST_F(Manual, KnowsTheSweepersFlags) {
   }
 }
 
+TEST_F(Manual, KnowsTheLoadersFlags) {
+  const std::string help = run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--help"}).out;
+  for (const char* flag : {"once", "dir"}) {
+    EXPECT_TRUE(contains(help, std::string("--") + flag));
+    EXPECT_TRUE(contains(page("tavrix-loader"), std::string(".It Fl -") + flag));
+  }
+}
+
+TEST_F(Manual, KnowsTheModulesOptions) {
+  const std::string code = read_file(TAVRIX_SOURCE_DIR "/samba/connection.c");
+  for (const char* option : {"reserved user", "allow computer accounts", "audit"}) {
+    EXPECT_TRUE(contains(code, std::string("\"") + option + "\"")) << option;
+    EXPECT_TRUE(contains(page("vfs_tavrix"), std::string("tavrix:") + option)) << option;
+  }
+}
+
 }  // namespace
 }  // namespace tavrix::test

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# The whole appliance for a person to try: installs what is missing, builds everything, and in a
+# private world starts settings, loader, sweeper and a real smbd with a sample tree and five users.
+# Then a tour with smbclient; with --shell, a shell in that world instead.
+# usage: scripts/appliance.sh [--shell]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/lib/packages.sh
+source scripts/lib/world.sh
+require_root
+install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}"
+
+build=$PWD/build/demo
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" | tail -n 1
+scripts/build-samba-module.sh "$build"
+
+# A network of its own, so that a server of this machine is not in the way.
+export -f in_private_world
+unshare --net bash -c 'in_private_world "$@"' appliance \
+  "$PWD/scripts/lib/appliance_world.sh" "$PWD" "$build" "${1:-}"
