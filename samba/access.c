@@ -1,5 +1,6 @@
 /* What smbd is told about access lists: the permission map decides, so its own check of a file's
- * owner and mode must not stand in the way. Everybody has everything as far as smbd is concerned. */
+ * owner and mode must not stand in the way. Everybody has everything as far as smbd is concerned.
+ */
 #include "tavrix_module.h"
 
 #include "libcli/security/security.h"
@@ -24,8 +25,8 @@ NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
   return *ppdesc != NULL ? NT_STATUS_OK : NT_STATUS_NO_MEMORY;
 }
 
-/* Access lists come with the map: a client's own are taken and forgotten, so that copying tools that
- * set them do not fail. */
+/* Access lists come with the map: a client's own are taken and forgotten, so that copying tools
+ * that set them do not fail. */
 NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info_sent, const struct security_descriptor* psd) {
   if (tavrix_connection_of(handle) == NULL) {

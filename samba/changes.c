@@ -1,5 +1,5 @@
-/* What changes a file's content: the close of the file records it. A request that fails later counts
- * as a change too: better an event too many than a cloud copy that differs. */
+/* What changes a file's content: the close of the file records it. A request that fails later
+ * counts as a change too: better an event too many than a cloud copy that differs. */
 #include "tavrix_module.h"
 
 static void note_change(struct vfs_handle_struct* handle, struct files_struct* fsp) {

@@ -65,7 +65,7 @@ static void free_connection(void** data) {
 }
 
 static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle,
-                                                 const char* user) {
+                                                const char* user) {
   void* data = talloc_zero(NULL, struct tavrix_connection);
   struct tavrix_connection* tavrix = data;
   if (tavrix == NULL) return NULL;
@@ -77,8 +77,7 @@ static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle
   tavrix->share = talloc_strdup(tavrix, handle->conn->connectpath);
   tavrix->audit = lp_parm_bool(SNUM(handle->conn), "tavrix", "audit", false);
   if (handle->conn->sconn != NULL) {
-    tavrix->client =
-        tsocket_address_inet_addr_string(handle->conn->sconn->remote_address, tavrix);
+    tavrix->client = tsocket_address_inet_addr_string(handle->conn->sconn->remote_address, tavrix);
   }
   find_owner(tavrix);
   fill_record(handle, tavrix, user);

@@ -1,7 +1,7 @@
 /* SMB create requests: the door through which a client reaches files and folders. */
 #include "tavrix_module.h"
 
-#define CHANGING_ACCESS                                                                      \
+#define CHANGING_ACCESS                                                                        \
   (SEC_FILE_WRITE_DATA | SEC_FILE_APPEND_DATA | SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | \
    SEC_STD_DELETE | SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER | SEC_GENERIC_WRITE | SEC_GENERIC_ALL)
 
@@ -36,8 +36,8 @@ static void settle_maximum_access(struct tavrix_connection* tavrix,
   if (may_write(tavrix, request->name.full)) {
     request->access_mask |= SEC_FILE_WRITE_DATA;
   } else {
-    request->access_mask = (request->access_mask & ~SEC_FLAG_MAXIMUM_ALLOWED) | SEC_RIGHTS_FILE_READ |
-                           SEC_RIGHTS_FILE_EXECUTE;
+    request->access_mask = (request->access_mask & ~SEC_FLAG_MAXIMUM_ALLOWED) |
+                           SEC_RIGHTS_FILE_READ | SEC_RIGHTS_FILE_EXECUTE;
   }
 }
 
@@ -60,9 +60,8 @@ static int ask_about_folder(struct tavrix_connection* tavrix, struct create_requ
   const int makes = makes_folder(request) ? 1 : 0;
   request->op = makes ? FSOP_MKDIR : FSOP_OPENDIR;
   const bool removes = (request->access_mask & SEC_STD_DELETE) != 0;
-  const int result =
-      create_dir_preprocess(removes ? 1 : 0, request->name.name, &full, makes, tavrix->share,
-                            tavrix->record, &tavrix->perm_ctx);
+  const int result = create_dir_preprocess(removes ? 1 : 0, request->name.name, &full, makes,
+                                           tavrix->share, tavrix->record, &tavrix->perm_ctx);
   if (result != 0 || !removes || !request->exists) return result;
   tavrix_give_back(tavrix);
   return ask_about_removal(tavrix, request);
@@ -86,8 +85,8 @@ static int ask_about_file(struct tavrix_connection* tavrix, struct create_reques
 /* Root is given back before smbd goes on: what it does by itself it shall do as the client. The
  * functions of the table that it comes to become root for themselves. */
 static int ask(struct tavrix_connection* tavrix, struct create_request* request) {
-  const int result = request->is_folder ? ask_about_folder(tavrix, request)
-                                        : ask_about_file(tavrix, request);
+  const int result =
+      request->is_folder ? ask_about_folder(tavrix, request) : ask_about_file(tavrix, request);
   tavrix_give_back(tavrix);
   return result;
 }
@@ -128,9 +127,9 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                                    .access_mask = access_mask,
                                    .disposition = create_disposition,
                                    .options = create_options};
-  const bool is_ours = tavrix != NULL && tavrix_name_in_share(talloc_tos(), handle,
-                                                              smb_fname->base_name,
-                                                              &request.name) == 0;
+  const bool is_ours =
+      tavrix != NULL &&
+      tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) == 0;
   if (is_ours) {
     settle_maximum_access(tavrix, &request);
     if (ask(tavrix, &request) != 0) return map_nt_error_from_unix(errno);

@@ -34,8 +34,7 @@ static int ask(struct tavrix_connection* tavrix, const struct tavrix_name* name,
   e_open_mode mode = mode2tavrixmode(flags);
   const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
   const bool audits = tavrix->audit && mode == OPENMODE_READ;
-  if (is_granted(tavrix, name) && !deletes && !audits &&
-      operation_of(mode) == tavrix->granted_op) {
+  if (is_granted(tavrix, name) && !deletes && !audits && operation_of(mode) == tavrix->granted_op) {
     *is_new = tavrix->is_granted_new;
     return 0;
   }
@@ -102,9 +101,8 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
   if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) {
     return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
   }
-  return only_names(fsp, how)
-             ? open_to_name(handle, dirfsp, smb_fname, fsp, how, &name)
-             : open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
+  return only_names(fsp, how) ? open_to_name(handle, dirfsp, smb_fname, fsp, how, &name)
+                              : open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
 }
 
 /* --- closing ---------------------------------------------------------------------------------- */
@@ -115,6 +113,13 @@ static bool is_deleted(int fd) {
   return fstat(fd, &st) == 0 && st.st_nlink == 0;
 }
 
+/* smbd opens a path first, opens that for its client then, and closes the path's descriptor by the
+ * way. */
+static bool is_path_only(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  return flags < 0 || (flags & O_PATH) != 0;
+}
+
 int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   TAVRIX_KEEPS_IDENTITY;
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
@@ -122,7 +127,7 @@ int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   const int fd = fsp_get_pathref_fd(fsp);
   const bool tells = tavrix != NULL && modified != NULL && !fsp->fsp_flags.is_pathref &&
                      (modified->is_modified != 0 || tavrix->audit);
-  if (tells && fd > 0 && !is_deleted(fd)) {
+  if (tells && fd > 0 && !is_path_only(fd) && !is_deleted(fd)) {
     close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
   }
   return SMB_VFS_NEXT_CLOSE(handle, fsp);

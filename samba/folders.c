@@ -49,8 +49,7 @@ static void remember_listing(struct vfs_handle_struct* handle, files_struct* fsp
   if (listing == NULL) return;
   const bool is_share = tavrix_is_share(tavrix_connection_of(handle), name);
   listing->dirp = dirp;
-  listing->base =
-      talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_share ? "." : name->name);
+  listing->base = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_share ? "." : name->name);
 }
 
 DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
@@ -96,8 +95,7 @@ struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_str
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
   TAVRIX_KEEPS_IDENTITY;
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  const struct listing* listing =
-      tavrix != NULL ? VFS_FETCH_FSP_EXTENSION(handle, dirfsp) : NULL;
+  const struct listing* listing = tavrix != NULL ? VFS_FETCH_FSP_EXTENSION(handle, dirfsp) : NULL;
   if (listing == NULL || listing->dirp != dirp || listing->base == NULL) {
     return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
   }

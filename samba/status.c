@@ -48,7 +48,8 @@ int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
   return result;
 }
 
-/* The share's root is what is asked about, whatever the client named: there is no rule elsewhere. */
+/* The share's root is what is asked about, whatever the client named: there is no rule elsewhere.
+ */
 static bool may_ask_for_space(struct tavrix_connection* tavrix) {
   return statvfs_preprocess(tavrix->share, tavrix->share, tavrix->record, &tavrix->perm_ctx) == 0;
 }

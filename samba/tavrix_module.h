@@ -9,10 +9,10 @@
 #define TAVRIX_MODULE_H
 
 /* clang-format off: Samba's headers in the order they need */
-#include "includes.h"
-#include "smbd/smbd.h"
-#include "smbd/globals.h"
 #include "auth.h"
+#include "includes.h"
+#include "smbd/globals.h"
+#include "smbd/smbd.h"
 #include "system/filesys.h"
 /* clang-format on */
 
@@ -40,7 +40,8 @@ struct tavrix_connection {
 
 /* A handle's connection; null where the module is not connected. */
 struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle);
-const char* tavrix_option(struct vfs_handle_struct* handle, const char* name, const char* otherwise);
+const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
+                          const char* otherwise);
 
 /* --- names -------------------------------------------------------------------------------------
  * The library wants names relative to the share, and full paths. smbd's names are relative to its

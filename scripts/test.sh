@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
 require_root
-install_packages "${tavrix_packages[@]}"
+install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}"
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(release asan)
