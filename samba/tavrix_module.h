@@ -8,11 +8,12 @@
 #ifndef TAVRIX_MODULE_H
 #define TAVRIX_MODULE_H
 
-/* clang-format off: Samba's headers in the order they need */
-#include "auth.h"
+/* Samba's headers, in the order they need. */
+/* clang-format off */
 #include "includes.h"
-#include "smbd/globals.h"
 #include "smbd/smbd.h"
+#include "smbd/globals.h"
+#include "auth.h"
 #include "system/filesys.h"
 /* clang-format on */
 

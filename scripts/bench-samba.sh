@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# What the module costs a connection: the CPU time of the server process that serves it, with the
+# module and without, interleaved, the least of several runs. Keeps the table in docs/benchmarks.md.
+# usage: scripts/bench-samba.sh [ROUNDS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/lib/packages.sh
+source scripts/lib/world.sh
+require_root
+install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}"
+
+build=$PWD/build/release
+cmake --preset release >/dev/null
+cmake --build --preset release --target tavrix tavrixctl tavrix-sweeper tavrix-sample-tree | tail -n 1
+scripts/build-samba-module.sh "$build"
+
+run=$(mktemp -d)
+trap 'rm -rf "$run"' EXIT
+export -f in_private_world
+unshare --net bash -c 'in_private_world "$@"' bench \
+  "$PWD/scripts/lib/bench_samba_world.sh" "$PWD" "$build" "$run/results" "${1:-5}"
+scripts/lib/bench_samba_table.py "$run/results" docs/benchmarks.md
