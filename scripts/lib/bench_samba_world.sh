@@ -15,7 +15,7 @@ settings() {
   tavrixctl config load "$sources/packaging/tavrix.conf"
   tavrixctl config set "VFS:debug level" -1
   tavrixctl config set "SWEEPER:flush period" 1
-  tavrixctl config set "VFS:staging buffer size" 16777216
+  tavrixctl config set "SWEEPER:staging buffer size" 16777216
   mkdir -p /tavrix/.conf/{staging,auditing}
   echo '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"anna": [9001, 9002]}}' \
     >/scratch/groups.json
@@ -56,7 +56,7 @@ script_of() {  # OPERATION
 cpu_of() { cat /proc/"$1"/task/*/schedstat | awk '{ sum += $1 } END { printf "%d", sum }'; }
 
 # The process that serves the one client: the youngest of the server's session.
-server_of_client() { pgrep -n -s "$(cat $samba_folder/smbd.pid)" -x 'smbd\[127.0.0.1\]' || pgrep -n -s "$(cat $samba_folder/smbd.pid)"; }
+server_of_client() { pgrep -n -s "$(cat $samba_folder/smbd.pid)"; }
 
 measure() {  # OPERATION: prints nanoseconds
   script_of "$1" >/scratch/commands

@@ -60,6 +60,9 @@ write_smb_conf() {
   read only = no
   hide dot files = no
   case sensitive = yes
+  # Without worker threads a switch of identity is one system call; with them it is a signal to each.
+  aio read size = 0
+  aio write size = 0
   nt acl support = yes
 $([ -z "$module" ] || echo "  vfs objects = $module")
 $(printf '  %s\n' "$@")
