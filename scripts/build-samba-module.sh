@@ -24,12 +24,15 @@ for folder in gen/include gen/source3 src/source3 src/source3/include src/source
   includes+=(-isystem "$headers/$folder")
 done
 mkdir -p "$build/samba"
+# A build that goes to /usr finds the library there; others find it where it was built.
+rpath=(-Wl,-rpath,"$build")
+! grep -q '^CMAKE_INSTALL_PREFIX:PATH=/usr$' "$build/CMakeCache.txt" || rpath=()
 build_module() {  # NAME [FLAG]...
   local name=$1
   shift
   # Under a name of its own first: a server that has the module open keeps the file it has.
   gcc "${flags[@]}" "$@" "${includes[@]}" -Iinclude -I. samba/*.c -L"$build" -ltavrix \
-    -Wl,-rpath,"$build" -o "$build/samba/.$name.new"
+    "${rpath[@]}" -o "$build/samba/.$name.new"
   mv "$build/samba/.$name.new" "$build/samba/$name.so"
 }
 build_module tavrix
