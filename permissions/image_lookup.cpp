@@ -9,6 +9,7 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "perm_utils.h"
+#include "permissions/child_absences.hpp"
 #include "permissions/child_hints.hpp"
 #include "permissions/image.hpp"
 #include "permissions/path_elements.hpp"
@@ -108,11 +109,24 @@ uint32_t find_child(const ImageView& image, const child_list_s& list, const Path
   return kNoChild;
 }
 
+// After a scan of all of them: which hashes the children have.
+void remember_absences(const ImageView& image, uint32_t parent, const child_list_s& list) {
+  if (list.num_children > ChildAbsences::kMostChildren) return;
+  ChildAbsences::Summary hashes;
+  for (uint32_t slot = 0; slot < list.num_children; ++slot) {
+    hashes.add(image.name_of(image.fselem(ImageView::child_at(list, slot))).hashval);
+  }
+  child_absences.remember(parent, hashes);
+}
+
 // The child of a folder that bears the wanted name: where it was the last time, or by a scan.
 template <Access kAccess>
 uint32_t find_child_of(const ImageView& image, uint32_t parent, const fs_elem_s& folder,
                        const PathComponent& wanted, int debug_level) {
   if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return kNoChild;
+  // Where each comparison is traced, each is made.
+  const bool keeps_absences = debug_level < kComparisonTrace && child_absences.use(image.header());
+  if (keeps_absences && child_absences.is_nobodys(parent, wanted.hash)) return kNoChild;
   ChildHints& hints = child_hints;
   if (const uint32_t hint = hints.find(parent, wanted.hash); hint != ChildHints::kNone) {
     const fs_elem_s& child = image.fselem(hint);
@@ -121,7 +135,11 @@ uint32_t find_child_of(const ImageView& image, uint32_t parent, const fs_elem_s&
     }
   }
   const uint32_t child = find_child<kAccess>(image, image.children_of(folder), wanted, debug_level);
-  if (child != kNoChild) hints.remember(parent, wanted.hash, child);
+  if (child != kNoChild) {
+    hints.remember(parent, wanted.hash, child);
+  } else if (keeps_absences) {
+    remember_absences(image, parent, image.children_of(folder));
+  }
   return child;
 }
 

@@ -1,6 +1,7 @@
 // The two map tables and the semaphore set that says which of them is current.
 
 #include "perm_map.h"
+#include "permissions/child_absences.hpp"
 
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -146,14 +147,17 @@ class Attacher {
       return Attempt::kFailed;
     }
     const key_t key = perm_map_shm_keys[static_cast<std::size_t>(index)];
-    const int shmid = shmget(key, 0, 0);
-    if (shmid == -1) return lookup_failed(key, index);
-    table_.reset(shmat(shmid, nullptr, 0));
+    segment_ = shmget(key, 0, 0);
+    if (segment_ == -1) return lookup_failed(key, index);
+    table_.reset(shmat(segment_, nullptr, 0));
     if (!table_) return attach_failed(index);
     return validate(index);
   }
 
-  void* release() { return table_.release(); }
+  void* release() {
+    attached_table = {table_.get(), segment_};
+    return table_.release();
+  }
 
  private:
   Attempt lookup_failed(key_t key, int index) {
@@ -203,6 +207,7 @@ class Attacher {
   }
 
   ShmAttachment table_;
+  int segment_ = -1;
   unsigned lookup_failures_ = 0;
   unsigned vanished_ = 0;
 };
@@ -384,4 +389,7 @@ void* get_perm_map_addr(void) {
   return attempt == tavrix::Attempt::kAttached ? attacher.release() : nullptr;
 }
 
-void put_perm_map_addr(void* addr) { shmdt(addr); }
+void put_perm_map_addr(void* addr) {
+  if (addr == tavrix::attached_table.address) tavrix::attached_table = {};
+  shmdt(addr);
+}

@@ -34,21 +34,23 @@ publish_map() {  # FOLDERS; 0: the small example
   tavrixctl map import --trust /scratch/size.json /scratch/data.json >/dev/null
 }
 
+# In a folder of the map that has folders of the map beside its files.
 make_tree() {
   rm -rf /tavrix/Shared
-  mkdir -p /tavrix/Shared/Team/{list,put}
-  (cd /tavrix/Shared/Team/list && seq -f 'entry%05g.txt' $entries | xargs touch)
+  team=$1
+  mkdir -p "/tavrix/Shared/$team"/{list,put}
+  (cd "/tavrix/Shared/$team/list" && seq -f 'entry%05g.txt' $entries | xargs touch)
   chmod -R 0777 /tavrix/Shared  # the server without the module needs it
 }
 
 script_of() {  # OPERATION
   case $1 in
-    list) printf 'cd Shared\\Team\\list\nls\n' ;;
-    list-again) printf 'cd Shared\\Team\\list\nls\nls\n' ;;
-    put) printf 'cd Shared\\Team\\put\n' && seq -f 'put /scratch/data.txt f%g' $files ;;
-    get) printf 'cd Shared\\Team\\put\n' && seq -f 'get f%g /dev/null' $files ;;
-    rename) printf 'cd Shared\\Team\\put\n' && seq $files | sed 's/.*/rename f& g&/' ;;
-    delete) printf 'cd Shared\\Team\\put\n' && seq -f 'rm g%g' $files ;;
+    list) printf 'cd Shared\\'"$team"'\\list\nls\n' ;;
+    list-again) printf 'cd Shared\\'"$team"'\\list\nls\nls\n' ;;
+    put) printf 'cd Shared\\'"$team"'\\put\n' && seq -f 'put /scratch/data.txt f%g' $files ;;
+    get) printf 'cd Shared\\'"$team"'\\put\n' && seq -f 'get f%g /dev/null' $files ;;
+    rename) printf 'cd Shared\\'"$team"'\\put\n' && seq $files | sed 's/.*/rename f& g&/' ;;
+    delete) printf 'cd Shared\\'"$team"'\\put\n' && seq -f 'rm g%g' $files ;;
   esac
 }
 
@@ -88,7 +90,7 @@ with_variant() {  # VARIANT MAP
   local variant=$1 map=$2 operation
   if [ "$variant" = with ]; then write_smb_conf tavrix; else write_smb_conf ""; fi
   start_smbd
-  rm -f /tavrix/Shared/Team/put/*
+  rm -f "/tavrix/Shared/$team/put/"*
   for operation in list list-again put get rename delete; do
     echo "$map $operation $variant $(measure $operation)" >>"$results"
   done
@@ -102,7 +104,7 @@ echo "some data" >/scratch/data.txt
 settings
 for map in 0 1000000; do
   publish_map $map
-  make_tree
+  make_tree "$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\([^ ]*\).*/\1/p')"
   for ((round = 0; round < rounds; ++round)); do
     with_variant without $map
     with_variant with $map
