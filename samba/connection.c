@@ -74,7 +74,7 @@ static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle
     free_connection(&data);
     return NULL;
   }
-  tavrix->share = talloc_strdup(tavrix, handle->conn->connectpath);
+  tavrix->share = TAVRIX_TREE;
   tavrix->audit = lp_parm_bool(SNUM(handle->conn), "tavrix", "audit", false);
   if (handle->conn->sconn != NULL) {
     tavrix->client = tsocket_address_inet_addr_string(handle->conn->sconn->remote_address, tavrix);
@@ -84,6 +84,11 @@ static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle
   return tavrix;
 }
 
+static bool is_in_tree(const char* path) {
+  const size_t length = strlen(TAVRIX_TREE);
+  return strncmp(path, TAVRIX_TREE, length) == 0 && (path[length] == '\0' || path[length] == '/');
+}
+
 static bool is_refused_computer(const struct tavrix_connection* tavrix) {
   return is_computer_name(tavrix->record->user_name_as_passed_in) &&
          !tavrix->record->config.allow_computeracct;
@@ -91,8 +96,9 @@ static bool is_refused_computer(const struct tavrix_connection* tavrix) {
 
 int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user) {
   struct tavrix_connection* tavrix = NULL;
-  if (strcmp(handle->conn->connectpath, "/tavrix") != 0) {
-    DBG_ERR("the share must be /tavrix, not %s\n", handle->conn->connectpath);
+  if (!is_in_tree(handle->conn->connectpath)) {
+    DBG_ERR("the share must be %s or a folder in it, not %s\n", TAVRIX_TREE,
+            handle->conn->connectpath);
     errno = EINVAL;
     return -1;
   }

@@ -1,36 +1,44 @@
 /* Names as smbd has them, and as the library wants them. */
 #include "tavrix_module.h"
 
-int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
-                         struct tavrix_name* out) {
-  const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL) return -1;
-  while (name[0] == '.' && name[1] == '/') name += 2;
+/* From a path of the tree: what lies behind its root, without dots at the beginning. */
+static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, const char* path,
+                       struct tavrix_name* out) {
+  const size_t length = strlen(tavrix->share);
+  if (strncmp(path, tavrix->share, length) != 0) return -1;
+  if (path[length] != '\0' && path[length] != '/') return -1;
+  const char* name = path + length;
+  while (name[0] == '/' || (name[0] == '.' && name[1] == '/')) ++name;
   if (name[0] == '\0' || strcmp(name, ".") == 0) {
     out->name = out->full = tavrix->share;
     return 0;
   }
   out->full = talloc_asprintf(ctx, "%s/%s", tavrix->share, name);
   if (out->full == NULL) return -1;
-  out->name = out->full + strlen(tavrix->share) + 1;
+  out->name = out->full + length + 1;
   return 0;
 }
 
+static int name_below(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* folder,
+                      const char* name, struct tavrix_name* out) {
+  const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (tavrix == NULL || name == NULL) return -1;
+  if (name[0] == '/') return name_behind(ctx, tavrix, name, out);
+  while (name[0] == '.' && name[1] == '/') name += 2;
+  const bool is_folder = name[0] == '\0' || strcmp(name, ".") == 0;
+  const char* path = is_folder ? folder : talloc_asprintf(ctx, "%s/%s", folder, name);
+  return path != NULL ? name_behind(ctx, tavrix, path, out) : -1;
+}
+
+int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
+                         struct tavrix_name* out) {
+  return name_below(ctx, handle, handle->conn->connectpath, name, out);
+}
+
+/* Not the share's folder: smbd changes its own around renaming and removing. */
 int tavrix_name_of(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* base_name,
                    struct tavrix_name* out) {
-  const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL || base_name == NULL) return -1;
-  const char* path = base_name;
-  if (base_name[0] != '/') {
-    /* Not the share: smbd changes its folder around renaming and removing. */
-    path = talloc_asprintf(ctx, "%s/%s", handle->conn->cwd_fsp->fsp_name->base_name, base_name);
-    if (path == NULL) return -1;
-  }
-  const size_t length = strlen(tavrix->share);
-  if (strncmp(path, tavrix->share, length) != 0) return -1;
-  if (path[length] != '\0' && path[length] != '/') return -1;
-  while (path[length] == '/') ++path;
-  return tavrix_name_in_share(ctx, handle, path + length, out);
+  return name_below(ctx, handle, handle->conn->cwd_fsp->fsp_name->base_name, base_name, out);
 }
 
 int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,

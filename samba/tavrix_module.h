@@ -23,11 +23,14 @@
 #define TAVRIX_MODULE_NAME "tavrix"
 #endif
 
+/* The root of the tree that the map is about; a share is this or a folder in it. */
+#define TAVRIX_TREE "/tavrix"
+
 /* One tree connection. */
 struct tavrix_connection {
   connection_private_data_s* record;
   tx_perm_ctx_t* perm_ctx; /* the slot of hooks that leave the process root; null between them */
-  const char* share;       /* the connect path */
+  const char* share;       /* the root of the tree, which the hooks call the connect path */
   const char* client;      /* address, for audit records */
   int audit;
   uid_t owner_uid; /* of what clients make; -1: the client */
@@ -45,12 +48,12 @@ const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
                           const char* otherwise);
 
 /* --- names -------------------------------------------------------------------------------------
- * The library wants names relative to the share, and full paths. smbd's names are relative to its
- * working folder or to a folder that is open. Null: not below the share, which is nobody's business
- * here. The share itself is named by its full path, as the hooks know it. */
+ * The library wants names relative to the tree, and full paths. smbd's names are relative to its
+ * working folder, to a folder that is open, or to the share. -1: not in the tree, which is nobody's
+ * business here. The tree's root is named by its full path, as the hooks know it. */
 struct tavrix_name {
-  const char* name; /* relative to the share */
-  const char* full; /* the share, a slash, the name */
+  const char* name; /* relative to the tree */
+  const char* full; /* the root, a slash, the name */
 };
 int tavrix_name_of(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* base_name,
                    struct tavrix_name* out);

@@ -45,12 +45,12 @@ make_tree() {
 
 script_of() {  # OPERATION
   case $1 in
-    list) printf 'cd Shared\\'"$team"'\\list\nls\n' ;;
-    list-again) printf 'cd Shared\\'"$team"'\\list\nls\nls\n' ;;
-    put) printf 'cd Shared\\'"$team"'\\put\n' && seq -f 'put /scratch/data.txt f%g' $files ;;
-    get) printf 'cd Shared\\'"$team"'\\put\n' && seq -f 'get f%g /dev/null' $files ;;
-    rename) printf 'cd Shared\\'"$team"'\\put\n' && seq $files | sed 's/.*/rename f& g&/' ;;
-    delete) printf 'cd Shared\\'"$team"'\\put\n' && seq -f 'rm g%g' $files ;;
+    list) printf 'cd "Shared\\'"$team"'\\list"\nls\n' ;;
+    list-again) printf 'cd "Shared\\'"$team"'\\list"\nls\nls\n' ;;
+    put) printf 'cd "Shared\\'"$team"'\\put"\n' && seq -f 'put /scratch/data.txt f%g' $files ;;
+    get) printf 'cd "Shared\\'"$team"'\\put"\n' && seq -f 'get f%g /dev/null' $files ;;
+    rename) printf 'cd "Shared\\'"$team"'\\put"\n' && seq $files | sed 's/.*/rename f& g&/' ;;
+    delete) printf 'cd "Shared\\'"$team"'\\put"\n' && seq -f 'rm g%g' $files ;;
   esac
 }
 
@@ -104,7 +104,7 @@ echo "some data" >/scratch/data.txt
 settings
 for map in 0 1000000; do
   publish_map $map
-  make_tree "$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\([^ ]*\).*/\1/p')"
+  make_tree "$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')"
   for ((round = 0; round < rounds; ++round)); do
     with_variant without $map
     with_variant with $map
