@@ -1,0 +1,74 @@
+# Runs suites in a private world: torture_world.sh SOURCES BUILD RESULTS FILTER
+# Leaves RESULTS/plain and RESULTS/module: a line "suite outcome" each.
+set -euo pipefail
+sources=$1
+build=$2
+results=$3
+filter=$4
+export PATH=$build/tools:$PATH
+source "$sources/scripts/lib/samba_world.sh"
+
+# Suites that need what no share here has, measure for minutes, or are not meant to end.
+left_out='bench|scan|hold-|smb2.durable-v2-delay|replay|multichannel|charset|smb2.credits.*delay|fdpass|bench-'
+seconds=40  # for one suite
+
+prepare_samba_world "$build/samba/tavrix.so"
+tavrixctl config load "$sources/packaging/tavrix.conf"
+tavrixctl config set "VFS:debug level" -1
+tavrixctl config set "SWEEPER:flush period" 1
+tavrixctl config set "SWEEPER:staging buffer size" 16777216
+mkdir -p /tavrix/.conf/{staging,auditing} /tavrix/Shared/Design /scratch/plain
+chmod 0777 /scratch/plain
+chmod 0755 /scratch /tavrix /tavrix/Shared
+cp "$sources"/examples/team/*.json /scratch/
+tavrixctl map import /scratch/size.json /scratch/data.json >/dev/null
+echo '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"admin": [9001], "other": [9001]}}' \
+  >/scratch/groups.json
+tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh >/dev/null
+touch /etc/tavrix/permission_refresh
+setsid tavrix-sweeper --foreground 2>/dev/null &
+sweeper=$!
+
+write_smb_conf tavrix
+sed -i 's|path = /tavrix|path = /tavrix/Shared/Design|; s|smb ports = 445|smb ports = 445\n  server min protocol = NT1\n  client min protocol = NT1|' \
+  $samba_folder/smb.conf
+cat >>$samba_folder/smb.conf <<'CONF'
+
+[plain]
+  path = /scratch/plain
+  read only = no
+  case sensitive = yes
+  aio read size = 0
+  aio write size = 0
+CONF
+add_samba_user admin 1001 9003
+add_samba_user other 1002 9003
+start_smbd
+
+clean() { find "$1" -mindepth 1 -delete 2>/dev/null || true; }
+
+run_suite() {  # SHARE SUITE: the outcome in a word
+  local output code=0
+  output=$(timeout -k 2 $seconds smbtorture -s $samba_folder/smb.conf "//127.0.0.1/$1" -Uadmin%admin \
+    --option=torture:share2="$1" --fullname "$2" 2>&1) || code=$?
+  printf '%s\n' "$output" >"$results/log.$1.$2"
+  case $code in
+    0) echo passed ;;
+    124 | 137) echo timeout ;;
+    *) echo failed ;;
+  esac
+}
+
+smbtorture --list-suites 2>/dev/null | grep -E "$filter" | grep -vE "$left_out" >/scratch/suites
+while read -r suite; do
+  clean /scratch/plain
+  clean /tavrix/Shared/Design
+  plain=$(run_suite plain "$suite" </dev/null)
+  echo "$suite $plain" >>"$results/plain"
+  # What does not pass without the module proves nothing about it.
+  [ "$plain" = passed ] || continue
+  echo "$suite $(run_suite tavrix "$suite" </dev/null)" >>"$results/module"
+done </scratch/suites
+stop_smbd
+kill "$sweeper"
+grep -hE 'PANIC|INTERNAL ERROR|Assertion' $samba_folder/log/* >"$results/trouble" 2>/dev/null || true
