@@ -47,6 +47,17 @@ TEST_F(Commands, PutOverAFileOfSomebodyElse) {
   EXPECT_EQ("Anna", stamp_of("Shared/Team/report.txt"));
 }
 
+// What the client writes where is its own affair; that it wrote is told.
+TEST_F(Commands, ReputOfAFileThatIsThere) {
+  write_file(full("Shared/Team/half.txt"), "some ");
+  const std::string said = team(kAnna, "reput /scratch/data.txt half.txt");
+  EXPECT_TRUE(succeeded(said)) << said;
+  EXPECT_NE("some ", read_file(full("Shared/Team/half.txt")));
+  for (const std::string& line : new_events()) EXPECT_EQ("OPEN Shared/Team/half.txt", line);
+  EXPECT_EQ("Anna", stamp_of("Shared/Team/half.txt"));
+  EXPECT_TRUE(denied(team(kBen, "reput /scratch/data.txt report.txt")));
+}
+
 TEST_F(Commands, PutIsRefusedToAReader) {
   EXPECT_TRUE(denied(team(kBen, "put /scratch/data.txt new.txt")));
   EXPECT_TRUE(denied(team(kBen, "put /scratch/data.txt report.txt")));

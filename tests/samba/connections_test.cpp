@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <fstream>
 
 #include "tests/samba/appliance.hpp"
 
@@ -178,6 +179,51 @@ TEST_F(Connections, WithoutASemaphoreForEventsEndAndComeBackWithIt) {
   remove_all("/tavrix/.conf/sync.off");
   ASSERT_EQ(1, create_eventstore_staging_semaphore());
   EXPECT_TRUE(succeeded(smb("Anna", "mkdir Shared\\Team\\Newer")));
+}
+
+// A write that fails is a loss as far as the library can tell: it says so and ends the process. The
+// records stay in the buffer all the same, and the share comes back by itself.
+TEST_F(Connections, TellTheAgentWhenTheStagingDirectoryIsFullAndComeBack) {
+  mount_small_disk(kStagingDir, 8192);
+  for (int i = 0; i < 4; ++i) {
+    std::ofstream(kStagingDir + "/filler" + std::to_string(i)) << std::string(4096, 'x');
+  }
+  start_smbd();
+  EXPECT_TRUE(succeeded(smb("Anna", "put /scratch/data.txt Shared\\Team\\a")));
+  for (int waited = 0; !exists("/tavrix/.conf/sync.off") && waited < 5000; ++waited) usleep(1000);
+  EXPECT_TRUE(exists("/tavrix/.conf/sync.off"));
+  for (const std::string& name : list(kStagingDir)) remove_all(kStagingDir + "/" + name);
+  EXPECT_TRUE(succeeded(smb("Anna", "rm Shared\\Team\\a")));
+  for (int waited = 0; list(kStagingDir).empty() && waited < 5000; ++waited) usleep(1000);
+  EXPECT_FALSE(list(kStagingDir).empty()) << "the end of the next connection";
+  EXPECT_EQ((Lines{"CREATE Shared/Team/a", "OPEN Shared/Team/a", "OPEN Shared/Team/a",
+                   "UNLINK Shared/Team/a"}),
+            new_events());
+}
+
+TEST_F(Connections, GoOnWhenTheSweeperIsKilled) {
+  start_smbd();
+  Client client("Anna");
+  Child sweeper([] {
+    for (;;) flush_staging_buffer(FB_CTX_SWPR);
+  });
+  EXPECT_TRUE(succeeded(client.say("put /scratch/data.txt Shared\\Team\\a")));
+  sweeper.kill();
+  sweeper.wait();
+  EXPECT_TRUE(succeeded(client.say("put /scratch/data.txt Shared\\Team\\b")));
+  EXPECT_TRUE(succeeded(client.say("mkdir Shared\\Team\\C")));
+  const Lines told = new_events();
+  EXPECT_EQ("MKDIR Shared/Team/C", told.back());
+}
+
+TEST_F(Connections, ComeBackAfterTheServerWasKilled) {
+  start_smbd();
+  EXPECT_TRUE(succeeded(smb("Anna", "put /scratch/data.txt Shared\\Team\\a")));
+  const pid_t server = std::stoi(read_file("/scratch/samba/smbd.pid"));
+  ASSERT_EQ(0, kill(-server, SIGKILL));
+  start_smbd();
+  EXPECT_TRUE(succeeded(smb("Anna", "get Shared\\Team\\a /scratch/got")));
+  EXPECT_EQ("CREATE Shared/Team/a", new_events().at(0));
 }
 
 TEST_F(Connections, WithoutAMapAreRefusedEverythingButTheShare) {
