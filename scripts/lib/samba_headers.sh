@@ -19,22 +19,36 @@ prepare_samba_headers() {
     generate_error_headers
     generate_parameter_headers
     generate_ndr_headers
-    rm -rf apt sources.list ./*.tar.xz ./*.dsc
+    rm -rf apt parts ./*.tar.xz ./*.dsc
   )
   echo "$version" >"$folder/version"
 }
 
-# By lists of its own: the machine's are left alone.
-fetch_samba_source() {
+# The machine's own mirrors of Debian, as lists of sources in this folder: its own lists stay as they
+# are.
+write_source_lists() {
+  mkdir -p parts
+  local file
+  for file in /etc/apt/sources.list.d/*.sources; do
+    [ -e "$file" ] || continue
+    # Paragraphs that name Debian; they are separated by empty lines, and comments do not count.
+    grep -v '^#' "$file" | awk -v RS= -v ORS='\n\n' '/URIs:[^\n]*debian/' |
+      sed -E 's/^Types:.*/Types: deb-src/' >"parts/$(basename "$file")"
+  done
+  cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null |
+    sed -nE '/^deb .*debian\.org|^deb .*\/debian/s/^deb /deb-src /p' >parts/lists.list || true
+  [ -z "$(cat parts/*)" ] || return 0
   local keyring=/usr/share/keyrings/debian-archive-keyring.gpg
-  local mirror=http://deb.debian.org/debian
-  {
-    echo "deb-src [signed-by=$keyring] $mirror bookworm main"
-    echo "deb-src [signed-by=$keyring] $mirror bookworm-updates main"
-    echo "deb-src [signed-by=$keyring] $mirror-security bookworm-security main"
-  } >sources.list
+  local suite
+  for suite in debian:bookworm debian:bookworm-updates debian-security:bookworm-security; do
+    echo "deb-src [signed-by=$keyring] http://deb.debian.org/${suite%%:*} ${suite##*:} main"
+  done >parts/lists.list
+}
+
+fetch_samba_source() {
+  write_source_lists
   mkdir -p apt/lists/partial
-  local options=(-o "Dir::Etc::sourcelist=$PWD/sources.list" -o Dir::Etc::sourceparts=/dev/null
+  local options=(-o Dir::Etc::sourcelist=/dev/null -o "Dir::Etc::sourceparts=$PWD/parts"
     -o "Dir::State::lists=$PWD/apt/lists" -o APT::Sandbox::User=root)
   apt-get "${options[@]}" update -q >/dev/null
   apt-get "${options[@]}" source -q --download-only "samba=$1" >/dev/null
