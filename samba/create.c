@@ -120,7 +120,7 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                             struct ea_list* ea_list, files_struct** result, int* pinfo,
                             const struct smb2_create_blobs* in_context_blobs,
                             struct smb2_create_blobs* out_context_blobs) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct create_request request = {.exists = VALID_STAT(smb_fname->st),
                                    .is_folder = is_folder_request(smb_fname, create_options),

@@ -96,7 +96,7 @@ static int open_to_name(struct vfs_handle_struct* handle, const struct files_str
 int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                   const struct smb_filename* smb_fname, struct files_struct* fsp,
                   const struct vfs_open_how* how) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_name name;
   if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) {
     return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
@@ -121,7 +121,7 @@ static bool is_path_only(int fd) {
 }
 
 int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
   const int fd = fsp_get_pathref_fd(fsp);
@@ -156,7 +156,7 @@ static int ask_to_remove(struct tavrix_connection* tavrix, const struct tavrix_n
 
 int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                     const struct smb_filename* smb_fname, int flags) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   const bool is_folder = (flags & AT_REMOVEDIR) != 0;
   struct tavrix_name name;
@@ -181,7 +181,7 @@ static bool may_write_attributes(const struct files_struct* fsp) {
 }
 
 int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix == NULL || !may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
     return SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
@@ -193,7 +193,7 @@ int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mo
 
 NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                                     uint32_t dosmode) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix == NULL || !may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
     return SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
@@ -231,7 +231,7 @@ static int file_times(struct vfs_handle_struct* handle, struct files_struct* fsp
 
 int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                    struct smb_file_time* ft) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) {
     return SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);

@@ -12,7 +12,7 @@ static bool is_granted(const struct tavrix_connection* tavrix, const struct tavr
 
 int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                    const struct smb_filename* smb_fname, mode_t mode) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) {
@@ -54,7 +54,7 @@ static void remember_listing(struct vfs_handle_struct* handle, files_struct* fsp
 
 DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
                       uint32_t attributes) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) {
@@ -93,7 +93,7 @@ static bool may_see(struct tavrix_connection* tavrix, const struct listing* list
 
 struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   const struct listing* listing = tavrix != NULL ? VFS_FETCH_FSP_EXTENSION(handle, dirfsp) : NULL;
   if (listing == NULL || listing->dirp != dirp || listing->base == NULL) {
@@ -114,7 +114,7 @@ int tavrix_closedir(struct vfs_handle_struct* handle, DIR* dirp) {
 /* --- entering --------------------------------------------------------------------------------- */
 
 int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
@@ -129,7 +129,7 @@ int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* sm
 /* smbd makes names canonical on the way; that decides nothing and tells the client nothing. */
 struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
                                      const struct smb_filename* smb_fname) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix == NULL || tavrix_raise(tavrix) != 0) {
     return SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);

@@ -36,18 +36,37 @@ void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const cha
   errno = keep;
 }
 
-struct tavrix_ids tavrix_ids_now(void) {
-  struct tavrix_ids ids;
-  getresuid(&ids.real, &ids.effective, &ids.saved);
-  return ids;
+struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle) {
+  struct tavrix_entry entry = {.tavrix = tavrix_connection_of(handle)};
+  if (entry.tavrix != NULL) {
+    entry.outer = entry.tavrix->perm_ctx;
+    entry.tavrix->perm_ctx = NULL;
+  }
+#ifdef TAVRIX_CHECK_IDENTITY
+  uid_t saved;
+  getresuid(&entry.real, &entry.effective, &saved);
+#endif
+  return entry;
 }
 
-/* smbd's own pair of switches inside an operation may have come back to the client earlier than
- * this module would; what must not be is more than there was. */
-void tavrix_check_ids(const struct tavrix_ids* before) {
-  const struct tavrix_ids now = tavrix_ids_now();
-  if (now.effective == before->effective && now.real == before->real) return;
-  DBG_ERR("identity left: real %u effective %u, before %u %u\n", (unsigned)now.real,
-          (unsigned)now.effective, (unsigned)before->real, (unsigned)before->effective);
+#ifdef TAVRIX_CHECK_IDENTITY
+static void check_identity(const struct tavrix_entry* entry) {
+  uid_t real;
+  uid_t effective;
+  uid_t saved;
+  const int keep = errno;
+  getresuid(&real, &effective, &saved);
+  errno = keep;
+  if (real == entry->real && effective == entry->effective) return;
+  DBG_ERR("identity left: real %u effective %u, before %u %u\n", (unsigned)real,
+          (unsigned)effective, (unsigned)entry->real, (unsigned)entry->effective);
   smb_panic("tavrix: the identity was not given back");
+}
+#endif
+
+void tavrix_leave(struct tavrix_entry* entry) {
+  if (entry->tavrix != NULL) entry->tavrix->perm_ctx = entry->outer;
+#ifdef TAVRIX_CHECK_IDENTITY
+  check_identity(entry);
+#endif
 }

@@ -4,7 +4,7 @@
 int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdir_fsp,
                     const struct smb_filename* smb_fname_src, struct files_struct* dstdir_fsp,
                     const struct smb_filename* smb_fname_dst) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name from;
   struct tavrix_name to;

@@ -12,7 +12,7 @@ static bool may_look(struct vfs_handle_struct* handle, const struct tavrix_name*
 }
 
 int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
     return SMB_VFS_NEXT_STAT(handle, smb_fname);
@@ -24,7 +24,7 @@ int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname
 }
 
 int tavrix_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
     return SMB_VFS_NEXT_LSTAT(handle, smb_fname);
@@ -37,7 +37,7 @@ int tavrix_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fnam
 
 int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                    const struct smb_filename* smb_fname, SMB_STRUCT_STAT* sbuf, int flags) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_name name;
   if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) {
     return SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
@@ -56,7 +56,7 @@ static bool may_ask_for_space(struct tavrix_connection* tavrix) {
 
 int tavrix_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                    struct vfs_statvfs_struct* statbuf) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix == NULL) return SMB_VFS_NEXT_STATVFS(handle, smb_fname, statbuf);
   if (!may_ask_for_space(tavrix)) return -1;
@@ -67,7 +67,7 @@ int tavrix_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* 
 
 uint64_t tavrix_disk_free(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                           uint64_t* bsize, uint64_t* dfree, uint64_t* dsize) {
-  TAVRIX_KEEPS_IDENTITY;
+  TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix == NULL) return SMB_VFS_NEXT_DISK_FREE(handle, smb_fname, bsize, dfree, dsize);
   if (!may_ask_for_space(tavrix)) return (uint64_t)-1;

@@ -74,22 +74,19 @@ void tavrix_give_back(struct tavrix_connection* tavrix);
 void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd);
 void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const char* full);
 
-/* In a debug build every function of the table compares the identity at its end with the one at its
- * beginning, and ends the process when they differ. */
-struct tavrix_ids {
-  uid_t real, effective, saved;
+/* Each function of the table begins with this. smbd comes back to the table in the middle of an
+ * operation, so a function has the slot to itself, and what the one around it has in there waits.
+ * In a debug build the identity at the end is compared with the one at the beginning, and the
+ * process ends when they differ. */
+struct tavrix_entry {
+  struct tavrix_connection* tavrix;
+  tx_perm_ctx_t* outer;
+  uid_t real, effective;
 };
-struct tavrix_ids tavrix_ids_now(void);
-void tavrix_check_ids(const struct tavrix_ids* before);
-#ifdef TAVRIX_CHECK_IDENTITY
-#define TAVRIX_KEEPS_IDENTITY \
-  __attribute__((cleanup(tavrix_check_ids_of))) struct tavrix_ids ids_before_ = tavrix_ids_now()
-static inline void tavrix_check_ids_of(struct tavrix_ids* before) { tavrix_check_ids(before); }
-#else
-#define TAVRIX_KEEPS_IDENTITY \
-  do {                        \
-  } while (0)
-#endif
+struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle);
+void tavrix_leave(struct tavrix_entry* entry);
+#define TAVRIX_ENTER(handle) \
+  __attribute__((cleanup(tavrix_leave), unused)) struct tavrix_entry entry_ = tavrix_enter(handle)
 
 /* Names of the settings' patterns may be deleted by everybody, where the settings say so. */
 bool tavrix_may_always_be_deleted(const char* name);
@@ -121,6 +118,15 @@ NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct fil
                                     uint32_t dosmode);
 int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                    struct smb_file_time* ft);
+
+ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                         const char* name, void* value, size_t size);
+ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, char* list,
+                          size_t size);
+int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, const char* name,
+                     const void* value, size_t size, int flags);
+int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                        const char* name);
 
 ssize_t tavrix_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp, const void* data,
                       size_t n, off_t offset);

@@ -31,6 +31,10 @@ static struct vfs_fn_pointers tavrix_functions = {
     .fallocate_fn = tavrix_fallocate,
     .offload_write_send_fn = tavrix_offload_write_send,
     .offload_write_recv_fn = tavrix_offload_write_recv,
+    .fgetxattr_fn = tavrix_fgetxattr,
+    .flistxattr_fn = tavrix_flistxattr,
+    .fsetxattr_fn = tavrix_fsetxattr,
+    .fremovexattr_fn = tavrix_fremovexattr,
     .fget_nt_acl_fn = tavrix_fget_nt_acl,
     .fset_nt_acl_fn = tavrix_fset_nt_acl,
 };

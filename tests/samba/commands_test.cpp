@@ -192,6 +192,20 @@ TEST_F(Commands, RenameOverAFile) {
   EXPECT_EQ((Lines{"RENAME Shared/Team/report.txt -> Shared/Team/other.txt"}), new_events());
 }
 
+TEST_F(Commands, ExtendedAttributesAreTheClientsButForTheLibrarysMarks) {
+  ASSERT_EQ(0, chown(full("Shared/Team/report.txt").c_str(), 65534, 65534));
+  EXPECT_TRUE(succeeded(team(kAnna, "setea report.txt COLOUR blue")));
+  std::string value(16, '\0');
+  EXPECT_EQ(4, getxattr(full("Shared/Team/report.txt").c_str(), "user.COLOUR", value.data(), 16));
+  EXPECT_FALSE(succeeded(team(kBen, "setea report.txt COLOUR red")));
+  EXPECT_FALSE(succeeded(team(kAnna, "setea report.txt tavrix.fixed_folder x")));
+  EXPECT_FALSE(succeeded(team(kAnna, "setea report.txt tavrix.last_smb_accessed_by Ben")));
+  const std::string said = team(kAnna, "put /scratch/data.txt report.txt");
+  EXPECT_TRUE(succeeded(said)) << said;
+  EXPECT_EQ("Anna", stamp_of("Shared/Team/report.txt"));
+  EXPECT_EQ(std::string::npos, team(kAnna, "geteas report.txt").find("tavrix"));
+}
+
 TEST_F(Commands, LinksAreNobodys) {
   EXPECT_FALSE(succeeded(team(kAnna, "hardlink report.txt hard.txt")));
   EXPECT_FALSE(exists(full("Shared/Team/hard.txt")));

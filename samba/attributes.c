@@ -1,0 +1,82 @@
+/* Extended attributes of open files: a client's own, and smbd's note of DOS attributes. The file
+ * may belong to another user on the disk, so they are read and written as root, where the handle
+ * was granted that. The library's marks are nobody's to see or to change. */
+#include "tavrix_module.h"
+
+static const char marks[] = "user.tavrix.";
+
+static bool is_mark(const char* name) { return strncmp(name, marks, strlen(marks)) == 0; }
+
+static bool may_change(const struct files_struct* fsp) {
+  return (fsp->access_mask &
+          (SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | SEC_FILE_WRITE_DATA)) != 0;
+}
+
+/* Root, where there is a connection to ask for. */
+static bool raise_for(struct vfs_handle_struct* handle) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  return tavrix != NULL && tavrix_raise(tavrix) == 0;
+}
+
+ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                         const char* name, void* value, size_t size) {
+  TAVRIX_ENTER(handle);
+  if (is_mark(name)) {
+    errno = ENODATA;
+    return -1;
+  }
+  const bool raised = raise_for(handle);
+  const ssize_t result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
+  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  return result;
+}
+
+/* Leaves the library's marks out of a list of names that end in NUL each. */
+static ssize_t without_marks(char* list, size_t length) {
+  size_t kept = 0;
+  for (size_t at = 0; at < length;) {
+    const size_t size = strnlen(list + at, length - at) + 1;
+    if (at + size > length) break;
+    if (!is_mark(list + at)) {
+      memmove(list + kept, list + at, size);
+      kept += size;
+    }
+    at += size;
+  }
+  return (ssize_t)kept;
+}
+
+ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, char* list,
+                          size_t size) {
+  TAVRIX_ENTER(handle);
+  const bool raised = raise_for(handle);
+  const ssize_t length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
+  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  return length > 0 && size > 0 ? without_marks(list, (size_t)length) : length;
+}
+
+int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, const char* name,
+                     const void* value, size_t size, int flags) {
+  TAVRIX_ENTER(handle);
+  if (is_mark(name)) {
+    errno = EACCES;
+    return -1;
+  }
+  const bool raised = may_change(fsp) && raise_for(handle);
+  const int result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
+  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  return result;
+}
+
+int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                        const char* name) {
+  TAVRIX_ENTER(handle);
+  if (is_mark(name)) {
+    errno = EACCES;
+    return -1;
+  }
+  const bool raised = may_change(fsp) && raise_for(handle);
+  const int result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
+  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  return result;
+}
