@@ -2,10 +2,9 @@
 """The least of several runs, with the module against without: bench_samba_table.py RESULTS [DOCUMENT]"""
 import sys
 from collections import defaultdict
-from pathlib import Path
 
-BEGIN = "<!-- samba results -->"
-END = "<!-- end of samba results -->"
+import marked_section
+
 NAMES = {"list": "ls of 10,000 entries", "list-again": "the same, twice", "put": "2,000 puts",
          "get": "2,000 gets", "rename": "2,000 renames", "delete": "2,000 deletes"}
 
@@ -31,10 +30,7 @@ def main():
     print(text)
     if len(sys.argv) < 3:
         return
-    document = Path(sys.argv[2])
-    before, _, rest = document.read_text().partition(BEGIN)
-    _, _, after = rest.partition(END)
-    document.write_text(before + BEGIN + "\n" + text + "\n" + END + after)
+    marked_section.replace(sys.argv[2], "samba results", text)
 
 
 if __name__ == "__main__":

@@ -7,9 +7,7 @@ import json
 import sys
 from pathlib import Path
 
-BEGIN = "<!-- results -->"
-END = "<!-- end of results -->"
-
+import marked_section
 
 def medians(path):
     results = {}
@@ -74,10 +72,7 @@ def main():
     print(text)
     if len(sys.argv) < 4:
         return
-    document = Path(sys.argv[2])
-    before, _, rest = document.read_text().partition(BEGIN)
-    _, _, after = rest.partition(END)
-    document.write_text(before + BEGIN + "\n" + text + "\n" + END + after)
+    marked_section.replace(sys.argv[2], "results", text)
     write_growth(results, sys.argv[3])
 
 

@@ -5,10 +5,9 @@ TRACE is strace's output of bench/hook_calls; with a document, the table goes be
 import re
 import sys
 from collections import Counter
-from pathlib import Path
 
-BEGIN = "<!-- system calls -->"
-END = "<!-- end of system calls -->"
+import marked_section
+
 IDENTITY = {"getresuid", "getresgid", "setresuid", "setresgid", "setreuid", "setregid", "geteuid",
             "getegid", "getuid", "getgid"}
 GROUPS = [("identity", IDENTITY), ("stat", {"newfstatat", "stat", "fstat"}),
@@ -51,10 +50,7 @@ def main():
     print(text)
     if len(sys.argv) < 3:
         return
-    document = Path(sys.argv[2])
-    before, _, rest = document.read_text().partition(BEGIN)
-    _, _, after = rest.partition(END)
-    document.write_text(before + BEGIN + "\n" + text + "\n" + END + after)
+    marked_section.replace(sys.argv[2], "system calls", text)
 
 
 if __name__ == "__main__":

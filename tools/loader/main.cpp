@@ -1,29 +1,25 @@
 // tavrix-loader: makes the maps that the synchronisation agent hands over current.
 
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 
 #include "eventstore.h"
 #include "tavrix_vfs_utils.h"
 #include "tools/loader/inbox.hpp"
 #include "tools/loader/maps.hpp"
+#include "tools/service/service.hpp"
 
 namespace tavrix::loader {
 namespace {
 
 constexpr const char* kDefaultFolder = "/var/lib/tavrix/maps";
 
-// To the journal, or a terminal; the prefix is the journal's level.
 void say(bool good, const std::string& text) {
-  const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
-  std::fprintf(stderr, "%s%s\n", journal ? (good ? SD_INFO : SD_ERR) : "", text.c_str());
+  service::say(good ? service::Tone::kInfo : service::Tone::kError, text);
   sd_notifyf(0, "STATUS=%s", text.substr(0, text.find('\n')).c_str());
 }
 
@@ -69,16 +65,8 @@ bool load_what_is_there(const Inbox& inbox) {
   return good;
 }
 
-Fd signals() {
-  sigset_t wanted;
-  sigemptyset(&wanted);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&wanted, number);
-  sigprocmask(SIG_BLOCK, &wanted, nullptr);
-  return Fd(signalfd(-1, &wanted, SFD_CLOEXEC));
-}
-
 int run(const Inbox& inbox) {
-  const Fd stop = signals();
+  const Fd stop = service::take_signals();
   const Fd watch = inbox.watch();
   if (!stop || !watch) {
     say(false, "cannot watch the folder");
@@ -95,12 +83,9 @@ int run(const Inbox& inbox) {
       load_what_is_there(inbox);
     }
     if (ready[0].revents == 0) continue;
-    signalfd_siginfo info{};
-    if (read(stop.get(), &info, sizeof info) != sizeof info) continue;
-    if (info.ssi_signo == SIGHUP) {
-      static_cast<void>(read_tavrix_config());
-      continue;
-    }
+    const int signal = service::next_signal(stop);
+    if (signal == SIGHUP) static_cast<void>(read_tavrix_config());
+    if (signal == 0 || signal == SIGHUP) continue;
     sd_notify(0, "STOPPING=1");
     return 0;
   }

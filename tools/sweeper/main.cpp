@@ -1,38 +1,27 @@
 // tavrix-sweeper: owns the staging buffer and flushes it on a period.
 
+#include <fmt/format.h>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "tavrix_vfs_utils.h"
+#include "tools/service/service.hpp"
 #include "tools/sweeper/staging_owner.hpp"
 
 namespace tavrix::sweeper {
+
+using service::say;
+using service::Tone;
+
 namespace {
 
 constexpr int kDefaultPeriod = 5;  // seconds, when the settings have none
-
-// To the journal, or a terminal; the prefix is the journal's level.
-void say(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void say(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  if (std::getenv("JOURNAL_STREAM") != nullptr) std::fputs(SD_INFO, stderr);
-  std::vfprintf(stderr, format, arguments);
-  std::fputc('\n', stderr);
-  va_end(arguments);
-}
 
 int period() {
   const int seconds = global_params[PARAM_FLUSH_PERIOD].value.intval;
@@ -46,34 +35,24 @@ bool is_disabled() { return global_params[PARAM_DISABLE_SWEEPER_FLUSH].value.int
 void flush(const char* why) {
   const uint32_t records = staged_records();
   if (flush_staging_buffer(FB_CTX_SWPR) == 1 && records > 0)
-    say("%s: %u records flushed", why, records);
-}
-
-Fd signals() {
-  sigset_t wanted;
-  sigemptyset(&wanted);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&wanted, number);
-  sigprocmask(SIG_BLOCK, &wanted, nullptr);
-  return Fd(signalfd(-1, &wanted, SFD_CLOEXEC));
+    say(Tone::kInfo, fmt::format("{}: {} records flushed", why, records));
 }
 
 // The number of a signal that came within the seconds, or 0.
 int wait_for_signal(const Fd& fd, int seconds) {
   pollfd ready{fd.get(), POLLIN, 0};
-  if (poll(&ready, 1, seconds * 1000) != 1) return 0;
-  signalfd_siginfo info{};
-  return read(fd.get(), &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
+  return poll(&ready, 1, seconds * 1000) == 1 ? service::next_signal(fd) : 0;
 }
 
 bool take_settings() {
   if (read_tavrix_config() == 0 && global_params[PARAM_STAGING_BUFFER_SIZE].value.intval > 0)
     return true;
-  say("there are no settings; \"tavrixctl config load FILE\" makes them");
+  say(Tone::kError, "there are no settings; \"tavrixctl config load FILE\" makes them");
   return false;
 }
 
 int run(const Fd& fd) {
-  say("flushing every %d seconds", period());
+  say(Tone::kInfo, fmt::format("flushing every {} seconds", period()));
   sd_notify(0, "READY=1\nSTATUS=flushing");
   for (;;) {
     switch (wait_for_signal(fd, period())) {
@@ -83,14 +62,14 @@ int run(const Fd& fd) {
       case SIGHUP:
         sd_notify(0, "RELOADING=1");
         if (take_settings() && !own_staging_buffer()) return 1;
-        say("settings read: every %d seconds%s", period(),
-            is_disabled() ? ", flushing is disabled" : "");
+        say(Tone::kInfo, fmt::format("settings read: every {} seconds{}", period(),
+                                     is_disabled() ? ", flushing is disabled" : ""));
         sd_notify(0, "READY=1");
         break;
       default:
         sd_notify(0, "STOPPING=1");
         flush("last");
-        say("stopped");
+        say(Tone::kInfo, "stopped");
         return 0;
     }
   }
@@ -113,7 +92,7 @@ int main(int argc, char** argv) {
       "size\".");
   CLI11_PARSE(app, argc, argv);
   if (geteuid() != 0) {
-    say("run this as root");
+    say(tavrix::service::Tone::kError, "run this as root");
     return 2;
   }
   openlog("tavrix-sweeper", LOG_PID, LOG_DAEMON);
@@ -123,6 +102,6 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (!foreground && daemon(0, 1) != 0) return 2;
-  const tavrix::Fd fd = signals();
+  const tavrix::Fd fd = tavrix::service::take_signals();
   return fd ? run(fd) : 2;
 }
