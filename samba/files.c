@@ -120,8 +120,7 @@ static bool is_path_only(int fd) {
   return flags < 0 || (flags & O_PATH) != 0;
 }
 
-int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
-  TAVRIX_ENTER(handle);
+static void record_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
   const int fd = fsp_get_pathref_fd(fsp);
@@ -130,7 +129,22 @@ int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   if (tells && fd > 0 && !is_path_only(fd) && !is_deleted(fd)) {
     close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
   }
+}
+
+int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+  TAVRIX_ENTER(handle);
+  record_close(handle, fsp);
   return SMB_VFS_NEXT_CLOSE(handle, fsp);
+}
+
+/* A client that may come back: smbd notes how the file looks, and takes nothing else for it then.
+ * The stamp of a change must be on the file before. */
+NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                                   const DATA_BLOB old_cookie, TALLOC_CTX* mem_ctx,
+                                   DATA_BLOB* new_cookie) {
+  TAVRIX_ENTER(handle);
+  record_close(handle, fsp);
+  return SMB_VFS_NEXT_DURABLE_DISCONNECT(handle, fsp, old_cookie, mem_ctx, new_cookie);
 }
 
 /* --- deleting --------------------------------------------------------------------------------- */

@@ -111,6 +111,9 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
                   const struct smb_filename* smb_fname, struct files_struct* fsp,
                   const struct vfs_open_how* how);
 int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp);
+NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                                   const DATA_BLOB old_cookie, TALLOC_CTX* mem_ctx,
+                                   DATA_BLOB* new_cookie);
 int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                     const struct smb_filename* smb_fname, int flags);
 int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode);

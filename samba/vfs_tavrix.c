@@ -35,6 +35,7 @@ static struct vfs_fn_pointers tavrix_functions = {
     .flistxattr_fn = tavrix_flistxattr,
     .fsetxattr_fn = tavrix_fsetxattr,
     .fremovexattr_fn = tavrix_fremovexattr,
+    .durable_disconnect_fn = tavrix_durable_disconnect,
     .fget_nt_acl_fn = tavrix_fget_nt_acl,
     .fset_nt_acl_fn = tavrix_fset_nt_acl,
 };
