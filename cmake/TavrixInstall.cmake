@@ -24,8 +24,12 @@ install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DI
 
 install(FILES docs/man/tavrixctl.8 docs/man/tavrix-loader.8 docs/man/tavrix-sweeper.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
-install(FILES packaging/tavrix.conf DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/tavrix
-  COMPONENT tools)
+# A machine's own settings lie in /etc, not in /usr/etc; any other prefix keeps everything below it.
+set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_SYSCONFDIR})
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+endif()
+install(FILES packaging/tavrix.conf DESTINATION ${TAVRIX_SYSCONFDIR}/tavrix COMPONENT tools)
 install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service
   DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf
