@@ -143,7 +143,7 @@ tour() {
     sleep 1.2
     echo 'put /scratch/today.txt from_ben.txt'
     sleep 0.5
-  } | smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U ben%ben 2>&1 |
+  } | stdbuf -o0 smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U ben%ben 2>&1 |
     grep -vE '^Try' | sed 's/^/    /'
   sed 's/^/  loader: /' /scratch/handed
   events_so_far

@@ -102,5 +102,5 @@ stop_smbd() {
 
 # usage: smb USER COMMANDS   (of smbclient)
 smb() {
-  smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U "$1%$1" -c "$2"
+  stdbuf -o0 smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U "$1%$1" -c "$2"
 }
