@@ -3,8 +3,8 @@
 #include "tavrix_module.h"
 
 static void note_change(struct vfs_handle_struct* handle, struct files_struct* fsp) {
-  modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
-  if (modified != NULL) modified->is_modified = 1;
+  struct tavrix_open* kept = tavrix_open_of(handle, fsp);
+  if (kept != NULL) kept->modified.is_modified = 1;
 }
 
 ssize_t tavrix_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp, const void* data,

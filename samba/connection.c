@@ -10,6 +10,18 @@ struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle)
   return (struct tavrix_connection*)handle->data;
 }
 
+struct tavrix_open* tavrix_open_of(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+  return VFS_FETCH_FSP_EXTENSION(handle, fsp);
+}
+
+struct tavrix_open* tavrix_keep_open(struct vfs_handle_struct* handle, struct files_struct* fsp) {
+  struct tavrix_open* kept = tavrix_open_of(handle, fsp);
+  if (kept != NULL) return kept;
+  kept = VFS_ADD_FSP_EXTENSION(handle, fsp, struct tavrix_open, NULL);
+  if (kept != NULL) ZERO_STRUCTP(kept);
+  return kept;
+}
+
 const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
                           const char* otherwise) {
   return lp_parm_const_string(SNUM(handle->conn), "tavrix", name, otherwise);

@@ -105,8 +105,8 @@ static void record(struct vfs_handle_struct* handle, const struct create_request
   } else if (info == FILE_WAS_CREATED) {
     create_file_postprocess(tavrix->record, request->name.full);
   } else if (info == FILE_WAS_OVERWRITTEN || info == FILE_WAS_SUPERSEDED) {
-    modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
-    if (modified != NULL) modified->is_modified = 1; /* emptied by the open itself */
+    struct tavrix_open* kept = tavrix_open_of(handle, fsp);
+    if (kept != NULL) kept->modified.is_modified = 1; /* emptied by the open itself */
   }
 }
 

@@ -45,13 +45,6 @@ static int ask(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                          tavrix->record, &st, tavrix->client, &tavrix->perm_ctx, tavrix->audit);
 }
 
-/* Whether the file changed while it was open; for its close. */
-static void watch_changes(struct vfs_handle_struct* handle, struct files_struct* fsp) {
-  if (fsp->fsp_flags.is_directory || VFS_FETCH_FSP_EXTENSION(handle, fsp) != NULL) return;
-  modify_file_evt_s* modified = VFS_ADD_FSP_EXTENSION(handle, fsp, modify_file_evt_s, NULL);
-  if (modified != NULL) ZERO_STRUCTP(modified);
-}
-
 static int open_as_root(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                         const struct smb_filename* smb_fname, struct files_struct* fsp,
                         const struct vfs_open_how* how, bool is_new) {
@@ -67,12 +60,19 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
                            const struct smb_filename* smb_fname, struct files_struct* fsp,
                            const struct vfs_open_how* how, const struct tavrix_name* name) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  /* Opening a folder was asked by the request, or its listing will be. */
+  if (fsp->fsp_flags.is_directory) return open_as_root(handle, dirfsp, smb_fname, fsp, how, false);
   int is_new = 0;
-  /* Opening a folder was asked by the request. */
-  if (!fsp->fsp_flags.is_directory && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
+  if (ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
+  /* Before the open: a file whose changes could not be told is not opened. */
+  struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
+  if (kept == NULL) {
+    errno = ENOMEM;
+    return -1;
+  }
   const int fd = open_as_root(handle, dirfsp, smb_fname, fsp, how, is_new != 0);
   if (fd < 0) return fd;
-  watch_changes(handle, fsp);
+  kept->is_clients = true;
   /* A create request records what it made, with a stamp. */
   if (is_new && (how->flags & O_CREAT) != 0 && !is_granted(tavrix, name)) {
     char* full = discard_const_p(char, name->full);
@@ -122,13 +122,13 @@ static bool is_path_only(int fd) {
 
 static void record_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  modify_file_evt_s* modified = VFS_FETCH_FSP_EXTENSION(handle, fsp);
+  struct tavrix_open* kept = tavrix_open_of(handle, fsp);
+  if (tavrix == NULL || kept == NULL || !kept->is_clients || fsp->fsp_flags.is_pathref) return;
+  if (kept->modified.is_modified == 0 && !tavrix->audit) return;
   const int fd = fsp_get_pathref_fd(fsp);
-  const bool tells = tavrix != NULL && modified != NULL && !fsp->fsp_flags.is_pathref &&
-                     (modified->is_modified != 0 || tavrix->audit);
-  if (tells && fd > 0 && !is_path_only(fd) && !is_deleted(fd)) {
-    close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
-  }
+  if (fd <= 0 || is_path_only(fd) || is_deleted(fd)) return;
+  modify_file_evt_s* modified = &kept->modified;
+  close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
 }
 
 int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {

@@ -36,20 +36,21 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
 
 /* --- listing ---------------------------------------------------------------------------------- */
 
-/* A listing that a client asked for hides what its user may not see. */
-struct listing {
-  DIR* dirp;
-  const char* base; /* the folder, relative to the share */
-};
-
-static void remember_listing(struct vfs_handle_struct* handle, files_struct* fsp, DIR* dirp,
-                             const struct tavrix_name* name) {
-  struct listing* listing = VFS_FETCH_FSP_EXTENSION(handle, fsp);
-  if (listing == NULL) listing = VFS_ADD_FSP_EXTENSION(handle, fsp, struct listing, NULL);
-  if (listing == NULL) return;
-  const bool is_share = tavrix_is_share(tavrix_connection_of(handle), name);
-  listing->dirp = dirp;
-  listing->base = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_share ? "." : name->name);
+/* A listing that a client asked for hides what its user may not see. Without a mask it is smbd that
+ * looks for a name or for what is left, and must see everything: also where the stream is at the
+ * address of an earlier one. */
+static bool remember_listing(struct vfs_handle_struct* handle, files_struct* fsp, DIR* dirp,
+                             const char* mask, const struct tavrix_name* name) {
+  struct tavrix_open* kept =
+      mask != NULL ? tavrix_keep_open(handle, fsp) : tavrix_open_of(handle, fsp);
+  if (kept == NULL) return mask == NULL;
+  const bool is_root = tavrix_is_share(tavrix_connection_of(handle), name);
+  TALLOC_FREE(kept->base);
+  kept->listing = NULL;
+  if (mask == NULL) return true;
+  kept->base = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_root ? "." : name->name);
+  kept->listing = dirp;
+  return kept->base != NULL;
 }
 
 DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
@@ -70,24 +71,23 @@ DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
   if (asked != 0) return NULL;
   DIR* dirp = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
   tavrix_give_back(tavrix);
-  /* Without a mask it is smbd that looks for a name or for what is left: it must see everything. */
-  if (dirp != NULL && mask != NULL) remember_listing(handle, fsp, dirp, &name);
-  return dirp;
+  if (dirp == NULL || remember_listing(handle, fsp, dirp, mask, &name)) return dirp;
+  SMB_VFS_NEXT_CLOSEDIR(handle, dirp); /* what cannot be filtered is not listed */
+  errno = ENOMEM;
+  return NULL;
 }
 
 static bool is_self_or_parent(const char* name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-static bool may_see(struct tavrix_connection* tavrix, const struct listing* listing,
-                    const char* name) {
+static bool may_see(struct tavrix_connection* tavrix, const char* base, const char* name) {
   char full[ENTRY_SIZE];
   int allowed = TXPERMS_NO_PERM;
   /* The hook clears as much as it is given: no more than this name needs. */
-  const size_t needed = strlen(listing->base) + strlen(name) + 2;
+  const size_t needed = strlen(base) + strlen(name) + 2;
   if (needed > sizeof full) return false;
-  readir_postprocess(&allowed, name, listing->base, full, (int)needed, tavrix->share,
-                     tavrix->record);
+  readir_postprocess(&allowed, name, base, full, (int)needed, tavrix->share, tavrix->record);
   return allowed == TXPERMS_HAS_PERMS;
 }
 
@@ -95,20 +95,15 @@ struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_str
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  const struct listing* listing = tavrix != NULL ? VFS_FETCH_FSP_EXTENSION(handle, dirfsp) : NULL;
-  if (listing == NULL || listing->dirp != dirp || listing->base == NULL) {
+  const struct tavrix_open* kept = tavrix != NULL ? tavrix_open_of(handle, dirfsp) : NULL;
+  if (kept == NULL || kept->listing != dirp) {
     return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
   }
   for (;;) {
     struct dirent* entry = SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
     if (entry == NULL || is_self_or_parent(entry->d_name)) return entry;
-    if (may_see(tavrix, listing, entry->d_name)) return entry;
+    if (may_see(tavrix, kept->base, entry->d_name)) return entry;
   }
-}
-
-int tavrix_closedir(struct vfs_handle_struct* handle, DIR* dirp) {
-  /* A later listing may get the same stream; its own opening says whether it hides anything. */
-  return SMB_VFS_NEXT_CLOSEDIR(handle, dirp);
 }
 
 /* --- entering --------------------------------------------------------------------------------- */

@@ -42,6 +42,17 @@ struct tavrix_connection {
   int is_granted_new; /* the request makes the object: its own hook records that */
 };
 
+/* What is kept of an open file or folder, for as long as it is open. */
+struct tavrix_open {
+  bool is_clients;            /* a client's own open of a file: its close is told */
+  modify_file_evt_s modified; /* of that: whether it changed */
+  DIR* listing;               /* of a folder: the listing that hides what its user may not see */
+  char* base;                 /* its name, relative to the tree */
+};
+/* Null where nothing is kept, or can be. */
+struct tavrix_open* tavrix_open_of(struct vfs_handle_struct* handle, struct files_struct* fsp);
+struct tavrix_open* tavrix_keep_open(struct vfs_handle_struct* handle, struct files_struct* fsp);
+
 /* A handle's connection; null where the module is not connected. */
 struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle);
 const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
@@ -156,7 +167,6 @@ DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
                       uint32_t attributes);
 struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf);
-int tavrix_closedir(struct vfs_handle_struct* handle, DIR* dirp);
 int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname);
 struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
                                      const struct smb_filename* smb_fname);

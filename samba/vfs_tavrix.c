@@ -8,7 +8,6 @@ static struct vfs_fn_pointers tavrix_functions = {
     .statvfs_fn = tavrix_statvfs,
     .fdopendir_fn = tavrix_fdopendir,
     .readdir_fn = tavrix_readdir,
-    .closedir_fn = tavrix_closedir,
     .mkdirat_fn = tavrix_mkdirat,
     .openat_fn = tavrix_openat,
     .create_file_fn = tavrix_create_file,
