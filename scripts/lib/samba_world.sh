@@ -97,6 +97,17 @@ start_smbd() {
 
 stop_smbd() {
   kill "$(cat $samba_folder/smbd.pid)" 2>/dev/null || return 0
+  await_end_of_smbd
+}
+
+# Every process at once, as when the machine runs out of memory.
+kill_smbd() {
+  kill -KILL -- "-$(cat $samba_folder/smbd.pid)"
+  await_end_of_smbd
+}
+
+# Until the last of them is gone the port is taken, and a client may reach one that is about to die.
+await_end_of_smbd() {
   while pgrep -s "$(cat $samba_folder/smbd.pid)" >/dev/null; do sleep 0.02; done
 }
 

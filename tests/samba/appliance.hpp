@@ -54,6 +54,8 @@ class Appliance : public Hooks {
   static void set_password(const std::string& user) { bash("set_samba_password '" + user + "'"); }
   static void start_smbd() { bash("start_smbd"); }
   static void stop_smbd() { run_bash("stop_smbd"); }
+  // Without a chance to say goodbye, and with everybody who serves a client.
+  static void kill_smbd() { bash("kill_smbd"); }
 
   // What smbclient says to commands of that user.
   static std::string smb(const std::string& user, const std::string& commands) {
@@ -94,11 +96,13 @@ class Appliance : public Hooks {
     told_ = all.size();
     return fresh;
   }
-  static bool denied(const std::string& answer) {
-    return answer.find("NT_STATUS_ACCESS_DENIED") != std::string::npos;
+  // Both show the answer when a test expected the other.
+  static testing::AssertionResult denied(const std::string& answer) {
+    return testing::AssertionResult(answer.find("NT_STATUS_ACCESS_DENIED") != std::string::npos)
+           << answer;
   }
-  static bool succeeded(const std::string& answer) {
-    return answer.find("NT_STATUS_") == std::string::npos;
+  static testing::AssertionResult succeeded(const std::string& answer) {
+    return testing::AssertionResult(answer.find("NT_STATUS_") == std::string::npos) << answer;
   }
   static std::string smbd_log() { return read_file("/scratch/samba/log/smbd.log"); }
 

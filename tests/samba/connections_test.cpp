@@ -219,8 +219,7 @@ TEST_F(Connections, GoOnWhenTheSweeperIsKilled) {
 TEST_F(Connections, ComeBackAfterTheServerWasKilled) {
   start_smbd();
   EXPECT_TRUE(succeeded(smb("Anna", "put /scratch/data.txt Shared\\Team\\a")));
-  const pid_t server = std::stoi(read_file("/scratch/samba/smbd.pid"));
-  ASSERT_EQ(0, kill(-server, SIGKILL));
+  kill_smbd();
   start_smbd();
   EXPECT_TRUE(succeeded(smb("Anna", "get Shared\\Team\\a /scratch/got")));
   EXPECT_EQ("CREATE Shared/Team/a", new_events().at(0));
