@@ -30,6 +30,7 @@ tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh >/
 touch /etc/tavrix/permission_refresh
 setsid tavrix-sweeper --foreground 2>/dev/null &
 sweeper=$!
+trap 'stop_smbd; kill "$sweeper"' EXIT
 
 write_smb_conf tavrix
 sed -i 's|path = /tavrix|path = /tavrix/Shared/Design|; s|smb ports = 445|smb ports = 445\n  server min protocol = NT1\n  client min protocol = NT1|' \
@@ -64,6 +65,4 @@ while read -r suite; do
   run_suite module tavrix "$suite"
   wait "$with_plain"
 done </scratch/suites
-stop_smbd
-kill "$sweeper"
 cp $samba_folder/log/smbd.log "$results/smbd.log"
