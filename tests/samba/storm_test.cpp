@@ -14,17 +14,26 @@ namespace tavrix::test {
 namespace {
 
 constexpr int kClients = 32;
-constexpr int kSeconds = 120;
 
-class Storm : public Appliance {
+struct Weather {
+  const char* name;
+  const char* case_sensitive;
+  int seconds;
+  friend void PrintTo(const Weather& weather, std::ostream* out) { *out << weather.name; }
+};
+
+class Storm : public Appliance, public testing::WithParamInterface<Weather> {
  protected:
+  static bool case_matters() { return GetParam().case_sensitive == std::string("yes"); }
   static std::string name_of(int client) { return "c" + std::to_string(client); }
 
   // Random work in the client's own folder; what a command meets there is chance.
   static std::string commands_of(int client, std::mt19937& random) {
     std::string commands = "cd Shared\\Team\\" + name_of(client);
     const auto some = [&random](const char* kind) {
-      return kind + std::to_string(random() % 3) + (random() % 3 == 0 ? "" : "x");
+      std::string name = kind + std::to_string(random() % 3) + (random() % 3 == 0 ? "" : "x");
+      if (!case_matters() && random() % 3 == 0) name.front() = static_cast<char>(name.front() - 32);
+      return name;
     };
     const auto path = [&](const char* kind) {
       return (random() % 2 == 0 ? some("d") + "\\" : "") + some(kind);
@@ -112,7 +121,8 @@ class Storm : public Appliance {
   }
 };
 
-TEST_F(Storm, EventsEqualTheDiskAndNothingIsLeft) {
+TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
+  configure({std::string("case sensitive = ") + GetParam().case_sensitive});
   write_file("/scratch/data.txt", "some data\n");
   for (int client = 0; client < kClients; ++client) {
     make_folder("Shared/Team/" + name_of(client), kAnna.uid);
@@ -142,7 +152,7 @@ TEST_F(Storm, EventsEqualTheDiskAndNothingIsLeft) {
     for (int client = 0; client < kClients; ++client) {
       clients.push_back(std::make_unique<Child>([client] { work(client); }));
     }
-    sleep(kSeconds);
+    sleep(static_cast<unsigned>(GetParam().seconds));
     write_file("/scratch/stop", "");
     for (auto& client : clients) EXPECT_TRUE(client->wait().ok());
     EXPECT_TRUE(loader.wait().ok());
@@ -167,6 +177,11 @@ TEST_F(Storm, EventsEqualTheDiskAndNothingIsLeft) {
   EXPECT_GE(descriptors, descriptors_of_smbd());
   EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
 }
+
+// Without case the server looks through folders for names in other letters, and opens what it finds.
+constexpr Weather kWeathers[] = {{"CaseMatters", "yes", 120}, {"CaseDoesNotMatter", "no", 60}};
+INSTANTIATE_TEST_SUITE_P(With, Storm, testing::ValuesIn(kWeathers),
+                         [](const auto& instance) { return instance.param.name; });
 
 }  // namespace
 }  // namespace tavrix::test
