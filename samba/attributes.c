@@ -1,6 +1,6 @@
 /* Extended attributes of open files: a client's own, and smbd's note of DOS attributes. The file
- * may belong to another user on the disk, so they are read and written as root, where the handle
- * was granted that. The library's marks are nobody's to see or to change. */
+ * may belong to another user on the disk: what its mode refuses is read and written as root, where
+ * the handle was granted that. The library's marks are nobody's to see or to change. */
 #include "tavrix_module.h"
 
 static const char marks[] = "user.tavrix.";
@@ -25,9 +25,10 @@ ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* 
     errno = ENODATA;
     return -1;
   }
-  const bool raised = raise_for(handle);
-  const ssize_t result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
-  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  ssize_t result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
+  if (!tavrix_was_refused(result) || !raise_for(handle)) return result;
+  result = SMB_VFS_NEXT_FGETXATTR(handle, fsp, name, value, size);
+  tavrix_give_back(tavrix_connection_of(handle));
   return result;
 }
 
@@ -49,9 +50,11 @@ static ssize_t without_marks(char* list, size_t length) {
 ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, char* list,
                           size_t size) {
   TAVRIX_ENTER(handle);
-  const bool raised = raise_for(handle);
-  const ssize_t length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
-  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  ssize_t length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
+  if (tavrix_was_refused(length) && raise_for(handle)) {
+    length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
+    tavrix_give_back(tavrix_connection_of(handle));
+  }
   return length > 0 && size > 0 ? without_marks(list, (size_t)length) : length;
 }
 
@@ -62,9 +65,10 @@ int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
     errno = EACCES;
     return -1;
   }
-  const bool raised = may_change(fsp) && raise_for(handle);
-  const int result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
-  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  int result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
+  if (!tavrix_was_refused(result) || !may_change(fsp) || !raise_for(handle)) return result;
+  result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
+  tavrix_give_back(tavrix_connection_of(handle));
   return result;
 }
 
@@ -75,8 +79,9 @@ int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* f
     errno = EACCES;
     return -1;
   }
-  const bool raised = may_change(fsp) && raise_for(handle);
-  const int result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
-  if (raised) tavrix_give_back(tavrix_connection_of(handle));
+  int result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
+  if (!tavrix_was_refused(result) || !may_change(fsp) || !raise_for(handle)) return result;
+  result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
+  tavrix_give_back(tavrix_connection_of(handle));
   return result;
 }

@@ -85,6 +85,8 @@ static int ask_about_file(struct tavrix_connection* tavrix, struct create_reques
 /* Root is given back before smbd goes on: what it does by itself it shall do as the client. The
  * functions of the table that it comes to become root for themselves. */
 static int ask(struct tavrix_connection* tavrix, struct create_request* request) {
+  TAVRIX_AS_ROOT();
+  settle_maximum_access(tavrix, request);
   const int result =
       request->is_folder ? ask_about_folder(tavrix, request) : ask_about_file(tavrix, request);
   tavrix_give_back(tavrix);
@@ -130,10 +132,7 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
   const bool is_ours =
       tavrix != NULL &&
       tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) == 0;
-  if (is_ours) {
-    settle_maximum_access(tavrix, &request);
-    if (ask(tavrix, &request) != 0) return map_nt_error_from_unix(errno);
-  }
+  if (is_ours && ask(tavrix, &request) != 0) return map_nt_error_from_unix(errno);
 
   struct tavrix_connection outer = {0}; /* requests nest: a stream's opens its file */
   if (is_ours) {

@@ -27,17 +27,21 @@ static e_fsop_type operation_of(e_open_mode mode) {
   return mode == OPENMODE_READ ? FSOP_OPEN_READ : FSOP_OPEN_WRITE;
 }
 
-/* Asks about the open itself. The request that is under way has asked the very same already, unless
- * there is something to audit or to look up. */
+/* The request that is under way has asked the very same already, unless there is something to audit
+ * or to look up. */
+static bool was_asked(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
+                      const struct files_struct* fsp, int flags) {
+  const e_open_mode mode = mode2tavrixmode(flags);
+  const bool deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
+  const bool audits = tavrix->audit && mode == OPENMODE_READ;
+  return is_granted(tavrix, name) && !deletes && !audits &&
+         operation_of(mode) == tavrix->granted_op;
+}
+
 static int ask(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                const struct files_struct* fsp, int flags, int* is_new) {
   e_open_mode mode = mode2tavrixmode(flags);
   const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
-  const bool audits = tavrix->audit && mode == OPENMODE_READ;
-  if (is_granted(tavrix, name) && !deletes && !audits && operation_of(mode) == tavrix->granted_op) {
-    *is_new = tavrix->is_granted_new;
-    return 0;
-  }
   e_fsop_type op = FSOP_INVAL;
   struct stat st;
   char* full = discard_const_p(char, name->full);
@@ -62,8 +66,10 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   /* Opening a folder was asked by the request, or its listing will be. */
   if (fsp->fsp_flags.is_directory) return open_as_root(handle, dirfsp, smb_fname, fsp, how, false);
-  int is_new = 0;
-  if (ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
+  const bool asked = was_asked(tavrix, name, fsp, how->flags);
+  int is_new = asked ? tavrix->is_granted_new : 0;
+  TAVRIX_AS_ROOT_IF(!asked);
+  if (!asked && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
   /* Before the open: a file whose changes could not be told is not opened. */
   struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
   if (kept == NULL) {
@@ -81,14 +87,26 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
   return fd;
 }
 
+/* A status query's question, and its answer when there is none to get: each entry of a listing is
+ * opened this way, so nothing is switched for it that need not be. */
+static int ask_to_name(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
+  refresh_credentials(tavrix->record);
+  TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, name));
+  if (check_perms(tavrix->share, name->name, FSOP_STAT, tavrix->record, 0) == TXPERMS_HAS_PERMS) {
+    return 0;
+  }
+  errno = EPERM;
+  return -1;
+}
+
 static int open_to_name(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                         const struct smb_filename* smb_fname, struct files_struct* fsp,
                         const struct vfs_open_how* how, const struct tavrix_name* name) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (stat_preprocess(tavrix->record, name->name, tavrix->share, &tavrix->perm_ctx) != 0) {
-    return -1;
-  }
-  const int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+  if (ask_to_name(tavrix, name) != 0) return -1;
+  int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+  if (!tavrix_was_refused(fd) || tavrix_raise(tavrix) != 0) return fd;
+  fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
   tavrix_give_back(tavrix);
   return fd;
 }
@@ -128,7 +146,9 @@ static void record_close(struct vfs_handle_struct* handle, struct files_struct* 
   const int fd = fsp_get_pathref_fd(fsp);
   if (fd <= 0 || is_path_only(fd) || is_deleted(fd)) return;
   modify_file_evt_s* modified = &kept->modified;
+  const bool raised = tavrix_raise(tavrix) == 0;
   close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
+  if (raised) tavrix_give_back(tavrix);
 }
 
 int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
@@ -178,6 +198,7 @@ int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
       is_named_stream(smb_fname)) {
     return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
   }
+  TAVRIX_AS_ROOT();
   if (ask_to_remove(tavrix, &name, is_folder) != 0) return -1;
   const int result = SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
   tavrix_give_back(tavrix);
@@ -237,8 +258,8 @@ static int file_times(struct vfs_handle_struct* handle, struct files_struct* fsp
   char* full = NULL;
   if (ntimes_file_preprocess(&full, tavrix->share, name->name, &tavrix->perm_ctx) != 0) return -1;
   const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
-  tavrix_give_back(tavrix);
   if (result == 0) ntimes_file_postprocess(full, tavrix->record);
+  tavrix_give_back(tavrix);
   free(full);
   return result;
 }

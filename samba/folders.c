@@ -20,6 +20,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   }
   /* The create request around this asked the very same, and records what it makes. */
   const bool granted = is_granted(tavrix, &name);
+  TAVRIX_AS_ROOT_IF(!granted);
   const int asked = granted ? tavrix_raise(tavrix)
                             : mkdir_preprocess(tavrix->share, name.name, name.full, tavrix->record,
                                                &tavrix->perm_ctx);
@@ -62,6 +63,7 @@ DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
     return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
   }
   const bool is_share = tavrix_is_share(tavrix, &name);
+  TAVRIX_AS_ROOT_IF(!is_share);
   int is_nav = 0;
   const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
   /* The share itself is for everybody. */
@@ -82,12 +84,15 @@ static bool is_self_or_parent(const char* name) {
 }
 
 static bool may_see(struct tavrix_connection* tavrix, const char* base, const char* name) {
+  char path[ENTRY_SIZE];
   char full[ENTRY_SIZE];
   int allowed = TXPERMS_NO_PERM;
   /* The hook clears as much as it is given: no more than this name needs. */
-  const size_t needed = strlen(base) + strlen(name) + 2;
-  if (needed > sizeof full) return false;
-  readir_postprocess(&allowed, name, base, full, (int)needed, tavrix->share, tavrix->record);
+  const int length = snprintf(path, sizeof path, "%s/%s", base, name);
+  if (length < 0 || (size_t)length >= sizeof path) return false;
+  const struct tavrix_name entry = {.name = path};
+  TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, &entry));
+  readir_postprocess(&allowed, name, base, full, length + 1, tavrix->share, tavrix->record);
   return allowed == TXPERMS_HAS_PERMS;
 }
 
@@ -115,6 +120,7 @@ int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* sm
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
     return SMB_VFS_NEXT_CHDIR(handle, smb_fname);
   }
+  TAVRIX_AS_ROOT_IF(!tavrix_is_share(tavrix, &name));
   if (chdir_preprocess(name.name, tavrix->share, tavrix->record, &tavrix->perm_ctx) != 0) return -1;
   const int result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
   tavrix_give_back(tavrix);

@@ -12,6 +12,38 @@ void tavrix_give_back(struct tavrix_connection* tavrix) {
   errno = keep;
 }
 
+struct tavrix_root tavrix_become_root_if(bool wanted) {
+  struct tavrix_root root = {.user = NULL, .group = (gid_t)-1};
+  if (!wanted || raise_permissions(&root.user) != 1) return root;
+  const gid_t group = getegid();
+  if (group != 0 && setegid(0) == 0) root.group = group;
+  return root;
+}
+
+/* The group first, while the process may still take any. */
+void tavrix_end_root(struct tavrix_root* root) {
+  const int keep = errno;
+  if (root->group != (gid_t)-1 && setegid(root->group) != 0) {
+    smb_panic("tavrix: the group was not given back");
+  }
+  if (root->user != NULL && tavrix_vfs_unbecome_root(root->user) != 0) {
+    smb_panic("tavrix: the identity was not given back");
+  }
+  errno = keep;
+}
+
+bool tavrix_must_decide(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
+  if (tavrix_is_share(tavrix, name)) return false;
+  int slot = -1;
+  const e_vfs_enforce_perms known =
+      check_tlb(name->name, FSOP_STAT, &slot, &tavrix->record->vfs_table_cache);
+  return known != TXPERMS_HAS_PERMS && known != TXPERMS_NO_PERM;
+}
+
+bool tavrix_was_refused(ssize_t result) {
+  return result == -1 && (errno == EACCES || errno == EPERM);
+}
+
 static uid_t owner_of(const struct tavrix_connection* tavrix) {
   return tavrix->owner_uid != (uid_t)-1 ? tavrix->owner_uid : tavrix->record->refresh_creds.euid;
 }
@@ -45,6 +77,7 @@ struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle) {
 #ifdef TAVRIX_CHECK_IDENTITY
   uid_t saved;
   getresuid(&entry.real, &entry.effective, &saved);
+  entry.group = getegid();
 #endif
   return entry;
 }
@@ -57,9 +90,10 @@ static void check_identity(const struct tavrix_entry* entry) {
   const int keep = errno;
   getresuid(&real, &effective, &saved);
   errno = keep;
-  if (real == entry->real && effective == entry->effective) return;
-  DBG_ERR("identity left: real %u effective %u, before %u %u\n", (unsigned)real,
-          (unsigned)effective, (unsigned)entry->real, (unsigned)entry->effective);
+  if (real == entry->real && effective == entry->effective && getegid() == entry->group) return;
+  DBG_ERR("identity left: real %u effective %u group %u, before %u %u %u\n", (unsigned)real,
+          (unsigned)effective, (unsigned)getegid(), (unsigned)entry->real,
+          (unsigned)entry->effective, (unsigned)entry->group);
   smb_panic("tavrix: the identity was not given back");
 }
 #endif

@@ -14,6 +14,7 @@ int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
       tavrix_name_at(talloc_tos(), handle, dstdir_fsp, smb_fname_dst, &to) != 0) {
     return SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
   }
+  TAVRIX_AS_ROOT();
   if (rename_preprocess(tavrix->share, from.full, to.full, &tavrix->perm_ctx, &isdir,
                         tavrix->record, &is_nav) != 0) {
     return -1;

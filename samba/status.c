@@ -1,8 +1,15 @@
 /* Status queries. */
 #include "tavrix_module.h"
 
-/* Asks the library about a status query: 1 granted (root, where there is a decision), 0 refused,
- * and 1 without a decision outside of the share. */
+/* What is not known yet is decided, after a look at whether the client is still who it was. */
+static bool must_decide(struct vfs_handle_struct* handle, const struct tavrix_name* name) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (!tavrix_must_decide(tavrix, name)) return false;
+  refresh_credentials(tavrix->record);
+  return true;
+}
+
+/* Whether the library grants a status query; the process is root then. */
 static bool may_look(struct vfs_handle_struct* handle, const struct tavrix_name* name, bool link) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (link) {
@@ -17,6 +24,7 @@ int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
     return SMB_VFS_NEXT_STAT(handle, smb_fname);
   }
+  TAVRIX_AS_ROOT_IF(must_decide(handle, &name));
   if (!may_look(handle, &name, false)) return -1;
   const int result = SMB_VFS_NEXT_STAT(handle, smb_fname);
   tavrix_give_back(tavrix_connection_of(handle));
@@ -29,6 +37,7 @@ int tavrix_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fnam
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
     return SMB_VFS_NEXT_LSTAT(handle, smb_fname);
   }
+  TAVRIX_AS_ROOT();
   if (!may_look(handle, &name, true)) return -1;
   const int result = SMB_VFS_NEXT_LSTAT(handle, smb_fname);
   tavrix_give_back(tavrix_connection_of(handle));
@@ -42,7 +51,9 @@ int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
   if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) {
     return SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
   }
-  if (!may_look(handle, &name, (flags & AT_SYMLINK_NOFOLLOW) != 0)) return -1;
+  const bool link = (flags & AT_SYMLINK_NOFOLLOW) != 0;
+  TAVRIX_AS_ROOT_IF(link || must_decide(handle, &name));
+  if (!may_look(handle, &name, link)) return -1;
   const int result = SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
   tavrix_give_back(tavrix_connection_of(handle));
   return result;

@@ -75,12 +75,37 @@ int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, cons
                          struct tavrix_name* out);
 int tavrix_is_share(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
 
-/* --- identity --------------------------------------------------------------------------------- */
+/* --- identity ---------------------------------------------------------------------------------
+ * A change of identity costs about as much as opening a file, and the library makes many short
+ * ones. So a function that asks for a decision becomes root once, with user and group, and asks,
+ * works and records as that; the library finds nothing to change then. Where nothing must be
+ * decided, the client's own identity is tried first. */
 
 /* Root for an operation that needs no decision. 0 or -1 with errno. */
 int tavrix_raise(struct tavrix_connection* tavrix);
 /* After every hook that may have left the process root; errno survives. */
 void tavrix_give_back(struct tavrix_connection* tavrix);
+
+/* Root with user and group to the end of the block, unless the process is root already or cannot
+ * be: then the library switches for itself. Not for refresh_credentials(), which must see the
+ * client. */
+struct tavrix_root {
+  tx_perm_ctx_t* user;
+  gid_t group; /* -1: was not changed */
+};
+struct tavrix_root tavrix_become_root_if(bool wanted);
+void tavrix_end_root(struct tavrix_root* root);
+#define TAVRIX_AS_ROOT_IF(wanted)                                              \
+  __attribute__((cleanup(tavrix_end_root), unused)) struct tavrix_root root_ = \
+      tavrix_become_root_if(wanted)
+#define TAVRIX_AS_ROOT() TAVRIX_AS_ROOT_IF(true)
+
+/* Whether asking about the status of a name will take a decision: the share's own is for everybody,
+ * and the verdict cache may know the rest. */
+bool tavrix_must_decide(struct tavrix_connection* tavrix, const struct tavrix_name* name);
+/* The client itself was not let, and may be as root what the library grants it. */
+bool tavrix_was_refused(ssize_t result);
+
 /* What was made belongs to the settings' user, or to the client. */
 void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd);
 void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const char* full);
@@ -93,6 +118,7 @@ struct tavrix_entry {
   struct tavrix_connection* tavrix;
   tx_perm_ctx_t* outer;
   uid_t real, effective;
+  gid_t group;
 };
 struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle);
 void tavrix_leave(struct tavrix_entry* entry);
