@@ -132,10 +132,10 @@ struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CT
                                      const struct smb_filename* smb_fname) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL || tavrix_raise(tavrix) != 0) {
-    return SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
-  }
   struct smb_filename* result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
+  const bool refused = result == NULL && tavrix_was_refused(-1);
+  if (!refused || tavrix == NULL || tavrix_raise(tavrix) != 0) return result;
+  result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
   tavrix_give_back(tavrix);
   return result;
 }
