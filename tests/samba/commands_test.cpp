@@ -237,6 +237,27 @@ TEST_F(Commands, ThePrivateAreaIsItsOwners) {
   EXPECT_TRUE(exists(full("Private/pat/diary.txt")));
 }
 
+// On the disk everything may be root's and closed to everybody else.
+TEST_F(Commands, TheMapRulesAndNotTheModesOnTheDisk) {
+  const auto before = listing("Anna", "Shared\\Team");
+  bash("chown -R 0:0 /tavrix/Shared; chmod -R u=rwX,go= /tavrix/Shared; chmod 0700 /tavrix/Shared");
+  EXPECT_EQ(before, listing("Anna", "Shared\\Team"));
+  for (const char* commands :
+       {"get report.txt /scratch/got", "put /scratch/data.txt report.txt", "allinfo report.txt",
+        "setmode report.txt +h", "put /scratch/data.txt Docs\\Deep\\new.txt",
+        "rename Docs\\Deep\\new.txt newer.txt", "rm newer.txt", "mkdir Docs\\Deep\\Deeper",
+        "rmdir Docs\\Deep\\Deeper", "rename Docs Papers", "deltree Papers"}) {
+    EXPECT_TRUE(succeeded(team(kAnna, commands))) << commands;
+  }
+  EXPECT_EQ("some data\n", read_file(full("Shared/Team/report.txt")));
+  EXPECT_NE(std::string::npos, team(kAnna, "allinfo report.txt").find("attributes: HA"))
+      << "read too";
+  EXPECT_TRUE(succeeded(team(kBen, "get report.txt /scratch/got")));
+  EXPECT_TRUE(denied(team(kBen, "put /scratch/data.txt report.txt")));
+  EXPECT_FALSE(succeeded(smb(kBen, "ls Shared\\Closed\\*")));
+  EXPECT_EQ(0U, stat_of("Shared/Team/report.txt").st_uid);
+}
+
 // The debug build ends a process in which a function of the table leaves another identity.
 TEST_F(Commands, NoHookLeavesRootBehind) {
   Client client("Anna");
