@@ -30,6 +30,8 @@ if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_FULL_SYSCONFDIR})
 endif()
 install(FILES packaging/tavrix.conf DESTINATION ${TAVRIX_SYSCONFDIR}/tavrix COMPONENT tools)
+install(FILES packaging/tavrix.logrotate DESTINATION ${TAVRIX_SYSCONFDIR}/logrotate.d RENAME tavrix
+  COMPONENT tools)
 install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service
   DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf
