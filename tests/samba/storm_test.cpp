@@ -178,7 +178,8 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
   EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
 }
 
-// Without case the server looks through folders for names in other letters, and opens what it finds.
+// Without case the server looks through folders for names in other letters, and opens what it
+// finds.
 constexpr Weather kWeathers[] = {{"CaseMatters", "yes", 120}, {"CaseDoesNotMatter", "no", 60}};
 INSTANTIATE_TEST_SUITE_P(With, Storm, testing::ValuesIn(kWeathers),
                          [](const auto& instance) { return instance.param.name; });
