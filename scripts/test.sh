@@ -10,6 +10,8 @@ install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}"
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(release asan)
 
+scripts/check.sh
+
 objects_before=$(ipcs -a | md5sum)
 for preset in "${presets[@]}"; do
   echo "== $preset: build"
@@ -19,8 +21,6 @@ for preset in "${presets[@]}"; do
   echo "== $preset: test"
   ctest --preset "$preset" -j "$(($(nproc) * 2))" --progress --output-on-failure
 done
-
-scripts/check.sh
 
 if [ "$(ipcs -a | md5sum)" != "$objects_before" ]; then
   echo "the tests left System V objects on this machine:" >&2
