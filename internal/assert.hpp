@@ -3,8 +3,8 @@
 
 // The C library's own reporter: "program: file:line: function: Assertion `text' failed.", then
 // abort. assert.h declares it only while NDEBUG is unset, and no build may lose an assertion.
-extern "C" [[noreturn]] void __assert_fail(const char* text, const char* file, unsigned int line,
-                                           const char* function) noexcept;
+extern "C" void __assert_fail(const char* text, const char* file, unsigned int line,
+                              const char* function) noexcept __attribute__((noreturn));
 
 // Other programs and operators know these aborts by their text, so it is given apart from the code.
 #define TAVRIX_REQUIRE(condition, text)              \

@@ -262,7 +262,7 @@ void add_events_commands(CLI::App& app, Options& options, Action& action) {
 
   CLI::App* buffer = events->add_subcommand("buffer", "The staging buffer");
   buffer->require_subcommand(1);
-  const auto add = [&](const char* name, const char* help, std::function<int()> work) {
+  const auto add = [&](const char* name, const char* help, const std::function<int()>& work) {
     buffer->add_subcommand(name, help)->callback([&action, &options, work] {
       action = [&options, work] {
         if (!use_shared_settings()) return kFailure;

@@ -88,7 +88,7 @@ std::optional<Pair> Inbox::take() const {
 }
 
 std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {
-  const std::string folder = name_of_now(refused_);
+  std::string folder = name_of_now(refused_);
   std::error_code none;
   fs::create_directories(folder, none);
   std::ofstream(folder + "/reason.txt") << reason << '\n';
