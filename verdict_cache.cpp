@@ -23,6 +23,56 @@ struct OperationBit {
   uint32_t mask = 0;
 };
 
+// What a path is told apart by at a glance: of the characters that a comparison looks at.
+uint32_t fingerprint_of(const char* path) noexcept {
+  constexpr uint64_t kMix = 0x9E3779B97F4A7C15U;
+  std::size_t left = strnlen(path, kLongestComparison);
+  uint64_t mixed = left * kMix;
+  for (; left >= sizeof mixed; left -= sizeof mixed, path += sizeof mixed) {
+    uint64_t next;
+    std::memcpy(&next, path, sizeof next);
+    mixed = (mixed ^ next) * kMix;
+    mixed ^= mixed >> 32;
+  }
+  uint64_t last = 0;
+  std::memcpy(&last, path, left);
+  mixed = (mixed ^ last) * kMix;
+  return static_cast<uint32_t>(mixed >> 32);
+}
+
+// A lookup goes through up to 1024 paths that differ in their last characters only. The
+// fingerprints of the cache that was used last stand beside it, for its layout has no room: a
+// slot's is right as long as the slot holds the very string that it was taken of.
+class Fingerprints {
+ public:
+  void use(const vfs_table_cache_s& cache) noexcept {
+    if (cache_ == &cache) return;
+    cache_ = &cache;
+    std::memset(slots_, 0, sizeof slots_);
+  }
+  // The strings of a cache are about to be freed; their addresses will be those of others.
+  void forget(const vfs_table_cache_s& cache) noexcept {
+    if (cache_ == &cache) cache_ = nullptr;
+  }
+  void note(int slot, const char* path, uint32_t fingerprint) noexcept {
+    slots_[slot] = {path, fingerprint};
+  }
+  [[nodiscard]] bool may_be(int slot, const char* path, uint32_t wanted) noexcept {
+    if (__builtin_expect(slots_[slot].path != path, 0)) note(slot, path, fingerprint_of(path));
+    return slots_[slot].fingerprint == wanted;
+  }
+
+ private:
+  struct Slot {
+    const char* path;
+    uint32_t fingerprint;
+  };
+  const vfs_table_cache_s* cache_ = nullptr;
+  Slot slots_[TAVRIX_TLB_PATHS] = {};
+};
+
+thread_local Fingerprints fingerprints;
+
 bool is_grant(e_vfs_enforce_perms verdict) { return verdict == TXPERMS_HAS_PERMS; }
 
 int slot_at(const vfs_table_cache_s& cache, int position) {
@@ -30,6 +80,7 @@ int slot_at(const vfs_table_cache_s& cache, int position) {
 }
 
 void reset(vfs_table_cache_s& cache) {
+  fingerprints.forget(cache);
   std::memset(cache.tlb_perms, 0, sizeof cache.tlb_perms);
   std::memset(cache.tlb_paths, 0, sizeof cache.tlb_paths);
   for (int i = 0; i < TAVRIX_TLB_PATHS; ++i) cache.tlb_index_table[i] = i;
@@ -57,22 +108,6 @@ void move_to_front(vfs_table_cache_s& cache, int position) {
   table[0] = slot;
 }
 
-// Most positions of a full cache are looked at, so the comparison is chosen once: paths shorter
-// than the limit are told apart by their ends.
-template <typename Equals>
-int find_position(const vfs_table_cache_s& cache, Equals equals) {
-  constexpr int kAhead = 4;
-  for (int position = 0; position < cache.vfs_tlb_end; ++position) {
-    if (position + kAhead < cache.vfs_tlb_end) {
-      __builtin_prefetch(cache.tlb_paths[slot_at(cache, position + kAhead)]);
-    }
-    const char* stored = cache.tlb_paths[slot_at(cache, position)];
-    // A slot without a path: the copy for it could not be allocated.
-    if (stored != nullptr && equals(stored)) return position;
-  }
-  return -1;
-}
-
 }  // namespace
 }  // namespace tavrix
 
@@ -87,13 +122,18 @@ void destroy_tlb(vfs_table_cache_s* cache) {
 }
 
 int _tlb_lookup_path(const char* path, vfs_table_cache_s* cache) {
-  if (strnlen(path, tavrix::kLongestComparison) < tavrix::kLongestComparison) {
-    return tavrix::find_position(
-        *cache, [path](const char* stored) { return std::strcmp(stored, path) == 0; });
+  if (cache->vfs_tlb_end == 0) return -1;
+  const uint32_t wanted = tavrix::fingerprint_of(path);
+  tavrix::Fingerprints& fingerprints = tavrix::fingerprints;
+  fingerprints.use(*cache);
+  for (int position = 0; position < cache->vfs_tlb_end; ++position) {
+    const int slot = slot_at(*cache, position);
+    const char* stored = cache->tlb_paths[slot];
+    // A slot without a path: the copy for it could not be allocated.
+    if (stored == nullptr || !fingerprints.may_be(slot, stored, wanted)) continue;
+    if (std::strncmp(stored, path, tavrix::kLongestComparison) == 0) return position;
   }
-  return tavrix::find_position(*cache, [path](const char* stored) {
-    return std::strncmp(stored, path, tavrix::kLongestComparison) == 0;
-  });
+  return -1;
 }
 
 int _update_tlb_hit(int position, vfs_table_cache_s* cache) {
@@ -137,6 +177,8 @@ void add_tlb_entry(const char* path, int slot, e_fsop_type op, e_vfs_enforce_per
       TAVRIX_LOG(0, "Cannot create path for TLB cache, out of memory\n");
       return;
     }
+    tavrix::fingerprints.use(*cache);
+    tavrix::fingerprints.note(used_slot, cache->tlb_paths[used_slot], tavrix::fingerprint_of(path));
     cache->tlb_perms[used_slot] = {};
     position = cache->vfs_tlb_end - 1;
   } else {

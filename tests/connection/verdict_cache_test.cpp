@@ -218,6 +218,52 @@ TEST_F(VerdictCache, ComparesFourThousandBytes) {
   EXPECT_EQ(TXPERMS_NOT_FOUND, ask(start.substr(1)));
 }
 
+TEST_F(VerdictCache, IsOneOfSeveral) {
+  auto other = std::make_unique<vfs_table_cache_s>();
+  init_tlb(other.get());
+  for (int i = 0; i < 50; ++i) {
+    add("here" + std::to_string(i), TXPERMS_HAS_PERMS);
+    add_tlb_entry(("there" + std::to_string(i)).c_str(), -1, FSOP_STAT, TXPERMS_NO_PERM,
+                  other.get());
+  }
+  for (int i = 0; i < 50; ++i) {
+    const std::string here = "here" + std::to_string(i), there = "there" + std::to_string(i);
+    EXPECT_EQ(TXPERMS_HAS_PERMS, ask(here));
+    EXPECT_EQ(TXPERMS_NOT_FOUND, ask(there));
+    EXPECT_NE(-1, _tlb_lookup_path(there.c_str(), other.get()));
+    EXPECT_EQ(-1, _tlb_lookup_path(here.c_str(), other.get()));
+  }
+  destroy_tlb(other.get());
+  EXPECT_EQ(TXPERMS_HAS_PERMS, ask("here7"));
+}
+
+// A module may fill a slot by itself; what was known of another string there is nothing worth.
+TEST_F(VerdictCache, FindsAPathThatAModulePutThere) {
+  add("a", TXPERMS_HAS_PERMS);
+  EXPECT_EQ(0, position_of("a"));
+  char* before = cache().tlb_paths[0];
+  cache().tlb_paths[0] = strdup("b");
+  EXPECT_EQ(TXPERMS_HAS_PERMS, ask("b"));
+  EXPECT_EQ(TXPERMS_NOT_FOUND, ask("a"));
+  std::free(before);
+}
+
+// Addresses come back: the string behind one is another one after a flush.
+TEST_F(VerdictCache, KnowsNothingOfTheStringsBeforeAFlush) {
+  for (int round = 0; round < 20; ++round) {
+    const std::string path = "round" + std::to_string(round);
+    EXPECT_EQ(TXPERMS_NOT_FOUND, ask(path));
+    add(path, TXPERMS_HAS_PERMS);
+    EXPECT_EQ(TXPERMS_HAS_PERMS, ask(path));
+    EXPECT_EQ(TXPERMS_NOT_FOUND, ask("round" + std::to_string(round + 1)));
+    if (round % 2 == 0) {
+      cache().flush_tlb = 21;
+    } else {
+      del_tlb_entry(path.c_str(), &cache());
+    }
+  }
+}
+
 TEST_F(VerdictCache, LeavesNothingOnTheHeap) {
   const long blocks = live_allocations();
   for (int i = 0; i < 3000; ++i) add("p" + std::to_string(i), TXPERMS_HAS_PERMS);
