@@ -58,7 +58,9 @@ class Fingerprints {
     slots_[slot] = {path, fingerprint};
   }
   [[nodiscard]] bool may_be(int slot, const char* path, uint32_t wanted) noexcept {
-    if (__builtin_expect(slots_[slot].path != path, 0)) note(slot, path, fingerprint_of(path));
+    if (__builtin_expect(slots_[slot].path != path, 0)) {
+      note(slot, path, path != nullptr ? fingerprint_of(path) : 0);
+    }
     return slots_[slot].fingerprint == wanted;
   }
 
@@ -122,16 +124,21 @@ void destroy_tlb(vfs_table_cache_s* cache) {
 }
 
 int _tlb_lookup_path(const char* path, vfs_table_cache_s* cache) {
+  const auto holds_path = [&](int slot) {
+    const char* stored = cache->tlb_paths[slot];
+    // A slot without a path: the copy for it could not be allocated.
+    return stored != nullptr && std::strncmp(stored, path, tavrix::kLongestComparison) == 0;
+  };
   if (cache->vfs_tlb_end == 0) return -1;
+  if (holds_path(slot_at(*cache, 0))) return 0;  // most often it is the path of before
   const uint32_t wanted = tavrix::fingerprint_of(path);
   tavrix::Fingerprints& fingerprints = tavrix::fingerprints;
   fingerprints.use(*cache);
-  for (int position = 0; position < cache->vfs_tlb_end; ++position) {
+  for (int position = 1; position < cache->vfs_tlb_end; ++position) {
     const int slot = slot_at(*cache, position);
-    const char* stored = cache->tlb_paths[slot];
-    // A slot without a path: the copy for it could not be allocated.
-    if (stored == nullptr || !fingerprints.may_be(slot, stored, wanted)) continue;
-    if (std::strncmp(stored, path, tavrix::kLongestComparison) == 0) return position;
+    if (fingerprints.may_be(slot, cache->tlb_paths[slot], wanted) && holds_path(slot)) {
+      return position;
+    }
   }
   return -1;
 }
