@@ -15,7 +15,4 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" | tail -n 1
 scripts/build-samba-module.sh "$build"
 
-# A network of its own, so that a server of this machine is not in the way.
-export -f in_private_world
-unshare --net bash -c 'in_private_world "$@"' appliance \
-  "$PWD/scripts/lib/appliance_world.sh" "$PWD" "$build" "${1:-}"
+in_private_network_world "$PWD/scripts/lib/appliance_world.sh" "$PWD" "$build" "${1:-}"

@@ -16,7 +16,5 @@ scripts/build-samba-module.sh "$build"
 
 run=$(mktemp -d)
 trap 'rm -rf "$run"' EXIT
-export -f in_private_world
-unshare --net bash -c 'in_private_world "$@"' bench \
-  "$PWD/scripts/lib/bench_samba_world.sh" "$PWD" "$build" "$run/results" "${1:-5}"
+in_private_network_world "$PWD/scripts/lib/bench_samba_world.sh" "$PWD" "$build" "$run/results" "${1:-5}"
 scripts/lib/bench_samba_table.py "$run/results" docs/benchmarks.md

@@ -8,7 +8,5 @@ source "$sources/scripts/lib/world.sh"
 
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
-export -f in_private_world
-unshare --net bash -c 'in_private_world "$@"' torture \
-  "$sources/scripts/lib/torture_world.sh" "$sources" "$1" "$results" "$2"
+in_private_network_world "$sources/scripts/lib/torture_world.sh" "$sources" "$1" "$results" "$2"
 "$sources/scripts/lib/torture_table.py" "$results" "$sources/samba/torture-differences.txt"

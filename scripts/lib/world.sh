@@ -25,3 +25,9 @@ in_private_world() {
     mount -t tmpfs -o mode=0755 tmpfs "$new/var/log"
     exec chroot "$new" bash "$@"' in_private_world "$@"
 }
+
+# The same, with a network of its own: a server of this machine is not in the way.
+in_private_network_world() {
+  export -f in_private_world
+  unshare --net bash -c 'in_private_world "$@"' in_private_network_world "$@"
+}
