@@ -220,6 +220,76 @@ TEST_F(Loader, SurvivesItsDeathAtAnyMoment) {
   EXPECT_TRUE(refused().empty());
 }
 
+// Where a run may have died while it took a pair, and while the import removed it.
+TEST_F(Loader, LosesNoPairThatWasTakenInPart) {
+  const std::string work = kInbox + "/.work";
+  make_dirs(work);
+  const auto take = [&](const char* name) {
+    ASSERT_EQ(0, link((kInbox + name).c_str(), (work + name).c_str()));
+  };
+  hand_over(wide(5));
+  take("/data.json");
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(5, folders_of_current());
+
+  hand_over(wide(6));
+  take("/data.json");
+  take("/size.json");
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(6, folders_of_current());
+
+  hand_over(wide(7));
+  take("/data.json");
+  take("/size.json");
+  ASSERT_EQ(0, unlink((kInbox + "/data.json").c_str()));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(7, folders_of_current());
+  EXPECT_EQ((std::vector<std::string>{".work", "refused"}), list(kInbox));
+
+  write_file(work + "/size.json", "of a pair that was imported");
+  hand_over(wide(8));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(8, folders_of_current());
+  EXPECT_TRUE(list(work).empty());
+  EXPECT_TRUE(refused().empty());
+}
+
+// A new pair that comes while the one before it is still in work.
+TEST_F(Loader, TakesTheNextPairAfterTheUnfinishedOne) {
+  const std::string work = kInbox + "/.work";
+  make_dirs(work);
+  hand_over(wide(5));
+  ASSERT_EQ(0, rename((kInbox + "/size.json").c_str(), (work + "/size.json").c_str()));
+  ASSERT_EQ(0, rename((kInbox + "/data.json").c_str(), (work + "/data.json").c_str()));
+  hand_over(wide(6));
+  const Outcome outcome = once();
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, ": 5 folders")) << outcome.err;
+  EXPECT_EQ(6, folders_of_current());
+}
+
+// The import of a loader that was killed goes on, and takes the pair away at its end.
+TEST_F(Loader, WaitsForTheImportOfALoaderThatDied) {
+  for (int round = 0; round < 5; ++round) {
+    const int folders = 20000 + round;
+    hand_over(wide(static_cast<uint32_t>(folders)));
+    {
+      Child loader([] {
+        execl(kLoader.c_str(), kLoader.c_str(), "--once", "--dir", kInbox.c_str(), nullptr);
+        _exit(127);
+      });
+      // Its import has begun: there is a table that is not the current one.
+      for (int tries = 0; tries < 2000 && segments_in_use() < 2 + (round > 0); ++tries) usleep(500);
+      loader.kill();
+      loader.wait();
+    }
+    const Outcome again = once();
+    EXPECT_EQ(0, again.exit_code) << again.err;
+    EXPECT_EQ(folders, folders_of_current()) << again.err;
+  }
+  EXPECT_TRUE(refused().empty());
+}
+
 TEST_F(Loader, WatchesItsFolderUntilItIsToldToEnd) {
   Child loader([] {
     execl(kLoader.c_str(), kLoader.c_str(), "--dir", kInbox.c_str(), nullptr);

@@ -21,6 +21,12 @@ bool is_complete(const Pair& pair) {
   return fs::is_regular_file(pair.size, none) && fs::is_regular_file(pair.data, none);
 }
 
+// Takes a name away, unless it is another file's by now.
+void remove_if_same(const std::string& name, const std::string& file) {
+  std::error_code none;
+  if (fs::equivalent(name, file, none)) fs::remove(name, none);
+}
+
 // Seconds and a counter: two refusals of a second lie side by side.
 std::string name_of_now(const std::string& folder) {
   const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
@@ -69,22 +75,35 @@ void Inbox::drain(const Fd& watch) {
 }
 
 std::optional<Pair> Inbox::unfinished() const {
-  Pair pair = in(work_);
-  if (!is_complete(pair)) return std::nullopt;
-  return pair;
+  Pair taken = in(work_);
+  if (!is_complete(taken)) {
+    finish(taken);  // taken in part only, and whole in the folder; or imported already
+    return std::nullopt;
+  }
+  leave(taken);
+  return taken;
 }
 
-// The size file last: a run that died between the two finds the pair incomplete in both places, and
-// the agent's next one replaces it.
+// Both files are in both places before they leave the folder: a run that dies on the way finds the
+// pair whole here or there.
 std::optional<Pair> Inbox::take() const {
   const Pair from = in(folder_);
   Pair to = in(work_);
   if (!is_complete(from)) return std::nullopt;
+  finish(to);
   std::error_code error;
-  fs::rename(from.data, to.data, error);
-  if (!error) fs::rename(from.size, to.size, error);
+  fs::create_hard_link(from.data, to.data, error);
+  if (!error) fs::create_hard_link(from.size, to.size, error);
   if (error) return std::nullopt;
+  leave(to);
   return to;
+}
+
+// What the agent has put there meanwhile is the next pair, and stays.
+void Inbox::leave(const Pair& taken) const {
+  const Pair from = in(folder_);
+  remove_if_same(from.data, taken.data);
+  remove_if_same(from.size, taken.size);
 }
 
 std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {

@@ -27,7 +27,8 @@ class Inbox {
   [[nodiscard]] Fd watch() const;
   static void drain(const Fd& watch);
 
-  // The pair that an earlier run had taken and not finished, if both files are still there.
+  // The pair that an earlier run had taken and not finished, if both files are still there; what is
+  // left of any other is cleared.
   [[nodiscard]] std::optional<Pair> unfinished() const;
   // Takes a complete pair out of the folder; none when there is none.
   [[nodiscard]] std::optional<Pair> take() const;
@@ -38,6 +39,8 @@ class Inbox {
 
  private:
   [[nodiscard]] Pair in(const std::string& folder) const;
+  // Takes the names of a pair that was taken out of the folder.
+  void leave(const Pair& taken) const;
   std::string folder_, work_, refused_;
 };
 

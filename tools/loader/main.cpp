@@ -23,9 +23,8 @@ void say(bool good, const std::string& text) {
   sd_notifyf(0, "STATUS=%s", text.substr(0, text.find('\n')).c_str());
 }
 
-// One pair, from the folder or from an earlier run.
+// One pair, from the folder or from an earlier run; under the lock.
 bool load(const Inbox& inbox, const Pair& pair) {
-  const Fd lock = lock_maps();
   const Result result = load_pair(pair);
   if (result.good) {
     inbox.finish(pair);
@@ -37,14 +36,13 @@ bool load(const Inbox& inbox, const Pair& pair) {
   return false;
 }
 
-// What an earlier run, or a restart of the machine, left to do.
+// What an earlier run, or a restart of the machine, left to do. A loader that died may have left
+// its import running, which holds the lock and removes the pair at its end: nothing is looked at
+// before.
 bool settle(const Inbox& inbox) {
+  const Fd lock = lock_maps();
   const auto unfinished = inbox.unfinished();
-  Recovery recovery;
-  {
-    const Fd lock = lock_maps();
-    recovery = recover(unfinished.has_value());
-  }
+  const Recovery recovery = recover(unfinished.has_value());
   if (recovery.removed_table) say(true, "removed the table of a loader that died");
   if (recovery.took_copy_back) say(true, "took back the local copy of before");
   if (unfinished) return load(inbox, *unfinished);
@@ -53,7 +51,6 @@ bool settle(const Inbox& inbox) {
     say(true, "no map yet: waiting for the first one");
     return true;
   }
-  const Fd lock = lock_maps();
   const Result result = restore();
   say(result.good, (result.good ? "restored: " : "cannot restore: ") + result.text);
   return result.good;
@@ -61,7 +58,10 @@ bool settle(const Inbox& inbox) {
 
 bool load_what_is_there(const Inbox& inbox) {
   bool good = true;
-  while (const auto pair = inbox.take()) good = load(inbox, *pair) && good;
+  while (const auto pair = inbox.take()) {
+    const Fd lock = lock_maps();
+    good = load(inbox, *pair) && good;
+  }
   return good;
 }
 
