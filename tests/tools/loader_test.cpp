@@ -278,8 +278,9 @@ TEST_F(Loader, WaitsForTheImportOfALoaderThatDied) {
         execl(kLoader.c_str(), kLoader.c_str(), "--once", "--dir", kInbox.c_str(), nullptr);
         _exit(127);
       });
-      // Its import has begun: there is a table that is not the current one.
-      for (int tries = 0; tries < 2000 && segments_in_use() < 2 + (round > 0); ++tries) usleep(500);
+      const std::string pid = std::to_string(loader.pid());
+      const std::string children = "/proc/" + pid + "/task/" + pid + "/children";
+      for (int tries = 0; tries < 20000 && read_file(children).empty(); ++tries) usleep(100);
       loader.kill();
       loader.wait();
     }
