@@ -27,6 +27,7 @@ int load(const Options& options, const char* size_path, const char* data_path) {
   mapload::Request request{size_path, data_path, options.verbose, {}};
   const bool draws = isatty(STDERR_FILENO) == 1 && !options.verbose;
   if (draws) request.progress = draw_progress;
+  const Fd lock = mapload::lock_maps();
   const mapload::Loaded loaded = mapload::load(request);
   if (draws) std::fprintf(stderr, "\r\033[K");
   if (!loaded.ok()) {

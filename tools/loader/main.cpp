@@ -11,6 +11,7 @@
 #include "tavrix_vfs_utils.h"
 #include "tools/loader/inbox.hpp"
 #include "tools/loader/maps.hpp"
+#include "tools/mapload/map_loader.hpp"
 #include "tools/service/service.hpp"
 
 namespace tavrix::loader {
@@ -40,7 +41,7 @@ bool load(const Inbox& inbox, const Pair& pair) {
 // its import running, which holds the lock and removes the pair at its end: nothing is looked at
 // before.
 bool settle(const Inbox& inbox) {
-  const Fd lock = lock_maps();
+  const Fd lock = mapload::lock_maps();
   const auto unfinished = inbox.unfinished();
   const Recovery recovery = recover(unfinished.has_value());
   if (recovery.removed_table) say(true, "removed the table of a loader that died");
@@ -59,7 +60,7 @@ bool settle(const Inbox& inbox) {
 bool load_what_is_there(const Inbox& inbox) {
   bool good = true;
   while (const auto pair = inbox.take()) {
-    const Fd lock = lock_maps();
+    const Fd lock = mapload::lock_maps();
     good = load(inbox, *pair) && good;
   }
   return good;

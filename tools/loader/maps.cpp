@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <cstring>
 #include <filesystem>
@@ -23,7 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* kLocalCopy = TAVRIX_PERMBE_MAP_PATH;
-const char* kLock = "/etc/tavrix/.map.lock";
 constexpr std::size_t kShown = 20;  // findings in a reason
 
 // Server processes look at the time of this file at their next status query.
@@ -62,12 +60,6 @@ bool is_sound_image(const char* path) {
 }
 
 }  // namespace
-
-Fd lock_maps() {
-  Fd lock(open(kLock, O_CREAT | O_RDWR | O_CLOEXEC, 0600));
-  if (lock && flock(lock.get(), LOCK_EX) != 0) lock.reset();
-  return lock;
-}
 
 Result load_pair(const Pair& pair) {
   std::string error;

@@ -4,7 +4,6 @@
 
 #include <string>
 
-#include "internal/scoped.hpp"
 #include "tools/loader/inbox.hpp"
 
 namespace tavrix::loader {
@@ -13,9 +12,6 @@ struct Result {
   bool good = false;
   std::string text;  // what was done, or why not
 };
-
-// Held while maps are changed: two loaders take turns.
-Fd lock_maps();
 
 // Checks a pair and makes it current; a pair that does not pass harms nothing.
 Result load_pair(const Pair& pair);

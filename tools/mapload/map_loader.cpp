@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,6 +31,7 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* kLocalCopy = TAVRIX_PERMBE_MAP_PATH;
+const char* kLock = "/etc/tavrix/.map.lock";
 // Where the header of an image holds the offset of the next folder.
 constexpr std::size_t kFolderOffsetAt = 132;
 
@@ -217,6 +219,12 @@ Loaded fill_and_publish(NextTable& table, memsummary_s& summary, const Request& 
 }
 
 }  // namespace
+
+Fd lock_maps() {
+  Fd lock(open(kLock, O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+  if (lock && flock(lock.get(), LOCK_EX) != 0) lock.reset();
+  return lock;
+}
 
 Loaded load(const Request& request) {
   if (init_perm_map_semaphore() != 0) {

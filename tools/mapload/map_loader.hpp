@@ -9,6 +9,7 @@
 #include <functional>
 #include <string>
 
+#include "internal/scoped.hpp"
 #include "tools/mapcheck/findings.hpp"
 
 namespace tavrix::mapload {
@@ -31,7 +32,12 @@ struct Loaded {
   [[nodiscard]] bool ok() const { return error.empty(); }
 };
 
-// The map of before stays current unless the new one is. The import removes the two files.
+// Held while maps are changed: loaders and operators take turns. An import whose parent died holds
+// it to its end.
+[[nodiscard]] Fd lock_maps();
+
+// Under the lock. The map of before stays current unless the new one is. The import removes the two
+// files.
 Loaded load(const Request& request);
 
 // The local copy as it was before an import that was cut off.
