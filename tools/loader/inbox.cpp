@@ -27,6 +27,14 @@ void remove_if_same(const std::string& name, const std::string& file) {
   if (fs::equivalent(name, file, none)) fs::remove(name, none);
 }
 
+// A second name for a file; where the file system has none, the file moves.
+bool link_or_move(const std::string& from, const std::string& to) {
+  std::error_code error;
+  fs::create_hard_link(from, to, error);
+  if (error) fs::rename(from, to, error);
+  return !error;
+}
+
 // Seconds and a counter: two refusals of a second lie side by side.
 std::string name_of_now(const std::string& folder) {
   const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
@@ -91,10 +99,7 @@ std::optional<Pair> Inbox::take() const {
   Pair to = in(work_);
   if (!is_complete(from)) return std::nullopt;
   finish(to);
-  std::error_code error;
-  fs::create_hard_link(from.data, to.data, error);
-  if (!error) fs::create_hard_link(from.size, to.size, error);
-  if (error) return std::nullopt;
+  if (!link_or_move(from.data, to.data) || !link_or_move(from.size, to.size)) return std::nullopt;
   leave(to);
   return to;
 }

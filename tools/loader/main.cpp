@@ -59,11 +59,13 @@ bool settle(const Inbox& inbox) {
 
 bool load_what_is_there(const Inbox& inbox) {
   bool good = true;
-  while (const auto pair = inbox.take()) {
+  for (;;) {
+    // Also for the taking: what another loader has in work is not to be touched.
     const Fd lock = mapload::lock_maps();
+    const auto pair = inbox.take();
+    if (!pair) return good;
     good = load(inbox, *pair) && good;
   }
-  return good;
 }
 
 int run(const Inbox& inbox) {
