@@ -11,20 +11,6 @@ source "$sources/scripts/lib/samba_world.sh"
 entries=10000
 files=2000
 
-settings() {
-  tavrixctl config load "$sources/packaging/tavrix.conf"
-  tavrixctl config set "VFS:debug level" -1
-  tavrixctl config set "SWEEPER:flush period" 1
-  tavrixctl config set "SWEEPER:staging buffer size" 16777216
-  mkdir -p /tavrix/.conf/{staging,auditing}
-  echo '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"anna": [9001, 9002]}}' \
-    >/scratch/groups.json
-  tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh >/dev/null
-  touch /etc/tavrix/permission_refresh
-  setsid tavrix-sweeper --foreground 2>/dev/null &
-  sweeper=$!
-}
-
 publish_map() {  # FOLDERS; 0: the small example
   if [ "$1" = 0 ]; then
     cp "$sources"/examples/team/*.json /scratch/
@@ -101,7 +87,9 @@ prepare_samba_world "$build/samba/tavrix.so"
 write_smb_conf ""
 add_samba_user anna 1005 9003
 echo "some data" >/scratch/data.txt
-settings
+load_settings '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"anna": [9001, 9002]}}'
+setsid tavrix-sweeper --foreground 2>/dev/null &
+sweeper=$!
 for map in 0 1000000; do
   publish_map $map
   make_tree "$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')"

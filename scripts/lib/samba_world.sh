@@ -69,6 +69,19 @@ $(printf '  %s\n' "$@")
 CONF
 }
 
+# Settings, a large staging buffer that is flushed each second, and groups; $sources names the sources.
+# usage: load_settings GROUPS   (JSON, as "tavrixctl groupmap build" takes it)
+load_settings() {
+  tavrixctl config load "$sources/packaging/tavrix.conf"
+  tavrixctl config set "VFS:debug level" -1
+  tavrixctl config set "SWEEPER:flush period" 1
+  tavrixctl config set "SWEEPER:staging buffer size" 16777216
+  mkdir -p /tavrix/.conf/{staging,auditing}
+  echo "$1" >/scratch/groups.json
+  tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh >/dev/null
+  touch /etc/tavrix/permission_refresh
+}
+
 # usage: add_samba_user NAME UID GID   (the password is the name)
 add_samba_user() {
   echo "$1:x:$2:$3::/:/bin/false" >>/etc/passwd

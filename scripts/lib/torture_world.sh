@@ -13,21 +13,14 @@ left_out='bench|scan|hold-|smb2.durable-v2-delay|replay|multichannel|charset|smb
 seconds=${TORTURE_SECONDS:-60}  # for one suite
 
 prepare_samba_world "$build/samba/tavrix.so"
-tavrixctl config load "$sources/packaging/tavrix.conf"
-tavrixctl config set "VFS:debug level" -1
+load_settings '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"admin": [9001], "other": [9001]}}'
 tavrixctl config set "VFS:default user" 0
 tavrixctl config set "VFS:default group" 0
-tavrixctl config set "SWEEPER:flush period" 1
-tavrixctl config set "SWEEPER:staging buffer size" 16777216
-mkdir -p /tavrix/.conf/{staging,auditing} /tavrix/Shared/Design /scratch/plain
+mkdir -p /tavrix/Shared/Design /scratch/plain
 chmod 0777 /scratch/plain
 chmod 0755 /scratch /tavrix /tavrix/Shared
 cp "$sources"/examples/team/*.json /scratch/
 tavrixctl map import /scratch/size.json /scratch/data.json >/dev/null
-echo '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"admin": [9001], "other": [9001]}}' \
-  >/scratch/groups.json
-tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh >/dev/null
-touch /etc/tavrix/permission_refresh
 setsid tavrix-sweeper --foreground 2>/dev/null &
 sweeper=$!
 trap 'stop_smbd; kill "$sweeper"' EXIT

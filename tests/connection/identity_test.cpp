@@ -273,6 +273,32 @@ TEST_F(Refresh, TellsMissingMarkers) {
   EXPECT_FALSE(rebuilds());
 }
 
+TEST_F(Refresh, IsTold) {
+  const std::string pid = std::to_string(getpid());
+  const auto level_after = [this](const std::string& message, const char* marker) {
+    return level_of(message, [&] {
+      record_->refresh_creds.groupmap_refresh = record_->refresh_creds.permmap_refresh = 1000;
+      set_time(kGroupMap, marker == kGroupMap ? 1001 : 999);
+      set_time(kPermissions, marker == kPermissions ? 1001 : 999);
+      refresh();
+    });
+  };
+  EXPECT_EQ(10, level_after("Tavrix Group map will be refreshed  for process 1001 1000 for pid " +
+                                pid + " \n",
+                            kGroupMap));
+  // The first number is the group map's time here too.
+  EXPECT_EQ(10, level_after("Tavrix Permissions map will be refreshed for process 999 1000 for "
+                            "pid " +
+                                pid + " \n",
+                            kPermissions));
+  EXPECT_EQ(
+      10, level_after("Resetting Tavrix permission caches and group maps for process " + pid + "\n",
+                      kGroupMap));
+  EXPECT_EQ(10, level_after(
+                    "Tavrix permission caches and group maps for process " + pid + " was reset.\n",
+                    kGroupMap));
+}
+
 TEST_F(Refresh, FollowsTheEffectiveUser) {
   const Outcome outcome = in_child([this] {
     reset();

@@ -218,6 +218,18 @@ TEST_F(FlushFailure, EndsAsItsContextSays) {
       EXPECT_NE(std::string::npos, outcome.err.find(std::string(" in ctx ") + names[ctx] + ">"))
           << what;
       EXPECT_EQ(fatal, has(outcome, "Writing sync.off file.")) << what;
+      const std::string name = failure.name;
+      EXPECT_EQ(name.starts_with("semaphore"), has(outcome, "Failed to get the semaphore."))
+          << what;
+      const bool is_removed = name == "semaphore removed" || name == "semaphore missing";
+      EXPECT_EQ(is_removed && (ctx == FB_CTX_SWPR || ctx == FB_CTX_EVT),
+                has(outcome, "Semaphore is removed."))
+          << what;
+      EXPECT_EQ(name == "write",
+                has(outcome,
+                    "staging buffer could not finish write, perhaps interrupted by a signal. "
+                    "retrying errno = 28(No space left on device)"))
+          << what;
       EXPECT_EQ(!fatal && ctx == FB_CTX_INVAL, has(outcome, "FSB - Unknown context")) << what;
       EXPECT_EQ(failure.keeps_records ? 1U : 0U, header().num_records) << what;
       EXPECT_TRUE(semaphore_is_free()) << what;

@@ -261,6 +261,25 @@ TEST_F(StagingAppend, FlushesAndWaitsAtTheThreshold) {
   writer.wait();
 }
 
+// Twenty-five seconds: five waits of five.
+TEST_F(StagingAppend, OfAStarvingWriterIsTold) {
+  const Outcome outcome = in_child([] {
+    std::signal(SIGALRM, [](int) {
+      for (const auto& text : messages()) std::fprintf(stderr, "<%s>\n", text.c_str());
+      _exit(0);
+    });
+    set_debug_level(0);
+    alarm(28);
+    append(std::string(10400 - 16 - 8, 'x'));
+  });
+  EXPECT_TRUE(outcome.ok());
+  for (const char* text : {"<Write thrshld Exceeded. offset:16 size:10384 thrsh:10400>",
+                           "<Starving producer ", ". Unable to push event after 5 retries.>"}) {
+    EXPECT_NE(std::string::npos, outcome.err.find(text)) << text << "\n" << outcome.err;
+  }
+  EXPECT_EQ(std::string::npos, outcome.err.find("after 4 retries"));
+}
+
 TEST_F(StagingAppend, ThresholdsAboveNinetyNineAreEighty) {
   const std::pair<int, int> rows[] = {{0, 0},      {1, 208},     {50, 10400},
                                       {99, 20592}, {100, 16640}, {500, 16640}};
