@@ -11,9 +11,7 @@ static const struct dom_sid everyone = {
 NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info, TALLOC_CTX* mem_ctx,
                             struct security_descriptor** ppdesc) {
-  if (tavrix_connection_of(handle) == NULL) {
-    return SMB_VFS_NEXT_FGET_NT_ACL(handle, fsp, security_info, mem_ctx, ppdesc);
-  }
+  if (!tavrix_is_connected(handle)) return NT_STATUS_ACCESS_DENIED;
   struct security_ace ace;
   size_t size = 0;
   init_sec_ace(&ace, &everyone, SEC_ACE_TYPE_ACCESS_ALLOWED, SEC_RIGHTS_FILE_ALL,
@@ -29,8 +27,5 @@ NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
  * that set them do not fail. */
 NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info_sent, const struct security_descriptor* psd) {
-  if (tavrix_connection_of(handle) == NULL) {
-    return SMB_VFS_NEXT_FSET_NT_ACL(handle, fsp, security_info_sent, psd);
-  }
-  return NT_STATUS_OK;
+  return tavrix_is_connected(handle) ? NT_STATUS_OK : NT_STATUS_ACCESS_DENIED;
 }

@@ -12,15 +12,14 @@ static bool may_change(const struct files_struct* fsp) {
           (SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | SEC_FILE_WRITE_DATA)) != 0;
 }
 
-/* Root, where there is a connection to ask for. */
 static bool raise_for(struct vfs_handle_struct* handle) {
-  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  return tavrix != NULL && tavrix_raise(tavrix) == 0;
+  return tavrix_raise(tavrix_connection_of(handle)) == 0;
 }
 
 ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                          const char* name, void* value, size_t size) {
   TAVRIX_ENTER(handle);
+  if (!tavrix_is_connected(handle)) return -1;
   if (is_mark(name)) {
     errno = ENODATA;
     return -1;
@@ -50,6 +49,7 @@ static ssize_t without_marks(char* list, size_t length) {
 ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, char* list,
                           size_t size) {
   TAVRIX_ENTER(handle);
+  if (!tavrix_is_connected(handle)) return -1;
   ssize_t length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
   if (tavrix_was_refused(length) && raise_for(handle)) {
     length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
@@ -61,6 +61,7 @@ ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct*
 int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, const char* name,
                      const void* value, size_t size, int flags) {
   TAVRIX_ENTER(handle);
+  if (!tavrix_is_connected(handle)) return -1;
   if (is_mark(name)) {
     errno = EACCES;
     return -1;
@@ -75,6 +76,7 @@ int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
 int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                         const char* name) {
   TAVRIX_ENTER(handle);
+  if (!tavrix_is_connected(handle)) return -1;
   if (is_mark(name)) {
     errno = EACCES;
     return -1;

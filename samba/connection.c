@@ -10,6 +10,12 @@ struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle)
   return (struct tavrix_connection*)handle->data;
 }
 
+bool tavrix_is_connected(struct vfs_handle_struct* handle) {
+  if (tavrix_connection_of(handle) != NULL) return true;
+  errno = EACCES;
+  return false;
+}
+
 struct tavrix_open* tavrix_open_of(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   return VFS_FETCH_FSP_EXTENSION(handle, fsp);
 }

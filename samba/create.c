@@ -129,29 +129,24 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                                    .access_mask = access_mask,
                                    .disposition = create_disposition,
                                    .options = create_options};
-  const bool is_ours =
-      tavrix != NULL &&
-      tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) == 0;
-  if (is_ours && ask(tavrix, &request) != 0) return map_nt_error_from_unix(errno);
-
-  struct tavrix_connection outer = {0}; /* requests nest: a stream's opens its file */
-  if (is_ours) {
-    outer = *tavrix;
-    tavrix->granted_path = request.name.full;
-    tavrix->granted_op = request.op;
-    tavrix->is_granted_new = !request.exists;
+  if (tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) != 0 ||
+      ask(tavrix, &request) != 0) {
+    return map_nt_error_from_unix(errno);
   }
+
+  const struct tavrix_connection outer = *tavrix; /* requests nest: a stream's opens its file */
+  tavrix->granted_path = request.name.full;
+  tavrix->granted_op = request.op;
+  tavrix->is_granted_new = !request.exists;
   int info = 0;
   const NTSTATUS status = SMB_VFS_NEXT_CREATE_FILE(
       handle, req, dirfsp, smb_fname, request.access_mask, share_access, create_disposition,
       create_options, file_attributes, oplock_request, lease, allocation_size, private_flags, sd,
       ea_list, result, &info, in_context_blobs, out_context_blobs);
-  if (is_ours) {
-    tavrix->granted_path = outer.granted_path;
-    tavrix->granted_op = outer.granted_op;
-    tavrix->is_granted_new = outer.is_granted_new;
-    if (NT_STATUS_IS_OK(status)) record(handle, &request, info, *result);
-  }
+  tavrix->granted_path = outer.granted_path;
+  tavrix->granted_op = outer.granted_op;
+  tavrix->is_granted_new = outer.is_granted_new;
+  if (NT_STATUS_IS_OK(status)) record(handle, &request, info, *result);
   if (pinfo != NULL) *pinfo = info;
   return status;
 }

@@ -116,9 +116,7 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
                   const struct vfs_open_how* how) {
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
-  if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) {
-    return SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
-  }
+  if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) return -1;
   return only_names(fsp, how) ? open_to_name(handle, dirfsp, smb_fname, fsp, how, &name)
                               : open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
 }
@@ -194,9 +192,10 @@ int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   const bool is_folder = (flags & AT_REMOVEDIR) != 0;
   struct tavrix_name name;
-  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0 ||
-      is_named_stream(smb_fname)) {
-    return SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
+  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) return -1;
+  if (is_named_stream(smb_fname)) {
+    errno = EACCES;
+    return -1;
   }
   TAVRIX_AS_ROOT();
   if (ask_to_remove(tavrix, &name, is_folder) != 0) return -1;
@@ -218,7 +217,8 @@ static bool may_write_attributes(const struct files_struct* fsp) {
 int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL || !may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
+  if (!tavrix_is_connected(handle)) return -1;
+  if (!may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
     return SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
   }
   const int result = SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
@@ -230,7 +230,8 @@ NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct fil
                                     uint32_t dosmode) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL || !may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
+  if (!tavrix_is_connected(handle)) return NT_STATUS_ACCESS_DENIED;
+  if (!may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
     return SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
   }
   const NTSTATUS result = SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
@@ -268,9 +269,7 @@ int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                    struct smb_file_time* ft) {
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
-  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) {
-    return SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
-  }
+  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) return -1;
   return fsp->fsp_flags.is_directory ? folder_times(handle, fsp, ft)
                                      : file_times(handle, fsp, ft, &name);
 }

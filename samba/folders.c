@@ -15,9 +15,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
-  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) {
-    return SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
-  }
+  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) return -1;
   /* The create request around this asked the very same, and records what it makes. */
   const bool granted = is_granted(tavrix, &name);
   TAVRIX_AS_ROOT_IF(!granted);
@@ -59,9 +57,7 @@ DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
-  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) {
-    return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
-  }
+  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) return NULL;
   const bool is_share = tavrix_is_share(tavrix, &name);
   TAVRIX_AS_ROOT_IF(!is_share);
   int is_nav = 0;
@@ -113,13 +109,17 @@ struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_str
 
 /* --- entering --------------------------------------------------------------------------------- */
 
+/* Before a connection ends smbd leaves the tree, as root, so that it may be unmounted. */
+static bool leaves_the_tree(const struct smb_filename* smb_fname) {
+  return geteuid() == 0 && strcmp(smb_fname->base_name, "/") == 0;
+}
+
 int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
-  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
-    return SMB_VFS_NEXT_CHDIR(handle, smb_fname);
-  }
+  if (leaves_the_tree(smb_fname)) return SMB_VFS_NEXT_CHDIR(handle, smb_fname);
+  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) return -1;
   TAVRIX_AS_ROOT_IF(!tavrix_is_share(tavrix, &name));
   if (chdir_preprocess(name.name, tavrix->share, tavrix->record, &tavrix->perm_ctx) != 0) return -1;
   const int result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
@@ -132,9 +132,10 @@ struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CT
                                      const struct smb_filename* smb_fname) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (!tavrix_is_connected(handle)) return NULL;
   struct smb_filename* result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
   const bool refused = result == NULL && tavrix_was_refused(-1);
-  if (!refused || tavrix == NULL || tavrix_raise(tavrix) != 0) return result;
+  if (!refused || tavrix_raise(tavrix) != 0) return result;
   result = SMB_VFS_NEXT_REALPATH(handle, ctx, smb_fname);
   tavrix_give_back(tavrix);
   return result;

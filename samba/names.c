@@ -1,12 +1,17 @@
 /* Names as smbd has them, and as the library wants them. */
 #include "tavrix_module.h"
 
+static int refuse(int error) {
+  errno = error;
+  return -1;
+}
+
 /* From a path of the tree: what lies behind its root, without dots at the beginning. */
 static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, const char* path,
                        struct tavrix_name* out) {
   const size_t length = strlen(tavrix->share);
-  if (strncmp(path, tavrix->share, length) != 0) return -1;
-  if (path[length] != '\0' && path[length] != '/') return -1;
+  if (strncmp(path, tavrix->share, length) != 0) return refuse(EACCES);
+  if (path[length] != '\0' && path[length] != '/') return refuse(EACCES);
   const char* name = path + length;
   while (name[0] == '/' || (name[0] == '.' && name[1] == '/')) ++name;
   if (name[0] == '\0' || strcmp(name, ".") == 0) {
@@ -14,7 +19,7 @@ static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, 
     return 0;
   }
   out->full = talloc_asprintf(ctx, "%s/%s", tavrix->share, name);
-  if (out->full == NULL) return -1;
+  if (out->full == NULL) return refuse(ENOMEM);
   out->name = out->full + length + 1;
   return 0;
 }
@@ -22,12 +27,12 @@ static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, 
 static int name_below(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* folder,
                       const char* name, struct tavrix_name* out) {
   const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL || name == NULL) return -1;
+  if (tavrix == NULL || name == NULL) return refuse(EACCES);
   if (name[0] == '/') return name_behind(ctx, tavrix, name, out);
   while (name[0] == '.' && name[1] == '/') name += 2;
   const bool is_folder = name[0] == '\0' || strcmp(name, ".") == 0;
   const char* path = is_folder ? folder : talloc_asprintf(ctx, "%s/%s", folder, name);
-  return path != NULL ? name_behind(ctx, tavrix, path, out) : -1;
+  return path != NULL ? name_behind(ctx, tavrix, path, out) : refuse(ENOMEM);
 }
 
 int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
@@ -44,8 +49,9 @@ int tavrix_name_of(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char
 int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                    const struct files_struct* dirfsp, const struct smb_filename* smb_fname,
                    struct tavrix_name* out) {
+  if (tavrix_connection_of(handle) == NULL || dirfsp == NULL) return refuse(EACCES);
   const struct smb_filename* whole = full_path_from_dirfsp_atname(ctx, dirfsp, smb_fname);
-  if (whole == NULL) return -1;
+  if (whole == NULL) return refuse(ENOMEM);
   return tavrix_name_of(ctx, handle, whole->base_name, out);
 }
 

@@ -12,7 +12,7 @@ int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
   int is_nav = 0;
   if (tavrix_name_at(talloc_tos(), handle, srcdir_fsp, smb_fname_src, &from) != 0 ||
       tavrix_name_at(talloc_tos(), handle, dstdir_fsp, smb_fname_dst, &to) != 0) {
-    return SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
+    return -1;
   }
   TAVRIX_AS_ROOT();
   if (rename_preprocess(tavrix->share, from.full, to.full, &tavrix->perm_ctx, &isdir,

@@ -21,9 +21,7 @@ static bool may_look(struct vfs_handle_struct* handle, const struct tavrix_name*
 int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
-  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
-    return SMB_VFS_NEXT_STAT(handle, smb_fname);
-  }
+  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) return -1;
   TAVRIX_AS_ROOT_IF(must_decide(handle, &name));
   if (!may_look(handle, &name, false)) return -1;
   const int result = SMB_VFS_NEXT_STAT(handle, smb_fname);
@@ -34,9 +32,7 @@ int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname
 int tavrix_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
-  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) {
-    return SMB_VFS_NEXT_LSTAT(handle, smb_fname);
-  }
+  if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) return -1;
   TAVRIX_AS_ROOT();
   if (!may_look(handle, &name, true)) return -1;
   const int result = SMB_VFS_NEXT_LSTAT(handle, smb_fname);
@@ -48,9 +44,7 @@ int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
                    const struct smb_filename* smb_fname, SMB_STRUCT_STAT* sbuf, int flags) {
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
-  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) {
-    return SMB_VFS_NEXT_FSTATAT(handle, dirfsp, smb_fname, sbuf, flags);
-  }
+  if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) return -1;
   const bool link = (flags & AT_SYMLINK_NOFOLLOW) != 0;
   TAVRIX_AS_ROOT_IF(link || must_decide(handle, &name));
   if (!may_look(handle, &name, link)) return -1;
@@ -69,8 +63,7 @@ int tavrix_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* 
                    struct vfs_statvfs_struct* statbuf) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL) return SMB_VFS_NEXT_STATVFS(handle, smb_fname, statbuf);
-  if (!may_ask_for_space(tavrix)) return -1;
+  if (!tavrix_is_connected(handle) || !may_ask_for_space(tavrix)) return -1;
   const int result = SMB_VFS_NEXT_STATVFS(handle, smb_fname, statbuf);
   tavrix_give_back(tavrix);
   return result;
@@ -80,8 +73,7 @@ uint64_t tavrix_disk_free(struct vfs_handle_struct* handle, const struct smb_fil
                           uint64_t* bsize, uint64_t* dfree, uint64_t* dsize) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL) return SMB_VFS_NEXT_DISK_FREE(handle, smb_fname, bsize, dfree, dsize);
-  if (!may_ask_for_space(tavrix)) return (uint64_t)-1;
+  if (!tavrix_is_connected(handle) || !may_ask_for_space(tavrix)) return (uint64_t)-1;
   const uint64_t result = SMB_VFS_NEXT_DISK_FREE(handle, smb_fname, bsize, dfree, dsize);
   tavrix_give_back(tavrix);
   return result;

@@ -55,13 +55,20 @@ struct tavrix_open* tavrix_keep_open(struct vfs_handle_struct* handle, struct fi
 
 /* A handle's connection; null where the module is not connected. */
 struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle);
+/* Whether there is one; false with errno EACCES. smbd asks nothing of the table before connect and
+ * after disconnect, so a handle without a connection refuses. */
+bool tavrix_is_connected(struct vfs_handle_struct* handle);
 const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
                           const char* otherwise);
 
 /* --- names -------------------------------------------------------------------------------------
  * The library wants names relative to the tree, and full paths. smbd's names are relative to its
- * working folder, to a folder that is open, or to the share. -1: not in the tree, which is nobody's
- * business here. The tree's root is named by its full path, as the hooks know it. */
+ * working folder, to a folder that is open, or to the share. The tree's root is named by its full
+ * path, as the hooks know it.
+ *
+ * Names fail closed: 0, or -1 with errno, and the caller refuses the operation with that. ENOMEM:
+ * there is no memory for the name. EACCES: it lies outside the tree, or the handle is not
+ * connected, or the name is relative to a folder that smbd did not give. */
 struct tavrix_name {
   const char* name; /* relative to the tree */
   const char* full; /* the root, a slash, the name */
