@@ -25,6 +25,7 @@ void add_map_commands(CLI::App& app, Options& options, Action& action);
 void add_check_command(CLI::App& app, Options& options, Action& action);
 void add_groupmap_commands(CLI::App& app, Options& options, Action& action);
 void add_events_commands(CLI::App& app, Options& options, Action& action);
+void add_patterns_commands(CLI::App& app, Options& options, Action& action);
 
 // The parts of "map".
 void add_map_import_commands(CLI::App& map, Options& options, Action& action);

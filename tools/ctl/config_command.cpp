@@ -10,6 +10,7 @@
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/settings_file.hpp"
+#include "tools/patterns/complaints.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -56,10 +57,11 @@ int load(const std::string& path) {
     return kFailure;
   }
   for (const auto& [setting, value] : file.values) store(*setting, value, global_params);
+  for (const std::string& line : patterns::complaints(global_params)) warn(line);
   return kYes;
 }
 
-int show(const Options& options) {
+int show(const Options& options, bool explain) {
   const SharedBlock block;
   if (block.get() == nullptr) return kFailure;
   Json json = Json::array();
@@ -67,6 +69,7 @@ int show(const Options& options) {
     const std::string value = value_text(setting, block.get());
     if (!options.json) {
       fmt::print("{:<34} {:<7} {}\n", setting.name, type_name(setting.type), shown(value));
+      if (explain) fmt::print("    {}\n", setting.meaning);
       continue;
     }
     Json entry;
@@ -124,9 +127,11 @@ void add_config_commands(CLI::App& app, Options& options, Action& action) {
   load_command->add_option("FILE", file, "the settings file")->required();
   load_command->callback([&action] { action = [] { return load(file); }; });
 
-  config->add_subcommand("show", "Print every setting with its type and value")->callback([&] {
-    action = [&options] { return show(options); };
-  });
+  static bool explain = false;
+  CLI::App* show_command =
+      config->add_subcommand("show", "Print every setting with its type and value");
+  show_command->add_flag("--explain", explain, "and what each is for");
+  show_command->callback([&] { action = [&options] { return show(options, explain); }; });
 
   CLI::App* set_command =
       config->add_subcommand("set", "Change one setting; processes see it at their next snapshot");

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "eventstore.h"
+#include "tools/service/journal.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -22,8 +23,8 @@ void take(int priority, const char* format, va_list arguments) {
   char text[8192];
   std::vsnprintf(text, sizeof text, format, arguments);
   const std::size_t length = std::strlen(text);
-  const bool ends_line = length > 0 && text[length - 1] == '\n';
-  std::fprintf(stderr, "%s%s", text, ends_line ? "" : "\n");
+  if (length > 0 && text[length - 1] == '\n') text[length - 1] = '\0';
+  service::say(service::Tone::kInfo, text);
 }
 
 }  // namespace

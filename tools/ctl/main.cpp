@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   add_check_command(app, options, action);
   add_groupmap_commands(app, options, action);
   add_events_commands(app, options, action);
+  add_patterns_commands(app, options, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

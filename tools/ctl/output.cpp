@@ -6,6 +6,8 @@
 #include <iterator>
 #include <vector>
 
+#include "tools/service/journal.hpp"
+
 namespace tavrix::ctl {
 namespace {
 
@@ -47,7 +49,11 @@ std::string name_by_id(Lookup lookup, char* Entry::*name) {
 }  // namespace
 
 void complain(std::string_view text) {
-  std::fprintf(stderr, "tavrixctl: %.*s\n", static_cast<int>(text.size()), text.data());
+  service::say(service::Tone::kError, "tavrixctl: " + std::string(text));
+}
+
+void warn(std::string_view text) {
+  service::say(service::Tone::kWarning, "tavrixctl: " + std::string(text));
 }
 
 void print(const Json& json) {

@@ -12,8 +12,9 @@ namespace tavrix::ctl {
 
 using Json = nlohmann::ordered_json;
 
-// One line on standard error.
+// One line on standard error: why nothing was done, or what to look at although it was.
 void complain(std::string_view text);
+void warn(std::string_view text);
 
 template <typename... Arguments>
 void complain(fmt::format_string<Arguments...> format, Arguments&&... arguments) {

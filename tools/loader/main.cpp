@@ -12,6 +12,7 @@
 #include "tools/loader/inbox.hpp"
 #include "tools/loader/maps.hpp"
 #include "tools/mapload/map_loader.hpp"
+#include "tools/patterns/complaints.hpp"
 #include "tools/service/service.hpp"
 
 namespace tavrix::loader {
@@ -19,9 +20,21 @@ namespace {
 
 constexpr const char* kDefaultFolder = "/var/lib/tavrix/maps";
 
-void say(bool good, const std::string& text) {
-  service::say(good ? service::Tone::kInfo : service::Tone::kError, text);
-  sd_notifyf(0, "STATUS=%s", text.substr(0, text.find('\n')).c_str());
+using service::Tone;
+
+// What is wrong for as long as the settings stay goes with every status: nobody reads the line of
+// long ago.
+std::string standing_warning;
+
+void announce(Tone tone, const std::string& text) {
+  service::say(tone, text);
+  sd_notifyf(0, "STATUS=%s%s", text.substr(0, text.find('\n')).c_str(), standing_warning.c_str());
+}
+
+void look_at_patterns() {
+  const auto complaints = patterns::complaints(global_params);
+  for (const std::string& line : complaints) service::say(Tone::kWarning, line);
+  standing_warning = complaints.empty() ? "" : "; look at the pattern file: " + complaints.back();
 }
 
 // One pair, from the folder or from an earlier run; under the lock.
@@ -29,11 +42,11 @@ bool load(const Inbox& inbox, const Pair& pair) {
   const Result result = load_pair(pair);
   if (result.good) {
     inbox.finish(pair);
-    say(true, result.text);
+    announce(Tone::kInfo, result.text);
     return true;
   }
   const std::string where = inbox.refuse(pair, result.text);
-  say(false, "refused, see " + where + ": " + result.text);
+  announce(Tone::kWarning, "refused, see " + where + ": " + result.text);
   return false;
 }
 
@@ -44,16 +57,17 @@ bool settle(const Inbox& inbox) {
   const Fd lock = mapload::lock_maps();
   const auto unfinished = inbox.unfinished();
   const Recovery recovery = recover(unfinished.has_value());
-  if (recovery.removed_table) say(true, "removed the table of a loader that died");
-  if (recovery.took_copy_back) say(true, "took back the local copy of before");
+  if (recovery.removed_table) announce(Tone::kNotice, "removed the table of a loader that died");
+  if (recovery.took_copy_back) announce(Tone::kNotice, "took back the local copy of before");
   if (unfinished) return load(inbox, *unfinished);
   if (has_map() && !recovery.must_restore) return true;
   if (!has_local_copy()) {
-    say(true, "no map yet: waiting for the first one");
+    announce(Tone::kNotice, "no map yet: waiting for the first one");
     return true;
   }
   const Result result = restore();
-  say(result.good, (result.good ? "restored: " : "cannot restore: ") + result.text);
+  announce(result.good ? Tone::kInfo : Tone::kError,
+           (result.good ? "restored: " : "cannot restore: ") + result.text);
   return result.good;
 }
 
@@ -72,7 +86,7 @@ int run(const Inbox& inbox) {
   const Fd stop = service::take_signals();
   const Fd watch = inbox.watch();
   if (!stop || !watch) {
-    say(false, "cannot watch the folder");
+    announce(Tone::kError, "cannot watch the folder");
     return 2;
   }
   sd_notify(0, "READY=1");
@@ -87,7 +101,7 @@ int run(const Inbox& inbox) {
     }
     if (ready[0].revents == 0) continue;
     const int signal = service::next_signal(stop);
-    if (signal == SIGHUP) static_cast<void>(read_tavrix_config());
+    if (signal == SIGHUP && read_tavrix_config() == 0) look_at_patterns();
     if (signal == 0 || signal == SIGHUP) continue;
     sd_notify(0, "STOPPING=1");
     return 0;
@@ -109,14 +123,15 @@ int main(int argc, char** argv) {
       "A pair that is refused lies in DIR/refused with the reason beside it.");
   CLI11_PARSE(app, argc, argv);
   if (geteuid() != 0) {
-    say(false, "run this as root");
+    announce(Tone::kError, "run this as root");
     return 2;
   }
   openlog("tavrix-loader", LOG_PID, LOG_DAEMON);
   if (tavrix::loader::Inbox(folder).prepare() != "" || read_tavrix_config() != 0) {
-    say(false, "cannot use " + folder + ", or there are no settings");
+    announce(Tone::kError, "cannot use " + folder + ", or there are no settings");
     return 2;
   }
+  look_at_patterns();
   const Inbox inbox(folder);
   const bool settled = settle(inbox);
   if (!once) return run(inbox);

@@ -1,19 +1,10 @@
 #include "tools/service/service.hpp"
 
 #include <sys/signalfd.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 
 namespace tavrix::service {
-
-void say(Tone tone, const std::string& text) {
-  const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
-  const char* level = tone == Tone::kInfo ? SD_INFO : SD_ERR;
-  std::fprintf(stderr, "%s%s\n", journal ? level : "", text.c_str());
-}
 
 Fd take_signals() {
   sigset_t wanted;

@@ -1,16 +1,10 @@
-// What the appliance's services share: words for the journal, and signals as input.
+// What the appliance's services share: words for the journal (journal.hpp), and signals as input.
 #pragma once
 
-#include <string>
-
 #include "internal/scoped.hpp"
+#include "tools/service/journal.hpp"
 
 namespace tavrix::service {
-
-enum class Tone { kInfo, kError };
-
-// To the journal, with its level in front, or to a terminal.
-void say(Tone tone, const std::string& text);
 
 // SIGTERM, SIGINT and SIGHUP are blocked from now on and come from here.
 Fd take_signals();

@@ -4,11 +4,12 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
+#include "tools/service/journal.hpp"
 #include "utils/staging.hpp"
 
 namespace tavrix::sweeper {
@@ -20,7 +21,8 @@ key_t segment_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_BUFFER
 int32_t& size_setting() { return global_params[PARAM_STAGING_BUFFER_SIZE].value.intval; }
 
 bool fail(const char* what) {
-  std::fprintf(stderr, "tavrix-sweeper: %s: %s\n", what, std::strerror(errno));
+  const std::string reason = std::strerror(errno);
+  service::say(service::Tone::kError, std::string("tavrix-sweeper: ") + what + ": " + reason);
   return false;
 }
 
@@ -52,7 +54,8 @@ bool mend_header(std::size_t size) {
     if (initialize_staging_buffer() != 0) return fail("cannot initialise the segment");
   }
   if (is_unused) return true;
-  std::fprintf(stderr, "tavrix-sweeper: the staging buffer was damaged; a rescan is asked for\n");
+  service::say(service::Tone::kError,
+               "tavrix-sweeper: the staging buffer was damaged; a rescan is asked for");
   mark_event_db_as_rescan_needed("the staging buffer was damaged");
   return true;
 }
