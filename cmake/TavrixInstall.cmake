@@ -29,7 +29,8 @@ set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_SYSCONFDIR})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_FULL_SYSCONFDIR})
 endif()
-install(FILES packaging/tavrix.conf DESTINATION ${TAVRIX_SYSCONFDIR}/tavrix COMPONENT tools)
+install(FILES packaging/tavrix.conf packaging/exception_patterns
+  DESTINATION ${TAVRIX_SYSCONFDIR}/tavrix COMPONENT tools)
 install(FILES packaging/tavrix.logrotate DESTINATION ${TAVRIX_SYSCONFDIR}/logrotate.d RENAME tavrix
   COMPONENT tools)
 install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service

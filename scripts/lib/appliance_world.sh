@@ -20,6 +20,7 @@ show() {  # USER COMMANDS: what the user types, and what the server says
 # --- settings, map, sweeper, server ---------------------------------------------------------------
 
 start_services() {
+  cp "$sources/packaging/exception_patterns" /etc/tavrix/
   tavrixctl config load "$sources/packaging/tavrix.conf"
   tavrixctl config set "VFS:debug level" -1
   tavrixctl config set "VFS:default user" 0

@@ -10,6 +10,7 @@ run() {
 }
 
 title "1. Settings: an INI file becomes the block of shared memory that every process reads"
+cp "$sources/packaging/exception_patterns" /etc/tavrix/
 run tavrixctl config load "$sources/packaging/tavrix.conf"
 run tavrixctl config set "VFS:debug level" -1
 tavrixctl config show | grep -E 'level|staging'

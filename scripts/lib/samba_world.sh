@@ -72,6 +72,7 @@ CONF
 # Settings, a large staging buffer that is flushed each second, and groups; $sources names the sources.
 # usage: load_settings GROUPS   (JSON, as "tavrixctl groupmap build" takes it)
 load_settings() {
+  cp "$sources/packaging/exception_patterns" /etc/tavrix/
   tavrixctl config load "$sources/packaging/tavrix.conf"
   tavrixctl config set "VFS:debug level" -1
   tavrixctl config set "SWEEPER:flush period" 1

@@ -39,7 +39,8 @@ TEST_F(Installed, HasEverythingInItsPlace) {
         "/share/man/man8/tavrixctl.8", "/sbin/tavrixctl", "/sbin/tavrix-sweeper",
         "/sbin/tavrix-loader", "/share/man/man8/tavrix-loader.8", "/share/man/man8/vfs_tavrix.8",
         "/lib/systemd/system/tavrix-loader.service", "/lib/systemd/system/tavrix-sweeper.service",
-        "/lib/tmpfiles.d/tavrix.conf", "/etc/tavrix/tavrix.conf", "/etc/logrotate.d/tavrix"}) {
+        "/lib/tmpfiles.d/tavrix.conf", "/etc/tavrix/tavrix.conf", "/etc/tavrix/exception_patterns",
+        "/etc/logrotate.d/tavrix"}) {
     EXPECT_TRUE(exists(kPrefix + file)) << file;
   }
   for (const char* file :

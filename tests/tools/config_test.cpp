@@ -152,6 +152,29 @@ TEST_F(Config, ShowsEverySetting) {
   }
 }
 
+TEST_F(Config, ExplainsEverySetting) {
+  load("");
+  const std::string text = ctl({"config", "show", "--explain"}).out;
+  for (const ctl::Setting& setting : ctl::settings()) {
+    EXPECT_TRUE(contains(text, std::string("\n    ") + setting.meaning + "\n")) << setting.name;
+  }
+  EXPECT_FALSE(contains(ctl({"config", "show"}).out, "flushes"));
+}
+
+// Nothing says that a setting allows what it only logs.
+TEST_F(Config, SaysThatForbiddenRmdirAllowsNothing) {
+  EXPECT_TRUE(contains(ctl::find_setting("VFS:enable forbidden rmdir")->meaning, "allows nobody"));
+  const std::string shipped = read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix.conf");
+  EXPECT_FALSE(contains(shipped, "may be removed all the same"));
+}
+
+TEST_F(Config, NamesAPatternFileThatIsShipped) {
+  ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"});
+  EXPECT_STREQ("/etc/tavrix/exception_patterns", block()[PARAM_REGEX_FILE_NAME].value.strval);
+  EXPECT_TRUE(contains(read_file(TAVRIX_SOURCE_DIR "/packaging/debian/conffiles"),
+                       "\n/etc/tavrix/exception_patterns\n"));
+}
+
 TEST_F(Config, SetsOneSetting) {
   load("");
   EXPECT_EQ(0, ctl({"config", "set", "vfs:DEBUG level", "-1"}).exit_code);
