@@ -38,7 +38,7 @@ static int load_settings_once(void) {
   static bool loaded;
   if (loaded) return 0;
   if (read_tavrix_config() != 0) return -1;
-  if (global_params[PARAM_REGEX_FILE_NAME].value.strval[0] != '\0') read_and_compile_patterns();
+  tavrix_load_patterns();
   loaded = true;
   return 0;
 }

@@ -167,14 +167,6 @@ NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct file
 
 /* --- deleting --------------------------------------------------------------------------------- */
 
-bool tavrix_may_always_be_deleted(const char* name) {
-  if (global_params[PARAM_CHECK_REGEX_UNLINK].value.intval == 0) return false;
-  char* last = child_from_path(name);
-  const bool found = last != NULL && is_deletable_file(last) == 1;
-  free(last);
-  return found;
-}
-
 static int ask_to_remove(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                          bool is_folder) {
   if (is_folder) {

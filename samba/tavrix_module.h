@@ -132,7 +132,9 @@ void tavrix_leave(struct tavrix_entry* entry);
 #define TAVRIX_ENTER(handle) \
   __attribute__((cleanup(tavrix_leave), unused)) struct tavrix_entry entry_ = tavrix_enter(handle)
 
-/* Names of the settings' patterns may be deleted by everybody, where the settings say so. */
+/* Names of the settings' patterns may be deleted by everybody, where the settings say so; none when
+ * one of the patterns matches every name. */
+void tavrix_load_patterns(void);
 bool tavrix_may_always_be_deleted(const char* name);
 
 /* --- the functions of the table --------------------------------------------------------------- */
@@ -216,6 +218,10 @@ int tavrix_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* 
                    struct vfs_statvfs_struct* statbuf);
 uint64_t tavrix_disk_free(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                           uint64_t* bsize, uint64_t* dfree, uint64_t* dsize);
+int tavrix_get_quota(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
+                     enum SMB_QUOTA_TYPE qtype, unid_t id, SMB_DISK_QUOTA* qt);
+int tavrix_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype, unid_t id,
+                     SMB_DISK_QUOTA* qt);
 
 NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info, TALLOC_CTX* mem_ctx,
