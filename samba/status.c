@@ -78,3 +78,38 @@ uint64_t tavrix_disk_free(struct vfs_handle_struct* handle, const struct smb_fil
   tavrix_give_back(tavrix);
   return result;
 }
+
+/* --- quotas ------------------------------------------------------------------------------------
+ * smbd asks for them with each question about free space. The client itself may not reach the
+ * folder on the disk, which smbd would log as an error each time. */
+
+/* Whose quota bounds what the client may still write: files belong to the settings' owner. */
+static unid_t payer_of(const struct tavrix_connection* tavrix, enum SMB_QUOTA_TYPE qtype,
+                       unid_t id) {
+  if (qtype == SMB_USER_QUOTA_TYPE && id.uid == geteuid() && tavrix->owner_uid != (uid_t)-1) {
+    id.uid = tavrix->owner_uid;
+  }
+  if (qtype == SMB_GROUP_QUOTA_TYPE && id.gid == getegid() && tavrix->owner_gid != (gid_t)-1) {
+    id.gid = tavrix->owner_gid;
+  }
+  return id;
+}
+
+int tavrix_get_quota(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
+                     enum SMB_QUOTA_TYPE qtype, unid_t id, SMB_DISK_QUOTA* qt) {
+  TAVRIX_ENTER(handle);
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (!tavrix_is_connected(handle)) return -1;
+  const unid_t payer = payer_of(tavrix, qtype, id);
+  if (tavrix_raise(tavrix) != 0) return -1;
+  const int result = SMB_VFS_NEXT_GET_QUOTA(handle, smb_fname, qtype, payer, qt);
+  tavrix_give_back(tavrix);
+  return result;
+}
+
+/* The limits of the disk are its administrator's, not a client's. */
+int tavrix_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype, unid_t id,
+                     SMB_DISK_QUOTA* qt) {
+  errno = EPERM;
+  return -1;
+}
