@@ -2,7 +2,6 @@
 #include "tavrix_module.h"
 
 #include "lib/tsocket/tsocket.h"
-#include "system/passwd.h"
 
 static int connected_users;
 
@@ -11,7 +10,8 @@ struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle)
 }
 
 bool tavrix_is_connected(struct vfs_handle_struct* handle) {
-  if (tavrix_connection_of(handle) != NULL) return true;
+  const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (tavrix != NULL && !tavrix->is_lost) return true;
   errno = EACCES;
   return false;
 }
@@ -33,16 +33,6 @@ const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
   return lp_parm_const_string(SNUM(handle->conn), "tavrix", name, otherwise);
 }
 
-/* Settings and patterns are the process's; a server process serves one client. */
-static int load_settings_once(void) {
-  static bool loaded;
-  if (loaded) return 0;
-  if (read_tavrix_config() != 0) return -1;
-  tavrix_load_patterns();
-  loaded = true;
-  return 0;
-}
-
 /* The settings' default user and group; 0 stands for none. */
 static void find_owner(struct tavrix_connection* tavrix) {
   const int user = global_params[PARAM_DEFAULT_USER_ID].value.intval;
@@ -51,24 +41,73 @@ static void find_owner(struct tavrix_connection* tavrix) {
   tavrix->owner_gid = group > 0 ? (gid_t)group : (gid_t)-1;
 }
 
-static void fill_record(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix,
-                        const char* user) {
-  const struct auth_session_info* session = handle->conn->session_info;
-  const char* given = session->unix_info->sanitized_username;
-  const char* reserved = tavrix_option(handle, "reserved user", "");
-  const struct passwd* account = reserved[0] != '\0' ? getpwnam(reserved) : NULL;
-  connection_private_data_s* record = tavrix->record;
-  record->user_name_as_passed_in =
-      talloc_strdup(tavrix, given != NULL && given[0] != '\0' ? given : user);
-  record->refresh_creds.euid = session->unix_token->uid;
-  record->refresh_creds.permmap_refresh = record->refresh_creds.groupmap_refresh = time(NULL);
-  record->config.allow_computeracct =
-      lp_parm_bool(SNUM(handle->conn), "tavrix", "allow computer accounts", false);
-  if (account != NULL) {
-    set_reserved_user_uid(account->pw_uid);
-    record->reserved_user = account->pw_uid == session->unix_token->uid;
+/* --- where ------------------------------------------------------------------------------------ */
+
+/* The tree's root without links, as smbd names its folders; "" is none. */
+static int find_root(struct tavrix_connection* tavrix) {
+  char* root = realpath(TAVRIX_TREE, NULL);
+  if (root == NULL || strcmp(root, "/") == 0) {
+    tavrix_complain("%s: %s", TAVRIX_TREE, root == NULL ? strerror(errno) : "is all of the disk");
+    free(root);
+    return -1;
   }
+  tavrix->root = talloc_strdup(tavrix, root);
+  free(root);
+  return tavrix->root != NULL ? 0 : -1;
 }
+
+static int check_share_path(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
+  char* path = realpath(handle->conn->connectpath, NULL);
+  const size_t length = strlen(tavrix->root);
+  const bool is_inside = path != NULL && strncmp(path, tavrix->root, length) == 0 &&
+                         (path[length] == '\0' || path[length] == '/');
+  if (!is_inside) {
+    tavrix_complain("the share must be %s or a folder in it, not %s", TAVRIX_TREE,
+                    handle->conn->connectpath);
+  }
+  free(path);
+  return is_inside ? 0 : -1;
+}
+
+/* --- how -------------------------------------------------------------------------------------- */
+
+/* Requests of the first protocol name files by their paths and set attributes without an open, past
+ * the decisions. A connection that smbd makes for itself has no client. */
+static int check_protocol(struct vfs_handle_struct* handle) {
+  const struct smbd_server_connection* sconn = handle->conn->sconn;
+  const bool is_old = sconn != NULL && sconn->client != NULL &&
+                      sconn->client->connections != NULL &&
+                      sconn->client->connections->protocol < PROTOCOL_SMB2_02;
+  if (!is_old || lp_parm_bool(SNUM(handle->conn), "tavrix", "allow smb1", false)) return 0;
+  tavrix_complain("a client of SMB1 is refused (server min protocol, tavrix:allow smb1)");
+  return -1;
+}
+
+/* With wide links the server hides from the module that a name leads through a link: what lies
+ * behind one, in the tree or outside, would be decided by the link's name. */
+static int check_links(struct vfs_handle_struct* handle) {
+  if (!lp_widelinks(SNUM(handle->conn))) return 0;
+  tavrix_complain("share %s: \"wide links\" must be off", lp_const_servicename(SNUM(handle->conn)));
+  return -1;
+}
+
+/* Named streams reach the disk through attributes of a file that smbd opened for nothing: neither
+ * decided nor recorded. Whether a module below has them it tells only when it is connected. */
+static int check_streams(struct vfs_handle_struct* handle) {
+  enum timestamp_set_resolution unused = TIMESTAMP_SET_SECONDS;
+  const char** modules = lp_vfs_objects(SNUM(handle->conn));
+  bool has_streams = (SMB_VFS_NEXT_FS_CAPABILITIES(handle, &unused) & FILE_NAMED_STREAMS) != 0;
+  for (; modules != NULL && *modules != NULL; ++modules) {
+    has_streams |= strncmp(*modules, "streams_", strlen("streams_")) == 0;
+  }
+  if (!has_streams) return 0;
+  tavrix_complain(
+      "share %s: named streams are not decided about; its \"vfs objects\" must have none",
+      lp_const_servicename(SNUM(handle->conn)));
+  return -1;
+}
+
+/* --- coming ----------------------------------------------------------------------------------- */
 
 static void free_connection(void** data) {
   struct tavrix_connection* tavrix = *data;
@@ -82,58 +121,50 @@ static void free_connection(void** data) {
   *data = NULL;
 }
 
-static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle,
-                                                const char* user) {
-  void* data = talloc_zero(NULL, struct tavrix_connection);
-  struct tavrix_connection* tavrix = data;
-  if (tavrix == NULL) return NULL;
+static int fill_connection(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
   tavrix->record = calloc(1, sizeof *tavrix->record);
-  if (tavrix->record == NULL) {
-    free_connection(&data);
-    return NULL;
-  }
+  if (tavrix->record == NULL) return -1;
   tavrix->share = TAVRIX_TREE;
   tavrix->audit = lp_parm_bool(SNUM(handle->conn), "tavrix", "audit", false);
-  if (handle->conn->sconn != NULL) {
+  if (handle->conn->sconn != NULL && handle->conn->sconn->remote_address != NULL) {
     tavrix->client = tsocket_address_inet_addr_string(handle->conn->sconn->remote_address, tavrix);
   }
   find_owner(tavrix);
-  fill_record(handle, tavrix, user);
-  return tavrix;
+  if (find_root(tavrix) != 0 || check_share_path(handle, tavrix) != 0) return -1;
+  return tavrix_identify_client(handle, tavrix);
 }
 
-static bool is_in_tree(const char* path) {
-  const size_t length = strlen(TAVRIX_TREE);
-  return strncmp(path, TAVRIX_TREE, length) == 0 && (path[length] == '\0' || path[length] == '/');
-}
-
-static bool is_refused_computer(const struct tavrix_connection* tavrix) {
-  return is_computer_name(tavrix->record->user_name_as_passed_in) &&
-         !tavrix->record->config.allow_computeracct;
+static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle) {
+  if (check_protocol(handle) != 0 || check_links(handle) != 0 || tavrix_load_settings() != 0) {
+    return NULL;
+  }
+  void* data = talloc_zero(NULL, struct tavrix_connection);
+  if (data != NULL && fill_connection(handle, data) != 0) free_connection(&data);
+  return data;
 }
 
 int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user) {
-  struct tavrix_connection* tavrix = NULL;
-  if (!is_in_tree(handle->conn->connectpath)) {
-    DBG_ERR("the share must be %s or a folder in it, not %s\n", TAVRIX_TREE,
-            handle->conn->connectpath);
-    errno = EINVAL;
+  void* data = new_connection(handle);
+  struct tavrix_connection* tavrix = data;
+  if (tavrix == NULL || SMB_VFS_NEXT_CONNECT(handle, service, user) != 0) {
+    free_connection(&data);
+    errno = EACCES;
     return -1;
   }
-  if (SMB_VFS_NEXT_CONNECT(handle, service, user) != 0) return -1;
-  if (load_settings_once() == 0) tavrix = new_connection(handle, user);
-  if (tavrix != NULL && !is_refused_computer(tavrix) &&
-      connect_preprocess(user, tavrix->record, tavrix->audit, &connected_users) == 0) {
-    handle->data = tavrix;
-    handle->free_data = free_connection;
-    return 0;
+  if (check_streams(handle) != 0 ||
+      connect_preprocess(user, tavrix->record, tavrix->audit, &connected_users) != 0) {
+    free_connection(&data);
+    SMB_VFS_NEXT_DISCONNECT(handle);
+    errno = EACCES;
+    return -1;
   }
-  void* data = tavrix;
-  free_connection(&data);
-  SMB_VFS_NEXT_DISCONNECT(handle);
-  errno = EACCES;
-  return -1;
+  tavrix_warn_about_share(handle);
+  handle->data = tavrix;
+  handle->free_data = free_connection;
+  return 0;
 }
+
+/* --- going ------------------------------------------------------------------------------------ */
 
 void tavrix_disconnect(struct vfs_handle_struct* handle) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);

@@ -5,8 +5,11 @@
   (SEC_FILE_WRITE_DATA | SEC_FILE_APPEND_DATA | SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | \
    SEC_STD_DELETE | SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER | SEC_GENERIC_WRITE | SEC_GENERIC_ALL)
 
+#define REMOVING_ACCESS (SEC_STD_DELETE | SEC_GENERIC_ALL)
+
 struct create_request {
   struct tavrix_name name;
+  bool is_link; /* the name is that of what lies behind it */
   bool exists;
   bool is_folder;
   uint32_t access_mask;
@@ -82,10 +85,25 @@ static int ask_about_file(struct tavrix_connection* tavrix, struct create_reques
   return result;
 }
 
+/* Links are the server's administrator's: a client works on what lies behind them, and removes or
+ * renames none. */
+static int settle_link(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
+                       struct create_request* request) {
+  const int found = tavrix_name_behind_link(talloc_tos(), handle, smb_fname, &request->name);
+  request->is_link = found == 1;
+  if (found == -1) return -1;
+  if (!request->is_link || (request->access_mask & REMOVING_ACCESS) == 0) return 0;
+  errno = EACCES;
+  return -1;
+}
+
 /* Root is given back before smbd goes on: what it does by itself it shall do as the client. The
  * functions of the table that it comes to become root for themselves. */
-static int ask(struct tavrix_connection* tavrix, struct create_request* request) {
+static int ask(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
+               struct create_request* request) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   TAVRIX_AS_ROOT();
+  if (settle_link(handle, smb_fname, request) != 0) return -1;
   settle_maximum_access(tavrix, request);
   const int result =
       request->is_folder ? ask_about_folder(tavrix, request) : ask_about_file(tavrix, request);
@@ -130,8 +148,13 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                                    .disposition = create_disposition,
                                    .options = create_options};
   if (tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) != 0 ||
-      ask(tavrix, &request) != 0) {
+      ask(handle, smb_fname, &request) != 0) {
     return map_nt_error_from_unix(errno);
+  }
+  if (request.is_link) {
+    smb_fname = tavrix_follow(talloc_tos(), handle, smb_fname, &request.name);
+    if (smb_fname == NULL) return NT_STATUS_ACCESS_DENIED;
+    dirfsp = NULL; /* is the link's */
   }
 
   const struct tavrix_connection outer = *tavrix; /* requests nest: a stream's opens its file */

@@ -145,7 +145,7 @@ static void record_close(struct vfs_handle_struct* handle, struct files_struct* 
   if (fd <= 0 || is_path_only(fd) || is_deleted(fd)) return;
   modify_file_evt_s* modified = &kept->modified;
   const bool raised = tavrix_raise(tavrix) == 0;
-  close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
+  tavrix_record_close(handle, fd, modified);
   if (raised) tavrix_give_back(tavrix);
 }
 

@@ -35,26 +35,20 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
 
 /* --- listing ---------------------------------------------------------------------------------- */
 
-/* A listing that a client asked for hides what its user may not see. Without a mask it is smbd that
- * looks for a name or for what is left, and must see everything: also where the stream is at the
- * address of an earlier one. */
+/* A listing that a client asked for hides what its user may not see. */
 static bool remember_listing(struct vfs_handle_struct* handle, files_struct* fsp, DIR* dirp,
-                             const char* mask, const struct tavrix_name* name) {
-  struct tavrix_open* kept =
-      mask != NULL ? tavrix_keep_open(handle, fsp) : tavrix_open_of(handle, fsp);
-  if (kept == NULL) return mask == NULL;
+                             const struct tavrix_name* name) {
+  struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
+  if (kept == NULL) return false;
   const bool is_root = tavrix_is_share(tavrix_connection_of(handle), name);
   TALLOC_FREE(kept->base);
-  kept->listing = NULL;
-  if (mask == NULL) return true;
   kept->base = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_root ? "." : name->name);
   kept->listing = dirp;
   return kept->base != NULL;
 }
 
-DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
-                      uint32_t attributes) {
-  TAVRIX_ENTER(handle);
+static DIR* list_for_client(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
+                            uint32_t attributes) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) return NULL;
@@ -69,10 +63,23 @@ DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
   if (asked != 0) return NULL;
   DIR* dirp = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
   tavrix_give_back(tavrix);
-  if (dirp == NULL || remember_listing(handle, fsp, dirp, mask, &name)) return dirp;
+  if (dirp == NULL || remember_listing(handle, fsp, dirp, &name)) return dirp;
   SMB_VFS_NEXT_CLOSEDIR(handle, dirp); /* what cannot be filtered is not listed */
   errno = ENOMEM;
   return NULL;
+}
+
+/* Without a mask it is smbd that looks for a name in other letters or for what is left in a folder
+ * that goes. It must see everything, and what it finds is decided when it is opened. Refusing it
+ * the listing would end the process: smbd forgets the folder that it opened for one. */
+DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
+                      uint32_t attributes) {
+  TAVRIX_ENTER(handle);
+  if (!tavrix_is_connected(handle)) return NULL;
+  if (mask != NULL) return list_for_client(handle, fsp, mask, attributes);
+  struct tavrix_open* kept = tavrix_open_of(handle, fsp);
+  if (kept != NULL) kept->listing = NULL; /* this one may get the address of an earlier one */
+  return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
 }
 
 static bool is_self_or_parent(const char* name) {

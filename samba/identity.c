@@ -69,10 +69,13 @@ void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const cha
 }
 
 struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle) {
-  struct tavrix_entry entry = {.tavrix = tavrix_connection_of(handle)};
+  struct tavrix_entry entry = {.tavrix = tavrix_connection_of(handle),
+                               .outer_reserved = reserved_user_uid};
   if (entry.tavrix != NULL) {
     entry.outer = entry.tavrix->perm_ctx;
     entry.tavrix->perm_ctx = NULL;
+    tavrix_notice_login(handle, entry.tavrix);
+    set_reserved_user_uid(entry.tavrix->reserved_uid);
   }
 #ifdef TAVRIX_CHECK_IDENTITY
   uid_t saved;
@@ -100,6 +103,7 @@ static void check_identity(const struct tavrix_entry* entry) {
 
 void tavrix_leave(struct tavrix_entry* entry) {
   if (entry->tavrix != NULL) entry->tavrix->perm_ctx = entry->outer;
+  set_reserved_user_uid(entry->outer_reserved);
 #ifdef TAVRIX_CHECK_IDENTITY
   check_identity(entry);
 #endif

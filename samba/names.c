@@ -6,11 +6,12 @@ static int refuse(int error) {
   return -1;
 }
 
-/* From a path of the tree: what lies behind its root, without dots at the beginning. */
+/* From a path without links: what lies behind the tree's root, without dots at the beginning. The
+ * library has the same under the root's own name, be that a link or not. */
 static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, const char* path,
                        struct tavrix_name* out) {
-  const size_t length = strlen(tavrix->share);
-  if (strncmp(path, tavrix->share, length) != 0) return refuse(EACCES);
+  const size_t length = strlen(tavrix->root);
+  if (strncmp(path, tavrix->root, length) != 0) return refuse(EACCES);
   if (path[length] != '\0' && path[length] != '/') return refuse(EACCES);
   const char* name = path + length;
   while (name[0] == '/' || (name[0] == '.' && name[1] == '/')) ++name;
@@ -20,19 +21,25 @@ static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, 
   }
   out->full = talloc_asprintf(ctx, "%s/%s", tavrix->share, name);
   if (out->full == NULL) return refuse(ENOMEM);
-  out->name = out->full + length + 1;
+  out->name = out->full + strlen(tavrix->share) + 1;
   return 0;
+}
+
+static int spelled(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* path,
+                   struct tavrix_name* out) {
+  const int result = name_behind(ctx, tavrix_connection_of(handle), path, out);
+  return result == 0 ? tavrix_spell(ctx, handle, out) : result;
 }
 
 static int name_below(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* folder,
                       const char* name, struct tavrix_name* out) {
   const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (tavrix == NULL || name == NULL) return refuse(EACCES);
-  if (name[0] == '/') return name_behind(ctx, tavrix, name, out);
+  if (tavrix == NULL || tavrix->is_lost || name == NULL) return refuse(EACCES);
+  if (name[0] == '/') return spelled(ctx, handle, name, out);
   while (name[0] == '.' && name[1] == '/') name += 2;
   const bool is_folder = name[0] == '\0' || strcmp(name, ".") == 0;
   const char* path = is_folder ? folder : talloc_asprintf(ctx, "%s/%s", folder, name);
-  return path != NULL ? name_behind(ctx, tavrix, path, out) : refuse(ENOMEM);
+  return path != NULL ? spelled(ctx, handle, path, out) : refuse(ENOMEM);
 }
 
 int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,

@@ -31,10 +31,14 @@ struct tavrix_connection {
   connection_private_data_s* record;
   tx_perm_ctx_t* perm_ctx; /* the slot of hooks that leave the process root; null between them */
   const char* share;       /* the root of the tree, which the hooks call the connect path */
+  const char* root;        /* the same without links, as smbd names its folders */
   const char* client;      /* address, for audit records */
   int audit;
   uid_t owner_uid; /* of what clients make; -1: the client */
   gid_t owner_gid;
+  struct GUID login;  /* that the identity is of: a session may log in again, as somebody else */
+  bool is_lost;       /* there is no identity: everything is refused */
+  uid_t reserved_uid; /* the agent's, whose changes are not recorded; -1: none */
   /* What the create request that is under way was granted, so that the same question is not asked
    * twice: null outside of one. */
   const char* granted_path;
@@ -61,6 +65,21 @@ bool tavrix_is_connected(struct vfs_handle_struct* handle);
 const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
                           const char* otherwise);
 
+/* A line for the operator, in the server's log and in the system's. */
+void tavrix_complain(const char* format, ...) PRINTF_ATTRIBUTE(1, 2);
+
+/* --- a connection begins; 0, or -1 after a line that says why nobody may connect ---------------
+ */
+
+/* A new snapshot of the settings, and the patterns that they name. */
+int tavrix_load_settings(void);
+/* Who the client is, into the connection's record. */
+int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
+/* The same when its session has logged in again; with each function of the table. */
+void tavrix_notice_login(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
+/* Settings of the share that leave a gap, a line each. */
+void tavrix_warn_about_share(struct vfs_handle_struct* handle);
+
 /* --- names -------------------------------------------------------------------------------------
  * The library wants names relative to the tree, and full paths. smbd's names are relative to its
  * working folder, to a folder that is open, or to the share. The tree's root is named by its full
@@ -80,6 +99,19 @@ int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                    struct tavrix_name* out);
 int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
                          struct tavrix_name* out);
+/* Where case does not matter: puts the letters on the disk into a name of the private area. */
+int tavrix_spell(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, struct tavrix_name* name);
+/* Of what is open, by what the kernel calls it; as root. */
+int tavrix_name_of_fd(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, int fd,
+                      struct tavrix_name* out);
+/* Replaces the name of a link by that of what smbd found behind it; as root. 1: did so, 0: no link,
+ * -1: no name. */
+int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
+                            const struct smb_filename* smb_fname, struct tavrix_name* name);
+/* What smbd needs to open that by its own name; null where it may not be opened. */
+struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
+                                   const struct smb_filename* link,
+                                   const struct tavrix_name* target);
 int tavrix_is_share(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
 
 /* --- identity ---------------------------------------------------------------------------------
@@ -124,6 +156,7 @@ void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const cha
 struct tavrix_entry {
   struct tavrix_connection* tavrix;
   tx_perm_ctx_t* outer;
+  uid_t outer_reserved; /* the library knows one reserved user a process; trees may have others */
   uid_t real, effective;
   gid_t group;
 };
@@ -131,6 +164,9 @@ struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle);
 void tavrix_leave(struct tavrix_entry* entry);
 #define TAVRIX_ENTER(handle) \
   __attribute__((cleanup(tavrix_leave), unused)) struct tavrix_entry entry_ = tavrix_enter(handle)
+
+/* Records the close of a client's file, a change or a read; as root. */
+void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_evt_s* modified);
 
 /* Names of the settings' patterns may be deleted by everybody, where the settings say so; none when
  * one of the patterns matches every name. */

@@ -11,7 +11,8 @@ tavrix_packages=(
 
 # What building the reference module and running a real server with it need on top.
 tavrix_samba_packages=(
-  samba smbclient samba-testsuite attr gcc perl python3 libparse-yapp-perl xz-utils
+  samba samba-vfs-modules smbclient samba-testsuite attr gcc perl python3 python3-impacket
+  libparse-yapp-perl xz-utils
 )
 
 install_packages() {

@@ -25,7 +25,7 @@ setsid tavrix-sweeper --foreground 2>/dev/null &
 sweeper=$!
 trap 'stop_smbd; kill "$sweeper"' EXIT
 
-write_smb_conf tavrix
+write_smb_conf tavrix 'tavrix:allow smb1 = yes'
 sed -i 's|path = /tavrix|path = /tavrix/Shared/Design|; s|smb ports = 445|smb ports = 445\n  server min protocol = NT1\n  client min protocol = NT1|' \
   $samba_folder/smb.conf
 cat >>$samba_folder/smb.conf <<'CONF'

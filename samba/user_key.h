@@ -1,0 +1,27 @@
+/* The name that a client has in the group list map. */
+#ifndef TAVRIX_USER_KEY_H
+#define TAVRIX_USER_KEY_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A session, as its authentication confirmed it: never a name that the client merely claims. */
+struct tavrix_login {
+  const char* account;
+  const char* domain;     /* that answers for the account; null or empty: this server */
+  const char* own_domain; /* whose accounts go by their bare names */
+  const char* guest;      /* of a guest session: the guest account; else null */
+};
+
+/* A new string, or null with errno: EINVAL for a session that has no name, ENOMEM.
+ *
+ * An account of the own domain is "anna", one of another domain "DOMAIN\anna", a guest the guest
+ * account. A bare name with a backslash in it would read as a foreign one, and is none. */
+char* tavrix_user_key(const struct tavrix_login* login);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
