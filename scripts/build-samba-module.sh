@@ -36,4 +36,17 @@ build_module() {  # NAME [FLAG]...
   mv "$build/samba/.$name.new" "$build/samba/$name.so"
 }
 build_module tavrix
+# For the tests: each call that can fail is made to (see tests/samba/faulty_module.c).
+faults=(-Wl)
+for call in calloc malloc strdup realpath talloc_asprintf talloc_strdup _talloc_zero raise_permissions \
+  vfs_add_fsp_extension_notype full_path_from_dirfsp_atname \
+  tavrix_name_of tavrix_name_at tavrix_name_in_share tavrix_name_of_fd; do
+  faults+=("--wrap=$call")
+done
+build_faulty() {
+  local IFS=,
+  build_module tavrix_faulty tests/samba/faulty_module.c "${faults[*]}" -DTAVRIX_CHECK_IDENTITY=1 \
+    -DTAVRIX_MODULE_NAME='"tavrix_faulty"'
+}
+build_faulty
 build_module tavrix_debug -DTAVRIX_CHECK_IDENTITY=1 -DTAVRIX_MODULE_NAME='"tavrix_debug"'
