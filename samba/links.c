@@ -18,6 +18,16 @@ int tavrix_name_of_fd(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, int fd,
 
 /* --- names behind links ----------------------------------------------------------------------- */
 
+static bool is_link(const char* path) {
+  struct stat st;
+  return lstat(path, &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+static bool is_deleted(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && st.st_nlink == 0;
+}
+
 int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                             const struct smb_filename* smb_fname, struct tavrix_name* name) {
   struct tavrix_name real;
@@ -25,9 +35,11 @@ int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
   const int fd = fsp_get_pathref_fd(smb_fname->fsp);
   if (fd < 0) return 0;
   if (tavrix_name_of_fd(ctx, handle, fd, &real) != 0) return -1;
-  if (strcmp(real.full, name->full) == 0) return 0;
+  if (strcmp(real.full, name->full) == 0 || is_deleted(fd)) return 0;
+  /* Without a link it was renamed by another client just now: decided by the name it has. */
+  const int found = is_link(name->full) ? 1 : 0;
   *name = real;
-  return 1;
+  return found;
 }
 
 struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
