@@ -64,6 +64,14 @@ static uid_t find_reserved_user(struct vfs_handle_struct* handle) {
   return (uid_t)-1;
 }
 
+/* The library takes changes of uid 0 for the appliance's own. */
+static bool is_never_recorded(const connection_private_data_s* record) {
+  if (record->refresh_creds.euid != 0 || record->reserved_user) return false;
+  tavrix_complain("%s is refused: nothing that a client does as root is recorded",
+                  record->user_name_as_passed_in);
+  return true;
+}
+
 int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
   connection_private_data_s* record = tavrix->record;
   const uid_t user = handle->conn->session_info->unix_token->uid;
@@ -83,7 +91,7 @@ int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_conne
       lp_parm_bool(SNUM(handle->conn), "tavrix", "allow computer accounts", false);
   tavrix->reserved_uid = find_reserved_user(handle);
   record->reserved_user = tavrix->reserved_uid != (uid_t)-1 && tavrix->reserved_uid == user;
-  return is_refused_computer(record) ? -1 : 0;
+  return is_refused_computer(record) || is_never_recorded(record) ? -1 : 0;
 }
 
 /* --- another login within a session ----------------------------------------------------------- */

@@ -106,6 +106,20 @@ TEST_F(Clients, ThatAreGuestsHaveWhatTheGuestAccountHas) {
   EXPECT_EQ(kReadersSee, seen_as("ghost", "ghost"));
 }
 
+TEST_F(Clients, OfAShareForGuestsAreGuests) {
+  configure({"guest ok = yes", "guest only = yes"});
+  start_smbd();
+  EXPECT_EQ(Names{}, seen_as("Administrator", "Administrator"));
+}
+
+TEST_F(Clients, ThatWouldWorkAsRootAreRefusedForNothingOfThatIsRecorded) {
+  configure({"force user = root"});
+  start_smbd();
+  EXPECT_FALSE(succeeded(smb("Anna", "mkdir Shared\\Team\\New")));
+  EXPECT_FALSE(exists(full("Shared/Team/New")));
+  EXPECT_NE(std::string::npos, smbd_log().find("Anna is refused: nothing that a client does as"));
+}
+
 // A server of its own answers for every domain that a client names: the account is the server's.
 TEST_F(Clients, OfAnyClaimedDomainAreTheAccountThatAnswered) {
   groups({{"Anna", kReader}, {"EVIL\\Anna", kBoss}, {"CORP\\Anna", kBoss}});
