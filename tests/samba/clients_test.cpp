@@ -160,6 +160,17 @@ TEST_F(Clients, ThatLogInAgainHaveTheGroupsOfTheirNewName) {
   EXPECT_EQ("Closed Lobby Team\n", outcome.out) << outcome.err;
 }
 
+// SMB1 lets the users of one machine share a tree connection.
+TEST_F(Clients, OfOneTreeConnectionHaveTheGroupsOfTheirOwnNames) {
+  configure({"tavrix:allow smb1 = yes"});
+  set_global("server min protocol = NT1");
+  start_smbd();
+  const Outcome outcome =
+      run_program({"/usr/bin/python3", TAVRIX_SOURCE_DIR "/tests/samba/shared_tree.py",
+                   "Administrator", "Ben", "Shared\\*"});
+  EXPECT_EQ("Closed Lobby Team\nLobby Team\nClosed Lobby Team\n", outcome.out) << outcome.err;
+}
+
 TEST_F(Clients, OfAReservedUserWithoutAnAccountAreToldAtConnect) {
   configure({"tavrix:reserved user = nosuchagent"});
   start_smbd();
