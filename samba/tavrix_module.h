@@ -99,7 +99,8 @@ int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                    struct tavrix_name* out);
 int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
                          struct tavrix_name* out);
-/* Where case does not matter: puts the letters on the disk into a name of the private area. */
+/* Puts the letters on the disk into a name of the private area, on a share where case does not
+ * matter. */
 int tavrix_spell(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, struct tavrix_name* name);
 /* Of what is open, by what the kernel calls it; as root. */
 int tavrix_name_of_fd(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, int fd,
@@ -108,7 +109,7 @@ int tavrix_name_of_fd(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, int fd,
  * -1: no name. */
 int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                             const struct smb_filename* smb_fname, struct tavrix_name* name);
-/* What smbd needs to open that by its own name; null where it may not be opened. */
+/* A name with which smbd opens the target by its own name; null where it may not be opened. */
 struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                                    const struct smb_filename* link,
                                    const struct tavrix_name* target);

@@ -1,4 +1,4 @@
-// What a connection begins with, where the tree lies, and two trees in one process.
+// How a connection begins, where the tree lies, links in it, and two trees in one process.
 
 #include <sys/shm.h>
 #include <sys/stat.h>
