@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cstring>
 #include <functional>
@@ -89,7 +90,8 @@ void share_settings() {
   shmdt(block);
 }
 
-std::vector<Event> events() {
+// In the dump files, and in the buffer after them.
+static std::vector<Event> events_now() {
   std::vector<Event> all;
   for (const std::string& name : dumps_in(kStagingDir)) {
     append_events(read_file(kStagingDir + "/" + name), all);
@@ -101,6 +103,24 @@ std::vector<Event> events() {
   }
   append_events({reinterpret_cast<const char*>(buffer + 1), buffer->next_offset - 16}, all);
   put_eventstore_staging_buffer(buffer);
+  return all;
+}
+
+// A flush takes events out of the buffer before its file has a name: one that begins or ends while
+// this looks, as a server process makes at its end, is looked at again. A flusher that was killed
+// leaves its file for ever.
+std::vector<Event> events() {
+  const auto is_flushing = [](const std::vector<std::string>& names) {
+    return std::any_of(names.begin(), names.end(),
+                       [](const std::string& name) { return name.starts_with("txtemp"); });
+  };
+  std::vector<Event> all;
+  for (int tries = 0; tries < 100; ++tries) {
+    const auto before = list(kStagingDir);
+    all = events_now();
+    if (!is_flushing(before) && list(kStagingDir) == before) break;
+    usleep(10000);
+  }
   return all;
 }
 

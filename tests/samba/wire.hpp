@@ -1,0 +1,25 @@
+// Requests that smbclient does not make, by a client of the wire protocol (see wire.py).
+#pragma once
+
+#include <string>
+
+#include "tests/samba/appliance.hpp"
+
+namespace tavrix::test {
+
+class WireClients : public Appliance {
+ protected:
+  // Runs a script, a statement a line, as that user; "me" is its connection. A request that is
+  // refused prints the name of its status.
+  static std::string wire(const std::string& user, const std::string& script) {
+    const Outcome outcome =
+        run_program({"/usr/bin/python3", TAVRIX_SOURCE_DIR "/tests/samba/wire.py", user}, script);
+    EXPECT_TRUE(outcome.ok()) << outcome.err;
+    return outcome.out;
+  }
+  static std::string wire(const Caller& caller, const std::string& script) {
+    return wire(caller.name, script);
+  }
+};
+
+}  // namespace tavrix::test
