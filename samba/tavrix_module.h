@@ -18,6 +18,7 @@
 /* clang-format on */
 
 #include "tavrix.h"
+#include "tools/notes/open_notes.h"
 
 #ifndef TAVRIX_MODULE_NAME
 #define TAVRIX_MODULE_NAME "tavrix"
@@ -28,7 +29,9 @@
 
 /* One tree connection. */
 struct tavrix_connection {
-  connection_private_data_s* record;
+  connection_private_data_s* record; /* of the user that the process works for: usually own */
+  connection_private_data_s* own;    /* of the connection's user */
+  connection_private_data_s asker;   /* of another one, see tavrix_enter() */
   tx_perm_ctx_t* perm_ctx; /* the slot of hooks that leave the process root; null between them */
   const char* share;       /* the root of the tree, which the hooks call the connect path */
   const char* root;        /* the same without links, as smbd names its folders */
@@ -50,8 +53,11 @@ struct tavrix_connection {
 struct tavrix_open {
   bool is_clients;            /* a client's own open of a file: its close is told */
   modify_file_evt_s modified; /* of that: whether it changed */
+  struct open_note note;      /* on the disk, while it is changed */
   DIR* listing;               /* of a folder: the listing that hides what its user may not see */
   char* base;                 /* its name, relative to the tree */
+  char* old_name;             /* of a folder that is watched: the first half of a rename, until */
+  struct timespec old_when;   /* the notice about the new name comes */
 };
 /* Null where nothing is kept, or can be. */
 struct tavrix_open* tavrix_open_of(struct vfs_handle_struct* handle, struct files_struct* fsp);
@@ -152,12 +158,18 @@ void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const cha
 
 /* Each function of the table begins with this. smbd comes back to the table in the middle of an
  * operation, so a function has the slot to itself, and what the one around it has in there waits.
+ *
+ * The last close of an object whose deletion was asked for deletes it as the user who asked, who
+ * may be another than the connection's. So the record is the one of the user that the process works
+ * for: decisions are about that one, and events carry its uid.
+ *
  * In a debug build the identity at the end is compared with the one at the beginning, and the
  * process ends when they differ. */
 struct tavrix_entry {
   struct tavrix_connection* tavrix;
   tx_perm_ctx_t* outer;
   uid_t outer_reserved; /* the library knows one reserved user a process; trees may have others */
+  connection_private_data_s* outer_record;
   uid_t real, effective;
   gid_t group;
 };
@@ -168,6 +180,25 @@ void tavrix_leave(struct tavrix_entry* entry);
 
 /* Records the close of a client's file, a change or a read; as root. */
 void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_evt_s* modified);
+/* The record of a user who asked this connection's process for something by another connection. One
+ * that nothing is known of has no rights. */
+connection_private_data_s* tavrix_record_of_asker(struct vfs_handle_struct* handle, uid_t uid);
+void tavrix_free_asker(struct tavrix_connection* tavrix);
+
+/* --- changes and notices -----------------------------------------------------------------------
+ */
+
+/* Marks an open file as changed. The first time a note goes to the disk; false with errno when it
+ * cannot be written: nothing would tell of the change if this process was killed. */
+bool tavrix_note_change(struct vfs_handle_struct* handle, struct files_struct* fsp);
+
+/* Puts a filter before smbd's delivery of change notices: a client gets those about names that it
+ * may see. Each create request comes here, for smbd makes the delivery after the connect function
+ * and a watch needs a handle; usually the filter is there. Without memory for it there are no
+ * notices. */
+void tavrix_filter_notices(struct vfs_handle_struct* handle);
+/* The module in a connection's stack; null where it is not in it. */
+struct vfs_handle_struct* tavrix_handle_of(const struct connection_struct* conn);
 
 /* Names of the settings' patterns may be deleted by everybody, where the settings say so; none when
  * one of the patterns matches every name. */
@@ -259,6 +290,29 @@ int tavrix_get_quota(struct vfs_handle_struct* handle, const struct smb_filename
                      enum SMB_QUOTA_TYPE qtype, unid_t id, SMB_DISK_QUOTA* qt);
 int tavrix_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype, unid_t id,
                      SMB_DISK_QUOTA* qt);
+
+bool tavrix_asks_for_link(const struct smb_request* req);
+int tavrix_linkat(struct vfs_handle_struct* handle, struct files_struct* srcfsp,
+                  const struct smb_filename* old_smb_fname, struct files_struct* dstfsp,
+                  const struct smb_filename* new_smb_fname, int flags);
+int tavrix_symlinkat(struct vfs_handle_struct* handle, const struct smb_filename* link_contents,
+                     struct files_struct* dirfsp, const struct smb_filename* new_smb_fname);
+int tavrix_mknodat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                   const struct smb_filename* smb_fname, mode_t mode, SMB_DEV_T dev);
+NTSTATUS tavrix_create_dfs_pathat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
+                                  const struct smb_filename* smb_fname,
+                                  const struct referral* reflist, size_t referral_count);
+NTSTATUS tavrix_snap_create(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
+                            const char* base_volume, time_t* tstamp, bool rw, char** base_path,
+                            char** snap_path);
+NTSTATUS tavrix_snap_delete(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx, char* base_path,
+                            char* snap_path);
+int tavrix_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, uid_t uid, gid_t gid);
+int tavrix_lchown(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname, uid_t uid,
+                  gid_t gid);
+int tavrix_sys_acl_set_fd(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                          SMB_ACL_TYPE_T type, SMB_ACL_T theacl);
+int tavrix_sys_acl_delete_def_fd(struct vfs_handle_struct* handle, struct files_struct* fsp);
 
 NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info, TALLOC_CTX* mem_ctx,

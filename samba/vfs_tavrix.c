@@ -36,10 +36,26 @@ static struct vfs_fn_pointers tavrix_functions = {
     .flistxattr_fn = tavrix_flistxattr,
     .fsetxattr_fn = tavrix_fsetxattr,
     .fremovexattr_fn = tavrix_fremovexattr,
+    .linkat_fn = tavrix_linkat,
+    .symlinkat_fn = tavrix_symlinkat,
+    .mknodat_fn = tavrix_mknodat,
+    .create_dfs_pathat_fn = tavrix_create_dfs_pathat,
+    .snap_create_fn = tavrix_snap_create,
+    .snap_delete_fn = tavrix_snap_delete,
+    .fchown_fn = tavrix_fchown,
+    .lchown_fn = tavrix_lchown,
+    .sys_acl_set_fd_fn = tavrix_sys_acl_set_fd,
+    .sys_acl_delete_def_fd_fn = tavrix_sys_acl_delete_def_fd,
     .durable_disconnect_fn = tavrix_durable_disconnect,
     .fget_nt_acl_fn = tavrix_fget_nt_acl,
     .fset_nt_acl_fn = tavrix_fset_nt_acl,
 };
+
+struct vfs_handle_struct* tavrix_handle_of(const struct connection_struct* conn) {
+  struct vfs_handle_struct* handle = conn->vfs_handles;
+  while (handle != NULL && handle->fns != &tavrix_functions) handle = handle->next;
+  return handle;
+}
 
 _PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx);
 _PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx) {
