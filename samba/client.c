@@ -73,7 +73,7 @@ static bool is_never_recorded(const connection_private_data_s* record) {
 }
 
 int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
-  connection_private_data_s* record = tavrix->record;
+  connection_private_data_s* record = tavrix->own;
   const uid_t user = handle->conn->session_info->unix_token->uid;
   char* name = name_of(handle->conn);
   if (name == NULL) {
@@ -105,7 +105,7 @@ static void forget_identity(connection_private_data_s* record) {
 
 void tavrix_notice_login(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
   if (GUID_equal(&tavrix->login, &handle->conn->session_info->unique_session_token)) return;
-  forget_identity(tavrix->record);
+  forget_identity(tavrix->own);
   tavrix->is_lost = tavrix_identify_client(handle, tavrix) != 0;
-  if (!tavrix->is_lost) flush_perms_handler(SIGUSR1, tavrix->record);
+  if (!tavrix->is_lost) flush_perms_handler(SIGUSR1, tavrix->own);
 }

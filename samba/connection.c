@@ -112,18 +112,19 @@ static int check_streams(struct vfs_handle_struct* handle) {
 static void free_connection(void** data) {
   struct tavrix_connection* tavrix = *data;
   if (tavrix == NULL) return;
-  if (tavrix->record != NULL) {
-    destroy_tlb(&tavrix->record->vfs_table_cache);
-    free(tavrix->record->groupmap.gids);
-    free(tavrix->record);
+  if (tavrix->own != NULL) {
+    destroy_tlb(&tavrix->own->vfs_table_cache);
+    free(tavrix->own->groupmap.gids);
+    free(tavrix->own);
   }
+  tavrix_free_asker(tavrix);
   talloc_free(tavrix);
   *data = NULL;
 }
 
 static int fill_connection(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
-  tavrix->record = calloc(1, sizeof *tavrix->record);
-  if (tavrix->record == NULL) return -1;
+  tavrix->record = tavrix->own = calloc(1, sizeof *tavrix->own);
+  if (tavrix->own == NULL) return -1;
   tavrix->share = TAVRIX_TREE;
   tavrix->audit = lp_parm_bool(SNUM(handle->conn), "tavrix", "audit", false);
   if (handle->conn->sconn != NULL && handle->conn->sconn->remote_address != NULL) {
@@ -141,6 +142,13 @@ static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle
   void* data = talloc_zero(NULL, struct tavrix_connection);
   if (data != NULL && fill_connection(handle, data) != 0) free_connection(&data);
   return data;
+}
+
+/* The events of server processes that were killed with changed files open. */
+static void settle_notes(void) {
+  const int settled = settle_open_notes();
+  if (settled < 0) DBG_ERR("%s: %s\n", OPEN_NOTES_FOLDER, strerror(errno));
+  if (settled > 0) DBG_WARNING("%d changed files of ended processes recorded\n", settled);
 }
 
 int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user) {
@@ -161,6 +169,7 @@ int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const 
   tavrix_warn_about_share(handle);
   handle->data = tavrix;
   handle->free_data = free_connection;
+  settle_notes();
   return 0;
 }
 

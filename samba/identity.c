@@ -68,14 +68,24 @@ void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const cha
   errno = keep;
 }
 
+/* smbd's own work as root goes on under the record that is there. */
+static connection_private_data_s* record_of(struct vfs_handle_struct* handle) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  const uid_t uid = get_current_uid(handle->conn);
+  if (uid == 0) return tavrix->record;
+  return uid == tavrix->own->refresh_creds.euid ? tavrix->own : tavrix_record_of_asker(handle, uid);
+}
+
 struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle) {
   struct tavrix_entry entry = {.tavrix = tavrix_connection_of(handle),
                                .outer_reserved = reserved_user_uid};
   if (entry.tavrix != NULL) {
     entry.outer = entry.tavrix->perm_ctx;
+    entry.outer_record = entry.tavrix->record;
     entry.tavrix->perm_ctx = NULL;
     tavrix_notice_login(handle, entry.tavrix);
     set_reserved_user_uid(entry.tavrix->reserved_uid);
+    entry.tavrix->record = record_of(handle);
   }
 #ifdef TAVRIX_CHECK_IDENTITY
   uid_t saved;
@@ -102,7 +112,10 @@ static void check_identity(const struct tavrix_entry* entry) {
 #endif
 
 void tavrix_leave(struct tavrix_entry* entry) {
-  if (entry->tavrix != NULL) entry->tavrix->perm_ctx = entry->outer;
+  if (entry->tavrix != NULL) {
+    entry->tavrix->perm_ctx = entry->outer;
+    entry->tavrix->record = entry->outer_record;
+  }
   set_reserved_user_uid(entry->outer_reserved);
 #ifdef TAVRIX_CHECK_IDENTITY
   check_identity(entry);
