@@ -7,7 +7,10 @@ prepare_samba_headers() {
   local folder=$1
   local version
   version=$(samba_version)
-  [ "$(cat "$folder/version" 2>/dev/null)" != "$version" ] || return 0
+  if [ "$(cat "$folder/version" 2>/dev/null)" = "$version" ]; then
+    [ -e "$folder/gen/librpc/gen_ndr/ndr_messaging.h" ] || (cd "$folder" && generate_ndr_headers)
+    return 0
+  fi
   rm -rf "$folder"
   mkdir -p "$folder"
   echo "making the headers of samba $version"
@@ -122,10 +125,11 @@ generate_ndr_headers() {
       --includedir ../src/librpc/idl --includedir ../src/source3/librpc/idl)
     local name
     for name in misc security server_id smb2_lease_struct file_id smb_acl smbXsrv auth lsa krb5pac \
-      netlogon samr; do
+      netlogon samr notify messaging; do
       "${pidl[@]}" --header -- \
         "$(find ../src/librpc/idl ../src/source3/librpc/idl -name "$name.idl")" 2>/dev/null
     done
     "${pidl[@]}" --ndr-parser -- ../src/librpc/idl/misc.idl
+    "${pidl[@]}" --ndr-parser -- ../src/librpc/idl/messaging.idl
   )
 }
