@@ -117,19 +117,6 @@ static bool is_folder_request(const struct smb_filename* smb_fname, uint32_t opt
   return VALID_STAT(smb_fname->st) && S_ISDIR(smb_fname->st.st_ex_mode);
 }
 
-static void record(struct vfs_handle_struct* handle, const struct create_request* request, int info,
-                   struct files_struct* fsp) {
-  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (info == FILE_WAS_CREATED && request->is_folder) {
-    create_dir_postprocess(request->name.full, tavrix->record);
-  } else if (info == FILE_WAS_CREATED) {
-    create_file_postprocess(tavrix->record, request->name.full);
-  } else if (info == FILE_WAS_OVERWRITTEN || info == FILE_WAS_SUPERSEDED) {
-    struct tavrix_open* kept = tavrix_open_of(handle, fsp);
-    if (kept != NULL) kept->modified.is_modified = 1; /* emptied by the open itself */
-  }
-}
-
 NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request* req,
                             struct files_struct* dirfsp, struct smb_filename* smb_fname,
                             uint32_t access_mask, uint32_t share_access,
@@ -147,6 +134,8 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                                    .access_mask = access_mask,
                                    .disposition = create_disposition,
                                    .options = create_options};
+  tavrix_filter_notices(handle);
+  if (tavrix_asks_for_link(req)) return NT_STATUS_ACCESS_DENIED;
   if (tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) != 0 ||
       ask(handle, smb_fname, &request) != 0) {
     return map_nt_error_from_unix(errno);
@@ -157,7 +146,10 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
     dirfsp = NULL; /* is the link's */
   }
 
-  const struct tavrix_connection outer = *tavrix; /* requests nest: a stream's opens its file */
+  /* Requests nest: a stream's opens its file. */
+  const char* outer_path = tavrix->granted_path;
+  const e_fsop_type outer_op = tavrix->granted_op;
+  const int is_outer_new = tavrix->is_granted_new;
   tavrix->granted_path = request.name.full;
   tavrix->granted_op = request.op;
   tavrix->is_granted_new = !request.exists;
@@ -166,10 +158,11 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
       handle, req, dirfsp, smb_fname, request.access_mask, share_access, create_disposition,
       create_options, file_attributes, oplock_request, lease, allocation_size, private_flags, sd,
       ea_list, result, &info, in_context_blobs, out_context_blobs);
-  tavrix->granted_path = outer.granted_path;
-  tavrix->granted_op = outer.granted_op;
-  tavrix->is_granted_new = outer.is_granted_new;
-  if (NT_STATUS_IS_OK(status)) record(handle, &request, info, *result);
+  tavrix->granted_path = outer_path;
+  tavrix->granted_op = outer_op;
+  tavrix->is_granted_new = is_outer_new;
+  const bool is_emptied = info == FILE_WAS_OVERWRITTEN || info == FILE_WAS_SUPERSEDED;
+  if (NT_STATUS_IS_OK(status) && is_emptied) tavrix_note_change(handle, *result);
   if (pinfo != NULL) *pinfo = info;
   return status;
 }

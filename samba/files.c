@@ -60,6 +60,12 @@ static int open_as_root(struct vfs_handle_struct* handle, const struct files_str
   return fd;
 }
 
+/* smbd makes files with O_EXCL, so an open that succeeds tells for sure: another client may have
+ * made the file since the question was asked. */
+static bool has_made(const struct vfs_open_how* how, bool is_new) {
+  return (how->flags & O_CREAT) != 0 && (is_new || (how->flags & O_EXCL) != 0);
+}
+
 static int open_for_client(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                            const struct smb_filename* smb_fname, struct files_struct* fsp,
                            const struct vfs_open_how* how, const struct tavrix_name* name) {
@@ -79,11 +85,8 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
   const int fd = open_as_root(handle, dirfsp, smb_fname, fsp, how, is_new != 0);
   if (fd < 0) return fd;
   kept->is_clients = true;
-  /* A create request records what it made, with a stamp. */
-  if (is_new && (how->flags & O_CREAT) != 0 && !is_granted(tavrix, name)) {
-    char* full = discard_const_p(char, name->full);
-    open_postprocess(NULL, &tavrix->perm_ctx, &full, is_new, tavrix->record);
-  }
+  /* Now, for the file is there and stays: a later step of the request may fail. */
+  if (has_made(how, is_new != 0)) create_file_postprocess(tavrix->record, name->full);
   return fd;
 }
 
@@ -142,10 +145,13 @@ static void record_close(struct vfs_handle_struct* handle, struct files_struct* 
   if (tavrix == NULL || kept == NULL || !kept->is_clients || fsp->fsp_flags.is_pathref) return;
   if (kept->modified.is_modified == 0 && !tavrix->audit) return;
   const int fd = fsp_get_pathref_fd(fsp);
-  if (fd <= 0 || is_path_only(fd) || is_deleted(fd)) return;
+  if (fd <= 0 || is_path_only(fd)) return;
   modify_file_evt_s* modified = &kept->modified;
+  const bool deleted = is_deleted(fd);
   const bool raised = tavrix_raise(tavrix) == 0;
-  tavrix_record_close(handle, fd, modified);
+  if (!deleted) tavrix_record_close(handle, fd, modified);
+  /* The event is in the buffer, unless the hook kept its flag. */
+  if (deleted || modified->is_modified == 0) remove_open_note(&kept->note);
   if (raised) tavrix_give_back(tavrix);
 }
 

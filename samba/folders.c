@@ -16,7 +16,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) return -1;
-  /* The create request around this asked the very same, and records what it makes. */
+  /* The create request around this asked the very same. */
   const bool granted = is_granted(tavrix, &name);
   TAVRIX_AS_ROOT_IF(!granted);
   const int asked = granted ? tavrix_raise(tavrix)
@@ -26,7 +26,8 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   const int result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
   if (result == 0) tavrix_give_path_to_owner(tavrix, name.full);
   tavrix_give_back(tavrix);
-  if (result == 0 && !granted) {
+  /* Now, for the folder is there and stays: a later step of the request may fail. */
+  if (result == 0) {
     char* full = discard_const_p(char, name.full);
     mkdir_postprocess(tavrix->record, &full);
   }
