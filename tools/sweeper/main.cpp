@@ -6,11 +6,14 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "tavrix_vfs_utils.h"
+#include "tools/notes/open_notes.h"
 #include "tools/service/service.hpp"
 #include "tools/sweeper/staging_owner.hpp"
 
@@ -38,6 +41,14 @@ void flush(const char* why) {
     say(Tone::kInfo, fmt::format("{}: {} records flushed", why, records));
 }
 
+// The events of server processes that were killed with changed files open.
+void settle_notes() {
+  const int settled = settle_open_notes();
+  if (settled < 0) say(Tone::kError, fmt::format("{}: {}", OPEN_NOTES_FOLDER, strerror(errno)));
+  if (settled > 0)
+    say(Tone::kWarning, fmt::format("{} changed files of ended processes recorded", settled));
+}
+
 // The number of a signal that came within the seconds, or 0.
 int wait_for_signal(const Fd& fd, int seconds) {
   pollfd ready{fd.get(), POLLIN, 0};
@@ -57,6 +68,7 @@ int run(const Fd& fd) {
   for (;;) {
     switch (wait_for_signal(fd, period())) {
       case 0:
+        settle_notes();
         if (!is_disabled()) flush("period");
         break;
       case SIGHUP:
@@ -97,6 +109,7 @@ int main(int argc, char** argv) {
   }
   openlog("tavrix-sweeper", LOG_PID, LOG_DAEMON);
   if (!take_settings() || !own_staging_buffer()) return 2;
+  settle_notes();
   if (once) {
     flush("once");
     return 0;

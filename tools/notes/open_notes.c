@@ -1,0 +1,205 @@
+#include "tools/notes/open_notes.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <inttypes.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "eventstore.h"
+#include "processing_functions.h"
+
+#define BOOT_ID_SIZE 37
+#define NAME_FORMAT "%.36s.%d.%llu.%llu"
+#define USER_SIZE 256
+
+/* A process, told apart from any later one with the same number. */
+struct owner {
+  char boot[BOOT_ID_SIZE];
+  pid_t pid;
+  unsigned long long start; /* clock ticks since the boot */
+};
+
+/* The beginning of a file of the kernel's, as text. */
+static bool read_text(const char* path, char* text, size_t size) {
+  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const ssize_t got = read(fd, text, size - 1);
+  close(fd);
+  text[got > 0 ? got : 0] = '\0';
+  return got > 0;
+}
+
+static bool read_boot_id(char* boot) {
+  return read_text("/proc/sys/kernel/random/boot_id", boot, BOOT_ID_SIZE) && strlen(boot) == 36;
+}
+
+/* Field 22 of the process's status; the fields behind the name, which may hold anything, begin
+ * after the last parenthesis. False when there is no such process; one that has ended and was not
+ * waited for is none. */
+static bool read_start(pid_t pid, unsigned long long* start) {
+  char path[64];
+  char text[1024];
+  snprintf(path, sizeof path, "/proc/%d/stat", (int)pid);
+  if (!read_text(path, text, sizeof text)) return false;
+  const char* fields = strrchr(text, ')');
+  char state = 'Z';
+  return fields != NULL &&
+         sscanf(fields,
+                ") %c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d %llu",
+                &state, start) == 2 &&
+         state != 'Z' && state != 'X';
+}
+
+/* This process. A child of it is another one. */
+static const struct owner* self(void) {
+  static struct owner owner;
+  if (owner.pid == getpid()) return &owner;
+  struct owner now = {.pid = getpid()};
+  if (!read_boot_id(now.boot) || !read_start(now.pid, &now.start)) return NULL;
+  owner = now;
+  return &owner;
+}
+
+static bool is_alive(const struct owner* owner) {
+  const struct owner* here = self();
+  unsigned long long start = 0;
+  if (here == NULL) return true; /* nothing is known: leave the note to another */
+  return strcmp(owner->boot, here->boot) == 0 && read_start(owner->pid, &start) &&
+         start == owner->start;
+}
+
+static bool parse_name(const char* name, struct owner* owner) {
+  unsigned long long number = 0;
+  int pid = 0;
+  int end = 0;
+  if (sscanf(name, "%36[0-9a-f-].%d.%llu.%llu%n", owner->boot, &pid, &owner->start, &number,
+             &end) != 4) {
+    return false;
+  }
+  owner->pid = pid;
+  return name[end] == '\0' && strlen(owner->boot) == 36;
+}
+
+/* A name that no other note has or had. */
+static bool next_name(struct open_note* note) {
+  static unsigned long long number;
+  const struct owner* here = self();
+  if (here == NULL) return false;
+  snprintf(note->name, sizeof note->name, NAME_FORMAT, here->boot, (int)here->pid, here->start,
+           ++number);
+  return true;
+}
+
+static void path_of(const char* name, char* path, size_t size) {
+  snprintf(path, size, OPEN_NOTES_FOLDER "/%s", name);
+}
+
+static bool make_folder(void) { return mkdir(OPEN_NOTES_FOLDER, 0700) == 0 || errno == EEXIST; }
+
+/* A path that is too long for a note is left out: such a note asks for a rescan. */
+static bool write_text(const struct changing_file* file, char* text, size_t size) {
+  const size_t user = strlen(file->user);
+  const int length = snprintf(text, size, "%" PRIu64 " %u %zu %s%s", file->inode,
+                              (unsigned)file->uid, user, file->user, file->path);
+  if (length > 0 && (size_t)length < size) return true;
+  return user < USER_SIZE && snprintf(text, size, "%" PRIu64, file->inode) > 0;
+}
+
+int write_open_note(struct open_note* note, const struct changing_file* file) {
+  char text[PATH_MAX];
+  char path[sizeof OPEN_NOTES_FOLDER + sizeof note->name];
+  errno = ENAMETOOLONG;
+  if (!write_text(file, text, sizeof text) || !next_name(note)) return -1;
+  path_of(note->name, path, sizeof path);
+  if (symlink(text, path) == 0) return 0;
+  if (errno == ENOENT && make_folder() && symlink(text, path) == 0) return 0;
+  note->name[0] = '\0';
+  return -1;
+}
+
+void remove_open_note(struct open_note* note) {
+  const int keep = errno;
+  char path[sizeof OPEN_NOTES_FOLDER + sizeof note->name];
+  if (note->name[0] == '\0') return;
+  path_of(note->name, path, sizeof path);
+  unlink(path);
+  note->name[0] = '\0';
+  errno = keep;
+}
+
+/* --- notes of processes that are gone --------------------------------------------------------- */
+
+static bool parse_text(char* text, struct changing_file* file, char* user) {
+  unsigned uid = 0;
+  size_t length = 0;
+  int end = 0;
+  if (sscanf(text, "%" SCNu64 " %u %zu%n", &file->inode, &uid, &length, &end) != 3 ||
+      text[end] != ' ' || length >= USER_SIZE || strlen(text + end + 1) <= length) {
+    return false;
+  }
+  memcpy(user, text + end + 1, length);
+  user[length] = '\0';
+  file->uid = uid;
+  file->user = user;
+  file->path = text + end + 1 + length;
+  return file->path[0] == '/';
+}
+
+static bool is_still_there(const struct changing_file* file) {
+  struct stat st;
+  return lstat(file->path, &st) == 0 && S_ISREG(st.st_mode) && st.st_ino == file->inode;
+}
+
+/* The event and the stamp that the close would have left. */
+static void record_change(const struct changing_file* file) {
+  connection_private_data_s record = {.user_name_as_passed_in = (char*)(uintptr_t)file->user};
+  record.refresh_creds.euid = file->uid;
+  ntimes_file_postprocess(file->path, &record);
+}
+
+static void settle(const char* path) {
+  char text[PATH_MAX];
+  char user[USER_SIZE];
+  struct changing_file file;
+  const ssize_t length = readlink(path, text, sizeof text - 1);
+  text[length > 0 ? length : 0] = '\0';
+  if (length > 0 && parse_text(text, &file, user) && is_still_there(&file)) {
+    record_change(&file);
+  } else {
+    mark_event_db_as_rescan_needed("a server process ended with a changed file open");
+  }
+}
+
+/* Takes the note over, so that nobody else settles it too; it stays until the event is written, as
+ * a note of this process: should this one end as well, another goes on. */
+static bool take_over(const char* name, struct open_note* mine) {
+  char from[sizeof OPEN_NOTES_FOLDER + NAME_MAX + 1];
+  char to[sizeof OPEN_NOTES_FOLDER + sizeof mine->name];
+  if (!next_name(mine)) return false;
+  path_of(name, from, sizeof from);
+  path_of(mine->name, to, sizeof to);
+  if (rename(from, to) != 0) return false;
+  settle(to);
+  remove_open_note(mine);
+  return true;
+}
+
+int settle_open_notes(void) {
+  DIR* folder = opendir(OPEN_NOTES_FOLDER);
+  if (folder == NULL) return errno == ENOENT ? 0 : -1;
+  int settled = 0;
+  for (const struct dirent* entry = readdir(folder); entry != NULL; entry = readdir(folder)) {
+    struct owner owner;
+    struct open_note mine = {{0}};
+    if (!parse_name(entry->d_name, &owner) || is_alive(&owner)) continue;
+    if (take_over(entry->d_name, &mine)) ++settled;
+  }
+  closedir(folder);
+  return settled;
+}
