@@ -161,7 +161,7 @@ static bool is_where_it_was(const struct watch* watch) {
     return false;
   }
   TAVRIX_AS_ROOT();
-  return lstat(folder.full, &st) == 0 && st.st_ino == watch->fsp->file_id.inode;
+  return stat(folder.full, &st) == 0 && st.st_ino == watch->fsp->file_id.inode;
 }
 
 /* As root, so that only the marker files can renew the identity here: the process may be at work
