@@ -12,15 +12,15 @@ void tavrix_free_asker(struct tavrix_connection* tavrix) {
   ZERO_STRUCTP(asker);
 }
 
-/* The name of the account stands for the one that the client gave to the other connection. Without
- * an account there are no groups, which is no rights. */
+/* The account's name in the group list map, as a session of that account would have it. Without one
+ * there are no groups, which is no rights. */
 static void fill_asker(struct vfs_handle_struct* handle, uid_t uid) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   connection_private_data_s* asker = &tavrix->asker;
   const struct passwd* account = getpwuid(uid);
-  if (account != NULL) {
-    asker->user_name_as_passed_in = talloc_strdup(tavrix, account->pw_name);
-  }
+  char* key = account != NULL ? tavrix_key_of_account(account->pw_name) : NULL;
+  if (key != NULL) asker->user_name_as_passed_in = talloc_strdup(tavrix, key);
+  free(key);
   asker->config = tavrix->own->config;
   asker->refresh_creds.euid = asker->refresh_creds.tlb_owner = uid;
   asker->refresh_creds.permmap_refresh = asker->refresh_creds.groupmap_refresh = time(NULL);

@@ -48,6 +48,23 @@ static char* name_of(struct connection_struct* conn) {
   return tavrix_user_key(&login);
 }
 
+/* Only a member of a domain has accounts of several, and puts the domain before the name. */
+char* tavrix_key_of_account(const char* unix_name) {
+  struct tavrix_login login = {.account = unix_name, .own_domain = own_domain()};
+  const char* separator =
+      lp_server_role() == ROLE_DOMAIN_MEMBER ? strchr(unix_name, *lp_winbind_separator()) : NULL;
+  char* domain = NULL;
+  if (separator != NULL) {
+    domain = strndup(unix_name, (size_t)(separator - unix_name));
+    if (domain == NULL) return NULL;
+    login.domain = domain;
+    login.account = separator + 1;
+  }
+  char* key = tavrix_user_key(&login);
+  free(domain);
+  return key;
+}
+
 static bool is_refused_computer(const connection_private_data_s* record) {
   return is_computer_name(record->user_name_as_passed_in) && !record->config.allow_computeracct;
 }

@@ -180,6 +180,9 @@ void tavrix_leave(struct tavrix_entry* entry);
 
 /* Records the close of a client's file, a change or a read; as root. */
 void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_evt_s* modified);
+/* The name in the group list map of an account of this machine: a new string, or null. */
+char* tavrix_key_of_account(const char* unix_name);
+
 /* The record of a user who asked this connection's process for something by another connection. One
  * that nothing is known of has no rights. */
 connection_private_data_s* tavrix_record_of_asker(struct vfs_handle_struct* handle, uid_t uid);

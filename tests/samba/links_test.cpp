@@ -7,7 +7,7 @@
 namespace tavrix::test {
 namespace {
 
-class Links : public WireClients {
+class ClientsLinks : public WireClients {
  protected:
   void SetUp() override {
     Appliance::SetUp();
@@ -20,7 +20,7 @@ class Links : public WireClients {
   }
 };
 
-TEST_F(Links, OfAFileAreRefusedInItsFolderAndElsewhere) {
+TEST_F(ClientsLinks, OfAFileAreRefusedInItsFolderAndElsewhere) {
   ASSERT_EQ(0, chown(full("Shared/Team/report.txt").c_str(), kAnna.uid, kAnna.gid));
   ASSERT_EQ(0, chmod(full("Shared").c_str(), 0777));
   ASSERT_EQ(0, chmod(full("Shared/Team").c_str(), 0777));
@@ -34,7 +34,7 @@ TEST_F(Links, OfAFileAreRefusedInItsFolderAndElsewhere) {
   EXPECT_EQ(Lines{}, new_events());
 }
 
-TEST_F(Links, ThatWouldReplaceAFileLeaveItThere) {
+TEST_F(ClientsLinks, ThatWouldReplaceAFileLeaveItThere) {
   for (const Caller& caller : {kAnna, kBen}) {
     EXPECT_EQ("STATUS_ACCESS_DENIED\n", wire(caller,
                                              "h = me.open('Shared/Team/report.txt')\n"
@@ -44,7 +44,7 @@ TEST_F(Links, ThatWouldReplaceAFileLeaveItThere) {
   EXPECT_EQ(Lines{}, new_events());
 }
 
-TEST_F(Links, OfAFileAreRefusedToAdministratorsToo) {
+TEST_F(ClientsLinks, OfAFileAreRefusedToAdministratorsToo) {
   EXPECT_EQ("STATUS_ACCESS_DENIED\n",
             wire(kAdministrator,
                  "me.link(me.open('Shared/Team/report.txt', READ | WRITE), 'Shared/Team/o')"));
@@ -52,8 +52,9 @@ TEST_F(Links, OfAFileAreRefusedToAdministratorsToo) {
 }
 
 // The extensions of the oldest dialect, where an administrator has switched them on.
-TEST_F(Links, AndDevicesAreRefusedToTheOldestDialect) {
+TEST_F(ClientsLinks, AndDevicesAreRefusedToTheOldestDialect) {
   stop_smbd();
+  configure({"tavrix:allow smb1 = yes"});
   bash(
       "sed -i '/^\\[global\\]/a server min protocol = NT1\\nclient min protocol = NT1' "
       "/scratch/samba/smb.conf");
