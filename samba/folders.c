@@ -24,7 +24,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
                                                &tavrix->perm_ctx);
   if (asked != 0) return -1;
   const int result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
-  if (result == 0) tavrix_give_path_to_owner(tavrix, name.full);
+  if (result == 0) tavrix_give_folder_to_owner(tavrix, dirfsp, smb_fname->base_name);
   tavrix_give_back(tavrix);
   /* Now, for the folder is there and stays: a later step of the request may fail. */
   if (result == 0) {

@@ -60,11 +60,27 @@ void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd) {
   errno = keep;
 }
 
-void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const char* full) {
-  const int keep = errno;
-  if (lchown(full, owner_of(tavrix), group_of(tavrix)) != 0) {
-    DBG_WARNING("lchown %s: %s\n", full, strerror(errno));
+/* A name may be another object's by the time that it is used again: only a folder that belongs to
+ * root, as the one that was just made does, is given away, and by its descriptor. */
+static int give_new_folder(const struct tavrix_connection* tavrix, int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -1;
+  if (!S_ISDIR(st.st_mode) || st.st_uid != geteuid()) {
+    errno = ESTALE;
+    return -1;
   }
+  return fchownat(fd, "", owner_of(tavrix), group_of(tavrix), AT_EMPTY_PATH);
+}
+
+void tavrix_give_folder_to_owner(const struct tavrix_connection* tavrix,
+                                 const struct files_struct* dirfsp, const char* name) {
+  const int keep = errno;
+  const int fd =
+      openat(fsp_get_pathref_fd(dirfsp), name, O_PATH | O_NOFOLLOW | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 || give_new_folder(tavrix, fd) != 0) {
+    DBG_WARNING("the owner of %s: %s\n", name, strerror(errno));
+  }
+  if (fd >= 0) close(fd);
   errno = keep;
 }
 

@@ -154,7 +154,8 @@ bool tavrix_was_refused(ssize_t result);
 
 /* What was made belongs to the settings' user, or to the client. */
 void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd);
-void tavrix_give_path_to_owner(const struct tavrix_connection* tavrix, const char* full);
+void tavrix_give_folder_to_owner(const struct tavrix_connection* tavrix,
+                                 const struct files_struct* dirfsp, const char* name);
 
 /* Each function of the table begins with this. smbd comes back to the table in the middle of an
  * operation, so a function has the slot to itself, and what the one around it has in there waits.
