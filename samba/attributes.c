@@ -1,16 +1,11 @@
 /* Extended attributes of open files: a client's own, and smbd's note of DOS attributes. The file
- * may belong to another user on the disk: what its mode refuses is read and written as root, where
- * the handle was granted that. The library's marks are nobody's to see or to change. */
+ * may belong to another user on the disk: what its mode refuses is read and written as root. The
+ * library's marks are nobody's to see or to change. */
 #include "tavrix_module.h"
 
 static const char marks[] = "user.tavrix.";
 
 static bool is_mark(const char* name) { return strncmp(name, marks, strlen(marks)) == 0; }
-
-static bool may_change(const struct files_struct* fsp) {
-  return (fsp->access_mask &
-          (SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | SEC_FILE_WRITE_DATA)) != 0;
-}
 
 static bool raise_for(struct vfs_handle_struct* handle) {
   return tavrix_raise(tavrix_connection_of(handle)) == 0;
@@ -58,32 +53,37 @@ ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct*
   return length > 0 && size > 0 ? without_marks(list, (size_t)length) : length;
 }
 
+static int refuse_mark(void) {
+  errno = EACCES;
+  return -1;
+}
+
 int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp, const char* name,
                      const void* value, size_t size, int flags) {
   TAVRIX_ENTER(handle);
-  if (!tavrix_is_connected(handle)) return -1;
-  if (is_mark(name)) {
-    errno = EACCES;
-    return -1;
-  }
+  struct tavrix_change change;
+  if (is_mark(name)) return refuse_mark();
+  if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   int result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
-  if (!tavrix_was_refused(result) || !may_change(fsp) || !raise_for(handle)) return result;
-  result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
-  tavrix_give_back(tavrix_connection_of(handle));
+  if (tavrix_was_refused(result) && raise_for(handle)) {
+    result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
+    tavrix_give_back(change.tavrix);
+  }
+  tavrix_end_change(handle, fsp, &change, result == 0);
   return result;
 }
 
 int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                         const char* name) {
   TAVRIX_ENTER(handle);
-  if (!tavrix_is_connected(handle)) return -1;
-  if (is_mark(name)) {
-    errno = EACCES;
-    return -1;
-  }
+  struct tavrix_change change;
+  if (is_mark(name)) return refuse_mark();
+  if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   int result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
-  if (!tavrix_was_refused(result) || !may_change(fsp) || !raise_for(handle)) return result;
-  result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
-  tavrix_give_back(tavrix_connection_of(handle));
+  if (tavrix_was_refused(result) && raise_for(handle)) {
+    result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
+    tavrix_give_back(change.tavrix);
+  }
+  tavrix_end_change(handle, fsp, &change, result == 0);
   return result;
 }

@@ -197,77 +197,15 @@ int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
   }
   TAVRIX_AS_ROOT();
   if (ask_to_remove(tavrix, &name, is_folder) != 0) return -1;
+  /* Whatever the handle was granted: a request may have come to it in another way. */
+  if (is_folder && tavrix_must_stay(tavrix, &name, is_folder)) {
+    tavrix_give_back(tavrix);
+    errno = EACCES;
+    return -1;
+  }
   const int result = SMB_VFS_NEXT_UNLINKAT(handle, dirfsp, smb_fname, flags);
   tavrix_give_back(tavrix);
   if (result == 0 && is_folder) rmdir_postprocess(name.full, tavrix->record);
   if (result == 0 && !is_folder) unlink_postprocess(name.full, tavrix->record);
   return result;
-}
-
-/* --- attributes ------------------------------------------------------------------------------- */
-
-/* A handle that may write attributes was granted as one that writes; on the disk the file may be
- * another user's. */
-static bool may_write_attributes(const struct files_struct* fsp) {
-  return (fsp->access_mask & (SEC_FILE_WRITE_ATTRIBUTE | SEC_FILE_WRITE_DATA)) != 0;
-}
-
-int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
-  TAVRIX_ENTER(handle);
-  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (!tavrix_is_connected(handle)) return -1;
-  if (!may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
-    return SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
-  }
-  const int result = SMB_VFS_NEXT_FCHMOD(handle, fsp, mode);
-  tavrix_give_back(tavrix);
-  return result;
-}
-
-NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct files_struct* fsp,
-                                    uint32_t dosmode) {
-  TAVRIX_ENTER(handle);
-  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (!tavrix_is_connected(handle)) return NT_STATUS_ACCESS_DENIED;
-  if (!may_write_attributes(fsp) || tavrix_raise(tavrix) != 0) {
-    return SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
-  }
-  const NTSTATUS result = SMB_VFS_NEXT_FSET_DOS_ATTRIBUTES(handle, fsp, dosmode);
-  tavrix_give_back(tavrix);
-  return result;
-}
-
-/* --- times ------------------------------------------------------------------------------------ */
-
-static int folder_times(struct vfs_handle_struct* handle, struct files_struct* fsp,
-                        struct smb_file_time* ft) {
-  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  ntimes_dir_preprocess(&tavrix->perm_ctx, fsp->fsp_name->base_name);
-  const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
-  const int keep = errno;
-  ntimes_dir_postprocess(tavrix->perm_ctx);
-  tavrix->perm_ctx = NULL;
-  errno = keep;
-  return result;
-}
-
-static int file_times(struct vfs_handle_struct* handle, struct files_struct* fsp,
-                      struct smb_file_time* ft, const struct tavrix_name* name) {
-  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  char* full = NULL;
-  if (ntimes_file_preprocess(&full, tavrix->share, name->name, &tavrix->perm_ctx) != 0) return -1;
-  const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);
-  if (result == 0) ntimes_file_postprocess(full, tavrix->record);
-  tavrix_give_back(tavrix);
-  free(full);
-  return result;
-}
-
-int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
-                   struct smb_file_time* ft) {
-  TAVRIX_ENTER(handle);
-  struct tavrix_name name;
-  if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) return -1;
-  return fsp->fsp_flags.is_directory ? folder_times(handle, fsp, ft)
-                                     : file_times(handle, fsp, ft, &name);
 }

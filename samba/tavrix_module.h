@@ -47,6 +47,7 @@ struct tavrix_connection {
   const char* granted_path;
   e_fsop_type granted_op;
   int is_granted_new; /* the request makes the object: its own hook records that */
+  int changes; /* of attributes, times or extended attributes, that are under way: they nest */
 };
 
 /* What is kept of an open file or folder, for as long as it is open. */
@@ -209,6 +210,46 @@ struct vfs_handle_struct* tavrix_handle_of(const struct connection_struct* conn)
 void tavrix_load_patterns(void);
 bool tavrix_may_always_be_deleted(const char* name);
 
+/* --- access -----------------------------------------------------------------------------------
+ * Questions to the library, to be asked as root. */
+
+/* What a client that may only look has. */
+#define TAVRIX_READING (SEC_RIGHTS_FILE_READ | SEC_RIGHTS_FILE_EXECUTE)
+
+bool tavrix_is_folder(const struct files_struct* fsp);
+bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_type op);
+/* What who may write the object has: everything, but for the right to delete what must stay. */
+uint32_t tavrix_all_rights_on(const struct tavrix_connection* tavrix,
+                              const struct tavrix_name* name, bool is_folder);
+/* All that the client has on an object that exists. */
+uint32_t tavrix_rights_on(struct tavrix_connection* tavrix, const struct tavrix_name* name,
+                          bool is_folder);
+/* The same, and what else a request may name without being refused. */
+uint32_t tavrix_rights_to_ask_for(uint32_t rights, bool is_folder);
+/* Turns what a request asks for, without generic rights, into what its handle gets. False: it asks
+ * for a right that the client has not. */
+bool tavrix_resolve_access(uint32_t rights, bool is_folder, uint32_t* access_mask);
+/* Whether the client may change the folder's own attributes, times and extended attributes. */
+bool tavrix_may_write_folder(struct tavrix_connection* tavrix, const struct tavrix_name* name);
+/* Whether the client may not remove, rename or replace the object, whatever the map says; after a
+ * decision, which finds out who is an administrator. */
+bool tavrix_must_stay(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
+                      bool is_folder);
+
+/* --- changes beside the content ---------------------------------------------------------------
+ * Around each call that changes attributes, times or extended attributes. */
+struct tavrix_change {
+  struct tavrix_connection* tavrix;
+  struct tavrix_name name;
+  bool is_recorded;
+};
+/* 0, or -1 with errno: the client may not; then there is nothing to end. */
+int tavrix_begin_change(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                        struct tavrix_change* change);
+/* Records what was done, where a client's request did it. */
+void tavrix_end_change(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                       const struct tavrix_change* change, bool is_done);
+
 /* --- the functions of the table --------------------------------------------------------------- */
 
 int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user);
@@ -235,6 +276,9 @@ NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct file
 int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                     const struct smb_filename* smb_fname, int flags);
 int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode);
+int tavrix_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, uid_t uid, gid_t gid);
+int tavrix_lchown(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname, uid_t uid,
+                  gid_t gid);
 NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                                     uint32_t dosmode);
 int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
@@ -323,5 +367,8 @@ NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
                             struct security_descriptor** ppdesc);
 NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info_sent, const struct security_descriptor* psd);
+int tavrix_sys_acl_set_fd(struct vfs_handle_struct* handle, struct files_struct* fsp,
+                          SMB_ACL_TYPE_T type, SMB_ACL_T acl);
+int tavrix_sys_acl_delete_def_fd(struct vfs_handle_struct* handle, struct files_struct* fsp);
 
 #endif

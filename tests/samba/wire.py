@@ -200,6 +200,13 @@ class Client:
         """Goes without a word, as a client does whose cable is pulled."""
         self.smb.get_socket().close()
 
+    def leave(self):
+        """Ends the connection to the share; the server has flushed its events when it answers."""
+        try:
+            self.smb.disconnectTree(self.tree)
+        except Exception:  # it is gone already
+            pass
+
 
 def open_durable(client, name, access):
     """An open that survives its connection."""
@@ -234,6 +241,7 @@ def main():
             exec(line.strip(), names)
         except Refused as error:
             print(error)
+    names["me"].leave()
 
 
 if __name__ == "__main__":
