@@ -1,47 +1,30 @@
 /* SMB create requests: the door through which a client reaches files and folders. */
 #include "tavrix_module.h"
 
-#define CHANGING_ACCESS                                                                        \
-  (SEC_FILE_WRITE_DATA | SEC_FILE_APPEND_DATA | SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE | \
-   SEC_STD_DELETE | SEC_STD_WRITE_DAC | SEC_STD_WRITE_OWNER | SEC_GENERIC_WRITE | SEC_GENERIC_ALL)
+#include "libcli/security/security.h"
 
-#define REMOVING_ACCESS (SEC_STD_DELETE | SEC_GENERIC_ALL)
+extern const struct generic_mapping file_generic_mapping; /* smbd's, in none of its headers */
 
 struct create_request {
   struct tavrix_name name;
   bool is_link; /* the name is that of what lies behind it */
   bool exists;
   bool is_folder;
-  uint32_t access_mask;
+  uint32_t access_mask; /* without generic rights; then what the handle gets */
   uint32_t disposition;
   uint32_t options;
   e_fsop_type op; /* what was granted */
 };
 
+/* Every right that a client which may only look has not. */
+static uint32_t changes_of(const struct create_request* request) {
+  return request->access_mask & SEC_RIGHTS_FILE_ALL & ~TAVRIX_READING;
+}
+
 static bool wants_to_write(const struct create_request* request) {
-  const uint32_t changes = request->access_mask & CHANGING_ACCESS;
+  const uint32_t changes = changes_of(request);
   if (changes == SEC_STD_DELETE) return !tavrix_may_always_be_deleted(request->name.name);
   return changes != 0;
-}
-
-static bool may_write(struct tavrix_connection* tavrix, const char* full) {
-  int is_nav = 0;
-  return tavrix->record->reserved_user != 0 ||
-         vfs_enforce_perms(tavrix->share, full, FSOP_OPEN_WRITE, &tavrix->record->groupmap, 0,
-                           &is_nav) == TXPERMS_HAS_PERMS;
-}
-
-/* "As much as I may have" of a file: smbd would take its own access list for the answer, which says
- * everything, and open for writing what may only be read. */
-static void settle_maximum_access(struct tavrix_connection* tavrix,
-                                  struct create_request* request) {
-  if ((request->access_mask & SEC_FLAG_MAXIMUM_ALLOWED) == 0 || request->is_folder) return;
-  if (may_write(tavrix, request->name.full)) {
-    request->access_mask |= SEC_FILE_WRITE_DATA;
-  } else {
-    request->access_mask = (request->access_mask & ~SEC_FLAG_MAXIMUM_ALLOWED) |
-                           SEC_RIGHTS_FILE_READ | SEC_RIGHTS_FILE_EXECUTE;
-  }
 }
 
 static bool makes_folder(const struct create_request* request) {
@@ -92,9 +75,42 @@ static int settle_link(struct vfs_handle_struct* handle, const struct smb_filena
   const int found = tavrix_name_behind_link(talloc_tos(), handle, smb_fname, &request->name);
   request->is_link = found == 1;
   if (found == -1) return -1;
-  if (!request->is_link || (request->access_mask & REMOVING_ACCESS) == 0) return 0;
+  if (!request->is_link || (request->access_mask & SEC_STD_DELETE) == 0) return 0;
   errno = EACCES;
   return -1;
+}
+
+/* What the client has on the object after its request was granted. Who makes it has everything, and
+ * so has who may write a file. */
+static uint32_t rights_of(struct tavrix_connection* tavrix, const struct create_request* request) {
+  if (request->op == FSOP_CREATE || request->op == FSOP_MKDIR || request->op == FSOP_OPEN_WRITE) {
+    return tavrix_all_rights_on(tavrix, &request->name, request->is_folder && request->exists);
+  }
+  const bool takes_all = (request->access_mask & SEC_FLAG_MAXIMUM_ALLOWED) != 0;
+  if (!takes_all && changes_of(request) == 0) return TAVRIX_READING;
+  return tavrix_rights_on(tavrix, &request->name, request->is_folder);
+}
+
+static bool may_delete_on_close(struct tavrix_connection* tavrix,
+                                const struct create_request* request) {
+  return (request->options & FILE_DELETE_ON_CLOSE) == 0 || !request->is_folder ||
+         !request->exists || tavrix_grants(tavrix, request->name.full, FSOP_RMDIR);
+}
+
+/* After this the request asks smbd for exactly what its handle gets: smbd would take "as much as I
+ * may have" from an access list, and trust every right that it granted once. */
+static int settle_access(struct tavrix_connection* tavrix, struct create_request* request,
+                         uint32_t share_access) {
+  const bool maximum = (request->access_mask & SEC_FLAG_MAXIMUM_ALLOWED) != 0;
+  const uint32_t kept = request->is_link ? SEC_STD_DELETE : 0;
+  const uint32_t rights = rights_of(tavrix, request) & ~kept;
+  if (!tavrix_resolve_access(rights, request->is_folder, &request->access_mask) ||
+      !may_delete_on_close(tavrix, request)) {
+    errno = EACCES;
+    return -1;
+  }
+  if (maximum) request->access_mask &= share_access | ~SEC_RIGHTS_FILE_ALL;
+  return 0;
 }
 
 /* Root is given back before smbd goes on: what it does by itself it shall do as the client. The
@@ -104,11 +120,20 @@ static int ask(struct vfs_handle_struct* handle, const struct smb_filename* smb_
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   TAVRIX_AS_ROOT();
   if (settle_link(handle, smb_fname, request) != 0) return -1;
-  settle_maximum_access(tavrix, request);
   const int result =
       request->is_folder ? ask_about_folder(tavrix, request) : ask_about_file(tavrix, request);
   tavrix_give_back(tavrix);
-  return result;
+  return result == 0 ? settle_access(tavrix, request, handle->conn->share_access) : result;
+}
+
+/* Somebody else made the folder while this request wanted to: its maker's rights are not this
+ * client's. */
+static void settle_race(struct tavrix_connection* tavrix, const struct create_request* request,
+                        int info, struct files_struct* fsp) {
+  if (request->op != FSOP_MKDIR || info != FILE_WAS_OPENED) return;
+  TAVRIX_AS_ROOT();
+  const uint32_t rights = tavrix_rights_on(tavrix, &request->name, true);
+  fsp->access_mask &= tavrix_rights_to_ask_for(rights, true);
 }
 
 static bool is_folder_request(const struct smb_filename* smb_fname, uint32_t options) {
@@ -129,6 +154,11 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                             struct smb2_create_blobs* out_context_blobs) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  /* smbd wants the right by its own name, which it would not see any more. */
+  if ((create_options & FILE_DELETE_ON_CLOSE) != 0 && (access_mask & SEC_STD_DELETE) == 0) {
+    return NT_STATUS_INVALID_PARAMETER;
+  }
+  se_map_generic(&access_mask, &file_generic_mapping);
   struct create_request request = {.exists = VALID_STAT(smb_fname->st),
                                    .is_folder = is_folder_request(smb_fname, create_options),
                                    .access_mask = access_mask,
@@ -161,6 +191,7 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
   tavrix->granted_path = outer_path;
   tavrix->granted_op = outer_op;
   tavrix->is_granted_new = is_outer_new;
+  if (NT_STATUS_IS_OK(status)) settle_race(tavrix, &request, info, *result);
   const bool is_emptied = info == FILE_WAS_OVERWRITTEN || info == FILE_WAS_SUPERSEDED;
   if (NT_STATUS_IS_OK(status) && is_emptied) tavrix_note_change(handle, *result);
   if (pinfo != NULL) *pinfo = info;

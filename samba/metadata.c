@@ -69,12 +69,12 @@ static void send_record(const struct tavrix_connection* tavrix, const struct tav
   send_modify_vfs_event(&event);
 }
 
-/* The close of a file that the client has open records all of its changes at once. */
+/* The close of a file that the client has open records all of its changes at once; a note on the
+ * disk stands for the event until then. */
 static bool will_be_recorded(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   struct tavrix_open* kept = tavrix_open_of(handle, fsp);
   if (kept == NULL || !kept->is_clients || fsp->fsp_flags.is_pathref) return false;
-  kept->modified.is_modified = 1;
-  return true;
+  return tavrix_note_change(handle, fsp);
 }
 
 void tavrix_end_change(struct vfs_handle_struct* handle, struct files_struct* fsp,
@@ -88,25 +88,7 @@ void tavrix_end_change(struct vfs_handle_struct* handle, struct files_struct* fs
   errno = keep;
 }
 
-/* --- owners, modes and attributes ------------------------------------------------------------- */
-
-/* As the client: it may give a file of its own to another of its groups, no more. */
-int tavrix_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, uid_t uid,
-                  gid_t gid) {
-  TAVRIX_ENTER(handle);
-  struct tavrix_change change;
-  if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
-  const int result = SMB_VFS_NEXT_FCHOWN(handle, fsp, uid, gid);
-  tavrix_end_change(handle, fsp, &change, result == 0);
-  return result;
-}
-
-/* Only a client of the UNIX extensions names the path. */
-int tavrix_lchown(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname, uid_t uid,
-                  gid_t gid) {
-  errno = EACCES;
-  return -1;
-}
+/* --- modes and attributes --------------------------------------------------------------------- */
 
 int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode) {
   TAVRIX_ENTER(handle);
@@ -130,26 +112,6 @@ NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct fil
   }
   tavrix_give_back(change.tavrix);
   tavrix_end_change(handle, fsp, &change, NT_STATUS_IS_OK(result));
-  return result;
-}
-
-/* POSIX access lists are changes on the disk: smbd asks nobody whether the handle may write. */
-int tavrix_sys_acl_set_fd(struct vfs_handle_struct* handle, struct files_struct* fsp,
-                          SMB_ACL_TYPE_T type, SMB_ACL_T acl) {
-  TAVRIX_ENTER(handle);
-  struct tavrix_change change;
-  if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
-  const int result = SMB_VFS_NEXT_SYS_ACL_SET_FD(handle, fsp, type, acl);
-  tavrix_end_change(handle, fsp, &change, result == 0);
-  return result;
-}
-
-int tavrix_sys_acl_delete_def_fd(struct vfs_handle_struct* handle, struct files_struct* fsp) {
-  TAVRIX_ENTER(handle);
-  struct tavrix_change change;
-  if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
-  const int result = SMB_VFS_NEXT_SYS_ACL_DELETE_DEF_FD(handle, fsp);
-  tavrix_end_change(handle, fsp, &change, result == 0);
   return result;
 }
 

@@ -1,6 +1,28 @@
 /* Renaming and moving. */
 #include "tavrix_module.h"
 
+/* The hook looks at the source. What a rename replaces is removed by it, and a folder in its place
+ * would not have its marks. A name that changes its case only replaces nothing. */
+static bool may_replace(struct tavrix_connection* tavrix, const struct tavrix_name* from,
+                        const struct tavrix_name* to) {
+  struct stat source;
+  struct stat target;
+  if (lstat(to->full, &target) != 0) return errno == ENOENT;
+  if (lstat(from->full, &source) != 0) return false;
+  if (source.st_dev == target.st_dev && source.st_ino == target.st_ino) return true;
+  const bool is_folder = S_ISDIR(target.st_mode);
+  if (is_folder && !tavrix_grants(tavrix, to->full, FSOP_RMDIR)) return false;
+  return !tavrix_must_stay(tavrix, to, is_folder);
+}
+
+static bool may_rename(struct tavrix_connection* tavrix, const struct tavrix_name* from,
+                       const struct tavrix_name* to, bool is_folder) {
+  const bool stays = is_folder && tavrix_must_stay(tavrix, from, is_folder);
+  if (!stays && may_replace(tavrix, from, to)) return true;
+  errno = EACCES;
+  return false;
+}
+
 int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdir_fsp,
                     const struct smb_filename* smb_fname_src, struct files_struct* dstdir_fsp,
                     const struct smb_filename* smb_fname_dst) {
@@ -17,6 +39,10 @@ int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
   TAVRIX_AS_ROOT();
   if (rename_preprocess(tavrix->share, from.full, to.full, &tavrix->perm_ctx, &isdir,
                         tavrix->record, &is_nav) != 0) {
+    return -1;
+  }
+  if (!may_rename(tavrix, &from, &to, isdir != 0)) {
+    tavrix_give_back(tavrix);
     return -1;
   }
   const int result =

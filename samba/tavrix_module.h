@@ -276,9 +276,6 @@ NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct file
 int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                     const struct smb_filename* smb_fname, int flags);
 int tavrix_fchmod(struct vfs_handle_struct* handle, struct files_struct* fsp, mode_t mode);
-int tavrix_fchown(struct vfs_handle_struct* handle, struct files_struct* fsp, uid_t uid, gid_t gid);
-int tavrix_lchown(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname, uid_t uid,
-                  gid_t gid);
 NTSTATUS tavrix_fset_dos_attributes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                                     uint32_t dosmode);
 int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
@@ -367,8 +364,5 @@ NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
                             struct security_descriptor** ppdesc);
 NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info_sent, const struct security_descriptor* psd);
-int tavrix_sys_acl_set_fd(struct vfs_handle_struct* handle, struct files_struct* fsp,
-                          SMB_ACL_TYPE_T type, SMB_ACL_T acl);
-int tavrix_sys_acl_delete_def_fd(struct vfs_handle_struct* handle, struct files_struct* fsp);
 
 #endif

@@ -26,8 +26,6 @@ static struct vfs_fn_pointers tavrix_functions = {
     .chdir_fn = tavrix_chdir,
     .realpath_fn = tavrix_realpath,
     .fchmod_fn = tavrix_fchmod,
-    .fchown_fn = tavrix_fchown,
-    .lchown_fn = tavrix_lchown,
     .fset_dos_attributes_fn = tavrix_fset_dos_attributes,
     .fntimes_fn = tavrix_fntimes,
     .ftruncate_fn = tavrix_ftruncate,
@@ -51,8 +49,6 @@ static struct vfs_fn_pointers tavrix_functions = {
     .durable_disconnect_fn = tavrix_durable_disconnect,
     .fget_nt_acl_fn = tavrix_fget_nt_acl,
     .fset_nt_acl_fn = tavrix_fset_nt_acl,
-    .sys_acl_set_fd_fn = tavrix_sys_acl_set_fd,
-    .sys_acl_delete_def_fd_fn = tavrix_sys_acl_delete_def_fd,
 };
 
 struct vfs_handle_struct* tavrix_handle_of(const struct connection_struct* conn) {
