@@ -56,6 +56,7 @@ class Metadata : public WireClients {
     return outcome.out + outcome.err;
   }
   static void allow_smb1() {
+    configure({"tavrix:allow smb1 = yes"});
     bash("sed -i 's/^\\[global\\]/&\\n  server min protocol = NT1/' /scratch/samba/smb.conf");
   }
 
