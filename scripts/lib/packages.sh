@@ -12,7 +12,7 @@ tavrix_packages=(
 # What building the reference module and running a real server with it need on top.
 tavrix_samba_packages=(
   samba samba-vfs-modules smbclient samba-testsuite attr gcc perl python3 python3-impacket
-  libparse-yapp-perl xz-utils
+  libparse-yapp-perl rclone xz-utils
 )
 
 install_packages() {

@@ -1,0 +1,54 @@
+// The tree on the disk as a client could change it: names, kinds, content, times, attributes; and
+// what is different between two moments.
+#pragma once
+
+#include <sys/types.h>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tavrix::test {
+
+class Disk {
+ public:
+  struct Object {
+    ino_t number = 0;
+    bool is_folder = false;  // a link to one is one
+    bool is_fixed = false;
+    uid_t owner = 0;
+    uint64_t links = 1;
+    std::string stamp;     // who changed it last, as the library notes
+    std::string content;   // of a file; of a link its target
+    std::string leads_to;  // of a link into the tree: the path behind it
+    std::string looks;     // times, attributes and extended attributes, without the library's marks
+    int64_t written = 0;   // the time of the last change of content
+  };
+  static Disk now(const std::string& root);
+
+  [[nodiscard]] const Object* find(const std::string& path) const;
+  [[nodiscard]] const std::map<std::string, Object>& objects() const { return objects_; }
+
+ private:
+  std::map<std::string, Object> objects_;
+};
+
+struct Change {
+  enum Kind {
+    kAppeared,
+    kVanished,
+    kRenamed,
+    kWritten,
+    kLooksChanged,
+    kFolderStamped,  // its time says that entries changed, and none did
+  } kind;
+  std::string path;
+  std::string to;  // of a renamed one
+  bool operator==(const Change&) const = default;
+};
+std::string text_of(const Change& change);
+
+// Below a renamed folder nothing is named again; a folder's time changes with its entries.
+std::vector<Change> changes_between(const Disk& before, const Disk& after);
+
+}  // namespace tavrix::test
