@@ -15,10 +15,19 @@ static bool may_replace(struct tavrix_connection* tavrix, const struct tavrix_na
   return !tavrix_must_stay(tavrix, to, is_folder);
 }
 
+/* The desktops' bookkeeping names are everybody's: the hook lets any folder take one, and under it
+ * everybody may remove it. So that asks for the right to take the folder away. */
+static bool may_take_name(struct tavrix_connection* tavrix, const struct tavrix_name* from,
+                          const struct tavrix_name* to) {
+  if (is_special_folder_file(to->name) == 0 || is_special_folder_file(from->name) != 0) return true;
+  return tavrix_grants(tavrix, from->full, FSOP_MOVE_SRC);
+}
+
 static bool may_rename(struct tavrix_connection* tavrix, const struct tavrix_name* from,
                        const struct tavrix_name* to, bool is_folder) {
   const bool stays = is_folder && tavrix_must_stay(tavrix, from, is_folder);
-  if (!stays && may_replace(tavrix, from, to)) return true;
+  const bool takes = !is_folder || may_take_name(tavrix, from, to);
+  if (!stays && takes && may_replace(tavrix, from, to)) return true;
   errno = EACCES;
   return false;
 }
