@@ -1,0 +1,115 @@
+// What counts as a change of a file, by whatever request it comes, and what is recorded of it.
+
+#include "tests/samba/wire.hpp"
+
+namespace tavrix::test {
+namespace {
+
+// Reads are audited: a close whose file has not changed leaves an audit record, a change does not.
+class Changes : public WireClients {
+ protected:
+  void SetUp() override {
+    Appliance::SetUp();
+    write_file(full("Shared/Team/book"), std::string(100000, 'x'));
+  }
+  static void start(Lines options = {}) {
+    options.emplace_back("tavrix:audit = yes");
+    configure(options);
+    start_smbd();
+  }
+  // Opens the book for writing, says something about it to the server, and closes it.
+  void change_by(const std::string& request) {
+    const std::string said =
+        wire(kAnna, "h = me.open('Shared/Team/book', WRITE)\n" + request + "\nme.close(h)\n");
+    EXPECT_EQ("", said);
+    const Lines told = new_events();
+    EXPECT_FALSE(told.empty());
+    for (const std::string& line : told) EXPECT_EQ("OPEN Shared/Team/book", line);
+    EXPECT_EQ("Anna", stamp_of("Shared/Team/book"));
+    EXPECT_TRUE(audit_records().empty()) << "taken for a read";
+  }
+  static std::string book() { return read_file(full("Shared/Team/book")); }
+};
+
+TEST_F(Changes, AreNoneWhenAFileIsOnlyOpenedForThem) {
+  start();
+  EXPECT_EQ("", wire(kAnna, "me.close(me.open('Shared/Team/book', WRITE))"));
+  EXPECT_EQ(Lines{}, new_events());
+  EXPECT_EQ(1U, audit_records().size());
+}
+
+TEST_F(Changes, ByWriting) {
+  start();
+  change_by("me.write(h, b'short')");
+  EXPECT_EQ("short", book().substr(0, 5));
+}
+
+TEST_F(Changes, ByWritingInTheBackground) {
+  start({"aio write size = 1"});
+  change_by("me.write(h, b'short')");
+  EXPECT_EQ("short", book().substr(0, 5));
+}
+
+TEST_F(Changes, ByWritingFromTheSocketToTheDisk) {
+  start({"min receivefile size = 1024"});
+  change_by("me.write(h, b'y' * 20000)");
+  EXPECT_EQ(std::string(20000, 'y'), book().substr(0, 20000));
+}
+
+TEST_F(Changes, ByCutting) {
+  start();
+  change_by("me.resize(h, 10)");
+  EXPECT_EQ(10U, book().size());
+}
+
+TEST_F(Changes, ByZeroingARange) {
+  start();
+  change_by("me.zero(h, 0, 8192)");
+  EXPECT_EQ('\0', book().at(0));
+}
+
+TEST_F(Changes, ByTakingSpace) {
+  start({"strict allocate = yes"});
+  change_by("me.allocate(h, 1 << 20)");
+  EXPECT_EQ(100000U, book().size());
+}
+
+TEST_F(Changes, ByOpeningAFileEmpty) {
+  start();
+  EXPECT_EQ("", wire(kAnna, "me.close(me.open('Shared/Team/book', WRITE, FILE_OVERWRITE))"));
+  EXPECT_EQ("OPEN Shared/Team/book", new_events().at(0));
+  EXPECT_EQ("", book());
+  EXPECT_TRUE(audit_records().empty());
+}
+
+// A file that has no name any more has none to record a change under.
+TEST_F(Changes, OfADeletedFileAreNotTold) {
+  start();
+  EXPECT_EQ("", wire(kAnna,
+                     "h = me.open('Shared/Team/book', WRITE | DELETE)\n"
+                     "me.write(h, b'last words')\n"
+                     "me.delete(h)\n"
+                     "me.close(h)\n"));
+  EXPECT_FALSE(exists(full("Shared/Team/book")));
+  EXPECT_EQ("UNLINK Shared/Team/book", new_events().back());
+  for (const std::string& line : event_lines()) {
+    EXPECT_EQ(std::string::npos, line.find("(deleted)")) << line;
+  }
+}
+
+// The server keeps such a file open and notes how it looks: a stamp that comes later makes it
+// another file, which the client does not get back.
+TEST_F(Changes, OfAClientThatIsLostAreToldAndItComesBack) {
+  start({"kernel share modes = no", "kernel oplocks = no", "posix locking = no"});
+  EXPECT_EQ("b'draft'\n", wire(kAnna,
+                               "h = open_durable(me, 'Shared/Team/book', READ | WRITE)\n"
+                               "me.write(h, b'draft')\n"
+                               "me.drop()\n"
+                               "me, h = come_back('Anna', 'Shared/Team/book', h, READ | WRITE)\n"
+                               "print(me.read(h, 5))\n"));
+  EXPECT_EQ("OPEN Shared/Team/book", new_events().at(0));
+  EXPECT_EQ("Anna", stamp_of("Shared/Team/book"));
+}
+
+}  // namespace
+}  // namespace tavrix::test
