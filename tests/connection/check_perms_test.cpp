@@ -235,6 +235,17 @@ TEST(IsAmove, ComparesTheParents) {
   EXPECT_EQ(1, is_amove("/a/b", "a/b"));
 }
 
+// A relative name has no root element: its first folder counts as every other.
+TEST(IsAmove, ComparesEachFolderOfRelativeNames) {
+  EXPECT_EQ(1, is_amove("a/b", "x/b"));
+  EXPECT_EQ(0, is_amove("a/b", "a/c"));
+  EXPECT_EQ(1, is_amove("a/b/c", "x/b/c"));
+  EXPECT_EQ(1, is_amove("a/b/c", "a/x/c"));
+  EXPECT_EQ(1, is_amove("Shared/Team/f", "Shared/Tear/f"));
+  EXPECT_EQ(1, is_amove("Shared/Team/f", "Shared/f"));
+  EXPECT_EQ(0, is_amove("Shared/TEAM/f", "shared/team/g"));
+}
+
 // By length and hash alone: names that differ only in extended bytes are taken for one.
 TEST(IsAmove, TakesFoldersOfOneHashForOne) { EXPECT_EQ(0, is_amove("n\xc3\xa8/b", "n\xc3\xb6/b")); }
 

@@ -218,6 +218,32 @@ TEST_F(VerdictCache, ComparesFourThousandBytes) {
   EXPECT_EQ(TXPERMS_NOT_FOUND, ask(start.substr(1)));
 }
 
+// Not the path of before: those are told apart by their fingerprints first.
+TEST_F(VerdictCache, ComparesFourThousandBytesOfEachPath) {
+  const std::string start(4096, 'x');
+  add(start + "a", TXPERMS_HAS_PERMS);
+  add("between", TXPERMS_HAS_PERMS);
+  EXPECT_EQ(1, position_of(start + "b"));
+  EXPECT_EQ(1, position_of(start));
+  EXPECT_EQ(-1, position_of(start.substr(1)));
+  EXPECT_EQ(-1, position_of(start.substr(1) + "y"));
+}
+
+TEST_F(VerdictCache, TellsPathsApartByEachOfTheirBytes) {
+  for (const std::size_t length : {1U, 7U, 8U, 9U, 63U, 1000U, 4095U, 4096U}) {
+    const std::string path(length, 'x');
+    add(path, TXPERMS_HAS_PERMS);
+    add("between", TXPERMS_HAS_PERMS);
+    for (std::size_t at = 0; at < length; at += 1 + length / 50) {
+      std::string other = path;
+      other[at] = 'y';
+      EXPECT_EQ(-1, position_of(other)) << length << " " << at;
+    }
+    EXPECT_EQ(1, position_of(path)) << length;
+    destroy_tlb(&cache());
+  }
+}
+
 TEST_F(VerdictCache, IsOneOfSeveral) {
   auto other = std::make_unique<vfs_table_cache_s>();
   init_tlb(other.get());
