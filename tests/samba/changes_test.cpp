@@ -51,7 +51,9 @@ TEST_F(Changes, ByWritingInTheBackground) {
 }
 
 TEST_F(Changes, ByWritingFromTheSocketToTheDisk) {
-  start({"min receivefile size = 1024"});
+  configure({});
+  bash("sed -i '/^.global.$/a min receivefile size = 1024' /scratch/samba/smb.conf");
+  start_smbd();
   change_by("me.write(h, b'y' * 20000)");
   EXPECT_EQ(std::string(20000, 'y'), book().substr(0, 20000));
 }
