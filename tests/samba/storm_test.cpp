@@ -8,7 +8,7 @@
 #include <memory>
 #include <random>
 
-#include "tests/samba/appliance.hpp"
+#include "tests/samba/intruders.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -82,6 +82,14 @@ class Storm : public Appliance, public testing::WithParamInterface<Weather> {
       run_program({"bash", "-c", limit + command});
     }
   }
+  // Work in a folder that is hidden from everybody but administrators: intruders wait for notices.
+  static void work_in_secret() {
+    for (int round = 0; !exists("/scratch/stop"); ++round) {
+      const std::string name = "hidden" + std::to_string(round % 7);
+      smb(kAdministrator, "cd Shared\\Team\\Secret; put /scratch/data.txt " + name + "; rename " +
+                              name + " renamed_" + name + "; rm renamed_" + name);
+    }
+  }
   // The tree that the events tell of, begun from nothing.
   static std::map<std::string, bool> told_tree(const std::string& below) {
     std::map<std::string, bool> tree;
@@ -127,15 +135,19 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
   for (int client = 0; client < kClients; ++client) {
     make_folder("Shared/Team/" + name_of(client), kAnna.uid);
   }
+  publish_map(map_with_vault());
+  make_vault();
+  let_guests_in();
   start_smbd();
   smb("Anna", "ls");
   wait_for_servers_to_go();
   const int segments = segments_in_use();
   const int descriptors = descriptors_of_smbd();
+  const auto vault = vault_snapshot();
   {
     Child loader([] {
       while (!exists("/scratch/stop")) {
-        publish(build_image(share_map(), {}));
+        publish(build_image(map_with_vault(), {}));
         const timespec times[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
         utimensat(AT_FDCWD, "/etc/tavrix/permission_refresh", times, 0);
         utimensat(AT_FDCWD, "/etc/tavrix/groupmap_refresh", times, 0);
@@ -152,6 +164,10 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
     for (int client = 0; client < kClients; ++client) {
       clients.push_back(std::make_unique<Child>([client] { work(client); }));
     }
+    for (const Intruder& intruder : intruders()) {
+      clients.push_back(std::make_unique<Child>([&] { intrude(intruder, kClients, 0); }));
+    }
+    clients.push_back(std::make_unique<Child>(work_in_secret));
     sleep(static_cast<unsigned>(GetParam().seconds));
     write_file("/scratch/stop", "");
     for (auto& client : clients) EXPECT_TRUE(client->wait().ok());
@@ -172,6 +188,9 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
     compared += told.size();
   }
   EXPECT_GT(compared, static_cast<std::size_t>(kClients));
+  expect_same_vault(vault);
+  EXPECT_EQ(Lines{}, told_in_spite_of_the_map());
+  for (const std::string& line : event_lines()) EXPECT_FALSE(is_of_the_vault(line)) << line;
   EXPECT_GT(event_lines().size(), 1000U);
   EXPECT_EQ(segments, segments_in_use());
   EXPECT_GE(descriptors, descriptors_of_smbd());
