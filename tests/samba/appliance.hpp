@@ -105,6 +105,15 @@ class Appliance : public Hooks {
     return testing::AssertionResult(answer.find("NT_STATUS_") == std::string::npos) << answer;
   }
   static std::string smbd_log() { return read_file("/scratch/samba/log/smbd.log"); }
+  // What the server says around the end of a process that should not have ended.
+  static std::string trouble_of_smbd() {
+    const std::string log = smbd_log();
+    for (const char* trouble : {"PANIC", "INTERNAL ERROR", "identity left", "Assertion"}) {
+      const std::size_t at = log.find(trouble);
+      if (at != std::string::npos) return log.substr(at < 1000 ? 0 : at - 1000, 4000);
+    }
+    return "";
+  }
 
  private:
   std::size_t told_ = 0;

@@ -25,6 +25,7 @@ class Intruders : public Appliance {
       clients.push_back(std::make_unique<Child>([&] { intrude(intruder, seed, kTries); }));
     }
     for (auto& client : clients) EXPECT_TRUE(client->wait().ok());
+    EXPECT_EQ("", trouble_of_smbd());
   }
 };
 
