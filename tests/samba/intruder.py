@@ -49,7 +49,7 @@ class Intruder:
         if self.random.random() < 0.2:
             name += f"/new{self.random.randrange(5)}"
         if self.random.random() < 0.15:
-            name = self.random.choice([name.upper(), name.lower(), name + ":stream", name + "/."])
+            name = self.random.choice([name.upper(), name.lower(), name + ":stream"])
         return name
 
     def access(self):
@@ -95,7 +95,7 @@ class Intruder:
         handle = self.client.open(folder, FILE_READ_DATA, options=FILE_DIRECTORY_FILE)
         self.client.watch(handle)
         self.tell(folder, [name for _, name in self.client.told(0.3)])
-        self.leave()  # the request may still be waiting: without it the next answers would mix
+        self.client.close(handle)
 
     def leave(self):
         self.client.drop()
