@@ -42,6 +42,7 @@ set(TAVRIX_SOURCES
   stat_hooks.cpp
   sweeper/sweeper_log.cpp
   utils/dump_file.cpp
+  utils/dump_in_flight.cpp
   utils/event_markers.cpp
   utils/name_compare.cpp
   utils/parameter_block.cpp

@@ -9,6 +9,7 @@
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "utils/dump_in_flight.hpp"
 
 namespace tavrix {
 namespace {
@@ -16,6 +17,14 @@ namespace {
 constexpr mode_t kSyncOffMode = 0666;
 constexpr mode_t kRescanMode = 0744;
 constexpr std::string_view kSyncOffText = "Failed to write event.";
+constexpr const char* kMarkerFolder = "/tavrix/.conf";
+
+// A marker that the power takes away tells nobody; whether the disk could be made to keep it
+// changes no answer.
+void sync_file(int fd) {
+  const ErrnoKeeper keep;
+  fsync(fd);
+}
 
 }  // namespace
 }  // namespace tavrix
@@ -31,7 +40,10 @@ int write_sync_off(void) {
   }
   TAVRIX_LOG(0, "%s file created.", TAVRIX_SYNC_OFF_PATH);
   // That the file is there is the message; what it holds is for people.
-  if (write(file.get(), tavrix::kSyncOffText.data(), tavrix::kSyncOffText.size()) < 0) return 0;
+  static_cast<void>(write(file.get(), tavrix::kSyncOffText.data(), tavrix::kSyncOffText.size()) <
+                    0);
+  tavrix::sync_file(file.get());
+  tavrix::sync_folder(tavrix::kMarkerFolder);
   return 0;
 }
 
@@ -51,10 +63,12 @@ int mark_event_db_as_rescan_needed(const char* reason) {
     static_cast<void>(file.release());
     return -1;
   }
+  tavrix::sync_file(file.get());
   if (close(file.release()) != 0) {
     TAVRIX_LOG(0, "Close of event status file '%s' failed. errno = %d(%s)", TAVRIX_RESCAN_PATH,
                errno, strerror(errno));
     return -1;
   }
+  tavrix::sync_folder(tavrix::kMarkerFolder);
   return 0;
 }

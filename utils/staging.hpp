@@ -1,14 +1,21 @@
 // What the append and the flush of the staging buffer share.
 #pragma once
 
+#include <unistd.h>
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "eventstore.h"
 #include "logging.h"
 #include "utils/parameters.hpp"
+
+// For operators, beside the messages that other programs know, which are all informational.
+#define TAVRIX_LOG_ERROR(format, ...) \
+  (tavrix_debug_level() >= 0 ? ::syslog(LOG_ERR, format __VA_OPT__(, ) __VA_ARGS__) : void())
 
 namespace tavrix {
 
@@ -24,10 +31,34 @@ constexpr uint32_t kEmptyStagingBuffer = sizeof(staging_buffer_s);  // its next_
       int64_t{parameter(PARAM_STAGING_BUFFER_SIZE)} * share / 100, INT_MIN, INT_MAX));
 }
 
+// Between tries of a semaphore call that has no limit of tries. The first ones follow at once,
+// because what makes a call fail is most often over by then; an error that stays must not keep a
+// processor busy and fill the log, so later tries come once a second, and once a minute an operator
+// hears.
+class StagingRetries {
+ public:
+  void pause(const char* call, int error) noexcept {
+    if (++tries_ <= kAtOnce || error == EINTR) return;
+    if ((tries_ - kAtOnce) % kTriesAMinute == 1) {
+      TAVRIX_LOG_ERROR("the semaphore of events: %s fails: %s; process %d tries again each second",
+                       call, strerror(error), static_cast<int>(getpid()));
+    }
+    sleep(1);
+  }
+
+ private:
+  static constexpr long kAtOnce = 1000;
+  static constexpr long kTriesAMinute = 60;
+  long tries_ = 0;
+};
+
 // Gives the semaphore back, however often that takes: every other process waits for it.
 inline void post_staging_semaphore_until_done() noexcept {
+  StagingRetries retries;
   while (post_eventstore_semaphore() != 0) {
+    const int error = errno;
     TAVRIX_LOG(0, "post_eventstore_semaphore failed, retrying ...");
+    retries.pause("semop", error);
   }
 }
 
@@ -69,8 +100,12 @@ class [[nodiscard]] StagingAttachment {
   staging_buffer_s* buffer_;
 };
 
-// Empties an attached buffer of that size; the caller holds the semaphore.
+// Empties an attached buffer of that size; the caller holds the semaphore. The second writes to
+// what was used only, for every writer waits meanwhile: afterwards the whole buffer is zero if it
+// was behind its records, but for what a writer left there that was killed while it copied its
+// record.
 void empty_staging_buffer(staging_buffer_s& buffer, std::size_t size) noexcept;
+void empty_used_part(staging_buffer_s& buffer, std::size_t size) noexcept;
 
 // Events are lost: tells the synchronisation agent, and ends the process.
 [[noreturn]] void give_up_events() noexcept;

@@ -28,12 +28,14 @@ int buffer_size() noexcept { return parameter(PARAM_STAGING_BUFFER_SIZE); }
 std::size_t segment_size() noexcept { return static_cast<std::size_t>(std::max(buffer_size(), 0)); }
 
 void hold_or_give_up(StagingHold& hold) {
+  StagingRetries retries;
   for (int cause = 0; !hold.acquire(cause);) {
     if (cause == ENOENT) {
       TAVRIX_LOG(0, "Eventstore semaphore does not exist pid: %d", getpid());
       give_up_events();
     }
     TAVRIX_LOG(0, "Failed to get eventstore semaphore, retrying");
+    retries.pause("semop", cause);
   }
 }
 
@@ -97,9 +99,28 @@ void empty_staging_buffer(staging_buffer_s& buffer, std::size_t size) noexcept {
   }
 }
 
+void empty_used_part(staging_buffer_s& buffer, std::size_t size) noexcept {
+  constexpr std::size_t kHead = offsetof(staging_buffer_s, last_flush_time);
+  constexpr std::size_t kStretch = 64 << 10;  // more than any record of the hooks
+  auto* bytes = reinterpret_cast<std::byte*>(&buffer);
+  const std::size_t end = std::clamp<std::size_t>(buffer.next_offset, kHead, size);
+  store_head(buffer, 0, kEmptyStagingBuffer);
+  std::memset(bytes + kHead, 0, end - kHead);
+  for (std::size_t at = end; at < size; at += kStretch) {
+    const std::size_t length = std::min(kStretch, size - at);
+    const bool is_zero =
+        bytes[at] == std::byte{0} && std::memcmp(bytes + at, bytes + at + 1, length - 1) == 0;
+    if (is_zero) break;
+    std::memset(bytes + at, 0, length);
+  }
+}
+
 void give_up_events() noexcept {
   const RootScope root;  // the agent's folder is closed to clients
-  write_sync_off();
+  if (const int error = write_sync_off(); error != 0) {
+    TAVRIX_LOG_ERROR("events are lost, and %s, which would tell the agent, cannot be made: %s",
+                     TAVRIX_SYNC_OFF_PATH, strerror(error));
+  }
   TAVRIX_REQUIRE(false, "0");
   __builtin_unreachable();
 }

@@ -3,7 +3,6 @@
 // The records are on the disk before the buffer is emptied, and a dump file has its name only when
 // it is whole. What cannot be kept so is a loss of events, which the agent must hear of.
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -16,6 +15,7 @@
 #include "internal/assert.hpp"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "utils/dump_in_flight.hpp"
 #include "utils/parameters.hpp"
 #include "utils/root_scope.hpp"
 #include "utils/staging.hpp"
@@ -45,55 +45,24 @@ bool is_folder(const char* path) {
   return stat(path, &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// A file under a temporary name; unlinked unless it was given its own.
-class TempFile {
- public:
-  ~TempFile() { discard(); }
-  [[nodiscard]] bool create(const char* dir) {
-    std::snprintf(name_, sizeof name_, "%s/txtempXXXXXX", dir);
-    fd_.reset(mkostemp(name_, O_CLOEXEC));
-    exists_ = static_cast<bool>(fd_);
-    return exists_;
-  }
-  void close() noexcept { fd_.reset(); }
-  void discard() noexcept {
-    ErrnoKeeper keep;
-    fd_.reset();
-    if (exists_) unlink(name_);
-    exists_ = false;
-  }
-  [[nodiscard]] bool rename_to(const char* name) {
-    if (rename(name_, name) != 0) return false;
-    exists_ = false;
-    return true;
-  }
-  [[nodiscard]] int fd() const noexcept { return fd_.get(); }
-  [[nodiscard]] const char* name() const noexcept { return name_; }
-
- private:
-  char name_[1050] = "";
-  Fd fd_;
-  bool exists_ = false;
-};
-
 enum class Step { kFinished, kRetry, kError };
 
 // One attempt, with everything that it opens; the error it ends with is told to its maker.
 class FlushAttempt {
  public:
-  FlushAttempt(FB_CTX ctx, int number) noexcept : ctx_(ctx), may_retry_(number <= kLastRetry) {}
+  FlushAttempt(FB_CTX ctx, int number) noexcept
+      : ctx_(ctx), may_retry_(number <= kLastRetry), dir_(parameter_text(PARAM_STAGING_DIR)) {}
 
   [[nodiscard]] Step run() {
-    const char* dir = parameter_text(PARAM_STAGING_DIR);
-    if (!is_folder(dir))
-      return fail(FB_ERR_MISSING_STAGING_DIR, "missing staging directory %s\n", dir);
-    dump_name_.reset(get_dumpfname(dir));
+    if (!is_folder(dir_))
+      return fail(FB_ERR_MISSING_STAGING_DIR, "missing staging directory %s\n", dir_);
+    dump_name_.reset(get_dumpfname(dir_));
     if (dump_name_ == nullptr) {
       return retry_or_fail(FB_ERR_GET_DUMPFNAME_FAILED, "Failed to get the dumpfname ");
     }
-    if (!temp_.create(dir)) {
+    if (!temp_.create(dir_)) {
       return retry_or_fail(FB_ERR_MKSTEMP_FAILED, "cannot openfile %s. errno = %d(%s)\n",
-                           temp_.name(), errno, strerror(errno));
+                           temp_.path(), errno, strerror(errno));
     }
     if (const auto refused = take_semaphore()) return *refused;
     const StagingAttachment buffer(get_eventstore_staging_buffer());
@@ -148,30 +117,23 @@ class FlushAttempt {
                   static_cast<int>(end), size);
     }
     const std::size_t length = end - kEmptyStagingBuffer;
+    mark_.set(dir_, temp_.name(), {reinterpret_cast<const std::byte*>(&buffer + 1), length});
     const ssize_t written = write_all(temp_.fd(), &buffer + 1, length);
     if (written != static_cast<ssize_t>(length)) return write_failed(written, length);
     if (!sync()) {
       return fail(FB_ERR_FDATASYNC_FAILED, "staging buffer fdatasync error. errno = %d(%s)\n",
                   errno, strerror(errno));
     }
-    temp_.close();
     // Through this attachment, whose pages are there, not through another one.
-    empty_staging_buffer(buffer, static_cast<std::size_t>(size));
+    empty_used_part(buffer, static_cast<std::size_t>(size));
+    mark_.clear();
     hold_.release();
     if (!temp_.rename_to(dump_name_.get())) {
-      return fail(FB_ERR_RENAME_FAILED, "cannot rename %s to %s. errno = %d(%s)\n", temp_.name(),
+      return fail(FB_ERR_RENAME_FAILED, "cannot rename %s to %s. errno = %d(%s)\n", temp_.path(),
                   dump_name_.get(), errno, strerror(errno));
     }
-    sync_folder();
+    sync_folder(dir_);
     return Step::kFinished;
-  }
-
-  // A name that was never synced can vanish with the power, and the dump file with it. The result
-  // stays what it is: the records are in the file.
-  static void sync_folder() {
-    const ErrnoKeeper keep;
-    const Fd folder(open(parameter_text(PARAM_STAGING_DIR), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder) fsync(folder.get());
   }
 
   Step write_failed(ssize_t written, std::size_t length) {
@@ -218,9 +180,13 @@ class FlushAttempt {
 
   FB_CTX ctx_;
   bool may_retry_;
+  const char* dir_;
   CString dump_name_;
-  TempFile temp_;
-  StagingHold hold_;  // given back before the temporary file goes
+  // On a failure the file goes first, then its mark, and the semaphore last: a file with records
+  // and without a mark would be taken for one that alone has them.
+  StagingHold hold_;
+  FlushMark mark_;
+  TempDump temp_;
   FB_ERR error_ = FB_OK;
   char message_[1024] = "";
 };

@@ -1,5 +1,7 @@
 // The flush: dump files, contexts, and every error path.
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -53,6 +55,38 @@ TEST_F(Flush, MovesTheRecordsToADumpFile) {
   EXPECT_EQ(0U, header().num_records);
   EXPECT_EQ(1U, list(kDir).size());
   EXPECT_TRUE(semaphore_is_free());
+}
+
+// Also of a record whose writer was killed while it copied it: its bytes are behind the last whole
+// one.
+TEST_F(Flush, LeavesABufferThatIsZeroBehindItsHead) {
+  append("one");
+  staging_buffer_s* buffer = get_eventstore_staging_buffer();
+  auto* bytes = reinterpret_cast<char*>(buffer);
+  std::memset(bytes + buffer->next_offset, 'x', 9000);
+  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+  EXPECT_EQ(std::string(20800 - 8, '\0'), std::string(bytes + 8, 20800 - 8));
+  put_eventstore_staging_buffer(buffer);
+}
+
+TEST_F(Flush, HoldsItsTemporaryFileUntilItHasItsName) {
+  append("x");
+  const auto expect_locked = [] {
+    const std::string name = std::string(kDir) + "/" + list(kDir).at(0);
+    const Fd file(open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(-1, flock(file.get(), LOCK_EX | LOCK_NB));
+    EXPECT_EQ(EWOULDBLOCK, errno);
+  };
+  run_before("write", expect_locked);
+  run_before("rename", expect_locked);
+  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+}
+
+TEST_F(Flush, MakesAnotherFileWhenTheSweeperTookItsEmptyOne) {
+  append("x");
+  run_before("fstat", [] { remove_all(std::string(kDir) + "/" + list(kDir).at(0)); });
+  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+  EXPECT_EQ(Payloads{"x"}, dumped());
 }
 
 TEST_F(Flush, NamesDumpFilesByProcessAndTime) {
@@ -389,6 +423,22 @@ TEST(WriteAll, WritesNothingAndEverything) {
 // ----------------------------------------------------------------------------------
 
 class EventMarkers : public Isolated {};
+
+TEST_F(EventMarkers, AreOnTheDiskWithTheirNames) {
+  make_dirs("/tavrix/.conf");
+  reset_calls();
+  write_sync_off();
+  EXPECT_EQ(2, calls("fsync"));  // the file and its folder
+  mark_event_db_as_rescan_needed("x");
+  EXPECT_EQ(4, calls("fsync"));
+}
+
+TEST_F(EventMarkers, CountAsMadeWhenTheDiskCannotSync) {
+  make_dirs("/tavrix/.conf");
+  fail_call("fsync", EIO, 1, 9);
+  EXPECT_EQ(0, write_sync_off());
+  EXPECT_EQ(0, mark_event_db_as_rescan_needed("x"));
+}
 
 TEST_F(EventMarkers, SyncOffIsWrittenOverWhatIsThere) {
   make_dirs("/tavrix/.conf");

@@ -376,6 +376,45 @@ TEST_F(StagingAppend, TriesTheSemaphoreAgain) {
   EXPECT_EQ(Payloads{"x"}, payloads_of(content()));
 }
 
+// Errors that stay: a processor must not be kept busy, and an operator must hear of it.
+TEST_F(StagingAppend, RestsBetweenTriesThatKeepFailing) {
+  for (const int error : {EACCES, EINVAL, ENOSPC, ERANGE, EFBIG, ENOMEM}) {
+    const Outcome outcome = in_child([error] {
+      std::signal(SIGALRM, [](int) {
+        const auto is_error = [](const LogLine& line) { return line.priority == LOG_ERR; };
+        const auto errors = std::count_if(log_lines().begin(), log_lines().end(), is_error);
+        _exit(calls("semop") < 2000 && errors == 1 ? 0 : 1);
+      });
+      set_debug_level(0);
+      clear_log();
+      reset_calls();
+      fail_call("semop", error, 1, 1 << 30);
+      alarm(2);
+      append("x");
+    });
+    EXPECT_EQ(0, outcome.exit_code) << error;
+  }
+}
+
+TEST_F(StagingAppend, SaysWhenTheAgentCannotBeTold) {
+  destroy_eventstore_staging_buffer_semaphore();
+  remove_all("/tavrix/.conf");
+  const Outcome outcome = in_child([] {
+    std::signal(SIGABRT, [](int) {
+      for (const LogLine& line : log_lines()) {
+        if (line.priority == LOG_ERR) std::fprintf(stderr, "<%s>\n", line.text.c_str());
+      }
+    });
+    set_debug_level(0);
+    append("x");
+  });
+  EXPECT_TRUE(outcome.aborted_with("0")) << outcome.err;
+  EXPECT_NE(std::string::npos,
+            outcome.err.find("<events are lost, and /tavrix/.conf/sync.off, which would tell the "
+                             "agent, cannot be made: No such file or directory>"))
+      << outcome.err;
+}
+
 TEST_F(StagingAppend, WaitsForRoomAndNeverDropsAnEvent) {
   append(std::string(10000, 'a'));
   Child writer([] { append(std::string(1000, 'b')); });
