@@ -35,6 +35,8 @@ install(FILES packaging/tavrix.logrotate DESTINATION ${TAVRIX_SYSCONFDIR}/logrot
   COMPONENT tools)
 install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service
   DESTINATION lib/systemd/system COMPONENT tools)
+install(FILES packaging/smbd.service.d/tavrix.conf DESTINATION lib/systemd/system/smbd.service.d
+  COMPONENT tools)
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf
   COMPONENT tools)
 

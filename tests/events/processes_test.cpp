@@ -82,10 +82,9 @@ TEST_F(Processes, EveryEventOfManyWritersIsInOnePlaceInOrder) {
   EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
 }
 
-// A killed writer may have stored one event that it never learned of, and a killed flusher may have
-// named or left a file whose records are still in the buffer: those come twice, and the agent
-// knows. What may be lost is between the reset of the buffer and the rename of the file, which
-// holds them under its temporary name; the test counts that file in.
+// Without a sweeper: a killed writer may have stored one event that it never learned of, and what a
+// killed flusher left under a temporary name, because it died between the reset of the buffer and
+// the rename, waits there; the test counts that file in.
 TEST_F(Processes, WhatWasAcknowledgedSurvivesKills) {
   constexpr int kRounds = 300;
   std::mt19937 random(11);

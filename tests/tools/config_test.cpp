@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "eventstore.h"
+#include "tavrix_vfs_utils.h"
 #include "tests/tools/operator.hpp"
 #include "tools/ctl/settings.hpp"
 
@@ -37,6 +38,63 @@ TEST_F(Config, ShipsAValueForEverySetting) {
   for (const ctl::Setting& setting : ctl::settings()) {
     const std::string name = setting.name;
     EXPECT_TRUE(contains(text, "\n" + name.substr(name.find(':') + 1) + " = ")) << name;
+  }
+}
+
+TEST_F(Config, ShipsTheValuesThatMissingKeysTake) {
+  ASSERT_EQ(0, ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"}).exit_code);
+  const auto shipped = json({"config", "show"});
+  ctl({"config", "remove"});
+  load("");
+  EXPECT_EQ(shipped, json({"config", "show"}));
+}
+
+TEST_F(Config, GivesMissingKeysTheirShippedValues) {
+  load("[SWEEPER]\nflush period = 30\nstaging dir = /a\n");
+  load("[VFS]\ndebug level = 3\n");
+  EXPECT_EQ(3, block()[14].value.intval);
+  EXPECT_EQ(5, block()[5].value.intval);
+  EXPECT_STREQ("/tavrix/.conf/staging", block()[6].value.strval);
+  EXPECT_EQ(1048576, block()[4].value.intval);
+}
+
+// A client that connects makes a block of zeros when there is none, so there is always one.
+TEST_F(Config, FillsTheBlockThatIsThere) {
+  load("[VFS]\ndebug level = 3\n");
+  const int before = shmget(ftok("/dev/null", 3456), 0, 0);
+  const global_param_s* attached = block();
+  EXPECT_EQ(0, load("[VFS]\ndebug level = 5\n").exit_code);
+  EXPECT_EQ(before, shmget(ftok("/dev/null", 3456), 0, 0));
+  EXPECT_EQ(5, attached[14].value.intval);
+}
+
+TEST_F(Config, FillsTheZeroBlockOfAClient) {
+  ASSERT_EQ(0, read_tavrix_config());
+  EXPECT_EQ(0, load("").exit_code);
+  EXPECT_EQ(1048576, block()[4].value.intval);
+  EXPECT_EQ(PARAM_VAL_TYPE_INT, block()[4].type);
+  EXPECT_NE(nullptr, block()[4].varname);
+}
+
+TEST_F(Config, LoadsWhileClientsConnect) {
+  Child client([] {
+    while (!exists("/scratch/stop")) read_tavrix_config();
+  });
+  for (int level = 0; level <= 10; ++level) {
+    const Outcome outcome = load("[VFS]\ndebug level = " + std::to_string(level) + "\n");
+    EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+    EXPECT_EQ(level, block()[14].value.intval);
+  }
+  write_file("/scratch/stop", "");
+  EXPECT_TRUE(client.wait().ok());
+}
+
+TEST_F(Config, ReplacesABlockOfAnotherSize) {
+  for (const std::size_t size : {std::size_t{100}, std::size_t{40000}}) {
+    ctl({"config", "remove"});
+    shmget(ftok("/dev/null", 3456), size, IPC_CREAT | 0666);
+    EXPECT_EQ(0, load("").exit_code);
+    EXPECT_EQ(1048576, block()[4].value.intval);
   }
 }
 

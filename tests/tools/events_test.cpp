@@ -1,16 +1,11 @@
-// tavrixctl events and audit, and the sweeper.
+// tavrixctl events and audit.
 
 #include <gtest/gtest.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <unistd.h>
 #include <csignal>
-#include <memory>
 #include <sstream>
 
 #include "internal/scoped.hpp"
-#include "tavrix_vfs_utils.h"
 #include "tests/support/log_capture.hpp"
 #include "tests/tools/operator.hpp"
 #include "tools/events/dump_reader.hpp"
@@ -153,163 +148,6 @@ TEST_F(EventsCommand, DecodesAudits) {
   EXPECT_EQ(123456789012ULL, all.at(0)["size"]);
   EXPECT_EQ("10.0.0.1", all[0]["ip_address"]);
   EXPECT_EQ("2023-11-14T22:13:20Z", all[0]["time"]);
-}
-
-// --- the buffer and its owner
-// ---------------------------------------------------------------------
-
-class Sweeper : public EventsCommand {
- protected:
-  void SetUp() override {
-    EventsCommand::SetUp();
-    make_dirs("/scratch/staging");
-    make_dirs("/tavrix/.conf");
-    settings(65536, 1);
-    use_settings();
-  }
-  static void settings(int size, int period, const std::string& more = "") {
-    write_file("/scratch/conf",
-               "[SWEEPER]\nstaging dir = /scratch/staging\nflush fill threshold pct = 80\n"
-               "staging buffer size = " +
-                   std::to_string(size) + "\nflush period = " + std::to_string(period) + "\n" +
-                   more);
-    ASSERT_EQ(0, ctl({"config", "load", "/scratch/conf"}).exit_code);
-  }
-  // This process's own settings, as a server process has them.
-  static void use_settings() {
-    ASSERT_EQ(0, read_tavrix_config());
-    global_params[PARAM_DEBUG_LEVEL].value.intval = -1;
-  }
-  static Outcome once() {
-    return run_program({TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "--once"});
-  }
-  static std::unique_ptr<Child> daemon() {
-    auto child = std::make_unique<Child>([] {
-      execl(TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "tavrix-sweeper", "--foreground", nullptr);
-    });
-    for (int i = 0; i < 200 && semget(ftok("/dev/null", 2345), 0, 0) == -1; ++i) usleep(10000);
-    usleep(200 * 1000);
-    return child;
-  }
-  static void send(const std::string& path) {
-    VFSEvent event = VFSEVENT__INIT;
-    event.path = const_cast<char*>(path.c_str());
-    pop_vfs_event(&event, 1001);
-    ASSERT_EQ(0, send_modify_vfs_event(&event));
-  }
-  static std::vector<std::string> dumped() {
-    std::vector<std::string> paths;
-    for (const std::string& name : list("/scratch/staging")) {
-      for (const auto& line : lines(ctl({"events", "decode", "/scratch/staging/" + name}))) {
-        paths.push_back(line["path"]);
-      }
-    }
-    return paths;
-  }
-};
-
-using Paths = std::vector<std::string>;
-
-TEST_F(Sweeper, MakesTheBufferAndFlushesIt) {
-  EXPECT_EQ(0, once().exit_code);
-  EXPECT_EQ(0, ctl({"events", "buffer", "show"}).exit_code);
-  send("a");
-  EXPECT_EQ(1, json({"events", "buffer", "show"})["records"]);
-  EXPECT_EQ(0, once().exit_code);
-  EXPECT_EQ(Paths{"a"}, dumped());
-}
-
-TEST_F(Sweeper, FlushesOnItsPeriod) {
-  const auto sweeper = daemon();
-  send("a");
-  usleep(1500 * 1000);
-  EXPECT_EQ(Paths{"a"}, dumped());
-  ::kill(sweeper->pid(), SIGTERM);
-  EXPECT_EQ(0, sweeper->wait().exit_code);
-}
-
-TEST_F(Sweeper, FlushesOnceMoreWhenItIsTold) {
-  settings(65536, 3600);
-  const auto sweeper = daemon();
-  send("last");
-  ::kill(sweeper->pid(), SIGTERM);
-  EXPECT_EQ(0, sweeper->wait().exit_code);
-  EXPECT_EQ(Paths{"last"}, dumped());
-}
-
-TEST_F(Sweeper, LeavesTheBufferAloneWhenDisabled) {
-  settings(65536, 1, "disable sweeper flush = yes\n");
-  const auto sweeper = daemon();
-  send("a");
-  usleep(1300 * 1000);
-  EXPECT_TRUE(list("/scratch/staging").empty());
-  ctl({"config", "set", "SWEEPER:disable sweeper flush", "no"});
-  ::kill(sweeper->pid(), SIGHUP);
-  usleep(1500 * 1000);
-  EXPECT_EQ(Paths{"a"}, dumped());
-  ::kill(sweeper->pid(), SIGTERM);
-  sweeper->wait();
-}
-
-TEST_F(Sweeper, TakesOverWhatWasLeft) {
-  once();
-  send("a");
-  settings(131072, 1);  // another size: the old segment is flushed and replaced
-  EXPECT_EQ(0, once().exit_code);
-  EXPECT_EQ(Paths{"a"}, dumped());
-  EXPECT_EQ(131072, json({"events", "buffer", "show"})["bytes"]);
-  use_settings();
-  send("b");
-  once();
-  EXPECT_EQ((Paths{"a", "b"}), dumped());
-}
-
-TEST_F(Sweeper, MakesAMissingSemaphoreForWhatIsThere) {
-  once();
-  send("a");
-  destroy_eventstore_staging_buffer_semaphore();
-  EXPECT_EQ(0, once().exit_code);
-  EXPECT_EQ(Paths{"a"}, dumped());
-}
-
-TEST_F(Sweeper, AsksForARescanWhenTheBufferIsDamaged) {
-  once();
-  staging_buffer_s* buffer = get_eventstore_staging_buffer();
-  buffer->next_offset = 5;
-  buffer->num_records = 3;
-  put_eventstore_staging_buffer(buffer);
-  EXPECT_EQ(0, once().exit_code);
-  EXPECT_TRUE(exists("/tavrix/.conf/tavrix_event_status.dirty"));
-  EXPECT_EQ(16, json({"events", "buffer", "show"})["used"]);
-}
-
-TEST_F(Sweeper, NeedsSettings) {
-  ctl({"config", "remove"});
-  const Outcome outcome = once();
-  EXPECT_EQ(2, outcome.exit_code);
-  EXPECT_TRUE(contains(outcome.err, "there are no settings")) << outcome.err;
-}
-
-TEST_F(Sweeper, EndsLoudlyWhenItCannotKeepEvents) {
-  once();
-  send("a");
-  remove_all("/scratch/staging");
-  EXPECT_EQ(SIGABRT, once().signal);
-  EXPECT_TRUE(exists("/tavrix/.conf/sync.off"));
-  EXPECT_EQ(1, json({"events", "buffer", "show"})["records"]);
-}
-
-TEST_F(Sweeper, BufferCommandsMakeFlushAndRemove) {
-  EXPECT_EQ(1, ctl({"events", "buffer", "show"}).exit_code);
-  EXPECT_EQ(0, ctl({"events", "buffer", "create"}).exit_code);
-  EXPECT_EQ(2, ctl({"events", "buffer", "create"}).exit_code);
-  send("a");
-  EXPECT_EQ(0, ctl({"events", "buffer", "flush"}).exit_code);
-  EXPECT_EQ(Paths{"a"}, dumped());
-  EXPECT_EQ(0, ctl({"events", "buffer", "remove"}).exit_code);
-  EXPECT_EQ(2, ctl({"events", "buffer", "remove"}).exit_code);
-  ctl({"config", "remove"});
-  EXPECT_EQ(2, ctl({"events", "buffer", "show"}).exit_code);
 }
 
 }  // namespace

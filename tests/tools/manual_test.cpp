@@ -47,10 +47,29 @@ TEST_F(Manual, KnowsEveryCommand) {
 
 TEST_F(Manual, KnowsTheSweepersFlags) {
   const std::string help = run_program({TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "--help"}).out;
-  for (const char* flag : {"once", "foreground"}) {
+  for (const char* flag : {"once", "foreground", "settings"}) {
     EXPECT_TRUE(contains(help, std::string("--") + flag));
     EXPECT_TRUE(contains(page("tavrix-sweeper"), std::string(".It Fl -") + flag));
   }
+}
+
+TEST_F(Manual, OfTheSweepersUnitNamesFlagsThatItHas) {
+  const std::string unit = read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix-sweeper.service");
+  EXPECT_TRUE(contains(unit,
+                       "\nExecStart=/usr/sbin/tavrix-sweeper --foreground --settings "
+                       "/etc/tavrix/tavrix.conf\n"));
+  EXPECT_FALSE(contains(unit, "ExecStartPre"));  // its failure would keep the sweeper down
+}
+
+TEST_F(Manual, TheServersDropInOrdersItAndKeepsNoCores) {
+  const std::string text = read_file(TAVRIX_SOURCE_DIR "/packaging/smbd.service.d/tavrix.conf");
+  for (const char* line :
+       {"\nLimitCORE=0\n", "\nAfter=tavrix-sweeper.service tavrix-loader.service\n",
+        "\nWants=tavrix-sweeper.service tavrix-loader.service\n"}) {
+    EXPECT_TRUE(contains(text, line)) << line;
+  }
+  EXPECT_TRUE(contains(read_file(TAVRIX_SOURCE_DIR "/cmake/TavrixInstall.cmake"),
+                       "packaging/smbd.service.d/tavrix.conf"));
 }
 
 TEST_F(Manual, KnowsTheLoadersFlags) {

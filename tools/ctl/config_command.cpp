@@ -1,72 +1,59 @@
 // tavrixctl config: the global parameter block.
 
-#include <sys/ipc.h>
-#include <sys/shm.h>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
-#include "internal/scoped.hpp"
+#include "tavrix_vfs_utils.h"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
-#include "tools/ctl/settings_file.hpp"
+#include "tools/ctl/parameter_block.hpp"
 #include "tools/patterns/complaints.hpp"
+#include "tools/sweeper/buffer_size.hpp"
 
 namespace tavrix::ctl {
 namespace {
 
-// The shared block; complains when there is none, or one of another size.
-class SharedBlock {
- public:
-  SharedBlock() {
-    const int shmid = shmget(ftok(TAVRIX_PARAM_KEY_PATH, TAVRIX_PARAM_KEY_ID), 0, 0);
-    if (shmid == -1) {
-      if (errno == ENOENT) {
-        complain("there is no parameter block; \"tavrixctl config load FILE\" makes one");
-      } else {
-        complain("cannot find the parameter block: {}", std::strerror(errno));
-      }
-      return;
-    }
-    struct shmid_ds info {};
-    shmctl(shmid, IPC_STAT, &info);
-    if (info.shm_segsz != TAVRIX_PARAM_BLOCK_SIZE) {
-      complain("the parameter block has {} bytes, not {}: another program's, or another version's",
-               info.shm_segsz, TAVRIX_PARAM_BLOCK_SIZE);
-      return;
-    }
-    segment_.reset(shmat(shmid, nullptr, 0));
-    if (!segment_) complain("cannot attach the parameter block: {}", std::strerror(errno));
-  }
-  [[nodiscard]] global_param_s* get() const {
-    return segment_ ? static_cast<global_param_s*>(segment_.get()) : nullptr;
-  }
+std::optional<ParameterBlock> shared_block() {
+  std::string problem;
+  auto block = ParameterBlock::find(problem);
+  if (!block) complain("{}", problem);
+  return block;
+}
 
- private:
-  ShmAttachment segment_;
-};
+// A size that cannot be had yet is a note, not a failure: all else holds, and so does the old size.
+int offer_buffer_size(int32_t bytes, const ParameterBlock& block) {
+  set_debug_level(-1);
+  if (read_tavrix_config() != 0) return kFailure;  // the segment is taken over by the new settings
+  set_debug_level(-1);
+  std::string why_not;
+  if (!sweeper::offer_buffer_size(bytes, block.get(), why_not)) complain("{}", why_not);
+  return kYes;
+}
 
 int load(const std::string& path) {
   const SettingsFile file = read_settings_file(path);
   for (const std::string& error : file.errors) complain("{}", error);
   if (!file.errors.empty()) return kFailure;
-  send_library_log(LogTo::kStandardError);
-  set_debug_level(-1);  // replacing an old block is no failure
-  if (create_config_buffer() != 0) {
-    complain("cannot create the parameter block: {}", std::strerror(errno));
+  std::string problem;
+  const auto block = ParameterBlock::find_or_make(problem);
+  if (!block) {
+    complain("{}", problem);
     return kFailure;
   }
-  for (const auto& [setting, value] : file.values) store(*setting, value, global_params);
-  for (const std::string& line : patterns::complaints(global_params)) warn(line);
-  return kYes;
+  fill(file, block->get());
+  for (const std::string& line : patterns::complaints(block->get())) warn(line);
+  if (!keep_copy(path)) complain("{}: {}", kSettingsOfBefore, std::strerror(errno));
+  return offer_buffer_size(buffer_size_in(file), *block);
 }
 
 int show(const Options& options, bool explain) {
-  const SharedBlock block;
-  if (block.get() == nullptr) return kFailure;
+  const auto block = shared_block();
+  if (!block) return kFailure;
   Json json = Json::array();
   for (const Setting& setting : settings()) {
-    const std::string value = value_text(setting, block.get());
+    const std::string value = value_text(setting, block->get());
     if (!options.json) {
       fmt::print("{:<34} {:<7} {}\n", setting.name, type_name(setting.type), shown(value));
       if (explain) fmt::print("    {}\n", setting.meaning);
@@ -81,7 +68,7 @@ int show(const Options& options, bool explain) {
     } else if (setting.type == PARAM_VAL_TYPE_BOOLEAN) {
       entry["value"] = value == "yes";
     } else {
-      entry["value"] = block.get()[setting.index].value.intval;
+      entry["value"] = block->get()[setting.index].value.intval;
     }
     entry["meaning"] = setting.meaning;
     json.push_back(std::move(entry));
@@ -102,9 +89,10 @@ int set(const std::string& name, const std::string& text) {
     complain("{}: {}", setting->name, reason);
     return kFailure;
   }
-  const SharedBlock block;
-  if (block.get() == nullptr) return kFailure;
-  store(*setting, *value, block.get());
+  const auto block = shared_block();
+  if (!block) return kFailure;
+  if (setting->index == PARAM_STAGING_BUFFER_SIZE) return offer_buffer_size(value->number, *block);
+  store(*setting, *value, block->get());
   return kYes;
 }
 
@@ -123,7 +111,8 @@ void add_config_commands(CLI::App& app, Options& options, Action& action) {
 
   static std::string file, key, value;
   CLI::App* load_command = config->add_subcommand(
-      "load", "Make the parameter block and fill it from an INI file: [VFS] debug level = 0");
+      "load",
+      "Fill the parameter block from an INI file ([VFS] debug level = 0), made if there is none");
   load_command->add_option("FILE", file, "the settings file")->required();
   load_command->callback([&action] { action = [] { return load(file); }; });
 

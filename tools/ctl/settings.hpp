@@ -16,6 +16,7 @@ struct Setting {
   const char* name;  // "SECTION:key"
   e_param_val_type type;
   int64_t least, most;  // numbers
+  const char* shipped;  // the value where nobody gives one; packaging/tavrix.conf has the same
   const char* meaning;
 };
 
@@ -30,6 +31,8 @@ struct Value {
   int32_t number = 0;
 };
 std::optional<Value> parse_value(const Setting& setting, std::string_view text, std::string& error);
+
+Value shipped_value(const Setting& setting);
 
 void store(const Setting& setting, const Value& value, global_param_s* block);
 std::string value_text(const Setting& setting, const global_param_s* block);

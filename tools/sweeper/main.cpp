@@ -6,16 +6,22 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
-#include "tavrix_vfs_utils.h"
 #include "tools/notes/open_notes.h"
 #include "tools/service/service.hpp"
+#include "tools/sweeper/connections.hpp"
+#include "tools/sweeper/running_mark.hpp"
+#include "tools/sweeper/settings.hpp"
+#include "tools/sweeper/space.hpp"
 #include "tools/sweeper/staging_owner.hpp"
+#include "tools/sweeper/stranded_files.hpp"
+#include "tools/sweeper/trouble.hpp"
 
 namespace tavrix::sweeper {
 
@@ -25,6 +31,8 @@ using service::Tone;
 namespace {
 
 constexpr int kDefaultPeriod = 5;  // seconds, when the settings have none
+constexpr uint64_t kMostToCome = 1
+                                 << 20;  // bytes that may be appended between a look and the flush
 
 int period() {
   const int seconds = global_params[PARAM_FLUSH_PERIOD].value.intval;
@@ -33,21 +41,111 @@ int period() {
 
 bool is_disabled() { return global_params[PARAM_DISABLE_SWEEPER_FLUSH].value.intval != 0; }
 
-// A flush that cannot keep its records does not return: the process ends by the library's rules,
-// and the service manager starts it anew.
-void flush(const char* why) {
-  const uint32_t records = staged_records();
-  if (flush_staging_buffer(FB_CTX_SWPR) == 1 && records > 0)
-    say(Tone::kInfo, fmt::format("{}: {} records flushed", why, records));
-}
-
 // The events of server processes that were killed with changed files open.
-void settle_notes() {
+void record_changed_files() {
   const int settled = settle_open_notes();
   if (settled < 0) say(Tone::kError, fmt::format("{}: {}", OPEN_NOTES_FOLDER, strerror(errno)));
   if (settled > 0)
     say(Tone::kWarning, fmt::format("{} changed files of ended processes recorded", settled));
 }
+
+// The buffer, its surroundings, and what is done for them on each period.
+class Sweeper {
+ public:
+  explicit Sweeper(const std::string& file) : settings_(file) {}
+
+  bool start() {
+    if (!settings_.take()) return false;
+    look_for_lost_buffer();
+    set_running_mark();
+    std::string problem;
+    if (!own_staging_buffer(settings_.buffer_bytes(), problem)) {
+      say(Tone::kError, problem);
+      return false;
+    }
+    settings_.offer_size();
+    settle_stranded_files();
+    settle_notes();
+    return true;
+  }
+
+  void reload() {
+    settings_.take();
+    tend();
+  }
+
+  // One period's work.
+  void sweep() {
+    tend();
+    if (!is_disabled()) flush("period");
+    settle_notes();
+  }
+
+  // Their events go through the buffer that this process empties: only while there is much room, or
+  // it could come to wait for itself.
+  void settle_notes() {
+    const Fill fill = buffer_fill();
+    if (fill.used < fill.bytes / 4) record_changed_files();
+  }
+
+  // Whatever cannot be kept does not return from here: the process ends by the library's rules. So
+  // nothing is flushed while it is known that it cannot succeed.
+  void flush(const char* why) {
+    const Fill fill = buffer_fill();
+    const std::string folder = global_params[PARAM_STAGING_DIR].value.strval;
+    std::string lack;
+    if (fill.records > 0) {
+      lack = lack_of_room(folder, fill.used + std::min(fill.bytes - fill.used, kMostToCome));
+    }
+    room_.set(lack.empty()
+                  ? ""
+                  : fmt::format("waiting: {}; {} records stay in memory", lack, fill.records));
+    if (fill.records == 0 || !lack.empty()) return;
+    if (flush_staging_buffer(FB_CTX_SWPR) == 1)
+      say(Tone::kInfo, fmt::format("{}: {} records flushed", why, fill.records));
+  }
+
+  // The mark stays while there may be events in memory: some are there, or somebody may add some.
+  // false when they could not be flushed.
+  bool finish(const char* why) {
+    flush(why);
+    const uint32_t records = buffer_fill().records;
+    if (records == 0 && live_connections() == 0) clear_running_mark();
+    if (room_.text().empty()) return true;
+    say(Tone::kError, fmt::format("{} records stay in memory", records));
+    return false;
+  }
+
+  void notify(const char* state) const {
+    std::string status =
+        is_disabled() ? "flushing is disabled" : fmt::format("flushing every {} seconds", period());
+    for (const std::string* trouble : {&room_.text(), &buffer_.text()}) {
+      if (!trouble->empty()) status = *trouble;
+    }
+    if (!settings_.trouble().empty()) {
+      status =
+          fmt::format("degraded: the settings of before hold: {}; {}", settings_.trouble(), status);
+    }
+    sd_notifyf(0, "%sSTATUS=%s", state, status.c_str());
+  }
+
+ private:
+  // The buffer as it has to be, whoever took it away.
+  void tend() {
+    look_for_lost_buffer();
+    std::string problem;
+    own_staging_buffer(settings_.buffer_bytes(), problem);
+    buffer_.set(problem);
+    set_running_mark();
+    repeat_rescan_request();
+    settings_.offer_size();
+    settle_stranded_files();
+  }
+
+  Settings settings_;
+  Trouble room_;
+  Trouble buffer_;
+};
 
 // The number of a signal that came within the seconds, or 0.
 int wait_for_signal(const Fd& fd, int seconds) {
@@ -55,32 +153,25 @@ int wait_for_signal(const Fd& fd, int seconds) {
   return poll(&ready, 1, seconds * 1000) == 1 ? service::next_signal(fd) : 0;
 }
 
-bool take_settings() {
-  if (read_tavrix_config() == 0 && global_params[PARAM_STAGING_BUFFER_SIZE].value.intval > 0)
-    return true;
-  say(Tone::kError, "there are no settings; \"tavrixctl config load FILE\" makes them");
-  return false;
-}
-
-int run(const Fd& fd) {
+int run(Sweeper& sweeper, const Fd& fd) {
   say(Tone::kInfo, fmt::format("flushing every {} seconds", period()));
-  sd_notify(0, "READY=1\nSTATUS=flushing");
+  sweeper.notify("READY=1\n");
   for (;;) {
     switch (wait_for_signal(fd, period())) {
       case 0:
-        settle_notes();
-        if (!is_disabled()) flush("period");
+        sweeper.sweep();
+        sweeper.notify("");
         break;
       case SIGHUP:
         sd_notify(0, "RELOADING=1");
-        if (take_settings() && !own_staging_buffer()) return 1;
+        sweeper.reload();
         say(Tone::kInfo, fmt::format("settings read: every {} seconds{}", period(),
                                      is_disabled() ? ", flushing is disabled" : ""));
-        sd_notify(0, "READY=1");
+        sweeper.notify("READY=1\n");
         break;
       default:
         sd_notify(0, "STOPPING=1");
-        flush("last");
+        sweeper.finish("last");
         say(Tone::kInfo, "stopped");
         return 0;
     }
@@ -95,8 +186,10 @@ int main(int argc, char** argv) {
   CLI::App app{"Owns the staging buffer of events and flushes it to dump files on a period."};
   bool once = false;
   bool foreground = false;
+  std::string settings;
   app.add_flag("--once", once, "make the buffer if there is none, flush it, and end");
   app.add_flag("--foreground", foreground, "stay on the terminal, as a service manager wants it");
+  app.add_option("--settings", settings, "fill the parameter block from this file");
   app.footer(
       "SIGHUP reads the settings anew; SIGTERM flushes once more and ends.\n"
       "Settings: \"SWEEPER:flush period\", \"disable sweeper flush\", \"staging dir\", \"staging "
@@ -108,13 +201,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   openlog("tavrix-sweeper", LOG_PID, LOG_DAEMON);
-  if (!take_settings() || !own_staging_buffer()) return 2;
-  settle_notes();
-  if (once) {
-    flush("once");
-    return 0;
-  }
+  Sweeper sweeper(settings);
+  if (!sweeper.start()) return 2;
+  if (once) return sweeper.finish("once") ? 0 : 1;
   if (!foreground && daemon(0, 1) != 0) return 2;
   const tavrix::Fd fd = tavrix::service::take_signals();
-  return fd ? run(fd) : 2;
+  return fd ? run(sweeper, fd) : 2;
 }

@@ -1,109 +1,186 @@
 #include "tools/sweeper/staging_owner.hpp"
 
+#include <fmt/format.h>
 #include <sys/ipc.h>
-#include <sys/sem.h>
 #include <sys/shm.h>
+#include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string>
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
-#include "tools/service/journal.hpp"
+#include "tools/sweeper/firm_hold.hpp"
+#include "tools/sweeper/running_mark.hpp"
+#include "utils/dump_in_flight.hpp"
 #include "utils/staging.hpp"
 
 namespace tavrix::sweeper {
 namespace {
 
-key_t semaphore_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_SEMAPHORE_KEY_ID); }
 key_t segment_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_BUFFER_KEY_ID); }
 
 int32_t& size_setting() { return global_params[PARAM_STAGING_BUFFER_SIZE].value.intval; }
 
-bool fail(const char* what) {
-  const std::string reason = std::strerror(errno);
-  service::say(service::Tone::kError, std::string("tavrix-sweeper: ") + what + ": " + reason);
+// The segment as it is, whatever the settings say.
+struct Segment {
+  enum class State { kMissing, kUnknown, kUnused, kDamaged, kSound };
+  State state = State::kMissing;
+  int id = -1;
+  std::size_t bytes = 0;
+};
+
+Segment::State state_of_header(const staging_buffer_s& header, std::size_t bytes) {
+  // Writers change count and offset in one store, so one load sees both of one moment.
+  const uint64_t head =
+      __atomic_load_n(reinterpret_cast<const uint64_t*>(&header), __ATOMIC_ACQUIRE);
+  if (head == 0) return Segment::State::kUnused;
+  const uint64_t next_offset = head >> 32;
+  return next_offset >= kEmptyStagingBuffer && next_offset <= bytes ? Segment::State::kSound
+                                                                    : Segment::State::kDamaged;
+}
+
+Segment look() {
+  Segment segment;
+  segment.id = shmget(segment_key(), 0, 0);
+  if (segment.id == -1) {
+    segment.state = errno == ENOENT ? Segment::State::kMissing : Segment::State::kUnknown;
+    return segment;
+  }
+  struct shmid_ds info {};
+  const ShmAttachment attached(shmat(segment.id, nullptr, SHM_RDONLY));
+  if (!attached || shmctl(segment.id, IPC_STAT, &info) != 0) {
+    segment.state = Segment::State::kUnknown;
+    return segment;
+  }
+  segment.bytes = info.shm_segsz;
+  segment.state =
+      state_of_header(*static_cast<const staging_buffer_s*>(attached.get()), segment.bytes);
+  return segment;
+}
+
+bool fail(std::string& problem, const char* what) {
+  problem = fmt::format("{}: {}", what, std::strerror(errno));
   return false;
 }
 
-bool own_semaphore() {
-  if (semget(semaphore_key(), 1, 0) != -1) return true;
-  return create_eventstore_staging_semaphore() == 1 || fail("cannot make the semaphore");
+bool make_segment(std::size_t bytes, std::string& problem) {
+  size_setting() = static_cast<int32_t>(bytes);
+  return create_staging_buffer() == 0 || fail(problem, "cannot make the segment");
 }
 
-// The segment's size, or 0.
-std::size_t segment_size(int shmid) {
-  struct shmid_ds info {};
-  return shmctl(shmid, IPC_STAT, &info) == 0 ? info.shm_segsz : 0;
+// What it held is lost. The agent hears of it before that is true, for this process may be killed.
+bool begin_anew(std::size_t bytes, std::string& problem) {
+  ask_for_rescan("the staging buffer was damaged");
+  size_setting() = static_cast<int32_t>(bytes);
+  return initialize_staging_buffer() == 0 || fail(problem, "cannot initialise the segment");
 }
 
-// A segment that was made and never initialised is empty; any other header outside its bounds is
-// damage, and what it held is lost.
-bool mend_header(std::size_t size) {
-  bool is_unused = false;
-  {
-    StagingHold hold;
-    int cause = 0;
-    while (!hold.acquire(cause)) {
-      if (cause != EINTR) return fail("cannot take the semaphore");
-    }
-    const StagingAttachment buffer(get_eventstore_staging_buffer());
-    if (!buffer) return fail("cannot attach the segment");
-    if (buffer->next_offset >= kEmptyStagingBuffer && buffer->next_offset <= size) return true;
-    is_unused = buffer->next_offset == 0 && buffer->num_records == 0;
-    if (initialize_staging_buffer() != 0) return fail("cannot initialise the segment");
-  }
-  if (is_unused) return true;
-  service::say(service::Tone::kError,
-               "tavrix-sweeper: the staging buffer was damaged; a rescan is asked for");
-  mark_event_db_as_rescan_needed("the staging buffer was damaged");
+// Whether the kernel would give that much; an answer of no must come before the old one is gone.
+bool could_make(std::size_t bytes) {
+  const int id = shmget(IPC_PRIVATE, bytes, 0600);
+  if (id == -1) return false;
+  const ErrnoKeeper keep;
+  shmctl(id, IPC_RMID, nullptr);
   return true;
 }
 
-// Takes the old segment away at a moment when it is empty; writers look the segment up under the
-// semaphore, so the next one finds the new segment.
-bool replace_segment(int old_id, int32_t old_size, int32_t new_size) {
-  for (;;) {
-    size_setting() = old_size;
-    if (flush_staging_buffer(FB_CTX_DISCON) != 1) {
-      size_setting() = new_size;
-      return fail("cannot flush the old segment");
+bool write_out(std::span<const std::byte> records, TempDump& dump, FlushMark& mark) {
+  const char* folder = global_params[PARAM_STAGING_DIR].value.strval;
+  if (!dump.create(folder)) return false;
+  mark.set(folder, dump.name(), records);
+  return write_all(dump.fd(), records.data(), records.size()) ==
+             static_cast<ssize_t>(records.size()) &&
+         fdatasync(dump.fd()) == 0;
+}
+
+// Its records go into a temporary file first, as a flush does it: killed before the old segment is
+// gone, this process leaves a file whose records are in the buffer, and afterwards one that alone
+// has them. The file is named when the stranded ones are settled.
+bool replace(const Segment& old, std::size_t bytes, std::string& problem) {
+  if (!could_make(bytes)) return fail(problem, "there is no memory for the larger segment");
+  TempDump dump;
+  FlushMark mark;
+  {
+    const ShmAttachment attached(shmat(old.id, nullptr, 0));
+    if (!attached) return fail(problem, "cannot attach the segment");
+    const auto* buffer = static_cast<const staging_buffer_s*>(attached.get());
+    if (buffer->num_records > 0) {
+      const std::span records(reinterpret_cast<const std::byte*>(buffer + 1),
+                              buffer->next_offset - kEmptyStagingBuffer);
+      if (!write_out(records, dump, mark)) {
+        fail(problem, "cannot write the records of the old segment");
+        dump.discard();
+        return false;
+      }
     }
-    StagingHold hold;
-    int cause = 0;
-    if (!hold.acquire(cause)) continue;
-    bool is_empty = false;
-    {
-      const StagingAttachment buffer(get_eventstore_staging_buffer());
-      is_empty = !buffer || buffer->num_records == 0;
-    }
-    if (!is_empty) continue;  // a writer was quicker
-    size_setting() = new_size;
-    if (shmctl(old_id, IPC_RMID, nullptr) != 0) return fail("cannot remove the old segment");
-    return create_staging_buffer() == 0 || fail("cannot make the segment");
   }
+  if (shmctl(old.id, IPC_RMID, nullptr) != 0) {
+    dump.discard();
+    return fail(problem, "cannot remove the old segment");
+  }
+  dump.keep();
+  if (make_segment(bytes, problem)) return true;
+  return make_segment(old.bytes, problem) && false;
+}
+
+// With the semaphore firmly held.
+bool mend(std::size_t wanted, std::string& problem) {
+  const Segment segment = look();
+  switch (segment.state) {
+    case Segment::State::kMissing:
+      return make_segment(wanted, problem);
+    case Segment::State::kUnknown:
+      return fail(problem, "cannot look at the segment");
+    case Segment::State::kUnused:
+      size_setting() = static_cast<int32_t>(segment.bytes);
+      if (initialize_staging_buffer() != 0) return fail(problem, "cannot initialise the segment");
+      break;
+    case Segment::State::kDamaged:
+      if (!begin_anew(segment.bytes, problem)) return false;
+      break;
+    case Segment::State::kSound:
+      break;
+  }
+  return segment.bytes >= wanted || replace(segment, wanted, problem);
+}
+
+bool is_well(const Segment& segment, std::size_t wanted) {
+  return segment.state == Segment::State::kSound && segment.bytes >= wanted &&
+         has_sound_semaphore();
 }
 
 }  // namespace
 
-bool own_staging_buffer() {
-  if (!own_semaphore()) return false;
-  const int shmid = shmget(segment_key(), 0, 0);
-  if (shmid == -1) {
-    return create_staging_buffer() == 0 || fail("cannot make the segment");
+bool own_staging_buffer(int32_t bytes, std::string& problem) {
+  const std::size_t wanted =
+      std::max<std::size_t>(static_cast<std::size_t>(std::max(bytes, 0)), kEmptyStagingBuffer);
+  bool is_done = true;
+  if (!is_well(look(), wanted)) {
+    const OwnersTurn turn;
+    FirmHold hold;
+    is_done = hold.take() ? mend(wanted, problem) : fail(problem, "cannot take the semaphore");
   }
-  const auto old_size = static_cast<int32_t>(segment_size(shmid));
-  const int32_t new_size = size_setting();
-  size_setting() = old_size;
-  const bool is_sound = mend_header(static_cast<std::size_t>(old_size));
-  size_setting() = new_size;
-  if (!is_sound) return false;
-  return old_size == new_size || replace_segment(shmid, old_size, new_size);
+  // Whatever it is now: this process flushes what others append, up to its end.
+  if (const std::size_t size = segment_bytes(); size > 0) {
+    size_setting() = static_cast<int32_t>(size);
+  }
+  return is_done;
 }
 
-uint32_t staged_records() {
-  const StagingAttachment buffer(get_eventstore_staging_buffer());
-  return buffer ? buffer->num_records : 0;
+bool is_segment_missing() { return look().state == Segment::State::kMissing; }
+
+std::size_t segment_bytes() { return look().bytes; }
+
+Fill buffer_fill() {
+  const Segment segment = look();
+  if (segment.state != Segment::State::kSound) return {};
+  const ShmAttachment attached(shmat(segment.id, nullptr, SHM_RDONLY));
+  if (!attached) return {};
+  const auto* buffer = static_cast<const staging_buffer_s*>(attached.get());
+  const uint64_t head =
+      __atomic_load_n(reinterpret_cast<const uint64_t*>(buffer), __ATOMIC_ACQUIRE);
+  return {static_cast<uint32_t>(head), (head >> 32) - kEmptyStagingBuffer, segment.bytes};
 }
 
 }  // namespace tavrix::sweeper

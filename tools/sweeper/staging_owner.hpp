@@ -1,16 +1,30 @@
-// The staging buffer's owner: makes it, and takes over what an earlier run left.
+// The staging buffer's owner: makes it, mends it, and takes over what an earlier run left.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <span>
+#include <string>
 
 namespace tavrix::sweeper {
 
-// Afterwards there are a semaphore and a segment of the size in the settings. Records of an earlier
-// run stay, or are flushed first when the segment is replaced by one of another size. false, after
-// a line on standard error, when that cannot be had.
-bool own_staging_buffer();
+// Afterwards there are a semaphore and a sound segment of at least that many bytes, and this
+// process's own settings have the segment's size. Records of an earlier run stay. A larger segment
+// stays as it is: a connection may work with its size. Does nothing when all is well. false, with
+// the reason, when that cannot be had.
+bool own_staging_buffer(int32_t bytes, std::string& problem);
 
-// Records in the buffer now.
-uint32_t staged_records();
+// There is none: not only one that this process cannot look at.
+[[nodiscard]] bool is_segment_missing();
+// The segment's bytes; 0 when there is none.
+[[nodiscard]] std::size_t segment_bytes();
+
+// How full the buffer is.
+struct Fill {
+  uint32_t records = 0;
+  uint64_t used = 0;   // bytes of records
+  uint64_t bytes = 0;  // of the segment
+};
+[[nodiscard]] Fill buffer_fill();
 
 }  // namespace tavrix::sweeper

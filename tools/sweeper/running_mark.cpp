@@ -1,0 +1,92 @@
+#include "tools/sweeper/running_mark.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include "eventstore.h"
+#include "internal/scoped.hpp"
+#include "tools/service/service.hpp"
+#include "tools/sweeper/paths.hpp"
+#include "tools/sweeper/staging_owner.hpp"
+#include "tools/sweeper/trouble.hpp"
+#include "utils/dump_in_flight.hpp"
+
+namespace tavrix::sweeper {
+namespace {
+
+using service::say;
+using service::Tone;
+
+std::string first_line(const char* path) {
+  std::string line;
+  std::ifstream in(path);
+  std::getline(in, line);
+  return line;
+}
+
+std::string boot_id() { return first_line("/proc/sys/kernel/random/boot_id"); }
+
+bool is_there() { return access(kRunningMark, F_OK) == 0; }
+
+// A mark, and a marker, that cannot be written.
+Trouble& trouble_of_mark() {
+  static Trouble trouble(Tone::kError);
+  return trouble;
+}
+Trouble& trouble_of_rescan() {
+  static Trouble trouble(Tone::kError);
+  return trouble;
+}
+
+// A rescan that could not be asked for yet.
+std::string& unwritten_reason() {
+  static std::string reason;
+  return reason;
+}
+
+}  // namespace
+
+void look_for_lost_buffer() {
+  if (!is_there() || !is_segment_missing()) return;
+  ask_for_rescan(first_line(kRunningMark) == boot_id()
+                     ? "the staging buffer was taken away while it was in use"
+                     : "the machine stopped while events were in memory");
+}
+
+void set_running_mark() {
+  if (is_there() && first_line(kRunningMark) == boot_id()) return;
+  const Fd file(open(kRunningMark, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  const std::string text = boot_id() + "\n";
+  if (!file || write_all(file.get(), text.data(), text.size()) < 0 || fsync(file.get()) != 0) {
+    return trouble_of_mark().set(
+        fmt::format("{}: {}; if the machine stops now, nobody notices that events were lost",
+                    kRunningMark, std::strerror(errno)));
+  }
+  trouble_of_mark().set("");
+  sync_folder(kConfFolder);
+}
+
+void clear_running_mark() {
+  if (unlink(kRunningMark) == 0) sync_folder(kConfFolder);
+}
+
+void ask_for_rescan(const std::string& reason) {
+  if (mark_event_db_as_rescan_needed(reason.c_str()) == 0) {
+    say(Tone::kError, reason + "; a rescan is asked for");
+    unwritten_reason().clear();
+    return trouble_of_rescan().set("");
+  }
+  trouble_of_rescan().set(fmt::format("{}, and {} cannot be written: {}; trying again", reason,
+                                      TAVRIX_RESCAN_PATH, std::strerror(errno)));
+  unwritten_reason() = reason;
+}
+
+void repeat_rescan_request() {
+  if (const std::string reason = unwritten_reason(); !reason.empty()) ask_for_rescan(reason);
+}
+
+}  // namespace tavrix::sweeper

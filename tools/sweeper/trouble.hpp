@@ -1,0 +1,34 @@
+// What lasts is not said on each period.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "tools/service/journal.hpp"
+
+namespace tavrix::sweeper {
+
+// Says a trouble that lasts when it begins, once a minute, and when it is over.
+class Trouble {
+ public:
+  explicit Trouble(service::Tone tone = service::Tone::kWarning) : tone_(tone) {}
+
+  void set(const std::string& text) {
+    const auto now = std::chrono::steady_clock::now();
+    if (text.empty()) {
+      if (!text_.empty()) service::say(service::Tone::kInfo, "over: " + text_);
+    } else if (text_.empty() || now >= next_) {
+      service::say(tone_, text);
+      next_ = now + std::chrono::minutes(1);
+    }
+    text_ = text;
+  }
+  [[nodiscard]] const std::string& text() const { return text_; }
+
+ private:
+  service::Tone tone_;
+  std::string text_;
+  std::chrono::steady_clock::time_point next_;
+};
+
+}  // namespace tavrix::sweeper
