@@ -55,14 +55,15 @@ void advise_large_pages(char* buffer, std::size_t size) {
   if (start < end) madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
 }
 
-// Whole files in one request: the parser works on the buffer in place.
-void parse_data_file(std::FILE* file, std::size_t size) {
+// Whole files in one request: the parser works on the buffer in place. false: no memory for it, and
+// nothing was read.
+[[nodiscard]] bool parse_data_file(std::FILE* file, std::size_t size) {
   JsonParse parse(data_pass_callbacks);
   // Zeroed by the kernel, which hands out large blocks untouched.
   const Malloced<char> buffer(static_cast<char*>(std::calloc(1, size + kReadBufferSlack)));
   if (buffer == nullptr) {
     TAVRIX_LOG(0, "No memory %s", strerror(errno));
-    return;
+    return false;
   }
   advise_large_pages(buffer.get(), size);
   const NameTraces traces;
@@ -76,6 +77,7 @@ void parse_data_file(std::FILE* file, std::size_t size) {
     if (!parse.feed(buffer.get(), length)) break;
   }
   parse.finish();
+  return true;
 }
 
 void remove_json_file(const char* path, const char* format) {
@@ -120,9 +122,12 @@ membe_shm_err process_permmap(memsummary_s* msum) {
   }
   // An image without room for its header cannot be written to; saving it fails below.
   if (msum->membuf != nullptr && msum->memsize >= sizeof(tavrix_be_header)) {
-    tavrix::parse_data_file(file.get(), static_cast<std::size_t>(info.st_size));
+    const bool was_read =
+        tavrix::parse_data_file(file.get(), static_cast<std::size_t>(info.st_size));
     tavrix::empty_stack(msum->sth);
     tavrix::free_kept_elements();
+    // An image that holds nothing is not the map, and the files are all there is of it.
+    if (!was_read) return SHM_MEMBE_ERR_NOMEM;
   }
   file.reset();
 

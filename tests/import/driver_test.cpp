@@ -127,6 +127,19 @@ TEST_F(ImportDriver, NeedsADataFileThatOpens) {
   EXPECT_EQ((Lines{"5,cannot open file /scratch/data.json,5", kFailed}), told());
 }
 
+// Nothing was read of the data file: an image without folders is not its map.
+TEST_F(ImportDriver, WithoutMemoryForTheDataFileKeepsTheFiles) {
+  write_file(kCopy, "the copy of before");
+  prepare_tree();
+  fail_call("calloc", ENOMEM);
+  EXPECT_EQ(SHM_MEMBE_ERR_NOMEM, run());
+  EXPECT_TRUE(logged("No memory Cannot allocate memory"));
+  EXPECT_TRUE(exists(kSize));
+  EXPECT_TRUE(exists(kData));
+  EXPECT_EQ("the copy of before", read_file(kCopy));
+  EXPECT_EQ(Lines{kFailed}, told());
+}
+
 TEST_F(ImportDriver, FailsWhenTheCopyCannotBeSavedAndRemovesTheFilesAllTheSame) {
   remove_all("/etc/tavrix");
   prepare_tree();
