@@ -1,5 +1,7 @@
 // An image as lines of the system log, for a developer with a debug level to spare.
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "internal/assert.hpp"
@@ -48,6 +50,54 @@ const name_elem_s& raw_name_of(const tavrix_be_header& header, const fs_elem_s& 
                                                folder.name_elem_offset);
 }
 
+// The checks and the line of one folder; the list of its children, or null when it has none.
+const child_list_s* log_folder(const tavrix_be_header& header, const fs_elem_s& folder, int level) {
+  require_header(header);
+  require_fselem(folder);
+  const ImageView image(&header);
+  // A leaf's offset is 0 and names the first list of the region, whose signature is as good.
+  const child_list_s& children = image.children_of(folder);
+  const name_elem_s& name = raw_name_of(header, folder);
+  const CString text(strndup(ImageView::bytes_of(name), name.name_len));
+  TAVRIX_LOG(kNameLevel, "Level %d Name %s", level + 1, text == nullptr ? "" : text.get());
+  return (folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0 ? nullptr : &children;
+}
+
+// The way from the first folder to the present one: on the heap, for a map may be deeper than the
+// stack of a thread.
+class Way {
+ public:
+  struct Step {
+    const child_list_s* children;
+    uint32_t next;  // slot
+  };
+
+  // false when there is no memory.
+  [[nodiscard]] bool enter(const child_list_s* children) noexcept {
+    if (children == nullptr) return true;
+    if (count_ == room_ && !grow()) return false;
+    steps_.get()[count_++] = {children, 0};
+    return true;
+  }
+  [[nodiscard]] bool is_empty() const noexcept { return count_ == 0; }
+  [[nodiscard]] std::size_t depth() const noexcept { return count_; }
+  Step& last() noexcept { return steps_.get()[count_ - 1]; }
+  void leave() noexcept { --count_; }
+
+ private:
+  bool grow() noexcept {
+    const std::size_t room = room_ == 0 ? 64 : room_ * 2;
+    auto* grown = static_cast<Step*>(std::realloc(steps_.get(), room * sizeof(Step)));
+    if (grown == nullptr) return false;
+    static_cast<void>(steps_.release());
+    steps_.reset(grown);
+    room_ = room;
+    return true;
+  }
+  Malloced<Step> steps_;
+  std::size_t count_ = 0, room_ = 0;
+};
+
 }  // namespace
 }  // namespace tavrix
 
@@ -60,20 +110,18 @@ void print_tree(tavrix_be_header* beheader) {
 }
 
 void walk_tree(tavrix_be_header* beheader, fs_elem_s* parent, int level) {
-  tavrix::require_header(*beheader);
-  tavrix::require_fselem(*parent);
+  tavrix::Way way;
   const tavrix::ImageView image(beheader);
-  // A leaf's offset is 0 and names the first list of the region, whose signature is as good.
-  const child_list_s& children = image.children_of(*parent);
-
-  const name_elem_s& name = tavrix::raw_name_of(*beheader, *parent);
-  const tavrix::CString text(strndup(tavrix::ImageView::bytes_of(name), name.name_len));
-  TAVRIX_LOG(tavrix::kNameLevel, "Level %d Name %s", level + 1, text == nullptr ? "" : text.get());
-
-  if ((parent->flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return;
-  for (uint32_t slot = 0; slot < children.next_index; ++slot) {
-    const uint32_t child = tavrix::ImageView::child_at(children, slot);
-    const fs_elem_s& folder = image.fselem(child);
-    walk_tree(beheader, const_cast<fs_elem_s*>(&folder), level + 1);
+  bool is_whole = way.enter(tavrix::log_folder(*beheader, *parent, level));
+  while (is_whole && !way.is_empty()) {
+    tavrix::Way::Step& step = way.last();
+    if (step.next == step.children->next_index) {
+      way.leave();
+      continue;
+    }
+    const uint32_t child = tavrix::ImageView::child_at(*step.children, step.next++);
+    const int child_level = level + static_cast<int>(way.depth());
+    is_whole = way.enter(tavrix::log_folder(*beheader, image.fselem(child), child_level));
   }
+  if (!is_whole) TAVRIX_LOG(0, "No memory %s", strerror(errno));
 }

@@ -1,7 +1,9 @@
 // An image as lines of the system log.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <cstring>
+#include <utility>
 
 #include "read_perms.h"
 #include "tests/support/log_capture.hpp"
@@ -65,6 +67,28 @@ TEST_F(ImageDump, IsSilentBelow) {
   clear_log();
   print_tree(header());
   EXPECT_TRUE(messages().empty());
+}
+
+// Depth costs memory of the heap, not of the thread: here one with little.
+TEST_F(ImageDump, WalksAMapDeeperThanTheStack) {
+  constexpr std::size_t kStack = 256 << 10;
+  Folder deep{.name = "x"};
+  for (int i = 0; i < 8000; ++i) deep = {.name = "d", .children = {std::move(deep)}};
+  image_ = build_image({.name = "/", .children = {std::move(deep)}});
+  const Outcome outcome = in_child([this] {
+    set_debug_level(-1);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kStack);
+    pthread_t thread{};
+    const auto walk = [](void* image) -> void* {
+      print_tree(static_cast<tavrix_be_header*>(image));
+      return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, &attributes, walk, image_.data()));
+    pthread_join(thread, nullptr);
+  });
+  EXPECT_TRUE(outcome.ok()) << outcome.signal << outcome.err;
 }
 
 TEST_F(ImageDump, AbortsOnABrokenImage) {
