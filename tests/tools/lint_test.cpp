@@ -224,12 +224,24 @@ TEST(Lint, ComparesTheCounts) {
   };
   EXPECT_TRUE(contains(result({counts.folders - 1, counts.aces, counts.name_bytes}),
                        "E size file  0 TOTALFSELEMS is 2; the data file needs 3"));
+  EXPECT_TRUE(contains(result({counts.folders + 1, counts.aces, counts.name_bytes}),
+                       "E size file  0 TOTALFSELEMS is 4; the data file needs only 3"));
   EXPECT_TRUE(contains(result({counts.folders, counts.aces - 1, counts.name_bytes}),
                        "E size file  0 TOTALACES is 1; the data file needs 2"));
   EXPECT_TRUE(contains(result({counts.folders, counts.aces, counts.name_bytes - 1}),
                        "E size file  0 TOTALNAMELEN is 13; the data file needs 14"));
   EXPECT_TRUE(contains(result({counts.folders, counts.aces, counts.name_bytes + 1}),
                        "W size file  0 TOTALNAMELEN is 15; the data file needs only 14"));
+}
+
+// 176 + 60 F + N + 12 A bytes: one more than the kernel moves in one call, and not.
+TEST(Lint, KnowsTheMostThatOneWriteCanSave) {
+  const auto told_of = [](uint32_t name_bytes) {
+    return told(lint_texts(size_json({1, 0, name_bytes}), data_json({.name = "/"})));
+  };
+  const std::string finding = "2147479552 is the most";
+  EXPECT_TRUE(contains(told_of(2147479552U - 236 + 1), finding)) << told_of(2147479317U);
+  EXPECT_FALSE(contains(told_of(2147479552U - 236), finding));
 }
 
 TEST(Lint, CountsTheChildListsOfAWideRoot) {

@@ -14,20 +14,26 @@
 namespace tavrix::mapcheck {
 namespace {
 
+constexpr uint64_t kMostInOneWrite = 0x7ffff000;  // the kernel's limit of a read() or write()
+
 // A count of the size file against what the data file holds: too small an image is overrun, too
 // large a one wastes memory.
-void compare(const char* key, uint64_t stated, uint64_t found, LintResult& result) {
+void compare(const char* key, uint64_t stated, uint64_t found, Severity if_too_large,
+             LintResult& result) {
   if (stated == found) return;
   const bool is_short = found > stated;
-  result.findings.add({is_short ? Severity::kError : Severity::kWarning, "size file", "", 0,
+  result.findings.add({is_short ? Severity::kError : if_too_large, "size file", "", 0,
                        fmt::format("{} is {}; the data file {} {}", key, stated,
                                    is_short ? "needs" : "needs only", found)});
 }
 
 void check_fit(LintResult& result) {
-  compare("TOTALFSELEMS", result.size.folders, result.data.folders, result);
-  compare("TOTALACES", result.size.aces, result.data.aces, result);
-  compare("TOTALNAMELEN", result.size.name_bytes, result.data.name_bytes, result);
+  // The count of folders stands in the image, where more than there are means that the import
+  // ended early: such an image is not published.
+  compare("TOTALFSELEMS", result.size.folders, result.data.folders, Severity::kError, result);
+  compare("TOTALACES", result.size.aces, result.data.aces, Severity::kWarning, result);
+  compare("TOTALNAMELEN", result.size.name_bytes, result.data.name_bytes, Severity::kWarning,
+          result);
   const uint64_t list_room = (sizeof(child_list_s) + sizeof(uint32_t)) * result.size.folders;
   if (result.data.list_bytes > list_room) {
     result.findings.add({Severity::kError, "data file", "", 0,
@@ -62,6 +68,13 @@ LintResult lint(Source& size_file, Source& data_file) {
     result.findings.add(
         {Severity::kError, "size file", "", 0,
          fmt::format("the image would have {} bytes; 32 bits hold less", result.image_bytes)});
+  }
+  if (result.image_bytes > kMostInOneWrite &&
+      result.image_bytes <= std::numeric_limits<uint32_t>::max()) {
+    result.findings.add({Severity::kError, "size file", "", 0,
+                         fmt::format("the image would have {} bytes; the local copy is written at "
+                                     "once, and {} is the most for that",
+                                     result.image_bytes, kMostInOneWrite)});
   }
   if (lint_data_file(data_file, result)) check_fit(result);
   return result;
