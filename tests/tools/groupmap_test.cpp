@@ -122,7 +122,7 @@ TEST_F(GroupMapCommand, BuildsFromJson) {
       build(R"({"reserved": {"tavrix-admins": 9001}, "users": {"anna": [1, 2]}})");
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
   EXPECT_EQ((std::vector<gid_t>{1, 2}), groups_of(read_file("/scratch/map"), "anna"));
-  EXPECT_EQ((std::vector<std::string>{"groups.json", "map"}), list("/scratch"));
+  EXPECT_EQ((std::vector<std::string>{"groups.json", "map", "map.sha256"}), list("/scratch"));
 }
 
 TEST_F(GroupMapCommand, BuildsFromTheMachine) {

@@ -9,52 +9,10 @@
 #include <thread>
 
 #include "perm_map.h"
-#include "tests/tools/operator.hpp"
+#include "tests/tools/loader.hpp"
 
 namespace tavrix::test {
 namespace {
-
-const std::string kInbox = "/scratch/maps";
-const std::string kLoader = TAVRIX_BUILD_DIR "/tools/tavrix-loader";
-const std::string kCopy = "/etc/tavrix/.permbe_map";
-
-class Loader : public Operator {
- protected:
-  void SetUp() override {
-    Operator::SetUp();
-    ASSERT_EQ(0, ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"}).exit_code);
-    ctl({"config", "set", "VFS:debug level", "-1"});
-    make_dirs(kInbox);
-  }
-  static Outcome once() { return run_program({kLoader, "--once", "--dir", kInbox}); }
-  static void hand_over(const Folder& root) {
-    write_json_pair(root);
-    ASSERT_EQ(0, rename("/scratch/size.json", (kInbox + "/size.json").c_str()));
-    ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
-  }
-  static Folder wide(uint32_t folders) {
-    Folder root{.name = "/", .groups = {{2000, 1}}};
-    for (uint32_t i = 1; i < folders; ++i)
-      root.children.push_back({.name = "f" + std::to_string(i)});
-    return root;
-  }
-  // 0: there is none.
-  static int folders_of_current() {
-    if (ctl({"map", "info"}).exit_code != 0) return 0;
-    return json({"map", "info"})["map"]["folders"];
-  }
-  static std::vector<std::string> refused() {
-    return exists(kInbox + "/refused") ? list(kInbox + "/refused") : std::vector<std::string>{};
-  }
-  static time_t marker() {
-    struct stat st {};
-    return stat("/etc/tavrix/permission_refresh", &st) == 0 ? st.st_mtime : 0;
-  }
-  static void wait_for_folders(int folders) {
-    for (int tries = 0; tries < 200 && folders_of_current() != folders; ++tries) usleep(20000);
-    EXPECT_EQ(folders, folders_of_current());
-  }
-};
 
 TEST_F(Loader, MakesAPairCurrentAndTellsTheServers) {
   hand_over(team());
@@ -94,7 +52,7 @@ TEST_F(Loader, SetsARefusedPairAsideAndKeepsTheMap) {
   EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}), list(folder));
   EXPECT_TRUE(contains(read_file(folder + "/reason.txt"), "TOTALFSELEMS is 4"))
       << read_file(folder + "/reason.txt");
-  EXPECT_TRUE(contains(read_file("/var/log/tavrix_perms.log"), ",3,Failed processing"));
+  EXPECT_TRUE(contains(read_file("/var/log/tavrix_perms.log"), ",4,Failed processing"));
   EXPECT_EQ(1, segments_in_use() - 1) << "the table and the settings";
 }
 
@@ -146,7 +104,7 @@ TEST_F(Loader, RemovesTheTableOfALoaderThatDied) {
   once();
   ASSERT_NE(-1, shmget(0x70657269, 4096, IPC_CREAT | IPC_EXCL | 0));
   const Outcome outcome = once();
-  EXPECT_TRUE(contains(outcome.err, "removed the table of a loader that died")) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "removed table 0")) << outcome.err;
   EXPECT_EQ(-1, shmget(0x70657269, 0, 0));
   EXPECT_EQ(5, folders_of_current());
 }
@@ -163,19 +121,17 @@ TEST_F(Loader, GoesOnWithThePairOfALoaderThatDied) {
   EXPECT_FALSE(exists(kCopy + ".before"));
 }
 
-TEST_F(Loader, PublishesAWholeCopyThatWasNeverMadeCurrent) {
-  hand_over(team());
-  once();
-  const std::string old_copy = read_file(kCopy);
+// A pair is kept until its map is current, so a copy without a mark is that of a refused one.
+TEST_F(Loader, PublishesNoCopyThatWasNeverMadeCurrent) {
   hand_over(wide(9));
   once();
-  const std::string new_copy = read_file(kCopy);
+  const std::string never_current = read_file(kCopy);
   hand_over(team());
   once();
-  write_file(kCopy + ".before", old_copy);
-  write_file(kCopy, new_copy);
+  ASSERT_EQ(0, rename(kCopy.c_str(), (kCopy + ".before").c_str()));
+  write_file(kCopy, never_current);
   EXPECT_EQ(0, once().exit_code);
-  EXPECT_EQ(9, folders_of_current());
+  EXPECT_EQ(5, folders_of_current());
   EXPECT_FALSE(exists(kCopy + ".before"));
 }
 

@@ -113,7 +113,8 @@ int show(const Options& options, const std::string& path, const std::string& use
 int verify(const Options& options, const std::string& path) {
   const auto bytes = content_of(path);
   if (!bytes) return kFailure;
-  const auto findings = groupmap::verify(*bytes);
+  auto findings = groupmap::verify(*bytes);
+  groupmap::check_checksum(path, *bytes, findings);
   if (options.json) {
     print(json_of(findings));
   } else {

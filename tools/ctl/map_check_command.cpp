@@ -5,6 +5,8 @@
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/lint.hpp"
 #include "tools/mapcheck/verify.hpp"
+#include "tools/mapload/mark.hpp"
+#include "tools/mapload/paths.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -39,10 +41,41 @@ int lint(const Options& options, const std::string& size_path, const std::string
   return result->findings.errors() == 0 ? kYes : kNo;
 }
 
+// The checksum that was taken when the image was imported: the one beside a file, or that of the
+// published table.
+void check_checksum(const std::string& path, const Image& image, mapcheck::Findings& findings) {
+  const files::Digest digest = files::digest_of(image.bytes());
+  const auto add = [&findings](mapcheck::Severity severity, std::string text) {
+    findings.add({severity, "", "", 0, std::move(text)});
+  };
+  if (path.empty()) {
+    const auto mark = mapload::read_mark();
+    if (!mark) {
+      add(mapcheck::Severity::kWarning, "there is no mark of an import to compare the table with");
+    } else if (mark->digest != digest) {
+      add(mapcheck::Severity::kError, "the table is not what was imported: its checksum differs");
+    }
+    return;
+  }
+  switch (files::compare_checksum(path, digest)) {
+    case files::Checksum::kMatches:
+      return;
+    case files::Checksum::kMissing:
+      if (path == mapload::kLocalCopy) {
+        add(mapcheck::Severity::kWarning, "there is no " + files::checksum_path(path));
+      }
+      return;
+    case files::Checksum::kDiffers:
+      add(mapcheck::Severity::kError,
+          "the file is not what " + files::checksum_path(path) + " says");
+  }
+}
+
 int verify(const Options& options, const std::string& path) {
   const auto image = path.empty() ? Image::current() : Image::file(path);
   if (!image) return kFailure;
-  const mapcheck::Findings findings = mapcheck::verify(image->bytes());
+  mapcheck::Findings findings = mapcheck::verify(image->bytes());
+  check_checksum(path, *image, findings);
   if (options.json) {
     Json json = json_of(findings);
     json["image"] = image->origin();

@@ -9,6 +9,7 @@
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/map_table.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/mapload/recovery.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -20,17 +21,20 @@ bool remove_table(const TableState& table) {
   return false;
 }
 
+int remove_stale() {
+  mapload::Report report;
+  const int removed = mapload::remove_stale_tables(report);
+  tell(report);
+  if (removed == 0) complain("there is one table at most: nothing is stale");
+  return removed < 0 ? kFailure : kYes;
+}
+
 int remove(bool only_stale) {
+  // An import is not to find its table gone, nor to publish beside this.
+  const Fd lock = lock_or_complain();
+  if (!lock) return kFailure;
+  if (only_stale) return remove_stale();
   const MapState state = map_state();
-  if (only_stale) {
-    const int current = state.current == 1 ? 1 : 0;
-    const TableState& stale = state.tables[1 - current];
-    if (stale.shmid == -1) {
-      complain("table {} is not there: nothing is stale", 1 - current);
-      return kYes;
-    }
-    return remove_table(stale) ? kYes : kFailure;
-  }
   bool good = remove_table(state.tables[0]);
   good = remove_table(state.tables[1]) && good;
   if (state.set != -1 && semctl(state.set, 0, IPC_RMID) == -1) {

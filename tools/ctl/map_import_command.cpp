@@ -6,9 +6,13 @@
 
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
+#include "tools/ctl/map_table.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/lint.hpp"
+#include "tools/mapload/local_copy.hpp"
 #include "tools/mapload/map_loader.hpp"
+#include "tools/mapload/paths.hpp"
+#include "tools/mapload/recovery.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -24,15 +28,23 @@ void draw_progress(uint64_t done, uint32_t folders) {
 // The sequence of a load; without paths, from the local copy.
 int load(const Options& options, const char* size_path, const char* data_path) {
   set_debug_level(0);
-  mapload::Request request{size_path, data_path, options.verbose, {}};
+  mapload::Request request{size_path, data_path, options.verbose, {}, {}};
   const bool draws = isatty(STDERR_FILENO) == 1 && !options.verbose;
   if (draws) request.progress = draw_progress;
-  const Fd lock = mapload::lock_maps();
-  const mapload::Loaded loaded = mapload::load(request);
+  const Fd lock = lock_or_complain();
+  if (!lock) return kFailure;
+  const mapload::Recovery recovery = mapload::recover(mapload::Restore::kNo);
+  tell(recovery.report);
+  if (recovery.try_again) return kFailure;
+  const bool restores = size_path == nullptr;
+  const mapload::Loaded loaded =
+      restores ? mapload::load_copy(request, mapload::look_at_copy(mapload::kLocalCopy))
+               : mapload::load(request);
+  tell(loaded.report);
   if (draws) std::fprintf(stderr, "\r\033[K");
   if (!loaded.ok()) {
     if (!options.json && loaded.findings.errors() > 0) print_findings(loaded.findings);
-    complain(loaded.error);
+    complain("{}", loaded.error);
     return kFailure;
   }
   if (options.json) {
@@ -62,6 +74,7 @@ int import(const Options& options, const std::string& size_path, const std::stri
       } else {
         print_findings(result->findings);
       }
+      mapload::log_refused();
       complain("not imported: {} errors; --trust imports all the same", result->findings.errors());
       return kNo;
     }

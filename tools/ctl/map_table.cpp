@@ -11,6 +11,7 @@
 #include "perm_map.h"
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/verify.hpp"
+#include "tools/mapload/map_loader.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -37,6 +38,16 @@ MapState map_state() {
   state.current = semctl(state.set, 0, GETVAL);
   state.initialized = semctl(state.set, 1, GETVAL);
   return state;
+}
+
+Fd lock_or_complain() {
+  Fd lock = mapload::lock_maps();
+  if (!lock) complain("cannot take the lock of the maps: {}", std::strerror(errno));
+  return lock;
+}
+
+void tell(const mapload::Report& report) {
+  for (const mapload::Said& said : report) complain("{}", said.text);
 }
 
 std::optional<Image> Image::current() {

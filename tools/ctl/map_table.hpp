@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "internal/scoped.hpp"
+#include "tools/mapload/report.hpp"
 
 namespace tavrix::ctl {
 
@@ -27,6 +28,11 @@ struct MapState {
   TableState tables[2];
 };
 MapState map_state();
+
+// The lock of the maps; complains and gives none when it cannot be taken.
+Fd lock_or_complain();
+// To standard error.
+void tell(const mapload::Report& report);
 
 // An image to look at: the current table, or a file.
 class Image {

@@ -18,6 +18,8 @@
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "tavrix_getgrouplist.h"
+#include "tools/files/checksum.hpp"
+#include "tools/files/durable.hpp"
 
 namespace tavrix::groupmap {
 namespace {
@@ -136,6 +138,8 @@ std::vector<uint32_t> groups_of(const passwd& user) {
   return {groups.begin(), groups.end()};
 }
 
+constexpr mode_t kReadable = 0644;  // by server processes, whoever they are at the moment
+
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
 }
@@ -218,17 +222,29 @@ GroupMap from_system() {
 }
 
 void write_file(const std::string& path, const std::string& bytes) {
-  std::string temp = path + ".XXXXXX";
-  const Fd file(mkostemp(temp.data(), O_CLOEXEC));
-  if (!file) fail(temp);
-  const bool written = write_all(file.get(), bytes.data(), bytes.size()) >= 0 &&
-                       fchmod(file.get(), 0644) == 0 && fdatasync(file.get()) == 0 &&
-                       rename(temp.c_str(), path.c_str()) == 0;
-  if (written) return;
-  const int error = errno;
-  unlink(temp.c_str());
-  errno = error;
-  fail(path);
+  // Both checksums count until the new file is there: a power cut leaves one that fits.
+  const files::Digest digest = files::digest_of(std::string_view(bytes));
+  std::vector<files::Digest> both = {digest};
+  if (const auto old = files::digest_of_file(path)) both.push_back(*old);
+  if (!files::write_checksums(path, both, kReadable)) fail(files::checksum_path(path));
+  if (!files::replace(path, bytes, kReadable)) fail(path);
+  if (!files::write_checksums(path, {digest}, kReadable)) fail(files::checksum_path(path));
+}
+
+void check_checksum(const std::string& path, std::string_view bytes, Findings& findings) {
+  switch (files::compare_checksum(path, files::digest_of(bytes))) {
+    case files::Checksum::kMatches:
+      return;
+    case files::Checksum::kMissing:
+      findings.add({Severity::kWarning, "", "", 0,
+                    fmt::format("there is no {}", files::checksum_path(path))});
+      return;
+    case files::Checksum::kDiffers:
+      findings.add({Severity::kError, "", "", 0,
+                    fmt::format("the file is not what {} says: it is damaged, or was replaced "
+                                "without it",
+                                files::checksum_path(path))});
+  }
 }
 
 }  // namespace tavrix::groupmap

@@ -36,7 +36,11 @@ std::optional<GroupMap> decode(std::string_view bytes);
 // The machine's users with their groups, and the two reserved groups where they exist.
 GroupMap from_system();
 
-// Replaces the file as a whole: a reader has the old one or the new one. Throws std::system_error.
+// Replaces the file as a whole, with its checksum beside it: a reader has the old one or the new
+// one. Throws std::system_error.
 void write_file(const std::string& path, const std::string& bytes);
+
+// Compares the content with the checksum beside the file: another one is an error, none a warning.
+void check_checksum(const std::string& path, std::string_view bytes, mapcheck::Findings& findings);
 
 }  // namespace tavrix::groupmap

@@ -1,12 +1,17 @@
 #include "tools/loader/inbox.hpp"
 
 #include <fmt/format.h>
-#include <poll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
-#include <chrono>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <fstream>
+#include <vector>
+
+#include "tools/files/durable.hpp"
 
 namespace tavrix::loader {
 namespace {
@@ -16,44 +21,60 @@ namespace fs = std::filesystem;
 constexpr const char* kSizeName = "size.json";
 constexpr const char* kDataName = "data.json";
 
-bool is_complete(const Pair& pair) {
-  std::error_code none;
-  return fs::is_regular_file(pair.size, none) && fs::is_regular_file(pair.data, none);
+bool is_file(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-// Takes a name away, unless it is another file's by now.
-void remove_if_same(const std::string& name, const std::string& file) {
-  std::error_code none;
-  if (fs::equivalent(name, file, none)) fs::remove(name, none);
+bool is_complete(const Pair& pair) { return is_file(pair.size) && is_file(pair.data); }
+
+// Takes a name away, unless it is another file's by now. false when it stays.
+bool remove_if_same(const std::string& name, const std::string& file) {
+  struct stat named {
+  }, taken{};
+  if (stat(name.c_str(), &named) != 0) return errno == ENOENT;
+  if (stat(file.c_str(), &taken) != 0) return false;
+  if (named.st_dev != taken.st_dev || named.st_ino != taken.st_ino) return true;
+  return files::remove(name);
 }
 
 // A second name for a file; where the file system has none, the file moves.
 bool link_or_move(const std::string& from, const std::string& to) {
-  std::error_code error;
-  fs::create_hard_link(from, to, error);
-  if (error) fs::rename(from, to, error);
-  return !error;
+  return link(from.c_str(), to.c_str()) == 0 || rename(from.c_str(), to.c_str()) == 0;
 }
 
-// Seconds and a counter: two refusals of a second lie side by side.
+// To the microsecond, so that names sort by age; two refusals of one lie side by side.
 std::string name_of_now(const std::string& folder) {
-  const auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
   std::tm parts{};
-  gmtime_r(&now, &parts);
-  const std::string name =
-      fmt::format("{:04}{:02}{:02}T{:02}{:02}{:02}Z", parts.tm_year + 1900, parts.tm_mon + 1,
-                  parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
-  std::string path = folder + "/" + name;
-  for (int number = 2; fs::exists(path); ++number) {
-    path = folder + "/" + name + "-" + std::to_string(number);
-  }
+  gmtime_r(&now.tv_sec, &parts);
+  const std::string name = fmt::format(
+      "{}/{:04}{:02}{:02}T{:02}{:02}{:02}.{:06}Z", folder, parts.tm_year + 1900, parts.tm_mon + 1,
+      parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, now.tv_nsec / 1000);
+  std::string path = name;
+  for (int number = 2; files::exists(path); ++number) path = fmt::format("{}-{:02}", name, number);
   return path;
 }
 
 }  // namespace
 
-Inbox::Inbox(std::string folder)
-    : folder_(std::move(folder)), work_(folder_ + "/.work"), refused_(folder_ + "/refused") {}
+bool Inbox::Identity::operator==(const Identity& other) const {
+  return device == other.device && inode == other.inode && size == other.size &&
+         changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+}
+
+Inbox::Identity Inbox::identity_of(const std::string& path) {
+  struct stat info {};
+  if (stat(path.c_str(), &info) != 0) return {};
+  return {info.st_dev, info.st_ino, info.st_size, info.st_mtim};
+}
+
+Inbox::Inbox(std::string folder, unsigned keep_refused)
+    : folder_(std::move(folder)),
+      work_(folder_ + "/.work"),
+      refused_(folder_ + "/refused"),
+      keep_refused_(keep_refused) {}
 
 Pair Inbox::in(const std::string& folder) const {
   return {folder + "/" + kSizeName, folder + "/" + kDataName};
@@ -82,51 +103,79 @@ void Inbox::drain(const Fd& watch) {
   }
 }
 
-std::optional<Pair> Inbox::unfinished() const {
+std::optional<Pair> Inbox::unfinished() {
   Pair taken = in(work_);
   if (!is_complete(taken)) {
     finish(taken);  // taken in part only, and whole in the folder; or imported already
     return std::nullopt;
   }
-  leave(taken);
+  static_cast<void>(leave(taken));
   return taken;
 }
 
-// Both files are in both places before they leave the folder: a run that dies on the way finds the
-// pair whole here or there.
-std::optional<Pair> Inbox::take() const {
+// Both files are in both places, on the disk, before they leave the folder: a run that dies on the
+// way, or a power cut, leaves the pair whole here or there.
+std::optional<Pair> Inbox::take(std::string& complaint) {
   const Pair from = in(folder_);
   Pair to = in(work_);
   if (!is_complete(from)) return std::nullopt;
+  if (stuck_ && *stuck_ == identity_of(from.data)) return std::nullopt;
+  mkdir(work_.c_str(), 0755);  // it moved away with a pair that was refused
   finish(to);
-  if (!link_or_move(from.data, to.data) || !link_or_move(from.size, to.size)) return std::nullopt;
-  leave(to);
+  const bool taken = link_or_move(from.data, to.data) && link_or_move(from.size, to.size) &&
+                     files::sync_file(to.data) && files::sync_file(to.size) &&
+                     files::sync_folder(work_);
+  if (!taken) {
+    complaint = fmt::format("cannot take the pair out of {}: {}", folder_, std::strerror(errno));
+    return std::nullopt;
+  }
+  if (!leave(to)) {
+    complaint = fmt::format("cannot remove the pair from {}: {}; it is loaded once", folder_,
+                            std::strerror(errno));
+    stuck_ = identity_of(from.data);
+  }
   return to;
 }
 
 // What the agent has put there meanwhile is the next pair, and stays.
-void Inbox::leave(const Pair& taken) const {
+bool Inbox::leave(const Pair& taken) {
   const Pair from = in(folder_);
-  remove_if_same(from.data, taken.data);
-  remove_if_same(from.size, taken.size);
+  const bool data_left = remove_if_same(from.data, taken.data);
+  const bool size_left = remove_if_same(from.size, taken.size);
+  return data_left && size_left && files::sync_folder(folder_);
 }
 
+// The folder of the pair becomes the folder of the refusal, in one step: the pair is never between
+// two places, and a full disk has little to refuse. The reason is left out rather than the pair.
 std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {
-  std::string folder = name_of_now(refused_);
+  const std::string text = reason + "\n";
+  static_cast<void>(files::replace(work_ + "/reason.txt", text, 0644));
+  const std::string where = name_of_now(refused_);
+  if (rename(work_.c_str(), where.c_str()) != 0) return {};
+  static_cast<void>(files::sync_folder(refused_));
+  static_cast<void>(files::sync_folder(folder_));
+  mkdir(files::folder_of(pair.size).c_str(), 0755);
+  prune();
+  return where;
+}
+
+void Inbox::prune() const {
+  if (keep_refused_ == 0) return;
+  std::vector<std::string> names;
   std::error_code none;
-  fs::create_directories(folder, none);
-  std::ofstream(folder + "/reason.txt") << reason << '\n';
-  const Pair to = in(folder);
-  fs::rename(pair.size, to.size, none);
-  fs::rename(pair.data, to.data, none);
-  finish(pair);
-  return folder;
+  for (const auto& entry : fs::directory_iterator(refused_, none)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());  // by their times
+  for (std::size_t i = 0; i + keep_refused_ < names.size(); ++i) {
+    fs::remove_all(refused_ + "/" + names[i], none);
+  }
 }
 
 void Inbox::finish(const Pair& pair) const {
-  std::error_code none;
-  fs::remove(pair.size, none);
-  fs::remove(pair.data, none);
+  static_cast<void>(files::remove(pair.size));
+  static_cast<void>(files::remove(pair.data));
+  static_cast<void>(files::remove(work_ + "/reason.txt"));
 }
 
 }  // namespace tavrix::loader

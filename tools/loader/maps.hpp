@@ -1,33 +1,21 @@
-// What the loader does to maps, each a step that leaves the old or the new map current, whatever
-// ends it.
+// What the loader does with a pair: checks it and makes it current, or says why not.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "tools/loader/inbox.hpp"
+#include "tools/mapload/map_loader.hpp"
 
 namespace tavrix::loader {
 
-struct Result {
-  bool good = false;
+struct Outcome {
+  mapload::Result result = mapload::Result::kRefused;
   std::string text;  // what was done, or why not
+  mapload::Report report;
 };
 
-// Checks a pair and makes it current; a pair that does not pass harms nothing.
-Result load_pair(const Pair& pair);
-// Makes the local copy current: after a restart of the machine.
-Result restore();
-
-// After a loader that died: removes the table it was filling and settles which local copy counts.
-// `redo`: its pair is still there and will be loaded again.
-struct Recovery {
-  bool removed_table = false;
-  bool took_copy_back = false;  // the local copy of before
-  bool must_restore = false;    // a whole new local copy is there that was never made current
-};
-Recovery recover(bool redo);
-
-bool has_map();
-bool has_local_copy();
+// Under the lock. A pair that does not pass harms nothing, and stays.
+Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop);
 
 }  // namespace tavrix::loader

@@ -3,134 +3,57 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
-#include <sys/shm.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
-#include <thread>
 
-#include "internal/scoped.hpp"
 #include "mkperms_shm.h"
-#include "perm_map.h"
-#include "read_perms.h"
+#include "sweeper_log.h"
+#include "tools/files/durable.hpp"
 #include "tools/mapcheck/verify.hpp"
+#include "tools/mapload/import_child.hpp"
+#include "tools/mapload/paths.hpp"
+#include "tools/mapload/publish.hpp"
+#include "tools/mapload/room.hpp"
 
 namespace tavrix::mapload {
-
-const char* const kCopyBefore = TAVRIX_PERMBE_MAP_PATH ".before";
-
 namespace {
 
-namespace fs = std::filesystem;
-
-const char* kLocalCopy = TAVRIX_PERMBE_MAP_PATH;
-const char* kLock = "/etc/tavrix/.map.lock";
 // Where the header of an image holds the offset of the next folder.
 constexpr std::size_t kFolderOffsetAt = 132;
 
-struct FreeSummary {
-  void operator()(memsummary_s* summary) const {
-    std::free(summary->perm_map_name_size);
-    std::free(summary->perm_map_name_data);
-    std::free(summary);
-  }
-};
-using Summary = std::unique_ptr<memsummary_s, FreeSummary>;
-
-// The library's traces of an import fill a terminal; --verbose lets them through.
-class QuietOutput {
+// Names for the two files that the library's import may remove at its end, whatever came of it.
+class NamesToRemove {
  public:
-  explicit QuietOutput(bool quiet) {
-    if (!quiet) return;
-    std::fflush(stdout);
-    saved_.reset(dup(STDOUT_FILENO));
-    const Fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
-    dup2(null.get(), STDOUT_FILENO);
+  // false and errno.
+  bool make(const Request& request) {
+    if (mkdir(kImportFolder, 0700) != 0 && errno != EEXIST) return false;
+    return name(size_, request.size_path) && name(data_, request.data_path);
   }
-  ~QuietOutput() {
-    if (!saved_) return;
-    std::fflush(stdout);
-    dup2(saved_.get(), STDOUT_FILENO);
+  ~NamesToRemove() {
+    const ErrnoKeeper keep;
+    for (const std::string* path : {&size_, &data_}) static_cast<void>(files::remove(*path));
+    rmdir(kImportFolder);
   }
-  QuietOutput(const QuietOutput&) = delete;
-  QuietOutput& operator=(const QuietOutput&) = delete;
+  NamesToRemove() = default;
+  NamesToRemove(const NamesToRemove&) = delete;
+  NamesToRemove& operator=(const NamesToRemove&) = delete;
+  [[nodiscard]] char* size() { return size_.data(); }
+  [[nodiscard]] char* data() { return data_.data(); }
 
  private:
-  Fd saved_;
-};
-
-// The local copy as it was, to put back when the new image turns out broken: readers look at no
-// table without one, and the next restart reads it.
-class LocalCopyBackup {
- public:
-  LocalCopyBackup() {
-    std::error_code none;
-    if (!fs::exists(kLocalCopy, none)) return;
-    fs::copy_file(kLocalCopy, path_, fs::copy_options::overwrite_existing, none);
-    exists_ = !none;
+  struct Free {
+    void operator()(char* text) const { std::free(text); }
+  };
+  static bool name(const std::string& link, const char* file) {
+    const std::unique_ptr<char, Free> whole(realpath(file, nullptr));
+    return whole != nullptr && files::remove(link) && symlink(whole.get(), link.c_str()) == 0;
   }
-  ~LocalCopyBackup() {
-    std::error_code none;
-    if (exists_) fs::remove(path_, none);
-  }
-  LocalCopyBackup(const LocalCopyBackup&) = delete;
-  LocalCopyBackup& operator=(const LocalCopyBackup&) = delete;
-  void put_back() {
-    std::error_code none;
-    if (exists_) {
-      fs::rename(path_, kLocalCopy, none);
-      exists_ = false;
-    } else {
-      fs::remove(kLocalCopy, none);
-    }
-  }
-
- private:
-  std::string path_ = kCopyBefore;
-  bool exists_ = false;
-};
-
-// The table that will be the next one; removed again unless it is published.
-class NextTable {
- public:
-  // What stands in the way; nothing when it is made.
-  std::string create(int current, uint32_t bytes) {
-    current_ = current;
-    const int key = get_next_perm_table_key(current);
-    table_.reset(or_none(create_perm_map_shm(key, bytes, &shmid_)));
-    if (table_) return {};
-    if (shmget(key, 0, 0) == -1) {
-      return fmt::format("cannot make a table of {} bytes: {}", bytes, std::strerror(errno));
-    }
-    return fmt::format(
-        "table {} (key 0x{:x}) is there already: an import is running, or one left it behind; "
-        "\"tavrixctl map remove --stale\" clears it",
-        1 - current, key);
-  }
-  ~NextTable() {
-    if (table_ && !is_published_) shmctl(shmid_, IPC_RMID, nullptr);
-  }
-  [[nodiscard]] void* get() const { return table_.get(); }
-  bool publish() {
-    is_published_ = true;  // from the swap on the table is the readers', whatever comes of it
-    if (swap_maps(static_cast<unsigned>(current_)) == 0 && map_initialized(1) == 0) return true;
-    is_published_ = get_current_perm_table_index_for_fill() != current_;
-    return false;
-  }
-
- private:
-  static void* or_none(void* table) { return table == nullptr ? ShmTraits::none() : table; }
-  ShmAttachment table_;
-  int shmid_ = -1;
-  int current_ = 0;
-  bool is_published_ = false;
+  std::string size_ = std::string(kImportFolder) + "/size.json";
+  std::string data_ = std::string(kImportFolder) + "/data.json";
 };
 
 // Folders that the child has filled so far.
@@ -140,125 +63,200 @@ uint64_t folders_done(const void* image) {
   return __atomic_load_n(offset, __ATOMIC_RELAXED) / sizeof(fs_elem_s);
 }
 
-// Runs the import in a child; its code, or -1 when it aborted.
-int run_import(memsummary_s& summary, const Request& request) {
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    const QuietOutput quiet(!request.verbose);
-    const int code = init_permbe_shm(&summary);
-    std::fflush(nullptr);
-    _exit(code);
-  }
-  int status = 0;
-  while (waitpid(child, &status, request.progress ? WNOHANG : 0) == 0) {
-    request.progress(folders_done(summary.membuf), summary.total_fselems);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+uint64_t size_of(const char* path) {
+  struct stat info {};
+  return path != nullptr && stat(path, &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
 }
 
-const char* meaning_of(int code) {
-  switch (code) {
-    case SHM_MEMBE_ERR_NOMEM:
-      return "out of memory";
-    case SHM_MEMBE_ERR_BADARGS:
-      return "a file cannot be read, or the image has no header";
-    case SHM_MEMBE_ERR_NOPERM_SIZE_FILE:
-      return "the size file is missing";
-    case SHM_MEMBE_ERR_NOPERM_FILE:
-      return "the data file is missing";
-    case SHM_MEMBE_ERR_NOCACHE_FILE:
-      return "there is no local copy";
-    case SHM_MEMBE_ERR_PERMMAP_WRERR:
-      return "the local copy cannot be written";
-    case SHM_MEMBE_ERR_PERMMAP_RDERR:
-      return "the local copy cannot be read, or is no image";
-    case SHM_MEMBE_ERR_PERMMAP_BUFFER2SMALL:
-      return "the local copy is larger than the table";
-    default:
-      return "it failed";
-  }
+// The library's import tells the operator of a file that it could not remove; so does this.
+void remove_file(const char* path, const char* which, Report& report) {
+  if (files::remove(path)) return;
+  const std::string text = fmt::format("Could not unlink {} file {} errno {}", which, path, errno);
+  log_perm_error(text.c_str(), CANNOT_UNLINK_JSON_FILES, SWEEPER_LOGSEV_WARN);
+  report.push_back({Weight::kWarning, text});
 }
 
-std::string with_code(int code) { return fmt::format("{} (code {})", meaning_of(code), code); }
+class Loading {
+ public:
+  explicit Loading(const Request& request) : request_(request) {
+    how_.verbose = request.verbose;
+    how_.should_stop = request.should_stop;
+  }
 
-Loaded failed(std::string error) {
-  Loaded result;
-  result.error = std::move(error);
-  return result;
-}
+  Loaded import() {
+    if (run_import()) {
+      log_published();
+    } else if (loaded_.result == Result::kRefused) {
+      log_refused();
+    }
+    return std::move(loaded_);
+  }
 
-// Fills the table and publishes it when it is sound.
-Loaded fill_and_publish(NextTable& table, memsummary_s& summary, const Request& request) {
-  LocalCopyBackup backup;
-  const int code = run_import(summary, request);
-  if (code != SHM_MEMBE_OK) {
-    backup.put_back();
-    if (code != -1) return failed(with_code(code));
-    return failed(
-        "the import was aborted by an assertion: the files break the grammar; \"tavrixctl map "
-        "lint\" tells where");
+  Loaded restore(const Copy& copy) {
+    if (run_restore(copy)) {
+      log_published();
+    } else if (loaded_.result == Result::kRefused) {
+      log_refused();
+    }
+    return std::move(loaded_);
   }
-  const auto* bytes = static_cast<const std::byte*>(table.get());
-  Loaded result;
-  result.findings = mapcheck::verify({bytes, summary.memsize});
-  if (result.findings.errors() > 0) {
-    backup.put_back();
-    result.error = "the image is broken and was not published; the map of before stays";
-    return result;
+
+ private:
+  bool run_restore(const Copy& copy) {
+    // A copy that is missing is the library's to tell.
+    if (copy.state == Copy::State::kDamaged) return refuse(copy.why);
+    if (copy.state == Copy::State::kUnreadable) return fail_with(copy.why, EIO);
+    if (!prepare(nullptr, nullptr) || !fill() || !check_table()) return false;
+    if (digest_ != copy.digest) return fail_with("the table is not what the local copy holds", EIO);
+    if (!publish()) return false;
+    if (!settle_copy(digest_)) warn("cannot settle the local copy", errno);
+    return true;
   }
-  if (!table.publish()) {
-    return failed(fmt::format("cannot make the new table current: {}", std::strerror(errno)));
+
+  bool run_import() {
+    if (!prepare(request_.size_path, request_.data_path)) return false;
+    const std::string lack = lack_of_room(summary_.memsize, size_of(request_.data_path));
+    if (!lack.empty()) return refuse(lack);
+    NamesToRemove names;
+    if (!names.make(request_)) return fail("cannot name the two files", errno);
+    summary_.perm_map_name_size = names.size();
+    summary_.perm_map_name_data = names.data();
+    CopyReplacement copy;
+    if (!copy.begin()) return fail("cannot set the local copy aside", errno);
+    if (!fill() || !check_table() || !check_copy()) return false;
+    if (!copy.confirm(digest_)) return fail("cannot sync the local copy", errno);
+    if (!publish()) return false;
+    if (!table_.is_in_place() || !files::exists(kLocalCopy)) {
+      return fail_with("the table or the local copy vanished while it was published", EAGAIN);
+    }
+    copy.keep();
+    // From here on the map is current, whatever fails; the next recovery does the rest again.
+    if (!settle_copy(digest_)) warn("cannot settle the local copy", errno);
+    remove_file(request_.data_path, "data", loaded_.report);
+    remove_file(request_.size_path, "size", loaded_.report);
+    return true;
   }
-  const auto& header = *reinterpret_cast<const tavrix_be_header*>(bytes);
-  result.folders = header.total_fselems;
-  result.entries = header.total_aces;
-  result.bytes = summary.memsize;
-  return result;
+
+  // The sizes, and an empty table of that size.
+  bool prepare(const char* size_path, const char* data_path) {
+    SizePass pass = run_size_pass(size_path, data_path, how_);
+    if (!pass.end.ok()) return end_with(pass.end);
+    summary_ = pass.summary;
+    const Tables tables = look_at_tables();
+    if (tables.error != 0) return fail("cannot look at the tables", tables.error);
+    if (size_path != nullptr) {
+      const std::string lack = lack_of_room(summary_.memsize, size_of(data_path));
+      if (!lack.empty()) return refuse(lack);
+    }
+    const int current = tables.set == -1 || tables.current != 1 ? 0 : 1;
+    const std::string obstacle = table_.create(1 - current, summary_.memsize);
+    if (!obstacle.empty()) return fail_with(obstacle, errno);
+    summary_.membuf = table_.address();
+    return true;
+  }
+
+  bool fill() {
+    if (request_.progress) {
+      how_.progress = [this] {
+        request_.progress(folders_done(table_.address()), summary_.total_fselems);
+      };
+    }
+    const PassEnd end = run_data_pass(summary_, how_);
+    return end.ok() || end_with(end);
+  }
+
+  bool check_table() {
+    loaded_.findings = mapcheck::verify(table_.image());
+    if (loaded_.findings.errors() > 0) {
+      return refuse("the image is broken and was not published; the map of before stays");
+    }
+    digest_ = files::digest_of(table_.image());
+    return true;
+  }
+
+  bool check_copy() {
+    const auto digest = files::digest_of_file(kLocalCopy);
+    if (!digest) return fail("cannot read the local copy", errno);
+    if (*digest == digest_) return true;
+    return fail_with("the local copy is not what was written", EIO);
+  }
+
+  bool publish() {
+    const std::string obstacle = table_.publish(digest_, loaded_.report);
+    if (!obstacle.empty()) return fail_with(obstacle, errno);
+    tell_servers(loaded_.report);
+    tavrix_be_header header{};
+    std::memcpy(&header, table_.image().data(), sizeof header);
+    loaded_.result = Result::kPublished;
+    loaded_.table = table_.index();
+    loaded_.folders = header.total_fselems;
+    loaded_.entries = header.total_aces;
+    loaded_.bytes = summary_.memsize;
+    return true;
+  }
+
+  bool refuse(std::string why) {
+    loaded_.result = Result::kRefused;
+    loaded_.error = std::move(why);
+    return false;
+  }
+  bool fail_with(std::string why, int error) {
+    refuse(std::move(why));
+    if (files::is_transient(error)) loaded_.result = Result::kTryAgain;
+    return false;
+  }
+  bool fail(const char* what, int error) {
+    return fail_with(fmt::format("{}: {}", what, std::strerror(error)), error);
+  }
+  bool end_with(const PassEnd& end) {
+    refuse(end.text());
+    if (end.is_transient()) loaded_.result = Result::kTryAgain;
+    if (end.kind == PassEnd::Kind::kStopped) loaded_.result = Result::kStopped;
+    return false;
+  }
+  void warn(const char* what, int error) {
+    loaded_.report.push_back({Weight::kWarning, fmt::format("{}: {}", what, std::strerror(error))});
+  }
+
+  const Request& request_;
+  Supervision how_;
+  memsummary_s summary_{};
+  NextTable table_;
+  files::Digest digest_;
+  Loaded loaded_;
+};
+
+Fd lock(int flags) {
+  Fd lock(open(kLock, O_CREAT | O_RDWR | O_CLOEXEC, kPrivate));
+  while (lock && flock(lock.get(), flags) != 0) {
+    if (errno != EINTR) lock.reset();
+  }
+  return lock;
 }
 
 }  // namespace
 
-Fd lock_maps() {
-  Fd lock(open(kLock, O_CREAT | O_RDWR | O_CLOEXEC, 0600));
-  if (lock && flock(lock.get(), LOCK_EX) != 0) lock.reset();
-  return lock;
+std::string Loaded::text() const {
+  if (!ok()) return error;
+  return fmt::format("table {} is current: {} folders, {} entries, {} bytes", table, folders,
+                     entries, bytes);
 }
 
-Loaded load(const Request& request) {
-  if (init_perm_map_semaphore() != 0) {
-    return failed(fmt::format("cannot get the semaphores: {}", std::strerror(errno)));
-  }
-  const int current = get_current_perm_table_index_for_fill();
-  memsummary_s* made = nullptr;
-  int code;
-  {
-    const QuietOutput quiet(!request.verbose);
-    code = get_permbe_shmsize(request.size_path, request.data_path, &made);
-  }
-  const Summary summary(made);
-  if (code != SHM_MEMBE_OK || current < 0) return failed(with_code(code));
-  NextTable table;
-  if (std::string obstacle = table.create(current, summary->memsize); !obstacle.empty()) {
-    return failed(std::move(obstacle));
-  }
-  summary->membuf = table.get();
-  Loaded result = fill_and_publish(table, *summary, request);
-  result.table = 1 - current;
-  return result;
+Fd lock_maps() { return lock(LOCK_EX); }
+Fd try_lock_maps() { return lock(LOCK_EX | LOCK_NB); }
+
+Loaded load(const Request& request) { return Loading(request).import(); }
+Loaded load_copy(const Request& request, const Copy& copy) {
+  return Loading(request).restore(copy);
 }
 
-bool remove_stale_table() {
-  const int current = get_current_perm_table_index_for_fill();
-  if (current < 0) return false;
-  const int stale = shmget(get_next_perm_table_key(current), 0, 0);
-  return stale != -1 && shmctl(stale, IPC_RMID, nullptr) == 0;
+void log_published() {
+  log_perm_error("Successfully processed permission map", PERMISSION_MAP_SUCCESS,
+                 SWEEPER_LOGSEV_INFO);
 }
 
-bool has_current_table() {
-  const int current = get_current_perm_table_index_for_fill();
-  return current >= 0 && shmget(get_next_perm_table_key(1 - current), 0, 0) != -1;
+void log_refused() {
+  log_perm_error("Failed processing permission map", CORRUPTED_PERMISSION_MAP, SWEEPER_LOGSEV_CRIT);
 }
 
 }  // namespace tavrix::mapload

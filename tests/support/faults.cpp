@@ -1,0 +1,253 @@
+// A library to preload into a real program: calls that fail, stop or kill it at a chosen moment,
+// and a trace of what it changes in folders. tests/support/faults.hpp tells the settings.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+struct Rule {
+  char call[32];
+  char path[64];  // part of it; empty: any
+  int action;     // an errno, or one of the two below
+  int from, times;
+  int seen;
+};
+constexpr int kStop = -1, kKill = -2;
+constexpr int kMostRules = 16;
+Rule* rules = nullptr;  // shared with children: a call is counted once, whoever makes it
+int rule_count = -1;
+
+template <typename Function>
+Function real(const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+void read_rules() {
+  rule_count = 0;
+  void* shared = mmap(nullptr, kMostRules * sizeof(Rule), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) abort();
+  rules = static_cast<Rule*>(shared);
+  const char* text = getenv("TAVRIX_FAULTS");
+  while (text != nullptr && *text != '\0' && rule_count < kMostRules) {
+    Rule& rule = rules[rule_count];
+    char action[16] = "";
+    char name[96] = "";
+    rule = {};
+    rule.times = 1;
+    if (sscanf(text, "%95[^:]:%15[^:]:%d:%d", name, action, &rule.from, &rule.times) >= 3) {
+      char* at = strchr(name, '@');
+      if (at != nullptr) {
+        *at = '\0';
+        snprintf(rule.path, sizeof rule.path, "%.63s", at + 1);
+      }
+      snprintf(rule.call, sizeof rule.call, "%.31s", name);
+      rule.action = strcmp(action, "stop") == 0   ? kStop
+                    : strcmp(action, "kill") == 0 ? kKill
+                                                  : atoi(action);
+      ++rule_count;
+    }
+    text = strchr(text, ',');
+    if (text != nullptr) ++text;
+  }
+}
+
+// true: the call fails with errno.
+bool fails(const char* call, const char* path = "") {
+  if (rule_count < 0) read_rules();
+  for (int i = 0; i < rule_count; ++i) {
+    Rule& rule = rules[i];
+    if (strcmp(rule.call, call) != 0 || strstr(path, rule.path) == nullptr) continue;
+    ++rule.seen;
+    if (rule.seen < rule.from || rule.seen >= rule.from + rule.times) continue;
+    if (rule.action == kStop) {
+      raise(SIGSTOP);
+    } else if (rule.action == kKill) {
+      raise(SIGKILL);
+    } else {
+      errno = rule.action;
+      return true;
+    }
+  }
+  return false;
+}
+
+// One line an operation: the words with tabs between, and the bytes in hex.
+void trace(const char* what, const char* first, const char* second = "",
+           const void* bytes = nullptr, size_t size = 0) {
+  const char* file = getenv("TAVRIX_TRACE");
+  if (file == nullptr ||
+      (strstr(first, "/etc/tavrix") == nullptr && strstr(first, "/scratch/maps") == nullptr)) {
+    return;
+  }
+  const int saved = errno;
+  const size_t room = 2 * size + 1024;
+  char* line = static_cast<char*>(malloc(room));
+  int length = snprintf(line, room, "%s\t%s\t%s\t", what, first, second);
+  for (size_t i = 0; i < size; ++i) {
+    length += snprintf(line + length, room - static_cast<size_t>(length), "%02x",
+                       static_cast<const unsigned char*>(bytes)[i]);
+  }
+  line[length++] = '\n';
+  const int fd =
+      real<int (*)(const char*, int, ...)>("open")(file, O_WRONLY | O_CREAT | O_APPEND, 0600);
+  if (real<ssize_t (*)(int, const void*, size_t)>("write")(fd, line, static_cast<size_t>(length)) <
+      0) {
+    abort();
+  }
+  close(fd);
+  free(line);
+  errno = saved;
+}
+
+struct PathOf {
+  char text[4096] = "";
+  explicit PathOf(int fd) {
+    char link[64];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t length = readlink(link, text, sizeof text - 1);
+    if (length > 0) text[length] = '\0';
+  }
+};
+
+}  // namespace
+
+extern "C" {
+
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = va_arg(arguments, mode_t);
+  va_end(arguments);
+  if (fails("open", path)) return -1;
+  const bool makes = (flags & O_CREAT) != 0 && access(path, F_OK) != 0;
+  const int fd = real<int (*)(const char*, int, ...)>("open")(path, flags, mode);
+  if (fd >= 0 && makes) trace("create", path);
+  if (fd >= 0 && !makes && (flags & O_TRUNC) != 0) trace("truncate", path);
+  return fd;
+}
+
+FILE* fopen(const char* path, const char* mode) {
+  if (fails("fopen", path)) return nullptr;
+  return real<FILE* (*)(const char*, const char*)>("fopen")(path, mode);
+}
+
+int stat(const char* path, struct stat* info) {
+  if (fails("stat", path)) return -1;
+  return real<int (*)(const char*, struct stat*)>("stat")(path, info);
+}
+
+ssize_t write(int fd, const void* bytes, size_t size) {
+  const PathOf path(fd);
+  if (fails("write", path.text)) return -1;
+  const ssize_t done = real<ssize_t (*)(int, const void*, size_t)>("write")(fd, bytes, size);
+  if (done > 0) trace("write", path.text, "", bytes, static_cast<size_t>(done));
+  return done;
+}
+
+int link(const char* from, const char* to) {
+  if (fails("link", to)) return -1;
+  const int result = real<int (*)(const char*, const char*)>("link")(from, to);
+  if (result == 0) trace("link", from, to);
+  return result;
+}
+
+int symlink(const char* target, const char* name) {
+  if (fails("symlink", name)) return -1;
+  return real<int (*)(const char*, const char*)>("symlink")(target, name);
+}
+
+int rename(const char* from, const char* to) {
+  if (fails("rename", to)) return -1;
+  const int result = real<int (*)(const char*, const char*)>("rename")(from, to);
+  if (result == 0) trace("rename", from, to);
+  return result;
+}
+
+int unlink(const char* path) {
+  if (fails("unlink", path)) return -1;
+  const int result = real<int (*)(const char*)>("unlink")(path);
+  if (result == 0) trace("unlink", path);
+  return result;
+}
+
+int remove(const char* path) {
+  if (fails("unlink", path)) return -1;
+  const int result = real<int (*)(const char*)>("remove")(path);
+  if (result == 0) trace("unlink", path);
+  return result;
+}
+
+int mkdir(const char* path, mode_t mode) {
+  if (fails("mkdir", path)) return -1;
+  return real<int (*)(const char*, mode_t)>("mkdir")(path, mode);
+}
+
+int fsync(int fd) {
+  const PathOf path(fd);
+  if (fails("fsync", path.text)) return -1;
+  const int result = real<int (*)(int)>("fsync")(fd);
+  if (result == 0) trace("sync", path.text);
+  return result;
+}
+
+pid_t fork(void) {
+  if (fails("fork")) return -1;
+  return real<pid_t (*)()>("fork")();
+}
+
+int flock(int fd, int operation) {
+  if (fails("flock")) return -1;
+  return real<int (*)(int, int)>("flock")(fd, operation);
+}
+
+int semget(key_t key, int count, int flags) {
+  if (fails("semget")) return -1;
+  return real<int (*)(key_t, int, int)>("semget")(key, count, flags);
+}
+
+int semctl(int id, int number, int command, ...) {
+  va_list arguments;
+  va_start(arguments, command);
+  void* fourth = va_arg(arguments, void*);
+  va_end(arguments);
+  if (fails(command == SETALL ? "setall" : command == GETVAL ? "getval" : "semctl")) return -1;
+  return real<int (*)(int, int, int, ...)>("semctl")(id, number, command, fourth);
+}
+
+int shmget(key_t key, size_t size, int flags) {
+  if (fails((flags & IPC_CREAT) != 0 ? "shmnew" : "shmget")) return -1;
+  return real<int (*)(key_t, size_t, int)>("shmget")(key, size, flags);
+}
+
+void* shmat(int id, const void* address, int flags) {
+  if (fails("shmat")) return reinterpret_cast<void*>(-1);
+  return real<void* (*)(int, const void*, int)>("shmat")(id, address, flags);
+}
+
+int shmctl(int id, int command, struct shmid_ds* info) {
+  if (fails(command == IPC_RMID ? "shmrm" : "shmctl")) return -1;
+  return real<int (*)(int, int, struct shmid_ds*)>("shmctl")(id, command, info);
+}
+
+void* calloc(size_t count, size_t size) {
+  extern void* __libc_calloc(size_t, size_t);
+  // Large blocks only: the start of a program allocates too.
+  if (count * size > 100 && size >= 100 && rule_count >= 0 && fails("calloc")) return nullptr;
+  return __libc_calloc(count, size);
+}
+
+}  // extern "C"

@@ -1,0 +1,109 @@
+#include "tools/loader/worker.hpp"
+
+#include <fmt/format.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/loader/words.hpp"
+#include "tools/mapload/recovery.hpp"
+
+namespace tavrix::loader {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr unsigned kTries = 6;
+constexpr milliseconds kFirstPause{100};  // twice as long each time
+constexpr milliseconds kPauseForLock{200};
+constexpr milliseconds kPauseForRoom{10000};
+
+}  // namespace
+
+milliseconds Worker::pause() const {
+  if (!pair_ && next_ == Clock::time_point{}) return milliseconds::max();
+  return std::max(milliseconds{1}, std::chrono::duration_cast<milliseconds>(next_ - Clock::now()));
+}
+
+Worker::Step Worker::step(bool may_wait, const std::function<bool()>& should_stop) {
+  if (Clock::now() < next_) return Step::kWaiting;
+  next_ = {};
+  // Also for the taking: what another loader has in work is not to be touched.
+  const Fd lock = may_wait ? mapload::lock_maps() : mapload::try_lock_maps();
+  if (!lock) {
+    if (errno != EWOULDBLOCK) {
+      tell(Tone::kError, fmt::format("cannot take the lock of the maps: {}", std::strerror(errno)));
+    }
+    wait(kPauseForLock);
+    return Step::kWaiting;
+  }
+  if (!is_resumed_) pair_ = inbox_.unfinished();
+  is_resumed_ = true;
+  if (!pair_) {
+    std::string complaint;
+    pair_ = inbox_.take(complaint);
+    if (!complaint.empty()) tell(Tone::kError, complaint);
+    if (!pair_ && !complaint.empty() && ++tries_ < kTries) {
+      wait(kFirstPause * (1U << (tries_ - 1)));
+      return Step::kWaiting;
+    }
+    tries_ = 0;
+  }
+  if (!pair_) return Step::kNothing;
+  return reason_.empty() ? load(should_stop) : refuse(reason_);
+}
+
+Worker::Step Worker::load(const std::function<bool()>& should_stop) {
+  if (!mapload::is_well()) {
+    const mapload::Recovery recovery = mapload::recover(mapload::Restore::kNo);
+    tell(recovery.report);
+    if (recovery.try_again) return try_again(recovery.status);
+  }
+  const Outcome outcome = load_pair(*pair_, should_stop);
+  tell(outcome.report);
+  switch (outcome.result) {
+    case mapload::Result::kPublished:
+      inbox_.finish(*pair_);
+      pair_.reset();
+      tries_ = 0;
+      tell(Tone::kInfo, outcome.text);
+      set_status(outcome.text);
+      return Step::kPublished;
+    case mapload::Result::kTryAgain:
+      return try_again(outcome.text);
+    case mapload::Result::kStopped:
+      return Step::kStopped;
+    default:
+      return refuse(outcome.text);
+  }
+}
+
+Worker::Step Worker::try_again(const std::string& text) {
+  if (++tries_ >= kTries) {
+    mapload::log_refused();
+    return refuse(fmt::format("{}; given up after {} tries", text, tries_));
+  }
+  tell(Tone::kWarning, text + "; it is tried again");
+  wait(kFirstPause * (1U << (tries_ - 1)));
+  return Step::kWaiting;
+}
+
+Worker::Step Worker::refuse(const std::string& reason) {
+  const std::string where = inbox_.refuse(*pair_, reason);
+  if (where.empty()) {
+    tell(Tone::kError, fmt::format("refused, and the pair cannot be set aside ({}): {}",
+                                   std::strerror(errno), reason));
+    reason_ = reason;
+    wait(kPauseForRoom);
+    return Step::kWaiting;
+  }
+  const std::string text = "refused, see " + where + ": " + reason;
+  service::say(Tone::kWarning, text);
+  set_status(text);
+  reason_.clear();
+  pair_.reset();
+  tries_ = 0;
+  return Step::kRefused;
+}
+
+}  // namespace tavrix::loader

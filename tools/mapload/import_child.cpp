@@ -1,0 +1,168 @@
+#include "tools/mapload/import_child.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "internal/scoped.hpp"
+#include "read_perms.h"
+#include "tools/files/durable.hpp"
+
+namespace tavrix::mapload {
+namespace {
+
+constexpr int kPollMilliseconds = 50;
+
+// The library's traces of an import fill a terminal.
+void silence_output() {
+  const Fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  if (null) dup2(null.get(), STDOUT_FILENO);
+}
+
+[[noreturn]] void be_the_child(pid_t parent, const std::function<int()>& pass, bool verbose) {
+  // Nobody publishes what an import without a parent makes; and it holds the lock.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(0);
+  if (!verbose) silence_output();
+  const int code = pass();
+  std::fflush(nullptr);
+  _exit(code);
+}
+
+PassEnd end_of(int status) {
+  PassEnd end;
+  if (WIFEXITED(status)) {
+    end.code = WEXITSTATUS(status);
+  } else if (WTERMSIG(status) == SIGABRT) {
+    end.kind = PassEnd::Kind::kAborted;
+  } else {
+    end.kind = PassEnd::Kind::kKilled;
+    end.signal = WTERMSIG(status);
+  }
+  return end;
+}
+
+// Waits for the child, and calls what is to be called meanwhile.
+PassEnd supervise(pid_t child, const Supervision& how) {
+  const Fd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  bool stopped = false;
+  int status = 0;
+  for (;;) {
+    const pid_t ended = waitpid(child, &status, WNOHANG);
+    if (ended == child) break;
+    pollfd ready{handle.get(), POLLIN, 0};  // without a handle, only the time passes
+    poll(&ready, 1, handle ? kPollMilliseconds : 1);
+    if (how.progress) how.progress();
+    if (!stopped && how.should_stop && how.should_stop()) {
+      stopped = true;
+      kill(child, SIGKILL);
+    }
+  }
+  PassEnd end = end_of(status);
+  if (stopped && !end.ok()) end.kind = PassEnd::Kind::kStopped;
+  return end;
+}
+
+PassEnd run(const std::function<int()>& pass, const Supervision& how) {
+  std::fflush(nullptr);
+  const pid_t parent = getpid();
+  const pid_t child = fork();
+  if (child == 0) be_the_child(parent, pass, how.verbose);
+  if (child > 0) return supervise(child, how);
+  PassEnd end;
+  end.kind = PassEnd::Kind::kNotStarted;
+  end.error = errno;
+  return end;
+}
+
+const char* meaning_of(int code) {
+  switch (code) {
+    case SHM_MEMBE_ERR_NOMEM:
+      return "out of memory";
+    case SHM_MEMBE_ERR_BADARGS:
+      return "a file cannot be read, or the image has no header";
+    case SHM_MEMBE_ERR_NOPERM_SIZE_FILE:
+      return "the size file is missing";
+    case SHM_MEMBE_ERR_NOPERM_FILE:
+      return "the data file is missing";
+    case SHM_MEMBE_ERR_NOCACHE_FILE:
+      return "there is no local copy";
+    case SHM_MEMBE_ERR_PERMMAP_WRERR:
+      return "the local copy cannot be written";
+    case SHM_MEMBE_ERR_PERMMAP_RDERR:
+      return "the local copy cannot be read, or is no image";
+    case SHM_MEMBE_ERR_PERMMAP_BUFFER2SMALL:
+      return "the local copy is larger than the table";
+    default:
+      return "it failed";
+  }
+}
+
+}  // namespace
+
+bool PassEnd::is_transient() const {
+  // The files passed a lint before, so a code says that a call failed.
+  return (kind == Kind::kReturned && code != 0) || kind == Kind::kNotStarted;
+}
+
+std::string PassEnd::text() const {
+  switch (kind) {
+    case Kind::kReturned:
+      return fmt::format("{} (code {})", meaning_of(code), code);
+    case Kind::kAborted:
+      return "the import was aborted by an assertion: the files break the grammar; \"tavrixctl map "
+             "lint\" tells where";
+    case Kind::kKilled:
+      return fmt::format("the import was killed by signal {} ({})", signal, strsignal(signal));
+    case Kind::kNotStarted:
+      return fmt::format("cannot start a process for the import: {}", std::strerror(error));
+    case Kind::kStopped:
+      return "the import was stopped";
+  }
+  return {};
+}
+
+SizePass run_size_pass(const char* size_path, const char* data_path, const Supervision& how) {
+  SizePass result;
+  constexpr std::size_t kSize = sizeof(memsummary_s);
+  void* shared = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) {
+    result.end = {PassEnd::Kind::kNotStarted, 0, 0, errno};
+    return result;
+  }
+  result.end = run(
+      [&] {
+        memsummary_s* made = nullptr;
+        const int code = get_permbe_shmsize(size_path, data_path, &made);
+        if (code == SHM_MEMBE_OK) std::memcpy(shared, made, kSize);
+        return code;
+      },
+      how);
+  std::memcpy(&result.summary, shared, kSize);
+  munmap(shared, kSize);
+  // The child's addresses.
+  result.summary.sth = {};
+  result.summary.perm_map_name_size = result.summary.perm_map_name_data = nullptr;
+  return result;
+}
+
+PassEnd run_data_pass(const memsummary_s& summary, const Supervision& how) {
+  return run(
+      [&] {
+        memsummary_s own = summary;
+        const membe_shm_err err = init_shmbe(&own);
+        return err == SHM_MEMBE_OK ? process_permmap(&own) : err;
+      },
+      how);
+}
+
+}  // namespace tavrix::mapload

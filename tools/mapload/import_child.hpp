@@ -1,0 +1,41 @@
+// The library's two passes, each in a process of its own: a file that breaks the grammar aborts
+// it, and neither the table nor the program that asked is to go with it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "mkperms_shm.h"
+
+namespace tavrix::mapload {
+
+// How a pass ended.
+struct PassEnd {
+  enum class Kind { kReturned, kAborted, kKilled, kNotStarted, kStopped } kind = Kind::kReturned;
+  int code = 0;    // kReturned
+  int signal = 0;  // kKilled
+  int error = 0;   // kNotStarted
+  [[nodiscard]] bool ok() const { return kind == Kind::kReturned && code == 0; }
+  // The same files may pass the next time.
+  [[nodiscard]] bool is_transient() const;
+  [[nodiscard]] std::string text() const;
+};
+
+struct Supervision {
+  bool verbose = false;               // lets the library's own output through
+  std::function<void()> progress;     // called while a pass runs, about every 50 ms
+  std::function<bool()> should_stop;  // likewise; true ends the pass
+};
+
+// The numbers of the size file, or of the local copy when both paths are null.
+struct SizePass {
+  PassEnd end;
+  memsummary_s summary{};  // without its paths
+};
+SizePass run_size_pass(const char* size_path, const char* data_path, const Supervision& how);
+
+// Fills the image at summary.membuf and writes the local copy; or fills it from there.
+PassEnd run_data_pass(const memsummary_s& summary, const Supervision& how);
+
+}  // namespace tavrix::mapload
