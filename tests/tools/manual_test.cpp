@@ -81,8 +81,11 @@ TEST_F(Manual, KnowsTheLoadersFlags) {
 }
 
 TEST_F(Manual, KnowsTheModulesOptions) {
-  const std::string code = read_file(TAVRIX_SOURCE_DIR "/samba/connection.c");
-  for (const char* option : {"reserved user", "allow computer accounts", "audit"}) {
+  std::string code;
+  for (const std::string& name : list(TAVRIX_SOURCE_DIR "/samba")) {
+    if (name.ends_with(".c")) code += read_file(TAVRIX_SOURCE_DIR "/samba/" + name);
+  }
+  for (const char* option : {"reserved user", "allow computer accounts", "allow smb1", "audit"}) {
     EXPECT_TRUE(contains(code, std::string("\"") + option + "\"")) << option;
     EXPECT_TRUE(contains(page("vfs_tavrix"), std::string("tavrix:") + option)) << option;
   }
