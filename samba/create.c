@@ -165,7 +165,7 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                                    .disposition = create_disposition,
                                    .options = create_options};
   tavrix_filter_notices(handle);
-  if (tavrix_asks_for_link(req)) return NT_STATUS_ACCESS_DENIED;
+  if (tavrix_is_refused_request(req)) return NT_STATUS_ACCESS_DENIED;
   if (tavrix_name_in_share(talloc_tos(), handle, smb_fname->base_name, &request.name) != 0 ||
       ask(handle, smb_fname, &request) != 0) {
     return map_nt_error_from_unix(errno);

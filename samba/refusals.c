@@ -10,15 +10,24 @@
 #include "libcli/smb/smb2_constants.h"
 
 #define FILE_LINK_INFORMATION_CLASS 11
+#define FILE_ALLOCATION_INFORMATION_CLASS 19
+#define FILE_END_OF_FILE_INFORMATION_CLASS 20
 
-/* smbd removes what a link is to replace before it comes to linkat: such a request is refused at
- * the first thing that it opens. */
-bool tavrix_asks_for_link(const struct smb_request* req) {
+/* Create requests that smbd makes for itself in the middle of another one. It removes what a link
+ * is to replace before it comes to linkat: such a request is refused at the first thing that it
+ * opens. For a new size or allocation by a handle without data it opens the file anew, and mixes up
+ * the two, so that the process ends by a signal later; the protocol wants the right to write data
+ * in the client's own handle. */
+bool tavrix_is_refused_request(const struct smb_request* req) {
   if (req == NULL || req->smb2req == NULL) return false;
   const uint8_t* header = SMBD_SMB2_IN_HDR_PTR(req->smb2req);
   const uint8_t* body = SMBD_SMB2_IN_BODY_PTR(req->smb2req);
-  return SVAL(header, SMB2_HDR_OPCODE) == SMB2_OP_SETINFO && CVAL(body, 2) == SMB2_0_INFO_FILE &&
-         CVAL(body, 3) == FILE_LINK_INFORMATION_CLASS;
+  if (SVAL(header, SMB2_HDR_OPCODE) != SMB2_OP_SETINFO || CVAL(body, 2) != SMB2_0_INFO_FILE) {
+    return false;
+  }
+  const uint8_t class = CVAL(body, 3);
+  return class == FILE_LINK_INFORMATION_CLASS || class == FILE_ALLOCATION_INFORMATION_CLASS ||
+         class == FILE_END_OF_FILE_INFORMATION_CLASS;
 }
 
 static int refuse(void) {

@@ -336,7 +336,7 @@ int tavrix_get_quota(struct vfs_handle_struct* handle, const struct smb_filename
 int tavrix_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype, unid_t id,
                      SMB_DISK_QUOTA* qt);
 
-bool tavrix_asks_for_link(const struct smb_request* req);
+bool tavrix_is_refused_request(const struct smb_request* req);
 int tavrix_linkat(struct vfs_handle_struct* handle, struct files_struct* srcfsp,
                   const struct smb_filename* old_smb_fname, struct files_struct* dstfsp,
                   const struct smb_filename* new_smb_fname, int flags);
