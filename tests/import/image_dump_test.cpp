@@ -71,9 +71,9 @@ TEST_F(ImageDump, IsSilentBelow) {
 
 // Depth costs memory of the heap, not of the thread: here one with little.
 TEST_F(ImageDump, WalksAMapDeeperThanTheStack) {
-  constexpr std::size_t kStack = 256 << 10;
+  constexpr std::size_t kStack = 128 << 10;
   Folder deep{.name = "x"};
-  for (int i = 0; i < 8000; ++i) deep = {.name = "d", .children = {std::move(deep)}};
+  for (int i = 0; i < 2500; ++i) deep = {.name = "d", .children = {std::move(deep)}};
   image_ = build_image({.name = "/", .children = {std::move(deep)}});
   const Outcome outcome = in_child([this] {
     set_debug_level(-1);
