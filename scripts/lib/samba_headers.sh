@@ -41,15 +41,12 @@ write_source_lists() {
   cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null |
     sed -nE '/^deb .*debian\.org|^deb .*\/debian/s/^deb /deb-src /p' >parts/lists.list || true
   [ -z "$(cat parts/*)" ] || return 0
-  local keyring=/usr/share/keyrings/debian-archive-keyring.gpg
-  local suite
-  for suite in debian:bookworm debian:bookworm-updates debian-security:bookworm-security; do
-    echo "deb-src [signed-by=$keyring] http://deb.debian.org/${suite%%:*} ${suite##*:} main"
-  done >parts/lists.list
+  echo "this machine has no list of Debian's packages to take the sources of samba from" >&2
+  return 1
 }
 
 fetch_samba_source() {
-  write_source_lists
+  write_source_lists || return 1
   mkdir -p apt/lists/partial
   local options=(-o Dir::Etc::sourcelist=/dev/null -o "Dir::Etc::sourceparts=$PWD/parts"
     -o "Dir::State::lists=$PWD/apt/lists" -o APT::Sandbox::User=root)
