@@ -297,5 +297,5 @@ void ntimes_dir_preprocess(tx_perm_ctx_t** perm_ctx, const char* base_name) {
 }
 
 void ntimes_dir_postprocess(tx_perm_ctx_t* perm_ctx) {
-  if (perm_ctx != nullptr) static_cast<void>(tavrix_vfs_unbecome_root(perm_ctx));
+  if (perm_ctx != nullptr) tavrix::require_unbecome_root(perm_ctx);
 }

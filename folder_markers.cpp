@@ -7,6 +7,7 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "tavrix_utils.h"
+#include "utils/root_scope.hpp"
 #include "vfs_common.h"
 
 extern "C" {
@@ -54,7 +55,7 @@ fixed_folder_res is_fixed_folder(const char* full_path) {
     return FOLDER_EACCES;
   }
   const fixed_folder_res answer = tavrix::read_marker(full_path, __func__);
-  static_cast<void>(tavrix_vfs_unbecome_root(perm_ctx));
+  tavrix::require_unbecome_root(perm_ctx);
   return answer;
 }
 
@@ -69,7 +70,7 @@ int set_xattr_modifying_user(const char* file_path, const char* user_name) {
   const int result = tavrix::write_user(file_path, user_name);
   {
     tavrix::ErrnoKeeper keep;
-    static_cast<void>(tavrix_vfs_unbecome_root(perm_ctx));
+    tavrix::require_unbecome_root(perm_ctx);
   }
   if (result != 0) {
     tavrix::ErrnoKeeper keep;

@@ -7,6 +7,7 @@
 #include "internal/scoped.hpp"
 #include "perm_enforcer.h"
 #include "tavrix_vfs_utils.h"
+#include "utils/root_scope.hpp"
 #include "vfs_common.h"
 
 namespace tavrix {
@@ -45,7 +46,7 @@ class [[nodiscard]] RootInHook {
   void give_back() noexcept {
     if (was_root_ || !is_root_) return;
     const ErrnoKeeper keep;
-    static_cast<void>(tavrix_vfs_unbecome_root(*slot_));
+    require_unbecome_root(*slot_);
     *slot_ = nullptr;
     is_root_ = false;
   }

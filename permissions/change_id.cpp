@@ -28,14 +28,17 @@ void become_root() {
   if (save_gid != 0) static_cast<void>(setegid(0));
 }
 
+void require_group() { TAVRIX_REQUIRE(setegid(save_gid) == 0, "setegid(save_gid) == 0"); }
+
 // The user first, then the group. In a Samba server process that order cannot succeed: its real and
 // saved gids are 0, and the right to take the client's gid goes away with the uid. There the group
-// goes back while the process is still the superuser.
+// goes back while the process is still the superuser. A process that keeps the superuser's user or
+// group would serve its client as that: it ends.
 void give_back() {
   const bool group_first = save_uid != 0 && save_gid != 0 && !gid_needs_no_privilege;
-  if (group_first) static_cast<void>(setegid(save_gid));
-  if (save_uid != 0) static_cast<void>(seteuid(save_uid));
-  if (save_gid != 0 && !group_first) static_cast<void>(setegid(save_gid));
+  if (group_first) require_group();
+  if (save_uid != 0) TAVRIX_REQUIRE(seteuid(save_uid) == 0, "seteuid(save_uid) == 0");
+  if (save_gid != 0 && !group_first) require_group();
 }
 
 }  // namespace

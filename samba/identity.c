@@ -7,7 +7,9 @@ int tavrix_raise(struct tavrix_connection* tavrix) {
 
 void tavrix_give_back(struct tavrix_connection* tavrix) {
   const int keep = errno;
-  if (tavrix->perm_ctx != NULL) tavrix_vfs_unbecome_root(tavrix->perm_ctx);
+  if (tavrix->perm_ctx != NULL && tavrix_vfs_unbecome_root(tavrix->perm_ctx) != 0) {
+    smb_panic("tavrix: the identity was not given back");
+  }
   tavrix->perm_ctx = NULL;
   errno = keep;
 }

@@ -1,17 +1,24 @@
 // The superuser's identity for the length of a scope, given back on every path out.
 #pragma once
 
+#include "internal/assert.hpp"
 #include "internal/scoped.hpp"
 #include "tavrix_utils.h"
 
 namespace tavrix {
+
+// Frees the context too. A process that cannot give root back must not go on: it would serve its
+// client as the superuser.
+inline void require_unbecome_root(tx_permctx_s* context) noexcept {
+  TAVRIX_REQUIRE(tavrix_vfs_unbecome_root(context) == 0, "tavrix_vfs_unbecome_root(perm_ctx) == 0");
+}
 
 class [[nodiscard]] RootScope {
  public:
   RootScope() noexcept : context_(tavrix_vfs_become_root()) {}
   ~RootScope() {
     ErrnoKeeper keep;
-    if (context_ != nullptr) static_cast<void>(tavrix_vfs_unbecome_root(context_));
+    if (context_ != nullptr) require_unbecome_root(context_);
   }
   RootScope(const RootScope&) = delete;
   RootScope& operator=(const RootScope&) = delete;

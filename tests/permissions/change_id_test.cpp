@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <functional>
 #include <string>
 
 #include "perm_enforcer.h"
+#include "tests/support/fail_call.hpp"
 #include "tests/support/process.hpp"
 
 namespace tavrix::test {
@@ -125,6 +127,20 @@ TEST(ChangeIdCode, GivesBackOnlyOnce) {
   EXPECT_NE(std::string::npos,
             outcome.err.find("Assertion `save_uid != -1 && save_gid != -1' failed."))
       << outcome.err;
+}
+
+// A process that keeps the superuser's user or group must not go on serving its client.
+TEST(ChangeIdCode, EndsAProcessThatCannotGiveBack) {
+  for (const char* call : {"seteuid", "setegid"}) {
+    const std::string argument = call == std::string("seteuid") ? "save_uid" : "save_gid";
+    EXPECT_TRUE(in_child([call] {
+                  become_samba_user(kUser, kGroup);
+                  _change_id(5);
+                  fail_call(call, EAGAIN);
+                  _change_id(6);
+                }).aborted_with(std::string(call) + "(" + argument + ") == 0"))
+        << call;
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "tests/support/fail_call.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/process.hpp"
+#include "utils/root_scope.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -204,6 +205,14 @@ TEST(PrivilegeMessages, AreSilentBelowZero) {
   clear_log();
   tavrix_unbecome_root(nullptr);
   EXPECT_TRUE(messages().empty());
+}
+
+TEST(RootScopes, EndAProcessThatCannotGiveRootBack) {
+  EXPECT_TRUE(in_child([] {
+                become_samba_user(kUser, kGroup);
+                const RootScope root;
+                fail_call("setresuid", EAGAIN);
+              }).aborted_with("tavrix_vfs_unbecome_root(perm_ctx) == 0"));
 }
 
 }  // namespace
