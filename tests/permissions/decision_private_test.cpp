@@ -102,6 +102,26 @@ TEST_F(PrivateDecision, BelowItTheOwnerMayEverythingWithoutTheRule) {
   });
 }
 
+TEST_F(PrivateDecision, FindsTheUserFolderBelowTheRootInItsCanonicalSpelling) {
+  as(kPat, [] {
+    process_trustees_s caller = trustees_of(kPat);
+    int is_nav = 0;
+    set_debug_level(4);
+    EXPECT_EQ(TXPERMS_HAS_PERMS, vfs_enforce_perms("//tavrix/./", "/tavrix/Private/pat/diary.txt",
+                                                   FSOP_OPEN_READ, &caller, 0, &is_nav));
+    EXPECT_TRUE(logged("Built full private path: '/tavrix/Private/pat'"));
+  });
+}
+
+TEST_F(PrivateDecision, JudgesItsOwnerAtTheUserFolderBeforeWhatLiesBelow) {
+  as(kPat, [] {
+    set_debug_level(4);
+    EXPECT_EQ(kRefused, ask_share(FSOP_RMDIR, "Private/pat"));
+    EXPECT_TRUE(logged("parent is /Private, enforce for R/R"));
+    EXPECT_FALSE(logged("ENFORCE_PERMS deny for modify op on Private/subdir"));
+  });
+}
+
 // The folder is looked up as the path spells it; Samba has found the right spelling before it asks.
 TEST_F(PrivateDecision, IsRecognisedInAnyCaseAndLookedUpInThisOne) {
   as(kPat, [] { EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "PRIVATE/pat/diary.txt")); });

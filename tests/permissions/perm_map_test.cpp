@@ -469,6 +469,37 @@ TEST_F(Attach, Failures) {
   EXPECT_TRUE(logged("PERM_MAP get_perm_map_addr: get_current_perm_table_index failed\n"));
 }
 
+// Two lookups fail before a swap, and two behind it: neither time is the third.
+TEST_F(Attach, CountsFailedLookupsAnewAfterASwap) {
+  fail_call("shmget", EAGAIN, 1, 2);
+  run_before(
+      "semctl",
+      [] {
+        in_child([] {
+          init_perm_map_semaphore();
+          make_table(kTable1, 'b');
+          swap_maps(0);
+        });
+        fail_call("shmget", EAGAIN, 1, 2);
+      },
+      7);  // two looks at the index for each lookup, and the first one behind the attach
+  EXPECT_EQ('b', mark_of_current());
+  EXPECT_EQ(1, segments_in_use());
+}
+
+// A table that vanishes while the index stays is looked up again twice.
+TEST_F(Attach, LooksThreeTimesForATableThatVanishes) {
+  for (const int error : {EIDRM, EINVAL}) {
+    fail_call("shmat", error, 1, 2);
+    EXPECT_EQ('a', mark_of_current());
+    reset_calls();
+    fail_call("shmat", error, 1, 3);
+    EXPECT_EQ('-', mark_of_current());
+    EXPECT_EQ(3, calls("shmat"));
+    EXPECT_EQ(0, attach_count(kTable0));
+  }
+}
+
 TEST_F(Attach, IsRefusedToAUser) {
   const Outcome outcome = in_child([] {
     become_samba_user(1000, 1000);

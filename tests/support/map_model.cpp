@@ -212,6 +212,13 @@ std::string folded(std::string name) {
   return name;
 }
 
+std::string in_other_case(std::string name) {
+  for (char& c : name) {
+    if (std::isalpha(static_cast<unsigned char>(c)) != 0) c = static_cast<char>(c ^ 0x20);
+  }
+  return name;
+}
+
 const Folder* child_named(const Folder& folder, const std::string& name) {
   const auto found =
       std::find_if(folder.children.begin(), folder.children.end(),
@@ -342,6 +349,12 @@ Folder random_tree(uint32_t seed, uint32_t folders, Bytes bytes) {
         parents[i] = up_to(i);
         break;
     }
+  }
+  // Some differ from an earlier sibling in case only: the first of them rules.
+  for (uint32_t i = 2; i < folders; ++i) {
+    if (up_to(8) != 0) continue;
+    const uint32_t other = 1 + up_to(i - 1);
+    if (parents[other] == parents[i]) flat[i].name = in_other_case(flat[other].name);
   }
   for (uint32_t i = folders - 1; i > 0; --i) {
     auto& siblings = flat[parents[i]].children;

@@ -62,9 +62,9 @@ Governing naive_lookup(const Folder& root, const std::string& path);
 // The same, as the library's ACL says it.
 Governing governing_of(const tavrix_acl_t& acl);
 
-// A tree of about that many folders: mixed case, extended bytes, deep here and wide there. No two
-// children of a folder have names that a lookup could take for one another. Names of any bytes, or
-// of UTF-8 only, which is what a document may hold.
+// A tree of about that many folders: mixed case, extended bytes, deep here and wide there. Children
+// of a folder may have names that differ in case only, or not at all, of which a lookup finds the
+// first. Names of any bytes, or of UTF-8 only, which is what a document may hold.
 enum class Bytes { kAny, kUtf8 };
 Folder random_tree(uint32_t seed, uint32_t folders, Bytes bytes = Bytes::kAny);
 // Every path of the tree, relative to the root.
