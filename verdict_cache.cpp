@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "internal/assert.hpp"
+#include "internal/per_thread.hpp"
 #include "logging.h"
 #include "tavrix_vfs_utils.h"
 
@@ -70,10 +71,10 @@ class Fingerprints {
     uint32_t fingerprint;
   };
   const vfs_table_cache_s* cache_ = nullptr;
-  Slot slots_[TAVRIX_TLB_PATHS] = {};
+  Slot slots_[TAVRIX_TLB_PATHS];
 };
 
-thread_local Fingerprints fingerprints;
+PerThread<Fingerprints> fingerprints;
 
 bool is_grant(e_vfs_enforce_perms verdict) { return verdict == TXPERMS_HAS_PERMS; }
 
@@ -82,7 +83,7 @@ int slot_at(const vfs_table_cache_s& cache, int position) {
 }
 
 void reset(vfs_table_cache_s& cache) {
-  fingerprints.forget(cache);
+  if (Fingerprints* known = fingerprints.find(); known != nullptr) known->forget(cache);
   std::memset(cache.tlb_perms, 0, sizeof cache.tlb_perms);
   std::memset(cache.tlb_paths, 0, sizeof cache.tlb_paths);
   for (int i = 0; i < TAVRIX_TLB_PATHS; ++i) cache.tlb_index_table[i] = i;
@@ -131,14 +132,15 @@ int _tlb_lookup_path(const char* path, vfs_table_cache_s* cache) {
   };
   if (cache->vfs_tlb_end == 0) return -1;
   if (holds_path(slot_at(*cache, 0))) return 0;  // most often it is the path of before
-  const uint32_t wanted = tavrix::fingerprint_of(path);
-  tavrix::Fingerprints& fingerprints = tavrix::fingerprints;
-  fingerprints.use(*cache);
+  // Without memory for fingerprints each path is compared.
+  tavrix::Fingerprints* fingerprints = tavrix::fingerprints.get();
+  const uint32_t wanted = fingerprints != nullptr ? tavrix::fingerprint_of(path) : 0;
+  if (fingerprints != nullptr) fingerprints->use(*cache);
   for (int position = 1; position < cache->vfs_tlb_end; ++position) {
     const int slot = slot_at(*cache, position);
-    if (fingerprints.may_be(slot, cache->tlb_paths[slot], wanted) && holds_path(slot)) {
-      return position;
-    }
+    const bool may_be =
+        fingerprints == nullptr || fingerprints->may_be(slot, cache->tlb_paths[slot], wanted);
+    if (may_be && holds_path(slot)) return position;
   }
   return -1;
 }
@@ -184,8 +186,10 @@ void add_tlb_entry(const char* path, int slot, e_fsop_type op, e_vfs_enforce_per
       TAVRIX_LOG(0, "Cannot create path for TLB cache, out of memory\n");
       return;
     }
-    tavrix::fingerprints.use(*cache);
-    tavrix::fingerprints.note(used_slot, cache->tlb_paths[used_slot], tavrix::fingerprint_of(path));
+    if (tavrix::Fingerprints* known = tavrix::fingerprints.get(); known != nullptr) {
+      known->use(*cache);
+      known->note(used_slot, cache->tlb_paths[used_slot], tavrix::fingerprint_of(path));
+    }
     cache->tlb_perms[used_slot] = {};
     position = cache->vfs_tlb_end - 1;
   } else {

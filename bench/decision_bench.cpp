@@ -162,6 +162,8 @@ void decision_floor(benchmark::State& state) {
       const int index = current_index();
       const int shmid = shmget(index == 0 ? TAVRIX_PERM_TABLE0_KEY : TAVRIX_PERM_TABLE1_KEY, 0, 0);
       const auto* table = static_cast<const volatile char*>(shmat(shmid, nullptr, 0));
+      shmid_ds segment{};
+      shmctl(shmid, IPC_STAT, &segment);
       if (current_index() != index) std::abort();
       for (const std::size_t page : pages[question]) static_cast<void>(table[page * 4096]);
       shmdt(const_cast<const char*>(table));

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "bench/sample_map.hpp"
+#include "perm_map.h"
 #include "perm_utils.h"
 
 namespace tavrix::bench {
@@ -18,7 +19,9 @@ constexpr std::size_t kPaths = 4096;
 
 void lookup(benchmark::State& state) {
   const sample::Shape shape = shape_of(static_cast<uint64_t>(state.range(0)));
-  auto* map = const_cast<std::byte*>(image_of(shape).data());
+  publish(shape);
+  void* map = get_perm_map_addr();
+  if (map == nullptr) throw std::runtime_error("no table");
   const auto paths = some_paths(shape, kPaths);
   std::size_t next = 0;
   for (auto _ : state) {
@@ -27,6 +30,7 @@ void lookup(benchmark::State& state) {
     free_ACL(acl);
     std::free(acl);
   }
+  put_perm_map_addr(map);
 }
 BENCHMARK(lookup)->Arg(200'000)->Arg(1'000'000);
 

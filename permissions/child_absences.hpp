@@ -10,16 +10,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "mkperms_shm.h"
+#include "permissions/attached_table.hpp"
 
 namespace tavrix {
-
-// The current table as this thread has it attached. Images elsewhere, which may change, have none.
-struct AttachedTable {
-  const void* address = nullptr;
-  int segment = -1;
-};
-inline thread_local AttachedTable attached_table;
 
 class ChildAbsences {
  public:
@@ -47,16 +40,11 @@ class ChildAbsences {
     uint64_t words_[1U << (kBits - 6)] = {};
   };
 
-  // Names the image that the next calls are about. False: nothing is known or kept about it.
-  [[nodiscard]] bool use(const tavrix_be_header& header) noexcept {
-    if (attached_table.address != &header || attached_table.segment == -1) return false;
-    if (segment_ == attached_table.segment && std::memcmp(&header_, &header, sizeof header) == 0) {
-      return true;
-    }
+  // Names the table that the next calls are about.
+  void use(const SegmentIdentity& table) noexcept {
+    if (__builtin_expect(table_ == table, 1)) return;
     for (Entry& entry : entries_) entry.parent = kNoParent;
-    segment_ = attached_table.segment;
-    std::memcpy(&header_, &header, sizeof header);
-    return true;
+    table_ = table;
   }
   [[nodiscard]] bool is_nobodys(uint32_t parent, uint32_t hash) const noexcept {
     const Entry& entry = entries_[slot_of(parent)];
@@ -77,11 +65,8 @@ class ChildAbsences {
     return (parent * 0x9E3779B1U) >> (32 - kSlotBits);
   }
 
-  int segment_ = -1;
-  tavrix_be_header header_{};
+  SegmentIdentity table_{};
   Entry entries_[1U << kSlotBits] = {};
 };
-
-inline thread_local ChildAbsences child_absences;
 
 }  // namespace tavrix

@@ -2,14 +2,15 @@
 //
 // A hint only says where to look first: the folder found there must have the parent and the name
 // that are asked for, or the list is scanned. What a hint saves is the walk over the siblings,
-// which is what a cold decision pays for: each of them may lie on two pages of its own. Hints are
-// dropped when the header of the map is another one.
+// which is what a cold decision pays for: each of them may lie on two pages of its own. Hints hold
+// for one segment of shared memory only: in another map another child may come first that bears the
+// name too, for names are compared without case.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
 
-#include "mkperms_shm.h"
+#include "permissions/attached_table.hpp"
 
 namespace tavrix {
 
@@ -17,11 +18,11 @@ class ChildHints {
  public:
   static constexpr uint32_t kNone = 0;  // the root is nobody's child
 
-  // Names the map that the next calls are about.
-  void use(const tavrix_be_header& header) noexcept {
-    if (__builtin_expect(std::memcmp(&header_, &header, sizeof header) == 0, 1)) return;
+  // Names the table that the next calls are about.
+  void use(const SegmentIdentity& table) noexcept {
+    if (__builtin_expect(table_ == table, 1)) return;
     std::memset(pairs_, 0, sizeof pairs_);
-    std::memcpy(&header_, &header, sizeof header);
+    table_ = table;
   }
   // The offset of a folder, or kNone.
   [[nodiscard]] uint32_t find(uint32_t parent, uint32_t hash) const noexcept {
@@ -52,11 +53,8 @@ class ChildHints {
     return ((parent ^ (hash * 0x85EBCA6BU)) * 0x9E3779B1U) >> (32 - kBits);
   }
 
-  tavrix_be_header header_;
+  SegmentIdentity table_;
   Pair pairs_[1U << kBits];
 };
-
-// Lookups may run in any number of threads, so each has its own.
-inline thread_local ChildHints child_hints{};
 
 }  // namespace tavrix

@@ -26,39 +26,51 @@ inline void require_list(const child_list_s& list) noexcept {
   TAVRIX_REQUIRE(list.signature == LISTSIG, "clist->signature == LISTSIG");
 }
 
-// A finished image, as readers see it. It trusts the offsets of the image, as every reader of a
-// published map does: `tavrixctl map verify` is where they are checked. Records start at any byte;
-// their types are packed, so their fields may be read in place.
+// A finished image, as readers see it. Of a segment of shared memory the size is known, and no
+// record is read that does not lie in it: a damaged table ends the process here. Of an image
+// without a size the offsets are trusted: `tavrixctl map verify` is where they are checked. Records
+// start at any byte; their types are packed, so their fields may be read in place.
 class ImageView {
  public:
-  explicit ImageView(const void* map) noexcept
+  static constexpr std::size_t kUnknownSize = SIZE_MAX;
+
+  explicit ImageView(const void* map, std::size_t size = kUnknownSize) noexcept
       : base_(static_cast<const std::byte*>(map)),
-        fselems_(base_ + header().fselem_offset),
-        names_(base_ + header().nameelem_offset),
-        acls_(base_ + header().acl_offset),
-        lists_(base_ + header().list_offset) {}
+        size_(size),
+        fselems_(region<fs_elem_s>(header().fselem_offset)),
+        names_(region<name_elem_s>(header().nameelem_offset)),
+        acls_(region<beacl_s>(header().acl_offset)),
+        lists_(region<child_list_s>(header().list_offset)) {}
 
   [[nodiscard]] const tavrix_be_header& header() const noexcept {
     return *reinterpret_cast<const tavrix_be_header*>(base_);
   }
   [[nodiscard]] const fs_elem_s& fselem(uint32_t offset) const noexcept {
-    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_ + offset);
+    const auto& fselem = fselems_.at<fs_elem_s>(offset);
     require_fselem(fselem);
     return fselem;
   }
   [[nodiscard]] const name_elem_s& name_of(const fs_elem_s& fselem) const noexcept {
-    const auto& name = *reinterpret_cast<const name_elem_s*>(names_ + fselem.name_elem_offset);
+    const auto& name = names_.at<name_elem_s>(fselem.name_elem_offset);
     require_name(name);
     return name;
   }
   [[nodiscard]] const child_list_s& children_of(const fs_elem_s& fselem) const noexcept {
-    const auto& list = *reinterpret_cast<const child_list_s*>(lists_ + fselem.clist_offset);
+    const auto& list = lists_.at<child_list_s>(fselem.clist_offset);
     require_list(list);
+    lists_.require(fselem.clist_offset + std::size_t{list.num_children} * sizeof(uint32_t));
     return list;
   }
-  // ACLs are read without a check: a folder that was given none names the first one of the region.
+  // ACLs are read without a signature: a folder that was given none names the first one of the
+  // region.
   [[nodiscard]] const beacl_s& acl_of(const fs_elem_s& fselem) const noexcept {
-    return *reinterpret_cast<const beacl_s*>(acls_ + fselem.acl_offset);
+    const auto& acl = acls_.at<beacl_s>(fselem.acl_offset);
+    acls_.require(fselem.acl_offset + std::size_t{acl.num_aces} * sizeof(beace_s));
+    return acl;
+  }
+  // Before the text of a name is read: a scan tells most names apart without it.
+  void require_text_of(const fs_elem_s& fselem, const name_elem_s& name) const noexcept {
+    names_.require(std::size_t{fselem.name_elem_offset} + name.name_len);
   }
 
   [[nodiscard]] static const char* bytes_of(const name_elem_s& name) noexcept {
@@ -73,23 +85,50 @@ class ImageView {
     return offset;
   }
   // Starts loading a folder's record before it is wanted.
-  void prefetch_fselem(uint32_t offset) const noexcept { __builtin_prefetch(fselems_ + offset); }
-  // The same for its name, which waits for the record.
+  void prefetch_fselem(uint32_t offset) const noexcept {
+    __builtin_prefetch(fselems_.start + offset);
+  }
+  // The same for its name, which waits for the record. Whoever wants the record itself will find
+  // that it lies outside.
   void prefetch_name(uint32_t offset) const noexcept {
-    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_ + offset);
-    __builtin_prefetch(names_ + fselem.name_elem_offset);
+    if (!fselems_.holds(offset)) return;
+    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_.start + offset);
+    __builtin_prefetch(names_.start + fselem.name_elem_offset);
   }
   void prefetch_acl(uint32_t offset) const noexcept {
-    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_ + offset);
-    __builtin_prefetch(acls_ + fselem.acl_offset);
+    if (!fselems_.holds(offset)) return;
+    const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_.start + offset);
+    __builtin_prefetch(acls_.start + fselem.acl_offset);
   }
 
  private:
+  // Records from here on may start as far as `last`; one comparison for each of them.
+  struct Region {
+    const std::byte* start;
+    std::size_t last;
+
+    [[nodiscard]] bool holds(std::size_t offset) const noexcept { return offset <= last; }
+    void require(std::size_t offset) const noexcept {
+      TAVRIX_REQUIRE(holds(offset), "record lies inside the image");
+    }
+    template <typename Record>
+    [[nodiscard]] const Record& at(uint32_t offset) const noexcept {
+      require(offset);
+      return *reinterpret_cast<const Record*>(start + offset);
+    }
+  };
+  template <typename Record>
+  [[nodiscard]] Region region(uint32_t offset) const noexcept {
+    TAVRIX_REQUIRE(std::size_t{offset} + sizeof(Record) <= size_, "region lies inside the image");
+    return {base_ + offset, size_ - offset - sizeof(Record)};
+  }
+
   const std::byte* base_;
-  const std::byte* fselems_;
-  const std::byte* names_;
-  const std::byte* acls_;
-  const std::byte* lists_;
+  std::size_t size_;
+  Region fselems_;
+  Region names_;
+  Region acls_;
+  Region lists_;
 };
 
 // The image under construction at `msum->membuf`.

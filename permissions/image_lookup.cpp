@@ -9,6 +9,7 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "perm_utils.h"
+#include "permissions/attached_table.hpp"
 #include "permissions/child_absences.hpp"
 #include "permissions/child_hints.hpp"
 #include "permissions/image.hpp"
@@ -25,6 +26,33 @@ constexpr uint32_t kNoChild = 0xFFFFFFFFU;
 // How a walk treats memory: a warm image hides its cache misses by loading ahead, a cold one must
 // not touch a page that the answer does not need.
 enum class Access { kWarm, kCold };
+
+// Lookups may run in any number of threads, so each has its own.
+PerThread<ChildHints> child_hints;
+PerThread<ChildAbsences> child_absences;
+
+ImageView view_of(const void* map) {
+  const AttachedTable* table = attached_table_at(map);
+  return ImageView(map, table != nullptr ? table->size : ImageView::kUnknownSize);
+}
+
+// An image as a lookup sees it: as the attached table, with its size and with what earlier lookups
+// learnt of it, or as bytes of which nothing is known.
+struct Sight {
+  explicit Sight(const void* map) noexcept : image(view_of(map)) {
+    const AttachedTable* table = attached_table_at(map);
+    if (table == nullptr) return;
+    hints = child_hints.get();
+    absences = child_absences.get();
+    if (hints != nullptr) hints->use(table->identity);
+    if (absences != nullptr) absences->use(table->identity);
+  }
+
+  ImageView image;
+  ChildHints* hints = nullptr;
+  ChildAbsences* absences = nullptr;
+  int debug_level = tavrix_debug_level();
+};
 
 // The same bytes, all of them ASCII: the usual case, for which every comparison below answers
 // "equal".
@@ -78,9 +106,12 @@ void load_ahead(const ImageView& image, const child_list_s& list, uint32_t child
   }
 }
 
-bool bears_name(const name_elem_s& name, const PathComponent& wanted, int debug_level) {
+bool bears_name(const ImageView& image, const fs_elem_s& folder, const PathComponent& wanted,
+                int debug_level) {
+  const name_elem_s& name = image.name_of(folder);
   // Two integers tell most names apart.
   if (name.hashval != wanted.hash || name.name_len != wanted.len) return false;
+  image.require_text_of(folder, name);
   const char* stored = ImageView::bytes_of(name);
   if (!names_equal(stored, wanted, debug_level)) return false;
   TAVRIX_LOG_IF(debug_level, kComparisonTrace, "Found match cnelem %.*s and pelem %.*s",
@@ -104,41 +135,48 @@ uint32_t find_child(const ImageView& image, const child_list_s& list, const Path
       }
     }
     const uint32_t offset = ImageView::child_at(list, slot);
-    if (bears_name(image.name_of(image.fselem(offset)), wanted, debug_level)) return offset;
+    if (bears_name(image, image.fselem(offset), wanted, debug_level)) return offset;
   }
   return kNoChild;
 }
 
 // After a scan of all of them: which hashes the children have.
-void remember_absences(const ImageView& image, uint32_t parent, const child_list_s& list) {
+void remember_absences(const ImageView& image, uint32_t parent, const child_list_s& list,
+                       ChildAbsences& absences) {
   if (list.num_children > ChildAbsences::kMostChildren) return;
   ChildAbsences::Summary hashes;
   for (uint32_t slot = 0; slot < list.num_children; ++slot) {
     hashes.add(image.name_of(image.fselem(ImageView::child_at(list, slot))).hashval);
   }
-  child_absences.remember(parent, hashes);
+  absences.remember(parent, hashes);
+}
+
+// Where the child was the last time; kNoChild when that is not known.
+uint32_t hinted_child(const Sight& sight, uint32_t parent, const PathComponent& wanted) {
+  if (sight.hints == nullptr) return kNoChild;
+  const uint32_t hint = sight.hints->find(parent, wanted.hash);
+  if (hint == ChildHints::kNone) return kNoChild;
+  const fs_elem_s& child = sight.image.fselem(hint);
+  const bool is_right =
+      child.parent_offset == parent && bears_name(sight.image, child, wanted, sight.debug_level);
+  return is_right ? hint : kNoChild;
 }
 
 // The child of a folder that bears the wanted name: where it was the last time, or by a scan.
 template <Access kAccess>
-uint32_t find_child_of(const ImageView& image, uint32_t parent, const fs_elem_s& folder,
-                       const PathComponent& wanted, int debug_level) {
+uint32_t find_child_of(const Sight& sight, uint32_t parent, const fs_elem_s& folder,
+                       const PathComponent& wanted) {
   if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return kNoChild;
   // Where each comparison is traced, each is made.
-  const bool keeps_absences = debug_level < kComparisonTrace && child_absences.use(image.header());
-  if (keeps_absences && child_absences.is_nobodys(parent, wanted.hash)) return kNoChild;
-  ChildHints& hints = child_hints;
-  if (const uint32_t hint = hints.find(parent, wanted.hash); hint != ChildHints::kNone) {
-    const fs_elem_s& child = image.fselem(hint);
-    if (child.parent_offset == parent && bears_name(image.name_of(child), wanted, debug_level)) {
-      return hint;
-    }
-  }
-  const uint32_t child = find_child<kAccess>(image, image.children_of(folder), wanted, debug_level);
+  ChildAbsences* absences = sight.debug_level < kComparisonTrace ? sight.absences : nullptr;
+  if (absences != nullptr && absences->is_nobodys(parent, wanted.hash)) return kNoChild;
+  if (const uint32_t hint = hinted_child(sight, parent, wanted); hint != kNoChild) return hint;
+  const child_list_s& list = sight.image.children_of(folder);
+  const uint32_t child = find_child<kAccess>(sight.image, list, wanted, sight.debug_level);
   if (child != kNoChild) {
-    hints.remember(parent, wanted.hash, child);
-  } else if (keeps_absences) {
-    remember_absences(image, parent, image.children_of(folder));
+    if (sight.hints != nullptr) sight.hints->remember(parent, wanted.hash, child);
+  } else if (absences != nullptr) {
+    remember_absences(sight.image, parent, list, *absences);
   }
   return child;
 }
@@ -147,7 +185,9 @@ const fs_elem_s& require_root(const ImageView& image) {
   const fs_elem_s& root = image.fselem(0);
   TAVRIX_REQUIRE(root.parent_offset == FSELEM_ROOT_OFFSET2,
                  "fselem->parent_offset == FSELEM_ROOT_OFFSET2");
-  TAVRIX_REQUIRE(ImageView::text_of(image.name_of(root)) == "/", "strcmp(nelem->name, \"/\") == 0");
+  const name_elem_s& name = image.name_of(root);
+  image.require_text_of(root, name);
+  TAVRIX_REQUIRE(ImageView::text_of(name) == "/", "strcmp(nelem->name, \"/\") == 0");
   static_cast<void>(image.children_of(root));
   return root;
 }
@@ -162,16 +202,13 @@ void trace_matched_name(const ImageView& image, uint32_t offset, int debug_level
 // Descends from the root, a component a level, as far as the names match. `next` hands out the
 // components without the leading "/".
 template <Access kAccess, typename NextComponent>
-PathMatch walk(const ImageView& image, NextComponent next) {
-  const int debug_level = tavrix_debug_level();
-  child_hints.use(image.header());
-  const fs_elem_s* folder = &require_root(image);
+PathMatch walk(const Sight& sight, NextComponent next) {
+  const fs_elem_s* folder = &require_root(sight.image);
   PathMatch match;
   PathComponent wanted{};
   while (next(wanted)) {
     match.parent = match.self;  // if this component is the last, the parent path ends before it
-    const uint32_t child =
-        find_child_of<kAccess>(image, match.self.offset, *folder, wanted, debug_level);
+    const uint32_t child = find_child_of<kAccess>(sight, match.self.offset, *folder, wanted);
     if (child == kNoChild) {
       match.self.code = SHM_MEMBE_OK_NAMEREMAPPED;
       const bool parent_is_missing_too = next(wanted);
@@ -179,9 +216,9 @@ PathMatch walk(const ImageView& image, NextComponent next) {
       break;
     }
     match.self = {child, SHM_MEMBE_OK};
-    folder = &image.fselem(child);
+    folder = &sight.image.fselem(child);
   }
-  trace_matched_name(image, match.self.offset, debug_level);
+  trace_matched_name(sight.image, match.self.offset, sight.debug_level);
   return match;
 }
 
@@ -228,14 +265,14 @@ void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t
 // are asked for all at once instead of each one waiting for its parent's.
 class HintedPath {
  public:
-  HintedPath(const ImageView& image, std::string_view path) noexcept : cursor_(path) {
-    child_hints.use(image.header());
+  HintedPath(const Sight& sight, std::string_view path) noexcept : cursor_(path) {
+    const ImageView& image = sight.image;
     uint32_t offsets[kMost];
     uint32_t hinted = 0;
     uint32_t at = 0;
-    bool follows = true;
+    bool follows = sight.hints != nullptr;
     while (count_ < kMost && cursor_.next(components_[count_])) {
-      const uint32_t child = follows ? child_hints.find(at, components_[count_].hash) : 0;
+      const uint32_t child = follows ? sight.hints->find(at, components_[count_].hash) : 0;
       ++count_;
       follows = follows && child != ChildHints::kNone;
       if (!follows) continue;
@@ -261,9 +298,9 @@ class HintedPath {
 };
 
 template <Access kAccess>
-PathMatch walk_path(const ImageView& image, std::string_view path) {
-  HintedPath hinted(image, path);
-  return walk<kAccess>(image,
+PathMatch walk_path(const Sight& sight, std::string_view path) {
+  HintedPath hinted(sight, path);
+  return walk<kAccess>(sight,
                        [&hinted](PathComponent& component) { return hinted.next(component); });
 }
 
@@ -291,12 +328,12 @@ int require_lookup(const void* map, std::string_view path) {
 
 int governing_acls(void* map, std::string_view path, AclPtr& self, AclPtr& parent) {
   if (const int refused = require_lookup(map, path); refused != 0) return refused;
-  const ImageView image(map);
-  const PathMatch match = walk_path<Access::kCold>(image, path);
+  const Sight sight(map);
+  const PathMatch match = walk_path<Access::kCold>(sight, path);
   tavrix_acl_t* acl = nullptr;
-  acl_of_match(image, match.self, &acl);
+  acl_of_match(sight.image, match.self, &acl);
   self.reset(std::exchange(acl, nullptr));
-  acl_of_match(image, match.parent, &acl);
+  acl_of_match(sight.image, match.parent, &acl);
   parent.reset(acl);
   return 0;
 }
@@ -330,7 +367,8 @@ membe_shm_err find_fselem_fromname(void* map, path_array* parr, uint32_t* offset
     component = {elem.name_elem, elem.len, elem.hashval};
     return true;
   };
-  const tavrix::FolderMatch match = tavrix::walk<tavrix::Access::kWarm>(ImageView(map), next).self;
+  const tavrix::FolderMatch match =
+      tavrix::walk<tavrix::Access::kWarm>(tavrix::Sight(map), next).self;
   *offset = match.offset;
   return match.code;
 }
@@ -341,7 +379,7 @@ membe_shm_err get_tavrixacl_fromfselemoffset(void* map, uint32_t fselem_offset,
     TAVRIX_LOG(0, "Invalid perm map");
     return SHM_MEMBE_ERR_BADARGS;
   }
-  const ImageView image(map);
+  const ImageView image = tavrix::view_of(map);
   return membuf_2_ACL(&image.acl_of(image.fselem(fselem_offset)), TAVRIX_ACL_VERSION,
                       TAVRIX_ACE_EXPLICIT, acl);
 }
@@ -352,17 +390,19 @@ membe_shm_err get_nonempty_tavrixacl_fromfselemoffset(void* map, uint32_t fselem
     TAVRIX_LOG(0, "Invalid perm map");
     return SHM_MEMBE_ERR_BADARGS;
   }
-  return tavrix::governing_acl(ImageView(map), fselem_offset, acl);
+  return tavrix::governing_acl(tavrix::view_of(map), fselem_offset, acl);
 }
 
 int get_tavrix_acl(void* map, const char* path, tavrix_acl_t** acl) {
-  if (path == nullptr) {
+  // The map first: without one nothing is looked at, not even the path.
+  if (map != nullptr && path == nullptr) {
     TAVRIX_LOG(0, "ENFORCE_PERMS Null path");
     TAVRIX_REQUIRE(path != nullptr, "path != NULL");
   }
-  const std::string_view text(path);
+  const std::string_view text(path != nullptr ? path : "");
   if (const int refused = tavrix::require_lookup(map, text); refused != 0) return refused;
-  const ImageView image(map);
-  tavrix::acl_of_match(image, tavrix::walk_path<tavrix::Access::kWarm>(image, text).self, acl);
+  const tavrix::Sight sight(map);
+  tavrix::acl_of_match(sight.image, tavrix::walk_path<tavrix::Access::kWarm>(sight, text).self,
+                       acl);
   return 0;
 }

@@ -1,7 +1,6 @@
 // The two map tables and the semaphore set that says which of them is current.
 
 #include "perm_map.h"
-#include "permissions/child_absences.hpp"
 
 #include <sys/ipc.h>
 #include <sys/mman.h>
@@ -15,6 +14,7 @@
 #include "internal/assert.hpp"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "permissions/attached_table.hpp"
 #include "read_perms.h"
 
 namespace tavrix {
@@ -155,7 +155,7 @@ class Attacher {
   }
 
   void* release() {
-    attached_table = {table_.get(), segment_};
+    remember_table();
     return table_.release();
   }
 
@@ -184,6 +184,20 @@ class Attacher {
     TAVRIX_LOG(0, "PERM_MAP %s:shared memory attach failed, code=%d (%s)\n", kTag, error,
                strerror(error));
     return Attempt::kFailed;
+  }
+
+  // What lookups need to know of the table beside its bytes. Without it they go on with less: no
+  // cache is used, and offsets are trusted.
+  void remember_table() const {
+    const ErrnoKeeper keep;
+    AttachedTable* attached = attached_table.get();
+    if (attached == nullptr) return;
+    *attached = {};
+    shmid_ds status{};
+    if (shmctl(segment_, IPC_STAT, &status) != 0) return;
+    *attached = {.address = table_.get(),
+                 .size = status.shm_segsz,
+                 .identity = {segment_, status.shm_cpid, status.shm_ctime}};
   }
 
   // Closes the race with a loader that swaps between the look at the index and the attach.
@@ -390,6 +404,7 @@ void* get_perm_map_addr(void) {
 }
 
 void put_perm_map_addr(void* addr) {
-  if (addr == tavrix::attached_table.address) tavrix::attached_table = {};
+  tavrix::AttachedTable* attached = tavrix::attached_table.find();
+  if (attached != nullptr && attached->address == addr) *attached = {};
   shmdt(addr);
 }

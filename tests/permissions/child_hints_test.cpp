@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include "perm_utils.h"
@@ -28,27 +29,31 @@ Folder tree(const std::string& first, const std::string& second) {
           .children = {{.name = first, .users = {{1, 1}}}, {.name = second, .users = {{2, 2}}}}};
 }
 
+constexpr SegmentIdentity kTable{.segment = 3, .maker = 4, .made = 5};
+
 TEST(ChildHints, RememberWhatTheyAreTold) {
-  ChildHints hints{};
-  tavrix_be_header header{};
-  hints.use(header);
-  EXPECT_EQ(ChildHints::kNone, hints.find(24, 5));
-  hints.remember(24, 5, 48);
-  EXPECT_EQ(48U, hints.find(24, 5));
-  EXPECT_EQ(ChildHints::kNone, hints.find(24, 6));
-  EXPECT_EQ(ChildHints::kNone, hints.find(48, 5));
-  hints.remember(24, 5, 72);
-  EXPECT_EQ(72U, hints.find(24, 5));
+  auto hints = std::make_unique<ChildHints>();
+  hints->use(kTable);
+  EXPECT_EQ(ChildHints::kNone, hints->find(24, 5));
+  hints->remember(24, 5, 48);
+  EXPECT_EQ(48U, hints->find(24, 5));
+  EXPECT_EQ(ChildHints::kNone, hints->find(24, 6));
+  EXPECT_EQ(ChildHints::kNone, hints->find(48, 5));
+  hints->remember(24, 5, 72);
+  EXPECT_EQ(72U, hints->find(24, 5));
 }
 
-TEST(ChildHints, ForgetEverythingAboutAnotherMap) {
-  ChildHints hints{};
-  tavrix_be_header header{};
-  hints.use(header);
-  hints.remember(24, 5, 48);
-  header.generationnum = 1;
-  hints.use(header);
-  EXPECT_EQ(ChildHints::kNone, hints.find(24, 5));
+TEST(ChildHints, ForgetEverythingAboutAnotherTable) {
+  auto hints = std::make_unique<ChildHints>();
+  for (const SegmentIdentity& other :
+       {SegmentIdentity{9, 4, 5}, SegmentIdentity{3, 9, 5}, SegmentIdentity{3, 4, 9}}) {
+    hints->use(kTable);
+    hints->remember(24, 5, 48);
+    hints->use(kTable);
+    EXPECT_EQ(48U, hints->find(24, 5));
+    hints->use(other);
+    EXPECT_EQ(ChildHints::kNone, hints->find(24, 5));
+  }
 }
 
 // The same header, as a second import of the same generation has it, over other names.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <random>
 
+#include "mkperms_shm.h"
 #include "perm_utils.h"
 #include "tests/support/fail_call.hpp"
 #include "tests/support/isolated.hpp"
@@ -383,6 +384,32 @@ TEST_F(Lookup, OfExtendedNamesIsTraced) {
   use({.name = "/", .children = {{.name = "\xc3\xa9"}}});
   EXPECT_EQ(10, level_of("tavrix_strncasecmp strcmpres 2", [this] { find("\xc3\xa9"); }));
   EXPECT_EQ(10, level_of("StrnCaseCmp strcmpres 0", [this] { find("\xc3\xa9"); }));
+}
+
+TEST_F(Lookup, AnswersForAMissingMapBeforeAMissingPath) {
+  tavrix_acl_t* acl = nullptr;
+  EXPECT_EQ(0, level_of("ENFORCE_PERMS Null membuf",
+                        [&] { EXPECT_EQ(3, get_tavrix_acl(nullptr, nullptr, &acl)); }));
+}
+
+// A finished image has as many slots filled as there are; a lookup goes by the slots.
+TEST_F(Lookup, ScansAllSlotsOfAFolder) {
+  const Folder root{
+      .name = "/",
+      .users = {{1, 1}},
+      .children = {{.name = "a", .users = {{2, 2}}}, {.name = "b", .users = {{3, 3}}}}};
+  auto image = build_image(root);
+  const auto* header = reinterpret_cast<const tavrix_be_header*>(image.data());
+  const auto* top = reinterpret_cast<const fs_elem_s*>(image.data() + header->fselem_offset);
+  auto* list =
+      reinterpret_cast<child_list_s*>(image.data() + header->list_offset + top->clist_offset);
+  ASSERT_EQ(2U, list->num_children);
+  list->next_index = 1;
+  tavrix_acl_t* acl = nullptr;
+  ASSERT_EQ(0, get_tavrix_acl(image.data(), "b", &acl));
+  EXPECT_EQ(3U, governing_of(*acl).entries.at(0).ace.id);
+  free_ACL(acl);
+  std::free(acl);
 }
 
 }  // namespace

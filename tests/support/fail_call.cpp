@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/ipc.h>
+#include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -221,6 +222,13 @@ int __wrap_semctl(int id, int number, int command, ...) {
   va_end(arguments);
   return __real_semctl(id, number, command, fourth);
 }
+
+// --- pages ---------------------------------------------------------------------------------------
+
+WRAP(void*, MAP_FAILED, mmap,
+     (void* address, size_t size, int protection, int flags, int fd, off_t offset),
+     (address, size, protection, flags, fd, offset))
+WRAP(int, -1, munmap, (void* address, size_t size), (address, size))
 
 // --- identity ------------------------------------------------------------------------------------
 
