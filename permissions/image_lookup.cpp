@@ -151,7 +151,7 @@ void remember_absences(const ImageView& image, uint32_t parent, const child_list
   absences.remember(parent, hashes);
 }
 
-// Where the child was the last time; kNoChild when that is not known.
+// The child's place at the last lookup; kNoChild when that is not known.
 uint32_t hinted_child(const Sight& sight, uint32_t parent, const PathComponent& wanted) {
   if (sight.hints == nullptr) return kNoChild;
   const uint32_t hint = sight.hints->find(parent, wanted.hash);

@@ -186,8 +186,8 @@ class Attacher {
     return Attempt::kFailed;
   }
 
-  // What lookups need to know of the table beside its bytes. Without it they go on with less: no
-  // cache is used, and offsets are trusted.
+  // Keeps what lookups need to know of the table beside its bytes. Without it they use no cache and
+  // trust the offsets.
   void remember_table() const {
     const ErrnoKeeper keep;
     AttachedTable* attached = attached_table.get();

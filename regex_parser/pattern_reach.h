@@ -17,8 +17,8 @@ static inline bool tavrix_matches_all_three(const regex_t* pattern, const char* 
   return true;
 }
 
-/* Whether a pattern matches names of every kind: an empty one, ".*", "." and the like, also when it
- * wants a length or a file type without saying which. */
+/* True if a pattern matches names of every kind: an empty one, ".*", "." and the like, also when
+ * it wants a length or a file type without saying which. */
 static inline bool tavrix_matches_every_name(const regex_t* pattern) {
   enum { kLongestName = 255 };
   static const char* const kTyped[][3] = {{"q.q", "7.7", "_._"}, {"q.qxz", "7.xzq", "_.zxq"}};

@@ -1,4 +1,4 @@
-/* What smbd is told about access lists. The permission map decides, so the owner and the mode of a
+/* Access lists, as smbd sees them. The permission map decides, so the owner and the mode of a
  * file must not stand in the way: the one entry of a list is for everybody, with the rights that
  * this client has. smbd asks for it where a request names a path instead of a handle, and to tell a
  * client how much it may have. */

@@ -80,7 +80,7 @@ static int settle_link(struct vfs_handle_struct* handle, const struct smb_filena
   return -1;
 }
 
-/* What the client has on the object after its request was granted. Who makes it has everything, and
+/* The client's rights on the object after its request was granted. Who makes it has everything, and
  * so has who may write a file. */
 static uint32_t rights_of(struct tavrix_connection* tavrix, const struct create_request* request) {
   if (request->op == FSOP_CREATE || request->op == FSOP_MKDIR || request->op == FSOP_OPEN_WRITE) {

@@ -15,8 +15,8 @@ static bool holds_right(const struct files_struct* fsp) {
   return fsp->fsp_flags.is_fsa && (fsp->access_mask & (WRITES_METADATA | content)) != 0;
 }
 
-/* What the request was granted on a folder's name, when it is not about the folder, is no right to
- * change the folder: the rules let everybody open one for writing. */
+/* A grant to open a folder is no right to change the folder itself: the rules let everybody open
+ * one for writing. */
 static bool is_being_written(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                              bool is_folder) {
   const e_fsop_type op = tavrix->granted_op;

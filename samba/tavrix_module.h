@@ -66,7 +66,7 @@ struct tavrix_open* tavrix_keep_open(struct vfs_handle_struct* handle, struct fi
 
 /* A handle's connection; null where the module is not connected. */
 struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle);
-/* Whether there is one; false with errno EACCES. smbd asks nothing of the table before connect and
+/* True if there is one; false with errno EACCES. smbd asks nothing of the table before connect and
  * after disconnect, so a handle without a connection refuses. */
 bool tavrix_is_connected(struct vfs_handle_struct* handle);
 const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
@@ -213,12 +213,12 @@ bool tavrix_may_always_be_deleted(const char* name);
 /* --- access -----------------------------------------------------------------------------------
  * Questions to the library, to be asked as root. */
 
-/* What a client that may only look has. */
+/* The rights of a client that may only look. */
 #define TAVRIX_READING (SEC_RIGHTS_FILE_READ | SEC_RIGHTS_FILE_EXECUTE)
 
 bool tavrix_is_folder(const struct files_struct* fsp);
 bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_type op);
-/* What who may write the object has: everything, but for the right to delete what must stay. */
+/* The rights of a client that may write the object: all, but to delete what must stay. */
 uint32_t tavrix_all_rights_on(const struct tavrix_connection* tavrix,
                               const struct tavrix_name* name, bool is_folder);
 /* All that the client has on an object that exists. */
@@ -229,9 +229,9 @@ uint32_t tavrix_rights_to_ask_for(uint32_t rights, bool is_folder);
 /* Turns what a request asks for, without generic rights, into what its handle gets. False: it asks
  * for a right that the client has not. */
 bool tavrix_resolve_access(uint32_t rights, bool is_folder, uint32_t* access_mask);
-/* Whether the client may change the folder's own attributes, times and extended attributes. */
+/* True if the client may change the folder's own attributes, times and extended attributes. */
 bool tavrix_may_write_folder(struct tavrix_connection* tavrix, const struct tavrix_name* name);
-/* Whether the client may not remove, rename or replace the object, whatever the map says; after a
+/* True if the client may not remove, rename or replace the object, whatever the map says; after a
  * decision, which finds out who is an administrator. */
 bool tavrix_must_stay(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                       bool is_folder);

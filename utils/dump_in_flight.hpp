@@ -82,7 +82,7 @@ enum class Settled {
 [[nodiscard]] Settled settle_dump(const char* dir, const char* name,
                                   std::span<const std::byte> buffered) noexcept;
 
-// Whether the directory has a mark.
+// True if the directory has a mark.
 [[nodiscard]] bool has_flush_mark(const char* dir) noexcept;
 
 // A name that was never synced can vanish with the power, and the file with it. The result of the

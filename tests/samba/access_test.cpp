@@ -21,7 +21,7 @@ class Access : public WireClients {
     mark_fixed("Shared/Team/NotInMap");
     start_smbd();
   }
-  // What the handle of an open "as much as I may have" holds, and what the server says that is.
+  // The rights in the handle of an open "as much as I may have", and those that the server tells.
   static std::string most(const Caller& caller, const std::string& name) {
     return wire(caller, std::string(kNewReply) + "h = me.open('" + name +
                             "', MAXIMUM_ALLOWED, contexts=[Context(b'MxAc', b'')])\n"

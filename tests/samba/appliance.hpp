@@ -105,7 +105,7 @@ class Appliance : public Hooks {
     return testing::AssertionResult(answer.find("NT_STATUS_") == std::string::npos) << answer;
   }
   static std::string smbd_log() { return read_file("/scratch/samba/log/smbd.log"); }
-  // What the server says around the end of a process that should not have ended.
+  // The server's lines around the end of a process that should not have ended.
   static std::string trouble_of_smbd() {
     const std::string log = smbd_log();
     for (const char* trouble : {"PANIC", "INTERNAL ERROR", "identity left", "Assertion"}) {

@@ -1,4 +1,4 @@
-// What counts as a change of a file, by whatever request it comes, and what is recorded of it.
+// Changes of a file, by whatever request they come, and their records.
 
 #include "tests/samba/wire.hpp"
 

@@ -62,7 +62,7 @@ class Faults : public Appliance {
     EXPECT_LT(n, kMostFaults);
     return n - 1;
   }
-  // What the events make of a tree: names alone.
+  // The tree that the events make of another one: names alone.
   static std::set<std::string> replay(const Lines& told, std::set<std::string> names) {
     for (const std::string& line : told) {
       std::istringstream in(line);

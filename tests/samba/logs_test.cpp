@@ -1,4 +1,4 @@
-// What an administrator finds in the logs at the level that is shipped.
+// The logs of an ordinary session at the level that is shipped.
 
 #include <syslog.h>
 #include <memory>
@@ -107,7 +107,7 @@ TEST_F(Logs, OfRefusalsHaveALineForEachRequest) {
   EXPECT_EQ("", new_in_smbd_log());
 }
 
-// What the manual offers for leaving the ordinary lines out leaves errors in.
+// The manual's filter leaves the ordinary lines out and errors in.
 TEST_F(Logs, TheFilterOfTheManualLeavesErrorsOnly) {
   const std::string guide = read_file(TAVRIX_SOURCE_DIR "/docs/appliance.md");
   std::smatch filter;

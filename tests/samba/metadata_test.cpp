@@ -48,7 +48,7 @@ class Metadata : public WireClients {
     const Lines fresh = new_kinds();
     return {fresh.begin(), fresh.end()};
   }
-  // What smbclient says in the old protocol, which names paths where the new one has handles.
+  // Runs smbclient in the old protocol, which names paths where the new one has handles.
   static std::string smb1(const Caller& caller, const std::string& commands) {
     const Outcome outcome = run_program(
         {"smbclient", "-s", "/scratch/samba/smb.conf", "--option=client min protocol=NT1", "-m",

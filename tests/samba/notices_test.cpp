@@ -21,7 +21,7 @@ class Notices : public WireClients {
          "' /scratch/samba/smb.conf");
     start_smbd();
   }
-  // What that user is told while it watches the folder and all below, and "admin" acts. The fence
+  // The notices to a user that watches the folder and all below while "admin" acts. The fence
   // is the last thing that happens; with a dash before it the user may not see it.
   static Lines told(const Caller& caller, const std::string& folder, const std::string& fence,
                     const std::string& script) {

@@ -17,7 +17,7 @@ class OtherClients : public MatrixWorld {
     write_file("/scratch/up/a/two", "22");
     write_file("/scratch/up/a/b/three", std::string(200000, '3'));
   }
-  // What a command changes must be allowed, told, and all of it.
+  // Runs a command; each of its changes must be allowed and recorded.
   Outcome rclone(const Caller& caller, const Lines& arguments) {
     Account account{.caller = &caller, .map = &map_, .before = Disk::now(kShareRoot)};
     const std::string password = run_program({"rclone", "obscure", caller.name}).out;

@@ -1,4 +1,4 @@
-// What a client may not do, however it words the request.
+// Requests that are refused, however a client words them.
 
 #include <sys/stat.h>
 

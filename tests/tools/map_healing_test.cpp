@@ -66,7 +66,7 @@ class MapHealing : public Loader {
     ASSERT_EQ(0, rename("/scratch/size.json", (kInbox + "/size.json").c_str()));
     ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
   }
-  // What a server process finds: the generation, or 0 for no map.
+  // The generation that a server process finds; 0 for no map.
   static int generation_for_a_reader() {
     void* address = get_perm_map_addr();
     if (address == nullptr) return 0;

@@ -145,7 +145,7 @@ TEST_F(Patterns, TestSaysNoWhereTheServerUsesNone) {
       << outcome.err;
 }
 
-// What the command says is what the library does.
+// The command says what the library does.
 TEST_F(Patterns, TheFileIsReadAsTheLibraryReadsIt) {
   set_debug_level(-1);
   std::strcpy(global_params[PARAM_REGEX_FILE_NAME].value.strval, kFile.c_str());

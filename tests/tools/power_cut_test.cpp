@@ -176,7 +176,7 @@ class PowerCut : public Loader {
     }
   }
 
-  // What an import of the pair that waits in the inbox may leave behind.
+  // The states that an import of the waiting pair may leave behind.
   static std::set<State> states_of_an_import() {
     Disk disk;
     for (const std::string& folder : {std::string("/etc/tavrix"), kInbox}) remember(disk, folder);

@@ -10,7 +10,7 @@ namespace tavrix::loader {
 
 class GroupMapWatch {
  public:
-  // What is wrong with it, once a change.
+  // Reports what is wrong with it, once a change.
   mapload::Report look();
 
  private:

@@ -37,7 +37,7 @@ void look_at_patterns() {
                                           : "; look at the pattern file: " + complaints.back());
 }
 
-// What an earlier run, or a restart of the machine, left to put right.
+// Puts right what an earlier run, or a restart of the machine, left.
 bool settle() {
   const Fd lock = mapload::lock_maps();
   if (!lock) {

@@ -1,4 +1,4 @@
-// What the loader does with a pair: checks it and makes it current, or says why not.
+// Checks a pair and makes it current, or says why not.
 #pragma once
 
 #include <functional>

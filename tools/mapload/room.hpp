@@ -1,4 +1,4 @@
-// What can be known to fail for lack of space is refused before anything is touched.
+// A look at space and memory: a lack of them refuses an import before anything is touched.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 namespace tavrix::mapload {
 
-// What stands in the way of an image of that size beside the one that is there; empty: nothing.
+// Says what an image of that size lacks beside the one that is there; empty: nothing.
 std::string lack_of_room(uint64_t image_bytes, uint64_t data_file_bytes);
 
 }  // namespace tavrix::mapload

@@ -1,4 +1,4 @@
-// What is wrong with the pattern file that the settings name.
+// Complaints about the pattern file that the settings name.
 #pragma once
 
 #include <string>

@@ -12,7 +12,7 @@ enum class Tone { kInfo, kNotice, kWarning, kError };
 // Each line of the text is a message of its own there, so each gets the priority.
 void say(Tone tone, std::string_view text);
 
-// Whether standard error is the journal: a program that was started from a service inherits the
+// True if standard error is the journal: a program that was started from a service inherits the
 // variable that says so, but may write elsewhere.
 bool is_journal();
 

@@ -1,4 +1,4 @@
-// What the appliance's services share: words for the journal (journal.hpp), and signals as input.
+// Shared by the appliance's services: words for the journal (journal.hpp), and signals as input.
 #pragma once
 
 #include "internal/scoped.hpp"

@@ -25,7 +25,7 @@ class [[nodiscard]] FirmHold {
   int set_ = -1;
 };
 
-// Whether the semaphore is there and can be given back by somebody.
+// True if the semaphore is there and somebody lives who can give it back.
 [[nodiscard]] bool has_sound_semaphore();
 
 // Takes turns with other processes that make or replace the segment; the lock goes with its owner.

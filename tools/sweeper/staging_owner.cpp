@@ -69,14 +69,14 @@ bool make_segment(std::size_t bytes, std::string& problem) {
   return create_staging_buffer() == 0 || fail(problem, "cannot make the segment");
 }
 
-// What it held is lost. The agent hears of it before that is true, for this process may be killed.
+// The records in it are lost. The agent is told first, for this process may be killed.
 bool begin_anew(std::size_t bytes, std::string& problem) {
   ask_for_rescan("the staging buffer was damaged");
   size_setting() = static_cast<int32_t>(bytes);
   return initialize_staging_buffer() == 0 || fail(problem, "cannot initialise the segment");
 }
 
-// Whether the kernel would give that much; an answer of no must come before the old one is gone.
+// True if the kernel would give that much; a no must come before the old segment is gone.
 bool could_make(std::size_t bytes) {
   const int id = shmget(IPC_PRIVATE, bytes, 0600);
   if (id == -1) return false;

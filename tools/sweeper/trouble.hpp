@@ -1,4 +1,4 @@
-// What lasts is not said on each period.
+// Trouble that lasts is not said on each period.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// What a caller may do, by a model that shares nothing with the library but the names of
+// A judge of what a caller may do: a model that shares nothing with the library but the names of
 // operations: the policy's table (rule_table), a naive lookup in the map (map_model), and the areas
 // of the tree.
 #pragma once
@@ -21,7 +21,7 @@ class Judge {
   [[nodiscard]] bool may(e_fsop_type op, const std::string& path) const;
   [[nodiscard]] bool sees(const std::string& path) const { return may(FSOP_STAT, path); }
 
-  // What the disk shows afterwards, in the words of the policy.
+  // Changes that the disk may show afterwards, in the words of the policy.
   [[nodiscard]] bool may_make(const std::string& path, bool folder) const;
   [[nodiscard]] bool may_remove(const std::string& path) const;
   [[nodiscard]] bool may_rename(const std::string& from, const std::string& to) const;

@@ -53,7 +53,7 @@ constexpr const char* kObjectId =
     "00000000000000000000000000000000"
     "00000000000000000000000000000000";
 
-// What a handle may be used for; a refused one has nothing to use.
+// Uses of a handle; a refused one has none.
 std::vector<Json> uses_of(const std::string& path) {
   const std::string sibling =
       with_backslashes(path.empty() ? "Shared/Team/moved" : path + ".moved");
