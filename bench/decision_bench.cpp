@@ -17,7 +17,7 @@
 #include "bench/sample_map.hpp"
 #include "perm_enforcer.h"
 #include "perm_map.h"
-#include "permissions/image.hpp"
+#include "permissions/map/image.hpp"
 
 namespace tavrix::bench {
 namespace {

@@ -8,7 +8,8 @@ install(TARGETS tavrix EXPORT tavrix-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev)
 install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavrix COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
-install(FILES samba.pb-c.h audit_events.pb-c.h samba.proto audit_events.proto
+install(FILES events/generated/samba.pb-c.h events/generated/audit_events.pb-c.h
+    events/samba.proto events/audit_events.proto
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavrix COMPONENT dev)
 
 configure_file(cmake/tavrix.pc.in ${CMAKE_BINARY_DIR}/tavrix.pc @ONLY)

@@ -5,68 +5,65 @@ pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
 pkg_check_modules(PROTOBUF_C REQUIRED IMPORTED_TARGET libprotobuf-c)
 
 set(TAVRIX_SOURCES
-  audit_buffer.cpp
-  audit_events.pb-c.c
-  config_snapshot.cpp
-  connection_hooks.cpp
-  connection_identity.cpp
-  deletable_patterns.cpp
-  directory_hooks.cpp
-  event_records.cpp
-  file_hooks.cpp
-  folder_markers.cpp
-  operation_mapping.cpp
-  permission_check.cpp
-  permissions/acl.cpp
-  permissions/caller.cpp
-  permissions/change_id.cpp
-  permissions/data_pass.cpp
-  permissions/decision.cpp
-  permissions/group_list_map.cpp
-  permissions/image_dump.cpp
-  permissions/image_lookup.cpp
-  permissions/image_records.cpp
-  permissions/import_driver.cpp
-  permissions/import_report.cpp
-  permissions/json_parse.cpp
-  permissions/name_traces.cpp
-  permissions/parse_stack.cpp
-  permissions/path_elements.cpp
-  permissions/perm_map.cpp
-  permissions/rules.cpp
-  permissions/size_pass.cpp
-  permissions/special_files.cpp
+  connection/check_perms.cpp
+  connection/deletable_patterns.cpp
+  connection/group_list_map.cpp
+  connection/identity.cpp
+  connection/operation_mapping.cpp
+  connection/settings_snapshot.cpp
+  connection/verdict_cache.cpp
+  events/audit_buffer.cpp
+  events/folder_markers.cpp
+  events/generated/audit_events.pb-c.c
+  events/generated/samba.pb-c.c
+  events/records.cpp
+  hooks/connection.cpp
+  hooks/file.cpp
+  hooks/folder.cpp
+  hooks/rename.cpp
+  hooks/status.cpp
+  permissions/decision/caller.cpp
+  permissions/decision/change_id.cpp
+  permissions/decision/decision.cpp
+  permissions/decision/rules.cpp
+  permissions/decision/special_files.cpp
+  permissions/import/data_pass.cpp
+  permissions/import/driver.cpp
+  permissions/import/json_parse.cpp
+  permissions/import/name_traces.cpp
+  permissions/import/parse_stack.cpp
+  permissions/import/report.cpp
+  permissions/import/size_pass.cpp
+  permissions/map/acl.cpp
+  permissions/map/image_dump.cpp
+  permissions/map/image_lookup.cpp
+  permissions/map/image_records.cpp
+  permissions/map/path_elements.cpp
+  permissions/map/tables.cpp
   regex_parser/regex_parser.cpp
-  rename_hook.cpp
-  samba.pb-c.c
-  stat_hooks.cpp
   sweeper/sweeper_log.cpp
-  utils/dump_file.cpp
-  utils/dump_in_flight.cpp
-  utils/event_markers.cpp
   utils/name_compare.cpp
   utils/parameter_block.cpp
   utils/path_names.cpp
   utils/privilege.cpp
   utils/samba_compare.cpp
-  utils/staging_buffer.cpp
-  utils/staging_flush.cpp
-  utils/staging_semaphore.cpp
-  verdict_cache.cpp
+  utils/staging/buffer.cpp
+  utils/staging/dump_file.cpp
+  utils/staging/dump_in_flight.cpp
+  utils/staging/flush.cpp
+  utils/staging/loss_markers.cpp
+  utils/staging/semaphore.cpp
 )
 
-# What the protobuf compiler made of the two .proto files is kept beside them; it knows no visibility.
-set_source_files_properties(samba.pb-c.c audit_events.pb-c.c PROPERTIES COMPILE_OPTIONS
-  "-fvisibility=default;-Wno-conversion;-Wno-pedantic")
-
+# The protobuf compiler's code (scripts/generate.sh) marks nothing as visible.
+set_source_files_properties(events/generated/audit_events.pb-c.c events/generated/samba.pb-c.c
+  PROPERTIES COMPILE_OPTIONS "-fvisibility=default;-Wno-conversion;-Wno-pedantic")
 
 add_library(tavrix_objects OBJECT ${TAVRIX_SOURCES})
 set_target_properties(tavrix_objects PROPERTIES
   POSITION_INDEPENDENT_CODE ON
   CXX_VISIBILITY_PRESET hidden
   VISIBILITY_INLINES_HIDDEN ON)
-target_include_directories(tavrix_objects
-  PUBLIC ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR})
 # Nothing may unwind into C, and nothing here throws.
 target_compile_options(tavrix_objects PRIVATE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>
@@ -77,8 +74,7 @@ target_compile_options(tavrix_objects PRIVATE
   # Keeps malloc() and memset() two calls: the compiler would make them one calloc(), which does not
   # use the C library's per-thread cache.
   -fno-builtin-malloc)
-target_link_libraries(tavrix_objects PRIVATE tavrix_settings PUBLIC PkgConfig::YAJL
-  PkgConfig::PROTOBUF_C)
+target_link_libraries(tavrix_objects PUBLIC tavrix_settings PkgConfig::YAJL PkgConfig::PROTOBUF_C)
 
 add_library(tavrix SHARED $<TARGET_OBJECTS:tavrix_objects>)
 set_target_properties(tavrix PROPERTIES
@@ -90,6 +86,7 @@ set_target_properties(tavrix PROPERTIES
   LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/libtavrix.map)
 target_include_directories(tavrix INTERFACE
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/events/generated>
   $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tavrix>)

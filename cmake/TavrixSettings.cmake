@@ -27,6 +27,8 @@ endforeach()
 
 add_library(tavrix_settings INTERFACE)
 target_compile_definitions(tavrix_settings INTERFACE _GNU_SOURCE)
+target_include_directories(tavrix_settings INTERFACE ${CMAKE_SOURCE_DIR}/include
+  ${CMAKE_SOURCE_DIR}/events/generated ${CMAKE_SOURCE_DIR})
 target_compile_options(tavrix_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>

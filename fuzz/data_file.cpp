@@ -5,9 +5,9 @@
 
 #include "fuzz/target.hpp"
 #include "mkperms_shm.h"
-#include "permissions/data_pass.hpp"
-#include "permissions/json_parse.hpp"
-#include "permissions/parse_stack.hpp"
+#include "permissions/import/data_pass.hpp"
+#include "permissions/import/json_parse.hpp"
+#include "permissions/import/parse_stack.hpp"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   tavrix::fuzz::silence_output();

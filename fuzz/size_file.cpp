@@ -8,7 +8,7 @@
 
 #include "fuzz/target.hpp"
 #include "mkperms_shm.h"
-#include "permissions/parse_stack.hpp"
+#include "permissions/import/parse_stack.hpp"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   tavrix::fuzz::silence_output();

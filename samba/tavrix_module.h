@@ -1,7 +1,7 @@
 /* The reference module of libtavrix for Samba.
  *
  * Copyright (C) 2026 the libtavrix developers. This module is free software under the terms of the
- * GNU General Public License, version 3 or later, as Samba is (see COPYING in this folder).
+ * GNU General Public License, version 3 or later, as Samba is (see LICENSES/).
  *
  * Every function of the table asks the library before the operation, runs the operation as root
  * where the library left it so, gives root back on every path, and records what succeeded. */

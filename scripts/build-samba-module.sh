@@ -31,7 +31,7 @@ build_module() {  # NAME [FLAG]...
   local name=$1
   shift
   # Under a name of its own first: a server that has the module open keeps the file it has.
-  gcc "${flags[@]}" "$@" "${includes[@]}" -Iinclude -I. samba/*.c tools/notes/*.c -L"$build" -ltavrix \
+  gcc "${flags[@]}" "$@" "${includes[@]}" -Iinclude -Ievents/generated -I. samba/*.c tools/notes/*.c -L"$build" -ltavrix \
     "${rpath[@]}" -o "$build/samba/.$name.new"
   mv "$build/samba/.$name.new" "$build/samba/$name.so"
 }

@@ -8,8 +8,9 @@ clang-format --dry-run -Werror "${sources[@]}"
 
 generated=$(mktemp -d)
 trap 'rm -rf "$generated"' EXIT
-protoc-c --c_out="$generated" samba.proto audit_events.proto
+scripts/generate.sh "$generated"
 for file in "$generated"/*; do
-  cmp -s "$file" "$(basename "$file")" || { echo "$(basename "$file") is out of date" >&2; exit 1; }
+  name=events/generated/$(basename "$file")
+  cmp -s "$file" "$name" || { echo "$name is older than its .proto file: scripts/generate.sh" >&2; exit 1; }
 done
 echo "sources are in order"

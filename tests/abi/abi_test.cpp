@@ -98,9 +98,9 @@ TEST_F(Abi, NeedsYajlProtobufAndTheCLibraryOnly) {
 TEST_F(Abi, EachHeaderStandsAloneInC) {
   for (const std::string& header : headers()) {
     write_file("/scratch/unit.c", "#include \"" + header + "\"\nextern int not_empty;\n");
-    const Outcome cc = run_program({"gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror",
-                                    "-I" + kSource + "/include", "-I" + kSource, "-fsyntax-only",
-                                    "/scratch/unit.c"});
+    const Outcome cc = run_program(
+        {"gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror", "-I" + kSource + "/include",
+         "-I" + kSource + "/events/generated", "-fsyntax-only", "/scratch/unit.c"});
     EXPECT_TRUE(cc.ok()) << header << "\n" << cc.err;
   }
 }
@@ -108,9 +108,10 @@ TEST_F(Abi, EachHeaderStandsAloneInC) {
 TEST_F(Abi, EachHeaderStandsAloneInCpp) {
   for (const std::string& header : headers()) {
     write_file("/scratch/unit.cpp", "#include \"" + header + "\"\nextern int not_empty;\n");
-    const Outcome cc = run_program({"g++", "-std=c++20", "-pedantic", "-Wall", "-Wextra", "-Werror",
-                                    "-I" + kSource + "/include", "-I" + kSource, "-fsyntax-only",
-                                    "/scratch/unit.cpp"});
+    const Outcome cc =
+        run_program({"g++", "-std=c++20", "-pedantic", "-Wall", "-Wextra", "-Werror",
+                     "-I" + kSource + "/include", "-I" + kSource + "/events/generated",
+                     "-fsyntax-only", "/scratch/unit.cpp"});
     EXPECT_TRUE(cc.ok()) << header << "\n" << cc.err;
   }
 }
@@ -118,14 +119,16 @@ TEST_F(Abi, EachHeaderStandsAloneInCpp) {
 TEST_F(Abi, ServesAProgramInC) {
   if (std::string(TAVRIX_SANITIZED_BUILD) == "ON") {
     // The program must bring the sanitizer's runtime itself.
-    const Outcome cc = run_program(
-        {"gcc", "-fsanitize=address,undefined", "-std=c11", "-I" + kSource + "/include",
-         "-I" + kSource, kSource + "/tests/abi/program.c", kLibrary, "-o", "/scratch/program"});
+    const Outcome cc =
+        run_program({"gcc", "-fsanitize=address,undefined", "-std=c11", "-I" + kSource + "/include",
+                     "-I" + kSource + "/events/generated", kSource + "/tests/abi/program.c",
+                     kLibrary, "-o", "/scratch/program"});
     ASSERT_TRUE(cc.ok()) << cc.err;
   } else {
-    const Outcome cc = run_program(
-        {"gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror", "-I" + kSource + "/include",
-         "-I" + kSource, kSource + "/tests/abi/program.c", kLibrary, "-o", "/scratch/program"});
+    const Outcome cc =
+        run_program({"gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror",
+                     "-I" + kSource + "/include", "-I" + kSource + "/events/generated",
+                     kSource + "/tests/abi/program.c", kLibrary, "-o", "/scratch/program"});
     ASSERT_TRUE(cc.ok()) << cc.err;
   }
   const Outcome program =

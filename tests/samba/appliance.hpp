@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/hooks/session.hpp"
+#include "tests/support/session.hpp"
 
 namespace tavrix::test {
 

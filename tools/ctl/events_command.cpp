@@ -20,7 +20,7 @@
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/shared_settings.hpp"
 #include "tools/events/dump_reader.hpp"
-#include "utils/staging.hpp"
+#include "utils/staging/staging.hpp"
 
 namespace tavrix::ctl {
 namespace {

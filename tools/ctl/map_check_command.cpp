@@ -1,7 +1,7 @@
 // tavrixctl map lint, map verify: checks without a change.
 
 #include "tools/ctl/commands.hpp"
-#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/lint.hpp"
 #include "tools/mapcheck/verify.hpp"

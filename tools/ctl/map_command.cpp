@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "tools/ctl/commands.hpp"
-#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapload/recovery.hpp"
 

@@ -6,11 +6,11 @@
 
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
-#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/lint.hpp"
+#include "tools/mapload/load.hpp"
 #include "tools/mapload/local_copy.hpp"
-#include "tools/mapload/map_loader.hpp"
 #include "tools/mapload/paths.hpp"
 #include "tools/mapload/recovery.hpp"
 

@@ -5,9 +5,9 @@
 #include <functional>
 
 #include "perm_utils.h"
-#include "permissions/image.hpp"
+#include "permissions/map/image.hpp"
 #include "tools/ctl/commands.hpp"
-#include "tools/ctl/map_table.hpp"
+#include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 
 namespace tavrix::ctl {

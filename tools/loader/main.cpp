@@ -19,7 +19,7 @@
 #include "tools/loader/watch.hpp"
 #include "tools/loader/words.hpp"
 #include "tools/loader/worker.hpp"
-#include "tools/mapload/map_loader.hpp"
+#include "tools/mapload/load.hpp"
 #include "tools/mapload/recovery.hpp"
 #include "tools/patterns/complaints.hpp"
 

@@ -1,6 +1,6 @@
 #include "tools/loader/watch.hpp"
 
-#include "tools/mapload/map_loader.hpp"
+#include "tools/mapload/load.hpp"
 #include "tools/mapload/paths.hpp"
 
 namespace tavrix::loader {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "tools/loader/inbox.hpp"
-#include "tools/loader/maps.hpp"
+#include "tools/loader/pair_import.hpp"
 
 namespace tavrix::loader {
 

@@ -13,7 +13,7 @@
 #include "tools/sweeper/paths.hpp"
 #include "tools/sweeper/staging_owner.hpp"
 #include "tools/sweeper/trouble.hpp"
-#include "utils/dump_in_flight.hpp"
+#include "utils/staging/dump_in_flight.hpp"
 
 namespace tavrix::sweeper {
 namespace {

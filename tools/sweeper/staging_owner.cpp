@@ -12,8 +12,8 @@
 #include "internal/scoped.hpp"
 #include "tools/sweeper/firm_hold.hpp"
 #include "tools/sweeper/running_mark.hpp"
-#include "utils/dump_in_flight.hpp"
-#include "utils/staging.hpp"
+#include "utils/staging/dump_in_flight.hpp"
+#include "utils/staging/staging.hpp"
 
 namespace tavrix::sweeper {
 namespace {

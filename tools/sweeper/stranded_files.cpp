@@ -14,9 +14,9 @@
 #include "tools/service/service.hpp"
 #include "tools/sweeper/space.hpp"
 #include "tools/sweeper/trouble.hpp"
-#include "utils/dump_in_flight.hpp"
 #include "utils/parameters.hpp"
-#include "utils/staging.hpp"
+#include "utils/staging/dump_in_flight.hpp"
+#include "utils/staging/staging.hpp"
 
 namespace tavrix::sweeper {
 namespace {

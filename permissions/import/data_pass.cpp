@@ -1,0 +1,490 @@
+// The second pass of an import: the events of the JSON parser, told to the image.
+//
+// The place in the document is a stack of states, each with the folder it concerns. A folder's
+// STCHILDMAP sits on the ENDNUMCHILDRENMAP of its parent's children array, that on the array's
+// STCHILDARRAY, on the parent's CHILDREN, on the parent's STCHILDMAP. An ACL in progress sits on
+// the folder's STCHILDMAP as ACL, STACLARRAY, STNUMUSERMAP, ENDNUMUSERMAP, STNUMGROUPMAP,
+// ENDNUMGROUPMAP, STUSERMAP, with the id maps above it while they are open.
+//
+// A document that breaks the grammar aborts the loader: the assertions name the state that should
+// have been there. A key that fits nowhere cancels the parse, and the image stays as far as it got.
+
+#include "permissions/import/data_pass.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "internal/assert.hpp"
+#include "internal/scoped.hpp"
+#include "logging.h"
+#include "perm_utils.h"
+#include "permissions/import/json_parse.hpp"
+#include "permissions/import/parse_stack.hpp"
+#include "permissions/map/image.hpp"
+#include "read_perms.h"
+
+namespace tavrix {
+namespace {
+
+constexpr int kGoOn = 1;
+constexpr int kCancel = 0;
+
+memsummary_s& running_import() {
+  TAVRIX_REQUIRE(memsummary != nullptr, "memsummary != NULL");
+  return *memsummary;
+}
+
+// --- the stack, as the transitions use it ---------------------------------------------------
+
+const jsonstack& current_top() {
+  const jsonstack* top = top_of(running_import().sth);
+  TAVRIX_REQUIRE(top != nullptr, "stelem != NULL");
+  return *top;
+}
+
+// The element itself, for the primitives that read and fill it; given back with the scope.
+Element take_top() {
+  Element elem(pop(running_import().sth));
+  TAVRIX_REQUIRE(elem != nullptr, "stelem != NULL");
+  return elem;
+}
+
+int push_state(int state, uint32_t offset, void* data, stelem_type type) {
+  jsonstack* elem = new_element();
+  TAVRIX_REQUIRE(elem != nullptr, "err == 0");
+  elem->state = state;
+  elem->stetype = type;
+  elem->jsonoffset = offset;
+  elem->data = data;
+  const e_txlist_err err = push(running_import().sth, elem);
+  if (__builtin_expect(err == TXLIST_ERR_OK, 1)) return kGoOn;
+  TAVRIX_LOG(0, "List error ");
+  TAVRIX_LOG(0, "Push failure %d", SHM_MEMBE_ERR_LISTERR);
+  give_back(elem);
+  return kCancel;
+}
+
+// "The same folder, the next state."
+int push_copy(const jsonstack& elem, int state) {
+  return push_state(state, elem.jsonoffset, elem.data, elem.stetype);
+}
+
+// As pop_if_state(), which other programs use.
+membe_shm_err pop_state(int state) {
+  tavrix_stack_head_s& stack = running_import().sth;
+  const jsonstack* top = top_of(stack);
+  if (__builtin_expect(top == nullptr || top->state != state, 0)) return pop_if_state(state);
+  give_back(pop(stack));
+  return SHM_MEMBE_OK;
+}
+
+void require_top(int state, const char* text) {
+  TAVRIX_REQUIRE(get_cur_state(&running_import().sth) == state, text);
+}
+
+// The pops at the end of an object and of an array, which word their failures differently.
+void pop_at_end_of_map(int state) {
+  if (const membe_shm_err err = pop_state(state); err != SHM_MEMBE_OK) {
+    TAVRIX_LOG(0, "pop error %d ", err);
+    TAVRIX_REQUIRE(err == SHM_MEMBE_OK, "err == SHM_MEMBE_OK");
+  }
+}
+
+void pop_at_end_of_array(int state) {
+  if (const membe_shm_err err = pop_state(state); err != SHM_MEMBE_OK) {
+    TAVRIX_LOG(0, "State mismatch ");
+    TAVRIX_REQUIRE(err == SHM_MEMBE_OK, "err == SHM_MEMBE_OK");
+  }
+}
+
+// --- a table of transitions -----------------------------------------------------------------
+
+constexpr std::size_t kStates = PERMDATA_STATE_INVAL + 1;
+
+using Action = int (*)(const jsonstack& top);
+
+// One row: under this state, push the next one (a copy), or do something of its own.
+struct Transition {
+  int state;
+  int next;
+  Action action = nullptr;
+};
+
+// Indexed by state; a state without a row has neither.
+class TransitionTable {
+ public:
+  template <std::size_t N>
+  constexpr explicit TransitionTable(const Transition (&rows)[N]) {
+    for (const Transition& row : rows) by_state_[static_cast<std::size_t>(row.state)] = row;
+  }
+  // Null for a state that the table does not list.
+  [[nodiscard]] const Transition* find(int state) const noexcept {
+    if (state < 0 || static_cast<std::size_t>(state) >= kStates) return nullptr;
+    const Transition& row = by_state_[static_cast<std::size_t>(state)];
+    return row.next == kNone && row.action == nullptr ? nullptr : &row;
+  }
+  static constexpr int kNone = -1;
+
+ private:
+  static constexpr std::array<Transition, kStates> unlisted() {
+    std::array<Transition, kStates> rows{};
+    for (Transition& row : rows) row = {.state = kNone, .next = kNone};
+    return rows;
+  }
+  std::array<Transition, kStates> by_state_ = unlisted();
+};
+
+constexpr int kOwnAction = TransitionTable::kNone;
+
+int take(const Transition& row, const jsonstack& top) {
+  return row.action != nullptr ? row.action(top) : push_copy(top, row.next);
+}
+
+// --- the start of an object -----------------------------------------------------------------
+
+int begin_acl(const jsonstack& /*top*/) {
+  tavrix_acl_t* acl = nullptr;
+  create_empty_acl(&acl);
+  return push_state(PERMDATA_STATE_STUSERMAP, 0, acl, STELEM_TYPE_ACLELEM);
+}
+
+// A new folder in the image, and the element that stands for it; null when out of memory.
+Element new_folder(int state, uint32_t parent) {
+  jsonstack* elem = nullptr;
+  const bool made = create_stackelem(state, &elem) == 0 &&
+                    create_fselem(&running_import(), elem, parent) == SHM_MEMBE_OK;
+  if (!made) {
+    TAVRIX_LOG(0, "Error creating fselem ");
+    give_back(elem);
+    return nullptr;
+  }
+  return Element(elem);
+}
+
+int push_element(Element elem) {
+  const e_txlist_err err = push(running_import().sth, elem.get());
+  if (err != TXLIST_ERR_OK) {
+    TAVRIX_LOG(0, "Push failure %d", err);
+    return kCancel;
+  }
+  static_cast<void>(elem.release());  // the stack's now
+  return kGoOn;
+}
+
+int begin_folder(const jsonstack& top) {
+  const ImageWriter image(running_import());
+  static_cast<void>(image.checked_header());
+  fs_elem_s& parent = image.fselem(top.jsonoffset);
+  if (top.jsonoffset == 0 && parent.parent_offset == FSELEM_ROOT_OFFSET) {
+    // The root was made with its array; this is its own object.
+    parent.flags |= FSELEM_FLAG_ROOT;
+    parent.parent_offset = FSELEM_ROOT_OFFSET2;
+    return push_state(PERMDATA_STATE_STCHILDMAP, 0, nullptr, STELEM_TYPE_FSELEM);
+  }
+  if ((parent.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) {
+    // Declared without children and given one all the same: it has no folder to write to, and its
+    // name will trip over that.
+    return push_state(PERMDATA_STATE_STCHILDMAP, 0, nullptr, STELEM_TYPE_INVALID);
+  }
+  Element child = new_folder(PERMDATA_STATE_STCHILDMAP, top.jsonoffset);
+  if (child == nullptr) return kCancel;
+  add_to_parentlist(&running_import(), child.get(), top.jsonoffset);
+  return push_element(std::move(child));
+}
+
+// An object under any other state is accepted without a change; what is in it will not fit.
+constexpr TransitionTable start_of_object({
+    {PERMDATA_STATE_STCHILDARRAY, PERMDATA_STATE_STNUMCHILDRENMAP},
+    {PERMDATA_STATE_STACLARRAY, PERMDATA_STATE_STNUMUSERMAP},
+    {PERMDATA_STATE_ENDUSERMAP, PERMDATA_STATE_STGROUPMAP},
+    {PERMDATA_STATE_ENDNUMUSERMAP, PERMDATA_STATE_STNUMGROUPMAP},
+    {PERMDATA_STATE_ENDNUMGROUPMAP, kOwnAction, begin_acl},
+    {PERMDATA_STATE_ENDNUMCHILDRENMAP, kOwnAction, begin_folder},
+    {PERMDATA_STATE_USERS, PERMDATA_STATE_STUSERACLMAP},
+    {PERMDATA_STATE_GROUPS, PERMDATA_STATE_STGROUPACLMAP},
+});
+
+// --- the start of an array ------------------------------------------------------------------
+
+constexpr TransitionTable start_of_array({
+    {PERMDATA_STATE_CHILDREN, PERMDATA_STATE_STCHILDARRAY},
+    {PERMDATA_STATE_ACL, PERMDATA_STATE_STACLARRAY},
+});
+
+int begin_document() {
+  Element root = new_folder(PERMDATA_STATE_STCHILDARRAY, FSELEM_ROOT_OFFSET);
+  return root == nullptr ? kCancel : push_element(std::move(root));
+}
+
+// --- keys -----------------------------------------------------------------------------------
+
+struct Key {
+  std::string_view text;
+  int state;              // pushed, as a copy
+  int under;              // the state it must stand under
+  const char* condition;  // as the abort words it
+};
+
+constexpr Key state_arr[] = {
+    {"CHILDREN", PERMDATA_STATE_CHILDREN, PERMDATA_STATE_STCHILDMAP,
+     "curstate == PERMDATA_STATE_STCHILDMAP"},
+    {"NUMCHILDREN", PERMDATA_STATE_NUMCHILDREN, PERMDATA_STATE_STNUMCHILDRENMAP,
+     "curstate == PERMDATA_STATE_STNUMCHILDRENMAP"},
+    {"NUMUSERS", PERMDATA_STATE_NUMUSERS, PERMDATA_STATE_STNUMUSERMAP,
+     "curstate == PERMDATA_STATE_STNUMUSERMAP"},
+    {"NUMGROUPS", PERMDATA_STATE_NUMGROUPS, PERMDATA_STATE_STNUMGROUPMAP,
+     "curstate == PERMDATA_STATE_STNUMGROUPMAP"},
+    {"DIR", PERMDATA_STATE_NAME, PERMDATA_STATE_STCHILDMAP,
+     "curstate == PERMDATA_STATE_STCHILDMAP"},
+    {"USERS", PERMDATA_STATE_USERS, PERMDATA_STATE_STUSERMAP,
+     "curstate == PERMDATA_STATE_STUSERMAP"},
+    {"ACL", PERMDATA_STATE_ACL, PERMDATA_STATE_STCHILDMAP, "curstate == PERMDATA_STATE_STCHILDMAP"},
+    {"GROUPS", PERMDATA_STATE_GROUPS, PERMDATA_STATE_STGROUPMAP,
+     "curstate == PERMDATA_STATE_STGROUPMAP"},
+};
+
+const Key* find_key(std::string_view text) {
+  const auto* row =
+      std::find_if(std::begin(state_arr), std::end(state_arr), [text](const Key& key) {
+        // No two keys share both their length and their first letter.
+        return key.text.size() == text.size() && key.text[0] == text[0] && key.text == text;
+      });
+  return row == std::end(state_arr) ? nullptr : row;
+}
+
+tavrix_acl_t* acl_of(const jsonstack& elem) { return static_cast<tavrix_acl_t*>(elem.data); }
+
+int begin_ace(const jsonstack& top, e_ace_type_t trustee, std::string_view id, int next) {
+  add_ace_to_acl(acl_of(top), trustee, static_cast<uint32_t>(decimal_of(id.data(), id.size())));
+  return push_copy(top, next);
+}
+
+// --- numbers --------------------------------------------------------------------------------
+
+void declare_children(jsonstack& elem, uint32_t count) {
+  TAVRIX_REQUIRE(elem.stetype == STELEM_TYPE_FSELEM, "stelem->stetype == STELEM_TYPE_FSELEM");
+  const ImageWriter image(running_import());
+  static_cast<void>(image.checked_header());
+  fs_elem_s& folder = image.fselem(elem.jsonoffset);
+  if (count > 0) {
+    create_child_list(&running_import(), count, &elem);
+  } else {
+    folder.flags |= FSELEM_FLAG_NO_CHILD_LIST;
+  }
+}
+
+void set_mask(const jsonstack& elem, e_ace_type_t trustee, uint32_t mask) {
+  auto* acl = static_cast<tavrix_acl_t*>(elem.data);
+  TAVRIX_REQUIRE(acl != nullptr && acl->ace_list_head.first_elem != nullptr, "ace != NULL");
+  // New entries go to the head, so the first one is the one whose key came last.
+  const auto* last = reinterpret_cast<const tavrix_ace_s*>(acl->ace_list_head.first_elem);
+  add_ace_mask(acl, trustee, last->trustee.uid, mask);
+}
+
+// --- the end of an object -------------------------------------------------------------------
+
+int end_folder(const jsonstack& /*top*/) {
+  pop_at_end_of_map(PERMDATA_STATE_STCHILDMAP);
+  require_top(PERMDATA_STATE_ENDNUMCHILDRENMAP, "curstate == PERMDATA_STATE_ENDNUMCHILDRENMAP");
+  return kGoOn;
+}
+
+template <int kFirst, int kSecond>
+int pop_two(const jsonstack& /*top*/) {
+  pop_at_end_of_map(kFirst);
+  pop_at_end_of_map(kSecond);
+  return kGoOn;
+}
+
+int end_child_count(const jsonstack& /*top*/) {
+  const Element elem(pop(running_import().sth));
+  if (elem == nullptr) return kCancel;
+  TAVRIX_REQUIRE(elem->stetype == STELEM_TYPE_FSELEM, "stetype == STELEM_TYPE_FSELEM");
+  return push_copy(*elem, PERMDATA_STATE_ENDNUMCHILDRENMAP);
+}
+
+int tolerate(const jsonstack& top) {
+  TAVRIX_LOG(0, "Invalid state state %d", top.state);
+  return kGoOn;
+}
+
+// Under any other state an object cannot end.
+constexpr TransitionTable end_of_object({
+    {PERMDATA_STATE_STCHILDMAP, kOwnAction, end_folder},
+    {PERMDATA_STATE_STUSERMAP, PERMDATA_STATE_ENDUSERMAP},
+    {PERMDATA_STATE_STGROUPMAP, kOwnAction,
+     pop_two<PERMDATA_STATE_STGROUPMAP, PERMDATA_STATE_ENDUSERMAP>},
+    {PERMDATA_STATE_STNUMUSERMAP, PERMDATA_STATE_ENDNUMUSERMAP},
+    {PERMDATA_STATE_STNUMGROUPMAP, PERMDATA_STATE_ENDNUMGROUPMAP},
+    {PERMDATA_STATE_STUSERACLMAP, kOwnAction,
+     pop_two<PERMDATA_STATE_STUSERACLMAP, PERMDATA_STATE_USERS>},
+    {PERMDATA_STATE_STGROUPACLMAP, kOwnAction,
+     pop_two<PERMDATA_STATE_STGROUPACLMAP, PERMDATA_STATE_GROUPS>},
+    {PERMDATA_STATE_STNUMCHILDRENMAP, kOwnAction, end_child_count},
+    {PERMDATA_STATE_STCHILDARRAY, kOwnAction, tolerate},
+    {PERMDATA_STATE_STACLARRAY, kOwnAction, tolerate},
+    {PERMDATA_STATE_ENDUSERMAP, kOwnAction, tolerate},
+    {PERMDATA_STATE_ENDGROUPMAP, kOwnAction, tolerate},
+    {PERMDATA_STATE_ENDNUMUSERMAP, kOwnAction, tolerate},
+    {PERMDATA_STATE_ENDNUMGROUPMAP, kOwnAction, tolerate},
+    {PERMDATA_STATE_ENDUSERACLMAP, kOwnAction, tolerate},
+    {PERMDATA_STATE_ENDGROUPACLMAP, kOwnAction, tolerate},
+});
+
+// --- the end of an array --------------------------------------------------------------------
+
+// The folder gets the next free place of the ACL region, zeroed before it is written.
+void store_acl(uint32_t folder_offset, const beacl_s& stored, uint32_t size) {
+  const ImageWriter image(running_import());
+  tavrix_be_header& header = image.checked_header();
+  image.fselem(folder_offset).acl_offset = header.next_free_acl;
+  std::byte* place = image.bytes(header.acl_offset, header.next_free_acl, size);
+  std::memset(place, 0, size);
+  std::memcpy(place, &stored, size);
+  header.next_free_acl += size;
+}
+
+// Pops what stands for the ACL's folder: the element below the one that carries the ACL.
+uint32_t take_folder_of_acl() {
+  const Element elem = take_top();
+  if (elem->state != PERMDATA_STATE_ENDNUMGROUPMAP) {
+    TAVRIX_LOG(0, "state mismatch asked %d given %d", PERMDATA_STATE_ENDNUMGROUPMAP, elem->state);
+    TAVRIX_REQUIRE(elem->state == PERMDATA_STATE_ENDNUMGROUPMAP, "err == SHM_MEMBE_OK");
+  }
+  return elem->jsonoffset;
+}
+
+int end_acl(const jsonstack& top) {
+  tavrix_acl_t* acl = acl_of(top);
+  TAVRIX_REQUIRE(acl != nullptr, "acl != NULL");
+  beacl_s* converted = nullptr;
+  uint32_t size = 0;
+  ACL_2_membuf(acl, &converted, &size);
+  const Malloced<beacl_s> stored(converted);
+  TAVRIX_REQUIRE(stored != nullptr, "bacl != NULL");
+
+  store_acl(take_folder_of_acl(), *stored, size);
+  free_tavrix_acl(acl);
+  std::free(acl);
+  for (const int state :
+       {PERMDATA_STATE_STNUMGROUPMAP, PERMDATA_STATE_ENDNUMUSERMAP, PERMDATA_STATE_STNUMUSERMAP,
+        PERMDATA_STATE_STACLARRAY, PERMDATA_STATE_ACL}) {
+    pop_at_end_of_array(state);
+  }
+  require_top(PERMDATA_STATE_STCHILDMAP, "curstate == PERMDATA_STATE_STCHILDMAP");
+  return kGoOn;
+}
+
+int end_children() {
+  pop_at_end_of_array(PERMDATA_STATE_STCHILDARRAY);
+  if (running_import().sth.totalelems == 0) return kGoOn;  // the document is complete
+  pop_at_end_of_array(PERMDATA_STATE_CHILDREN);
+  require_top(PERMDATA_STATE_STCHILDMAP, "curstate == PERMDATA_STATE_STCHILDMAP");
+  return kGoOn;
+}
+
+}  // namespace
+
+const yajl_callbacks data_pass_callbacks{.yajl_null = nullptr,
+                                         .yajl_boolean = nullptr,
+                                         .yajl_integer = nullptr,
+                                         .yajl_double = nullptr,
+                                         .yajl_number = readperm_number,
+                                         .yajl_string = readperm_string,
+                                         .yajl_start_map = readperm_start_map,
+                                         .yajl_map_key = readperm_map_key,
+                                         .yajl_end_map = readperm_end_map,
+                                         .yajl_start_array = readperm_start_array,
+                                         .yajl_end_array = readperm_end_array};
+
+}  // namespace tavrix
+
+int readperm_start_array(void* /*ctx*/) {
+  if (tavrix::running_import().sth.totalelems == 0) return tavrix::begin_document();
+  const jsonstack& top = tavrix::current_top();
+  if (const auto* row = tavrix::start_of_array.find(top.state)) return tavrix::take(*row, top);
+  // Nothing below could be placed; the import is judged by the image it has so far.
+  TAVRIX_LOG(0, "Invalid state %d", top.state);
+  return tavrix::kCancel;
+}
+
+int readperm_start_map(void* /*ctx*/) {
+  const jsonstack& top = tavrix::current_top();
+  const auto* row = tavrix::start_of_object.find(top.state);
+  return row == nullptr ? tavrix::kGoOn : tavrix::take(*row, top);
+}
+
+int readperm_map_key(void* /*ctx*/, const unsigned char* key, size_t len) {
+  const std::string_view text(reinterpret_cast<const char*>(key), len);
+  const jsonstack& top = tavrix::current_top();
+  if (const tavrix::Key* row = tavrix::find_key(text)) {
+    TAVRIX_REQUIRE(top.state == row->under, row->condition);
+    return tavrix::push_copy(top, row->state);
+  }
+  if (top.state == PERMDATA_STATE_STUSERACLMAP) {
+    return tavrix::begin_ace(top, ACE_TYPE_USER, text, PERMDATA_STATE_USERID);
+  }
+  if (top.state == PERMDATA_STATE_STGROUPACLMAP) {
+    return tavrix::begin_ace(top, ACE_TYPE_GROUP, text, PERMDATA_STATE_GROUPID);
+  }
+  const tavrix::CString copy(strndup(text.data(), text.size()));
+  TAVRIX_LOG(0, "Invalid state %s state %d curst %d", copy == nullptr ? "" : copy.get(),
+             PERMDATA_STATE_INVAL, top.state);
+  return tavrix::kCancel;
+}
+
+int readperm_string(void* /*ctx*/, const unsigned char* string, size_t len) {
+  const auto elem = tavrix::take_top();
+  if (elem->state != PERMDATA_STATE_NAME) {
+    TAVRIX_LOG(0, "Invalid state %d", elem->state);
+    TAVRIX_REQUIRE(elem->state == PERMDATA_STATE_NAME, "stelem->state == PERMDATA_STATE_NAME");
+  }
+  TAVRIX_REQUIRE(elem->stetype == STELEM_TYPE_FSELEM, "stelem->stetype == STELEM_TYPE_FSELEM");
+  // Longer than its type: no record could hold it, and the primitive says so.
+  const auto length = static_cast<uint32_t>(std::min<size_t>(len, UINT32_MAX));
+  const membe_shm_err err = create_nameelem(&tavrix::running_import(), length,
+                                            reinterpret_cast<const char*>(string), elem.get());
+  TAVRIX_REQUIRE(err == SHM_MEMBE_OK, "err == SHM_MEMBE_OK");
+  return tavrix::kGoOn;
+}
+
+int readperm_number(void* /*ctx*/, const char* number, size_t len) {
+  const auto elem = tavrix::take_top();
+  const auto value = static_cast<uint32_t>(tavrix::decimal_of(number, len));
+  switch (elem->state) {
+    case PERMDATA_STATE_NUMCHILDREN:
+      tavrix::declare_children(*elem, value);
+      break;
+    case PERMDATA_STATE_NUMUSERS:
+    case PERMDATA_STATE_NUMGROUPS:
+      break;  // the entries themselves are counted
+    case PERMDATA_STATE_USERID:
+      tavrix::set_mask(*elem, ACE_TYPE_USER, value);
+      break;
+    case PERMDATA_STATE_GROUPID:
+      tavrix::set_mask(*elem, ACE_TYPE_GROUP, value);
+      break;
+    default:
+      TAVRIX_REQUIRE(false, "0");
+  }
+  return tavrix::kGoOn;
+}
+
+int readperm_end_map(void* /*ctx*/) {
+  const jsonstack& top = tavrix::current_top();
+  const auto* row = tavrix::end_of_object.find(top.state);
+  TAVRIX_REQUIRE(row != nullptr, "0");
+  return tavrix::take(*row, top);
+}
+
+int readperm_end_array(void* /*ctx*/) {
+  const tavrix::Element top = tavrix::take_top();
+  if (top->state == PERMDATA_STATE_STUSERMAP) return tavrix::end_acl(*top);
+  if (top->state == PERMDATA_STATE_ENDNUMCHILDRENMAP) return tavrix::end_children();
+  TAVRIX_LOG(0, "Invalid state %d", top->state);
+  TAVRIX_REQUIRE(false, "0");
+  return tavrix::kCancel;
+}

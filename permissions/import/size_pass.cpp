@@ -1,0 +1,334 @@
+// The first pass of an import: the size file into a summary, and the header of the image.
+
+#include <sys/stat.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "internal/assert.hpp"
+#include "internal/scoped.hpp"
+#include "logging.h"
+#include "mkperms_shm.h"
+#include "permissions/import/json_parse.hpp"
+#include "permissions/import/parse_stack.hpp"
+#include "permissions/import/report.hpp"
+#include "read_perms.h"
+#include "sweeper_log.h"
+
+namespace tavrix {
+namespace {
+
+// The summary of the running size pass; the callbacks reach it only through here.
+memsummary_s* memsummary1 = nullptr;
+
+struct KeyState {
+  const char* key;
+  json_mapsize_states state;
+};
+
+constexpr KeyState state_arr1[] = {
+    {"MAPNAME", SHMMAPSZ_STATE_MAPNAME},
+    {"VERSION", SHMMAPSZ_STATE_VERSION},
+    {"GENERATIONNUM", SHMMAPSZ_STATE_GENERATIONNUM},
+    {"TIMESTAMP", SHMMAPSZ_STATE_TIMESTAMP},
+    {"TOTALFSELEMS", SHMMAPSZ_STATE_TOTALFSELEMS},
+    {"TOTALACES", SHMMAPSZ_STATE_TOTALACES},
+    {"TOTALNAMELEN", SHMMAPSZ_STATE_TOTALNAMELEN},
+};
+
+json_mapsize_states state_of_key(std::string_view key) {
+  for (const KeyState& row : state_arr1) {
+    if (key == row.key) return row.state;
+  }
+  return SHMMAPSZ_STATE_INVAL;
+}
+
+constexpr yajl_callbacks size_pass_callbacks{.yajl_null = nullptr,
+                                             .yajl_boolean = nullptr,
+                                             .yajl_integer = nullptr,
+                                             .yajl_double = nullptr,
+                                             .yajl_number = beshm_number,
+                                             .yajl_string = beshm_string,
+                                             .yajl_start_map = beshm_start_map,
+                                             .yajl_map_key = beshm_map_key,
+                                             .yajl_end_map = beshm_end_map,
+                                             .yajl_start_array = nullptr,
+                                             .yajl_end_array = nullptr};
+
+tavrix_stack_head_s& running_stack() {
+  TAVRIX_REQUIRE(memsummary1 != nullptr, "memsummary1 != NULL");
+  return memsummary1->sth;
+}
+
+// A new element with that state on the stack; only the state of an element matters in this pass.
+bool push_state(json_mapsize_states state) {
+  tavrix_stack_head_s& stack = running_stack();
+  jsonstack* elem = new_element();
+  if (elem == nullptr) {
+    TAVRIX_LOG(0, "No memory %d", errno);
+    TAVRIX_LOG(0, "Cannot create stack element err %d", SHM_MEMBE_ERR_NOMEM);
+    return false;
+  }
+  *elem = jsonstack{};
+  elem->state = state;
+  return push(stack, elem) == TXLIST_ERR_OK;
+}
+
+int pop_state() {
+  const Element elem(pop(running_stack()));
+  TAVRIX_REQUIRE(elem != nullptr, "stelem != NULL");
+  return elem->state;
+}
+
+// Neither JSON file is given: the image will come from its local copy, which has the size.
+membe_shm_err size_of_local_copy(memsummary_s** msum) {
+  const CString location(get_permbe_map_location());
+  if (location == nullptr) {
+    TAVRIX_REPORT(CONFIG_FILE_ERROR, SWEEPER_LOGSEV_FATAL, "Error getting permbe map location");
+    return SHM_MEMBE_ERR_NOMEM;
+  }
+  struct stat info {};
+  if (stat(location.get(), &info) != 0) {
+    TAVRIX_REPORT(CONFIG_FILE_ERROR, SWEEPER_LOGSEV_FATAL, "Perm map location does not exist %s",
+                  location.get());
+    return SHM_MEMBE_ERR_NOCACHE_FILE;
+  }
+  if (*msum == nullptr) {
+    if (const membe_shm_err err = init_mem_summary(msum); err != SHM_MEMBE_OK) return err;
+  }
+  (*msum)->memsize = static_cast<uint32_t>(info.st_size);
+  return SHM_MEMBE_OK;
+}
+
+membe_shm_err check_files(const char* size_file, const char* data_file) {
+  struct stat size_info {};
+  if (stat(size_file, &size_info) != 0) {
+    TAVRIX_REPORT(MISSING_JSON_FILES, SWEEPER_LOGSEV_FATAL, "Missing JSON size file");
+    return SHM_MEMBE_ERR_NOPERM_SIZE_FILE;
+  }
+  struct stat data_info {};
+  if (stat(data_file, &data_info) != 0) {
+    TAVRIX_REPORT(MISSING_JSON_FILES, SWEEPER_LOGSEV_FATAL, "Missing JSON data file");
+    return SHM_MEMBE_ERR_NOPERM_FILE;
+  }
+  TAVRIX_REQUIRE(S_ISREG(size_info.st_mode), "S_ISREG(st.st_mode)");
+  return SHM_MEMBE_OK;
+}
+
+// On failure the summary is gone.
+membe_shm_err keep_paths(memsummary_s** msum, const char* size_file, const char* data_file) {
+  (*msum)->perm_map_name_size = strdup(size_file);
+  (*msum)->perm_map_name_data = strdup(data_file);
+  if ((*msum)->perm_map_name_size != nullptr && (*msum)->perm_map_name_data != nullptr) {
+    return SHM_MEMBE_OK;
+  }
+  TAVRIX_REPORT(OUT_OF_MEMORY, SWEEPER_LOGSEV_FATAL,
+                "Cannot allocate mem summary size path retval %d err %s", SHM_MEMBE_ERR_NOMEM,
+                strerror(errno));
+  std::free((*msum)->perm_map_name_size);
+  std::free((*msum)->perm_map_name_data);
+  std::free(*msum);
+  *msum = nullptr;
+  return SHM_MEMBE_ERR_NOMEM;
+}
+
+// A file that does not parse to its end is not a failure: what was read counts.
+void parse_size_file(JsonParse& parse, std::FILE* file) {
+  constexpr std::size_t kChunk = 65535;
+  static char buffer[kChunk + 1];
+  for (;;) {
+    const std::size_t length = std::fread(buffer, 1, kChunk, file);
+    if (length == 0) {
+      if (std::feof(file) == 0) std::fprintf(stderr, "error on file read.\n");
+      break;
+    }
+    buffer[length] = '\0';
+    if (!parse.feed(buffer, length)) break;
+  }
+  parse.finish();
+}
+
+}  // namespace
+}  // namespace tavrix
+
+membe_shm_err init_mem_summary(memsummary_s** summary) {
+  *summary = static_cast<memsummary_s*>(std::calloc(1, sizeof(memsummary_s)));
+  if (*summary == nullptr) {
+    TAVRIX_REPORT(OUT_OF_MEMORY, SWEEPER_LOGSEV_FATAL,
+                  "Cannot allocate mem summary retval %d err %s", SHM_MEMBE_ERR_NOMEM,
+                  strerror(errno));
+    return SHM_MEMBE_ERR_NOMEM;
+  }
+  return SHM_MEMBE_OK;
+}
+
+void estimate_shmbe_size(memsummary_s* sum) {
+  if (sum == nullptr) {
+    TAVRIX_LOG(0, " NULL summary");
+    return;
+  }
+  // The sum of the regions that init_shmbe() lays out, in the same 32-bit arithmetic.
+  constexpr auto kPerFolder =
+      static_cast<uint32_t>(sizeof(fs_elem_s) + sizeof(name_elem_s) + sizeof(beacl_s) +
+                            sizeof(child_list_s) + sizeof(uint32_t));
+  static_assert(kPerFolder == 60);
+  sum->memsize = static_cast<uint32_t>(sizeof(tavrix_be_header)) + kPerFolder * sum->total_fselems +
+                 sum->total_namelen + static_cast<uint32_t>(sizeof(beace_s)) * sum->total_aces;
+}
+
+membe_shm_err get_permbe_shmsize(const char* perm_size_file, const char* perm_file_data,
+                                 memsummary_s** msum) {
+  if (perm_size_file == nullptr && perm_file_data == nullptr) {
+    return tavrix::size_of_local_copy(msum);
+  }
+  if (perm_size_file == nullptr || perm_file_data == nullptr) {
+    TAVRIX_REPORT(MISSING_JSON_FILES, SWEEPER_LOGSEV_FATAL, "perm be JSON files are not given");
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  membe_shm_err err = tavrix::check_files(perm_size_file, perm_file_data);
+  if (err != SHM_MEMBE_OK) return err;
+  const tavrix::Stream file(std::fopen(perm_size_file, "re"));
+  if (!file) {
+    TAVRIX_REPORT(MISSING_JSON_FILES, SWEEPER_LOGSEV_FATAL, "Cannot open perm size file %s",
+                  perm_size_file);
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  tavrix::JsonParse parse(tavrix::size_pass_callbacks);
+  if (err = init_mem_summary(msum); err != SHM_MEMBE_OK) return err;
+  err = tavrix::keep_paths(msum, perm_size_file, perm_file_data);
+  if (err != SHM_MEMBE_OK) return err;
+
+  tavrix::memsummary1 = *msum;
+  tavrix::parse_size_file(parse, file.get());
+  tavrix::memsummary1 = nullptr;
+  tavrix::free_kept_elements();
+  estimate_shmbe_size(*msum);
+  return SHM_MEMBE_OK;
+}
+
+int beshm_start_map(void* /*ctx*/) {
+  TAVRIX_REQUIRE(tavrix::running_stack().totalelems == 0, "memsummary1->sth.totalelems == 0");
+  return tavrix::push_state(SHMMAPSZ_STATE_STARTMAP) ? 1 : 0;
+}
+
+int beshm_map_key(void* /*ctx*/, const unsigned char* key, size_t len) {
+  const auto* text = reinterpret_cast<const char*>(key);
+  const json_mapsize_states state = tavrix::state_of_key({text, len});
+  std::printf("%s(%d) Here name %.*s st %d\n", static_cast<const char*>(__func__), __LINE__,
+              static_cast<int>(len), text, state);
+  if (state == SHMMAPSZ_STATE_INVAL) {
+    const tavrix::CString copy(strndup(text, len));
+    TAVRIX_LOG(0, "Invalid state %s state %d", copy == nullptr ? "" : copy.get(), state);
+    return 0;
+  }
+  return tavrix::push_state(state) ? 1 : 0;
+}
+
+int beshm_number(void* /*ctx*/, const char* number, size_t len) {
+  const int state = tavrix::pop_state();
+  const uint64_t value = tavrix::decimal_of(number, len);
+  std::printf("%s(%d) Here val %lu\n", static_cast<const char*>(__func__), __LINE__, value);
+  memsummary_s& summary = *tavrix::memsummary1;
+  switch (state) {
+    case SHMMAPSZ_STATE_GENERATIONNUM:
+      summary.generationnum = static_cast<uint32_t>(value);
+      break;
+    case SHMMAPSZ_STATE_TIMESTAMP:
+      summary.timestamp = static_cast<time_t>(value);
+      break;
+    case SHMMAPSZ_STATE_TOTALFSELEMS:
+      summary.total_fselems = static_cast<uint32_t>(value);
+      break;
+    case SHMMAPSZ_STATE_TOTALACES:
+      summary.total_aces = static_cast<uint32_t>(value);
+      break;
+    case SHMMAPSZ_STATE_TOTALNAMELEN:
+      summary.total_namelen = static_cast<uint32_t>(value);
+      break;
+    default:
+      TAVRIX_REQUIRE(false, "0");
+  }
+  return 1;
+}
+
+int beshm_string(void* /*ctx*/, const unsigned char* string, size_t len) {
+  const int state = tavrix::pop_state();
+  std::printf("%s(%d) Here %.*s cstate %d\n", static_cast<const char*>(__func__), __LINE__,
+              static_cast<int>(len), reinterpret_cast<const char*>(string), state);
+  memsummary_s& summary = *tavrix::memsummary1;
+  switch (state) {
+    case SHMMAPSZ_STATE_MAPNAME:
+      std::memset(summary.mapname, 0, sizeof summary.mapname);
+      TAVRIX_REQUIRE(len < MAXMAP_NAMELEN, "stringLen < MAXMAP_NAMELEN");
+      std::memcpy(summary.mapname, string, len);
+      return 1;
+    case SHMMAPSZ_STATE_VERSION:
+      std::memset(summary.version, 0, sizeof summary.version);
+      TAVRIX_REQUIRE(len <= MAXMAP_VERSION_NAMELEN, "stringLen <= MAXMAP_VERSION_NAMELEN");
+      std::memcpy(summary.version, string, len);
+      return 1;
+    default:  // a count given as text
+      return 0;
+  }
+}
+
+int beshm_end_map(void* /*ctx*/) {
+  std::printf("%s(%d) Here \n", static_cast<const char*>(__func__), __LINE__);
+  tavrix::pop_state();
+  TAVRIX_REQUIRE(tavrix::running_stack().totalelems == 0, "memsummary1->sth.totalelems == 0");
+  return 1;
+}
+
+membe_shm_err init_shmbe(memsummary_s* sum) {
+  if (sum == nullptr || sum->membuf == nullptr) {
+    TAVRIX_LOG(0, "Shared memory not present");
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  const uint32_t folders = sum->total_fselems;
+  tavrix_be_header header{};
+  std::memcpy(header.mapname, sum->mapname, sizeof header.mapname);
+  std::memcpy(header.version, sum->version, sizeof header.version);
+  header.generationnum = sum->generationnum;
+  header.timestamp = sum->timestamp;
+  header.total_fselems = folders;
+  header.total_aces = sum->total_aces;
+
+  // The regions follow one another without alignment.
+  header.fselem_offset = static_cast<uint32_t>(sizeof header);
+  header.fselem_size = static_cast<uint32_t>(sizeof(fs_elem_s)) * folders;
+  header.nameelem_offset = header.fselem_offset + header.fselem_size;
+  header.nameelem_size = sum->total_namelen + static_cast<uint32_t>(sizeof(name_elem_s)) * folders;
+  header.acl_offset = header.nameelem_offset + header.nameelem_size;
+  header.acl_size = static_cast<uint32_t>(sizeof(beace_s)) * sum->total_aces +
+                    static_cast<uint32_t>(sizeof(beacl_s)) * folders;
+  header.list_offset = header.acl_offset + header.acl_size;
+  // Every folder but the root is the child of exactly one, so one slot a folder is enough.
+  header.list_size = static_cast<uint32_t>(sizeof(child_list_s) + sizeof(uint32_t)) * folders;
+  header.signature = TAVRIX_BE_HEADER_SIGNATURE;
+
+  std::memset(sum->membuf, 0, sum->memsize);
+  // An image that will be read from a truncated local copy may not even hold a header.
+  std::memcpy(sum->membuf, &header, std::min<std::size_t>(sizeof header, sum->memsize));
+  return SHM_MEMBE_OK;
+}
+
+membe_shm_err init_permbe_shm(memsummary_s* perm_be_shm) {
+  if (perm_be_shm == nullptr) {
+    TAVRIX_LOG(0, "%s(%d) perm be shmbe is NULL ", static_cast<const char*>(__func__), __LINE__);
+    return SHM_MEMBE_ERR_BADARGS;
+  }
+  membe_shm_err err = init_shmbe(perm_be_shm);
+  if (err != SHM_MEMBE_OK) return err;
+  err = process_permmap(perm_be_shm);
+  if (err != SHM_MEMBE_OK) {
+    log_perm_error("Failed processing permission map", CORRUPTED_PERMISSION_MAP,
+                   SWEEPER_LOGSEV_CRIT);
+  } else {
+    log_perm_error("Successfully processed permission map", PERMISSION_MAP_SUCCESS,
+                   SWEEPER_LOGSEV_INFO);
+  }
+  return err;
+}

@@ -1,0 +1,330 @@
+// The import as a whole: files, local copy, reports.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "permissions/map/image.hpp"
+#include "tests/support/fail_call.hpp"
+#include "tests/support/importer.hpp"
+
+namespace tavrix::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+const std::string kDone = "1,Successfully processed permission map,0";
+const std::string kFailed = "4,Failed processing permission map,2";
+const std::string kRestored = "1,Successfully read the permission map,0";
+
+class ImportDriver : public Importer {
+ protected:
+  static Folder tree() { return {.name = "/", .users = {{1, 7}}, .children = {{.name = "a"}}}; }
+  static void prepare_tree() { prepare(count(tree()), data_json(tree())); }
+  static std::string copy_text() {
+    const auto bytes = build_image(tree());
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+  }
+  // A restore into an image of that size.
+  static membe_shm_err restore(uint32_t size) {
+    memsummary_s sum{};
+    sum.memsize = size;
+    image().assign(size + 1, std::byte{0xAA});
+    sum.membuf = image().data();
+    const membe_shm_err result = process_permmap(&sum);
+    EXPECT_EQ(std::byte{0xAA}, image()[size]);
+    return result;
+  }
+};
+
+TEST_F(ImportDriver, SavesTheImageAndRemovesTheFiles) {
+  prepare_tree();
+  EXPECT_EQ(SHM_MEMBE_OK, run());
+  EXPECT_EQ(copy_text(), read_file(kCopy));
+  EXPECT_FALSE(exists(kSize));
+  EXPECT_FALSE(exists(kData));
+  EXPECT_EQ(Lines{kDone}, told());
+}
+
+TEST_F(ImportDriver, SavesForTheSuperuserAlone) {
+  prepare_tree();
+  run();
+  struct stat info {};
+  ASSERT_EQ(0, stat(kCopy, &info));
+  EXPECT_EQ(0600U, info.st_mode & 0777);
+}
+
+TEST_F(ImportDriver, ReplacesALongerCopyWhole) {
+  write_file(kCopy, std::string(100000, 'x'));
+  prepare_tree();
+  run();
+  EXPECT_EQ(copy_text(), read_file(kCopy));
+}
+
+// The judge is whether an image could be saved, not whether the document parsed.
+TEST_F(ImportDriver, SucceedsWithADocumentThatDoesNotParse) {
+  for (const char* text :
+       {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",,", "", "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\""}) {
+    prepare(count(tree()), text);
+    EXPECT_EQ(SHM_MEMBE_OK, run()) << text;
+    EXPECT_FALSE(exists(kData));
+    EXPECT_FALSE(exists(kSize));
+  }
+}
+
+TEST_F(ImportDriver, WritesTheParsersErrorToStandardError) {
+  prepare(count(tree()), "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",,");
+  testing::internal::CaptureStderr();
+  run();
+  const std::string text = testing::internal::GetCapturedStderr();
+  EXPECT_NE(std::string::npos, text.find("parse error")) << text;
+  EXPECT_NE(std::string::npos, text.find("(right here)")) << text;
+}
+
+TEST_F(ImportDriver, EmptiesTheStackThatACancelledSizeFileLeft) {
+  write_file(kSize, R"({"TOTALFSELEMS": 2, "TOTALACES": 1, "TOTALNAMELEN": 4, "extra": 1})");
+  write_file(kData, data_json(tree()));
+  memsummary_s* sum = nullptr;
+  testing::internal::CaptureStdout();
+  get_permbe_shmsize(kSize, kData, &sum);
+  EXPECT_EQ(1U, sum->sth.totalelems);
+  image().assign(sum->memsize, std::byte{0});
+  sum->membuf = image().data();
+  EXPECT_EQ(SHM_MEMBE_OK, init_permbe_shm(sum));
+  std::fflush(stdout);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(0U, sum->sth.totalelems);
+  EXPECT_EQ(2U * 24, ImageView(image().data()).header().next_free_fselem);
+  std::free(sum->perm_map_name_size);
+  std::free(sum->perm_map_name_data);
+  std::free(sum);
+}
+
+TEST_F(ImportDriver, NeedsASummary) {
+  EXPECT_EQ(0, level_of("Null summary ",
+                        [] { EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, process_permmap(nullptr)); }));
+}
+
+TEST_F(ImportDriver, NeedsTheDataFile) {
+  prepare_tree();
+  unlink(kData);
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, run());
+  EXPECT_TRUE(exists(kSize));
+  EXPECT_FALSE(exists(kCopy));
+  EXPECT_EQ((Lines{"5,No such file /scratch/data.json,1", kFailed}), told());
+}
+
+TEST_F(ImportDriver, NeedsADataFileThatOpens) {
+  prepare_tree();
+  fail_call("fopen", EACCES);
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, run());
+  EXPECT_TRUE(exists(kSize));
+  EXPECT_TRUE(exists(kData));
+  EXPECT_EQ((Lines{"5,cannot open file /scratch/data.json,5", kFailed}), told());
+}
+
+// Nothing was read of the data file: an image without folders is not its map.
+TEST_F(ImportDriver, WithoutMemoryForTheDataFileKeepsTheFiles) {
+  write_file(kCopy, "the copy of before");
+  prepare_tree();
+  fail_call("calloc", ENOMEM);
+  EXPECT_EQ(SHM_MEMBE_ERR_NOMEM, run());
+  EXPECT_TRUE(logged("No memory Cannot allocate memory"));
+  EXPECT_TRUE(exists(kSize));
+  EXPECT_TRUE(exists(kData));
+  EXPECT_EQ("the copy of before", read_file(kCopy));
+  EXPECT_EQ(Lines{kFailed}, told());
+}
+
+TEST_F(ImportDriver, FailsWhenTheCopyCannotBeSavedAndRemovesTheFilesAllTheSame) {
+  remove_all("/etc/tavrix");
+  prepare_tree();
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_WRERR, run());
+  EXPECT_TRUE(logged("Cannot persist permission map"));
+  EXPECT_FALSE(exists(kData));
+  EXPECT_FALSE(exists(kSize));
+  EXPECT_EQ(Lines{kFailed}, told());
+}
+
+TEST_F(ImportDriver, FailsOnAFullDisk) {
+  mount_small_disk("/etc/tavrix", 4096);
+  const Folder big = random_tree(3, 500);
+  prepare(count(big), data_json(big));
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_WRERR, run());
+  EXPECT_EQ(Lines{kFailed}, told());
+}
+
+TEST_F(ImportDriver, FailsWhenTheHeaderWasOverrun) {
+  prepare(count(tree()), data_json(tree()));
+  const auto spoil = [] { reinterpret_cast<tavrix_be_header*>(image().data())->signature = 1; };
+  run_before("stat", [] {});
+  run_before("open", spoil);
+  run_before("unlink", [] {});
+  EXPECT_EQ(SHM_MEMBE_OK, run());  // the file is open by then
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, restore(summary()->memsize));
+}
+
+TEST_F(ImportDriver, TellsFilesThatCannotBeRemoved) {
+  prepare_tree();
+  fail_call("unlink", EROFS, 1, 2);
+  EXPECT_EQ(SHM_MEMBE_OK, run());
+  EXPECT_EQ((Lines{"2,Could not unlink data file /scratch/data.json errno 30,6",
+                   "2,Could not unlink size file /scratch/size.json errno 30,6", kDone}),
+            told());
+  EXPECT_TRUE(logged("Could not unlink data file /scratch/data.json errno 30"));
+  EXPECT_TRUE(logged("Could not unlink size file /scratch/size.json errno 30"));
+}
+
+TEST_F(ImportDriver, TellsASizeFileThatIsAMountPoint) {
+  prepare_tree();
+  unlink(kSize);
+  make_dirs(kSize);
+  EXPECT_EQ(SHM_MEMBE_OK, run());
+  EXPECT_EQ((Lines{"2,Could not unlink size file /scratch/size.json errno 21,6", kDone}), told());
+}
+
+// --- saving --------------------------------------------------------------------------------------
+
+TEST_F(ImportDriver, SavingRefusesWhatIsNoImage) {
+  auto bytes = build_image(tree());
+  auto* header = reinterpret_cast<tavrix_be_header*>(bytes.data());
+  const auto size = static_cast<unsigned>(bytes.size());
+  const auto refuses = [](const char* message, auto call) {
+    EXPECT_EQ(0, level_of(message, [&] { EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, call()); })) << message;
+  };
+  refuses("Null perm map file", [&] { return persist_perm_map(nullptr, header, size); });
+  refuses("Empty buffer", [&] { return persist_perm_map(kCopy, nullptr, size); });
+  refuses("Empty buffer", [&] { return persist_perm_map(kCopy, header, 0); });
+  refuses("Invalid or uninitialized buffer", [&] { return persist_perm_map(kCopy, header, 100); });
+  header->signature = 0;
+  refuses("Invalid or uninitialized buffer", [&] { return persist_perm_map(kCopy, header, size); });
+  EXPECT_FALSE(exists(kCopy));
+}
+
+TEST_F(ImportDriver, SavingWritesOnce) {
+  auto bytes = build_image(tree());
+  const auto* header = reinterpret_cast<const tavrix_be_header*>(bytes.data());
+  reset_calls();
+  EXPECT_EQ(SHM_MEMBE_OK, persist_perm_map(kCopy, header, static_cast<unsigned>(bytes.size())));
+  EXPECT_EQ(1, calls("write"));
+  cut_short("write", 10);
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_WRERR,
+            persist_perm_map(kCopy, header, static_cast<unsigned>(bytes.size())));
+}
+
+TEST_F(ImportDriver, ADescriptorOfZeroIsAFailure) {
+  auto bytes = build_image(tree());
+  write_file(kCopy, copy_text());
+  const Outcome outcome = in_child([&] {
+    close(0);
+    auto* header = reinterpret_cast<tavrix_be_header*>(bytes.data());
+    const auto size = static_cast<unsigned>(bytes.size());
+    EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_WRERR, persist_perm_map("/scratch/x", header, size));
+    EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, readperms_from_map(kCopy, header, size));
+    EXPECT_EQ(-1, fcntl(0, F_GETFD));  // and it is closed again
+  });
+  EXPECT_TRUE(outcome.ok()) << outcome.out;
+}
+
+// --- restoring -----------------------------------------------------------------------------------
+
+TEST_F(ImportDriver, RestoresTheLocalCopy) {
+  write_file(kCopy, copy_text());
+  const auto size = static_cast<uint32_t>(copy_text().size());
+  EXPECT_EQ(SHM_MEMBE_OK, restore(size));
+  EXPECT_EQ(0, std::memcmp(copy_text().data(), image().data(), size));
+  EXPECT_EQ(Lines{kRestored}, told());
+}
+
+TEST_F(ImportDriver, RestoresIntoALargerImage) {
+  write_file(kCopy, copy_text());
+  const auto size = static_cast<uint32_t>(copy_text().size());
+  EXPECT_EQ(SHM_MEMBE_OK, restore(size + 50));
+  for (std::size_t at = size; at < size + 50; ++at) EXPECT_EQ(std::byte{0}, image()[at]);
+}
+
+TEST_F(ImportDriver, RestoresAsTheLoaderDoes) {
+  write_file(kCopy, copy_text());
+  memsummary_s sum{};
+  memsummary_s* pointer = &sum;
+  ASSERT_EQ(SHM_MEMBE_OK, get_permbe_shmsize(nullptr, nullptr, &pointer));
+  image().assign(sum.memsize, std::byte{0});
+  sum.membuf = image().data();
+  EXPECT_EQ(SHM_MEMBE_OK, init_permbe_shm(&sum));
+  EXPECT_EQ(0, std::memcmp(copy_text().data(), image().data(), sum.memsize));
+  EXPECT_EQ((Lines{kRestored, kDone}), told());
+}
+
+TEST_F(ImportDriver, RefusesACopyLargerThanTheImageAndLeavesItAlone) {
+  write_file(kCopy, copy_text());
+  const auto size = static_cast<uint32_t>(copy_text().size()) - 1;
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_BUFFER2SMALL, restore(size));
+  for (std::size_t at = 0; at < size; ++at) ASSERT_EQ(std::byte{0xAA}, image()[at]);
+  EXPECT_TRUE(logged("perm map file /etc/tavrix/.permbe_map larger than buffer size " +
+                     std::to_string(size)));
+  EXPECT_EQ(Lines{kRestored}, told());  // kept so: the next line tells the outcome
+}
+
+TEST_F(ImportDriver, RefusesACopyWithAnotherSignature) {
+  std::string text = copy_text();
+  text[172] = '\x12';
+  write_file(kCopy, text);
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, restore(static_cast<uint32_t>(text.size()) + 5));
+  EXPECT_TRUE(logged("Invalid buffer 1ea78e12"));
+  EXPECT_EQ(0, std::memcmp(text.data(), image().data(), text.size()));
+  EXPECT_EQ(std::byte{0}, image()[text.size()]);
+}
+
+TEST_F(ImportDriver, RefusesATruncatedCopy) {
+  for (const std::size_t size : {1UL, 60UL, 172UL, 175UL}) {
+    write_file(kCopy, copy_text().substr(0, size));
+    EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, restore(static_cast<uint32_t>(size))) << size;
+    memsummary_s sum{};
+    sum.memsize = static_cast<uint32_t>(size);
+    image().assign(size, std::byte{0xAA});
+    sum.membuf = image().data();
+    EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, init_permbe_shm(&sum)) << size;
+  }
+}
+
+TEST_F(ImportDriver, RefusesACopyThatCannotBeRead) {
+  write_file(kCopy, copy_text());
+  const auto size = static_cast<uint32_t>(copy_text().size());
+  cut_short("read", 20);
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, restore(size));
+  fail_call("open", EACCES);
+  EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, restore(size));
+  EXPECT_TRUE(logged("Cannot read permission map"));
+  remove_all(kCopy);
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, restore(size));
+  EXPECT_TRUE(logged("perm map fille /etc/tavrix/.permbe_map does not exist"));
+}
+
+TEST_F(ImportDriver, RestoringNeedsItsArguments) {
+  auto bytes = build_image(tree());
+  auto* header = reinterpret_cast<tavrix_be_header*>(bytes.data());
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, readperms_from_map(nullptr, header, 100));
+  EXPECT_TRUE(logged("Null perm map file"));
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, readperms_from_map(kCopy, nullptr, 100));
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, readperms_from_map(kCopy, header, 0));
+  EXPECT_EQ(2, times_logged("Empty buffer"));
+}
+
+TEST_F(ImportDriver, RestoringNeedsMemoryForTheLocation) {
+  fail_call("strdup", ENOMEM, 1, 1);
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, restore(500));
+  EXPECT_TRUE(logged("get_permbe_map_location: returns NULL"));
+}
+
+TEST_F(ImportDriver, KnowsTheLocation) {
+  char* location = get_permbe_map_location();
+  EXPECT_STREQ("/etc/tavrix/.permbe_map", location);
+  std::free(location);
+}
+
+}  // namespace
+}  // namespace tavrix::test

@@ -1,0 +1,111 @@
+#include "tools/ctl/map_view.hpp"
+
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "perm_map.h"
+#include "tools/ctl/output.hpp"
+#include "tools/mapcheck/verify.hpp"
+#include "tools/mapload/load.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+TableState table_state(int key) {
+  TableState state{.key = key};
+  state.shmid = shmget(key, 0, 0);
+  struct shmid_ds info {};
+  if (state.shmid == -1 || shmctl(state.shmid, IPC_STAT, &info) == -1) return state;
+  state.bytes = info.shm_segsz;
+  state.readers = static_cast<int>(info.shm_nattch);
+  state.creator = info.shm_cpid;
+  return state;
+}
+
+}  // namespace
+
+MapState map_state() {
+  MapState state;
+  state.tables[0] = table_state(TAVRIX_PERM_TABLE0_KEY);
+  state.tables[1] = table_state(TAVRIX_PERM_TABLE1_KEY);
+  state.set = semget(ftok(TAVRIX_PERM_MAP_SEM_KEY_PATH, TAVRIX_PERM_MAP_SEM_KEY_ID), 0, 0);
+  if (state.set == -1) return state;
+  state.current = semctl(state.set, 0, GETVAL);
+  state.initialized = semctl(state.set, 1, GETVAL);
+  return state;
+}
+
+Fd lock_or_complain() {
+  Fd lock = mapload::lock_maps();
+  if (!lock) complain("cannot take the lock of the maps: {}", std::strerror(errno));
+  return lock;
+}
+
+void tell(const mapload::Report& report) {
+  for (const mapload::Said& said : report) complain("{}", said.text);
+}
+
+std::optional<Image> Image::current() {
+  const MapState state = map_state();
+  if (state.set == -1) {
+    complain("there is no map: the semaphores are missing; \"tavrixctl map import\" makes them");
+    return std::nullopt;
+  }
+  if (state.current != 0 && state.current != 1) {
+    complain("the semaphores name table {}; there are only 0 and 1", state.current);
+    return std::nullopt;
+  }
+  const TableState& table = state.tables[state.current];
+  if (table.shmid == -1) {
+    complain(
+        "there is no map: table {} is missing; \"tavrixctl map import\" or \"map restore\" makes "
+        "one",
+        state.current);
+    return std::nullopt;
+  }
+  Image image;
+  image.origin_ = fmt::format("table {}", state.current);
+  image.table_.reset(shmat(table.shmid, nullptr, SHM_RDONLY));
+  if (!image.table_) {
+    complain("cannot attach table {}: {}", state.current, std::strerror(errno));
+    return std::nullopt;
+  }
+  image.table_bytes_ = table.bytes;
+  return image;
+}
+
+std::optional<Image> Image::file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    complain("{}: {}", path, std::strerror(errno));
+    return std::nullopt;
+  }
+  Image image;
+  image.origin_ = path;
+  const std::string content{std::istreambuf_iterator<char>(in), {}};
+  image.content_.resize(content.size());
+  if (!content.empty()) std::memcpy(image.content_.data(), content.data(), content.size());
+  return image;
+}
+
+std::optional<Image> Image::sound(const std::string& path) {
+  auto image = path.empty() ? current() : file(path);
+  if (image && mapcheck::verify(image->bytes()).errors() > 0) {
+    complain("{}: the image is broken; \"tavrixctl map verify {}\" tells how", image->origin(),
+             path);
+    return std::nullopt;
+  }
+  return image;
+}
+
+std::span<const std::byte> Image::bytes() const {
+  if (table_) return {static_cast<const std::byte*>(table_.get()), table_bytes_};
+  return content_;
+}
+
+}  // namespace tavrix::ctl

@@ -1,0 +1,44 @@
+#include "tools/loader/pair_import.hpp"
+
+#include <fmt/format.h>
+
+#include "tools/mapcheck/lint.hpp"
+
+namespace tavrix::loader {
+namespace {
+
+constexpr std::size_t kShown = 20;  // findings in a reason
+
+std::string text_of(const mapcheck::Findings& findings) {
+  std::string text;
+  std::size_t shown = 0;
+  for (const mapcheck::Finding& finding : findings.kept()) {
+    if (++shown > kShown) break;
+    text +=
+        fmt::format("\n{}{}{} byte {}: {}",
+                    finding.severity == mapcheck::Severity::kError ? "error" : "warning",
+                    finding.file.empty() ? "" : " " + finding.file,
+                    finding.where.empty() ? "" : " " + finding.where, finding.offset, finding.text);
+  }
+  return text;
+}
+
+}  // namespace
+
+Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop) {
+  std::string error;
+  const auto checked = mapcheck::lint_files(pair.size, pair.data, error);
+  if (!checked) return {mapload::Result::kTryAgain, error, {}};
+  if (checked->findings.errors() > 0) {
+    // The import would say this itself, but it trusts what it reads.
+    mapload::log_refused();
+    return {mapload::Result::kRefused,
+            fmt::format("{} errors{}", checked->findings.errors(), text_of(checked->findings)),
+            {}};
+  }
+  mapload::Request request{pair.size.c_str(), pair.data.c_str(), false, {}, should_stop};
+  mapload::Loaded loaded = mapload::load(request);
+  return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report)};
+}
+
+}  // namespace tavrix::loader

@@ -1,0 +1,232 @@
+#include "utils/staging/dump_in_flight.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "eventstore.h"
+
+namespace tavrix {
+namespace {
+
+constexpr const char* kMark = "trusted.tavrix.flush";
+constexpr std::size_t kMarkRoom = 64;
+constexpr int kTriesToCreate = 10;
+constexpr int kNamesToTry = 1000;
+
+using Records = std::span<const std::byte>;
+
+// The name in the mark, or an empty one.
+void read_mark(const char* dir, char (&name)[kMarkRoom]) noexcept {
+  const ssize_t size = lgetxattr(dir, kMark, name, sizeof name - 1);
+  name[size > 0 ? size : 0] = '\0';
+}
+
+// A mark is a file name in its directory and nothing else.
+bool is_temp_name(const char* name) noexcept {
+  return std::strncmp(name, kTempDumpPrefix, std::strlen(kTempDumpPrefix)) == 0 &&
+         std::strchr(name, '/') == nullptr;
+}
+
+bool read_whole(int fd, std::byte* bytes, std::size_t size) noexcept {
+  for (std::size_t at = 0; at < size;) {
+    const ssize_t got = pread(fd, bytes + at, size - at, static_cast<off_t>(at));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) {
+      if (got == 0) errno = EIO;  // it was longer a moment ago
+      return false;
+    }
+    at += static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+enum class Shape { kWhole, kCut, kForeign };
+
+// Whole frames one after the other; cut: whole ones and a part of one.
+Shape shape_of(Records bytes) noexcept {
+  for (std::size_t at = 0; at < bytes.size();) {
+    staging_data_s head{};
+    if (bytes.size() - at < sizeof head) return Shape::kCut;
+    std::memcpy(&head, bytes.data() + at, sizeof head);
+    if (head.sig != STAGING_DATA_SIGNATURE || head.size == 0) return Shape::kForeign;
+    at += sizeof head;
+    if (bytes.size() - at < head.size) return Shape::kCut;
+    at += head.size;
+  }
+  return Shape::kWhole;
+}
+
+bool starts_with(Records all, Records part) noexcept {
+  return part.size() <= all.size() && std::memcmp(all.data(), part.data(), part.size()) == 0;
+}
+
+// One temporary file that may have lost its flusher.
+class Leftover {
+ public:
+  Leftover(const char* dir, const char* name) noexcept : dir_(dir) {
+    std::snprintf(path_, sizeof path_, "%s/%s", dir, name);
+  }
+
+  [[nodiscard]] Settled settle(Records buffered) noexcept {
+    fd_.reset(open(path_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd_) {
+      if (errno == ENOENT) return Settled::kGone;
+      return errno == ELOOP ? Settled::kForeign : Settled::kFailed;
+    }
+    if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
+      return errno == EWOULDBLOCK ? Settled::kLive : Settled::kFailed;
+    }
+    struct stat info {};
+    if (fstat(fd_.get(), &info) != 0) return Settled::kFailed;
+    if (!S_ISREG(info.st_mode)) return Settled::kForeign;
+    if (info.st_nlink == 0) return Settled::kGone;
+    if (info.st_size > INT_MAX) return Settled::kForeign;  // no buffer is that large
+    return settle_content(static_cast<std::size_t>(info.st_size), info.st_mtim, buffered);
+  }
+
+ private:
+  Settled settle_content(std::size_t size, const timespec& written, Records buffered) noexcept {
+    if (size == 0) return remove();
+    const Malloced<std::byte> block(static_cast<std::byte*>(std::malloc(size)));
+    if (block == nullptr || !read_whole(fd_.get(), block.get(), size)) return Settled::kFailed;
+    const Records bytes(block.get(), size);
+    if (starts_with(buffered, bytes)) return remove();
+    switch (shape_of(bytes)) {
+      case Shape::kWhole:
+        return publish(written);
+      case Shape::kCut:
+        return remove();
+      default:
+        return Settled::kForeign;
+    }
+  }
+
+  Settled remove() noexcept { return unlink(path_) == 0 ? Settled::kRemoved : Settled::kFailed; }
+
+  // Under the time at which its records were written, for readers go by that, and never in the
+  // place of another file.
+  Settled publish(const timespec& written) noexcept {
+    if (fsync(fd_.get()) != 0) return Settled::kFailed;
+    auto seconds = static_cast<long long>(written.tv_sec);
+    long micros = written.tv_nsec / 1000;
+    for (int tries = 0; tries < kNamesToTry; ++tries) {
+      char name[sizeof path_ + kMarkRoom];
+      std::snprintf(name, sizeof name, "%s/%s%d_%lld.%06ld", dir_, TAVRIX_DUMP_FILE_PREFIX,
+                    getpid(), seconds, micros);
+      if (renameat2(AT_FDCWD, path_, AT_FDCWD, name, RENAME_NOREPLACE) == 0) {
+        sync_folder(dir_);
+        return Settled::kPublished;
+      }
+      if (errno != EEXIST) return Settled::kFailed;
+      if (++micros == 1'000'000) {
+        micros = 0;
+        ++seconds;
+      }
+    }
+    return Settled::kFailed;
+  }
+
+  const char* dir_;
+  char path_[PATH_MAX];
+  Fd fd_;
+};
+
+}  // namespace
+
+bool TempDump::create(const char* dir) noexcept {
+  for (int tries = 0; tries < kTriesToCreate; ++tries) {
+    std::snprintf(path_, sizeof path_, "%s/%sXXXXXX", dir, kTempDumpPrefix);
+    fd_.reset(mkostemp(path_, O_CLOEXEC));
+    exists_ = static_cast<bool>(fd_);
+    if (!exists_) return false;
+    // Files that cannot be locked are settled by nobody either.
+    const bool is_taken = flock(fd_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    struct stat info {};
+    const bool is_removed = fstat(fd_.get(), &info) == 0 && info.st_nlink == 0;
+    if (!is_taken && !is_removed) return true;
+    // The sweeper came between the two calls and took the empty file for a dead flusher's.
+    fd_.reset();
+    exists_ = false;
+  }
+  errno = EAGAIN;
+  return false;
+}
+
+void TempDump::discard() noexcept {
+  const ErrnoKeeper keep;
+  // First the name: without the lock it would be anybody's.
+  if (exists_) unlink(path_);
+  exists_ = false;
+  fd_.reset();
+}
+
+bool TempDump::rename_to(const char* name) noexcept {
+  if (rename(path_, name) != 0) return false;
+  keep();
+  return true;
+}
+
+void TempDump::keep() noexcept {
+  exists_ = false;
+  fd_.reset();
+}
+
+const char* TempDump::name() const noexcept {
+  const char* slash = std::strrchr(path_, '/');
+  return slash == nullptr ? path_ : slash + 1;
+}
+
+void FlushMark::set(const char* dir, const char* name, Records buffered) noexcept {
+  const ErrnoKeeper keep;
+  if (lsetxattr(dir, kMark, name, std::strlen(name), XATTR_CREATE) != 0) {
+    if (errno != EEXIST) return;
+    static_cast<void>(settle_marked_dump(dir, buffered));
+    if (lsetxattr(dir, kMark, name, std::strlen(name), 0) != 0) return;
+  }
+  dir_ = dir;
+}
+
+void FlushMark::clear() noexcept {
+  const ErrnoKeeper keep;
+  if (dir_ != nullptr) lremovexattr(dir_, kMark);
+  dir_ = nullptr;
+}
+
+bool has_flush_mark(const char* dir) noexcept { return lgetxattr(dir, kMark, nullptr, 0) > 0; }
+
+Settled settle_marked_dump(const char* dir, Records buffered) noexcept {
+  char name[kMarkRoom];
+  read_mark(dir, name);
+  if (!is_temp_name(name)) {
+    lremovexattr(dir, kMark);
+    return Settled::kGone;
+  }
+  const Settled result = settle_dump(dir, name, buffered);
+  // Of a live flusher the mark is a leftover only: nobody else holds the semaphore.
+  if (result != Settled::kFailed) {
+    const ErrnoKeeper keep;
+    lremovexattr(dir, kMark);
+  }
+  return result;
+}
+
+Settled settle_dump(const char* dir, const char* name, Records buffered) noexcept {
+  return Leftover(dir, name).settle(buffered);
+}
+
+void sync_folder(const char* dir) noexcept {
+  const ErrnoKeeper keep;
+  const Fd folder(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder) fsync(folder.get());
+}
+
+}  // namespace tavrix

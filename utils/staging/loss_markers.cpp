@@ -1,0 +1,74 @@
+// Files by which the synchronisation agent learns that its view of the tree cannot be trusted.
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "eventstore.h"
+#include "internal/scoped.hpp"
+#include "logging.h"
+#include "utils/staging/dump_in_flight.hpp"
+
+namespace tavrix {
+namespace {
+
+constexpr mode_t kSyncOffMode = 0666;
+constexpr mode_t kRescanMode = 0744;
+constexpr std::string_view kSyncOffText = "Failed to write event.";
+constexpr const char* kMarkerFolder = "/tavrix/.conf";
+
+// A marker that the power takes away tells nobody; whether the disk could be made to keep it
+// changes no answer.
+void sync_file(int fd) {
+  const ErrnoKeeper keep;
+  fsync(fd);
+}
+
+}  // namespace
+}  // namespace tavrix
+
+int write_sync_off(void) {
+  const tavrix::Fd file(
+      open(TAVRIX_SYNC_OFF_PATH, O_RDWR | O_CREAT | O_CLOEXEC, tavrix::kSyncOffMode));
+  if (!file) {
+    const int error = errno;
+    TAVRIX_LOG(0, "Creation of %s failed with %d(%s)", TAVRIX_SYNC_OFF_PATH, error,
+               strerror(error));
+    return error;
+  }
+  TAVRIX_LOG(0, "%s file created.", TAVRIX_SYNC_OFF_PATH);
+  // That the file is there is the message; what it holds is for people.
+  static_cast<void>(write(file.get(), tavrix::kSyncOffText.data(), tavrix::kSyncOffText.size()) <
+                    0);
+  tavrix::sync_file(file.get());
+  tavrix::sync_folder(tavrix::kMarkerFolder);
+  return 0;
+}
+
+int mark_event_db_as_rescan_needed(const char* reason) {
+  tavrix::Fd file(open(TAVRIX_RESCAN_PATH, O_WRONLY | O_CREAT | O_CLOEXEC, tavrix::kRescanMode));
+  if (!file) {
+    TAVRIX_LOG(0, "Cannot open event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
+               TAVRIX_RESCAN_PATH, errno, strerror(errno));
+    return -1;
+  }
+  const char* text = reason == nullptr ? "" : reason;
+  const std::size_t size = std::strlen(text) + 1;  // the agent reads up to the NUL
+  if (write(file.get(), text, size) != static_cast<ssize_t>(size)) {
+    TAVRIX_LOG(0, "Cannot write event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
+               TAVRIX_RESCAN_PATH, errno, strerror(errno));
+    // Kept open: on some disks a close would drop the error that the next caller has to see.
+    static_cast<void>(file.release());
+    return -1;
+  }
+  tavrix::sync_file(file.get());
+  if (close(file.release()) != 0) {
+    TAVRIX_LOG(0, "Close of event status file '%s' failed. errno = %d(%s)", TAVRIX_RESCAN_PATH,
+               errno, strerror(errno));
+    return -1;
+  }
+  tavrix::sync_folder(tavrix::kMarkerFolder);
+  return 0;
+}
