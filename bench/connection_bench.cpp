@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The permission check of a connection, answered from its cache.
 
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // One whole decision in a process with the identity of a Samba server process, beside the same
 // system calls and page touches in a bare loop.
 

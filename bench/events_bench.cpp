@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Events: building a record, appending it, flushing a full buffer.
 
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Runs each hook once, between two marks, for scripts/lib/hook_calls.py to count its system calls
 // under strace. The second time of each: the first one finds what stays.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The hooks as benchmarks and the table of system calls take them: each with its floor, which is
 // the decision and the system calls that the hook cannot do without, in a row.
 #pragma once

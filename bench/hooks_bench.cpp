@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The hooks, each beside the decision and the system calls that it cannot do without; and listings.
 
 #include <benchmark/benchmark.h>

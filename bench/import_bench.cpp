@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A whole import with standard output to a file, beside a bare parse of the same bytes.
 
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The governing ACL of a path on an attached image, beside a read of the same path as a key of an
 // LMDB in a warm read transaction.
 

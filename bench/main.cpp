@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Runs in a private world (scripts/bench.sh): it publishes maps and changes identities.
 
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Names: the hash, the comparison, the canonical path. Floors: one pass over the same bytes.
 
 #include <benchmark/benchmark.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "bench/sample_map.hpp"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The maps that benchmarks ask about: made once a run for each shape, and made current on demand.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # What `cmake --install` puts where; the components become packages (scripts/make-packages.sh).
 
 include(CMakePackageConfigHelpers)

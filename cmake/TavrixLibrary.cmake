@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # The library: its objects are built once and feed both libtavrix.so and the unit tests.
 
 find_package(PkgConfig REQUIRED)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // May this connection do this? Answered from its verdict cache, or by the decision.
 
 #include <cerrno>

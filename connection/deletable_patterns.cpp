@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The patterns of file names that may always be deleted.
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Who a connection is: built from the user database and the group list map file, rebuilt when a
 // marker file is touched or the effective user changes.
 

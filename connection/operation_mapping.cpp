@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What a client asks for, in the terms of the decision: open modes, operations, renames and moves.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The private snapshot of the parameter block that a server process reads its settings from.
 
 #include <sys/ipc.h>

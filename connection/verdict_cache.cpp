@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The verdict cache of a connection: paths in most-recently-used order, two bits an operation.
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The audit records of this process, kept in a buffer of its own and flushed to dump files.
 
 #include <fcntl.h>

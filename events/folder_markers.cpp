@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Facts about files and folders that are kept in their extended attributes.
 
 #include <sys/xattr.h>

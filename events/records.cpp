@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Event records: stamped, packed, framed and handed over.
 
 #include <sys/time.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* One client's session, played as a module of the file server plays it: which hook stands before
  * and after each operation, who owns what, when the process is root. No Samba is needed.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The data pass over any document, in an image of a modest size.
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Dump files of any bytes, as events and as audits.
 
 #include <string_view>

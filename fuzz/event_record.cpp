@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // An event of any bytes comes back as it was.
 
 #include <cstdlib>

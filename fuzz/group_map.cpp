@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The group list map file: readers survive any bytes, and agree with the check about sound ones.
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The lint of any two documents: a size file up to the first NUL, the data file behind it.
 
 #include "tools/mapcheck/lint.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The check of an image on any bytes; what it finds sound, every reader can walk.
 
 #include "tools/mapcheck/verify.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Path names: canonical is canonical, and parents are shorter.
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The pattern file: any lines, and a name that is matched with them.
 
 #include <sys/mman.h>

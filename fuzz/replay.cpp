@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Runs a target without a fuzzer: every input of its corpus, whole, cut short, and with a few
 // seeded changes each. usage: replay FOLDER
 

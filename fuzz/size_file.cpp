@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The size pass over any document: the callbacks, as the pass registers them.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What a fuzz target is, and how an assertion of the library ends one input instead of the program.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The hooks around files: open, close, create, unlink, times.
 
 #include <fcntl.h>

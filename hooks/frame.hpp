@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What all hooks share: the decision, the refusal, root for a moment or for the operation, events.
 #pragma once
 

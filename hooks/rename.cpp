@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The hook around renaming and moving.
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The hooks around status queries. None of them records anything.
 
 #include "hooks/frame.hpp"

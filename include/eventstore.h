@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* What the processes of the appliance share: the global parameter block, the staging buffer of
  * events, and its flush to dump files.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Diagnostics: the system log at LOG_INFO, gated on the process's debug level.
  *
  * A message carries the source file, the line and the function in front of its own text. It is

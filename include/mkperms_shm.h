@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The permission map: the records of its image, and the first pass of its import.
  *
  * An image is one block of bytes: a header, then four regions of records without gaps or alignment:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The verdict for one operation on one path by one caller.
  *
  * vfs_enforce_perms() must run in a process that can become the superuser (real or saved uid 0, as

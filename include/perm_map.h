@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The two tables that hold permission maps, and the semaphores that say which one is current.
  *
  * A table is a System V segment without permission bits: attach it as the superuser. Semaphore 0 of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Writing the records of a map image, and finding the ACL that governs a path in one.
  *
  * Writers: the primitives append to the image at `msum->membuf` through the next_free_* fields of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The operation hooks: what a Samba module calls before and after each operation of a client.
  *
  * A "preprocess" hook decides; 0 lets the operation go on, -1 with errno refuses it and changes

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The second pass of an import: the data file into the image, and the local copy of the image.
  *
  * The pass is a machine of states on an explicit stack. It trusts the counts of the size file: a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* File names against POSIX extended regular expressions, whatever the case. A pattern matches
  * anywhere in a name unless it anchors itself. */
 #ifndef TAVRIX_REGEX_PARSER_H

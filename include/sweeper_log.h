@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The operator's log of permission map imports, "/var/log/tavrix_perms.log": a comma-separated line
  * an event (seconds since the epoch, the same as text, severity, message, message index). Nothing
  * here fails an import: its own failures are lines in the system log. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Everything that libtavrix offers. */
 #ifndef TAVRIX_H
 #define TAVRIX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* What every public header of libtavrix shares: linkage, visibility and layout guards.
  *
  * The headers are plain C: they compile as C11 and as C++20, each on its own. Names that end in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The group list map file: which groups a user is in, and the gids of the reserved groups.
  *
  * A program outside the library writes the file and replaces it as a whole; a server process maps

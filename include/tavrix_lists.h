@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* One-way lists that are linked through their elements: in-memory ACLs and the import's parse
  * stack.
  *

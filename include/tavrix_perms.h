@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* In-memory ACLs and the permission bits that stored and in-memory entries share. */
 #ifndef TAVRIX_PERMS_H
 #define TAVRIX_PERMS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* The head of the import's parse stack; its elements are `jsonstack` records (mkperms_shm.h). */
 #ifndef TAVRIX_STACK_H
 #define TAVRIX_STACK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* What a permission decision is asked and what it answers: operations, verdicts, the caller; and
  * the connection record that keeps a caller's state between hooks. */
 #ifndef TAVRIX_STRUCTS_H

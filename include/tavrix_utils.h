@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Paths, names and privilege. */
 #ifndef TAVRIX_UTILS_H
 #define TAVRIX_UTILS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Connection services: what one client connection needs between hooks.
  *
  * The connection record (tavrix_structs.h) belongs to the module; a server process uses it from one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Event records, the audit buffer of a process, and the folder markers in extended attributes.
  *
  * A hook fills path, optype and fselem_type (and rename_path, tavrix_user), stamps the event with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Assertions that are part of the contract: active in every build, with a condition text of ours.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // One object of a type for each thread, made when the thread first wants it.
 //
 // Not thread_local: servers load this library at run time, and a thread that cannot get the memory

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Owners of raw resources. A handle is wrapped from its first line; closing keeps errno.
 #pragma once
 

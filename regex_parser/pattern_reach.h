@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* How far a pattern of file names reaches. For C and C++; the tools and the Samba module ask it
  * before they trust a file of patterns. */
 #ifndef TAVRIX_PATTERN_REACH_H

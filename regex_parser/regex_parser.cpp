@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // File names against POSIX extended regular expressions.
 
 #include "regex_parser.h"

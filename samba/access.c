@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Access lists, as smbd sees them. The permission map decides, so the owner and the mode of a
  * file must not stand in the way: the one entry of a list is for everybody, with the rights that
  * this client has. smbd asks for it where a request names a path instead of a handle, and to tell a

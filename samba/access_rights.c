@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The rights of SMB that a client has on an object, by what the decisions grant.
  *
  * smbd trusts the access of a handle for as long as it is open. So a right is in it only when a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The user who asked for a deletion that another one's last close carries out. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Extended attributes of open files: a client's own, and smbd's note of DOS attributes. The file
  * may belong to another user on the disk: what its mode refuses is read and written as root. The
  * library's marks are nobody's to see or to change. */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* What changes a file's content: the close of the file records it. A request that fails later
  * counts as a change too: better an event too many than a cloud copy that differs. Until the close
  * a note on the disk stands for the event, should this process be killed. */

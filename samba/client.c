@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Who a client is: its name in the group map, its user, and whether it is the agent. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* A client connects to the share, and goes. */
 #include "tavrix_module.h"
 

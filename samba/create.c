@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* SMB create requests: the door through which a client reaches files and folders. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Opening, changing, closing and deleting files. */
 #include "tavrix_module.h"
 

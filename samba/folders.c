@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Making, listing and entering folders. */
 #include "tavrix_module.h"
 

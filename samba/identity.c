@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Root for an operation, and back; and who owns what was made. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Names in other letters, on a share where case does not matter. smbd asks for a name as the client
  * spelled it first, and looks for other spellings when that is missing. The decision about the
  * private area looks at its folders on the disk: it shall find them under either spelling, or smbd

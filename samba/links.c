@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Links on the server, made by its administrator: the tree itself may lie behind one, and there may
  * be some in it. What lies behind a link is decided and recorded by its own name. */
 #include "tavrix_module.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Changes of what an object has beside its content: attributes, times, extended attributes, modes.
  *
  * smbd comes here for a client that holds a handle, for one that only named a path, and by itself:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Names as smbd has them, and as the library wants them. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Change notification. smbd hands a client every notice of the tree that it watches; here a notice
  * reaches it when the client could find the name by listing: the watched folder and each one on the
  * way may be opened, each one on the way and the name itself may be seen.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The names that everybody may delete: the settings' file of patterns. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Ways to make and change things that a client of the tree has no use for; all are refused.
  *
  * A hard link is a second name of a file: rights go with the folder of a name, so a user whose

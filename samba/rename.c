@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Renaming and moving. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Settings that a connection begins with, and mistakes in the server's own settings. */
 #include "tavrix_module.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The reference module of libtavrix for Samba.
  *
  * Copyright (C) 2026 the libtavrix developers. This module is free software under the terms of the

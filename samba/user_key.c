@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The name that a client has in the group list map: two people never share one. Needs nothing of
  * Samba, so that a test may call it. */
 #include "user_key.h"

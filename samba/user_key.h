@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The name that a client has in the group list map. */
 #ifndef TAVRIX_USER_KEY_H
 #define TAVRIX_USER_KEY_H

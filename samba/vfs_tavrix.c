@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* The table of the module, and its registration. */
 #include "tavrix_module.h"
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Takes the ABI of this build as the reference that the tests compare with. Run it when a change of
 # the ABI is meant, and let the commit say why.
 set -euo pipefail

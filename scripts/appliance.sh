@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # The whole appliance for a person to try: installs what is missing, builds everything, and in a
 # private world starts settings, loader, sweeper and a real smbd with a sample tree and five users.
 # Then a tour with smbclient; with --shell, a shell in that world instead.

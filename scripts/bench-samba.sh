@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # What the module costs a connection: the CPU time of the server process that serves it, with the
 # module and without, interleaved, the least of several runs. Keeps the table in docs/benchmarks.md.
 # usage: scripts/bench-samba.sh [ROUNDS]

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Runs every benchmark beside its floor and keeps the table of ratios in docs/benchmarks.md, and the
 # growth of a decision as a plot beside it.
 # usage: scripts/bench.sh [BENCHMARK_FILTER]   (with a filter, results are only printed)

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Builds the reference module against the installed Samba, without building Samba: the headers come
 # from the source package of exactly the installed version, and the few that a build would generate
 # are generated here. Takes a minute the first time and seconds after that.

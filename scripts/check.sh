@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # What can be told from the sources alone: their format, and that generated code is current.
 set -euo pipefail
 cd "$(dirname "$0")/.."

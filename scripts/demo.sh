@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Installs what is missing, builds, and shows what the system decides on a sample share, in a private
 # world that leaves nothing behind.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Builds the fuzz targets with clang and lets each of them run for a while.
 # usage: scripts/fuzz.sh [SECONDS] [TARGET]...
 set -euo pipefail

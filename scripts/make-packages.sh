@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Makes Debian packages: libtavrix1, libtavrix-dev, tavrix-tools and, for the installed version of
 # Samba, samba-vfs-tavrix.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Builds the module and runs Samba's own suites against it, as an administrator: what passes on a plain
 # share must pass behind the module. Some of them wait for minutes.
 # usage: scripts/smbtorture.sh [SUITE_FILTER]   (a grep -E pattern; default: smb2 and base)

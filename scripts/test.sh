@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Installs what is missing, builds twice (optimised; with sanitizers) and runs every test in both.
 # usage: scripts/test.sh [release|asan]...
 set -euo pipefail

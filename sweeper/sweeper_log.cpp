@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The operator's log of permission map imports. It is opened for each line, so that any process may
 // write one and the file may be rotated at any time.
 

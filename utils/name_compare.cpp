@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Case-insensitive comparison of names, byte by byte, in the C library's locale.
 //
 // A place where both names have a byte above 0x7f cannot be judged by bytes: it is reported as

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The global parameter block: its creation and removal. What it holds is in eventstore.h.
 
 #include <sys/ipc.h>

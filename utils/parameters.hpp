@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // This process's settings, for code that may run before a block is attached: then they are zero.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The superuser's user ids, and the way back from them.
 
 #include <unistd.h>

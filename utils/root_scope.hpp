@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The superuser's identity for the length of a scope, given back on every path out.
 #pragma once
 

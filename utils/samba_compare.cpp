@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Samba's Unicode-aware comparison of names, taken from its library at run time.
 
 #include <dlfcn.h>

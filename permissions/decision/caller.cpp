@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What the decision knows about its caller: the class, and the rights that an ACL gives.
 
 #include "permissions/decision/caller.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The decision's short switch to the superuser: effective user and group, there and back.
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The decision: one verdict for one operation on one path by one caller.
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The superuser's identity for the length of a scope, as the decision takes it on.
 #pragma once
 

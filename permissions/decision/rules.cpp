@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The policy: which mask allows which operation on which kind of object.
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The second pass of an import: the events of the JSON parser, told to the image.
 //
 // The place in the document is a stack of states, each with the folder it concerns. A folder's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The data pass as the import driver sees it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The import as a whole: the data file into the image, the local copy of the image, and back.
 
 #include <fcntl.h>

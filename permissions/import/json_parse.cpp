@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "permissions/import/json_parse.hpp"
 
 #include <cstdio>

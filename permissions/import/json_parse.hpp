@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // One run of the JSON parser over a file that arrives in chunks, and the texts it hands out.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The line that the loader prints to standard output for every name it makes.
 #pragma once
 

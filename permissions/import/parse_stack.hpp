@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The explicit stack on which the two passes of an import keep their place in a document.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Failures of an import are told to two readers: developers (the system log) and operators (the
 // sweeper log). Both get the same text.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The first pass of an import: the size file into a summary, and the header of the image.
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // for (tavrix_ace_s& ace : aces_of(acl)): the entries of an in-memory ACL in list order.
 #pragma once
 

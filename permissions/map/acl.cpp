@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // In-memory ACLs, and their stored form.
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The current table, as a thread has it attached between get_perm_map_addr() and
 // put_perm_map_addr().
 #pragma once

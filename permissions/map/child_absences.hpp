@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Which names the children of a folder do not bear, so that a lookup of a file need not scan the
 // folders beside it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Where a lookup found the children of folders before, so that it need not scan for them again.
 //
 // A hint only says where to look first: the folder found there must have the parent and the name

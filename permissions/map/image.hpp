@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Records of a map image by their offsets: one place turns an offset into a record and checks it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // An image as lines of the system log, for a developer with a debug level to spare.
 
 #include <cerrno>

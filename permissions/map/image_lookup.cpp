@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // From a path to the folder of the map that it reaches, and to the ACL that governs it.
 
 #include "permissions/map/image_lookup.hpp"

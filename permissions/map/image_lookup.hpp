@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // One walk of a map image for a path and its parent folder at once.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The primitives with which an import writes the records of a map image.
 
 #include <cstring>

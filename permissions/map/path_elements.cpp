@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Paths split into names, and the hash by which names are looked up.
 
 #include "permissions/map/path_elements.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The components of a path, in order, without copying it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The two map tables and the semaphore set that says which of them is current.
 
 #include "perm_map.h"

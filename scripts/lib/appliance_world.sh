@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # The appliance itself, run in a private world: appliance_world.sh SOURCES BUILD [--shell]
 set -euo pipefail
 sources=$1

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Measures the module, run in a private world: bench_samba_world.sh SOURCES BUILD RESULTS ROUNDS
 # Writes lines "map operation variant nanoseconds" to RESULTS.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Pairs benchmarks with their floors: bench_table.py RESULTS [DOCUMENT PLOT_FOLDER]
 
 Prints the table of ratios; with a document, puts it between its two marks, and writes the numbers

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Shortens decoded records for reading beside one another: brief.py NAME=UID... <records
 
 Reads what `tavrixctl events decode` and `tavrixctl audit decode` print, writes a line each."""

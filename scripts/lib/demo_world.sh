@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # The demonstration itself, run in a private world: demo_world.sh SOURCES TOOLS
 set -euo pipefail
 sources=$1

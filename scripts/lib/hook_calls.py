@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Counts the system calls of each hook: hook_calls.py TRACE [DOCUMENT]
 
 TRACE is strace's output of bench/hook_calls; with a document, the table goes between its marks."""

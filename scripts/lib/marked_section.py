@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Replaces what a document has between two comments, "<!-- NAME -->" and "<!-- end of NAME -->"."""
 from pathlib import Path
 

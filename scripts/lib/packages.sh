@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Installs what is missing of the Debian packages that building and testing need. Sourced, as root.
 
 tavrix_packages=(

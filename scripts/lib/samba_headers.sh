@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Samba's headers for a module, made from the source package of the installed version. Sourced.
 
 samba_version() { dpkg-query -W -f='${Version}' samba; }

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # A real smbd in a private world (see world.sh), with the reference module in front of /tavrix.
 # Sourced inside the world. Everything lies under /scratch/samba.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Runs Samba's own suites against a plain share and against the same folder behind the module, and
 # compares: what passes there must pass here, but for samba/torture-differences.txt.
 # usage: scripts/lib/torture.sh BUILD FILTER   (of suites, a grep -E pattern; the module is built)

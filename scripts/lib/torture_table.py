@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Compares a plain share with the module: torture_table.py RESULTS DIFFERENCES
 
 DIFFERENCES has a line "test: reason" for each test that passes plain and not with the module. Fails when

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # Runs suites in a private world: torture_world.sh SOURCES BUILD RESULTS FILTER
 # Leaves RESULTS/plain.SUITE and RESULTS/module.SUITE: what smbtorture said.
 set -euo pipefail

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 # A private world for one command: System V objects of its own, and a root folder in which
 # /etc/tavrix, /tavrix, /var/log and /scratch are new and empty. Nothing of it is left on the machine.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What programs outside see: the headers, the exported names, what the library needs.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What an installation gives to programs outside, and what it promises to keep.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* A program in C that loads the library and uses a little of everything. */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The permission check of a connection, and the small translations beside it.
 
 #include <fcntl.h>

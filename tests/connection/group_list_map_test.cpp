@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The group list map file: mapping, reserved groups, users' lists.
 
 #include <gtest/gtest.h>

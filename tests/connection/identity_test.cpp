@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The identity of a connection: built from the group list map, refreshed by markers and users.
 
 #include <fcntl.h>

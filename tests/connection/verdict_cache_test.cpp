@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The verdict cache of a connection.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The audit buffer of a process.
 
 #include <sys/mount.h>

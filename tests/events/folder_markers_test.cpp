@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Extended attributes of files and folders, on a real file system.
 
 #include <gtest/gtest.h>

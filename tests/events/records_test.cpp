@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Event and audit records: stamping, framing, what is dropped.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A client comes and goes.
 
 #include <sys/ipc.h>

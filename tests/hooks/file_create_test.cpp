@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // An SMB create request for a file, deleting a file, and times.
 
 #include "tests/support/session.hpp"

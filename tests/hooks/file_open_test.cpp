@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Opening a file.
 
 #include <sys/stat.h>

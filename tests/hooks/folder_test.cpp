@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Making, removing and entering folders.
 
 #include "tests/support/session.hpp"

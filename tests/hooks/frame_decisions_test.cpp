@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Every hook that decides: which operation it asks about, whom it lets go, what a refusal says and
 // leaves behind. The rows are the hooks' summary tables.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Several users at work for a long time, while maps are swapped, markers touched and events swept.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The example of the module author's guide, run for every kind of caller.
 
 #include <sys/stat.h>

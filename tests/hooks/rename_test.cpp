@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Renaming and moving.
 
 #include "tests/support/session.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Patterns: the matcher, and the file of names that may always be deleted.
 
 #include <gtest/gtest.h>

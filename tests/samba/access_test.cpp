@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The access that a handle ends up with, however it was asked for, and what stays in spite of it.
 
 #include <sys/stat.h>

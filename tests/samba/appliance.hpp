@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A real smbd with the reference module, in a world of the test's own: its own network, users,
 // settings, map, event store. Clients are real too.
 #pragma once

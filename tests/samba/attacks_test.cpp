@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Ways round: other spellings of hidden names, handles of others, what the server tells beside
 // files.
 

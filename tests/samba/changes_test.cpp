@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Changes of a file, by whatever request they come, and their records.
 
 #include "tests/samba/wire.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Who a client is: the name under which its groups are looked up, whatever it claims to be called.
 
 #include "tests/samba/appliance.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Every command of a client: what it sees, what is on the disk, whose it is, and the events.
 
 #include <sys/stat.h>

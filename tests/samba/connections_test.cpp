@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What a connection is: who sees what, options of the module, new maps and groups, ends.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A deletion that one user asks for and the close of another carries out: the rights are those of
 // the one who asked, and so is the event.
 

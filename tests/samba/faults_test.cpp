@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Every call of the module that can fail is made to, one after another, while clients work: nothing
 // that is forbidden is let through, nothing changes without an event, and the server lives.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 /* Linked into a variant of the module: each call that can fail is made to, one after another. The
  * option "tavrix:fault file" names a file with a number: the failing call of this process, counted
  * from 1. What failed is noted in a file beside it. */

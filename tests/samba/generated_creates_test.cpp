@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Create requests with every disposition, access mask and option that a client can send, and then
 // what a handle that was granted is good for: by every kind of caller, on every kind of object.
 // Whatever a case is, nothing changes that its caller may not change, every change is told, and no

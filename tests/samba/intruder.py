@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """A client that tries only what it may not do, and writes down every name that it is told.
 
 usage: intruder.py USER PASSWORD SEED TRIES TOLD_FILE

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Clients that try only what they may not do (see intruder.py): who they are, the part of the tree
 // that only they go for, and what must be true when they are done.
 #pragma once

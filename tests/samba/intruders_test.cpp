@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Clients that try only what they may not do, for a moment and with seeds: the storm has them too.
 
 #include "tests/samba/intruders.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A server process that ends with a changed file open: the event comes all the same, once.
 
 #include <sys/stat.h>

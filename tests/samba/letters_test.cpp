@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Names in other letters, on a share where case does not matter.
 
 #include <algorithm>

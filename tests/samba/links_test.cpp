@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A file of the tree has one name, and the tree holds files and folders only.
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The logs of an ordinary session at the level that is shipped.
 
 #include <syslog.h>

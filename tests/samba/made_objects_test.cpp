@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A file or a folder that a request made is recorded, although the request fails afterwards.
 
 #include "tests/samba/wire.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Attributes, times and extended attributes: who may change them, by handle and by path, and what
 // is recorded.
 

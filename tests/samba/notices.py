@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Watches a folder as one user while a script acts as others, and prints what was told.
 
 usage: notices.py USER FOLDER FENCE <SCRIPT

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Change notices: a client is told of names that it could find by listing, and of no others.
 
 #include <fcntl.h>

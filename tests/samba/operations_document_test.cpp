@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // docs/operations.md names a test for every row: each of them is there.
 
 #include <gtest/gtest.h>

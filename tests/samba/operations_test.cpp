@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Who may look, read, write and set attributes, and what is recorded.
 
 #include "tests/samba/matrix/operation_table.hpp"

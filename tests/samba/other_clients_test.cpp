@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A client that nobody here wrote copies whole trees: rclone, as a writer and as those who may
 // less.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Names that everybody may delete, and files of patterns that would let everybody delete
 // everything.
 

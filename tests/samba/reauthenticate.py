@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Logs in as one user, connects to the share, logs in again as another within the same session, and
 lists a folder: reauthenticate.py FIRST SECOND PATTERN"""
 import sys

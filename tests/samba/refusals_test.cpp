@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Requests that are refused, however a client words them.
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Free space, as clients see it.
 
 #include <sys/statvfs.h>

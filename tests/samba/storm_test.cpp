@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Many clients for a long time, while everything around them moves.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Samba's own suites, as an administrator: what passes on a plain share of the same server passes
 // behind the module. Suites that wait for minutes are left to scripts/smbtorture.sh.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // How a connection begins, where the tree lies, links in it, and two trees in one process.
 
 #include <sys/shm.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The name that a client has in the group list map: a table of sessions.
 
 #include "samba/user_key.h"

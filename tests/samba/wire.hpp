@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Requests that smbclient does not make, by a client of the wire protocol (see wire.py).
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """An SMB client for requests that smbclient does not make.
 
 usage: wire.py USER [PASSWORD] <SCRIPT

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The event store of a test: a staging buffer, an auditing directory, and what they hold.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tests/support/fail_call.hpp"
 
 #include <fcntl.h>

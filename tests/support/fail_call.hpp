@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Failures on demand, and counts, of the C library's calls that this program makes. The program is
 // linked with --wrap for each of them; calls that the C library makes of itself are not seen.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A library to preload into a real program: calls that fail, stop or kill it at a chosen moment,
 // and a trace of what it changes in folders. tests/tools/loader.hpp sets its rules.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Group list map files, written apart from the code that reads and writes them.
 #pragma once
 

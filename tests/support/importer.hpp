@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Runs imports as the loader does, into memory of the test's own.
 #pragma once
 

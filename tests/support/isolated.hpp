@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A world of a test's own: System V objects, mounts, and the paths of the appliance.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The system log of a test program: messages are kept here instead of being sent.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Permission maps as tests think of them: trees of folders, with a writer of the JSON pair, a
 // builder of images and a lookup that share nothing with the library's.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A client that works at random through the hooks, against a model of the tree and of the policy:
 // every verdict and every event is one that the model expects.
 #pragma once

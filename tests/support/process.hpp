@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Real processes for tests: children, users, programs.
 #pragma once
 

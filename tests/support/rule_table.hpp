@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The policy a second time: a table for people, with a reader that shares nothing with the library.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A client's session, as a module plays it for the hooks: a share with a map, real users, a staging
 // buffer, and calls whose every effect on the process is checked.
 #pragma once

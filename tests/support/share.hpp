@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A share to decide about: a published map, real folders with real owners under /tavrix, and
 // callers who ask from processes that have the identity of a Samba server process.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A staging buffer of the test's own, and what is in it and in the dump files.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Kills at each step: a child that is killed in front of one of its system calls.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The system log of this world, as a daemon reads it: the lines of every process, with their
 // priorities.
 #pragma once

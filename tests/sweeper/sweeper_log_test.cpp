@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The operator's log of imports.
 
 #include "sweeper_log.h"

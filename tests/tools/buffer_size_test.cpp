@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A new size of the staging buffer while connections work: no event is refused and none is lost.
 
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Checksums beside the local copy and the group list map, and that of the table.
 
 #include <sys/shm.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl events and audit.
 
 #include <gtest/gtest.h>

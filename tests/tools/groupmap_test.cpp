@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl groupmap, and what the library makes of its files.
 
 #include "tools/groupmap/group_map.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The priorities of what the programs say, as the service manager reads them.
 
 #include <gtest/gtest.h>

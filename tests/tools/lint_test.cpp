@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The lint of a size file and a data file.
 
 #include "tools/mapcheck/lint.hpp"

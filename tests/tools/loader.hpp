@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The loader in a private world: pairs that are handed over, faults, what is current afterwards.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrix-loader: pairs that are handed over, restarts, deaths.
 
 #include <sys/shm.h>

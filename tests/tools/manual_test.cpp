@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The manual pages know every command and flag that the programs know.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The loader's watch: whatever vanishes of the published map comes back within two seconds, and no
 // other map does.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // No map is lost: full disks, deaths, calls that fail, an operator beside the loader.
 
 #include <fcntl.h>

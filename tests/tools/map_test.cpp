@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map and check, as an operator uses them.
 
 #include <gtest/gtest.h>

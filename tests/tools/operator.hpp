@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // An operator at a terminal: runs tavrixctl in a private world.
 #pragma once
 

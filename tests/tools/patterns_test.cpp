@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl patterns, and the look at the pattern file where settings are loaded.
 
 #include <gtest/gtest.h>

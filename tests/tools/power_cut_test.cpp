@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A power cut at any moment of an import: of every state that a file system may leave, the loader's
 // next start makes the new map current.
 

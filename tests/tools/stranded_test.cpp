@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Temporary files of flushes that were killed: every acknowledged event comes into one dump file.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A sweeper in a private world, the writers of a share, and what comes of their events.
 #pragma once
 

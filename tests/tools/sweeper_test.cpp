@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrix-sweeper, and the operator's commands for the staging buffer.
 
 #include <sys/mount.h>

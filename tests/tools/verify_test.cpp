@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The check of an image, on sound ones and on any bytes.
 
 #include "tools/mapcheck/verify.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The family of ASCII comparisons, place by place and member by member.
 
 #include <gtest/gtest.h>

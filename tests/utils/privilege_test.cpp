@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The superuser's identity and the way back.
 
 #include <gtest/gtest.h>

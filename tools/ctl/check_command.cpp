@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl check: the verdict for a user, an operation and a path.
 
 #include <grp.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The commands of tavrixctl. Each adds itself to the command line; running it gives the exit code.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl groupmap: the file that tells server processes which groups a user is in.
 
 #include <fmt/ranges.h>

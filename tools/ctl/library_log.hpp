@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What the library says to the system log while a command runs.
 #pragma once
 

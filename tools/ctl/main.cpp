@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl: the operator's view of the permission map and the settings.
 
 #include <unistd.h>

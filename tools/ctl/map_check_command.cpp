@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map lint, map verify: checks without a change.
 
 #include "tools/ctl/commands.hpp"

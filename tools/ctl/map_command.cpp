@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map: its parts, and the removal.
 
 #include <sys/ipc.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map import, map restore: the loader by hand.
 
 #include <unistd.h>

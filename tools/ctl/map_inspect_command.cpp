@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map info, map tree, map acl: what is in an image.
 
 #include <cstdlib>

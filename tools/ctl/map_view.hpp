@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The map tables as tavrixctl looks at them, without changing anything.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The shared block of settings, as its owner fills it.
 #pragma once
 

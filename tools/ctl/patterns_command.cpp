@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl patterns: the file of patterns of names that everybody may delete.
 
 #include "tools/ctl/commands.hpp"

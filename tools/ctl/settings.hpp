@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The settings that operators know by name: the entries of the global parameter block.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A settings file: INI, whose sections and keys are the names of the settings.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/ctl/shared_settings.hpp"
 
 #include <sys/ipc.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The settings of the appliance, as this program uses them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/events/dump_reader.hpp"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Dump files of events and audits, record by record, and what is wrong with one.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A checksum beside a file whose format has no room for one: FILE.sha256, in the format of
 // sha256sum(1), so that "sha256sum -c" checks it too.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Files that survive a power cut: replaced by rename, synced with their folder.
 #pragma once
 

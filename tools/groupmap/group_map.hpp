@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The group list map file, for its writer and for operators. The readers' side is in the library.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A look at the group list map whenever it changes. Server processes read it without a check, and a
 // flipped bit may make somebody an administrator; so at least the journal says so.
 #pragma once

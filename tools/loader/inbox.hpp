@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The folder in which the synchronisation agent hands over maps.
 //
 //   DIR/size.json, DIR/data.json   a pair: written elsewhere on the same file system or under other

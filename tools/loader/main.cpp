@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrix-loader: makes the maps that the synchronisation agent hands over current, and keeps the
 // current one in place.
 

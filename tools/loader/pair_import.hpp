@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Checks a pair and makes it current, or says why not.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The loader's watch over what it published: semaphore set, tables, local copy. A look each second
 // costs a dozen system calls; a recovery runs only when something is wrong.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The loader's words: to the journal, and the last one as the status of the service.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Loads the pairs of an inbox, one after the other. A pair that met a failure which passes by
 // itself is tried again, a little later each time; one that will not do is set aside.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What a check of a map found, for people and programs.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A JSON file as a stream of events with byte offsets, over the parser that the import uses.
 #pragma once
 

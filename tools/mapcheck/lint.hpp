@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Checks a size file and a data file without importing them.
 //
 // The import itself trusts both: a document that breaks the grammar aborts it, one that lies about

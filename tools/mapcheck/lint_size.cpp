@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/mapcheck/lint_size.hpp"
 
 #include <fmt/format.h>

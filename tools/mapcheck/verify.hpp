@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Checks an image before anything trusts it: every signature, offset, range, count and link. Made
 // for any bytes at all; nothing outside them is touched.
 #pragma once

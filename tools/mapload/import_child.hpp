@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The library's two passes, each in a process of its own: a file that breaks the grammar aborts
 // it, and neither the table nor the program that asked is to go with it.
 #pragma once

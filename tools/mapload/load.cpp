@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/mapload/load.hpp"
 
 #include <fcntl.h>

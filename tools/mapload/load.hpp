@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Loading a map: from two files of the synchronisation agent, or from the local copy, to the
 // current table.
 //

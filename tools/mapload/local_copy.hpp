@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The local copy of the current image, on the disk: never deleted or overwritten while it is the
 // only one.
 #pragma once

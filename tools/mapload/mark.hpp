@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The mark on the disk that says which map was published last: its segment, its image, its age.
 //
 // It is written before the index moves: from then on the new map is the one that a restart, or a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The files of the map beside its tables; all in one folder, changed under one lock.
 #pragma once
 

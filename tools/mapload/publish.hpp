@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // From a filled, checked table to the current map.
 #pragma once
 

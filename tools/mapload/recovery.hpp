@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Puts right what a death, a power cut or a careless hand has left of the map: the semaphore set,
 // the two tables, the local copy. One recovery for the service, for its watch and for operators.
 #pragma once

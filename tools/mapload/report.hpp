@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Words of the loading of maps, for the journal or a terminal: the program says them.
 #pragma once
 

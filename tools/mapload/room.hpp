@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A look at space and memory: a lack of them refuses an import before anything is touched.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The two map tables and the semaphore set, as a program looks at them and changes them that must
 // not lose a live set: a look that fails for another reason than "there is none" changes nothing.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/notes/open_notes.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 /* Notes on the disk of files that a client has changed and not closed yet.
  *
  * The event of a changed file is written when the file is closed. A server process that is killed

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/patterns/complaints.hpp"
 
 #include "tools/patterns/pattern_file.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Complaints about the pattern file that the settings name.
 #pragma once
 

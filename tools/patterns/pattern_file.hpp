@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The file of patterns of names that everybody may delete: read as the server reads it, and checked
 // for lines that do something else than their writer meant.
 #pragma once

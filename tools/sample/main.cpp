@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Writes a sample map: tavrix-sample-tree --folders 100000 size.json data.json
 
 #include <CLI/CLI.hpp>

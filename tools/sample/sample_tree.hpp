@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Sample permission maps of any size, as a size file and a data file.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Words of the programs on standard error: for the journal with their priority in front, as the
 // service manager reads it, for people without.
 #pragma once

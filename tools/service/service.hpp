@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Shared by the appliance's services: words for the journal (journal.hpp), and signals as input.
 #pragma once
 

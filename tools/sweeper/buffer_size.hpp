@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A new "staging buffer size", without a moment at which somebody's events find no buffer.
 //
 // A connection works with the size that the settings had when it began. It cannot attach a segment

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Processes that work with the library now, each with the settings of the moment when it began.
 #pragma once
 

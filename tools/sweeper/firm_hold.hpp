@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The staging semaphore, held so firmly that its holder's death does not give it back.
 //
 // Writers end the process when they find a segment without a header, and lose an event when they

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrix-sweeper: owns the staging buffer and flushes it on a period.
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Files by which the sweeper remembers things over its own end and the machine's.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The mark on the disk that says: there may be events in memory.
 //
 // Shared memory does not survive the machine's stop. The mark is made before the buffer is, and

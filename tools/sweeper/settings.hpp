@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The sweeper's settings: from the shared block, which it fills from a file when it is given one.
 #pragma once
 

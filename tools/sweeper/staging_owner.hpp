@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The staging buffer's owner: makes it, mends it, and takes over what an earlier run left.
 #pragma once
 

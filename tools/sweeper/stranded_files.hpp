@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Temporary files of flushes that were killed.
 #pragma once
 

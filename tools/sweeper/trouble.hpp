@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Trouble that lasts is not said on each period.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The shared segment of events: its life, and the append.
 
 #include <sys/ipc.h>

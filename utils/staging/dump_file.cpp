@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Dump files: how they are named and written.
 
 #include <sys/time.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 #include "utils/staging/dump_in_flight.hpp"
 
 #include <fcntl.h>

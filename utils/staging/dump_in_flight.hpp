@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A dump file on its way: the temporary file of one flush, and what the next flusher or the sweeper
 // can tell of it when its flusher was killed.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The flush: from the staging buffer to a dump file that the synchronisation agent picks up.
 //
 // The records are on the disk before the buffer is emptied, and a dump file has its name only when

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Files by which the synchronisation agent learns that its view of the tree cannot be trusted.
 
 #include <fcntl.h>

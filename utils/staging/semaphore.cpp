@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The semaphore that excludes the users of the staging buffer from one another. It is looked up
 // afresh on every call, so that a sweeper may make it anew.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What the append and the flush of the staging buffer share.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The class of a caller: administrator, power user, or a standard user, who gets nothing.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The decision's short switch to the superuser, in every identity a process of the appliance has.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // What a decision tells about its way: each text, and the level it takes to see it.
 
 #include <gtest/gtest.h>

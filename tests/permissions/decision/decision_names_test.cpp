@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The first steps of a decision: arguments, the spelling of paths, the share root.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Decisions in the Private subtree: each user's own folder, and nobody else's.
 
 #include <gtest/gtest.h>

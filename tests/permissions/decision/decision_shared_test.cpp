@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Decisions in the Shared subtree, at the top level, and by what an ACL says.
 
 #include <gtest/gtest.h>

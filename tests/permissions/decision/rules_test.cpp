@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The rule table: every operation, every kind of object, every pair of masks.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Bookkeeping files of desktop clients, and the comparisons of paths that the decision uses.
 
 #include <gtest/gtest.h>

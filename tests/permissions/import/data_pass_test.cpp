@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The data file into the image: whole documents, compared with images built apart.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The worked example of docs/formats.md is what an import makes.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The import as a whole: files, local copy, reports.
 
 #include <fcntl.h>

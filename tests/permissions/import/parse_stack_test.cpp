@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The parse stack as other programs may use it.
 
 #include "permissions/import/parse_stack.hpp"

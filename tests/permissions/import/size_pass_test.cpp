@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The size file, and the header of the image.
 
 #include <gtest/gtest.h>

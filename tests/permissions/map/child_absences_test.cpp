@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Absences of names: they save the scan of the folders beside a file, and hold for one table only.
 
 #include "permissions/map/child_absences.hpp"

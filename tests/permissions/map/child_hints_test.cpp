@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Hints of earlier lookups: they save the scan, and never answer for another map or another name.
 
 #include "permissions/map/child_hints.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // An image as lines of the system log.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A damaged table: a reader answers, or ends with an assertion; it never reads beside the segment.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Paths in an image: splitting, finding, and the ACL that governs.
 
 #include <gtest/gtest.h>

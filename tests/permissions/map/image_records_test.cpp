@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The primitives that write an image, record by record, and ACLs in memory.
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Loaders and readers at the same time, in real processes.
 
 #include <fcntl.h>

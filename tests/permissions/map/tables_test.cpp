@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The two tables and their semaphores, in one process.
 
 #include "perm_map.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """A client that executes what it is told: a case a line as JSON on standard input, its answer a line.
 
 A case is {"as": user, "steps": [{"do": operation, ...}, ...]}. Steps share handles, by name ("h" unless

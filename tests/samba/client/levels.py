@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """Layouts of information levels: what a client packs into them, and the names that it finds in them."""
 
 import struct

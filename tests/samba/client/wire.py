@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
 """SMB2 requests, byte for byte, on a connection that impacket has set up.
 
 impacket makes names tidy and refuses what it does not know; a client that tries everything must be

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The account of one case: what was on the disk before and after, what was recorded, what the
 // client was told; and everything about it that must not be so.
 #pragma once

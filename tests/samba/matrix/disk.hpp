@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The tree on the disk as a client could change it: names, kinds, content, times, attributes; and
 // what is different between two moments.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A judge of what a caller may do: a model that shares nothing with the library but the names of
 // operations: the policy's table (rule_table), a naive lookup in the map (map_model), and the areas
 // of the tree.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The table "operation x caller": rows of an operation, who may, what a client sends, and the
 // events there are then. Who is not in a row is refused; what a refused one did leaves the disk as
 // it was, and nothing is recorded.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Requests by chance: what a client may send, and what the policy makes of it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // A client that executes one case after the other, as any of its users:
 // tests/samba/client/client.py, with connections that stay open.
 #pragma once

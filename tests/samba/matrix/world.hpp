@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The world of the table "operation x caller": a map, users with each kind of right, a tree with
 // each kind of object, one server with the module and a plain share beside it.
 #pragma once

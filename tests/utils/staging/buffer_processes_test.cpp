@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // Many writers, flushes going on, and processes killed at any moment: nothing acknowledged is lost.
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The staging buffer and its semaphore.
 
 #include <sys/ipc.h>

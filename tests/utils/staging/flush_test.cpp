@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
 // The flush: dump files, contexts, and every error path.
 
 #include <fcntl.h>
