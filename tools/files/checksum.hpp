@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A checksum beside a file whose format has no room for one: FILE.sha256, in the format of
-// sha256sum(1), so that "sha256sum -c" checks it too.
+// Keeps the checksum of FILE in FILE.sha256, for formats that have no room for one. The checksum
+// file has the format of sha256sum(1), so "sha256sum -c" checks it too.
 //
-// While a file is replaced, the checksums of the old and of the new content stand in it: after a
-// power cut one of them fits whatever is there.
+// While FILE is being replaced, FILE.sha256 lists the checksums of the old and of the new content,
+// so that one of them matches after a power cut.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@ using Digest = std::string;
 
 [[nodiscard]] Digest digest_of(std::span<const std::byte> bytes);
 [[nodiscard]] Digest digest_of(std::string_view bytes);
-// Nothing, and errno, when the file cannot be read.
+// Returns nothing and sets errno when the file cannot be read.
 [[nodiscard]] std::optional<Digest> digest_of_file(const std::string& path);
 
 [[nodiscard]] std::string checksum_path(const std::string& path);
@@ -28,11 +28,11 @@ using Digest = std::string;
 enum class Checksum { kMatches, kDiffers, kMissing };
 [[nodiscard]] Checksum compare_checksum(const std::string& path, const Digest& digest);
 
-// The digests that may be there from now on; the first is that of the file, the others those of
-// contents that it replaces. false, and errno.
+// Replaces the checksum file of `path`. The first digest is that of the content to be, the others
+// are those of contents that it replaces. Returns false and sets errno when it fails.
 [[nodiscard]] bool write_checksums(const std::string& path, const std::vector<Digest>& digests,
                                    mode_t mode);
-// The digests that are there.
+// The digests in the checksum file of `path`; none when it cannot be read.
 [[nodiscard]] std::vector<Digest> checksums_of(const std::string& path);
 
 }  // namespace tavrix::files

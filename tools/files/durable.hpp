@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Files that survive a power cut: replaced by rename, synced with their folder.
+// File operations that survive a power cut: content is replaced by a rename, and a file is synced
+// together with its folder.
 #pragma once
 
 #include <sys/types.h>
@@ -9,22 +10,22 @@
 
 namespace tavrix::files {
 
-// Errors that pass by themselves: what met one is worth another try.
+// True for an error that may pass by itself, so that another attempt makes sense.
 [[nodiscard]] bool is_transient(int error);
 
 [[nodiscard]] bool exists(const std::string& path);
-// The content; nothing, and errno, when it cannot be read.
+// Returns the whole content, or nothing with errno set. Not for files in /proc, which have no size.
 [[nodiscard]] std::optional<std::string> read_whole(const std::string& path);
 
 // The following return false and set errno.
 
-// Puts whole content in the file's place. After a power cut it is the old or the new one.
+// Replaces the file by a rename. After a power cut it has its old or its new content, whole.
 [[nodiscard]] bool replace(const std::string& path, std::string_view content, mode_t mode);
 [[nodiscard]] bool sync_file(const std::string& path);
-// Makes the names of a folder durable.
+// Makes new, changed and removed names in a folder durable.
 [[nodiscard]] bool sync_folder(const std::string& folder);
 [[nodiscard]] bool sync_folder_of(const std::string& path);
-// A file that is not there is removed already.
+// Succeeds also when there is no such file.
 [[nodiscard]] bool remove(const std::string& path);
 
 [[nodiscard]] std::string folder_of(const std::string& path);

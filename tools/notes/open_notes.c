@@ -19,14 +19,14 @@
 #define NAME_FORMAT "%.36s.%d.%llu.%llu"
 #define USER_SIZE 256
 
-/* A process, told apart from any later one with the same number. */
+/* Identifies a process: a later one with the same number differs in its boot or its start. */
 struct owner {
   char boot[BOOT_ID_SIZE];
   pid_t pid;
   unsigned long long start; /* clock ticks since the boot */
 };
 
-/* The beginning of a file of the kernel's, as text. */
+/* Reads the beginning of a file in /proc as text. */
 static bool read_text(const char* path, char* text, size_t size) {
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
@@ -40,9 +40,9 @@ static bool read_boot_id(char* boot) {
   return read_text("/proc/sys/kernel/random/boot_id", boot, BOOT_ID_SIZE) && strlen(boot) == 36;
 }
 
-/* Field 22 of the process's status; the fields behind the name, which may hold anything, begin
- * after the last parenthesis. False when there is no such process; one that has ended and was not
- * waited for is none. */
+/* Reads when the process began: field 22 of its stat file. Field 2 is its name in parentheses and
+ * may hold anything, so the other fields are those after the last parenthesis. Returns false when
+ * there is no such process; a process that has ended and was not waited for counts as none. */
 static bool read_start(pid_t pid, unsigned long long* start) {
   char path[64];
   char text[1024];
@@ -57,7 +57,8 @@ static bool read_start(pid_t pid, unsigned long long* start) {
          state != 'Z' && state != 'X';
 }
 
-/* This process. A child of it is another one. */
+/* Returns the identity of this process, or NULL when it cannot be read. The answer is kept until
+ * the process forks: a child has an identity of its own. */
 static const struct owner* self(void) {
   static struct owner owner;
   if (owner.pid == getpid()) return &owner;
@@ -70,7 +71,7 @@ static const struct owner* self(void) {
 static bool is_alive(const struct owner* owner) {
   const struct owner* here = self();
   unsigned long long start = 0;
-  if (here == NULL) return true; /* nothing is known: leave the note to another */
+  if (here == NULL) return true; /* unknown: leave the note to another process */
   return strcmp(owner->boot, here->boot) == 0 && read_start(owner->pid, &start) &&
          start == owner->start;
 }
@@ -87,7 +88,7 @@ static bool parse_name(const char* name, struct owner* owner) {
   return name[end] == '\0' && strlen(owner->boot) == 36;
 }
 
-/* A name that no other note has or had. */
+/* Gives the note a name that no other note has or had. */
 static bool next_name(struct open_note* note) {
   static unsigned long long number;
   const struct owner* here = self();
@@ -103,7 +104,8 @@ static void path_of(const char* name, char* path, size_t size) {
 
 static bool make_folder(void) { return mkdir(OPEN_NOTES_FOLDER, 0700) == 0 || errno == EEXIST; }
 
-/* A path that is too long for a note is left out: such a note asks for a rescan. */
+/* Writes the text of a note. A path that is too long is left out; settling such a note asks for a
+ * rescan. */
 static bool write_text(const struct changing_file* file, char* text, size_t size) {
   const size_t user = strlen(file->user);
   const int length = snprintf(text, size, "%" PRIu64 " %u %zu %s%s", file->inode,
@@ -157,7 +159,7 @@ static bool is_still_there(const struct changing_file* file) {
   return lstat(file->path, &st) == 0 && S_ISREG(st.st_mode) && st.st_ino == file->inode;
 }
 
-/* The event and the stamp that the close would have left. */
+/* Writes the event and the stamp that the close would have written. */
 static void record_change(const struct changing_file* file) {
   connection_private_data_s record = {.user_name_as_passed_in = (char*)(uintptr_t)file->user};
   record.refresh_creds.euid = file->uid;
@@ -177,8 +179,8 @@ static void settle(const char* path) {
   }
 }
 
-/* Takes the note over, so that nobody else settles it too; it stays until the event is written, as
- * a note of this process: should this one end as well, another goes on. */
+/* Renames the note to one of this process, so that nobody else settles it too. It is removed only
+ * after its event was written: when this process dies before, another one settles it. */
 static bool take_over(const char* name, struct open_note* mine) {
   char from[sizeof OPEN_NOTES_FOLDER + NAME_MAX + 1];
   char to[sizeof OPEN_NOTES_FOLDER + sizeof mine->name];

@@ -2,16 +2,18 @@
 /* Notes on the disk of files that a client has changed and not closed yet.
  *
  * The event of a changed file is written when the file is closed. A server process that is killed
- * before leaves its notes behind, and whoever looks next writes the events for it: every server
- * process when a client connects, and the sweeper at its start and at each period.
+ * before that leaves its notes behind, and another process writes the events for it: every server
+ * process looks for such notes when a client connects, and the sweeper at its start and in each
+ * period.
  *
  * A note is a symbolic link in OPEN_NOTES_FOLDER: one system call makes it whole, one removes it.
- * Its name says which process wrote it, its text which file it is about and who changed that:
+ * Its name says which process wrote it; its text says which file changes and who changes it:
  *
  *   NAME   boot id "." process id "." start time of the process "." running number
  *   TEXT   inode " " uid " " length of the user's name " " the user's name, the full path
  *
- * Everything here wants root. Plain C, for the module and the sweeper alike. */
+ * All functions need root. They are plain C, because the module uses them as well as the sweeper.
+ */
 #ifndef TAVRIX_OPEN_NOTES_H
 #define TAVRIX_OPEN_NOTES_H
 
@@ -25,7 +27,7 @@ extern "C" {
 
 #define OPEN_NOTES_FOLDER "/tavrix/.conf/changing"
 
-/* The note of one open file; zeroed: there is none. */
+/* The note of one open file. All zero means that the file has no note. */
 struct open_note {
   char name[96];
 };
@@ -33,21 +35,22 @@ struct open_note {
 /* A file that is about to change. */
 struct changing_file {
   uint64_t inode;
-  uid_t uid;        /* of the client */
-  const char* user; /* its name, for the file's stamp */
-  const char* path; /* full */
+  uid_t uid;        /* of the user who changes it */
+  const char* user; /* the name of that user, for the file's stamp */
+  const char* path; /* full path */
 };
 
-/* Writes a note; makes the folder when it is missing. 0, or -1 with errno: then nothing would tell
- * of the change if the process died, and it must not happen. */
+/* Writes a note, and makes the folder when it is missing. Returns 0, or -1 with errno. Without a
+ * note the caller must refuse the change: nothing would report it if the process died. */
 int write_open_note(struct open_note* note, const struct changing_file* file);
 
-/* Removes the note, if there is one; errno survives. */
+/* Removes the note, if there is one. Keeps errno. */
 void remove_open_note(struct open_note* note);
 
-/* Writes the events of processes that are gone, once each, and removes their notes. A file that is
- * no longer where its note says asks for a rescan instead. Returns how many notes were settled, or
- * -1 with errno when the folder cannot be read; a missing one holds none. */
+/* Settles the notes of processes that are gone: writes the event of each, once, and removes it.
+ * Asks for a rescan instead when the file is no longer where its note says. Returns the number of
+ * notes settled, or -1 with errno when the folder cannot be read. A missing folder holds no notes.
+ */
 int settle_open_notes(void);
 
 #ifdef __cplusplus

@@ -1,20 +1,22 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Words of the programs on standard error: for the journal with their priority in front, as the
-// service manager reads it, for people without.
+// Prints the programs' messages to standard error. When that is the journal, each line begins with
+// its priority in the form that the service manager reads; on a terminal it does not.
 #pragma once
 
 #include <string_view>
 
 namespace tavrix::service {
 
-// Warning: something is held or refused, and what was before goes on. Error: a thing is not done.
+// A warning says that something is refused or waits, and that the previous state stays. An error
+// says that something could not be done.
 enum class Tone { kInfo, kNotice, kWarning, kError };
 
-// Each line of the text is a message of its own there, so each gets the priority.
+// Prints a text of one or more lines. The journal stores each line as a message of its own, so each
+// line gets the priority.
 void say(Tone tone, std::string_view text);
 
-// True if standard error is the journal: a program that was started from a service inherits the
-// variable that says so, but may write elsewhere.
+// True if standard error is the journal. Compares the file behind it with $JOURNAL_STREAM, because
+// a program that a service starts inherits the variable even when its output goes elsewhere.
 bool is_journal();
 
 }  // namespace tavrix::service

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Shared by the appliance's services: words for the journal (journal.hpp), and signals as input.
+// Shared by the services: messages for the journal (journal.hpp), and signals as input.
 #pragma once
 
 #include "internal/scoped.hpp"
@@ -7,9 +7,9 @@
 
 namespace tavrix::service {
 
-// SIGTERM, SIGINT and SIGHUP are blocked from now on and come from here.
+// Blocks SIGTERM, SIGINT and SIGHUP, and returns a descriptor that becomes readable when one comes.
 Fd take_signals();
-// The number of the signal that is there, or 0.
+// Returns the number of the next signal that has come, or 0. Does not wait.
 int next_signal(const Fd& signals);
 
 }  // namespace tavrix::service
