@@ -26,7 +26,7 @@ mapload::Report GroupMapWatch::look() {
   mapload::Report report;
   if (findings.errors() > 0) {
     report.push_back({mapload::Weight::kError,
-                      fmt::format("{} has {} errors; \"tavrixctl groupmap verify\" tells which",
+                      fmt::format("{} has {} errors; \"tavrixctl groupmap verify\" lists them",
                                   TAVRIX_GROUPMAP_MARKER_PATH, findings.errors())});
   } else if (is_unchecked && !missing_was_told_) {
     missing_was_told_ = true;

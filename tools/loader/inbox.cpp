@@ -29,7 +29,8 @@ bool is_file(const std::string& path) {
 
 bool is_complete(const Pair& pair) { return is_file(pair.size) && is_file(pair.data); }
 
-// Takes a name away, unless it is another file's by now. false when it stays.
+// Removes a name of the file, unless it names another file by now. Returns false when the file
+// still has the name.
 bool remove_if_same(const std::string& name, const std::string& file) {
   struct stat named {
   }, taken{};
@@ -39,12 +40,13 @@ bool remove_if_same(const std::string& name, const std::string& file) {
   return files::remove(name);
 }
 
-// A second name for a file; where the file system has none, the file moves.
+// Gives the file a second name. Where that is not possible, the file moves.
 bool link_or_move(const std::string& from, const std::string& to) {
   return link(from.c_str(), to.c_str()) == 0 || rename(from.c_str(), to.c_str()) == 0;
 }
 
-// To the microsecond, so that names sort by age; two refusals of one lie side by side.
+// Returns a path that sorts by age: the time to the microsecond. Two refusals in one microsecond
+// get a number each.
 std::string name_of_now(const std::string& folder) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -107,21 +109,21 @@ void Inbox::drain(const Fd& watch) {
 std::optional<Pair> Inbox::unfinished() {
   Pair taken = in(work_);
   if (!is_complete(taken)) {
-    finish(taken);  // taken in part only, and whole in the folder; or imported already
+    finish(taken);  // the pair was taken in part and is still whole in the folder, or it was loaded
     return std::nullopt;
   }
   static_cast<void>(leave(taken));
   return taken;
 }
 
-// Both files are in both places, on the disk, before they leave the folder: a run that dies on the
-// way, or a power cut, leaves the pair whole here or there.
+// Both files are in the work folder and synced before their names leave the inbox. So a death or a
+// power cut on the way leaves the pair whole, here or there.
 std::optional<Pair> Inbox::take(std::string& complaint) {
   const Pair from = in(folder_);
   Pair to = in(work_);
   if (!is_complete(from)) return std::nullopt;
   if (stuck_ && *stuck_ == identity_of(from.data)) return std::nullopt;
-  mkdir(work_.c_str(), 0755);  // it moved away with a pair that was refused
+  mkdir(work_.c_str(), 0755);  // a refusal moves this folder away
   finish(to);
   const bool taken = link_or_move(from.data, to.data) && link_or_move(from.size, to.size) &&
                      files::sync_file(to.data) && files::sync_file(to.size) &&
@@ -138,7 +140,7 @@ std::optional<Pair> Inbox::take(std::string& complaint) {
   return to;
 }
 
-// What the agent has put there meanwhile is the next pair, and stays.
+// Files that the agent has put there meanwhile are the next pair and stay.
 bool Inbox::leave(const Pair& taken) {
   const Pair from = in(folder_);
   const bool data_left = remove_if_same(from.data, taken.data);
@@ -146,8 +148,9 @@ bool Inbox::leave(const Pair& taken) {
   return data_left && size_left && files::sync_folder(folder_);
 }
 
-// The folder of the pair becomes the folder of the refusal, in one step: the pair is never between
-// two places, and a full disk has little to refuse. The reason is left out rather than the pair.
+// The work folder becomes the folder of the refusal by one rename: the pair is never split between
+// two places, and a full disk rarely prevents it. When the reason cannot be written, the pair is
+// set aside without it.
 std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {
   const std::string text = reason + "\n";
   static_cast<void>(files::replace(work_ + "/reason.txt", text, 0644));
@@ -167,7 +170,7 @@ void Inbox::prune() const {
   for (const auto& entry : fs::directory_iterator(refused_, none)) {
     names.push_back(entry.path().filename().string());
   }
-  std::sort(names.begin(), names.end());  // by their times
+  std::sort(names.begin(), names.end());  // oldest first
   for (std::size_t i = 0; i + keep_refused_ < names.size(); ++i) {
     fs::remove_all(refused_ + "/" + names[i], none);
   }

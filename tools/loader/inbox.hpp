@@ -21,29 +21,31 @@ struct Pair {
 
 class Inbox {
  public:
-  // Keeps that many refused pairs, the newest; 0: all.
+  // Keeps the newest `keep_refused` refused pairs; 0 keeps all.
   Inbox(std::string folder, unsigned keep_refused);
 
-  // Makes what is missing of the folders. Empty, or what stands in the way.
+  // Makes the folders that are missing. Returns an empty text, or why one cannot be made.
   std::string prepare() const;
-  // A descriptor that can be read when something changed; see drain().
+  // Returns a descriptor that becomes readable when a file is put into the folder; drain() empties
+  // it.
   [[nodiscard]] Fd watch() const;
   static void drain(const Fd& watch);
 
-  // The pair that an earlier run had taken and not finished, if both files are still there; what is
-  // left of any other is cleared.
+  // Returns the pair that an earlier run took and did not finish, if both files are still there.
+  // Removes what else an earlier run left in the work folder.
   [[nodiscard]] std::optional<Pair> unfinished();
-  // Takes a complete pair out of the folder; none when there is none. `complaint` says why one that
-  // is there cannot be taken.
+  // Takes a complete pair out of the folder. Returns none when there is no pair or when it cannot
+  // be taken. `complaint` says why a pair cannot be taken, or why its names stay in the folder.
   [[nodiscard]] std::optional<Pair> take(std::string& complaint);
-  // Sets the pair in work aside with the reason. Where; empty, and errno, when there is no room for
-  // it: then it is in work still.
+  // Sets the pair aside with the reason and returns the folder where it lies. Returns an empty text
+  // and sets errno when it cannot be set aside; then it stays in the work folder.
   std::string refuse(const Pair& pair, const std::string& reason) const;
-  // Forgets what is left of a pair that was loaded.
+  // Removes what is left of a pair that was loaded.
   void finish(const Pair& pair) const;
 
  private:
-  // A file by its content, as far as a look tells; its times change with its names.
+  // Identifies a file and its content. Uses the time of the last write, because the time of the
+  // last change moves with every name that comes or goes.
   struct Identity {
     dev_t device = 0;
     ino_t inode = 0;
@@ -53,13 +55,14 @@ class Inbox {
   };
   static Identity identity_of(const std::string& path);
   [[nodiscard]] Pair in(const std::string& folder) const;
-  // Takes the names of a pair that was taken out of the folder. false when one stays.
+  // Removes the names of a taken pair from the folder. Returns false when one stays.
   [[nodiscard]] bool leave(const Pair& taken);
   void prune() const;
 
   std::string folder_, work_, refused_;
   unsigned keep_refused_;
-  // A pair whose names cannot be taken away: it is loaded once, not again and again.
+  // The data file of a pair whose names cannot be removed from the folder: such a pair is loaded
+  // once, not again and again.
   std::optional<Identity> stuck_;
 };
 

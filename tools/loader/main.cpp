@@ -38,7 +38,7 @@ void look_at_patterns() {
                                           : "; look at the pattern file: " + complaints.back());
 }
 
-// Puts right what an earlier run, or a restart of the machine, left.
+// Repairs what an earlier run or a restart of the machine left.
 bool settle() {
   const Fd lock = mapload::lock_maps();
   if (!lock) {
@@ -86,7 +86,7 @@ class Service {
     }
     sd_notify(0, "READY=1");
     while (!stops_) {
-      // After the watch is set: what came before it is found here.
+      // The watch is set before this first look, so no file is missed between the two.
       keep_in_place();
       load_what_is_there();
       if (stops_) break;
@@ -145,13 +145,15 @@ int main(int argc, char** argv) {
   std::string folder = kDefaultFolder;
   unsigned keep_refused = kDefaultKeptRefusals;
   bool once = false;
-  app.add_option("--dir", folder, "the folder of the hand-over")->capture_default_str();
-  app.add_option("--keep-refused", keep_refused, "refused pairs to keep, the newest; 0: all")
+  app.add_option("--dir", folder, "the folder in which maps are handed over")
       ->capture_default_str();
-  app.add_flag("--once", once, "load what is there, restore if there is no map, and end");
+  app.add_option("--keep-refused", keep_refused, "keep the newest N refused pairs; 0 keeps all")
+      ->capture_default_str();
+  app.add_flag("--once", once,
+               "load the pairs that are there, restore the map if it is missing, and exit");
   app.footer(
-      "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is whole.\n"
-      "A pair that is refused lies in DIR/refused with the reason beside it.");
+      "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is complete.\n"
+      "A refused pair is kept in DIR/refused, with the reason in reason.txt beside it.");
   CLI11_PARSE(app, argc, argv);
   if (geteuid() != 0) {
     tell(Tone::kError, "run this as root");
@@ -159,8 +161,12 @@ int main(int argc, char** argv) {
   }
   openlog("tavrix-loader", LOG_PID, LOG_DAEMON);
   Inbox inbox(folder, keep_refused);
-  if (!inbox.prepare().empty() || read_tavrix_config() != 0) {
-    tell(Tone::kError, "cannot use " + folder + ", or there are no settings");
+  if (const std::string obstacle = inbox.prepare(); !obstacle.empty()) {
+    tell(Tone::kError, obstacle);
+    return 2;
+  }
+  if (read_tavrix_config() != 0) {
+    tell(Tone::kError, "there are no settings; \"tavrixctl config load FILE\" loads them");
     return 2;
   }
   look_at_patterns();

@@ -8,7 +8,7 @@
 namespace tavrix::loader {
 namespace {
 
-constexpr std::size_t kShown = 20;  // findings in a reason
+constexpr std::size_t kShown = 20;  // the most findings in a reason
 
 std::string text_of(const mapcheck::Findings& findings) {
   std::string text;
@@ -31,7 +31,8 @@ Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop) {
   const auto checked = mapcheck::lint_files(pair.size, pair.data, error);
   if (!checked) return {mapload::Result::kTryAgain, error, {}};
   if (checked->findings.errors() > 0) {
-    // The import would say this itself, but it trusts what it reads.
+    // The import trusts what it reads, so it is not run; the operator's log gets the line of a
+    // failed import all the same.
     mapload::log_refused();
     return {mapload::Result::kRefused,
             fmt::format("{} errors{}", checked->findings.errors(), text_of(checked->findings)),

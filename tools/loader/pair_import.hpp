@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Checks a pair and makes it current, or says why not.
+// Checks a pair and makes its map current.
 #pragma once
 
 #include <functional>
@@ -12,11 +12,11 @@ namespace tavrix::loader {
 
 struct Outcome {
   mapload::Result result = mapload::Result::kRefused;
-  std::string text;  // what was done, or why not
+  std::string text;  // the map that is current, or why the pair was not loaded
   mapload::Report report;
 };
 
-// Under the lock. A pair that does not pass harms nothing, and stays.
+// Call it under the lock of the maps. A pair that does not pass changes nothing and stays in place.
 Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop);
 
 }  // namespace tavrix::loader

@@ -7,7 +7,7 @@
 namespace tavrix::loader {
 namespace {
 
-// A recovery that could not help is repeated at once when something changes, else after this time.
+// A recovery that could not help is repeated when something changes, or else after this time.
 constexpr std::chrono::seconds kPatience{30};
 
 }  // namespace
@@ -42,7 +42,7 @@ std::optional<mapload::Recovery> Watch::look() {
   if (!is_well) well_.reset();
   if (!is_due(now)) return std::nullopt;
   const Fd lock = mapload::try_lock_maps();
-  if (!lock) return std::nullopt;  // a map is being imported; or the next look finds the lock free
+  if (!lock) return std::nullopt;  // somebody imports a map; the next look tries again
   mapload::Recovery recovery = mapload::recover(mapload::Restore::kYes);
   const State then = state_now();
   if (recovery.good) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The loader's watch over what it published: semaphore set, tables, local copy. A look each second
-// costs a dozen system calls; a recovery runs only when something is wrong.
+// Watches what the loader published: semaphore set, tables and local copy. A look each second costs
+// a dozen system calls; a recovery runs only when something is wrong.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,8 +14,8 @@ namespace tavrix::loader {
 
 class Watch {
  public:
-  // Looks, and puts right what is wrong; what there was to do, if anything. Does nothing while
-  // somebody else holds the lock.
+  // Looks, and repairs what is wrong. Returns the recovery if there was anything to do. Does
+  // nothing while somebody else holds the lock.
   std::optional<mapload::Recovery> look();
 
  private:
@@ -30,8 +30,8 @@ class Watch {
   static State state_now();
   [[nodiscard]] bool is_due(const State& now) const;
 
-  std::optional<State> well_;    // as it was when all was well
-  std::optional<State> beyond_;  // as it was when a recovery could not help
+  std::optional<State> well_;    // the state when nothing was wrong
+  std::optional<State> beyond_;  // the state when a recovery could not help
   std::chrono::steady_clock::time_point tried_{};
 };
 

@@ -36,7 +36,7 @@ Tone tone_of(mapload::Weight weight) {
 }  // namespace
 
 void tell(Tone tone, const std::string& text) {
-  // Good news are new each time.
+  // A success is news each time, also with the same text.
   if (tone == Tone::kInfo || !was_said_lately(text)) service::say(tone, text);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The loader's words: to the journal, and the last one as the status of the service.
+// The loader's messages: lines of the journal, and the status of the service.
 #pragma once
 
 #include <string>
@@ -11,12 +11,13 @@ namespace tavrix::loader {
 
 using service::Tone;
 
-// To the journal. The same text is not repeated within a minute.
+// Prints to the journal. The same warning or error is printed at most once a minute.
 void tell(Tone tone, const std::string& text);
 void tell(const mapload::Report& report);
-// To whoever asks for the service's status: its first line.
+// Sets the status of the service to the first line of the text. An empty text changes nothing.
 void set_status(const std::string& text);
-// Goes with every status, for as long as it is true: nobody reads the line of long ago.
+// Appends a warning to every status until it is set to an empty text. A line in the journal alone
+// would soon be forgotten.
 void set_standing_warning(const std::string& text);
 
 }  // namespace tavrix::loader

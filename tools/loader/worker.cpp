@@ -15,7 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr unsigned kTries = 6;
-constexpr milliseconds kFirstPause{100};  // twice as long each time
+constexpr milliseconds kFirstPause{100};  // doubles with each try
 constexpr milliseconds kPauseForLock{200};
 constexpr milliseconds kPauseForRoom{10000};
 
@@ -29,7 +29,7 @@ milliseconds Worker::pause() const {
 Worker::Step Worker::step(bool may_wait, const std::function<bool()>& should_stop) {
   if (Clock::now() < next_) return Step::kWaiting;
   next_ = {};
-  // Also for the taking: what another loader has in work is not to be touched.
+  // Taking a pair needs the lock too, because another loader may have one in the work folder.
   const Fd lock = may_wait ? mapload::lock_maps() : mapload::try_lock_maps();
   if (!lock) {
     if (errno != EWOULDBLOCK) {
@@ -84,7 +84,7 @@ Worker::Step Worker::try_again(const std::string& text) {
     mapload::log_refused();
     return refuse(fmt::format("{}; given up after {} tries", text, tries_));
   }
-  tell(Tone::kWarning, text + "; it is tried again");
+  tell(Tone::kWarning, text + "; trying again");
   wait(kFirstPause * (1U << (tries_ - 1)));
   return Step::kWaiting;
 }

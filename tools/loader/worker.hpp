@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Loads the pairs of an inbox, one after the other. A pair that met a failure which passes by
-// itself is tried again, a little later each time; one that will not do is set aside.
+// Loads the pairs of an inbox one after the other. After a failure that may pass by itself, a pair
+// is tried again, a little later each time. A pair that cannot be loaded is set aside.
 #pragma once
 
 #include <chrono>
@@ -24,9 +24,9 @@ class Worker {
     kWaiting,    // a pair waits for its next try, or for the lock
     kStopped
   };
-  // The next thing to do, if its time has come. `may_wait`: for the lock too.
+  // Does the next thing, if its time has come. With `may_wait` it also waits for the lock.
   Step step(bool may_wait, const std::function<bool()>& should_stop);
-  // The time until there is something to do.
+  // The time until the next step is due.
   [[nodiscard]] std::chrono::milliseconds pause() const;
 
  private:
@@ -39,7 +39,7 @@ class Worker {
   Inbox& inbox_;
   bool is_resumed_ = false;
   std::optional<Pair> pair_;
-  std::string reason_;  // of a pair that could not be set aside yet
+  std::string reason_;  // why the pair was refused, while it cannot be set aside
   unsigned tries_ = 0;
   Clock::time_point next_{};
 };
