@@ -112,7 +112,7 @@ TEST_F(Map, RestoresNothingThatIsBroken) {
   ctl({"map", "remove"});
   const Outcome outcome = ctl({"map", "restore"});
   EXPECT_EQ(2, outcome.exit_code);
-  EXPECT_TRUE(contains(outcome.err, "is no sound image")) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "is not a sound image")) << outcome.err;
   EXPECT_EQ(0, segments_in_use());
 }
 

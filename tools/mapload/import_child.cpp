@@ -23,14 +23,15 @@ namespace {
 
 constexpr int kPollMilliseconds = 50;
 
-// The library's traces of an import fill a terminal.
+// The library prints enough traces of an import to fill a terminal.
 void silence_output() {
   const Fd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
   if (null) dup2(null.get(), STDOUT_FILENO);
 }
 
 [[noreturn]] void be_the_child(pid_t parent, const std::function<int()>& pass, bool verbose) {
-  // Nobody publishes what an import without a parent makes; and it holds the lock.
+  // The import must end with its parent: nobody would publish its image, and the child holds the
+  // lock.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(0);
   if (!verbose) silence_output();
@@ -52,7 +53,7 @@ PassEnd end_of(int status) {
   return end;
 }
 
-// Waits for the child, and calls what is to be called meanwhile.
+// Waits for the child, and meanwhile reports progress and asks whether to stop.
 PassEnd supervise(pid_t child, const Supervision& how) {
   const Fd handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   bool stopped = false;
@@ -60,7 +61,7 @@ PassEnd supervise(pid_t child, const Supervision& how) {
   for (;;) {
     const pid_t ended = waitpid(child, &status, WNOHANG);
     if (ended == child) break;
-    pollfd ready{handle.get(), POLLIN, 0};  // without a handle, only the time passes
+    pollfd ready{handle.get(), POLLIN, 0};  // without a handle this is a pause
     poll(&ready, 1, handle ? kPollMilliseconds : 1);
     if (how.progress) how.progress();
     if (!stopped && how.should_stop && how.should_stop()) {
@@ -100,7 +101,7 @@ const char* meaning_of(int code) {
     case SHM_MEMBE_ERR_PERMMAP_WRERR:
       return "the local copy cannot be written";
     case SHM_MEMBE_ERR_PERMMAP_RDERR:
-      return "the local copy cannot be read, or is no image";
+      return "the local copy cannot be read, or is not an image";
     case SHM_MEMBE_ERR_PERMMAP_BUFFER2SMALL:
       return "the local copy is larger than the table";
     default:
@@ -111,7 +112,7 @@ const char* meaning_of(int code) {
 }  // namespace
 
 bool PassEnd::is_transient() const {
-  // The files passed a lint before, so a code says that a call failed.
+  // The files passed the lint before, so an error code means that a call failed.
   return (kind == Kind::kReturned && code != 0) || kind == Kind::kNotStarted;
 }
 
@@ -121,7 +122,7 @@ std::string PassEnd::text() const {
       return fmt::format("{} (code {})", meaning_of(code), code);
     case Kind::kAborted:
       return "the import was aborted by an assertion: the files break the grammar; \"tavrixctl map "
-             "lint\" tells where";
+             "lint\" shows where";
     case Kind::kKilled:
       return fmt::format("the import was killed by signal {} ({})", signal, strsignal(signal));
     case Kind::kNotStarted:
@@ -150,7 +151,7 @@ SizePass run_size_pass(const char* size_path, const char* data_path, const Super
       how);
   std::memcpy(&result.summary, shared, kSize);
   munmap(shared, kSize);
-  // The child's addresses.
+  // These are addresses of the child.
   result.summary.sth = {};
   result.summary.perm_map_name_size = result.summary.perm_map_name_data = nullptr;
   return result;

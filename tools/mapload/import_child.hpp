@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The library's two passes, each in a process of its own: a file that breaks the grammar aborts
-// it, and neither the table nor the program that asked is to go with it.
+// Runs the library's two passes, each in a process of its own: a file that breaks the grammar
+// aborts that process, and neither the table nor the calling program goes with it.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ struct PassEnd {
   int signal = 0;  // kKilled
   int error = 0;   // kNotStarted
   [[nodiscard]] bool ok() const { return kind == Kind::kReturned && code == 0; }
-  // The same files may pass the next time.
+  // True if the same files may pass the next time.
   [[nodiscard]] bool is_transient() const;
   [[nodiscard]] std::string text() const;
 };
@@ -29,14 +29,15 @@ struct Supervision {
   std::function<bool()> should_stop;  // likewise; true ends the pass
 };
 
-// The numbers of the size file, or of the local copy when both paths are null.
+// Reads the counts of the size file, or of the local copy when both paths are null.
 struct SizePass {
   PassEnd end;
   memsummary_s summary{};  // without its paths
 };
 SizePass run_size_pass(const char* size_path, const char* data_path, const Supervision& how);
 
-// Fills the image at summary.membuf and writes the local copy; or fills it from there.
+// Fills the image at summary.membuf from the data file and writes the local copy; without file
+// names in the summary, fills it from the local copy.
 PassEnd run_data_pass(const memsummary_s& summary, const Supervision& how);
 
 }  // namespace tavrix::mapload

@@ -23,13 +23,14 @@
 namespace tavrix::mapload {
 namespace {
 
-// Where the header of an image holds the offset of the next folder.
+// Offset of the field in the image's header that holds the offset of the next folder.
 constexpr std::size_t kFolderOffsetAt = 132;
 
-// Names for the two files that the library's import may remove at its end, whatever came of it.
+// Symbolic links to the two files. The library's import removes the names that it is given, also
+// when it fails, so it gets these and the files stay.
 class NamesToRemove {
  public:
-  // false and errno.
+  // Returns false and sets errno when a name cannot be made.
   bool make(const Request& request) {
     if (mkdir(kImportFolder, 0700) != 0 && errno != EEXIST) return false;
     return name(size_, request.size_path) && name(data_, request.data_path);
@@ -57,7 +58,7 @@ class NamesToRemove {
   std::string data_ = std::string(kImportFolder) + "/data.json";
 };
 
-// Folders that the child has filled so far.
+// The number of folders that the child has filled so far.
 uint64_t folders_done(const void* image) {
   const auto* offset =
       reinterpret_cast<const uint32_t*>(static_cast<const char*>(image) + kFolderOffsetAt);
@@ -69,7 +70,8 @@ uint64_t size_of(const char* path) {
   return path != nullptr && stat(path, &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
 }
 
-// The library's import tells the operator of a file that it could not remove; so does this.
+// Removes a file, and tells the operator when that fails, with the line that the library's import
+// writes.
 void remove_file(const char* path, const char* which, Report& report) {
   if (files::remove(path)) return;
   const std::string text = fmt::format("Could not unlink {} file {} errno {}", which, path, errno);
@@ -104,13 +106,13 @@ class Loading {
 
  private:
   bool run_restore(const Copy& copy) {
-    // A copy that is missing is the library's to tell.
+    // The library itself reports a missing copy.
     if (copy.state == Copy::State::kDamaged) return refuse(copy.why);
     if (copy.state == Copy::State::kUnreadable) return fail_with(copy.why, EIO);
     if (!prepare(nullptr, nullptr) || !fill() || !check_table()) return false;
-    if (digest_ != copy.digest) return fail_with("the table is not what the local copy holds", EIO);
+    if (digest_ != copy.digest) return fail_with("the table differs from the local copy", EIO);
     if (!publish()) return false;
-    if (!settle_copy(digest_)) warn("cannot settle the local copy", errno);
+    if (!settle_copy(digest_)) warn("cannot write the checksum of the local copy", errno);
     return true;
   }
 
@@ -119,7 +121,7 @@ class Loading {
     const std::string lack = lack_of_room(summary_.memsize, size_of(request_.data_path));
     if (!lack.empty()) return refuse(lack);
     NamesToRemove names;
-    if (!names.make(request_)) return fail("cannot name the two files", errno);
+    if (!names.make(request_)) return fail("cannot make names for the two files", errno);
     summary_.perm_map_name_size = names.size();
     summary_.perm_map_name_data = names.data();
     CopyReplacement copy;
@@ -131,14 +133,14 @@ class Loading {
       return fail_with("the table or the local copy vanished while it was published", EAGAIN);
     }
     copy.keep();
-    // From here on the map is current, whatever fails; the next recovery does the rest again.
-    if (!settle_copy(digest_)) warn("cannot settle the local copy", errno);
+    // The map is current from here on, whatever fails; the next recovery does the rest again.
+    if (!settle_copy(digest_)) warn("cannot remove the previous local copy", errno);
     remove_file(request_.data_path, "data", loaded_.report);
     remove_file(request_.size_path, "size", loaded_.report);
     return true;
   }
 
-  // The sizes, and an empty table of that size.
+  // Runs the size pass and makes an empty table of that size.
   bool prepare(const char* size_path, const char* data_path) {
     SizePass pass = run_size_pass(size_path, data_path, how_);
     if (!pass.end.ok()) return end_with(pass.end);
@@ -169,7 +171,7 @@ class Loading {
   bool check_table() {
     loaded_.findings = mapcheck::verify(table_.image());
     if (loaded_.findings.errors() > 0) {
-      return refuse("the image is broken and was not published; the map of before stays");
+      return refuse("the image is broken and was not published; the previous map stays");
     }
     digest_ = files::digest_of(table_.image());
     return true;
@@ -179,7 +181,7 @@ class Loading {
     const auto digest = files::digest_of_file(kLocalCopy);
     if (!digest) return fail("cannot read the local copy", errno);
     if (*digest == digest_) return true;
-    return fail_with("the local copy is not what was written", EIO);
+    return fail_with("the local copy differs from the table", EIO);
   }
 
   bool publish() {

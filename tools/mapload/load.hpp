@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Loading a map: from two files of the synchronisation agent, or from the local copy, to the
-// current table.
+// Loads a map into a new table and makes it current, from two files of the synchronisation agent or
+// from the local copy.
 //
-// The import runs in a child: a document that breaks the grammar aborts it, and a table must not
-// stay behind. Nothing is published that a check of the finished image has not found sound. The two
-// files and the local copy of before are kept until the new map is the published one.
+// The import runs in a child: a document that breaks the grammar aborts it, and its table must not
+// stay behind. A map is published only after a check found its finished image sound. The two files
+// and the previous local copy are kept until the new map is published.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,7 @@ struct Request {
 
 enum class Result {
   kPublished,
-  kRefused,   // the pair, or the copy, will not do
+  kRefused,   // the pair, or the copy, cannot become current
   kTryAgain,  // a call failed in a way that passes by itself
   kStopped
 };
@@ -40,7 +40,7 @@ struct Loaded {
   Result result = Result::kRefused;
   std::string error;            // empty: the map is current
   mapcheck::Findings findings;  // of a broken image
-  Report report;                // troubles beside
+  Report report;                // problems that did not decide the result
   int table = -1;
   uint32_t folders = 0, entries = 0, bytes = 0;
   [[nodiscard]] bool ok() const { return result == Result::kPublished; }
@@ -48,20 +48,21 @@ struct Loaded {
   [[nodiscard]] std::string text() const;
 };
 
-// Held while maps are changed: loaders and operators take turns. None, and errno, when it cannot be
-// taken; `try_lock_maps` does not wait, and fails with EWOULDBLOCK.
+// Takes the lock under which maps are changed, so that loaders and operators take turns. Returns
+// none and sets errno when it cannot be taken. `try_lock_maps` does not wait: it fails with
+// EWOULDBLOCK.
 [[nodiscard]] Fd lock_maps();
 [[nodiscard]] Fd try_lock_maps();
 
-// The following are called under the lock, after a recovery (recovery.hpp). Whatever ends them, the
-// map of before stays current unless the new one is.
+// Call the following under the lock, after a recovery (recovery.hpp). Whatever ends them, either
+// the previous or the new map is current.
 
-// Imports a pair; removes the two files when the map is current, and leaves them alone otherwise.
+// Imports a pair. Removes the two files when the map is current, and leaves them alone otherwise.
 Loaded load(const Request& request);
-// Makes the local copy current, unless this look at it has found damage.
+// Makes the local copy current, unless `copy`, a look at it, found damage.
 Loaded load_copy(const Request& request, const Copy& copy);
 
-// The last line of an import in the operator's log.
+// Write the last line of an import to the operator's log.
 void log_published();
 void log_refused();
 

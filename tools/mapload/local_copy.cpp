@@ -16,7 +16,8 @@
 namespace tavrix::mapload {
 namespace {
 
-// A second name for the copy. Where the file system has none, a second file, whole and synced.
+// Gives the copy a second name, or, on a file system without hard links, makes a second file, whole
+// and synced.
 bool keep_second_name() {
   if (!files::remove(kCopyBefore)) return false;
   if (link(kLocalCopy, kCopyBefore) == 0) return files::sync_folder(kFolder);
@@ -25,8 +26,8 @@ bool keep_second_name() {
   return content && files::replace(kCopyBefore, *content, kPrivate);
 }
 
-// An empty file under the copy's name. Readers only ask whether there is a copy, so the name is
-// never without a file.
+// Puts an empty file under the copy's name, by a rename: readers ask whether there is a copy, so
+// the name is never without a file.
 bool put_empty_copy() {
   {
     const Fd fd(open(kCopyToFill, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPrivate));
@@ -51,9 +52,10 @@ Copy look_at_copy(const char* path) {
   copy.has_checksum = checksum != files::Checksum::kMissing;
   copy.state = Copy::State::kDamaged;
   if (mapcheck::verify(bytes).errors() > 0) {
-    copy.why = fmt::format("{} is no sound image; \"tavrixctl map verify\" tells how", path);
+    copy.why =
+        fmt::format("{} is not a sound image; \"tavrixctl map verify {}\" shows why", path, path);
   } else if (checksum == files::Checksum::kDiffers) {
-    copy.why = fmt::format("{} is not what {} says", path, files::checksum_path(kLocalCopy));
+    copy.why = fmt::format("{} does not match {}", path, files::checksum_path(kLocalCopy));
   } else {
     copy.state = Copy::State::kUsable;
   }
@@ -75,7 +77,7 @@ bool write_copy(std::span<const std::byte> image, const files::Digest& digest) {
 }
 
 bool take_copy_back() {
-  // Two names of one file stay both after a rename, hence the removal.
+  // A rename between two names of one file does nothing, so the second name is removed as well.
   return rename(kCopyBefore, kLocalCopy) == 0 && files::remove(kCopyBefore) &&
          files::sync_folder(kFolder);
 }
@@ -89,7 +91,7 @@ bool CopyReplacement::begin() {
   checksums_ = files::checksums_of(kLocalCopy);
   had_copy_ = files::exists(kLocalCopy);
   if (had_copy_ && checksums_.empty()) {
-    // The one of an earlier release: it must count beside the new one.
+    // An earlier release wrote no checksum. This copy must count beside the new one.
     const auto digest = files::digest_of_file(kLocalCopy);
     if (!digest) return false;
     checksums_ = {*digest};
@@ -114,7 +116,7 @@ CopyReplacement::~CopyReplacement() {
   if (is_open_) put_back();
 }
 
-// Failing here leaves the two names for the next recovery.
+// When this fails, both names stay for the next recovery.
 void CopyReplacement::put_back() {
   const ErrnoKeeper keep;
   bool good;

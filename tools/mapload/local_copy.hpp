@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The local copy of the current image, on the disk: never deleted or overwritten while it is the
-// only one.
+// The local copy of the current image on the disk. It is never deleted or overwritten while it is
+// the only one.
 #pragma once
 
 #include <cstdint>
@@ -11,34 +11,37 @@
 
 namespace tavrix::mapload {
 
-// A copy as a look at all of it finds it.
+// The state of a copy, after a check of its whole content.
 struct Copy {
   enum class State {
     kMissing,
-    kUnreadable,  // for now: the look failed
-    kDamaged,     // no sound image, or not what its checksum says
+    kUnreadable,  // reading failed; the next attempt may not
+    kDamaged,     // not a sound image, or not the content of its checksum
     kUsable
   } state = State::kMissing;
-  std::string why;  // damaged or unreadable
+  std::string why;  // why it is not usable
   bool has_checksum = false;
   files::Digest digest;
   uint32_t generation = 0;
   int64_t timestamp = 0;
   [[nodiscard]] bool is_usable() const { return state == State::kUsable; }
 };
-// The local copy, or the one of before: both are checked against the checksums of the local copy.
+// Checks the local copy or the previous one; both against the checksums of the local copy.
 [[nodiscard]] Copy look_at_copy(const char* path);
 
-// Writes the copy anew from an image, with its checksum. false and errno.
+// The following return false and set errno when they fail.
+
+// Writes the copy anew from an image, with its checksum.
 [[nodiscard]] bool write_copy(std::span<const std::byte> image, const files::Digest& digest);
 
-// Makes the copy of before the copy again. false and errno.
+// Makes the previous copy the copy again.
 [[nodiscard]] bool take_copy_back();
-// Forgets the copy of before: the copy's checksum is the only one from now on. false and errno.
+// Removes the previous copy, and leaves the copy's checksum as the only one.
 [[nodiscard]] bool settle_copy(const files::Digest& digest);
 
-// The copy while an import writes it in place: the old one keeps a second name, and the import gets
-// a file of its own. Put back at the end of the scope unless kept.
+// Guards the copy while an import writes it in place: the old copy keeps a second name, and the
+// import gets a file of its own. The end of the scope puts the old copy back unless keep() was
+// called.
 class CopyReplacement {
  public:
   CopyReplacement() = default;
@@ -46,9 +49,9 @@ class CopyReplacement {
   CopyReplacement(const CopyReplacement&) = delete;
   CopyReplacement& operator=(const CopyReplacement&) = delete;
 
-  // false and errno; nothing has changed then.
+  // When this fails, nothing has changed.
   [[nodiscard]] bool begin();
-  // The new copy has this digest: syncs it, and lets both checksums count. false and errno.
+  // Syncs the new copy, which has this digest, and lets the old and the new checksums count.
   [[nodiscard]] bool confirm(const files::Digest& digest);
   void keep() { is_open_ = false; }
 
@@ -56,7 +59,7 @@ class CopyReplacement {
   void put_back();
   bool is_open_ = false;
   bool had_copy_ = false;
-  std::vector<files::Digest> checksums_;  // of before
+  std::vector<files::Digest> checksums_;  // of the old copy
 };
 
 }  // namespace tavrix::mapload

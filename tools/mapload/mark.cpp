@@ -14,8 +14,6 @@ namespace tavrix::mapload {
 namespace {
 
 std::string this_boot() {
-  std::ostringstream text;
-  // A pseudo file has no size, so this reads to its end.
   const Stream file(std::fopen("/proc/sys/kernel/random/boot_id", "re"));
   char line[64] = "unknown";
   if (file && std::fgets(line, sizeof line, file.get()) != nullptr)

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The mark on the disk that says which map was published last: its segment, its image, its age.
+// The mark on the disk says which map was published last: its segment, its image and its age.
 //
-// It is written before the index moves: from then on the new map is the one that a restart, or a
-// watch that finds the index reset, makes current. An older one never comes back by itself.
+// The mark is written before the index moves. From then on a restart, or a watch that finds the
+// index reset, makes the new map current. An older map never comes back by itself.
 #pragma once
 
 #include <cstdint>
@@ -22,18 +22,18 @@ struct Mark {
   int64_t timestamp = 0;
   files::Digest digest;  // of the image
 
-  // The segment is the published one.
+  // True if the segment is the published one.
   [[nodiscard]] bool is(int index, const Segment& other) const;
-  // An image of that age would be a step back.
+  // True if an image of that age is older than the published one.
   [[nodiscard]] bool is_newer_than(uint32_t generation, int64_t timestamp) const;
 };
 
-// A mark for the image in a segment.
+// Makes a mark for the image in a segment.
 [[nodiscard]] Mark mark_of(int table, const Segment& segment, std::span<const std::byte> image,
                            files::Digest digest);
-// Nothing when there is none, or when it is damaged.
+// Returns nothing when there is no mark or when it is damaged.
 [[nodiscard]] std::optional<Mark> read_mark();
-// false and errno.
+// Returns false and sets errno when it fails.
 [[nodiscard]] bool write_mark(const Mark& mark);
 
 }  // namespace tavrix::mapload

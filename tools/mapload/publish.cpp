@@ -16,7 +16,7 @@
 namespace tavrix::mapload {
 namespace {
 
-// The mark of before, or none.
+// Writes the previous mark again, or removes the mark when there was none.
 bool write_mark_back(const std::optional<Mark>& before) {
   return before ? write_mark(*before) : files::remove(kMark) && files::sync_folder(kFolder);
 }
@@ -75,7 +75,7 @@ std::string NextTable::publish(const files::Digest& digest, Report& report) {
   is_published_ = true;
   const Segment& old = before.table[1 - table_];
   if (old.id != -1 && !remove_segment(old)) {
-    report.push_back({Weight::kError, fmt::format("cannot remove table {}, the one of before: {}",
+    report.push_back({Weight::kError, fmt::format("cannot remove table {}, the previous one: {}",
                                                   1 - table_, std::strerror(errno))});
   }
   return {};
@@ -85,9 +85,9 @@ void tell_servers(Report& report) {
   const Fd marker(
       open(TAVRIX_PERMISSION_MARKER_PATH, O_CREAT | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0644));
   if (marker && futimens(marker.get(), nullptr) == 0) return;
-  report.push_back({Weight::kError,
-                    fmt::format("cannot touch {}: {}; servers keep verdicts of the map of before",
-                                TAVRIX_PERMISSION_MARKER_PATH, std::strerror(errno))});
+  report.push_back(
+      {Weight::kError, fmt::format("cannot touch {}: {}; servers keep verdicts of the previous map",
+                                   TAVRIX_PERMISSION_MARKER_PATH, std::strerror(errno))});
 }
 
 }  // namespace tavrix::mapload

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// From a filled, checked table to the current map.
+// Makes a filled and checked table the current map.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 namespace tavrix::mapload {
 
-// A table that is being filled; removed again unless it is published.
+// A table that is being filled. The end of the scope removes it unless it was published.
 class NextTable {
  public:
   NextTable() = default;
@@ -21,17 +21,17 @@ class NextTable {
   NextTable(const NextTable&) = delete;
   NextTable& operator=(const NextTable&) = delete;
 
-  // Empty, or what stands in the way; then errno says why.
+  // Returns an empty text, or what went wrong, with errno.
   [[nodiscard]] std::string create(int table, uint32_t bytes);
   [[nodiscard]] void* address() const { return address_.get(); }
   [[nodiscard]] int index() const { return table_; }
   [[nodiscard]] std::span<const std::byte> image() const;
 
-  // Readers who look for the table find this one.
+  // True if readers who look for the table find this one.
   [[nodiscard]] bool is_in_place() const;
 
-  // Makes the table current and removes the one of before. Empty, or why the map of before is
-  // current still, with errno. Troubles after the change are reported and change nothing.
+  // Makes the table current and removes the previous one. Returns an empty text, or why the
+  // previous map is still current, with errno. Failures after the change go into the report.
   [[nodiscard]] std::string publish(const files::Digest& digest, Report& report);
 
  private:
@@ -42,7 +42,8 @@ class NextTable {
   bool is_published_ = false;
 };
 
-// Server processes look at the time of this file at their next status query.
+// Touches the marker file. Server processes compare its time at their next status query and then
+// forget their verdicts.
 void tell_servers(Report& report);
 
 }  // namespace tavrix::mapload

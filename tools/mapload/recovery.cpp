@@ -63,21 +63,21 @@ class Recoverer {
     rmdir(kImportFolder);
   }
 
-  // After an import that was cut off there are two copies; the mark says which one counts.
+  // An import that was cut off leaves two copies; the mark says which one counts.
   void settle_copies() {
     copy_ = look_at_copy(kLocalCopy);
     if (!files::exists(kCopyBefore)) return;
     const Copy before = look_at_copy(kCopyBefore);
     if (is_marked(copy_) || (!before.is_usable() && copy_.is_usable())) {
-      if (!settle_copy(copy_.digest)) return trouble("cannot remove the copy of before");
+      if (!settle_copy(copy_.digest)) return trouble("cannot remove the previous local copy");
       served_another_ = true;  // the import may have died before it told the servers
-      say(Weight::kInfo, "the last import was cut off at its end: finished it");
+      say(Weight::kInfo, "finished the last import, which was cut off at its end");
     } else if (before.is_usable()) {
-      if (!take_copy_back()) return trouble("cannot take back the local copy of before");
+      if (!take_copy_back()) return trouble("cannot bring back the previous local copy");
       copy_ = before;
-      say(Weight::kWarning, "took back the local copy of before: an import was cut off");
+      say(Weight::kWarning, "brought back the previous local copy: an import was cut off");
     }
-    // Else neither is a map, and both stay for somebody to look at.
+    // Otherwise neither is a map, and both stay for the operator to look at.
   }
 
   [[nodiscard]] bool is_marked(const Copy& copy) const {
@@ -86,8 +86,9 @@ class Recoverer {
 
   // --- the tables -------------------------------------------------------------------------------
 
-  // The published table, by the mark. Else one that a program without marks has published: a sound
-  // image that is no step back, rather the one that the local copy has too.
+  // Finds the published table by the mark. Without one, a program that writes no marks may have
+  // published a table: a sound image that is not older than the mark, and preferably the image of
+  // the local copy.
   int find_published() {
     for (const int table : {0, 1}) {
       if (mark_ && mark_->is(table, tables_.table[table])) return table;
@@ -129,7 +130,7 @@ class Recoverer {
     mark_ =
         mark_of(table, tables_.table[table], attached.bytes(), files::digest_of(attached.bytes()));
     if (!write_mark(*mark_)) return trouble("cannot write the mark");
-    say(Weight::kInfo, fmt::format("table {} bears no mark: took it for the published one", table));
+    say(Weight::kInfo, fmt::format("table {} has no mark: it counts as the published one", table));
   }
 
   void keep(int published) {
@@ -180,7 +181,7 @@ class Recoverer {
     }
     if (files::digest_of(table.bytes()) != mark_->digest) {
       fail(
-          fmt::format("table {} is not what its checksum says, and there is no good local copy: "
+          fmt::format("table {} does not match its checksum, and there is no good local copy: "
                       "hand the map over again",
                       published));
       return false;
@@ -218,7 +219,7 @@ class Recoverer {
         mark_->is_newer_than(copy_.generation, copy_.timestamp)) {
       return fail(fmt::format(
           "cannot restore: the local copy has generation {}, and {} was published already; "
-          "\"tavrixctl map restore\" makes it current all the same",
+          "\"tavrixctl map restore\" makes the older one current",
           copy_.generation, mark_->generation));
     }
     if (!copy_.has_checksum) {
@@ -238,7 +239,7 @@ class Recoverer {
   // --- words ------------------------------------------------------------------------------------
 
   void say(Weight weight, std::string text) { done_.report.push_back({weight, std::move(text)}); }
-  // Something is left to do; the map is well.
+  // Reports that something is left to do although the right map is current.
   void trouble(const char* what) {
     say(Weight::kError, fmt::format("{}: {}", what, std::strerror(errno)));
     done_.good = false;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Puts right what a death, a power cut or a careless hand has left of the map: the semaphore set,
-// the two tables, the local copy. One recovery for the service, for its watch and for operators.
+// Repairs the semaphore set, the two tables and the local copy after a death, a power cut or a
+// slip. The service, its watch and the operators' commands share this one recovery.
 #pragma once
 
 #include <string>
@@ -10,25 +10,26 @@
 namespace tavrix::mapload {
 
 enum class Restore {
-  kNo,          // an import follows
-  kYes,         // from the local copy, unless it is older than what was published
-  kAsOperator,  // an older copy too
+  kNo,          // makes no table from the local copy, because an import follows
+  kYes,         // makes one, unless the copy is older than the map published last
+  kAsOperator,  // makes one from an older copy too
 };
 
 struct Recovery {
   Report report;           // what was wrong and what was done
   bool good = true;        // the published map is current, or there never was one
-  bool try_again = false;  // a look failed; nothing was changed
+  bool try_again = false;  // a call failed in a way that may pass by itself
   std::string status;      // one line
 };
 
-// Under the lock.
+// Call it under the lock of the maps.
 Recovery recover(Restore restore);
 
-// A cheap look without the lock: false when a recovery would find something to do.
+// A cheap check without the lock: false when a recovery would find something to do.
 bool is_well();
 
-// Removes tables that are not the published one, under the lock. How many, or -1.
+// Removes the table that is not the published one. Call it under the lock. Returns the number of
+// tables removed, or -1.
 int remove_stale_tables(Report& report);
 
 }  // namespace tavrix::mapload

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Words of the loading of maps, for the journal or a terminal: the program says them.
+// Messages about the loading of maps. The calling program prints them, to the journal or a
+// terminal.
 #pragma once
 
 #include <string>

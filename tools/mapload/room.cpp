@@ -14,13 +14,13 @@
 namespace tavrix::mapload {
 namespace {
 
-// For the mark, the checksums and what a file system needs for itself.
+// Space for the mark, the checksums and what a file system needs for itself.
 constexpr uint64_t kSlack = 64 << 10;
 constexpr uint64_t kFiles = 8;
 
 std::string lack_of_disk(uint64_t image_bytes) {
   struct statvfs disk {};
-  if (statvfs(kFolder, &disk) != 0) return {};  // the writes will tell
+  if (statvfs(kFolder, &disk) != 0) return {};  // unknown: the writes will show it
   const uint64_t free = uint64_t{disk.f_bfree} * disk.f_frsize;
   if (free < image_bytes + kSlack) {
     return fmt::format("no space in {}: the local copy needs {} bytes, {} are free", kFolder,

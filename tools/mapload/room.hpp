@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A look at space and memory: a lack of them refuses an import before anything is touched.
+// Checks disk space and memory before an import, so that a lack of them is found before anything
+// changes.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +8,7 @@
 
 namespace tavrix::mapload {
 
-// Says what an image of that size lacks beside the one that is there; empty: nothing.
+// Returns what is missing for another image of that size, or an empty text.
 std::string lack_of_room(uint64_t image_bytes, uint64_t data_file_bytes);
 
 }  // namespace tavrix::mapload

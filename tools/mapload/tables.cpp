@@ -17,7 +17,7 @@ constexpr int kSemaphores = 2;  // the index of the current table, and whether t
 
 key_t set_key() { return ftok(TAVRIX_PERM_MAP_SEM_KEY_PATH, TAVRIX_PERM_MAP_SEM_KEY_ID); }
 
-// false: the look failed.
+// Returns false when the look failed. A segment that does not exist is no failure.
 bool look_at(int key, Segment& segment) {
   segment.id = shmget(key, 0, 0);
   if (segment.id == -1) return errno == ENOENT;
@@ -39,7 +39,7 @@ bool look_at_set(Tables& tables) {
   return tables.current != -1 && tables.initialized != -1;
 }
 
-// The set; made when there is none. -1 and errno.
+// Returns the set, and makes it when there is none. Returns -1 and sets errno when it fails.
 int find_or_make_set() {
   const key_t key = set_key();
   if (key == -1) return -1;
@@ -73,7 +73,7 @@ bool make_current(int table) {
     if (semctl(set, 0, SETALL, argument) == 0) return true;
     if (errno != EINVAL && errno != EIDRM) return false;
   }
-  errno = EAGAIN;  // somebody removes the set as fast as it is made
+  errno = EAGAIN;  // somebody removes the set each time it is made
   return false;
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The two map tables and the semaphore set, as a program looks at them and changes them that must
-// not lose a live set: a look that fails for another reason than "there is none" changes nothing.
+// Reads and changes the two map tables and the semaphore set without ever losing a live set: when a
+// look fails for another reason than "there is none", nothing is changed.
 #pragma once
 
 #include <sys/types.h>
@@ -31,14 +31,14 @@ struct Tables {
 [[nodiscard]] Tables look_at_tables();
 [[nodiscard]] int key_of(int table);
 
-// Makes a table current, in one step; makes the set when there is none. Not the step of one up or
-// down that an undisturbed loader takes: after a reset of the set it would wait for ever, or name a
-// table that does not exist. false and errno.
+// Makes a table current in one step, and makes the set when there is none. It sets both values and
+// does not step the index up or down: after a reset of the set, such a step would wait for ever or
+// name a table that does not exist. Returns false and sets errno when it fails.
 [[nodiscard]] bool make_current(int table);
-// false and errno; a segment that is gone already is removed.
+// Returns false and sets errno when it fails. Succeeds also when the segment is gone already.
 [[nodiscard]] bool remove_segment(const Segment& segment);
 
-// A table that can be read.
+// A table attached for reading.
 class Attached {
  public:
   explicit Attached(const Segment& segment);
