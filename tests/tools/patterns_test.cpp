@@ -78,9 +78,9 @@ TEST_F(Patterns, SlipsOfThePenAreNamedWithTheirLine) {
       {"^a$\n^b$", ":2: error: \"^b\": the last line does not end in a newline"},
       {"x", ":1: error: an empty line matches every name"},
       {"^a$\r\n", ":1: error: \"^a$\\x0d\": the line ends in a carriage return"},
-      {"^a(\n", ":1: error: \"^a(\": not used, for it is no pattern: "},
+      {"^a(\n", ":1: error: \"^a(\": not used, because it is not a valid pattern: "},
       {std::string("^a$\0b\n", 6), ":1: error: \"^a$\": the line holds a NUL"},
-      {many, ":257: error: \"^a256$\": not used: 256 patterns are the most"},
+      {many, ":257: error: \"^a256$\": not used: a file may have 256 patterns at most"},
   };
   for (const Slip& slip : slips) {
     const Outcome outcome = check(slip.content);
@@ -88,7 +88,7 @@ TEST_F(Patterns, SlipsOfThePenAreNamedWithTheirLine) {
     EXPECT_TRUE(contains(outcome.out, kFile + slip.text)) << outcome.out;
   }
   const Slip doubtful[] = {
-      {"# files of editors\n", ":1: warning: \"# files of editors\": # begins no comment here"},
+      {"# files of editors\n", ":1: warning: \"# files of editors\": # does not begin a comment"},
       {"^a \n", ":1: warning: \"^a \": the blank at its beginning or end"},
       {"^Shared/a$\n", ":1: warning: \"^Shared/a$\": only the last part of a path is compared"},
       {"^" + std::string(1000, 'a') + "\n", "a\": 1002 bytes long"},
@@ -104,7 +104,7 @@ TEST_F(Patterns, AFileThatOthersMayWriteIsAWarning) {
   write_file(kFile, "^a$\n");
   ASSERT_EQ(0, chmod(kFile.c_str(), 0666));
   EXPECT_TRUE(contains(ctl({"patterns", "check", kFile}).out,
-                       kFile + ": warning: others than root may write the file"));
+                       kFile + ": warning: users other than root may write the file"));
 }
 
 TEST_F(Patterns, AFileThatCannotBeReadIsAFailure) {

@@ -9,8 +9,8 @@
 
 namespace tavrix::patterns {
 
-// A line each, and at the end that the server uses none of them, where that is so. Empty when the
-// settings use no patterns.
+// Returns one line for each finding, and a last line if the server uses none of the patterns. Empty
+// when the settings name no pattern file or do not use it.
 std::vector<std::string> complaints(const global_param_s* settings);
 
 }  // namespace tavrix::patterns

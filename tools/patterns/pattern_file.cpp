@@ -15,11 +15,11 @@
 namespace tavrix::patterns {
 namespace {
 
-// Longer than any name by far: a line of that length is no list of patterns.
+// Much longer than any name. A line of that length is probably not a pattern.
 constexpr std::size_t kLongestLine = 1000;
 
-// A pattern without what may hold any character: bracket expressions and escaped characters become
-// one letter each, so that what is left of anchors, groups and alternatives means just that.
+// Replaces each bracket expression and each escaped character by one letter, so that every anchor,
+// parenthesis and bar that is left has its special meaning.
 std::string skeleton(std::string_view pattern) {
   std::string text;
   for (std::size_t at = 0; at < pattern.size(); ++at) {
@@ -45,7 +45,7 @@ std::string skeleton(std::string_view pattern) {
   return text;
 }
 
-// The alternatives of a skeleton, outside of groups.
+// Splits a skeleton at its bars, except at those inside groups.
 std::vector<std::string_view> alternatives(std::string_view text) {
   std::vector<std::string_view> found;
   int depth = 0;
@@ -71,7 +71,7 @@ bool is_one_group(std::string_view text) {
   return false;
 }
 
-// Every way to match is bound to the beginning or the end of the name.
+// True if every alternative is bound to the beginning or the end of the name.
 bool is_anchored(std::string_view text) {
   const auto ways = alternatives(text);
   return std::all_of(ways.begin(), ways.end(), [](std::string_view way) {
@@ -95,18 +95,18 @@ void PatternFile::add(Severity severity, int line, const std::string& pattern, s
 void PatternFile::check_text(int line, const std::string& pattern) {
   const auto warn = [&](const char* text) { add(Severity::kWarning, line, pattern, text); };
   const std::string bare = skeleton(pattern);
-  if (!is_anchored(bare)) warn("neither ^ nor $ binds it: it matches anywhere in a name");
+  if (!is_anchored(bare)) warn("neither ^ nor $ anchors it: it matches anywhere in a name");
   if (bare.find('/') != std::string::npos) {
-    warn("only the last part of a path is compared, which holds no slash");
+    warn("only the last part of a path is compared, and that never holds a slash");
   }
-  if (pattern.starts_with('#')) warn("# begins no comment here: the line is a pattern");
+  if (pattern.starts_with('#')) warn("# does not begin a comment here: the line is a pattern");
   if (pattern.starts_with(' ') || pattern.ends_with(' ') || pattern.ends_with('\t')) {
     warn("the blank at its beginning or end is part of the pattern");
   }
 }
 
 void PatternFile::take(int line, std::string_view raw) {
-  // As the library does: without the last byte, whatever it is, and up to a NUL.
+  // The library reads a line without its last byte, whatever that is, and up to a NUL.
   const bool is_ended = raw.ends_with('\n');
   const std::string_view stored = raw.substr(0, raw.size() - 1);
   std::string pattern(stored.substr(0, stored.find('\0')));
@@ -114,17 +114,18 @@ void PatternFile::take(int line, std::string_view raw) {
     add(Severity::kError, line, pattern, std::move(text));
   };
   if (!is_ended) fail("the last line does not end in a newline, and loses its last character");
-  if (pattern.size() != stored.size()) fail("the line holds a NUL, and is read up to there");
+  if (pattern.size() != stored.size()) fail("the line holds a NUL and is read only up to it");
   if (pattern.ends_with('\r')) fail("the line ends in a carriage return, which no name has");
   if (raw.size() > kLongestLine) {
     add(Severity::kWarning, line, pattern.substr(0, 40), fmt::format("{} bytes long", raw.size()));
   }
   if (patterns_.size() >= TAVRIX_MAX_PATTERNS) {
-    return fail(fmt::format("not used: {} patterns are the most", TAVRIX_MAX_PATTERNS));
+    return fail(fmt::format("not used: a file may have {} patterns at most", TAVRIX_MAX_PATTERNS));
   }
   auto compiled = std::make_unique<regex_t>();
   const int error = regcomp(compiled.get(), pattern.c_str(), TAVRIX_REGEX_FLAGS);
-  if (error != 0) return fail("not used, for it is no pattern: " + reason_of(error, *compiled));
+  if (error != 0)
+    return fail("not used, because it is not a valid pattern: " + reason_of(error, *compiled));
   Pattern kept{line, pattern, {}};
   kept.compiled.reset(compiled.release());
   if (tavrix_matches_every_name(kept.compiled.get())) {
@@ -154,7 +155,7 @@ std::optional<PatternFile> PatternFile::read(const std::string& path, std::strin
   }
   PatternFile file;
   if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    file.add(Severity::kWarning, 0, {}, "others than root may write the file");
+    file.add(Severity::kWarning, 0, {}, "users other than root may write the file");
   }
   int line = 0;
   for (std::size_t at = 0; at < content.size();) {

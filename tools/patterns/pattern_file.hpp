@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The file of patterns of names that everybody may delete: read as the server reads it, and checked
-// for lines that do something else than their writer meant.
+// Reads the file with the patterns of names that everybody may delete, exactly as the server reads
+// it, and reports lines that probably do not do what their writer meant.
 #pragma once
 
 #include <regex.h>
@@ -16,7 +16,7 @@ enum class Severity { kWarning, kError };
 
 struct Finding {
   Severity severity = Severity::kError;
-  int line = 0;  // from 1; 0: the file
+  int line = 0;  // counts from 1; 0 stands for the whole file
   std::string pattern;
   std::string text;
 };
@@ -37,15 +37,16 @@ struct Pattern {
 
 class PatternFile {
  public:
-  // Nothing, and the reason, when the file cannot be read.
+  // Returns nothing, and the reason in `error`, when the file cannot be read.
   static std::optional<PatternFile> read(const std::string& path, std::string& error);
 
   [[nodiscard]] const std::vector<Pattern>& patterns() const { return patterns_; }
   [[nodiscard]] const std::vector<Finding>& findings() const { return findings_; }
   [[nodiscard]] int errors() const;
-  // A line that matches every name: the server uses no pattern of the file then.
+  // Returns the finding about a line that matches every name, or null. The server uses no pattern
+  // of a file with such a line.
   [[nodiscard]] const Finding* matches_everything() const;
-  // The first pattern that matches the last part of a path; null: none.
+  // Returns the first pattern that matches the last part of the path, or null.
   [[nodiscard]] const Pattern* match(std::string_view path) const;
 
  private:
@@ -58,7 +59,7 @@ class PatternFile {
   int everything_ = -1;  // index of the finding
 };
 
-// "FILE:3: error: ..."
+// Formats a finding as "FILE:3: error: ...".
 std::string line_of(const std::string& path, const Finding& finding);
 
 }  // namespace tavrix::patterns
