@@ -74,7 +74,7 @@ TEST_F(BufferSize, IsSetByHandOnceTheSegmentIsThatLarge) {
   EXPECT_EQ(0, ctl({"config", "set", "SWEEPER:staging buffer size", "131072"}).exit_code);
   EXPECT_EQ(131072, segment_bytes());
   EXPECT_EQ(131072, shared_size());
-  send("b");  // with the settings of before
+  send("b");  // with the previous settings
   use_settings();
   send("c");
   once();

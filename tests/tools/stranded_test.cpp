@@ -77,7 +77,7 @@ TEST_F(Stranded, ForeignBytesAreSetAsideAndNamed) {
   leave(std::string(100, '\0'));
   const Outcome outcome = once();
   EXPECT_EQ(Paths{"aside_txtempAbCdEf"}, others());
-  EXPECT_TRUE(contains(outcome.err, "/scratch/staging/txtempAbCdEf holds what no flush writes"))
+  EXPECT_TRUE(contains(outcome.err, "/scratch/staging/txtempAbCdEf was not written by a flush"))
       << outcome.err;
   EXPECT_FALSE(contains(once().err, "txtemp"));
 }

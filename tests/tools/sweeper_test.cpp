@@ -283,7 +283,7 @@ TEST_F(Sweeper, GoesOnWithTheSettingsOfBeforeWhenItsFileHasAMistake) {
   const Outcome outcome = stop(*sweeper);
   EXPECT_TRUE(contains(outcome.err, "/scratch/conf:2: SWEEPER:flush perood: no such setting"))
       << outcome.err;
-  EXPECT_TRUE(contains(outcome.err, "the settings of before hold")) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "the previous settings hold")) << outcome.err;
 }
 
 TEST_F(Sweeper, BeginsWithTheLastGoodFileAfterABoot) {
@@ -294,7 +294,7 @@ TEST_F(Sweeper, BeginsWithTheLastGoodFileAfterABoot) {
   EXPECT_EQ(65536, shared_size());
   send("a");
   EXPECT_TRUE(comes([] { return dumped() == Paths{"a"}; }));
-  EXPECT_TRUE(contains(stop(*sweeper).err, "beginning with the settings of before"));
+  EXPECT_TRUE(contains(stop(*sweeper).err, "starting with the previous settings"));
 }
 
 TEST_F(Sweeper, TellsTheServiceManagerThatItsFileHasAMistake) {

@@ -19,8 +19,8 @@ bool offer_buffer_size(int32_t bytes, global_param_s* block, std::string& why_no
   if (size > 0) {
     if (const int count = live_connections(); count > 0) {
       why_not = fmt::format(
-          "{} connections work with a staging buffer of {} bytes; {} bytes hold as "
-          "soon as none is left",
+          "{} connections work with a staging buffer of {} bytes; the size becomes {} "
+          "bytes when none of them is left",
           count, size, bytes);
       return false;
     }

@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 constexpr const char* kLibrary = "/libtavrix.so";
 constexpr const char* kOwnPrograms = "tavrix";
 
-// Empty when the process is gone or is not ours to look at.
+// Returns the target of a link, or an empty text when the process is gone or cannot be looked at.
 std::string target(const fs::path& link) {
   std::error_code none;
   return fs::read_symlink(link, none).string();

@@ -17,7 +17,7 @@ namespace tavrix::sweeper {
 namespace {
 
 constexpr int kEveryone = 0666;
-constexpr int kPatience = 50;  // looks at a set that its maker may be about to finish
+constexpr int kPatience = 50;  // looks at a new set before its maker counts as dead
 constexpr useconds_t kBetweenLooks = 20'000;
 
 // The C library leaves the fourth argument of semctl() to its callers.
@@ -31,7 +31,7 @@ key_t semaphore_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_SEMA
 
 bool is_dead(pid_t pid) { return pid == getpid() || (kill(pid, 0) != 0 && errno == ESRCH); }
 
-// Made, and never given its value.
+// True if the set was made and never got its value.
 bool was_never_used(int set) {
   struct semid_ds info {};
   semun argument{};
@@ -40,8 +40,9 @@ bool was_never_used(int set) {
          semctl(set, 0, GETVAL) == 0;
 }
 
-// Taken by a process that is dead and whose death did not give it back. Whoever takes it leaves its
-// number there, so an equal number before and after the look at the value means that nobody did.
+// True if a dead process holds the semaphore and its death did not give it back. Whoever takes the
+// semaphore leaves its process id there, so the same id before and after the look at the value
+// means that nobody took it in between.
 bool is_held_by_the_dead(int set) {
   const int holder = semctl(set, 0, GETPID);
   return holder > 0 && is_dead(holder) && semctl(set, 0, GETVAL) == 0 &&
@@ -63,7 +64,7 @@ bool FirmHold::take() {
   const int set = semget(semaphore_key(), 1, 0);
   if (set == -1) {
     if (errno != ENOENT) return false;
-    // A new semaphore is 0: taken, by its maker.
+    // A new semaphore has the value 0, so its maker holds it.
     set_ = semget(semaphore_key(), 1, IPC_CREAT | IPC_EXCL | kEveryone);
     return set_ != -1;
   }
@@ -73,7 +74,7 @@ bool FirmHold::take() {
       errno = cause;
       return false;
     }
-    // Setting the value forgets what the kernel would undo.
+    // SETVAL clears the kernel's undo value, so our death will not give the semaphore back.
     semun held{};
     held.val = 0;
     if (semctl(set, 0, SETVAL, held) != 0) {
@@ -89,8 +90,8 @@ bool FirmHold::take() {
 void FirmHold::release() noexcept {
   if (set_ == -1) return;
   const ErrnoKeeper keep;
-  // An operation, not a value: it leaves its time, by which a finished set is known. Not to be
-  // undone.
+  // An operation and not SETVAL, because only an operation sets sem_otime, and that is how a
+  // finished set is recognised. No SEM_UNDO: the release is final.
   sembuf give{.sem_num = 0, .sem_op = 1, .sem_flg = 0};
   while (semop(set_, &give, 1) != 0 && errno == EINTR) {
   }
@@ -103,7 +104,7 @@ bool has_sound_semaphore() {
 }
 
 OwnersTurn::OwnersTurn() : folder_(open(kConfFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  // Without the folder nothing is served either, and nobody else is there to take turns with.
+  // Without the folder nothing is served, so there is nobody to take turns with.
   if (folder_ != -1) flock(folder_, LOCK_EX);
 }
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The staging semaphore, held so firmly that its holder's death does not give it back.
+// Holds the staging semaphore so that the holder's death does not give it back.
 //
-// Writers end the process when they find a segment without a header, and lose an event when they
-// find none. So whoever makes or replaces the segment keeps them waiting until it is whole, and
-// when it is killed on the way, the next start of the sweeper finds the semaphore taken by a dead
-// process, and finishes the work. A set that was made and never given its value is the same: its
-// value is 0.
+// A writer that finds a segment without a header ends its process; a writer that finds no segment
+// loses an event. So a process that makes or replaces the segment keeps writers waiting until the
+// segment is complete. When it is killed on the way, the next start of the sweeper finds the
+// semaphore taken by a dead process and finishes the work. A set that was made and never got its
+// value has the value 0 and is treated the same way.
 #pragma once
 
 namespace tavrix::sweeper {
@@ -17,8 +17,8 @@ class [[nodiscard]] FirmHold {
   FirmHold(const FirmHold&) = delete;
   FirmHold& operator=(const FirmHold&) = delete;
 
-  // Makes the semaphore when there is none; waits for its holder, but not for a dead one. false
-  // with errno when it cannot be had.
+  // Takes the semaphore, and makes it when there is none. Waits for a living holder; takes it from
+  // a dead one. Returns false and sets errno when it cannot be taken.
   [[nodiscard]] bool take();
   void release() noexcept;
 
@@ -26,10 +26,10 @@ class [[nodiscard]] FirmHold {
   int set_ = -1;
 };
 
-// True if the semaphore is there and somebody lives who can give it back.
+// True if the semaphore exists, has its value, and is not held by a dead process.
 [[nodiscard]] bool has_sound_semaphore();
 
-// Takes turns with other processes that make or replace the segment; the lock goes with its owner.
+// Takes turns with other processes that make or replace the segment. The lock ends with its holder.
 class [[nodiscard]] OwnersTurn {
  public:
   OwnersTurn();

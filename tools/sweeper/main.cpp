@@ -32,8 +32,8 @@ using service::Tone;
 namespace {
 
 constexpr int kDefaultPeriod = 5;  // seconds, when the settings have none
-constexpr uint64_t kMostToCome = 1
-                                 << 20;  // bytes that may be appended between a look and the flush
+// Bytes that may be appended between the look at the space and the flush.
+constexpr uint64_t kMostToCome = 1 << 20;
 
 int period() {
   const int seconds = global_params[PARAM_FLUSH_PERIOD].value.intval;
@@ -42,15 +42,15 @@ int period() {
 
 bool is_disabled() { return global_params[PARAM_DISABLE_SWEEPER_FLUSH].value.intval != 0; }
 
-// The events of server processes that were killed with changed files open.
+// Records the changes of server processes that were killed with changed files open.
 void record_changed_files() {
   const int settled = settle_open_notes();
   if (settled < 0) say(Tone::kError, fmt::format("{}: {}", OPEN_NOTES_FOLDER, strerror(errno)));
   if (settled > 0)
-    say(Tone::kWarning, fmt::format("{} changed files of ended processes recorded", settled));
+    say(Tone::kWarning, fmt::format("recorded {} files that ended processes had changed", settled));
 }
 
-// The buffer, its surroundings, and what is done for them on each period.
+// Owns the buffer and does the work of each period.
 class Sweeper {
  public:
   explicit Sweeper(const std::string& file) : settings_(file) {}
@@ -82,15 +82,15 @@ class Sweeper {
     settle_notes();
   }
 
-  // Their events go through the buffer that this process empties: only while there is much room, or
-  // it could come to wait for itself.
+  // Writes the events of open notes. They go into the buffer that this process empties, so it
+  // does this only while the buffer has much room: otherwise it might wait for itself.
   void settle_notes() {
     const Fill fill = buffer_fill();
     if (fill.used < fill.bytes / 4) record_changed_files();
   }
 
-  // Whatever cannot be kept does not return from here: the process ends by the library's rules. So
-  // nothing is flushed while it is known that it cannot succeed.
+  // Flushes the buffer if there is room on the disk. The library ends the process when a flush
+  // cannot keep its records, so a flush that is known to fail is not tried.
   void flush(const char* why) {
     const Fill fill = buffer_fill();
     const std::string folder = global_params[PARAM_STAGING_DIR].value.strval;
@@ -106,8 +106,8 @@ class Sweeper {
       say(Tone::kInfo, fmt::format("{}: {} records flushed", why, fill.records));
   }
 
-  // The mark stays while there may be events in memory: some are there, or somebody may add some.
-  // false when they could not be flushed.
+  // Flushes for the last time. The mark on the disk stays while events are in memory or a
+  // connection may add some. Returns false when records could not be flushed.
   bool finish(const char* why) {
     flush(why);
     const uint32_t records = buffer_fill().records;
@@ -125,13 +125,13 @@ class Sweeper {
     }
     if (!settings_.trouble().empty()) {
       status =
-          fmt::format("degraded: the settings of before hold: {}; {}", settings_.trouble(), status);
+          fmt::format("degraded: the previous settings hold: {}; {}", settings_.trouble(), status);
     }
     sd_notifyf(0, "%sSTATUS=%s", state, status.c_str());
   }
 
  private:
-  // The buffer as it has to be, whoever took it away.
+  // Makes the buffer again if somebody took it away, and does what else is due in each period.
   void tend() {
     look_for_lost_buffer();
     std::string problem;
@@ -148,7 +148,7 @@ class Sweeper {
   Trouble buffer_;
 };
 
-// The number of a signal that came within the seconds, or 0.
+// Returns the number of a signal that comes within the given seconds, or 0.
 int wait_for_signal(const Fd& fd, int seconds) {
   pollfd ready{fd.get(), POLLIN, 0};
   return poll(&ready, 1, seconds * 1000) == 1 ? service::next_signal(fd) : 0;
@@ -166,8 +166,9 @@ int run(Sweeper& sweeper, const Fd& fd) {
       case SIGHUP:
         sd_notify(0, "RELOADING=1");
         sweeper.reload();
-        say(Tone::kInfo, fmt::format("settings read: every {} seconds{}", period(),
-                                     is_disabled() ? ", flushing is disabled" : ""));
+        say(Tone::kInfo, is_disabled()
+                             ? "settings read: flushing is disabled"
+                             : fmt::format("settings read: flushing every {} seconds", period()));
         sweeper.notify("READY=1\n");
         break;
       default:
@@ -188,14 +189,14 @@ int main(int argc, char** argv) {
   bool once = false;
   bool foreground = false;
   std::string settings;
-  app.add_flag("--once", once, "make the buffer if there is none, flush it, and end");
-  app.add_flag("--foreground", foreground, "stay on the terminal, as a service manager wants it");
+  app.add_flag("--once", once, "make the buffer if there is none, flush it, and exit");
+  app.add_flag("--foreground", foreground,
+               "do not go to the background, as service managers want it");
   app.add_option("--settings", settings, "fill the parameter block from this file");
   app.footer(
-      "SIGHUP reads the settings anew; SIGTERM flushes once more and ends.\n"
-      "Settings: \"SWEEPER:flush period\", \"disable sweeper flush\", \"staging dir\", \"staging "
-      "buffer "
-      "size\".");
+      "SIGHUP reads the settings again; SIGTERM flushes once more and exits.\n"
+      "Settings: \"SWEEPER:flush period\", \"disable sweeper flush\", \"staging dir\" and\n"
+      "\"staging buffer size\".");
   CLI11_PARSE(app, argc, argv);
   if (geteuid() != 0) {
     say(tavrix::service::Tone::kError, "run this as root");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Files by which the sweeper remembers things over its own end and the machine's.
+// Files in which the sweeper remembers things beyond its own end and a stop of the machine.
 #pragma once
 
 namespace tavrix::sweeper {

@@ -33,7 +33,7 @@ std::string boot_id() { return first_line("/proc/sys/kernel/random/boot_id"); }
 
 bool is_there() { return access(kRunningMark, F_OK) == 0; }
 
-// A mark, and a marker, that cannot be written.
+// The lasting troubles that the mark, or the rescan marker, cannot be written.
 Trouble& trouble_of_mark() {
   static Trouble trouble(Tone::kError);
   return trouble;
@@ -43,7 +43,7 @@ Trouble& trouble_of_rescan() {
   return trouble;
 }
 
-// A rescan that could not be asked for yet.
+// The reason of a rescan request that could not be written yet; empty when there is none.
 std::string& unwritten_reason() {
   static std::string reason;
   return reason;
@@ -77,7 +77,7 @@ void clear_running_mark() {
 
 void ask_for_rescan(const std::string& reason) {
   if (mark_event_db_as_rescan_needed(reason.c_str()) == 0) {
-    say(Tone::kError, reason + "; a rescan is asked for");
+    say(Tone::kError, reason + "; the agent is asked for a rescan");
     unwritten_reason().clear();
     return trouble_of_rescan().set("");
   }

@@ -1,24 +1,25 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The mark on the disk that says: there may be events in memory.
+// The mark on the disk says that there may be events in memory.
 //
-// Shared memory does not survive the machine's stop. The mark is made before the buffer is, and
-// goes at a clean stop after the last flush; found without a buffer it says that events are lost.
+// Shared memory does not survive a stop of the machine. The mark is made before the buffer and
+// removed at a clean stop after the last flush. A mark without a buffer means that events may be
+// lost.
 #pragma once
 
 #include <string>
 
 namespace tavrix::sweeper {
 
-// Asks the agent for a rescan when the mark is there and the buffer is not. Once at the start, and
-// whenever the buffer may have been taken away, before it is made again.
+// Asks the agent for a rescan when the mark is there and the buffer is not. Call it before the
+// buffer is made: at the start, and whenever somebody may have removed it.
 void look_for_lost_buffer();
 
-// Makes the mark when it is not there, synced.
+// Makes the mark when it is not there, and syncs it.
 void set_running_mark();
 void clear_running_mark();
 
-// Tells the agent and the journal. What cannot be written now is tried again by the next call of
-// repeat_rescan_request().
+// Asks the agent for a rescan and tells the journal. A request that cannot be written now is tried
+// again by repeat_rescan_request().
 void ask_for_rescan(const std::string& reason);
 void repeat_rescan_request();
 

@@ -20,17 +20,17 @@ using service::Tone;
 
 namespace {
 
-// The settings to begin with when the file has a mistake and nobody has filled the block.
+// Returns the settings to start with when the file has a mistake and nobody has filled the block.
 ctl::SettingsFile settings_of_before() {
   if (access(ctl::kSettingsOfBefore, F_OK) == 0) {
     ctl::SettingsFile before = ctl::read_settings_file(ctl::kSettingsOfBefore);
     if (before.errors.empty()) {
       say(Tone::kError,
-          fmt::format("beginning with the settings of before, from {}", ctl::kSettingsOfBefore));
+          fmt::format("starting with the previous settings, from {}", ctl::kSettingsOfBefore));
       return before;
     }
   }
-  say(Tone::kWarning, "beginning with the shipped settings: there are none of before");
+  say(Tone::kWarning, "starting with the shipped settings: there are no previous ones");
   return {};
 }
 
@@ -48,7 +48,7 @@ bool Settings::fill_block() {
   for (const std::string& error : file.errors) say(Tone::kWarning, error);
   if (!file.errors.empty()) {
     if (block->is_filled()) {
-      say(Tone::kWarning, "the settings of before hold");
+      say(Tone::kWarning, "the previous settings hold");
       wanted_ = block->get()[PARAM_STAGING_BUFFER_SIZE].value.intval;
       return true;
     }
@@ -68,7 +68,7 @@ bool Settings::take() {
   if (ctl::ParameterBlock::find(problem) && read_tavrix_config() == 0 && buffer_bytes() > 0) {
     return true;
   }
-  say(Tone::kError, "there are no settings; \"tavrixctl config load FILE\" makes them");
+  say(Tone::kError, "there are no settings; \"tavrixctl config load FILE\" loads them");
   return false;
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The sweeper's settings: from the shared block, which it fills from a file when it is given one.
+// The sweeper reads its settings from the shared block. When it is given a file, it fills the block
+// from that file first.
 #pragma once
 
 #include <cstdint>
@@ -9,19 +10,19 @@ namespace tavrix::sweeper {
 
 class Settings {
  public:
-  // Without a file the block is somebody else's to fill.
+  // With an empty name the block is left as it is: somebody else fills it.
   explicit Settings(std::string file) : file_(std::move(file)) {}
 
   // Reads the file into the block, and the block into this process. A file with a mistake changes
-  // nothing: the settings of before hold, those of the last good file after a boot, or the shipped
-  // ones. false when there is no block.
+  // nothing in a block that is filled. After a boot nobody has filled it; then it gets the settings
+  // of the last good file, or the shipped ones. Returns false when there is no block.
   bool take();
   // Puts the size of the staging buffer into the block as soon as that is safe.
   void offer_size();
 
-  // Bytes that the staging buffer must have.
+  // The number of bytes that the staging buffer must have.
   [[nodiscard]] int32_t buffer_bytes() const;
-  // Empty, or what is wrong with the file.
+  // The first mistake in the file; empty when there is none.
   [[nodiscard]] const std::string& trouble() const { return trouble_; }
 
  private:
@@ -29,7 +30,7 @@ class Settings {
 
   std::string file_;
   std::string trouble_;
-  std::string told_;    // why the size waits, as it was said last
+  std::string told_;    // the last message about why the size waits
   int32_t wanted_ = 0;  // the size in the file
 };
 

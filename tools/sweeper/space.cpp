@@ -40,7 +40,7 @@ std::string lack_of_room(const std::string& folder, uint64_t bytes) {
   if (bytes == 0) return {};
   switch (const int error = posix_fallocate(file.get(), 0, static_cast<off_t>(bytes)); error) {
     case 0:
-    case EINTR:  // nobody says that it would fail
+    case EINTR:  // unknown, so let the flush try
       return {};
     case ENOSPC:
       return no_space(folder, bytes);

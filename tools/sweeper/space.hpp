@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Room for a dump file.
+// Checks whether there is room for a dump file.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,9 @@ namespace tavrix::sweeper {
 
 constexpr const char* kProbePrefix = ".room";
 
-// Empty when a flush of so many bytes into the folder will find a file and the space for it, or
-// what is missing. A file of that size is made and taken away again: free space is not all that a
-// write needs.
+// Returns an empty text if a flush of so many bytes can make its file in the folder, or what is
+// missing. Makes a file of that size and removes it again, because a write needs more than free
+// space, such as an inode and a quota.
 std::string lack_of_room(const std::string& folder, uint64_t bytes);
 
 }  // namespace tavrix::sweeper

@@ -23,7 +23,7 @@ key_t segment_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_BUFFER
 
 int32_t& size_setting() { return global_params[PARAM_STAGING_BUFFER_SIZE].value.intval; }
 
-// The segment as it is, whatever the settings say.
+// The segment as it is. Its size may differ from the settings.
 struct Segment {
   enum class State { kMissing, kUnknown, kUnused, kDamaged, kSound };
   State state = State::kMissing;
@@ -32,7 +32,7 @@ struct Segment {
 };
 
 Segment::State state_of_header(const staging_buffer_s& header, std::size_t bytes) {
-  // Writers change count and offset in one store, so one load sees both of one moment.
+  // Writers change count and offset in one store, so one load gets both of the same moment.
   const uint64_t head =
       __atomic_load_n(reinterpret_cast<const uint64_t*>(&header), __ATOMIC_ACQUIRE);
   if (head == 0) return Segment::State::kUnused;
@@ -70,14 +70,15 @@ bool make_segment(std::size_t bytes, std::string& problem) {
   return create_staging_buffer() == 0 || fail(problem, "cannot make the segment");
 }
 
-// The records in it are lost. The agent is told first, for this process may be killed.
+// Empties a damaged segment; its records are lost. The agent is asked for a rescan first, because
+// this process may be killed at any moment.
 bool begin_anew(std::size_t bytes, std::string& problem) {
   ask_for_rescan("the staging buffer was damaged");
   size_setting() = static_cast<int32_t>(bytes);
   return initialize_staging_buffer() == 0 || fail(problem, "cannot initialise the segment");
 }
 
-// True if the kernel would give that much; a no must come before the old segment is gone.
+// True if the kernel has memory for that size. Asked before the old segment is removed.
 bool could_make(std::size_t bytes) {
   const int id = shmget(IPC_PRIVATE, bytes, 0600);
   if (id == -1) return false;
@@ -95,9 +96,10 @@ bool write_out(std::span<const std::byte> records, TempDump& dump, FlushMark& ma
          fdatasync(dump.fd()) == 0;
 }
 
-// Its records go into a temporary file first, as a flush does it: killed before the old segment is
-// gone, this process leaves a file whose records are in the buffer, and afterwards one that alone
-// has them. The file is named when the stranded ones are settled.
+// Replaces the segment by a larger one. The records go into a temporary file first, as in a flush:
+// if this process is killed before the old segment is gone, the file's records are still in the
+// buffer; after that, the file alone has them. It becomes a dump file when stranded files are
+// settled.
 bool replace(const Segment& old, std::size_t bytes, std::string& problem) {
   if (!could_make(bytes)) return fail(problem, "there is no memory for the larger segment");
   TempDump dump;
@@ -125,7 +127,7 @@ bool replace(const Segment& old, std::size_t bytes, std::string& problem) {
   return make_segment(old.bytes, problem) && false;
 }
 
-// With the semaphore firmly held.
+// Makes, finishes or grows the segment. Called while a FirmHold has the semaphore.
 bool mend(std::size_t wanted, std::string& problem) {
   const Segment segment = look();
   switch (segment.state) {
@@ -162,7 +164,7 @@ bool own_staging_buffer(int32_t bytes, std::string& problem) {
     FirmHold hold;
     is_done = hold.take() ? mend(wanted, problem) : fail(problem, "cannot take the semaphore");
   }
-  // Whatever it is now: this process flushes what others append, up to its end.
+  // This process flushes all that others append, so it works with the segment's real size.
   if (const std::size_t size = segment_bytes(); size > 0) {
     size_setting() = static_cast<int32_t>(size);
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The staging buffer's owner: makes it, mends it, and takes over what an earlier run left.
+// Makes and repairs the staging buffer, and takes over what an earlier run left.
 #pragma once
 
 #include <cstddef>
@@ -9,15 +9,15 @@
 
 namespace tavrix::sweeper {
 
-// Afterwards there are a semaphore and a sound segment of at least that many bytes, and this
-// process's own settings have the segment's size. Records of an earlier run stay. A larger segment
-// stays as it is: a connection may work with its size. Does nothing when all is well. false, with
-// the reason, when that cannot be had.
+// Makes sure that there are a semaphore and a sound segment of at least that many bytes, and sets
+// the size in this process's own settings to that of the segment. Keeps the records of an earlier
+// run. Keeps a larger segment, because a connection may work with its size. Returns false and the
+// reason when it fails.
 bool own_staging_buffer(int32_t bytes, std::string& problem);
 
-// There is none: not only one that this process cannot look at.
+// True if there is no segment. False also for one that this process cannot look at.
 [[nodiscard]] bool is_segment_missing();
-// The segment's bytes; 0 when there is none.
+// The size of the segment in bytes; 0 when there is none.
 [[nodiscard]] std::size_t segment_bytes();
 
 // How full the buffer is.

@@ -40,7 +40,7 @@ std::vector<std::string> leftovers() {
   while (const dirent* entry = readdir(folder.get())) {
     const std::string name = entry->d_name;
     if (name.starts_with(kTempDumpPrefix)) names.push_back(name);
-    // Of a look at the space that was killed; it holds nothing.
+    // A check of the space that was killed leaves such a file; it holds nothing.
     if (name.starts_with(kProbePrefix)) unlink((staging_folder() + ("/" + name)).c_str());
   }
   return names;
@@ -51,9 +51,9 @@ void set_aside(const std::string& name, std::string& unsettled) {
   const std::string to = fmt::format("{}/{}{}", staging_folder(), kAsidePrefix, name);
   if (rename(from.c_str(), to.c_str()) == 0) {
     sync_folder(staging_folder());
-    say(Tone::kError, fmt::format("{} holds what no flush writes: set aside as {}", from, to));
+    say(Tone::kError, fmt::format("{} was not written by a flush: set aside as {}", from, to));
   } else {
-    unsettled = fmt::format("{} holds what no flush writes, and cannot be set aside: {}", from,
+    unsettled = fmt::format("{} was not written by a flush, and cannot be set aside: {}", from,
                             std::strerror(errno));
   }
 }
@@ -64,9 +64,9 @@ void report(const std::string& name, Settled result, std::string& unsettled) {
     case Settled::kLive:
       return;
     case Settled::kRemoved:
-      return say(Tone::kInfo, fmt::format("removed {}: a flush was killed, and the buffer has what "
-                                          "it held",
-                                          name));
+      return say(
+          Tone::kInfo,
+          fmt::format("removed {}: its flush was killed before it emptied the buffer", name));
     case Settled::kPublished:
       return say(Tone::kInfo, fmt::format("published {}: its flush was killed", name));
     case Settled::kForeign:
@@ -78,7 +78,8 @@ void report(const std::string& name, Settled result, std::string& unsettled) {
   }
 }
 
-// The settling of one file, with the semaphore held and a look at the buffer.
+// Calls `settle` with the records in the buffer, while the semaphore is held. Returns false when
+// the semaphore or the buffer cannot be had.
 template <typename Settle>
 bool with_buffer(Settle settle) {
   StagingHold hold;
@@ -104,7 +105,8 @@ void settle_stranded_files() {
   const char* folder = staging_folder();
   if (has_flush_mark(folder)) {
     Settled result = Settled::kGone;
-    // A live flusher's mark is cleared before it gives the semaphore back.
+    // A flusher that lives clears its mark before it gives the semaphore back, so this mark is of
+    // one that was killed.
     with_buffer([&](auto buffered) { result = settle_marked_dump(folder, buffered); });
     if (result != Settled::kForeign) report("the file of the last flush", result, unsettled);
   }

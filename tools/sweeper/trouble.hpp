@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Trouble that lasts is not said on each period.
+// Keeps a problem that lasts from being reported in every period.
 #pragma once
 
 #include <chrono>
@@ -9,7 +9,7 @@
 
 namespace tavrix::sweeper {
 
-// Says a trouble that lasts when it begins, once a minute, and when it is over.
+// Reports a problem when it begins, then once a minute, and when it is over.
 class Trouble {
  public:
   explicit Trouble(service::Tone tone = service::Tone::kWarning) : tone_(tone) {}
