@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a check of a map found, for people and programs.
+// The findings of a check, for people and programs.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,14 @@ enum class Severity { kWarning, kError };
 
 struct Finding {
   Severity severity;
-  std::string file;   // which of the inputs; empty: the only one
-  std::string where;  // place in the tree, "/Shared/Team"; empty: none
+  std::string file;   // name of the input; empty when there is only one
+  std::string where;  // place in the tree, such as "/Shared/Team"; may be empty
   uint64_t offset;    // byte in the input
   std::string text;
 };
 
-// Keeps the first findings and counts the rest: a broken file of a gigabyte may have millions.
+// Keeps the first findings and counts the rest, because a broken file of a gigabyte may have
+// millions.
 class Findings {
  public:
   static constexpr std::size_t kKept = 200;

@@ -70,12 +70,13 @@ bool JsonStream::run(Source& source) {
   return status == yajl_status_ok;
 }
 
-// The parser ends a document with a blank of its own, which is no byte of the file.
+// At its end the parser feeds itself a blank, which is not a byte of the file and is not counted.
 uint64_t JsonStream::offset() const {
   return is_at_end_ ? chunk_start_ : chunk_start_ + yajl_get_bytes_consumed(parser_);
 }
 
-// Backslashes stand in strings only (and in comments, where this may warn of nothing).
+// Looks for escapes without parsing: a backslash stands only in strings, and in comments, where
+// this may report something that does not matter.
 void JsonStream::scan_escapes(const char* chunk, std::size_t length) {
   for (std::size_t i = 0; i < length && lone_surrogate_ < 0; ++i) {
     const auto at = static_cast<int64_t>(chunk_start_ + i);

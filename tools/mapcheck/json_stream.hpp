@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A JSON file as a stream of events with byte offsets, over the parser that the import uses.
+// Reads a JSON file as a stream of events with byte offsets. Uses the parser of the import.
 #pragma once
 
 #include <yajl/yajl_parse.h>
@@ -32,12 +32,14 @@ class JsonStream {
   JsonStream(const JsonStream&) = delete;
   JsonStream& operator=(const JsonStream&) = delete;
 
-  // false when the file does not parse, or the events stopped; error() is empty in the second case.
+  // Returns false when the file does not parse or when an event handler stopped; in the second case
+  // error() is empty.
   bool run(Source& source);
   [[nodiscard]] const std::string& error() const { return error_; }
-  // The byte behind the event that is being told.
+  // The offset of the byte behind the current event.
   [[nodiscard]] uint64_t offset() const;
-  // Half a surrogate pair in an escape, which the parser turns into "?": where, or -1.
+  // The offset of the first escape that is half of a surrogate pair, or -1. The parser turns such
+  // an escape into "?".
   [[nodiscard]] int64_t lone_surrogate() const { return lone_surrogate_; }
 
  private:
@@ -49,11 +51,11 @@ class JsonStream {
   uint64_t chunk_start_ = 0;
   bool is_at_end_ = false;
   int64_t lone_surrogate_ = -1;
-  // The scanner of escapes: what it is in the middle of, over the ends of chunks.
+  // State of the scanner of escapes, kept from one chunk to the next.
   enum class Escape { kNone, kBackslash, kHex } escape_ = Escape::kNone;
   int hex_digits_ = 0;
   unsigned hex_value_ = 0;
-  int64_t high_at_ = -1;  // of a first half that waits for its second
+  int64_t high_at_ = -1;  // offset of a first half that waits for its second; -1: none
 };
 
 }  // namespace tavrix::mapcheck

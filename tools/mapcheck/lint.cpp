@@ -17,8 +17,8 @@ namespace {
 
 constexpr uint64_t kMostInOneWrite = 0x7ffff000;  // the kernel's limit of a read() or write()
 
-// A count of the size file against what the data file holds: too small an image is overrun, too
-// large a one wastes memory.
+// Compares a count in the size file with the content of the data file. A count that is too small
+// makes the import overrun the image; one that is too large wastes memory.
 void compare(const char* key, uint64_t stated, uint64_t found, Severity if_too_large,
              LintResult& result) {
   if (stated == found) return;
@@ -29,8 +29,8 @@ void compare(const char* key, uint64_t stated, uint64_t found, Severity if_too_l
 }
 
 void check_fit(LintResult& result) {
-  // The count of folders stands in the image, where more than there are means that the import
-  // ended early: such an image is not published.
+  // The image holds the count of folders. When it is larger than the number of folders, the import
+  // seems to have ended early, and the image is not published.
   compare("TOTALFSELEMS", result.size.folders, result.data.folders, Severity::kError, result);
   compare("TOTALACES", result.size.aces, result.data.aces, Severity::kWarning, result);
   compare("TOTALNAMELEN", result.size.name_bytes, result.data.name_bytes, Severity::kWarning,
@@ -68,13 +68,13 @@ LintResult lint(Source& size_file, Source& data_file) {
   if (result.image_bytes > std::numeric_limits<uint32_t>::max()) {
     result.findings.add(
         {Severity::kError, "size file", "", 0,
-         fmt::format("the image would have {} bytes; 32 bits hold less", result.image_bytes)});
+         fmt::format("the image would have {} bytes, more than 32 bits hold", result.image_bytes)});
   }
   if (result.image_bytes > kMostInOneWrite &&
       result.image_bytes <= std::numeric_limits<uint32_t>::max()) {
     result.findings.add({Severity::kError, "size file", "", 0,
-                         fmt::format("the image would have {} bytes; the local copy is written at "
-                                     "once, and {} is the most for that",
+                         fmt::format("the image would have {} bytes; the local copy is written by "
+                                     "one call, and {} is the most for that",
                                      result.image_bytes, kMostInOneWrite)});
   }
   if (lint_data_file(data_file, result)) check_fit(result);

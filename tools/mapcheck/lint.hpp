@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Checks a size file and a data file without importing them.
 //
-// The import itself trusts both: a document that breaks the grammar aborts it, one that lies about
-// its counts overruns the image. Both files are read in pieces; what is kept in memory grows with
-// the depth of the tree and the width of its open folders, not with the file.
+// The import itself trusts both: a document that breaks the grammar aborts it, and one with wrong
+// counts overruns the image. Both files are read in pieces. The memory that is used grows with the
+// depth of the tree and the width of its open folders, not with the size of the file.
 #pragma once
 
 #include <cstdint>
@@ -24,11 +24,11 @@ struct SizeFile {
   uint64_t name_bytes = 0;
 };
 
-// What a data file really holds.
+// The counts of what a data file really holds.
 struct DataFile {
   uint64_t folders = 0;
   uint64_t aces = 0;
-  uint64_t name_bytes = 0;  // a NUL a name included
+  uint64_t name_bytes = 0;  // with a NUL for each name
   uint64_t list_bytes = 0;  // child lists, with the one around the root
   uint64_t deepest = 0;     // folders between the root and the deepest one
   uint64_t widest = 0;      // children of the widest folder
@@ -37,12 +37,12 @@ struct DataFile {
 struct LintResult {
   SizeFile size;
   DataFile data;
-  uint64_t image_bytes = 0;  // by the size file
+  uint64_t image_bytes = 0;  // computed from the size file
   Findings findings;
 };
 
-// A reader of bytes: returns how many it put into the buffer, 0 at the end. Lets tests and fuzzers
-// lint memory.
+// A source of bytes, so that tests and fuzzers can lint memory. read() returns the number of bytes
+// that it put into the buffer, 0 at the end.
 class Source {
  public:
   virtual ~Source() = default;
@@ -51,7 +51,7 @@ class Source {
 
 LintResult lint(Source& size_file, Source& data_file);
 
-// The same over paths; nothing and a message when one cannot be read.
+// Does the same with paths. Returns nothing, and a message in `error`, when a file cannot be read.
 std::optional<LintResult> lint_files(const std::string& size_path, const std::string& data_path,
                                      std::string& error);
 

@@ -19,13 +19,13 @@ namespace {
 constexpr const char* kFile = "data file";
 constexpr uint64_t kMost32 = std::numeric_limits<uint32_t>::max();
 constexpr uint64_t kEveryRight = 31;
-constexpr std::size_t kDeep = 1000;  // folders; deeper trees meet the limits of paths
+constexpr std::size_t kDeep = 1000;  // folders; paths in deeper trees may become too long
 constexpr const char* kAclKeys[] = {"NUMUSERS", "NUMGROUPS", "USERS", "GROUPS"};
 
-// What the innermost open bracket is, and what was seen in it.
+// An open bracket: its kind, and what was seen in it so far.
 struct Frame {
   enum class Kind { kChildren, kChildCount, kFolder, kAcl, kAclItem, kIds } kind;
-  std::string key;  // the member whose value is next; empty: none
+  std::string key;  // the member whose value comes next; empty when none does
   std::set<std::string> keys;
   std::string name;                       // kFolder
   bool has_count = false;                 // kChildren
@@ -96,7 +96,7 @@ class DataLinter : public JsonEvents {
     if (top.kind == Frame::Kind::kIds) return start_entry(top, text);
     const std::string name(text);
     if (!fits(top, name)) return stop(fmt::format("the key \"{}\" does not fit here", name));
-    if (!top.keys.insert(name).second) return stop(fmt::format("\"{}\" is there twice", name));
+    if (!top.keys.insert(name).second) return stop(fmt::format("\"{}\" appears twice", name));
     top.key = name;
     return true;
   }
@@ -210,13 +210,14 @@ class DataLinter : public JsonEvents {
     if (name.empty()) return stop("an empty name");
     if (is_root && name != "/") error(fmt::format("the root is named \"{}\", not \"/\"", name));
     if (!is_root && name.find('/') != std::string_view::npos) error("the name holds a slash");
-    if (!is_root && (name == "." || name == "..")) error("the name is that of a step in a path");
+    if (!is_root && (name == "." || name == ".."))
+      error("a folder cannot be named \".\" or \"..\"");
     if (name.find('\0') != std::string_view::npos) error("the name holds a NUL");
     if (name.size() > std::numeric_limits<uint16_t>::max()) {
       return stop(fmt::format("the name has {} bytes; 65535 is the most", name.size()));
     }
     if (!frames_[frames_.size() - 2].names.insert(folded(name)).second) {
-      warn("a sibling has the same name but for its case; lookups find the first one");
+      warn("a sibling's name differs only in case; lookups find the first one");
     }
     return true;
   }
@@ -284,7 +285,7 @@ class DataLinter : public JsonEvents {
     return true;
   }
 
-  // The open folders, from the root; "?" for one whose name comes later.
+  // Returns the path of the open folders, with "?" for a folder whose name comes later.
   [[nodiscard]] std::string place() const {
     std::string path;
     bool is_root = true;

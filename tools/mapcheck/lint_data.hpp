@@ -6,7 +6,7 @@
 
 namespace tavrix::mapcheck {
 
-// true when the document was read to its end, so that its sums are whole.
+// Returns true if the document was read to its end, so that its counts are complete.
 bool lint_data_file(Source& source, LintResult& result);
 
 }  // namespace tavrix::mapcheck

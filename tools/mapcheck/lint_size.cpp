@@ -45,7 +45,7 @@ class SizeLinter : public JsonEvents {
     if (!is_known(text))
       return stop(fmt::format("unknown key \"{}\"; the import stops here", text));
     if (!seen_.insert(key_).second)
-      warn(fmt::format("\"{}\" is there twice; the last one counts", text));
+      warn(fmt::format("\"{}\" appears twice; the last one counts", text));
     return true;
   }
 
@@ -67,7 +67,8 @@ class SizeLinter : public JsonEvents {
       result_.size.timestamp = number.value;
       return true;
     }
-    if (number.value > kMost32) error(fmt::format("\"{}\" is {}; 32 bits hold less", key_, token));
+    if (number.value > kMost32)
+      error(fmt::format("\"{}\" is {}, more than 32 bits hold", key_, token));
     *count_of(key_) = number.value;
     return true;
   }

@@ -8,15 +8,14 @@ namespace tavrix::mapcheck {
 
 void lint_size_file(Source& source, LintResult& result);
 
-// The text as a number of the import would read it, and whether it would change on the way.
+// The number that the import reads from a text, and whether the text says exactly that.
 struct Number {
   uint64_t value = 0;
   bool is_plain = false;  // digits only, and not too many
 };
 Number number_of(std::string_view token);
 
-// Bytes of the image that the size pass computes; more than 32 bits hold when the counts are that
-// large.
+// The size of the image in bytes, as the size pass computes it but without its limit of 32 bits.
 uint64_t image_bytes_of(const SizeFile& size);
 
 }  // namespace tavrix::mapcheck

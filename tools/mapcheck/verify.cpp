@@ -38,7 +38,7 @@ class Verifier {
   }
 
  private:
-  // A record by value; nothing when it does not lie in the used part of its region.
+  // Returns a copy of a record, or nothing when it does not lie in the used part of its region.
   template <typename Record>
   [[nodiscard]] std::optional<Record> read(const Region& region, uint64_t offset) const {
     if (offset + sizeof(Record) > region.used) return std::nullopt;
@@ -61,7 +61,7 @@ class Verifier {
       return false;
     }
     if (std::memchr(header_.mapname, 0, sizeof header_.mapname) == nullptr) {
-      error(0, "the map's name has no end");
+      error(0, "the map's name has no NUL at its end");
     }
     return true;
   }
@@ -80,7 +80,7 @@ class Verifier {
       }
       end = region->start + region->size;
       if (end > image_.size()) {
-        good = error(124, fmt::format("the {} end at {}, behind the image", region->name, end));
+        good = error(124, fmt::format("the {} end at {}, beyond the image", region->name, end));
       }
       if (region->used > region->size) {
         good = error(124, fmt::format("the {} use {} bytes of {}", region->name, region->used,
@@ -108,7 +108,7 @@ class Verifier {
     } else {
       if ((folder.flags & FSELEM_FLAG_ROOT) != 0)
         error(at, "a second folder is marked as the root");
-      // A folder is made after its parent; so parents never run in a circle.
+      // The import makes a folder after its parent, so the parents of a sound image form no circle.
       if (folder.parent_offset >= offset || folder.parent_offset % kFolder != 0) {
         error(at, fmt::format("a folder's parent is at {}", uint32_t{folder.parent_offset}));
       }
@@ -128,15 +128,15 @@ class Verifier {
     const uint64_t text_at = uint64_t{folder.name_elem_offset} + sizeof(name_elem_s);
     const uint16_t length = name->name_len;
     if (text_at + length + 1 > names_.used) {
-      error(at, fmt::format("a name of {} bytes leaves the names", length));
+      error(at, fmt::format("a name of {} bytes ends beyond the names", length));
       return;
     }
     const char* text = bytes(names_, text_at);
     const std::string_view view(text, length);
-    if (text[length] != '\0') error(at, "a name has no end");
+    if (text[length] != '\0') error(at, "a name has no NUL at its end");
     if (length == 0) error(at, "an empty name");
     if (name->hashval != process_namecomponent_4hash(text, length)) {
-      error(at, fmt::format("the hash of the name \"{}\" is another one", printable(view)));
+      error(at, fmt::format("the hash of the name \"{}\" is wrong", printable(view)));
     }
     if (is_root ? view != "/" : view.find('/') != std::string_view::npos) {
       error(at, fmt::format("a folder is named \"{}\"", printable(view)));
@@ -152,7 +152,7 @@ class Verifier {
     }
     const uint64_t first = uint64_t{folder.acl_offset} + sizeof(beacl_s);
     if (first + uint64_t{acl->num_aces} * sizeof(beace_s) > acls_.used) {
-      error(at, fmt::format("an ACL of {} entries leaves the ACLs", uint32_t{acl->num_aces}));
+      error(at, fmt::format("an ACL of {} entries ends beyond the ACLs", uint32_t{acl->num_aces}));
       return;
     }
     aces_ += acl->num_aces;
@@ -168,7 +168,7 @@ class Verifier {
 
   void check_children(const fs_elem_s& folder, uint64_t offset, uint64_t at) {
     const auto list = read<child_list_s>(lists_, folder.clist_offset);
-    // A leaf's offset is 0 and means the first list, which readers still check.
+    // A leaf has the offset 0, which is the first list; readers check that list's signature too.
     if (!list || list->signature != LISTSIG) {
       error(at, fmt::format("no child list at {}", uint32_t{folder.clist_offset}));
       return;
@@ -176,7 +176,7 @@ class Verifier {
     if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return;
     const uint64_t first = uint64_t{folder.clist_offset} + sizeof(child_list_s);
     if (first + uint64_t{list->num_children} * sizeof(uint32_t) > lists_.used) {
-      error(at, fmt::format("a list of {} children leaves the child lists",
+      error(at, fmt::format("a list of {} children ends beyond the child lists",
                             uint32_t{list->num_children}));
       return;
     }
@@ -184,7 +184,8 @@ class Verifier {
       error(at, fmt::format("a list has {} of {} children", uint32_t{list->next_index},
                             uint32_t{list->num_children}));
     }
-    // Lists may overlap in a damaged image; looking at each slot once a list bounds the work.
+    // Lists may overlap in a damaged image. This limit bounds the work: without overlaps there are
+    // fewer slots than the region has bytes.
     slots_seen_ += list->num_children;
     if (slots_seen_ > lists_.size) {
       if (!std::exchange(overlap_told_, true)) error(at, "child lists overlap");

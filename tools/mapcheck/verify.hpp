@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Checks an image before anything trusts it: every signature, offset, range, count and link. Made
-// for any bytes at all; nothing outside them is touched.
+// Checks an image before anything trusts it: every signature, offset, range, count and link.
+// Accepts any bytes at all, and reads nothing outside of them.
 #pragma once
 
 #include <cstddef>
