@@ -47,30 +47,38 @@ install(FILES docs/man/vfs_tavrix.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COM
 install(FILES ${CMAKE_BINARY_DIR}/samba/tavrix.so DESTINATION lib/x86_64-linux-gnu/samba/vfs
   COMPONENT samba OPTIONAL)
 
+# The names of the packages. Each brings its licence, where Debian looks for it.
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libtavrix${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtavrix-dev)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavrix-tools)
+set(CPACK_DEBIAN_SAMBA_PACKAGE_NAME samba-vfs-tavrix)
+set(CPACK_COMPONENTS_ALL library dev tools samba)
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER ${component} upper)
+  install(FILES packaging/debian/copyright
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
+    COMPONENT ${component})
+endforeach()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tavrix)
 set(CPACK_PACKAGE_CONTACT "The libtavrix developers <root@localhost>")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL library dev tools samba)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR})
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libtavrix${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/packaging/debian/triggers)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "Permission decisions and event records for a file server")
-set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtavrix-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "libtavrix${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), libprotobuf-c-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "Headers of libtavrix")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavrix-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libtavrix${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${CMAKE_SOURCE_DIR}/packaging/debian/conffiles)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "tavrixctl, the map loader and the event sweeper")
-set(CPACK_DEBIAN_SAMBA_PACKAGE_NAME samba-vfs-tavrix)
 set(CPACK_DEBIAN_SAMBA_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_SAMBA_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_SAMBA_PACKAGE_DEPENDS

@@ -34,14 +34,26 @@ class Installed : public Isolated {
 };
 
 TEST_F(Installed, HasEverythingInItsPlace) {
-  for (const char* file :
-       {"/include/tavrix/tavrix.h", "/include/tavrix/processing_functions.h",
-        "/include/tavrix/samba.pb-c.h", "/include/tavrix/samba.proto",
-        "/share/man/man8/tavrixctl.8", "/sbin/tavrixctl", "/sbin/tavrix-sweeper",
-        "/sbin/tavrix-loader", "/share/man/man8/tavrix-loader.8", "/share/man/man8/vfs_tavrix.8",
-        "/lib/systemd/system/tavrix-loader.service", "/lib/systemd/system/tavrix-sweeper.service",
-        "/lib/tmpfiles.d/tavrix.conf", "/etc/tavrix/tavrix.conf", "/etc/tavrix/exception_patterns",
-        "/etc/logrotate.d/tavrix"}) {
+  for (const char* file : {"/include/tavrix/tavrix.h",
+                           "/include/tavrix/processing_functions.h",
+                           "/include/tavrix/samba.pb-c.h",
+                           "/include/tavrix/samba.proto",
+                           "/share/man/man8/tavrixctl.8",
+                           "/sbin/tavrixctl",
+                           "/sbin/tavrix-sweeper",
+                           "/sbin/tavrix-loader",
+                           "/share/man/man8/tavrix-loader.8",
+                           "/share/man/man8/vfs_tavrix.8",
+                           "/lib/systemd/system/tavrix-loader.service",
+                           "/lib/systemd/system/tavrix-sweeper.service",
+                           "/lib/tmpfiles.d/tavrix.conf",
+                           "/etc/tavrix/tavrix.conf",
+                           "/etc/tavrix/exception_patterns",
+                           "/etc/logrotate.d/tavrix",
+                           "/share/doc/libtavrix1/copyright",
+                           "/share/doc/libtavrix-dev/copyright",
+                           "/share/doc/tavrix-tools/copyright",
+                           "/share/doc/samba-vfs-tavrix/copyright"}) {
     EXPECT_TRUE(exists(kPrefix + file)) << file;
   }
   for (const char* file :
