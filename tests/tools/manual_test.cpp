@@ -62,6 +62,17 @@ TEST_F(Manual, OfTheSweepersUnitNamesFlagsThatItHas) {
   EXPECT_FALSE(contains(unit, "ExecStartPre"));  // its failure would keep the sweeper down
 }
 
+// systemd gives up on a service that ends five times in ten seconds, unless the unit says
+// otherwise.
+TEST_F(Manual, TheUnitsAreStartedAgainHoweverOftenTheyEnd) {
+  for (const char* name : {"tavrix-sweeper", "tavrix-loader"}) {
+    const std::string unit =
+        read_file(TAVRIX_SOURCE_DIR "/packaging/" + std::string(name) + ".service");
+    EXPECT_TRUE(contains(unit, "\nRestart=always\n")) << name;
+    EXPECT_LT(unit.find("\nStartLimitIntervalSec=0\n"), unit.find("\n[Service]\n")) << name;
+  }
+}
+
 TEST_F(Manual, TheServersDropInOrdersItAndKeepsNoCores) {
   const std::string text = read_file(TAVRIX_SOURCE_DIR "/packaging/smbd.service.d/tavrix.conf");
   for (const char* line :
