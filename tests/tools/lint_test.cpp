@@ -97,13 +97,13 @@ TEST(Lint, FindsNothingInRandomTrees) {
   }
 }
 
-TEST(Lint, FindsNothingInASample) {
+class LintOfFiles : public Isolated {};
+
+TEST_F(LintOfFiles, FindsNothingInASample) {
   const sample::Shape shape{.folders = 5000};
-  sample::write_sample(shape, "/tmp/tavrix-lint-size", "/tmp/tavrix-lint-data");
+  sample::write_sample(shape, "/scratch/size.json", "/scratch/data.json");
   std::string error;
-  const auto result = mapcheck::lint_files("/tmp/tavrix-lint-size", "/tmp/tavrix-lint-data", error);
-  remove_all("/tmp/tavrix-lint-size");
-  remove_all("/tmp/tavrix-lint-data");
+  const auto result = mapcheck::lint_files("/scratch/size.json", "/scratch/data.json", error);
   ASSERT_TRUE(result) << error;
   EXPECT_EQ("", told(*result));
   EXPECT_EQ(5000U, result->data.folders);
@@ -268,17 +268,14 @@ TEST(Lint, WalksDeepDocumentsInLittleMemory) {
   EXPECT_TRUE(contains(told(lint_texts(sound_size(), text)), "an array does not fit here"));
 }
 
-TEST(Lint, NeedsMemoryForTheTreesDepthOnly) {
+TEST_F(LintOfFiles, NeedsMemoryForTheTreesDepthOnly) {
   const sample::Shape shape{.folders = 200000};
-  sample::write_sample(shape, "/tmp/tavrix-lint2-size", "/tmp/tavrix-lint2-data");
+  sample::write_sample(shape, "/scratch/size.json", "/scratch/data.json");
   std::string error;
   const long before = heap_bytes;
   heap_peak = before;
-  const auto result =
-      mapcheck::lint_files("/tmp/tavrix-lint2-size", "/tmp/tavrix-lint2-data", error);
+  const auto result = mapcheck::lint_files("/scratch/size.json", "/scratch/data.json", error);
   EXPECT_LT(heap_peak - before, 1 << 20);  // the file has more than 25 MiB
-  remove_all("/tmp/tavrix-lint2-size");
-  remove_all("/tmp/tavrix-lint2-data");
   ASSERT_TRUE(result);
   EXPECT_EQ(0U, result->findings.errors());
 }
