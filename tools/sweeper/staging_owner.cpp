@@ -90,7 +90,7 @@ bool could_make(std::size_t bytes) {
 bool write_out(std::span<const std::byte> records, TempDump& dump, FlushMark& mark) {
   const char* folder = global_params[PARAM_STAGING_DIR].value.strval;
   if (!dump.create(folder)) return false;
-  mark.set(folder, dump.name(), records);
+  if (mark.set(folder, dump.name(), records) == FlushMark::Before::kUnsettled) return false;
   return write_all(dump.fd(), records.data(), records.size()) ==
              static_cast<ssize_t>(records.size()) &&
          fdatasync(dump.fd()) == 0;

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -73,7 +74,8 @@ bool starts_with(Records all, Records part) noexcept {
 // One temporary file that may have lost its flusher.
 class Leftover {
  public:
-  Leftover(const char* dir, const char* name) noexcept : dir_(dir) {
+  Leftover(const char* dir, const char* name, bool is_marked) noexcept
+      : dir_(dir), is_marked_(is_marked) {
     std::snprintf(path_, sizeof path_, "%s/%s", dir, name);
   }
 
@@ -83,23 +85,33 @@ class Leftover {
       if (errno == ENOENT) return Settled::kGone;
       return errno == ELOOP ? Settled::kForeign : Settled::kFailed;
     }
-    if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) {
-      return errno == EWOULDBLOCK ? Settled::kLive : Settled::kFailed;
-    }
+    const bool is_locked = flock(fd_.get(), LOCK_EX | LOCK_NB) == 0;
+    if (!is_locked && errno != EWOULDBLOCK) return Settled::kFailed;
+    if (!is_locked && !is_marked_) return Settled::kLive;
     struct stat info {};
     if (fstat(fd_.get(), &info) != 0) return Settled::kFailed;
     if (!S_ISREG(info.st_mode)) return Settled::kForeign;
     if (info.st_nlink == 0) return Settled::kGone;
     if (info.st_size > INT_MAX) return Settled::kForeign;  // no buffer is that large
-    return settle_content(static_cast<std::size_t>(info.st_size), info.st_mtim, buffered);
+    const auto size = static_cast<std::size_t>(info.st_size);
+    const Malloced<std::byte> block(
+        static_cast<std::byte*>(std::malloc(std::max<std::size_t>(size, 1))));
+    if (block == nullptr || !read_whole(fd_.get(), block.get(), size)) return Settled::kFailed;
+    const Records bytes(block.get(), size);
+    if (!is_locked) return settle_of_the_dying(bytes, buffered);
+    return settle_content(bytes, info.st_mtim, buffered);
   }
 
  private:
-  Settled settle_content(std::size_t size, const timespec& written, Records buffered) noexcept {
-    if (size == 0) return remove();
-    const Malloced<std::byte> block(static_cast<std::byte*>(std::malloc(size)));
-    if (block == nullptr || !read_whole(fd_.get(), block.get(), size)) return Settled::kFailed;
-    const Records bytes(block.get(), size);
+  // The kernel gives back the semaphore of a killed process before it gives up its locks. In
+  // between its file is marked and still locked. A flusher that lives gives the semaphore back only
+  // when its file is gone or the buffer is empty, so a file whose records are in the buffer has
+  // none. Every other file can wait: nobody empties the buffer of its records.
+  Settled settle_of_the_dying(Records bytes, Records buffered) noexcept {
+    return !bytes.empty() && starts_with(buffered, bytes) ? remove() : Settled::kLive;
+  }
+
+  Settled settle_content(Records bytes, const timespec& written, Records buffered) noexcept {
     if (starts_with(buffered, bytes)) return remove();
     switch (shape_of(bytes)) {
       case Shape::kWhole:
@@ -137,6 +149,7 @@ class Leftover {
   }
 
   const char* dir_;
+  bool is_marked_;
   char path_[PATH_MAX];
   Fd fd_;
 };
@@ -186,14 +199,17 @@ const char* TempDump::name() const noexcept {
   return slash == nullptr ? path_ : slash + 1;
 }
 
-void FlushMark::set(const char* dir, const char* name, Records buffered) noexcept {
+FlushMark::Before FlushMark::set(const char* dir, const char* name, Records buffered) noexcept {
   const ErrnoKeeper keep;
+  Before before = Before::kNone;
   if (lsetxattr(dir, kMark, name, std::strlen(name), XATTR_CREATE) != 0) {
-    if (errno != EEXIST) return;
-    static_cast<void>(settle_marked_dump(dir, buffered));
-    if (lsetxattr(dir, kMark, name, std::strlen(name), 0) != 0) return;
+    if (errno != EEXIST) return Before::kNone;
+    if (settle_marked_dump(dir, buffered) == Settled::kFailed) return Before::kUnsettled;
+    before = Before::kSettled;
+    if (lsetxattr(dir, kMark, name, std::strlen(name), 0) != 0) return before;
   }
   dir_ = dir;
+  return before;
 }
 
 void FlushMark::clear() noexcept {
@@ -211,8 +227,8 @@ Settled settle_marked_dump(const char* dir, Records buffered) noexcept {
     lremovexattr(dir, kMark);
     return Settled::kGone;
   }
-  const Settled result = settle_dump(dir, name, buffered);
-  // Of a live flusher the mark is a leftover only: nobody else holds the semaphore.
+  const Settled result = Leftover(dir, name, true).settle(buffered);
+  // A file that stays locked is not in the buffer: its flusher or the sweeper publishes it.
   if (result != Settled::kFailed) {
     const ErrnoKeeper keep;
     lremovexattr(dir, kMark);
@@ -221,7 +237,7 @@ Settled settle_marked_dump(const char* dir, Records buffered) noexcept {
 }
 
 Settled settle_dump(const char* dir, const char* name, Records buffered) noexcept {
-  return Leftover(dir, name).settle(buffered);
+  return Leftover(dir, name, false).settle(buffered);
 }
 
 void sync_folder(const char* dir) noexcept {

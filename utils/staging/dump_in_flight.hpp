@@ -6,10 +6,15 @@
 // staging directory names the file from before its first byte until the buffer is empty; it is set
 // and cleared under the staging semaphore. So a file that no one holds is in one of these states:
 //
-//   empty                     nothing is in it
-//   marked, in the buffer     its flusher died before it emptied the buffer: the buffer has the
-//   records marked, not in the buffer it died after that: the file alone has them not marked it
-//   died between the semaphore and the rename: the file alone has them
+//   empty                      nothing is in it
+//   marked, in the buffer      its flusher died before it emptied the buffer: the buffer has the
+//                              records
+//   marked, not in the buffer  it died after that: the file alone has them
+//   not marked                 it died between the semaphore and the rename: the file alone has
+//                              them
+//
+// The kernel gives back the semaphore of a killed process before the lock. So a marked file may be
+// locked although its flusher is past doing anything; the content decides then.
 //
 // A flusher that finds a mark settles the file before it empties the buffer, because afterwards
 // nobody could tell the second state from the third.
@@ -58,9 +63,16 @@ class FlushMark {
   FlushMark(const FlushMark&) = delete;
   FlushMark& operator=(const FlushMark&) = delete;
 
+  enum class Before {
+    kNone,       // no flusher was killed with its mark set
+    kSettled,    // one was: its file may have got a dump file's name with this process's number
+    kUnsettled,  // its file cannot be looked at now. Its mark stays, and nothing is marked: who
+                 // empties the buffer all the same may leave records twice
+  };
   // Settles the file of a mark that is there. The caller holds the semaphore; `buffered` are the
   // records in the buffer now.
-  void set(const char* dir, const char* name, std::span<const std::byte> buffered) noexcept;
+  [[nodiscard]] Before set(const char* dir, const char* name,
+                           std::span<const std::byte> buffered) noexcept;
   void clear() noexcept;
 
  private:

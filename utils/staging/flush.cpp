@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <span>
 
 #include "internal/assert.hpp"
 #include "internal/scoped.hpp"
@@ -118,7 +119,9 @@ class FlushAttempt {
                   static_cast<int>(end), size);
     }
     const std::size_t length = end - kEmptyStagingBuffer;
-    mark_.set(dir_, temp_.name(), {reinterpret_cast<const std::byte*>(&buffer + 1), length});
+    if (const auto refused = set_mark({reinterpret_cast<const std::byte*>(&buffer + 1), length})) {
+      return *refused;
+    }
     const ssize_t written = write_all(temp_.fd(), &buffer + 1, length);
     if (written != static_cast<ssize_t>(length)) return write_failed(written, length);
     if (!sync()) {
@@ -135,6 +138,17 @@ class FlushAttempt {
     }
     sync_folder(dir_);
     return Step::kFinished;
+  }
+
+  // Nothing when the flush goes on.
+  std::optional<Step> set_mark(std::span<const std::byte> records) {
+    const auto before = mark_.set(dir_, temp_.name(), records);
+    if (before == FlushMark::Before::kUnsettled && may_retry_) return Step::kRetry;
+    if (before != FlushMark::Before::kSettled) return std::nullopt;
+    // A later name than that of the file that was settled, which this one must not replace.
+    dump_name_.reset(get_dumpfname(dir_));
+    if (dump_name_ != nullptr) return std::nullopt;
+    return retry_or_fail(FB_ERR_GET_DUMPFNAME_FAILED, "Failed to get the dumpfname ");
   }
 
   Step write_failed(ssize_t written, std::size_t length) {

@@ -7,6 +7,7 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/xattr.h>
 #include <cerrno>
 #include <csignal>
 #include <regex>
@@ -418,6 +419,78 @@ TEST(WriteAll, WritesNothingAndEverything) {
       0,
       level_of("Failed to write to fd. nwritten=-1, nleft=3, size=3, errno=9(Bad file descriptor)",
                attempt));
+}
+
+// --- a flusher that was killed before
+// -------------------------------------------------------------
+
+class KilledFlush : public Flush {
+ protected:
+  static constexpr const char* kLeft = "/scratch/staging/txtempAbCdEf";
+
+  static void leave(const std::string& bytes) {
+    write_file(kLeft, bytes);
+    ASSERT_EQ(0, lsetxattr(kDir, "trusted.tavrix.flush", "txtempAbCdEf", 12, 0));
+  }
+  // As it is while its flusher dies: the semaphore is free already, the lock not yet.
+  static Fd locked() {
+    Fd file(open(kLeft, O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(0, flock(file.get(), LOCK_EX));
+    return file;
+  }
+};
+
+TEST_F(KilledFlush, WhoseRecordsAreInTheBufferLeavesThemOnceWhileItStillDies) {
+  append("one");
+  leave(content());
+  append("two");
+  {
+    const Fd dying = locked();
+    EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+  }
+  EXPECT_EQ((Payloads{"one", "two"}), dumped());
+  EXPECT_FALSE(exists(kLeft));
+}
+
+TEST_F(KilledFlush, WhoseRecordsItAloneHasKeepsItsFileWhileItStillDies) {
+  append("one");
+  leave(content());
+  EXPECT_EQ(0, initialize_staging_buffer());
+  append("two");
+  {
+    const Fd dying = locked();
+    EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+  }
+  EXPECT_EQ(Payloads{"two"}, dumped());
+  EXPECT_EQ(Payloads{"one"}, payloads_of(read_file(kLeft)));
+}
+
+// Both files get this process's number: the second one is named after the first was settled.
+TEST_F(KilledFlush, IsPublishedUnderAnotherNameThanTheFlushThatFindsIt) {
+  append("one");
+  leave(content());
+  EXPECT_EQ(0, initialize_staging_buffer());
+  append("two");
+  timeval now{};
+  run_before("semop", [&now] {
+    usleep(1000);
+    gettimeofday(&now, nullptr);
+  });
+  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+  char then[64];
+  std::snprintf(then, sizeof then, "pending_%d_%ld.%06ld", getpid(), now.tv_sec, now.tv_usec);
+  ASSERT_EQ(2U, dumps().size());
+  EXPECT_GT(dumps()[1], then);
+  EXPECT_EQ((Payloads{"one", "two"}), dumped());
+}
+
+TEST_F(KilledFlush, IsTriedAgainWhenItsFileCannotBeLookedAt) {
+  append("one");
+  leave(content());
+  fail_call("fstat", EIO, 2);  // the first is of the new file
+  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
+  EXPECT_EQ(Payloads{"one"}, dumped());
+  EXPECT_FALSE(exists(kLeft));
 }
 
 // --- the markers
