@@ -22,7 +22,6 @@
 
 #include "tavrix.h"
 
-#define SHARE "/tavrix"
 #define CLIENT_ADDRESS "192.0.2.7"
 #define AUDIT 1 /* whether reads are recorded */
 
@@ -95,8 +94,8 @@ static void disconnect_client(struct client* client) {
 /* --- folders -------------------------------------------------------------------------------- */
 
 static void enter_share(struct client* client) {
-  int result = chdir_preprocess("/", SHARE, client->record, &client->perm_ctx);
-  if (result == 0) result = chdir(SHARE);
+  int result = chdir_preprocess("/", TAVRIX_TREE, client->record, &client->perm_ctx);
+  if (result == 0) result = chdir(TAVRIX_TREE);
   give_root_back(client);
   say("enter the share", result == 0);
 }
@@ -108,8 +107,8 @@ static void list_entries(struct client* client, DIR* stream) {
   for (struct dirent* entry = readdir(stream); entry != NULL; entry = readdir(stream)) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
     int allowed = 0;
-    readir_postprocess(&allowed, entry->d_name, client->folder, full_path, sizeof full_path, SHARE,
-                       client->record);
+    readir_postprocess(&allowed, entry->d_name, client->folder, full_path, sizeof full_path,
+                       TAVRIX_TREE, client->record);
     if (allowed == TXPERMS_HAS_PERMS) ++seen;
     if (allowed != TXPERMS_HAS_PERMS) ++hidden;
   }
@@ -119,9 +118,9 @@ static void list_entries(struct client* client, DIR* stream) {
 static void list_folder(struct client* client) {
   int is_nav = 0;
   DIR* stream = NULL;
-  char* full_path = join(SHARE, client->folder);
-  if (fdopendir_preprocess(SHARE, client->folder, 0, client->record, &is_nav, &client->perm_ctx) ==
-      0) {
+  char* full_path = join(TAVRIX_TREE, client->folder);
+  if (fdopendir_preprocess(TAVRIX_TREE, client->folder, 0, client->record, &is_nav,
+                           &client->perm_ctx) == 0) {
     stream = opendir(full_path);
   }
   give_root_back(client);
@@ -135,8 +134,8 @@ static void list_folder(struct client* client) {
 }
 
 static void make_folder(struct client* client, const char* path) {
-  char* full_path = join(SHARE, path);
-  int result = mkdir_preprocess(SHARE, path, full_path, client->record, &client->perm_ctx);
+  char* full_path = join(TAVRIX_TREE, path);
+  int result = mkdir_preprocess(TAVRIX_TREE, path, full_path, client->record, &client->perm_ctx);
   if (result == 0) result = mkdir(full_path, 0755);
   if (result == 0) give_to_client(client, full_path);
   give_root_back(client);
@@ -146,8 +145,8 @@ static void make_folder(struct client* client, const char* path) {
 }
 
 static void remove_folder(struct client* client, const char* path) {
-  char* full_path = join(SHARE, path);
-  int result = rmdir_preprocess(full_path, SHARE, path, client->record, &client->perm_ctx);
+  char* full_path = join(TAVRIX_TREE, path);
+  int result = rmdir_preprocess(full_path, TAVRIX_TREE, path, client->record, &client->perm_ctx);
   if (result == 0) result = rmdir(full_path);
   give_root_back(client);
   if (result == 0) rmdir_postprocess(full_path, client->record);
@@ -158,11 +157,11 @@ static void remove_folder(struct client* client, const char* path) {
 /* --- files ---------------------------------------------------------------------------------- */
 
 static void create_file(struct client* client, const char* path) {
-  char* full_path = join(SHARE, path);
+  char* full_path = join(TAVRIX_TREE, path);
   int exists = 0;
   int fd = -1;
   if (create_file_preprocess(1, &full_path, path, path, &client->perm_ctx, &exists, 0,
-                             DISPOSITION_CREATE, 0, SHARE, client->record) == 0) {
+                             DISPOSITION_CREATE, 0, TAVRIX_TREE, client->record) == 0) {
     fd = open(full_path, O_CREAT | O_EXCL | O_WRONLY, 0644);
   }
   if (fd >= 0) give_to_client(client, full_path);
@@ -176,14 +175,14 @@ static void create_file(struct client* client, const char* path) {
 /* Opening is decided by open_preprocess(), which leaves the client's identity in place; the server
  * opens as root where the file's owner is somebody else. */
 static int open_file(struct client* client, const char* path, int flags) {
-  char* full_path = join(SHARE, path);
+  char* full_path = join(TAVRIX_TREE, path);
   e_open_mode mode = mode2tavrixmode(flags);
   e_fsop_type op = FSOP_INVAL;
   int newly_created = 0; /* the hook only ever sets it */
   struct stat st;
   int fd = -1;
-  if (open_preprocess(SHARE, path, &mode, &op, &full_path, &newly_created, 0, client->record, &st,
-                      CLIENT_ADDRESS, &client->perm_ctx, AUDIT) == 0 &&
+  if (open_preprocess(TAVRIX_TREE, path, &mode, &op, &full_path, &newly_created, 0, client->record,
+                      &st, CLIENT_ADDRESS, &client->perm_ctx, AUDIT) == 0 &&
       raise_permissions(&client->perm_ctx) == 1) {
     fd = open(full_path, flags, 0644);
     give_root_back(client);
@@ -219,11 +218,11 @@ static void read_file(struct client* client, const char* path) {
 }
 
 static void rename_file(struct client* client, const char* what, const char* from, const char* to) {
-  char* old_path = join(SHARE, from);
-  char* new_path = join(SHARE, to);
+  char* old_path = join(TAVRIX_TREE, from);
+  char* new_path = join(TAVRIX_TREE, to);
   int isdir = 0;
   int is_nav = 0;
-  int result = rename_preprocess(SHARE, old_path, new_path, &client->perm_ctx, &isdir,
+  int result = rename_preprocess(TAVRIX_TREE, old_path, new_path, &client->perm_ctx, &isdir,
                                  client->record, &is_nav);
   if (result == 0) result = rename(old_path, new_path);
   give_root_back(client);
@@ -236,10 +235,10 @@ static void rename_file(struct client* client, const char* what, const char* fro
 /* Nothing is decided about times: ask for the file itself first. */
 static void set_times(struct client* client, const char* path) {
   char* full_path = NULL;
-  int result = stat_preprocess(client->record, path, SHARE, &client->perm_ctx);
+  int result = stat_preprocess(client->record, path, TAVRIX_TREE, &client->perm_ctx);
   give_root_back(client);
   if (result == 0) {
-    result = ntimes_file_preprocess(&full_path, SHARE, path, &client->perm_ctx);
+    result = ntimes_file_preprocess(&full_path, TAVRIX_TREE, path, &client->perm_ctx);
     if (result == 0) result = utimensat(AT_FDCWD, full_path, NULL, 0);
     give_root_back(client);
     if (result == 0) ntimes_file_postprocess(full_path, client->record);
@@ -249,8 +248,8 @@ static void set_times(struct client* client, const char* path) {
 }
 
 static void delete_file(struct client* client, const char* path) {
-  char* full_path = join(SHARE, path);
-  int result = unlink_preprocess(SHARE, path, full_path, client->record, &client->perm_ctx);
+  char* full_path = join(TAVRIX_TREE, path);
+  int result = unlink_preprocess(TAVRIX_TREE, path, full_path, client->record, &client->perm_ctx);
   if (result == 0) result = unlink(full_path);
   give_root_back(client);
   if (result == 0) unlink_postprocess(full_path, client->record);

@@ -14,7 +14,6 @@
 namespace tavrix {
 namespace {
 
-constexpr const char* kMount = "/tavrix";
 constexpr const char* kShared = "Shared";
 
 bool is_current(const char* fname) { return std::strcmp(fname, ".") == 0; }
@@ -77,7 +76,7 @@ int opendir_preprocess(const char* fname, const char* cwd, const char* connectpa
   }
   tavrix::CString joined;
   const char* full_path = cwd;
-  if (tavrix::begins_with(cwd, tavrix::kMount) && tavrix::is_current(fname)) {
+  if (tavrix::begins_with(cwd, TAVRIX_TREE) && tavrix::is_current(fname)) {
     TAVRIX_LOG(0, "%s cwd is absolute", static_cast<const char*>(__func__));
   } else {
     joined.reset(get_full_path(connectpath, cwd));

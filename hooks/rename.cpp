@@ -12,7 +12,7 @@
 namespace tavrix {
 namespace {
 
-constexpr const char* kSharedMount = "/tavrix/Shared";
+constexpr const char* kSharedMount = TAVRIX_TREE "/Shared";
 
 struct RenameOperations {
   e_fsop_type source;

@@ -185,8 +185,8 @@ enum FB_ERR TAVRIX_ENUM_INT {
 };
 typedef enum FB_ERR FB_ERR;
 
-#define TAVRIX_SYNC_OFF_PATH "/tavrix/.conf/sync.off"
-#define TAVRIX_RESCAN_PATH "/tavrix/.conf/tavrix_event_status.dirty"
+#define TAVRIX_SYNC_OFF_PATH TAVRIX_CONF_FOLDER "/sync.off"
+#define TAVRIX_RESCAN_PATH TAVRIX_CONF_FOLDER "/tavrix_event_status.dirty"
 #define TAVRIX_DUMP_FILE_PREFIX "pending_"
 
 /* Moves the records into a new dump file and empties the buffer: written under a temporary name,

@@ -17,10 +17,10 @@
 
 TAVRIX_BEGIN_DECLS
 
-/* Decides `op` on `in_path`, the share root itself or an absolute path under the share mount
- * "/tavrix/". `force_path_type` is the e_file_type that the caller knows, or 0 to look. `*is_nav`
- * becomes 1 when the grant rests on a navigate-only or viewer-only mask: let the client see the
- * object, not open it. Writes the admin and poweruser fields of `in_pts`. Ask only operations that
+/* Decides `op` on `in_path`, the share root itself or an absolute path below TAVRIX_TREE.
+ * `force_path_type` is the e_file_type that the caller knows, or 0 to look. `*is_nav` becomes 1
+ * when the grant rests on a navigate-only or viewer-only mask: let the client see the object, not
+ * open it. Writes the admin and poweruser fields of `in_pts`. Ask only operations that
  * enforce_tavrix_permissions() has a rule for, unless the path is the share root. */
 TAVRIX_API e_vfs_enforce_perms vfs_enforce_perms(const char* share_root, const char* in_path,
                                                  e_fsop_type op, process_trustees_s* in_pts,

@@ -15,10 +15,10 @@
  * for that context: null before the call. errno of a refusal is EACCES unless a hook says
  * otherwise.
  *
- * `connectpath` is the share's root, "/tavrix". `base_name`, `path`, `nlpath` and `fname` are names
- * relative to it, `full_path` is the root, a slash and the name. All strings stay the caller's, and
- * the library keeps none; `char**` is told where a hook makes a new one. `private_data` is the
- * connection's record (tavrix_structs.h).
+ * `connectpath` is the tree's root, TAVRIX_TREE. `base_name`, `path`, `nlpath` and `fname` are
+ * names relative to it, `full_path` is the root, a slash and the name. All strings stay the
+ * caller's, and the library keeps none; `char**` is told where a hook makes a new one.
+ * `private_data` is the connection's record (tavrix_structs.h).
  *
  * Events and audit records carry private_data->refresh_creds.euid; those of uid 0 and of the
  * reserved user are not recorded. Where a hook "stamps", the name user_name_as_passed_in becomes an

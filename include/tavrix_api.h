@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-/* What every public header of libtavrix shares: linkage, visibility and layout guards.
+/* Shared by every public header of libtavrix: linkage, visibility, layout guards, and the place of
+ * the tree.
  *
  * The headers are plain C: they compile as C11 and as C++20, each on its own. Names that end in
  * "_s" are structures; each has a typedef of the same name and one that ends in "_t". */
@@ -7,6 +8,12 @@
 #define TAVRIX_API_H
 
 #define TAVRIX_API __attribute__((visibility("default")))
+
+/* The root of the tree that the permission map describes. A share is this folder or one in it, and
+ * every path that a decision is asked about begins with it. */
+#define TAVRIX_TREE "/tavrix"
+/* The appliance's own folder in the tree: dump files, marks and notes; closed to clients. */
+#define TAVRIX_CONF_FOLDER TAVRIX_TREE "/.conf"
 
 /* Structures that lie at any byte of the map image are packed: read their fields by value, never
  * through a pointer to the field. */

@@ -25,9 +25,6 @@
 #define TAVRIX_MODULE_NAME "tavrix"
 #endif
 
-/* The root of the tree that the map is about; a share is this or a folder in it. */
-#define TAVRIX_TREE "/tavrix"
-
 /* One tree connection. */
 struct tavrix_connection {
   connection_private_data_s* record; /* of the user that the process works for: usually own */

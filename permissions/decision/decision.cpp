@@ -21,9 +21,10 @@
 namespace tavrix {
 namespace {
 
-// The share is mounted at "/tavrix/", and clients' paths come with it in front. These many bytes
-// are taken off whatever the share root is: module and library have agreed on the number.
-constexpr std::size_t kMountPrefix = 8;
+// Paths come with the tree and a slash in front. A decision takes off that many bytes without a
+// look at them, whatever the share root is: module and library have agreed on the number.
+constexpr std::size_t kTreePrefix = std::string_view(TAVRIX_TREE "/").size();
+static_assert(kTreePrefix == 8);
 
 constexpr uint32_t kReadOnly = TAVRIX_PERM_MASK_RDONLY;
 constexpr uint32_t kEverything = TAVRIX_PERM_MASK_RDWRDEL;
@@ -103,7 +104,7 @@ class Decision {
 
   Ruling normalize_names() {
     const bool is_root = share_root_ != nullptr && _paths_match(in_path_, share_root_) != 0;
-    const char* path = is_root ? in_path_ : in_path_ + strnlen(in_path_, kMountPrefix);
+    const char* path = is_root ? in_path_ : in_path_ + strnlen(in_path_, kTreePrefix);
     real_path_.reset(normalize_path(path));
     if (real_path_ == nullptr) return unusable_path(errno);
     TAVRIX_LOG(4, "ENFORCE_PERMS %s normalized to %s, change '' to '.' if needed", in_path_,

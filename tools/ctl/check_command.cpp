@@ -21,9 +21,6 @@
 namespace tavrix::ctl {
 namespace {
 
-// Decisions skip this many bytes of a path: "/tavrix/", where shares are mounted.
-constexpr const char* kMount = "/tavrix/";
-
 struct Operation {
   const char* name;
   e_fsop_type op;
@@ -54,7 +51,7 @@ struct Question {
   std::vector<uint32_t> groups;
   bool groups_given = false;
   int64_t admins = -1, power_users = -1;
-  std::string root = "/tavrix";
+  std::string root = TAVRIX_TREE;
   bool trace = false;
   int trace_level = 4;
 };
@@ -129,7 +126,8 @@ gid_t gid_or_group(int64_t given, const char* group_name) {
   return entry == nullptr ? static_cast<gid_t>(-1) : entry->gr_gid;
 }
 
-// The path as a server process asks: under the mount, whatever the root is.
+// The path as a server process asks: below the tree, whatever the root is, because a decision takes
+// off the length of the tree's own name.
 std::string asked_path(const Question& question) {
   std::string root = question.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();
@@ -138,7 +136,7 @@ std::string asked_path(const Question& question) {
                         (path.size() == root.size() || path[root.size()] == '/');
   if (is_below) path.erase(0, root.size());
   path.erase(0, std::min(path.find_first_not_of('/'), path.size()));
-  return path.empty() ? question.root : kMount + path;
+  return path.empty() ? question.root : TAVRIX_TREE "/" + path;
 }
 
 const char* verdict_name(int verdict) {

@@ -21,11 +21,13 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "tavrix_api.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#define OPEN_NOTES_FOLDER "/tavrix/.conf/changing"
+#define OPEN_NOTES_FOLDER TAVRIX_CONF_FOLDER "/changing"
 
 /* The note of one open file. All zero means that the file has no note. */
 struct open_note {

@@ -18,7 +18,6 @@ namespace {
 constexpr mode_t kSyncOffMode = 0666;
 constexpr mode_t kRescanMode = 0744;
 constexpr std::string_view kSyncOffText = "Failed to write event.";
-constexpr const char* kMarkerFolder = "/tavrix/.conf";
 
 // A marker that the power takes away tells nobody; whether the disk could be made to keep it
 // changes no answer.
@@ -44,7 +43,7 @@ int write_sync_off(void) {
   static_cast<void>(write(file.get(), tavrix::kSyncOffText.data(), tavrix::kSyncOffText.size()) <
                     0);
   tavrix::sync_file(file.get());
-  tavrix::sync_folder(tavrix::kMarkerFolder);
+  tavrix::sync_folder(TAVRIX_CONF_FOLDER);
   return 0;
 }
 
@@ -70,6 +69,6 @@ int mark_event_db_as_rescan_needed(const char* reason) {
                errno, strerror(errno));
     return -1;
   }
-  tavrix::sync_folder(tavrix::kMarkerFolder);
+  tavrix::sync_folder(TAVRIX_CONF_FOLDER);
   return 0;
 }
