@@ -20,6 +20,7 @@ set(TAVRIX_SOURCES
   events/records.cpp
   hooks/connection.cpp
   hooks/file.cpp
+  hooks/fixed_folders.cpp
   hooks/folder.cpp
   hooks/rename.cpp
   hooks/status.cpp

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <optional>
 
+#include "hooks/fixed_folders.hpp"
 #include "hooks/frame.hpp"
 #include "logging.h"
 #include "processing_functions.h"
@@ -17,11 +18,6 @@ namespace tavrix {
 namespace {
 
 constexpr std::size_t kLongestPath = 4096;
-constexpr const char* kShared = "Shared";
-
-bool begins_with(const char* text, const char* start) {
-  return std::strncmp(text, start, std::strlen(start)) == 0;
-}
 
 // The operation of an open mode, which becomes plain writing where it creates or changes.
 std::optional<e_fsop_type> operation_of(e_open_mode& mode) {
@@ -61,7 +57,7 @@ bool look_at(const char* full_path, struct stat& st, int& is_new, tx_perm_ctx_t*
   return true;
 }
 
-// What may never be deleted through an open.
+// False for an object that no open may delete.
 bool may_delete(const char* base_name, const char* full_path,
                 const connection_private_data_s& connection, const char* function) {
   if (is_deleteable(base_name) == 0) {
@@ -69,12 +65,7 @@ bool may_delete(const char* base_name, const char* full_path,
                static_cast<const void*>(full_path), static_cast<const void*>(base_name));
     return false;
   }
-  if (!is_administrator(connection) && begins_with(base_name, kShared) &&
-      is_fixed_folder(full_path) == FIXED_FOLDER) {
-    TAVRIX_LOG(0, "Fixed folder : delete not allowed for %s for non-admin users.\n", full_path);
-    return false;
-  }
-  return true;
+  return !is_known_fixed_for_open(connection, base_name, full_path);
 }
 
 // The name that an open descriptor has now, whatever name the client used; null without one.

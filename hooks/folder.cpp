@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "hooks/fixed_folders.hpp"
 #include "hooks/frame.hpp"
 #include "internal/assert.hpp"
 #include "logging.h"
@@ -13,8 +14,6 @@
 
 namespace tavrix {
 namespace {
-
-constexpr const char* kShared = "Shared";
 
 bool is_current(const char* fname) { return std::strcmp(fname, ".") == 0; }
 bool begins_with(const char* text, const char* start) {
@@ -26,23 +25,6 @@ char* relative_name(const char* fname, const char* cwd, const char* connectpath)
   if (!is_current(fname) || std::strcmp(cwd, connectpath) == 0) return strdup(fname);
   const std::size_t behind = std::strlen(connectpath) + 1;  // and the separator
   return strdup(std::strlen(cwd) > behind ? cwd + behind : "");
-}
-
-// A fixed folder below Shared may not be opened for its removal, but by an administrator.
-bool is_fixed_for(const connection_private_data_s& connection, const char* fname,
-                  const char* full_path, const char* function) {
-  if (is_administrator(connection)) {
-    TAVRIX_LOG(2, "%s Allowing delete for admin, bypassing the fixed-folder check for %s", function,
-               full_path);
-    return false;
-  }
-  if (!begins_with(fname, kShared)) return false;
-  const fixed_folder_res answer = is_fixed_folder(full_path);
-  if (answer == FIXED_FOLDER) {
-    TAVRIX_LOG(0, "%s: Fixed Folder, non admin user for folder %s Deny Delete\n", function,
-               full_path);
-  }
-  return answer != NOT_FIXED_FOLDER;  // no answer is taken for a yes
 }
 
 // Writes "base/name" into the caller's buffer; false when it does not fit.
@@ -113,7 +95,8 @@ int fdopendir_preprocess(const char* connectpath, const char* fname, int delete_
     return -1;
   }
   TAVRIX_LOG(2, "%s checking for FF %s\n", static_cast<const char*>(__func__), full_path.get());
-  if (delete_access != 0 && tavrix::is_fixed_for(*private_data, fname, full_path.get(), __func__)) {
+  if (delete_access != 0 &&
+      tavrix::is_fixed_or_unknown_for_listing(*private_data, fname, full_path.get(), __func__)) {
     return tavrix::refuse();
   }
   if (!tavrix::is_allowed(connectpath, full_path.get(), FSOP_OPENDIR, *private_data, is_nav)) {

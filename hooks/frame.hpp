@@ -93,9 +93,4 @@ inline void record_read(const connection_private_data_s& connection, const char*
   send_audit_vfs_event(&event, connection.refresh_creds.euid);
 }
 
-// Fixed folders below Shared are the administrators' alone to remove or rename.
-[[nodiscard]] inline bool is_administrator(const connection_private_data_s& connection) noexcept {
-  return connection.groupmap.admin != 0;
-}
-
 }  // namespace tavrix

@@ -5,14 +5,13 @@
 #include <cstring>
 #include <optional>
 
+#include "hooks/fixed_folders.hpp"
 #include "hooks/frame.hpp"
 #include "logging.h"
 #include "processing_functions.h"
 
 namespace tavrix {
 namespace {
-
-constexpr const char* kSharedMount = TAVRIX_TREE "/Shared";
 
 struct RenameOperations {
   e_fsop_type source;
@@ -23,22 +22,11 @@ struct RenameOperations {
 constexpr RenameOperations kInPlace{FSOP_OPEN_WRITE, FSOP_RENAME_DEST};
 constexpr RenameOperations kMove{FSOP_MOVE_SRC, FSOP_MOVE_DEST};
 
-bool is_fixed_for(const connection_private_data_s& connection, const char* source,
-                  const char* function) {
-  const bool is_shared = std::strncmp(source, kSharedMount, std::strlen(kSharedMount)) == 0;
-  if (is_fixed_folder(source) != FIXED_FOLDER || is_administrator(connection) || !is_shared) {
-    return false;
-  }
-  TAVRIX_LOG(0, "%s %d: Denying attempt to rename a fixed folder for a non-admin user for path %s",
-             function, __LINE__, source);
-  return true;
-}
-
 // The two operations to ask about a folder; none when it may not be renamed at all.
 std::optional<RenameOperations> folder_operations(const char* source, const char* destination,
                                                   const connection_private_data_s& connection,
                                                   const char* function) {
-  if (is_fixed_for(connection, source, function)) return std::nullopt;
+  if (is_known_fixed_for_rename(connection, source, function)) return std::nullopt;
   TAVRIX_LOG(10, "Checking whether a move\n");
   const int moves = is_amove(source, destination);
   if (moves == -1) {
