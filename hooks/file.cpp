@@ -130,7 +130,7 @@ int open_preprocess(const char* connectpath, const char* base_name, e_open_mode*
     tavrix::record_read(*private_data, *full_path, remote_hostname,
                         static_cast<uint64_t>(st->st_size));
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 int open_postprocess(struct stat* /*st*/, tx_perm_ctx_t** /*perm_ctx*/, char** full_path,
@@ -234,7 +234,7 @@ int create_file_preprocess(int write_access_requested, char** full_path, const c
                static_cast<const char*>(__func__), base_name);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void create_file_postprocess(connection_private_data_s* private_data, const char* full_path) {
@@ -254,7 +254,7 @@ int unlink_preprocess(const char* connectpath, const char* base_name, const char
                full_path);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void unlink_postprocess(const char* full_path, connection_private_data_s* private_data) {
@@ -271,7 +271,7 @@ int ntimes_file_preprocess(char** full_path, const char* connectpath, const char
   if (!tavrix::stay_root(perm_ctx)) {
     TAVRIX_LOG(0, "Cannot elevate perms to enforce ntimes, full_path=%s\n", *full_path);
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void ntimes_file_postprocess(const char* full_path, connection_private_data_s* private_data) {

@@ -82,7 +82,7 @@ int opendir_preprocess(const char* fname, const char* cwd, const char* connectpa
     return tavrix::refuse();
   }
   *nlpath = relative.release();
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 int fdopendir_preprocess(const char* connectpath, const char* fname, int delete_access,
@@ -110,7 +110,7 @@ int fdopendir_preprocess(const char* connectpath, const char* fname, int delete_
                static_cast<const char*>(__func__), fname);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void readir_postprocess(int* allowed, const char* nlpath, const char* base, char* full_path,
@@ -134,7 +134,7 @@ int mkdir_preprocess(const char* connectpath, const char* /*path*/, const char* 
                full_path);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void mkdir_postprocess(connection_private_data_s* private_data, char** full_path) {
@@ -165,7 +165,7 @@ int create_dir_preprocess(int is_delete_access, const char* nlpath, char** full_
                static_cast<const char*>(__func__), *full_path);
     return tavrix::refuse(ENOMEM);  // the module tells this failure from a refusal
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void create_dir_postprocess(const char* full_path, connection_private_data_s* private_data) {
@@ -205,7 +205,7 @@ int rmdir_preprocess(const char* full_path, const char* connectpath, const char*
                full_path);
     return tavrix::refuse(EPERM);
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void rmdir_postprocess(const char* full_path, connection_private_data_s* private_data) {
@@ -237,5 +237,5 @@ int chdir_preprocess(const char* path, const char* connectpath,
     TAVRIX_LOG(0, "Cannot elevate to root privileges to enforce chdir");
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }

@@ -13,7 +13,7 @@
 
 namespace tavrix {
 
-constexpr int kLetGo = 0;
+constexpr int kProceed = 0;
 
 [[nodiscard]] inline int refuse(int error = EACCES) noexcept {
   errno = error;

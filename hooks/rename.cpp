@@ -90,7 +90,7 @@ int rename_preprocess(const char* connectpath, const char* sfull_path, const cha
                dfull_path);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 void rename_postprocess(const char* new_full_path, const char* old_full_path, int isdir,

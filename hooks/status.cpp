@@ -24,7 +24,7 @@ int stat_preprocess(connection_private_data_s* private_data, const char* base_na
     TAVRIX_LOG(0, "Could not switch to root for stat operation for nlpath=%s\n", base_name);
     return tavrix::refuse(EPERM);
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 int lstat_preprocess(const char* connectpath, const char* base_name, tx_perm_ctx_t** perm_ctx,
@@ -38,7 +38,7 @@ int lstat_preprocess(const char* connectpath, const char* base_name, tx_perm_ctx
     TAVRIX_LOG(0, "Could not switch to root for lstat operation, base_name=%s\n", base_name);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }
 
 int statvfs_preprocess(const char* connectpath, const char* path,
@@ -58,5 +58,5 @@ int statvfs_preprocess(const char* connectpath, const char* path,
                path);
     return tavrix::refuse();
   }
-  return tavrix::kLetGo;
+  return tavrix::kProceed;
 }

@@ -59,7 +59,7 @@ TEST_F(CreateFile, AsksForWhatTheDispositionMeans) {
     for (const Row& row : rows) {
       Creating creating(row.exists ? "Shared/Team/report.txt" : "Shared/Team/new.txt",
                         row.disposition, row.write);
-      const auto asked = asked_by([&] { EXPECT_EQ(kLetGo, creating.run(session)); });
+      const auto asked = asked_by([&] { EXPECT_EQ(kProceed, creating.run(session)); });
       EXPECT_EQ((std::vector<Question>{{row.op, creating.path}}), asked) << row.disposition;
       EXPECT_EQ(row.exists ? 1 : 0, creating.exists);
     }
@@ -152,7 +152,7 @@ TEST_F(CreateFile, OfTheReservedUserIsNotAskedAndNotRecorded) {
                                "full_path=[/tavrix/Shared/Closed/x] op=(3)\n",
                                [&] {
                                  Creating creating("Shared/Closed/x", kOpen, 1);
-                                 EXPECT_EQ(kLetGo, creating.run(session));
+                                 EXPECT_EQ(kProceed, creating.run(session));
                                }));
     create_file_postprocess(session.get(), "/tavrix/Shared/Closed/x");
   });
@@ -213,7 +213,7 @@ TEST_F(Times, OfAFileAreSetByRootWithoutADecision) {
     Session session(kStandardUser);
     char* full_path = nullptr;
     const auto asked = asked_by([&] {
-      EXPECT_EQ(kLetGo, session.call([&] {
+      EXPECT_EQ(kProceed, session.call([&] {
         return ntimes_file_preprocess(&full_path, "/tavrix", "Shared/Closed/x", session.slot());
       }));
     });

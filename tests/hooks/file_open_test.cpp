@@ -71,7 +71,7 @@ TEST_F(Open, MapsItsModeToAnOperation) {
                            Row{OPENMODE_CREATE, FSOP_CREATE, OPENMODE_WRITE},
                            Row{OPENMODE_CHATTR, FSOP_OPEN_CHATTR, OPENMODE_WRITE}}) {
       Opening opening("Shared/Team/report.txt", row.mode);
-      EXPECT_EQ(kLetGo, opening.run(session));
+      EXPECT_EQ(kProceed, opening.run(session));
       EXPECT_EQ(row.op, opening.op);
       EXPECT_EQ(row.after, opening.mode);
     }
@@ -108,12 +108,12 @@ TEST_F(Open, TellsWhatTheFileIsAndWhetherItIsNew) {
   as(kAnna, [] {
     Session session(kAnna);
     Opening old("Shared/Team/report.txt", OPENMODE_WRITE);
-    EXPECT_EQ(kLetGo, old.run(session));
+    EXPECT_EQ(kProceed, old.run(session));
     EXPECT_EQ(0, old.is_new);
     EXPECT_EQ(8, old.st.st_size);
     Opening made("Shared/Team/new.txt", OPENMODE_WRITE);
     made.st.st_mode = S_IFREG;  // what was there before
-    EXPECT_EQ(kLetGo, made.run(session));
+    EXPECT_EQ(kProceed, made.run(session));
     EXPECT_EQ(1, made.is_new);
     EXPECT_EQ(0U, made.st.st_mode);
   });
@@ -156,24 +156,24 @@ TEST_F(Open, ForDeletionNeverReachesTheTopOfPrivate) {
     expect_deletion(kRefusedAccess, caller, "Private");
     expect_deletion(kRefusedAccess, caller, "Private/pat");
   }
-  expect_deletion(kLetGo, kPat, "Private/pat/notes");
+  expect_deletion(kProceed, kPat, "Private/pat/notes");
 }
 
 TEST_F(Open, ForDeletionOfAFixedFolderIsForAdministrators) {
   mark_fixed("Shared/Team");
   expect_deletion(kRefusedAccess, kAnna, "Shared/Team");
-  expect_deletion(kLetGo, kAdministrator, "Shared/Team");
-  expect_deletion(kLetGo, kAnna, "Shared/Team/Docs");
+  expect_deletion(kProceed, kAdministrator, "Shared/Team");
+  expect_deletion(kProceed, kAnna, "Shared/Team/Docs");
 }
 
 TEST_F(Open, ForDeletionGoesOnWhereTheMarkIsNobodys) {
   mark_fixed("Shared/Team", "1");
-  expect_deletion(kLetGo, kAnna, "Shared/Team");
+  expect_deletion(kProceed, kAnna, "Shared/Team");
 }
 
 TEST_F(Open, ForDeletionLooksForMarksBelowSharedOnly) {
   mark_fixed("Private/pat/notes");
-  expect_deletion(kLetGo, kPat, "Private/pat/notes");
+  expect_deletion(kProceed, kPat, "Private/pat/notes");
   mark_fixed("Shared/Team");
   as(kAnna, [] {
     Session session(kAnna);
@@ -190,7 +190,7 @@ TEST_F(Open, NotForDeletionOfAFixedFolderIsTheMaps) {
   as(kAnna, [] {
     Session session(kAnna);
     Opening opening("Shared/Team");
-    EXPECT_EQ(kLetGo, opening.run(session));
+    EXPECT_EQ(kProceed, opening.run(session));
   });
 }
 
@@ -295,7 +295,7 @@ TEST_F(Open, GoesOnWhenTheLookFails) {
     Session session(kAnna);
     Opening opening("Shared/Team/report.txt");
     fail_call("stat", EIO);
-    EXPECT_EQ(kLetGo, opening.run(session));
+    EXPECT_EQ(kProceed, opening.run(session));
     EXPECT_EQ(0, opening.is_new);
   });
 }

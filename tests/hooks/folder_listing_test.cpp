@@ -28,7 +28,7 @@ class OpenDir : public Hooks {
     Session session(kAdministrator);
     Listing listing{cwd, fname};
     session->reserved_user = 1;
-    EXPECT_EQ(kLetGo, listing.run(session));
+    EXPECT_EQ(kProceed, listing.run(session));
     return listing.nlpath;
   }
 };
@@ -69,12 +69,12 @@ TEST_F(OpenDir, TellsAFolderThatMayOnlyBeSeen) {
     for (const auto& [name, is_nav] :
          {std::pair{"Shared/Team", 0}, {"Shared/Team/Gallery", 1}, {"Shared/Lobby", 1}}) {
       Listing listing{full(name)};
-      EXPECT_EQ(kLetGo, listing.run(session));
+      EXPECT_EQ(kProceed, listing.run(session));
       EXPECT_EQ(is_nav, listing.is_nav) << name;
     }
     session->reserved_user = 1;
     Listing listing{full("Shared/Lobby")};
-    EXPECT_EQ(kLetGo, listing.run(session));
+    EXPECT_EQ(kProceed, listing.run(session));
     EXPECT_EQ(0, listing.is_nav);
   });
 }
@@ -143,12 +143,12 @@ TEST_F(FdOpenDir, ToDeleteAFixedFolderIsForAdministrators) {
   as(kAnna, [] {
     Session session(kAnna);
     EXPECT_EQ(kRefusedAccess, opens(session, "Shared/Team", 1));
-    EXPECT_EQ(kLetGo, opens(session, "Shared/Team", 0));
-    EXPECT_EQ(kLetGo, opens(session, "Shared/Team/Docs", 1));
+    EXPECT_EQ(kProceed, opens(session, "Shared/Team", 0));
+    EXPECT_EQ(kProceed, opens(session, "Shared/Team/Docs", 1));
   });
   as(kAdministrator, [] {
     Session session(kAdministrator);
-    EXPECT_EQ(kLetGo, opens(session, "Shared/Team", 1));
+    EXPECT_EQ(kProceed, opens(session, "Shared/Team", 1));
   });
 }
 
@@ -171,7 +171,7 @@ TEST_F(FdOpenDir, LooksForMarksBelowSharedOnly) {
   as(kPat, [] {
     Session session(kPat);
     reset_calls();
-    EXPECT_EQ(kLetGo, opens(session, "Private/pat", 1));
+    EXPECT_EQ(kProceed, opens(session, "Private/pat", 1));
     EXPECT_EQ(0, calls("getxattr"));
   });
 }
@@ -179,10 +179,10 @@ TEST_F(FdOpenDir, LooksForMarksBelowSharedOnly) {
 TEST_F(FdOpenDir, TellsAFolderThatMayOnlyBeSeen) {
   as(kAnna, [] {
     Session session(kAnna);
-    EXPECT_EQ(kLetGo, opens(session, "Shared/Lobby"));
+    EXPECT_EQ(kProceed, opens(session, "Shared/Lobby"));
     EXPECT_EQ(1, nav);
     session->reserved_user = 1;
-    EXPECT_EQ(kLetGo, opens(session, "Shared/Lobby"));
+    EXPECT_EQ(kProceed, opens(session, "Shared/Lobby"));
     EXPECT_EQ(0, nav);
   });
 }
@@ -278,7 +278,7 @@ TEST_F(ReadDir, TheSecondTimeAndTheStatOfAnEntryCostNoLook) {
     reset_calls();
     verdict(session, "Shared/Team", "Docs");
     EXPECT_EQ(0, calls("shmat"));
-    EXPECT_EQ(kLetGo, session.call([&] {
+    EXPECT_EQ(kProceed, session.call([&] {
       return stat_preprocess(session.get(), "Shared/Team/Docs", "/tavrix", session.slot());
     }));
     EXPECT_EQ(0, calls("shmat"));

@@ -68,8 +68,8 @@ TEST_F(CreateDir, ToDeleteNeverReachesTheTopOfPrivate) {
     Session session(kAdministrator);
     EXPECT_EQ(kRefusedAccess, creates(session, "Private", 0, 1));
     EXPECT_EQ(kRefusedAccess, creates(session, "Private/pat", 0, 1));
-    EXPECT_EQ(kLetGo, creates(session, "Private/pat/notes", 0, 1));
-    EXPECT_EQ(kLetGo, creates(session, "Private/pat", 0, 0));
+    EXPECT_EQ(kProceed, creates(session, "Private/pat/notes", 0, 1));
+    EXPECT_EQ(kProceed, creates(session, "Private/pat", 0, 0));
   });
 }
 
@@ -78,7 +78,7 @@ TEST_F(CreateDir, ToDeleteDoesNotLookForMarks) {
   mark_fixed("Shared/Team");
   as(kAnna, [] {
     Session session(kAnna);
-    EXPECT_EQ(kLetGo, creates(session, "Shared/Team", 0, 1));
+    EXPECT_EQ(kProceed, creates(session, "Shared/Team", 0, 1));
   });
 }
 
@@ -141,7 +141,7 @@ TEST_F(RemoveDir, DecidesAlikeWhateverTheSettingSays) {
     allow_forbidden(setting);
     as(kAnna, [] {
       Session session(kAnna);
-      EXPECT_EQ(kLetGo, removes(session, "Shared/Team/Docs"));
+      EXPECT_EQ(kProceed, removes(session, "Shared/Team/Docs"));
       EXPECT_EQ(kNotPermitted, removes(session, "Shared/Team"));
     });
   }
@@ -224,7 +224,7 @@ TEST_F(ChangeDir, ToTheShareIsForEverybody) {
   as(kStandardUser, [] {
     Session session(kStandardUser);
     for (const char* path : {"/", "/tavrix"}) {
-      const auto asked = asked_by([&] { EXPECT_EQ(kLetGo, enters(session, path)); });
+      const auto asked = asked_by([&] { EXPECT_EQ(kProceed, enters(session, path)); });
       EXPECT_EQ((std::vector<Question>{{FSOP_CHDIR, "/tavrix"}}), asked);
     }
     EXPECT_EQ(kRefusedAccess, enters(session, "Shared"));

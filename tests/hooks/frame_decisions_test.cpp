@@ -156,7 +156,7 @@ class HookDecisions : public Hooks {
         destroy_tlb(&session->vfs_table_cache);
         const long blocks = live_allocations();
         const Answer answer = session.call([&] { return row.call(session, name); }, row.root);
-        EXPECT_EQ(granted ? kLetGo : row.refusal, answer);
+        EXPECT_EQ(granted ? kProceed : row.refusal, answer);
         destroy_tlb(&session->vfs_table_cache);
         EXPECT_EQ(blocks, live_allocations()) << "blocks left on the heap";
       }
@@ -200,7 +200,7 @@ TEST_F(HookDecisions, AreNotMadeForTheReservedUser) {
       SCOPED_TRACE(row.hook);
       const auto asked = asked_by([&] {
         const auto call = [&] { return row.call(session, "Shared/Closed/x"); };
-        EXPECT_EQ(kLetGo, session.call(call, row.root));
+        EXPECT_EQ(kProceed, session.call(call, row.root));
       });
       EXPECT_EQ(std::vector<Question>{}, asked);
     }
@@ -215,7 +215,7 @@ TEST_F(HookDecisions, OfComputersAreTheMapsButForStat) {
     for (const Row& row : rows()) {
       SCOPED_TRACE(row.hook);
       const auto call = [&] { return row.call(session, "Shared/Team/Docs"); };
-      EXPECT_EQ(row.op == FSOP_STAT ? kNotPermitted : kLetGo, session.call(call, row.root));
+      EXPECT_EQ(row.op == FSOP_STAT ? kNotPermitted : kProceed, session.call(call, row.root));
     }
   });
 }
@@ -255,7 +255,7 @@ void call_with_a_failure(const Row& row, const std::string& failing, int nth) {
     return result;
   };
   const Answer answer = session.call(call, row.root);
-  EXPECT_TRUE(answer == kLetGo || answer == row.refusal || answer == kNoName) << answer;
+  EXPECT_TRUE(answer == kProceed || answer == row.refusal || answer == kNoName) << answer;
   destroy_tlb(&session->vfs_table_cache);
   EXPECT_EQ(blocks, live_allocations()) << "blocks left on the heap";
   if (made < nth && !testing::Test::HasFailure()) _exit(kNeverCameToThat);

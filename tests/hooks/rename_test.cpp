@@ -75,10 +75,10 @@ TEST_F(Rename, TellsFoldersFromFiles) {
   as(kAnna, [] {
     Session session(kAnna);
     Renaming folder{full("Shared/Team/Docs"), full("Shared/Team/Papers")};
-    EXPECT_EQ(kLetGo, folder.run(session));
+    EXPECT_EQ(kProceed, folder.run(session));
     EXPECT_EQ(1, folder.isdir);
     Renaming file{full("Shared/Team/report.txt"), full("Shared/Team/new.txt")};
-    EXPECT_EQ(kLetGo, file.run(session));
+    EXPECT_EQ(kProceed, file.run(session));
     EXPECT_EQ(0, file.isdir);
     EXPECT_EQ(0, file.is_nav);
   });
@@ -104,7 +104,7 @@ TEST_F(Rename, NeedsBothVerdicts) {
           };
           const bool both = granted(moves ? FSOP_MOVE_SRC : FSOP_OPEN_WRITE, from) &&
                             granted(moves ? FSOP_MOVE_DEST : FSOP_RENAME_DEST, to);
-          EXPECT_EQ(both ? kLetGo : kRefusedAccess, renames(caller, from, to))
+          EXPECT_EQ(both ? kProceed : kRefusedAccess, renames(caller, from, to))
               << caller.name << " " << from << " -> " << to;
         }
       }
@@ -118,21 +118,22 @@ TEST_F(Rename, OfAFixedFolderIsForAdministrators) {
     EXPECT_EQ(kRefusedAccess, renames(kAnna, "Shared/Team/Docs", "Shared/Team/Papers"));
     EXPECT_EQ(Questions{}, asks("Shared/Team/Docs", "Shared/Team/Papers"));
   });
-  as(kAdministrator,
-     [] { EXPECT_EQ(kLetGo, renames(kAdministrator, "Shared/Team/Docs", "Shared/Team/Papers")); });
+  as(kAdministrator, [] {
+    EXPECT_EQ(kProceed, renames(kAdministrator, "Shared/Team/Docs", "Shared/Team/Papers"));
+  });
 }
 
 TEST_F(Rename, GoesOnWhereTheMarkIsNobodysOrElsewhere) {
   mark_fixed("Shared/Team/Docs", "1");
   mark_fixed("Private/pat/notes");
-  as(kAnna, [] { EXPECT_EQ(kLetGo, renames(kAnna, "Shared/Team/Docs", "Shared/Team/Papers")); });
-  as(kPat, [] { EXPECT_EQ(kLetGo, renames(kPat, "Private/pat/notes", "Private/pat/old")); });
+  as(kAnna, [] { EXPECT_EQ(kProceed, renames(kAnna, "Shared/Team/Docs", "Shared/Team/Papers")); });
+  as(kPat, [] { EXPECT_EQ(kProceed, renames(kPat, "Private/pat/notes", "Private/pat/old")); });
 }
 
 TEST_F(Rename, OfAMarkedFileIsTheMaps) {
   mark_fixed("Shared/Team/report.txt");
   as(kAnna,
-     [] { EXPECT_EQ(kLetGo, renames(kAnna, "Shared/Team/report.txt", "Shared/Team/new.txt")); });
+     [] { EXPECT_EQ(kProceed, renames(kAnna, "Shared/Team/report.txt", "Shared/Team/new.txt")); });
 }
 
 TEST_F(Rename, OfAMissingSourceIsNoEntry) {
@@ -162,7 +163,7 @@ TEST_F(Rename, OfTheReservedUserIsNotAsked) {
     Session session(kStandardUser);
     session->reserved_user = 1;
     Renaming renaming{full("Shared/Closed"), full("Private/Closed")};
-    const auto asked = asked_by([&] { EXPECT_EQ(kLetGo, renaming.run(session)); });
+    const auto asked = asked_by([&] { EXPECT_EQ(kProceed, renaming.run(session)); });
     EXPECT_EQ(Questions{}, asked);
     EXPECT_EQ(0, renaming.is_nav);
     EXPECT_EQ(1, renaming.isdir);
@@ -280,7 +281,8 @@ TEST_F(Rename, LeavesNothingBehindWhateverFails) {
           errno = error;
           return result;
         });
-        EXPECT_TRUE(answer == kLetGo || answer == kRefusedAccess || answer == (Answer{-1, ENOENT}))
+        EXPECT_TRUE(answer == kProceed || answer == kRefusedAccess ||
+                    answer == (Answer{-1, ENOENT}))
             << answer;
         EXPECT_EQ(0, session.blocks_left());
       }

@@ -45,13 +45,13 @@ TEST_F(Stat, DeniedIsNotPermittedAndLstatDeniedIsNoAccess) {
 TEST_F(Stat, IsAnsweredFromTheCacheTheSecondTimeAndLstatNever) {
   as(kAnna, [] {
     Session session(kAnna);
-    EXPECT_EQ(kLetGo, stats(session, "Shared/Team"));
+    EXPECT_EQ(kProceed, stats(session, "Shared/Team"));
     reset_calls();
-    EXPECT_EQ(kLetGo, stats(session, "Shared/Team"));
+    EXPECT_EQ(kProceed, stats(session, "Shared/Team"));
     EXPECT_EQ(0, calls("shmat"));
-    EXPECT_EQ(kLetGo, lstats(session, "Shared/Team"));
+    EXPECT_EQ(kProceed, lstats(session, "Shared/Team"));
     EXPECT_EQ(1, calls("shmat"));
-    EXPECT_EQ(kLetGo, lstats(session, "Shared/Team"));
+    EXPECT_EQ(kProceed, lstats(session, "Shared/Team"));
     EXPECT_EQ(2, calls("shmat"));
   });
 }
@@ -62,7 +62,7 @@ TEST_F(Stat, OfAComputerIsRefusedAndItsLstatIsTheMaps) {
     session->groupmap.is_computer_acct = 1;
     EXPECT_EQ(kNotPermitted, stats(session, "Shared/Team"));
     EXPECT_EQ(kNotPermitted, stats(session, "."));
-    EXPECT_EQ(kLetGo, lstats(session, "Shared/Team"));
+    EXPECT_EQ(kProceed, lstats(session, "Shared/Team"));
   });
 }
 
@@ -85,10 +85,10 @@ TEST_F(Stat, NoticesANewMapAndANewGroupList) {
     session->groupmap.gids = nullptr;  // the refresh frees what it finds
     session->groupmap.num_sup_gids = 0;
     session->refresh_creds.groupmap_refresh = 0;
-    EXPECT_EQ(kLetGo, stats(session, "Shared/Team")) << "the groups come from the list";
+    EXPECT_EQ(kProceed, stats(session, "Shared/Team")) << "the groups come from the list";
     EXPECT_EQ(static_cast<int>(kAnna.groups.size()), session->groupmap.num_sup_gids);
     as_root([] { publish_team({{kAnna.uid, 0}}, {}); });
-    EXPECT_EQ(kLetGo, stats(session, "Shared/Team")) << "cached";
+    EXPECT_EQ(kProceed, stats(session, "Shared/Team")) << "cached";
     touch("/etc/tavrix/permission_refresh", time(nullptr) + 10);
     EXPECT_EQ(kNotPermitted, stats(session, "Shared/Team"));
     EXPECT_EQ(TAVRIX_TLB_FLUSHED, session->vfs_table_cache.flush_tlb);
@@ -104,7 +104,7 @@ TEST_F(Stat, NoticesAnotherUserAndLstatDoesNot) {
     session->refresh_creds.euid = kBen.uid;
     EXPECT_EQ(kRefusedAccess, lstats(session, "Shared/Team"));
     EXPECT_EQ(kBen.uid, session->refresh_creds.euid);
-    EXPECT_EQ(kLetGo, stats(session, "Shared/Team"));
+    EXPECT_EQ(kProceed, stats(session, "Shared/Team"));
     EXPECT_EQ(kAnna.uid, session->refresh_creds.euid);
     EXPECT_EQ(kAnna.uid, session->groupmap.euid);
     std::free(session->groupmap.gids);
@@ -115,7 +115,7 @@ TEST_F(Stat, OfTheFileSystemIsGrantedAtTheShareItself) {
   for (const Caller& caller : all_callers()) {
     as(caller, [&] {
       Session session(caller);
-      EXPECT_EQ(kLetGo, statvfs(session, "/tavrix")) << caller.name;
+      EXPECT_EQ(kProceed, statvfs(session, "/tavrix")) << caller.name;
       const auto asked = asked_by([&] { statvfs(session, "/tavrix"); });
       EXPECT_EQ((std::vector<Question>{{FSOP_STATVFS, "/tavrix//tavrix"}}), asked);
     });

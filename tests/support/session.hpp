@@ -32,7 +32,7 @@ struct Answer {
 inline std::ostream& operator<<(std::ostream& out, const Answer& answer) {
   return out << answer.result << " " << (answer.error == 0 ? "" : std::strerror(answer.error));
 }
-constexpr Answer kLetGo{0, 0};
+constexpr Answer kProceed{0, 0};
 constexpr Answer kRefusedAccess{-1, EACCES};
 constexpr Answer kNotPermitted{-1, EPERM};
 constexpr Answer kNoName{-1, ENOMEM};
