@@ -27,27 +27,33 @@ set(TAVRIX_SOURCES
   permissions/decision/caller.cpp
   permissions/decision/change_id.cpp
   permissions/decision/decision.cpp
+  permissions/decision/protected_folders.cpp
   permissions/decision/rules.cpp
   permissions/decision/special_files.cpp
   permissions/import/data_pass.cpp
   permissions/import/driver.cpp
   permissions/import/json_parse.cpp
-  permissions/import/name_traces.cpp
+  permissions/import/local_copy.cpp
   permissions/import/parse_stack.cpp
   permissions/import/report.cpp
   permissions/import/size_pass.cpp
   permissions/map/acl.cpp
   permissions/map/image_dump.cpp
+  permissions/map/image_layout.cpp
   permissions/map/image_lookup.cpp
   permissions/map/image_records.cpp
+  permissions/map/name_traces.cpp
   permissions/map/path_elements.cpp
   permissions/map/tables.cpp
   regex_parser/regex_parser.cpp
   sweeper/sweeper_log.cpp
   utils/name_compare.cpp
   utils/parameter_block.cpp
+  utils/path_match.cpp
   utils/path_names.cpp
   utils/privilege.cpp
+  utils/random_string.cpp
+  utils/reserved_user.cpp
   utils/samba_compare.cpp
   utils/staging/buffer.cpp
   utils/staging/dump_file.cpp

@@ -18,8 +18,6 @@
 #include "tavrix_getgrouplist.h"
 #include "tavrix_vfs_utils.h"
 
-uid_t reserved_user_uid = static_cast<uid_t>(-1);
-
 namespace tavrix {
 namespace {
 
@@ -111,8 +109,6 @@ time_t modification_time(const char* path, bool& missing) {
 
 }  // namespace
 }  // namespace tavrix
-
-void set_reserved_user_uid(uid_t uid) { reserved_user_uid = uid; }
 
 int is_computer_name(const char* user_name) {
   if (user_name == nullptr || *user_name == '\0') return 0;
@@ -216,12 +212,4 @@ void refresh_credentials(connection_private_data_s* connection) {
     refresh = true;
   }
   if (refresh) flush_perms_handler(SIGUSR1, connection);
-}
-
-int raise_permissions(tx_perm_ctx_t** ctx) {
-  if (geteuid() == 0) return 1;
-  *ctx = tavrix_vfs_become_root();
-  if (*ctx != nullptr) return 1;
-  errno = EACCES;
-  return 0;
 }

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
+#include <memory>
 
 #include "internal/scoped.hpp"
 #include "logging.h"
@@ -60,30 +60,8 @@ bool same_folder(const path_array& a, const path_array& b) {
   return true;
 }
 
-constexpr std::string_view kPrivate = "Private";
-constexpr std::string_view kPrivatePrefix = "Private/";
-
 }  // namespace
 }  // namespace tavrix
-
-char* get_full_path(const char* folder, const char* path) {
-  if (folder == nullptr || path == nullptr) {
-    TAVRIX_LOG(0, "dirname (%s) or basename (%s) is NULL\n", folder != nullptr ? folder : "NULL",
-               path != nullptr ? path : "NULL");
-    return nullptr;
-  }
-  const std::size_t folder_length = std::strlen(folder);
-  const std::size_t path_length = std::strlen(path);
-  auto* full = static_cast<char*>(std::calloc(1, folder_length + path_length + 2));
-  if (full == nullptr) {
-    TAVRIX_LOG(0, "calloc failed. errno = %d(%s)\n", errno, strerror(errno));
-    return nullptr;
-  }
-  std::memcpy(full, folder, folder_length);
-  full[folder_length] = '/';
-  std::memcpy(full + folder_length + 1, path, path_length);
-  return full;
-}
 
 e_open_mode mode2tavrixmode(int flags) {
   if ((flags & O_TRUNC) != 0) {
@@ -186,30 +164,4 @@ int is_amove(const char* src_fsobj, const char* dst_fsobj) {
     return -1;
   }
   return tavrix::same_folder(*src, *dst) ? 0 : 1;
-}
-
-// The private area and the users' folders in it are the appliance's, not the clients'.
-int is_deleteable(const char* path_to_delete) {
-  if (path_to_delete == nullptr) return 1;
-  const std::string_view path(path_to_delete);
-  if (path == tavrix::kPrivate) return 0;
-  if (!path.starts_with(tavrix::kPrivatePrefix) || path == tavrix::kPrivatePrefix) return 1;
-  if (path.find('/', tavrix::kPrivatePrefix.size()) != std::string_view::npos) return 1;
-  TAVRIX_LOG(0, "%s:  path_to_delete=%s not allowed\n", static_cast<const char*>(__func__),
-             path_to_delete);
-  return 0;
-}
-
-// The search for the last component stops at the second character, so that a lone "ab/" yields "b";
-// callers pass paths that begin with "/".
-char* child_from_path(const char* path) {
-  if (path == nullptr) return nullptr;
-  const std::string_view text(path);
-  if (text.find('/') == std::string_view::npos) return strdup(path);
-  const std::size_t last = text.find_last_not_of('/');
-  const std::size_t end = last == std::string_view::npos ? 0 : last + 1;
-  std::size_t begin = end;
-  while (begin > 1 && text[begin - 1] != '/') --begin;
-  if (begin < 1) begin = 1;
-  return begin < end ? strndup(path + begin, end - begin) : strdup("");
 }

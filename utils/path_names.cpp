@@ -7,7 +7,9 @@
 #include <string_view>
 
 #include "internal/scoped.hpp"
+#include "logging.h"
 #include "tavrix_utils.h"
+#include "tavrix_vfs_utils.h"
 
 namespace tavrix {
 namespace {
@@ -120,4 +122,37 @@ char* parent_dir_from_path(const char* path) {
   if (end == 0) return tavrix::copy_of_start(path, whole, 0);
   skip_slashes();
   return tavrix::copy_of_start(path, whole, end == 0 ? 1 : end);
+}
+
+char* get_full_path(const char* folder, const char* path) {
+  if (folder == nullptr || path == nullptr) {
+    TAVRIX_LOG(0, "dirname (%s) or basename (%s) is NULL\n", folder != nullptr ? folder : "NULL",
+               path != nullptr ? path : "NULL");
+    return nullptr;
+  }
+  const std::size_t folder_length = std::strlen(folder);
+  const std::size_t path_length = std::strlen(path);
+  auto* full = static_cast<char*>(std::calloc(1, folder_length + path_length + 2));
+  if (full == nullptr) {
+    TAVRIX_LOG(0, "calloc failed. errno = %d(%s)\n", errno, strerror(errno));
+    return nullptr;
+  }
+  std::memcpy(full, folder, folder_length);
+  full[folder_length] = '/';
+  std::memcpy(full + folder_length + 1, path, path_length);
+  return full;
+}
+
+// The search for the last component stops at the second character, so that a lone "ab/" yields "b";
+// callers pass paths that begin with "/".
+char* child_from_path(const char* path) {
+  if (path == nullptr) return nullptr;
+  const std::string_view text(path);
+  if (text.find('/') == std::string_view::npos) return strdup(path);
+  const std::size_t last = text.find_last_not_of('/');
+  const std::size_t end = last == std::string_view::npos ? 0 : last + 1;
+  std::size_t begin = end;
+  while (begin > 1 && text[begin - 1] != '/') --begin;
+  if (begin < 1) begin = 1;
+  return begin < end ? strndup(path + begin, end - begin) : strdup("");
 }

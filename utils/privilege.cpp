@@ -2,11 +2,13 @@
 // The superuser's user ids, and the way back from them.
 
 #include <unistd.h>
+#include <cerrno>
 #include <cstdlib>
 
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "tavrix_utils.h"
+#include "tavrix_vfs_utils.h"
 
 int tavrix_become_root(tx_permctx_s** perm_ctx) {
   if (*perm_ctx == nullptr) {
@@ -65,4 +67,12 @@ int tavrix_vfs_unbecome_root(tx_permctx_s* perm_ctx) {
   const int result = tavrix_unbecome_root(perm_ctx);
   std::free(perm_ctx);
   return result;
+}
+
+int raise_permissions(tx_perm_ctx_t** ctx) {
+  if (geteuid() == 0) return 1;
+  *ctx = tavrix_vfs_become_root();
+  if (*ctx != nullptr) return 1;
+  errno = EACCES;
+  return 0;
 }

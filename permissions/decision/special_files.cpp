@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Bookkeeping files of desktop clients, and the comparisons of paths that the decision uses.
+// Bookkeeping files of desktop clients.
 
 #include <cstring>
 
@@ -19,8 +19,6 @@ constexpr const char* SPECIAL_FOLDER_FILE_PATHS[] = {
 
 // Matched anywhere in a path, in this case only.
 constexpr const char* WILD_CARD_SEARCHES = ".sb-";
-
-constexpr int kUndecidable = 2;  // both names hold an extended byte where they differ
 
 bool begins_with_special_path(const char* path, const char* function) {
   const std::size_t length = std::strlen(path);
@@ -68,28 +66,4 @@ int is_special_folder_file(const char* path) {
   const int is_special = tavrix::contains_wild_card(path, __func__) ? 1 : 0;
   TAVRIX_LOG(2, "%s: path=%s is_special=%d", static_cast<const char*>(__func__), path, is_special);
   return is_special;
-}
-
-int _paths_match(const char* a, const char* b) {
-  TAVRIX_LOG(4, "compare path '%s' to '%s'", a, b);
-  const int difference = __tavrix_strcasecmp(a, b);
-  if (difference == 0) return 1;
-  if (difference == tavrix::kUndecidable && strcasecmp_m_wrapper(a, b) == 0) {
-    TAVRIX_LOG(4, "strcasecmp_m_wrapper match");
-    return 1;
-  }
-  TAVRIX_LOG(4, "Paths do not match");
-  return 0;
-}
-
-int _paths_match_len(const char* a, const char* b, size_t n) {
-  TAVRIX_LOG(4, "compare path '%s' to '%s' for len %d", a, b, static_cast<int>(n));
-  const int difference = __tavrix_strncasecmp(a, b, n);
-  if (difference == 0) return 1;
-  if (difference == tavrix::kUndecidable && strncasecmp_m_wrapper(a, b, n) == 0) {
-    TAVRIX_LOG(4, "strncasecmp_m_wrapper match");
-    return 1;
-  }
-  TAVRIX_LOG(4, "Paths do not match");
-  return 0;
 }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The first pass of an import: the size file into a summary, and the header of the image.
+// The first pass of an import: the size file into a summary.
 
 #include <sys/stat.h>
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -166,20 +165,6 @@ membe_shm_err init_mem_summary(memsummary_s** summary) {
   return SHM_MEMBE_OK;
 }
 
-void estimate_shmbe_size(memsummary_s* sum) {
-  if (sum == nullptr) {
-    TAVRIX_LOG(0, " NULL summary");
-    return;
-  }
-  // The sum of the regions that init_shmbe() lays out, in the same 32-bit arithmetic.
-  constexpr auto kPerFolder =
-      static_cast<uint32_t>(sizeof(fs_elem_s) + sizeof(name_elem_s) + sizeof(beacl_s) +
-                            sizeof(child_list_s) + sizeof(uint32_t));
-  static_assert(kPerFolder == 60);
-  sum->memsize = static_cast<uint32_t>(sizeof(tavrix_be_header)) + kPerFolder * sum->total_fselems +
-                 sum->total_namelen + static_cast<uint32_t>(sizeof(beace_s)) * sum->total_aces;
-}
-
 membe_shm_err get_permbe_shmsize(const char* perm_size_file, const char* perm_file_data,
                                  memsummary_s** msum) {
   if (perm_size_file == nullptr && perm_file_data == nullptr) {
@@ -281,55 +266,4 @@ int beshm_end_map(void* /*ctx*/) {
   tavrix::pop_state();
   TAVRIX_REQUIRE(tavrix::running_stack().totalelems == 0, "memsummary1->sth.totalelems == 0");
   return 1;
-}
-
-membe_shm_err init_shmbe(memsummary_s* sum) {
-  if (sum == nullptr || sum->membuf == nullptr) {
-    TAVRIX_LOG(0, "Shared memory not present");
-    return SHM_MEMBE_ERR_BADARGS;
-  }
-  const uint32_t folders = sum->total_fselems;
-  tavrix_be_header header{};
-  std::memcpy(header.mapname, sum->mapname, sizeof header.mapname);
-  std::memcpy(header.version, sum->version, sizeof header.version);
-  header.generationnum = sum->generationnum;
-  header.timestamp = sum->timestamp;
-  header.total_fselems = folders;
-  header.total_aces = sum->total_aces;
-
-  // The regions follow one another without alignment.
-  header.fselem_offset = static_cast<uint32_t>(sizeof header);
-  header.fselem_size = static_cast<uint32_t>(sizeof(fs_elem_s)) * folders;
-  header.nameelem_offset = header.fselem_offset + header.fselem_size;
-  header.nameelem_size = sum->total_namelen + static_cast<uint32_t>(sizeof(name_elem_s)) * folders;
-  header.acl_offset = header.nameelem_offset + header.nameelem_size;
-  header.acl_size = static_cast<uint32_t>(sizeof(beace_s)) * sum->total_aces +
-                    static_cast<uint32_t>(sizeof(beacl_s)) * folders;
-  header.list_offset = header.acl_offset + header.acl_size;
-  // Every folder but the root is the child of exactly one, so one slot a folder is enough.
-  header.list_size = static_cast<uint32_t>(sizeof(child_list_s) + sizeof(uint32_t)) * folders;
-  header.signature = TAVRIX_BE_HEADER_SIGNATURE;
-
-  std::memset(sum->membuf, 0, sum->memsize);
-  // An image that will be read from a truncated local copy may not even hold a header.
-  std::memcpy(sum->membuf, &header, std::min<std::size_t>(sizeof header, sum->memsize));
-  return SHM_MEMBE_OK;
-}
-
-membe_shm_err init_permbe_shm(memsummary_s* perm_be_shm) {
-  if (perm_be_shm == nullptr) {
-    TAVRIX_LOG(0, "%s(%d) perm be shmbe is NULL ", static_cast<const char*>(__func__), __LINE__);
-    return SHM_MEMBE_ERR_BADARGS;
-  }
-  membe_shm_err err = init_shmbe(perm_be_shm);
-  if (err != SHM_MEMBE_OK) return err;
-  err = process_permmap(perm_be_shm);
-  if (err != SHM_MEMBE_OK) {
-    log_perm_error("Failed processing permission map", CORRUPTED_PERMISSION_MAP,
-                   SWEEPER_LOGSEV_CRIT);
-  } else {
-    log_perm_error("Successfully processed permission map", PERMISSION_MAP_SUCCESS,
-                   SWEEPER_LOGSEV_INFO);
-  }
-  return err;
 }

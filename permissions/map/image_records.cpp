@@ -6,8 +6,8 @@
 #include "internal/assert.hpp"
 #include "logging.h"
 #include "perm_utils.h"
-#include "permissions/import/name_traces.hpp"
 #include "permissions/map/image.hpp"
+#include "permissions/map/name_traces.hpp"
 
 namespace tavrix {
 namespace {

@@ -382,42 +382,5 @@ TEST_F(Snapshot, Failures) {
   EXPECT_TRUE(logged("cannot attach to shm. errno = 13(Permission denied)\n"));
 }
 
-// --- raising -------------------------------------------------------------------------------------
-
-TEST(RaisePermissions, LeavesRootAsItIs) {
-  tx_perm_ctx_t* context = nullptr;
-  EXPECT_EQ(1, raise_permissions(&context));
-  EXPECT_EQ(nullptr, context);
-}
-
-TEST(RaisePermissions, MakesAUserRoot) {
-  const Outcome outcome = in_child([] {
-    become_samba_user(1000, 1000);
-    tx_perm_ctx_t* context = nullptr;
-    EXPECT_EQ(1, raise_permissions(&context));
-    EXPECT_EQ(0U, geteuid());
-    ASSERT_NE(nullptr, context);
-    EXPECT_EQ(0, tavrix_vfs_unbecome_root(context));
-    EXPECT_EQ(1000U, geteuid());
-  });
-  EXPECT_TRUE(outcome.ok()) << outcome.out;
-}
-
-TEST(RaisePermissions, RefusesWithoutAWay) {
-  const Outcome outcome = in_child([] {
-    ASSERT_EQ(0, setresuid(1000, 1000, 1000));
-    tx_perm_ctx_t* context = nullptr;
-    errno = 0;
-    EXPECT_EQ(0, raise_permissions(&context));
-    EXPECT_EQ(EACCES, errno);
-  });
-  EXPECT_TRUE(outcome.ok()) << outcome.out;
-}
-
-TEST(ReservedUser, IsKept) {
-  set_reserved_user_uid(77);
-  EXPECT_EQ(77U, reserved_user_uid);
-}
-
 }  // namespace
 }  // namespace tavrix::test

@@ -11,7 +11,9 @@
 
 #include "internal/scoped.hpp"
 #include "tavrix_utils.h"
+#include "tavrix_vfs_utils.h"
 #include "tests/support/fail_call.hpp"
+#include "tests/support/log_capture.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -27,6 +29,11 @@ std::string normalized(const std::string& path) {
 std::string parent_of(const std::string& path) {
   const CString result(parent_dir_from_path(path.c_str()));
   return result == nullptr ? kNone : result.get();
+}
+
+std::string taken(char* text) {
+  const CString owner(text);
+  return text == nullptr ? kNone : text;
 }
 
 struct Row {
@@ -160,6 +167,37 @@ TEST(ParentDir, WithoutMemoryIsNull) {
     fail_call("malloc", ENOMEM);
     EXPECT_EQ(nullptr, parent_dir_from_path(path)) << path;
   }
+}
+
+TEST(FullPath, IsBothWithASlash) {
+  EXPECT_EQ("/tavrix/a/b", taken(get_full_path("/tavrix", "a/b")));
+  EXPECT_EQ("/tavrix//a", taken(get_full_path("/tavrix", "/a")));
+  EXPECT_EQ("//", taken(get_full_path("/", "")));
+}
+
+TEST(FullPath, NeedsBoth) {
+  EXPECT_EQ(0, level_of("dirname (NULL) or basename (a) is NULL\n",
+                        [] { EXPECT_EQ(nullptr, get_full_path(nullptr, "a")); }));
+  EXPECT_EQ(0, level_of("dirname (a) or basename (NULL) is NULL\n",
+                        [] { EXPECT_EQ(nullptr, get_full_path("a", nullptr)); }));
+  const auto attempt = [] {
+    fail_call("calloc", ENOMEM);
+    EXPECT_EQ(nullptr, get_full_path("a", "b"));
+  };
+  EXPECT_EQ(0, level_of("calloc failed. errno = 12(Cannot allocate memory)\n", attempt));
+}
+
+TEST(ChildFromPath, IsTheLastComponent) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"a/b/c", "c"},  {"/a/b/", "b"}, {"a", "a"},   {"a/b", "b"},    {"/a", "a"},
+      {"a/b///", "b"}, {"", ""},       {"ab/", "b"}, {"abc//", "bc"},
+  };
+  for (const auto& [path, child] : rows) EXPECT_EQ(child, taken(child_from_path(path))) << path;
+  EXPECT_EQ(nullptr, child_from_path(nullptr));
+}
+
+TEST(ChildFromPath, TakesOddPaths) {
+  for (const char* path : {"/", "//", "///", "a/", "/a/"}) std::free(child_from_path(path));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "tavrix_utils.h"
+#include "tavrix_vfs_utils.h"
 #include "tests/support/fail_call.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/process.hpp"
@@ -214,6 +215,36 @@ TEST(RootScopes, EndAProcessThatCannotGiveRootBack) {
                 const RootScope root;
                 fail_call("setresuid", EAGAIN);
               }).aborted_with("tavrix_vfs_unbecome_root(perm_ctx) == 0"));
+}
+
+TEST(RaisePermissions, LeavesRootAsItIs) {
+  tx_perm_ctx_t* context = nullptr;
+  EXPECT_EQ(1, raise_permissions(&context));
+  EXPECT_EQ(nullptr, context);
+}
+
+TEST(RaisePermissions, MakesAUserRoot) {
+  const Outcome outcome = in_child([] {
+    become_samba_user(1000, 1000);
+    tx_perm_ctx_t* context = nullptr;
+    EXPECT_EQ(1, raise_permissions(&context));
+    EXPECT_EQ(0U, geteuid());
+    ASSERT_NE(nullptr, context);
+    EXPECT_EQ(0, tavrix_vfs_unbecome_root(context));
+    EXPECT_EQ(1000U, geteuid());
+  });
+  EXPECT_TRUE(outcome.ok()) << outcome.out;
+}
+
+TEST(RaisePermissions, RefusesWithoutAWay) {
+  const Outcome outcome = in_child([] {
+    ASSERT_EQ(0, setresuid(1000, 1000, 1000));
+    tx_perm_ctx_t* context = nullptr;
+    errno = 0;
+    EXPECT_EQ(0, raise_permissions(&context));
+    EXPECT_EQ(EACCES, errno);
+  });
+  EXPECT_TRUE(outcome.ok()) << outcome.out;
 }
 
 }  // namespace

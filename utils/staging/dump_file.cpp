@@ -17,11 +17,6 @@ namespace {
 
 constexpr std::size_t kNameSize = 256;  // longer names are cut: the agent's table has no more room
 
-// Sixty-four characters, so that six random bits choose one. The last one has always been a
-// semicolon; names that hold one exist.
-constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+;";
-static_assert(sizeof kAlphabet == 64 + 1);
-
 constexpr std::size_t kRandomSuffix = 8;  // the NUL included
 
 int encode_name(char* name, const char* dir) {
@@ -55,13 +50,6 @@ char* get_dumpfname(const char* prefix) {
     return nullptr;
   }
   return name.release();
-}
-
-char* rand_string(char* s, size_t size) {
-  if (size == 0) return s;
-  for (size_t i = 0; i + 1 < size; ++i) s[i] = tavrix::kAlphabet[std::rand() & 63];
-  s[size - 1] = '\0';
-  return s;
 }
 
 ssize_t write_all(int fd, const void* buf, size_t n) {

@@ -105,6 +105,16 @@ TEST_F(ImportDriver, EmptiesTheStackThatACancelledSizeFileLeft) {
   std::free(sum);
 }
 
+TEST_F(ImportDriver, NeedsASummaryAndABuffer) {
+  memsummary_s sum{};
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, init_permbe_shm(&sum));
+  clear_log();
+  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, init_permbe_shm(nullptr));
+  ASSERT_EQ(1U, messages().size());
+  EXPECT_TRUE(messages()[0].starts_with("init_permbe_shm(")) << messages()[0];
+  EXPECT_TRUE(messages()[0].ends_with(") perm be shmbe is NULL ")) << messages()[0];
+}
+
 TEST_F(ImportDriver, NeedsASummary) {
   EXPECT_EQ(0, level_of("Null summary ",
                         [] { EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, process_permmap(nullptr)); }));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The size file, and the header of the image.
+// The size file.
 
 #include <gtest/gtest.h>
 #include <cerrno>
@@ -98,16 +98,6 @@ TEST_F(SizePass, CutsNumbersToTheirFields) {
   EXPECT_EQ(0xFFFFFFFFU, folders("99999999999999999999999"));
   EXPECT_EQ(0xFFFFFFFFU, folders("-1"));
   EXPECT_EQ(5000000000, pass("{\"TIMESTAMP\": 5000000000}")->timestamp);
-}
-
-TEST_F(SizePass, ComputesTheSizeInThirtyTwoBits) {
-  memsummary_s sum{};
-  sum.total_fselems = 100000000;
-  sum.total_aces = 7;
-  sum.total_namelen = 3;
-  estimate_shmbe_size(&sum);
-  EXPECT_EQ(static_cast<uint32_t>(176 + 60 * 100000000ULL + 3 + 12 * 7), sum.memsize);
-  EXPECT_EQ(0, level_of(" NULL summary", [] { estimate_shmbe_size(nullptr); }));
 }
 
 TEST_F(SizePass, KeepsTheLongestNameAndVersion) {
@@ -288,65 +278,6 @@ TEST_F(SizePass, CancelsWithoutMemoryForItsStack) {
     });
   }
   EXPECT_TRUE(exists("/scratch/seen"));
-}
-
-// --- the header ----------------------------------------------------------------------------------
-
-TEST_F(SizePass, LaysOutTheHeader) {
-  memsummary_s sum{};
-  std::strcpy(sum.mapname, "name");
-  std::memset(sum.version, 'v', sizeof sum.version);
-  sum.generationnum = 7;
-  sum.timestamp = 99;
-  sum.total_fselems = 3;
-  sum.total_aces = 5;
-  sum.total_namelen = 21;
-  estimate_shmbe_size(&sum);
-  std::vector<std::byte> image(sum.memsize, std::byte{0xAA});
-  sum.membuf = image.data();
-  ASSERT_EQ(SHM_MEMBE_OK, init_shmbe(&sum));
-  const auto& header = *reinterpret_cast<const tavrix_be_header*>(image.data());
-  EXPECT_STREQ("name", header.mapname);
-  EXPECT_EQ(0, std::memcmp(sum.version, header.version, 36));
-  EXPECT_EQ('\0', header.nextmap[0]);
-  EXPECT_EQ(7U, header.generationnum);
-  EXPECT_EQ(99, header.timestamp);
-  EXPECT_EQ(3U, header.total_fselems);
-  EXPECT_EQ(5U, header.total_aces);
-  EXPECT_EQ(0U, header.total_lists);
-  EXPECT_EQ(176U, header.fselem_offset);
-  EXPECT_EQ(72U, header.fselem_size);
-  EXPECT_EQ(248U, header.nameelem_offset);
-  EXPECT_EQ(57U, header.nameelem_size);
-  EXPECT_EQ(305U, header.acl_offset);
-  EXPECT_EQ(84U, header.acl_size);
-  EXPECT_EQ(389U, header.list_offset);
-  EXPECT_EQ(48U, header.list_size);
-  EXPECT_EQ(0U, header.next_free_fselem + header.next_free_nameelem + header.next_free_acl +
-                    header.next_free_list);
-  EXPECT_EQ(0x1EA78EAFU, header.signature);
-  for (std::size_t at = 176; at < image.size(); ++at) ASSERT_EQ(std::byte{0}, image[at]);
-}
-
-TEST_F(SizePass, LaysOutNoMoreThanTheImageHolds) {
-  std::vector<std::byte> image(64, std::byte{0xAA});
-  memsummary_s sum{};
-  sum.memsize = 60;
-  sum.membuf = image.data();
-  EXPECT_EQ(SHM_MEMBE_OK, init_shmbe(&sum));
-  EXPECT_EQ(std::byte{0xAA}, image[60]);
-}
-
-TEST_F(SizePass, NeedsASummaryAndABuffer) {
-  memsummary_s sum{};
-  EXPECT_EQ(0, level_of("Shared memory not present",
-                        [&] { EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, init_shmbe(&sum)); }));
-  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, init_permbe_shm(&sum));
-  clear_log();
-  EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, init_permbe_shm(nullptr));
-  ASSERT_EQ(1U, messages().size());
-  EXPECT_TRUE(messages()[0].starts_with("init_permbe_shm(")) << messages()[0];
-  EXPECT_TRUE(messages()[0].ends_with(") perm be shmbe is NULL ")) << messages()[0];
 }
 
 }  // namespace

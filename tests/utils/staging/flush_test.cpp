@@ -396,22 +396,6 @@ TEST(DumpName, WithoutMemoryIsNone) {
       0, level_of("failed to calloc for dumpfname, errno = 12 (Cannot allocate memory)", attempt));
 }
 
-TEST(RandomString, HasItsAlphabet) {
-  char text[2000];
-  EXPECT_EQ(text, rand_string(text, sizeof text));
-  EXPECT_EQ(sizeof text - 1, std::strlen(text));
-  EXPECT_EQ(std::string::npos,
-            std::string(text).find_first_not_of(
-                "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+;"));
-  EXPECT_NE(nullptr, std::strchr(text, ';'));
-  char one = 'x';
-  rand_string(&one, 1);
-  EXPECT_EQ('\0', one);
-  one = 'x';
-  rand_string(&one, 0);
-  EXPECT_EQ('x', one);
-}
-
 TEST(WriteAll, WritesNothingAndEverything) {
   EXPECT_EQ(0, write_all(-1, "x", 0));
   const auto attempt = [] { EXPECT_EQ(-1, write_all(-1, "xyz", 3)); };

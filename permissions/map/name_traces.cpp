@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-#include "permissions/import/name_traces.hpp"
+#include "permissions/map/name_traces.hpp"
 
 #include <cstdio>
 #include <cstring>
