@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Checks the sources without building them: their format, their licences, and that generated code is
-# as new as its .proto files.
+# Checks the sources without building them: their format, their licences, and that generated files
+# are current.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,8 +26,7 @@ done < <(git ls-files '*.cpp' '*.hpp' '*.c' '*.h' '*.proto' '*.sh' '*.py' '*.cma
 generated=$(mktemp -d)
 trap 'rm -rf "$generated"' EXIT
 scripts/generate.sh "$generated"
-for file in "$generated"/*; do
-  name=events/generated/$(basename "$file")
-  cmp -s "$file" "$name" || { echo "$name is older than its .proto file: scripts/generate.sh" >&2; exit 1; }
-done
+while IFS= read -r name; do
+  cmp -s "$generated/$name" "$name" || { echo "$name is not what scripts/generate.sh makes of its source" >&2; exit 1; }
+done < <(cd "$generated" && find . -type f -printf '%P\n')
 echo "sources are in order"

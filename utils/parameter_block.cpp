@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The global parameter block: its creation and removal. What it holds is in eventstore.h.
+// The global parameter block: its creation and removal. eventstore.h has its layout,
+// utils/settings_table.hpp its entries.
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <unistd.h>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "utils/settings_table.hpp"
 
 struct global_param_s* global_params = nullptr;
 
@@ -19,33 +22,21 @@ namespace {
 constexpr int kEveryone = 0666;
 constexpr unsigned kSecondsBetweenTries = 1;
 
+// The part of a setting that stands in the block. The copy is made by the compiler, so the library
+// carries the names only, without the texts for operators.
 struct NamedEntry {
   e_tavrix_global_index index;
   e_param_val_type type;
   const char* name;
 };
 
-// PARAM_PERMISSION_MAP_PATH and PARAM_MESSENGER_LOCKFILE_PATH have no row: nothing gives them a
-// value, and readers of the block take a nameless entry for one that is not in use.
-constexpr NamedEntry kNamedEntries[] = {
-    {PARAM_DEFAULT_USER_ID, PARAM_VAL_TYPE_INT, "VFS:default user"},
-    {PARAM_DEFAULT_GROUP_ID, PARAM_VAL_TYPE_INT, "VFS:default group"},
-    {PARAM_REGEX_FILE_NAME, PARAM_VAL_TYPE_STRING, "VFS:exception pattern file"},
-    {PARAM_DISABLE_SWEEPER_FLUSH, PARAM_VAL_TYPE_BOOLEAN, "SWEEPER:disable sweeper flush"},
-    {PARAM_STAGING_BUFFER_SIZE, PARAM_VAL_TYPE_INT, "SWEEPER:staging buffer size"},
-    {PARAM_FLUSH_PERIOD, PARAM_VAL_TYPE_INT, "SWEEPER:flush period"},
-    {PARAM_STAGING_DIR, PARAM_VAL_TYPE_STRING, "SWEEPER:staging dir"},
-    {PARAM_FLUSH_FILL_THRESHOLD, PARAM_VAL_TYPE_INT, "SWEEPER:flush fill threshold pct"},
-    {PARAM_SOCKET_BACKLOG, PARAM_VAL_TYPE_INT, "MESSENGER:socket backlog"},
-    {PARAM_SOCKET_MESSAGE_SIZE, PARAM_VAL_TYPE_INT, "MESSENGER:socket message size"},
-    {PARAM_SOCKET_PATH, PARAM_VAL_TYPE_STRING, "MESSENGER:socket path"},
-    {PARAM_CHECK_REGEX_UNLINK, PARAM_VAL_TYPE_INT, "VFS:check regex unlink"},
-    {PARAM_DEBUG_LEVEL, PARAM_VAL_TYPE_INT, "VFS:debug level"},
-    {PARAM_ENABLE_FORBIDDEN_RMDIR, PARAM_VAL_TYPE_BOOLEAN, "VFS:enable forbidden rmdir"},
-    {PARAM_AUDITING_DIR, PARAM_VAL_TYPE_STRING, "SWEEPER:auditing dir"},
-    {PARAM_AUDITING_BUFFER_SIZE, PARAM_VAL_TYPE_INT, "SWEEPER:auditing buffer size"},
-    {PARAM_AUDITING_FLUSH_INTERVAL, PARAM_VAL_TYPE_INT, "SWEEPER:auditing flush interval"},
-};
+constexpr auto kNamedEntries = [] {
+  std::array<NamedEntry, kSettingCount> entries{};
+  for (std::size_t i = 0; i < kSettingCount; ++i) {
+    entries[i] = {kSettings[i].index, kSettings[i].type, kSettings[i].name};
+  }
+  return entries;
+}();
 
 key_t block_key() { return ftok(TAVRIX_PARAM_KEY_PATH, TAVRIX_PARAM_KEY_ID); }
 

@@ -6,60 +6,9 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
-#include <limits>
 
 namespace tavrix::ctl {
 namespace {
-
-constexpr int64_t kMost = std::numeric_limits<int32_t>::max();
-constexpr auto kInt = PARAM_VAL_TYPE_INT;
-constexpr auto kText = PARAM_VAL_TYPE_STRING;
-constexpr auto kSwitch = PARAM_VAL_TYPE_BOOLEAN;
-
-// The meanings are what "config show --explain" prints: what the value does, and who reads it.
-constexpr Setting kSettings[] = {
-    {PARAM_DEFAULT_USER_ID, "VFS:default user", kInt, 0, kMost, "65534",
-     "uid that owns what clients make; 0: the client's own"},
-    {PARAM_DEFAULT_GROUP_ID, "VFS:default group", kInt, 0, kMost, "65534",
-     "gid that owns what clients make; 0: the client's own"},
-    {PARAM_REGEX_FILE_NAME, "VFS:exception pattern file", kText, 0, 0,
-     "/etc/tavrix/exception_patterns",
-     "patterns, a line each, of names of files that everybody may delete, where \"check regex "
-     "unlink\" is 1; an empty line matches every name"},
-    {PARAM_DISABLE_SWEEPER_FLUSH, "SWEEPER:disable sweeper flush", kSwitch, 0, 1, "no",
-     "yes: the sweeper flushes only when it ends; events wait until a client goes"},
-    {PARAM_STAGING_BUFFER_SIZE, "SWEEPER:staging buffer size", kInt, 1024, kMost, "1048576",
-     "bytes of the shared staging buffer; a change waits until no connection works with the old "
-     "size"},
-    {PARAM_FLUSH_PERIOD, "SWEEPER:flush period", kInt, 1, 86400, "5",
-     "seconds between two flushes by the sweeper"},
-    {PARAM_STAGING_DIR, "SWEEPER:staging dir", kText, 0, 0, "/tavrix/.conf/staging",
-     "existing folder of the dump files of events; 200 bytes at most"},
-    {PARAM_FLUSH_FILL_THRESHOLD, "SWEEPER:flush fill threshold pct", kInt, 1, 100, "80",
-     "per cent of the staging buffer past which events wait for a flush, and of an audit buffer at "
-     "which it is written out; 100 counts as 80 and as 50"},
-    {PARAM_SOCKET_BACKLOG, "MESSENGER:socket backlog", kInt, 0, 65535, "16",
-     "connections that may wait at the messenger, which is a program of the appliance's own"},
-    {PARAM_SOCKET_MESSAGE_SIZE, "MESSENGER:socket message size", kInt, 0, kMost, "4096",
-     "bytes of the messenger's longest message"},
-    {PARAM_SOCKET_PATH, "MESSENGER:socket path", kText, 0, 0, "/run/tavrix/messenger.sock",
-     "the messenger's socket"},
-    {PARAM_CHECK_REGEX_UNLINK, "VFS:check regex unlink", kInt, 0, 1, "1",
-     "1: a file that matches a pattern may be deleted without the right to write it; 0: the "
-     "patterns are not read"},
-    {PARAM_DEBUG_LEVEL, "VFS:debug level", kInt, -1, 10, "0",
-     "what the library logs; -1: nothing, errors neither; 0: errors, and a line for each "
-     "connection "
-     "and change; 10: everything"},
-    {PARAM_ENABLE_FORBIDDEN_RMDIR, "VFS:enable forbidden rmdir", kSwitch, 0, 1, "no",
-     "chooses what the removal of a folder logs at debug levels 1 and 10; allows nobody anything"},
-    {PARAM_AUDITING_DIR, "SWEEPER:auditing dir", kText, 0, 0, "/tavrix/.conf/auditing",
-     "existing folder of the dump files of audits; 200 bytes at most"},
-    {PARAM_AUDITING_BUFFER_SIZE, "SWEEPER:auditing buffer size", kInt, 1024, kMost, "65536",
-     "bytes of a server process's audit buffer, made when its client connects"},
-    {PARAM_AUDITING_FLUSH_INTERVAL, "SWEEPER:auditing flush interval", kInt, 0, 86400, "60",
-     "seconds after which the next audit record writes the earlier ones out"},
-};
 
 bool equal(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -101,8 +50,6 @@ std::optional<Value> parse_number(const Setting& setting, std::string_view text,
 }
 
 }  // namespace
-
-std::span<const Setting> settings() { return kSettings; }
 
 const Setting* find_setting(std::string_view name) {
   const auto found =

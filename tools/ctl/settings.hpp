@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The settings that operators know by name: the entries of the global parameter block.
+// The settings as operators type and read them: values are parsed, checked, stored and shown by the
+// description of each setting in utils/settings_table.hpp.
 #pragma once
 
 #include <cstdint>
@@ -9,28 +10,23 @@
 #include <string_view>
 
 #include "eventstore.h"
+#include "utils/settings_table.hpp"
 
 namespace tavrix::ctl {
 
-struct Setting {
-  e_tavrix_global_index index;
-  const char* name;  // "SECTION:key"
-  e_param_val_type type;
-  int64_t least, most;  // numbers
-  const char* shipped;  // the value where nobody gives one; packaging/tavrix.conf has the same
-  const char* meaning;
-};
+using tavrix::Setting;
 
-std::span<const Setting> settings();
+inline std::span<const Setting> settings() { return kSettings; }
 
-// By name, whatever its case; null when there is none.
+// Finds a setting by its name, in any case; null when there is none.
 const Setting* find_setting(std::string_view name);
 
-// A value in its type; nothing and the reason when the text is none.
+// A value: the text of a text, the number of anything else.
 struct Value {
   std::string text;
   int32_t number = 0;
 };
+// Nothing, and the reason in `error`, when the text is no value of the setting.
 std::optional<Value> parse_value(const Setting& setting, std::string_view text, std::string& error);
 
 Value shipped_value(const Setting& setting);

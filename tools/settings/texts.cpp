@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+#include "tools/settings/texts.hpp"
+
+#include <algorithm>
+#include <string_view>
+#include <vector>
+
+#include "utils/settings_table.hpp"
+
+namespace tavrix::settings_text {
+namespace {
+
+constexpr std::size_t kWidth = 100;
+
+constexpr std::string_view kHead =
+    "Settings of the file server. \"tavrixctl config load FILE\" puts them where every process "
+    "reads "
+    "them. Server processes take a copy when a client connects, tavrix-sweeper and tavrix-loader "
+    "when they start and at \"systemctl reload\". A value that holds ; or # needs quotes. "
+    "\"tavrixctl config show --explain\" shows the values that are loaded, and what each is for.";
+
+std::string_view section_of(const Setting& setting) {
+  const std::string_view name = setting.name;
+  return name.substr(0, name.find(':'));
+}
+
+std::string_view key_of(const Setting& setting) {
+  const std::string_view name = setting.name;
+  return name.substr(name.find(':') + 1);
+}
+
+// In the order in which the table names them first.
+std::vector<std::string_view> sections() {
+  std::vector<std::string_view> all;
+  for (const Setting& setting : kSettings) {
+    const std::string_view section = section_of(setting);
+    bool is_known = false;
+    for (const std::string_view known : all) is_known = is_known || known == section;
+    if (!is_known) all.push_back(section);
+  }
+  return all;
+}
+
+// "Values: 1 to 86400."; empty for a text, whose only limit is the room of an entry.
+std::string limits_of(const Setting& setting) {
+  if (setting.type == PARAM_VAL_TYPE_BOOLEAN) return "Values: yes or no.";
+  if (setting.type != PARAM_VAL_TYPE_INT) return {};
+  const std::string least = "Values: " + std::to_string(setting.least);
+  if (setting.most == kNoLimit) return least + " or more.";
+  const char* between = setting.most == setting.least + 1 ? " or " : " to ";
+  return least + between + std::to_string(setting.most) + ".";
+}
+
+std::string explanation(const Setting& setting) {
+  std::string text = setting.meaning;
+  if (*setting.advice != '\0') text += std::string(" ") + setting.advice;
+  return text;
+}
+
+std::string comment(std::string_view text) {
+  if (text.empty()) return {};
+  std::string lines;
+  std::string line = "#";
+  while (!text.empty()) {
+    const std::string_view word = text.substr(0, text.find(' '));
+    if (line.size() + 1 + word.size() > kWidth) {
+      lines += line + "\n";
+      line = "#";
+    }
+    line += " ";
+    line += word;
+    text.remove_prefix(std::min(word.size() + 1, text.size()));
+  }
+  return lines + line + "\n";
+}
+
+// A line for each sentence, as manual pages are written.
+std::string sentences(std::string text) {
+  if (text.empty()) return {};
+  for (std::size_t at = text.find(". "); at != std::string::npos; at = text.find(". ", at)) {
+    text[at + 1] = '\n';
+  }
+  return text + "\n";
+}
+
+}  // namespace
+
+std::string shipped_file() {
+  std::string file = comment(kHead);
+  for (const std::string_view section : sections()) {
+    file.append("\n[").append(section).append("]\n");
+    bool is_first = true;
+    for (const Setting& setting : kSettings) {
+      if (section_of(setting) != section) continue;
+      if (!is_first) file += "\n";
+      is_first = false;
+      file += comment(explanation(setting)) + comment(limits_of(setting));
+      file.append(key_of(setting)).append(" = ").append(setting.shipped).append("\n");
+    }
+  }
+  return file;
+}
+
+std::string manual_items() {
+  std::string items;
+  for (const std::string_view section : sections()) {
+    for (const Setting& setting : kSettings) {
+      if (section_of(setting) != section) continue;
+      items.append(".It Li ")
+          .append(setting.name)
+          .append(" = ")
+          .append(setting.shipped)
+          .append("\n");
+      items += sentences(explanation(setting)) + sentences(limits_of(setting));
+    }
+  }
+  return items;
+}
+
+}  // namespace tavrix::settings_text
