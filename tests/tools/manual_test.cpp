@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The manual pages know every command and flag that the programs know.
+// The manual pages know every command and every option of the programs.
 
 #include <gtest/gtest.h>
 #include <regex>
@@ -15,6 +15,35 @@ class Manual : public Operator {
  protected:
   static std::string page(const std::string& name) {
     return read_file(TAVRIX_SOURCE_DIR "/docs/man/" + name + ".8");
+  }
+  // The long options in a help text, but "--help", which the page describes once.
+  static std::set<std::string> options(const std::string& help) {
+    std::set<std::string> names;
+    std::istringstream in(help);
+    std::smatch part;
+    for (std::string line; std::getline(in, line);) {
+      if (std::regex_search(line, part, std::regex("^  (-[a-z],)?-(-[a-z-]+)")))
+        names.insert(part[2]);
+    }
+    names.erase("-help");
+    return names;
+  }
+  // Expects the page to have every command below the given one, and every option of them.
+  static void expect_all(const std::string& text, const std::vector<std::string>& words) {
+    std::vector<std::string> asked = words;
+    asked.emplace_back("--help");
+    std::string command;
+    for (const std::string& word : words) command += " " + word;
+    for (const std::string& name : options(ctl(asked).out)) {
+      EXPECT_TRUE(contains(text, "Fl " + name)) << command << " -" << name;
+    }
+    const auto below = subcommands(words);
+    EXPECT_TRUE(!below.empty() || contains(text, ".It Ic" + command)) << command;
+    for (const std::string& name : below) {
+      std::vector<std::string> next = words;
+      next.push_back(name);
+      expect_all(text, next);
+    }
   }
   // The names under "Subcommands:" of a help text.
   static std::set<std::string> subcommands(std::vector<std::string> words) {
@@ -34,23 +63,19 @@ class Manual : public Operator {
   }
 };
 
-TEST_F(Manual, KnowsEveryCommand) {
-  const std::string text = page("tavrixctl");
-  for (const std::string& command : subcommands({})) {
-    const auto below = subcommands({command});
-    EXPECT_TRUE(!below.empty() || contains(text, ".It Ic " + command + " ")) << command;
-    for (const std::string& name : below) {
-      EXPECT_TRUE(contains(text, ".It Ic " + command + " " + name)) << command << " " << name;
-    }
-  }
+TEST_F(Manual, KnowsEveryCommandAndOption) {
+  expect_all(page("tavrixctl"), {});
   EXPECT_GT(subcommands({"map"}).size(), 7U);
+  EXPECT_TRUE(options(ctl({"check", "--help"}).out).contains("-admins-gid"));
 }
 
-TEST_F(Manual, KnowsTheSweepersFlags) {
-  const std::string help = run_program({TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "--help"}).out;
-  for (const char* flag : {"once", "foreground", "settings"}) {
-    EXPECT_TRUE(contains(help, std::string("--") + flag));
-    EXPECT_TRUE(contains(page("tavrix-sweeper"), std::string(".It Fl -") + flag));
+TEST_F(Manual, KnowsTheServicesOptions) {
+  for (const std::string program : {"tavrix-loader", "tavrix-sweeper"}) {
+    const auto names = options(run_program({TAVRIX_BUILD_DIR "/tools/" + program, "--help"}).out);
+    EXPECT_EQ(3U, names.size()) << program;
+    for (const std::string& name : names) {
+      EXPECT_TRUE(contains(page(program), ".It Fl " + name)) << program << " -" << name;
+    }
   }
 }
 
@@ -82,14 +107,6 @@ TEST_F(Manual, TheServersDropInOrdersItAndKeepsNoCores) {
   }
   EXPECT_TRUE(contains(read_file(TAVRIX_SOURCE_DIR "/cmake/TavrixInstall.cmake"),
                        "packaging/smbd.service.d/tavrix.conf"));
-}
-
-TEST_F(Manual, KnowsTheLoadersFlags) {
-  const std::string help = run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--help"}).out;
-  for (const char* flag : {"once", "dir"}) {
-    EXPECT_TRUE(contains(help, std::string("--") + flag));
-    EXPECT_TRUE(contains(page("tavrix-loader"), std::string(".It Fl -") + flag));
-  }
 }
 
 TEST_F(Manual, KnowsTheModulesOptions) {
