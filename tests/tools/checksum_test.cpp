@@ -52,7 +52,7 @@ TEST_F(Checksums, EveryFlipOfTheGroupMapIsFound) {
     flip(kGroups, bit);
     const Outcome outcome = ctl({"groupmap", "verify"});
     EXPECT_EQ(1, outcome.exit_code) << bit << outcome.out;
-    EXPECT_TRUE(contains(outcome.out, "is not what")) << outcome.out;
+    EXPECT_TRUE(contains(outcome.out, "does not match")) << outcome.out;
     flip(kGroups, bit);
   }
 }

@@ -82,7 +82,7 @@ TEST_F(EventsCommand, PrintsWhatComesBeforeDamage) {
       {sound + std::string("\3\0\0\0\x10\x20\x01\x04"
                            "abc",
                            11),
-       "the record is no message of this kind"},
+       "the record is not a message of this kind"},
   };
   for (const auto& [bytes, message] : rows) {
     const Outcome outcome = decode(bytes);

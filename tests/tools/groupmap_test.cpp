@@ -75,18 +75,18 @@ TEST(GroupMapVerify, FindsEachKindOfDamage) {
   const std::string sound = groupmap::encode(sample());
   const std::size_t users = get32(sound, 8);
   const std::pair<std::pair<std::size_t, uint32_t>, const char*> rows[] = {
-      {{0, 9000}, "the table of reserved groups (1 at 9000) leaves the file"},
+      {{0, 9000}, "the table of reserved groups (1 at 9000) ends beyond the file"},
       {{4, 0xFFFFFFFF}, "the table of reserved groups"},
       {{8, 8190}, "the table of users"},
       {{12, 0xFFFFFFFF}, "the table of users"},
-      {{16, 8192}, "the name at 8192 leaves the file"},
+      {{16, 8192}, "the name at 8192 ends beyond the file"},
       {{20, 0}, "has gid 0, which readers take for none"},
-      {{users, 0xFFFFFFFF}, "the name at 4294967295 leaves the file"},
+      {{users, 0xFFFFFFFF}, "the name at 4294967295 ends beyond the file"},
       {{users + 4, 9}, "\"anna\" has 4 bytes, not 9"},
-      {{users + 8, 8191}, "the groups of \"anna\" at 8191 leave the file"},
+      {{users + 8, 8191}, "the groups of \"anna\" at 8191 end beyond the file"},
       {{users + 8, 101}, "are not aligned"},
-      {{users + 12, 3000}, "groups behind the name of \"anna\" leave the file"},
-      {{users + 16, get32(sound, users)}, "\"anna\" is there twice"},
+      {{users + 12, 3000}, "groups behind the name of \"anna\" end beyond the file"},
+      {{users + 16, get32(sound, users)}, "\"anna\" appears twice"},
   };
   for (const auto& [change, finding] : rows) {
     std::string bytes = sound;

@@ -166,7 +166,7 @@ int code_of(int verdict) {
 int check(const Options& options, Question question) {
   const auto op = operation_named(question.operation);
   if (!op) {
-    complain("\"{}\" is no operation that can be asked; \"tavrixctl check --help\" lists them",
+    complain("\"{}\" is not an operation; \"tavrixctl check --help\" lists them",
              question.operation);
     return kFailure;
   }
@@ -208,27 +208,30 @@ int check(const Options& options, Question question) {
 void add_check_command(CLI::App& app, Options& options, Action& action) {
   static Question question;
   CLI::App* check_command = app.add_subcommand(
-      "check", "The verdict for a user, an operation and a path (0 granted, 1 refused)");
+      "check",
+      "Print the verdict for a user, an operation and a path (exit 0: granted, 1: refused)");
   std::string names;
   for (const Operation& operation : kOperations)
     names += std::string(names.empty() ? "" : ", ") + operation.name;
   check_command->add_option("OP", question.operation, names)->required();
-  check_command->add_option("PATH", question.path, "in the share, as in Shared/Team/plan.txt")
+  check_command
+      ->add_option("PATH", question.path, "relative to the share, as in Shared/Team/plan.txt")
       ->required();
   auto* user = check_command->add_option("--user", question.user, "a user of this machine");
-  auto* uid = check_command->add_option("--uid", question.uid, "or any user id")
+  auto* uid = check_command->add_option("--uid", question.uid, "any user id, instead of a user")
                   ->check(CLI::Range(0L, 4294967294L));
   user->excludes(uid);
-  check_command->add_option("--gid", question.gid, "its group")->check(CLI::Range(0L, 4294967294L));
+  check_command->add_option("--gid", question.gid, "the user's primary group")
+      ->check(CLI::Range(0L, 4294967294L));
   auto* groups = check_command
                      ->add_option("--groups", question.groups,
-                                  "its supplementary groups; else those of the group list map")
+                                  "the user's other groups (default: by the group list map)")
                      ->delimiter(',')
                      ->allow_extra_args(false);
   check_command->add_option("--admins-gid", question.admins,
-                            "the administrators' group; else that named tavrix-admins");
+                            "the administrators' group (default: tavrix-admins)");
   check_command->add_option("--powerusers-gid", question.power_users,
-                            "the power users' group; else that named tavrix-powerusers");
+                            "the power users' group (default: tavrix-powerusers)");
   check_command->add_option("--root", question.root, "the share's root")->capture_default_str();
   check_command->add_flag("--trace", question.trace, "show how the verdict is reached");
   check_command->add_option("--trace-level", question.trace_level, "debug level of --trace")

@@ -112,15 +112,14 @@ void add_config_commands(CLI::App& app, Options& options, Action& action) {
 
   static std::string file, key, value;
   CLI::App* load_command = config->add_subcommand(
-      "load",
-      "Fill the parameter block from an INI file ([VFS] debug level = 0), made if there is none");
+      "load", "Fill the parameter block from an INI file, and make the block if there is none");
   load_command->add_option("FILE", file, "the settings file")->required();
   load_command->callback([&action] { action = [] { return load(file); }; });
 
   static bool explain = false;
   CLI::App* show_command =
       config->add_subcommand("show", "Print every setting with its type and value");
-  show_command->add_flag("--explain", explain, "and what each is for");
+  show_command->add_flag("--explain", explain, "also print what each is for");
   show_command->callback([&] { action = [&options] { return show(options, explain); }; });
 
   CLI::App* set_command =

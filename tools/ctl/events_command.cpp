@@ -116,7 +116,7 @@ int decode_file(const std::string& path, Decode decode, Stats* stats) {
   uint64_t start = 0;
   while (const auto payload = reader.next()) {
     if (!decode(*payload, stats)) {
-      complain("{}: byte {}: the record is no message of this kind", path, start);
+      complain("{}: byte {}: the record is not a message of this kind", path, start);
       return kNo;
     }
     start = reader.offset();
@@ -172,11 +172,11 @@ int decode_all(const DecodeArguments& arguments, Decode decode) {
 }
 
 void add_decode(CLI::App& parent, DecodeArguments& arguments, Decode decode, Action& action) {
-  CLI::App* command =
-      parent.add_subcommand("decode", "Dump files as JSON, a line a record (1: one is torn)");
+  CLI::App* command = parent.add_subcommand(
+      "decode", "Print dump files as JSON, one line per record (exit 1: a torn record)");
   command->add_option("FILE", arguments.files, "dump files");
   command->add_option("--follow", arguments.folder,
-                      "print what comes into a folder, until interrupted");
+                      "print the dump files that come into a folder, until interrupted");
   command->add_flag("--stats", arguments.stats, "print counts instead");
   command->callback([&action, &arguments, decode] {
     action = [&arguments, decode] { return decode_all(arguments, decode); };
@@ -272,11 +272,11 @@ void add_events_commands(CLI::App& app, Options& options, Action& action) {
       };
     });
   };
-  add("show", "Fill level, records, semaphore (1: something is missing)",
+  add("show", "Show fill level, records and semaphore (exit 1: something is missing)",
       [&options] { return show_buffer(options); });
   add("create", "Make the semaphore and the segment, as the sweeper does", create_buffer);
   add("flush", "Write the records to a dump file", flush_buffer);
-  add("remove", "Remove the semaphore and the segment, with what is in it", remove_buffer);
+  add("remove", "Remove the semaphore and the segment, with its records", remove_buffer);
 }
 
 }  // namespace tavrix::ctl

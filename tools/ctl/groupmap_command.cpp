@@ -31,7 +31,7 @@ std::optional<std::string> content_of(const std::string& path) {
 uint32_t gid_of(const Json& json) {
   constexpr uint64_t kMost = std::numeric_limits<uint32_t>::max() - 1;
   if (!json.is_number_unsigned() || json.get<uint64_t>() > kMost) {
-    throw std::invalid_argument(json.dump() + " is no group id");
+    throw std::invalid_argument(json.dump() + " is not a group id");
   }
   return json.get<uint32_t>();
 }
@@ -45,7 +45,7 @@ GroupMap from_json(const std::string& text) {
   for (const auto& [name, gid] : reserved.items()) map.reserved.push_back({name, gid_of(gid)});
   for (const auto& [name, gids] : users.items()) {
     groupmap::User user{name, {}};
-    if (!gids.is_array()) throw std::invalid_argument("the groups of " + name + " are no list");
+    if (!gids.is_array()) throw std::invalid_argument("the groups of " + name + " are not a list");
     for (const Json& gid : gids) user.gids.push_back(gid_of(gid));
     map.users.push_back(std::move(user));
   }
@@ -54,7 +54,7 @@ GroupMap from_json(const std::string& text) {
 
 int build(const std::string& source, bool from_system, const std::string& target) {
   if (from_system == !source.empty()) {
-    complain("give a JSON file or --from-system");
+    complain("give either a JSON file or --from-system");
     return kFailure;
   }
   GroupMap map;
@@ -80,7 +80,7 @@ int show(const Options& options, const std::string& path, const std::string& use
   if (!bytes) return kFailure;
   const auto map = groupmap::decode(*bytes);
   if (!map) {
-    complain("{}: the file is broken; \"tavrixctl groupmap verify\" tells how", path);
+    complain("{}: the file is broken; \"tavrixctl groupmap verify\" shows why", path);
     return kFailure;
   }
   Json json;
@@ -138,19 +138,19 @@ void add_groupmap_commands(CLI::App& app, Options& options, Action& action) {
   build_command->add_option("FILE", source,
                             "JSON: {\"reserved\": {NAME: GID}, \"users\": {NAME: [GID, ...]}}");
   build_command->add_flag("--from-system", from_system,
-                          "from the users and groups of this machine");
+                          "take the users and groups of this machine");
   build_command->add_option("-o,--output", target, "the file to replace")->required();
   build_command->callback(
       [&action] { action = [] { return build(source, from_system, target); }; });
 
   CLI::App* show_command =
-      groupmap->add_subcommand("show", "Users and their groups (1: no such user)");
+      groupmap->add_subcommand("show", "Print users and their groups (exit 1: no such user)");
   show_command->add_option("USER", user, "only this user");
   show_command->add_option("--file", path, "the map")->capture_default_str();
   show_command->callback([&] { action = [&options] { return show(options, path, user); }; });
 
   CLI::App* verify_command =
-      groupmap->add_subcommand("verify", "Check every offset and sum (1: it is broken)");
+      groupmap->add_subcommand("verify", "Check every offset and sum (exit 1: the map is broken)");
   verify_command->add_option("FILE", path, "the map")->capture_default_str();
   verify_command->callback([&] { action = [&options] { return verify(options, path); }; });
 }

@@ -67,8 +67,7 @@ void check_checksum(const std::string& path, const Image& image, mapcheck::Findi
       }
       return;
     case files::Checksum::kDiffers:
-      add(mapcheck::Severity::kError,
-          "the file is not what " + files::checksum_path(path) + " says");
+      add(mapcheck::Severity::kError, "the file does not match " + files::checksum_path(path));
   }
 }
 
@@ -95,14 +94,14 @@ int verify(const Options& options, const std::string& path) {
 void add_map_check_commands(CLI::App& map, Options& options, Action& action) {
   static std::string size_path, data_path, image_path;
   CLI::App* lint_command = map.add_subcommand(
-      "lint", "Check a size file and a data file without importing them (1: they have errors)");
+      "lint", "Check a size file and a data file without importing them (exit 1: errors)");
   lint_command->add_option("SIZE", size_path, "the size file")->required();
   lint_command->add_option("DATA", data_path, "the data file")->required();
   lint_command->callback(
       [&] { action = [&options] { return lint(options, size_path, data_path); }; });
 
-  CLI::App* verify_command =
-      map.add_subcommand("verify", "Check every record and link of an image (1: it is broken)");
+  CLI::App* verify_command = map.add_subcommand(
+      "verify", "Check every record and link of an image (exit 1: it is broken)");
   verify_command->add_option("FILE", image_path, "a local copy; without it, the current table");
   verify_command->callback([&] { action = [&options] { return verify(options, image_path); }; });
 }

@@ -26,7 +26,7 @@ int remove_stale() {
   mapload::Report report;
   const int removed = mapload::remove_stale_tables(report);
   tell(report);
-  if (removed == 0) complain("there is one table at most: nothing is stale");
+  if (removed == 0) complain("no table is stale: nothing to remove");
   return removed < 0 ? kFailure : kYes;
 }
 
@@ -58,7 +58,7 @@ void add_map_commands(CLI::App& app, Options& options, Action& action) {
   CLI::App* remove_command = map->add_subcommand(
       "remove", "Remove the tables and the semaphores; readers keep what they have attached");
   remove_command->add_flag("--stale", only_stale,
-                           "only the table that is not current, left by a failed import");
+                           "only the table that is not the published one, left by a failed import");
   remove_command->callback([&action] { action = [] { return remove(only_stale); }; });
 }
 

@@ -76,7 +76,7 @@ int import(const Options& options, const std::string& size_path, const std::stri
         print_findings(result->findings);
       }
       mapload::log_refused();
-      complain("not imported: {} errors; --trust imports all the same", result->findings.errors());
+      complain("not imported: {} errors; --trust skips this check", result->findings.errors());
       return kNo;
     }
   }
@@ -96,7 +96,7 @@ void add_map_import_commands(CLI::App& map, Options& options, Action& action) {
   import_command->callback(
       [&] { action = [&options] { return import(options, size_path, data_path, trust); }; });
 
-  map.add_subcommand("restore", "Make a table from the local copy, as after a restart")
+  map.add_subcommand("restore", "Make the local copy the current map, as after a restart")
       ->callback([&] { action = [&options] { return load(options, nullptr, nullptr); }; });
 }
 

@@ -97,7 +97,7 @@ std::optional<Image> Image::file(const std::string& path) {
 std::optional<Image> Image::sound(const std::string& path) {
   auto image = path.empty() ? current() : file(path);
   if (image && mapcheck::verify(image->bytes()).errors() > 0) {
-    complain("{}: the image is broken; \"tavrixctl map verify {}\" tells how", image->origin(),
+    complain("{}: the image is broken; \"tavrixctl map verify {}\" shows why", image->origin(),
              path);
     return std::nullopt;
   }

@@ -93,13 +93,13 @@ void add_patterns_commands(CLI::App& app, Options& options, Action& action) {
   static std::vector<std::string> names;
 
   CLI::App* check_command = patterns->add_subcommand(
-      "check", "Name the lines that match everything, or do not what they seem to (1: there are)");
-  check_command->add_option("FILE", path, "the patterns, a line each")->required();
+      "check", "List lines that match everything or do not do what they seem to (exit 1: errors)");
+  check_command->add_option("FILE", path, "the patterns, one per line")->required();
   check_command->callback([&] { action = [&options] { return check(options, path); }; });
 
   CLI::App* test_command = patterns->add_subcommand(
-      "test", "Which pattern matches a name (1: none matches one of them)");
-  test_command->add_option("FILE", path, "the patterns, a line each")->required();
+      "test", "Show the pattern that matches each name (exit 1: a name without one)");
+  test_command->add_option("FILE", path, "the patterns, one per line")->required();
   test_command->add_option("NAME", names, "names of files")->required();
   test_command->callback([&] { action = [&options] { return test(options, path, names); }; });
 }

@@ -66,7 +66,7 @@ class Verifier {
  private:
   bool check_table(const char* name, uint64_t offset, uint64_t count, std::size_t size) {
     if (offset + count * size <= bytes_.size()) return true;
-    error(0, fmt::format("the table of {} ({} at {}) leaves the file", name, count, offset));
+    error(0, fmt::format("the table of {} ({} at {}) ends beyond the file", name, count, offset));
     return false;
   }
 
@@ -81,7 +81,7 @@ class Verifier {
   void check_reserved(uint64_t at) {
     const auto item = get<ritem>(bytes_, at);
     const auto name = name_at(item.noffs);
-    if (!name) return error(at, fmt::format("the name at {} leaves the file", item.noffs));
+    if (!name) return error(at, fmt::format("the name at {} ends beyond the file", item.noffs));
     if (name->empty()) error(at, "a reserved group without a name");
     if (item.gid == 0)
       warn(at, fmt::format("\"{}\" has gid 0, which readers take for none", *name));
@@ -92,7 +92,7 @@ class Verifier {
     const uint64_t limit = bytes_.size() - 1;
     const auto name = name_at(item.noffs);
     if (!name || uint64_t{item.noffs} + item.nlen > limit) {
-      return error(at, fmt::format("the name at {} leaves the file", item.noffs));
+      return error(at, fmt::format("the name at {} ends beyond the file", item.noffs));
     }
     if (name->empty()) error(at, "a user without a name");
     if (name->size() != item.nlen) {
@@ -100,17 +100,17 @@ class Verifier {
     }
     // Readers measure the list from the name, and copy it from where it is.
     if (uint64_t{item.noffs} + uint64_t{item.glen} * 4 > limit) {
-      error(at,
-            fmt::format("{} groups behind the name of \"{}\" leave the file: it would be found by "
-                        "nobody, with all users after it",
-                        item.glen, *name));
+      error(at, fmt::format(
+                    "{} groups behind the name of \"{}\" end beyond the file: readers would find "
+                    "neither this user nor those after it",
+                    item.glen, *name));
     }
     if (uint64_t{item.goffs} + uint64_t{item.glen} * 4 > bytes_.size()) {
-      error(at, fmt::format("the groups of \"{}\" at {} leave the file", *name, item.goffs));
+      error(at, fmt::format("the groups of \"{}\" at {} end beyond the file", *name, item.goffs));
     }
     if (item.goffs % 4 != 0) warn(at, fmt::format("the groups of \"{}\" are not aligned", *name));
     const auto [first, is_new] = seen_.emplace(folded(*name), at);
-    if (!is_new) warn(at, fmt::format("\"{}\" is there twice; readers take the first", *name));
+    if (!is_new) warn(at, fmt::format("\"{}\" appears twice; readers take the first", *name));
   }
 
   static std::string folded(std::string_view name) {
@@ -242,7 +242,7 @@ void check_checksum(const std::string& path, std::string_view bytes, Findings& f
       return;
     case files::Checksum::kDiffers:
       findings.add({Severity::kError, "", "", 0,
-                    fmt::format("the file is not what {} says: it is damaged, or was replaced "
+                    fmt::format("the file does not match {}: it is damaged, or was replaced "
                                 "without it",
                                 files::checksum_path(path))});
   }

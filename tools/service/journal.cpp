@@ -15,8 +15,6 @@ int level_of(Tone tone) {
   switch (tone) {
     case Tone::kInfo:
       return LOG_INFO;
-    case Tone::kNotice:
-      return LOG_NOTICE;
     case Tone::kWarning:
       return LOG_WARNING;
     default:

@@ -9,7 +9,7 @@ namespace tavrix::service {
 
 // A warning says that something is refused or waits, and that the previous state stays. An error
 // says that something could not be done.
-enum class Tone { kInfo, kNotice, kWarning, kError };
+enum class Tone { kInfo, kWarning, kError };
 
 // Prints a text of one or more lines. The journal stores each line as a message of its own, so each
 // line gets the priority.
