@@ -96,6 +96,29 @@ TEST_F(Identity, HasTheUserAndGroupOfItsPasswordEntry) {
   EXPECT_EQ(0, record_->groupmap.is_computer_acct);
 }
 
+// An entry that does not fit into the buffer that the C library suggests is read with a larger one,
+// up to 1 MiB.
+TEST_F(Identity, HasAPasswordEntryOfAnyUsualLength) {
+  const auto suggested = static_cast<std::size_t>(sysconf(_SC_GETPW_R_SIZE_MAX));
+  std::string text = read_file("/etc/passwd");
+  const auto add = [&text](const std::string& name, int uid, std::size_t bytes) {
+    const std::string id = std::to_string(uid);
+    text += name + ":x:" + id + ":" + id + ":" + std::string(bytes, 'x') + ":/:/bin/false\n";
+  };
+  add("pc$", 4243, 5 * suggested);
+  add("huge", 4244, std::size_t{1} << 20);
+  remove_all("/etc/passwd");  // a link
+  write_file("/etc/passwd", text);
+  record_->refresh_creds.euid = 4243;
+  EXPECT_EQ(0, reset());
+  EXPECT_EQ(4243U, record_->groupmap.egid);
+  EXPECT_EQ(1, record_->groupmap.is_computer_acct);
+  record_->refresh_creds.euid = 4244;
+  EXPECT_EQ(-1, reset());
+  EXPECT_EQ(0, level_of_reset("Cannot get username for uid 4244 to update user's groups: "
+                              "Numerical result out of range\n"));
+}
+
 TEST_F(Identity, TellsTheDecisionTheReservedGroups) {
   EXPECT_EQ(0, reset());
   gid_t group = 9001;

@@ -29,6 +29,7 @@ union semun {
 
 key_t semaphore_key() { return ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_SEMAPHORE_KEY_ID); }
 
+// Our own number is that of an earlier process: this one does not hold the semaphore while it asks.
 bool is_dead(pid_t pid) { return pid == getpid() || (kill(pid, 0) != 0 && errno == ESRCH); }
 
 // True if the set was made and never got its value.
