@@ -85,9 +85,9 @@ class Leftover {
       if (errno == ENOENT) return Settled::kGone;
       return errno == ELOOP ? Settled::kForeign : Settled::kFailed;
     }
-    const bool is_locked = flock(fd_.get(), LOCK_EX | LOCK_NB) == 0;
-    if (!is_locked && errno != EWOULDBLOCK) return Settled::kFailed;
-    if (!is_locked && !is_marked_) return Settled::kLive;
+    const bool is_free = flock(fd_.get(), LOCK_EX | LOCK_NB) == 0;
+    if (!is_free && errno != EWOULDBLOCK) return Settled::kFailed;
+    if (!is_free && !is_marked_) return Settled::kLive;
     struct stat info {};
     if (fstat(fd_.get(), &info) != 0) return Settled::kFailed;
     if (!S_ISREG(info.st_mode)) return Settled::kForeign;
@@ -98,7 +98,7 @@ class Leftover {
         static_cast<std::byte*>(std::malloc(std::max<std::size_t>(size, 1))));
     if (block == nullptr || !read_whole(fd_.get(), block.get(), size)) return Settled::kFailed;
     const Records bytes(block.get(), size);
-    if (!is_locked) return settle_of_the_dying(bytes, buffered);
+    if (!is_free) return settle_of_the_dying(bytes, buffered);
     return settle_content(bytes, info.st_mtim, buffered);
   }
 
