@@ -129,6 +129,24 @@ TEST_F(Map, TellsItsHeaderAndTables) {
   EXPECT_TRUE(contains(text.out, "5 folders, 5 entries")) << text.out;
 }
 
+// A small stack stands for a much deeper map.
+TEST_F(Map, ShowsATreeThatIsDeeperThanAStack) {
+  constexpr int kLevels = 3000;
+  Folder top{.name = "d"};
+  for (int level = 1; level < kLevels; ++level) top = {.name = "d", .children = {std::move(top)}};
+  import({.name = "/", .children = { std::move(top) }});
+  const std::string tree = std::string("ulimit -s ") +
+                           (std::string(TAVRIX_SANITIZED_BUILD) == "ON" ? "2048" : "384") +
+                           "; exec " TAVRIX_BUILD_DIR "/tools/tavrixctl ";
+  const Outcome text = run_program({"sh", "-c", tree + "map tree --depth 10000"});
+  EXPECT_EQ(0, text.exit_code) << text.signal;
+  EXPECT_EQ(kLevels + 1, std::count(text.out.begin(), text.out.end(), '\n'));
+  const Outcome json = run_program({"sh", "-c", tree + "--json map tree --depth 10000"});
+  EXPECT_EQ(2, json.exit_code) << json.signal;
+  EXPECT_TRUE(contains(json.err, "more than 1000 levels")) << json.err;
+  EXPECT_EQ(0, ctl({"--json", "map", "tree", "--depth", "1000"}).exit_code);
+}
+
 TEST_F(Map, ShowsItsTree) {
   import(team());
   EXPECT_EQ(

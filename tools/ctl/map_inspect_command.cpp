@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map info, map tree, map acl: what is in an image.
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "perm_utils.h"
 #include "permissions/map/image.hpp"
@@ -165,36 +169,71 @@ int acl(const Options& options, const std::string& path, const std::string& file
   return kYes;
 }
 
+// JSON of more levels is nothing that its readers take, and its printing would need a stack.
+constexpr int kMostJsonLevels = 1000;
+
+// The folders below one, the first child first. The way down is kept in memory and not on the
+// stack: a map may be deeper than a stack.
 class Tree {
  public:
   Tree(const ImageView& view, int depth) : view_(view), depth_(depth) {}
 
-  void print_text(uint32_t offset, int level) const {
-    const fs_elem_s& folder = view_.fselem(offset);
-    const uint32_t entries = view_.acl_of(folder).num_aces;
-    fmt::print("{:{}}{}{}\n", "", level * 2, shown(ImageView::text_of(view_.name_of(folder))),
-               entries == 0 ? "" : fmt::format("  ({} entries)", entries));
-    if (level == depth_) return;
-    each_child(folder, [&](uint32_t child) { print_text(child, level + 1); });
+  void print_text(uint32_t top) const {
+    walk(top, [this](uint32_t offset, int level) {
+      const fs_elem_s& folder = view_.fselem(offset);
+      const uint32_t entries = view_.acl_of(folder).num_aces;
+      fmt::print("{:{}}{}{}\n", "", level * 2, shown(ImageView::text_of(view_.name_of(folder))),
+                 entries == 0 ? "" : fmt::format("  ({} entries)", entries));
+    });
   }
 
-  [[nodiscard]] Json json(uint32_t offset, int level) const {
-    const fs_elem_s& folder = view_.fselem(offset);
-    Json json;
-    set_bytes(json, "name", ImageView::text_of(view_.name_of(folder)));
-    json["entries"] = uint32_t{view_.acl_of(folder).num_aces};
-    if (level == depth_) return json;
-    Json children = Json::array();
-    each_child(folder, [&](uint32_t child) { children.push_back(this->json(child, level + 1)); });
-    json["children"] = std::move(children);
-    return json;
+  // Nothing when there are more levels than kMostJsonLevels.
+  [[nodiscard]] std::optional<Json> json(uint32_t top) const {
+    // A folder goes into its parent when everything below it is known.
+    std::vector<Json> open;
+    const auto close_down_to = [&open](std::size_t levels) {
+      while (open.size() > levels) {
+        Json done = std::move(open.back());
+        open.pop_back();
+        open.back()["children"].push_back(std::move(done));
+      }
+    };
+    bool is_too_deep = false;
+    walk(top, [&](uint32_t offset, int level) {
+      if (is_too_deep = is_too_deep || level > kMostJsonLevels; is_too_deep) return;
+      close_down_to(static_cast<std::size_t>(std::max(level, 1)));
+      const fs_elem_s& folder = view_.fselem(offset);
+      Json json;
+      set_bytes(json, "name", ImageView::text_of(view_.name_of(folder)));
+      json["entries"] = uint32_t{view_.acl_of(folder).num_aces};
+      if (level < depth_) json["children"] = Json::array();
+      open.push_back(std::move(json));
+    });
+    close_down_to(1);
+    if (is_too_deep) return std::nullopt;
+    return std::move(open.front());
   }
 
  private:
-  void each_child(const fs_elem_s& folder, const std::function<void(uint32_t)>& visit) const {
-    if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return;
-    const child_list_s& list = view_.children_of(folder);
-    for (uint32_t slot = 0; slot < list.next_index; ++slot) visit(ImageView::child_at(list, slot));
+  struct Place {
+    uint32_t offset;
+    int level;
+  };
+
+  template <typename Visit>
+  void walk(uint32_t top, Visit visit) const {
+    std::vector<Place> to_come{{top, 0}};
+    while (!to_come.empty()) {
+      const auto [offset, level] = to_come.back();
+      to_come.pop_back();
+      visit(offset, level);
+      const fs_elem_s& folder = view_.fselem(offset);
+      if (level == depth_ || (folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) continue;
+      const child_list_s& list = view_.children_of(folder);
+      for (uint32_t slot = list.next_index; slot > 0; --slot) {
+        to_come.push_back({ImageView::child_at(list, slot - 1), level + 1});
+      }
+    }
   }
 
   const ImageView& view_;
@@ -212,9 +251,15 @@ int tree(const Options& options, const std::string& path, int depth, const std::
   const ImageView view(image->bytes().data());
   const Tree tree(view, depth);
   if (options.json) {
-    print(tree.json(found.offset, 0));
+    const auto json = tree.json(found.offset);
+    if (!json) {
+      complain("{}: more than {} levels below it; use a smaller --depth, or leave out --json", path,
+               kMostJsonLevels);
+      return kFailure;
+    }
+    print(*json);
   } else {
-    tree.print_text(found.offset, 0);
+    tree.print_text(found.offset);
   }
   return kYes;
 }
