@@ -248,6 +248,38 @@ TEST_F(Loader, WaitsForTheImportOfALoaderThatDied) {
   EXPECT_TRUE(refused().empty());
 }
 
+// A pair that ends the loader itself would keep every later one waiting.
+TEST_F(Loader, SetsAPairAsideThatEndsItAtEachStart) {
+  hand_over(team());
+  once();
+  hand_over(wide(9));
+  for (int start = 0; start < 5; ++start) {
+    EXPECT_EQ(SIGKILL, once_with("fork:kill:1").signal) << start;
+    EXPECT_TRUE(refused().empty()) << start;
+  }
+  const Outcome outcome = once_with("fork:kill:1");
+  EXPECT_EQ(1, outcome.exit_code) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "the loader ended 5 times while it loaded this pair"));
+  ASSERT_EQ(1U, refused().size());
+  EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}),
+            list(kInbox + "/refused/" + refused()[0]));
+  EXPECT_EQ(5, folders_of_current());
+  EXPECT_TRUE(contains(operators_log(), ",4,Failed processing"));
+  hand_over(wide(7));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(7, folders_of_current());
+}
+
+TEST_F(Loader, CountsTheStartsOfEachPairByItself) {
+  for (int pair = 0; pair < 3; ++pair) {
+    hand_over(wide(5));
+    for (int start = 0; start < 4; ++start) once_with("fork:kill:1");
+    EXPECT_EQ(0, once().exit_code) << pair;
+  }
+  EXPECT_TRUE(refused().empty());
+  EXPECT_TRUE(list(kInbox + "/.work").empty());
+}
+
 TEST_F(Loader, WatchesItsFolderUntilItIsToldToEnd) {
   Child loader([] {
     execl(kLoader.c_str(), kLoader.c_str(), "--dir", kInbox.c_str(), nullptr);

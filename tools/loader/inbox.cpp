@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -21,6 +22,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kSizeName = "size.json";
 constexpr const char* kDataName = "data.json";
+constexpr const char* kStartsName = "starts";
 
 bool is_file(const std::string& path) {
   struct stat info {};
@@ -148,11 +150,26 @@ bool Inbox::leave(const Pair& taken) {
   return data_left && size_left && files::sync_folder(folder_);
 }
 
+unsigned Inbox::note_start() const {
+  const std::string path = work_ + "/" + kStartsName;
+  const std::string text = files::read_whole(path).value_or("");
+  const auto before = static_cast<unsigned>(std::strtoul(text.c_str(), nullptr, 10));
+  static_cast<void>(files::replace(path, fmt::format("{}\n", before + 1), 0644));
+  return before;
+}
+
+void Inbox::forget_starts() const {
+  const std::string path = work_ + "/" + kStartsName;
+  static_cast<void>(files::remove(path));
+  static_cast<void>(files::remove(path + ".new"));  // of a run that was killed while it counted
+}
+
 // The work folder becomes the folder of the refusal by one rename: the pair is never split between
 // two places, and a full disk rarely prevents it. When the reason cannot be written, the pair is
 // set aside without it.
 std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {
   const std::string text = reason + "\n";
+  forget_starts();
   static_cast<void>(files::replace(work_ + "/reason.txt", text, 0644));
   const std::string where = name_of_now(refused_);
   if (rename(work_.c_str(), where.c_str()) != 0) return {};
@@ -180,6 +197,7 @@ void Inbox::finish(const Pair& pair) const {
   static_cast<void>(files::remove(pair.size));
   static_cast<void>(files::remove(pair.data));
   static_cast<void>(files::remove(work_ + "/reason.txt"));
+  forget_starts();
 }
 
 }  // namespace tavrix::loader

@@ -3,7 +3,9 @@
 //
 //   DIR/size.json, DIR/data.json   a pair: written elsewhere on the same file system or under other
 //                                  names, then renamed to these, in either order
-//   DIR/.work/                     the pair that is being loaded; it stays until its map is current
+//   DIR/.work/                     the pair that is being loaded; it stays until its map is
+//   current.
+//                                  "starts" beside it counts the runs that began to load it
 //   DIR/refused/<time>/            a pair that was not loaded, and reason.txt beside it
 #pragma once
 
@@ -37,6 +39,11 @@ class Inbox {
   // Takes a complete pair out of the folder. Returns none when there is no pair or when it cannot
   // be taken. `complaint` says why a pair cannot be taken, or why its names stay in the folder.
   [[nodiscard]] std::optional<Pair> take(std::string& complaint);
+  // Counts, on the disk, that a run of the loader begins to load the pair in work. Returns how many
+  // runs began before it and did not end; 0 when that cannot be known.
+  unsigned note_start() const;
+  // Forgets that count: the run ends by itself and leaves the pair to the next one.
+  void forget_starts() const;
   // Sets the pair aside with the reason and returns the folder where it lies. Returns an empty text
   // and sets errno when it cannot be set aside; then it stays in the work folder.
   std::string refuse(const Pair& pair, const std::string& reason) const;

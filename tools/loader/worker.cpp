@@ -15,6 +15,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr unsigned kTries = 6;
+constexpr unsigned kMostStarts = 5;       // of runs that end while they load one pair
 constexpr milliseconds kFirstPause{100};  // doubles with each try
 constexpr milliseconds kPauseForLock{200};
 constexpr milliseconds kPauseForRoom{10000};
@@ -55,6 +56,12 @@ Worker::Step Worker::step(bool may_wait, const std::function<bool()>& should_sto
 }
 
 Worker::Step Worker::load(const std::function<bool()>& should_stop) {
+  if (tries_ == 0) {
+    if (const unsigned ended = inbox_.note_start(); ended >= kMostStarts) {
+      mapload::log_refused();
+      return refuse(fmt::format("the loader ended {} times while it loaded this pair", ended));
+    }
+  }
   if (!mapload::is_well()) {
     const mapload::Recovery recovery = mapload::recover(mapload::Restore::kNo);
     tell(recovery.report);
@@ -73,6 +80,7 @@ Worker::Step Worker::load(const std::function<bool()>& should_stop) {
     case mapload::Result::kTryAgain:
       return try_again(outcome.text);
     case mapload::Result::kStopped:
+      inbox_.forget_starts();
       return Step::kStopped;
     default:
       return refuse(outcome.text);
