@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a fuzz target is, and how an assertion of the library ends one input instead of the program.
+// The parts that fuzz targets share. An assertion of the library ends one input, not the program.
 #pragma once
 
 #include <csetjmp>
@@ -13,8 +13,8 @@ namespace tavrix::fuzz {
 extern std::jmp_buf assertion;
 extern bool assertion_is_expected;
 
-// Runs the body; an assertion of the library leaves it early. What the body owns leaks then, so
-// keep what must be freed outside.
+// Runs the body; an assertion of the library leaves it early and without destructors. Own whatever
+// must be freed outside the body.
 template <typename Body>
 void until_assertion(Body body) {
   assertion_is_expected = true;
@@ -22,10 +22,11 @@ void until_assertion(Body body) {
   assertion_is_expected = false;
 }
 
-// The library's traces go nowhere.
+// Sends standard output to /dev/null: the library prints traces there.
 void silence_output();
 
-// The first two differing results of a property are printed, and the program ends.
+// A property of the code under test. When it does not hold, its name is printed and the program
+// aborts; the fuzzer keeps the input.
 void require(bool holds, const char* what);
 
 }  // namespace tavrix::fuzz

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 /* The second pass of an import: the data file into the image, and the local copy of the image.
  *
- * The pass is a machine of states on an explicit stack. It trusts the counts of the size file: a
- * document that breaks the grammar aborts the process, one that lies about its counts overruns the
- * image; check a pair of files first when nobody vouches for it. Not reentrant. */
+ * The pass is a machine of states on an explicit stack. The size file's counts set the size of the
+ * image. A document that breaks the grammar, or needs more room than the counts give, aborts the
+ * process: check a pair of files first when nobody vouches for it. Not reentrant. */
 #ifndef TAVRIX_READ_PERMS_H
 #define TAVRIX_READ_PERMS_H
 
