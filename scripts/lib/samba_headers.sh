@@ -28,19 +28,19 @@ prepare_samba_headers() {
   echo "$version" >"$folder/version"
 }
 
-# The machine's own mirrors of Debian, as lists of sources in this folder: its own lists stay as they
-# are.
+# Writes source lists to parts/, from the mirrors of Debian that this machine's own lists name. Those
+# lists stay as they are.
 write_source_lists() {
   mkdir -p parts
   local file
   for file in /etc/apt/sources.list.d/*.sources; do
     [ -e "$file" ] || continue
-    # Paragraphs that name Debian; they are separated by empty lines, and comments do not count.
+    # The paragraphs that name Debian. Empty lines separate paragraphs, and comments do not.
     grep -v '^#' "$file" | awk -v RS= -v ORS='\n\n' '/URIs:[^\n]*debian/' |
       sed -E 's/^Types:.*/Types: deb-src/' >"parts/$(basename "$file")"
   done
   cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null |
-    sed -nE '/^deb .*debian\.org|^deb .*\/debian/s/^deb /deb-src /p' >parts/lists.list || true
+    sed -n '/^deb .*debian/s/^deb /deb-src /p' >parts/lists.list || true
   [ -z "$(cat parts/*)" ] || return 0
   echo "this machine has no list of Debian's packages to take the sources of samba from" >&2
   return 1
@@ -62,8 +62,8 @@ unpack_samba_headers() {
     '*/libcli/util/*.txt'
 }
 
-# What configure found, as the installed server tells it. Left out is what needs headers of other
-# packages that a module does not need.
+# Makes config.h from the installed server's list of build options, without those that pull in
+# headers of packages that a module does not need.
 generate_config_header() {
   mkdir -p gen/include
   {
@@ -82,7 +82,7 @@ generate_config_header() {
       echo "#define $size"
     done
   } >gen/include/config.h
-  # The names under which generated headers know those of the source tree.
+  # Generated headers include these by core/NAME.h; in the source tree they lie in libcli/util.
   mkdir -p gen/core
   local name
   for name in error ntstatus werror doserr hresult; do
@@ -104,7 +104,7 @@ generate_parameter_headers() {
   {
     echo '<?xml version="1.0" encoding="utf-8" ?><parameterlist>'
     find src/docs-xml/smbdotconf -name '*.xml' ! -name 'parameters.*' -print0 | sort -z | xargs -0 cat |
-      grep -v '<?xml' | perl -pe 's/&(?!(?:amp|lt|gt|quot|apos);)[\w.]+;//g'  # names of the manual
+      grep -v '<?xml' | perl -pe 's/&(?!(?:amp|lt|gt|quot|apos);)[\w.]+;//g'  # entities of the manual
     echo '</parameterlist>'
   } >gen/parameters.xml
   local generate=(/usr/bin/python3 src/script/generate_param.py --file gen/parameters.xml)
@@ -112,12 +112,12 @@ generate_parameter_headers() {
   "${generate[@]}" --output gen/lib/param/param_local.h --mode=PARAMDEFS --scope=LOCAL
 }
 
-# In the folder that includes start from: the generated headers name one another by these paths.
+# Runs in gen/, where the includes start: the generated headers include one another by these paths.
 generate_ndr_headers() {
   mkdir -p gen/librpc/gen_ndr
   (
     cd gen
-    # Inside a source tree, with Debian's own Python.
+    # pidl asks for the source tree, and the generators for Debian's own Python.
     export srcdir=../src/source3 PATH=/usr/bin:$PATH
     local pidl=(perl ../src/pidl/pidl --quiet --outputdir librpc/gen_ndr
       --includedir ../src/librpc/idl --includedir ../src/source3/librpc/idl)
