@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The permission check of a connection, answered from its cache.
+// Benchmarks of a connection's permission check when its cache has the answer.
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
@@ -28,7 +28,7 @@ std::string path_number(int number) {
 struct Connection {
   Connection() {
     init_tlb(&record->vfs_table_cache);
-    record->reserved_user = 1;  // answered without a map: the cache is what is measured
+    record->reserved_user = 1;  // needs no map, so only the cache is measured
   }
   ~Connection() { destroy_tlb(&record->vfs_table_cache); }
   Connection(const Connection&) = delete;
@@ -49,7 +49,7 @@ void check_front(benchmark::State& state) {
 }
 BENCHMARK(check_front);
 
-// The canonical path, which every check makes, and one comparison.
+// Every check needs the canonical path and at least one comparison.
 void check_front_floor(benchmark::State& state) {
   const std::string path = "Shared/Design/plan.txt";
   for (auto _ : state) {
@@ -60,7 +60,7 @@ void check_front_floor(benchmark::State& state) {
 }
 BENCHMARK(check_front_floor);
 
-// Each look finds its path at the last position, and brings it to the front.
+// Each check finds its path at the last position and moves it to the front.
 void cache_worst(benchmark::State& state) {
   Connection connection;
   connection.fill();
@@ -88,7 +88,7 @@ void cache_miss(benchmark::State& state) {
 }
 BENCHMARK(cache_miss);
 
-// strncmp() over the same paths, in blocks of their own as the cache has them.
+// strncmp() over the same paths, each in a block of its own as in the cache.
 void scan_all(benchmark::State& state) {
   std::vector<std::unique_ptr<char, decltype(&std::free)>> paths;
   for (int number = 0; number < kPaths; ++number) {

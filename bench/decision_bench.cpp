@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// One whole decision in a process with the identity of a Samba server process, beside the same
-// system calls and page touches in a bare loop.
+// Benchmarks of one whole decision, in a process with the identity of a Samba server process. The
+// floor makes the same system calls and touches the same pages in a bare loop.
 
 #include <benchmark/benchmark.h>
 #include <sys/ipc.h>
@@ -28,7 +28,8 @@ constexpr gid_t kGroup = 9003;
 constexpr gid_t kPowerUsers = 9002;
 constexpr std::size_t kQuestions = 64;
 
-// A server process between two hooks: real and saved uid 0, effective uid the user's.
+// The identity of a server process between two hooks: the effective uid is the user's, the real and
+// saved ones are 0.
 class ServerIdentity {
  public:
   ServerIdentity() {
@@ -85,8 +86,8 @@ void decision(benchmark::State& state) {
                                                 benchmark::Counter::kAvgIterations);
 }
 
-// The pages of the image that an answer cannot do without: the header, the root, the record and the
-// name of each folder on the path, and the ACLs from the folder up to the first one with entries.
+// The pages of the image that any answer has to read: the header, the root, the record and the name
+// of each folder on the path, and the ACLs from the folder up to the first one with entries.
 std::vector<std::size_t> pages_of_answer(const std::vector<std::byte>& image,
                                          const std::string& path) {
   const ImageView view(image.data());
@@ -112,7 +113,7 @@ std::vector<std::size_t> pages_of_answer(const std::vector<std::byte>& image,
     touch(folder);
     touch(&view.name_of(*folder));
   }
-  // The object's and the parent's ACL.
+  // Both the object's ACL and its parent's govern an answer.
   for (const fs_elem_s* from : {folder, &view.fselem(folder->parent_offset)}) {
     const fs_elem_s* holder = from;
     for (;; holder = &view.fselem(holder->parent_offset)) {
@@ -125,14 +126,14 @@ std::vector<std::size_t> pages_of_answer(const std::vector<std::byte>& image,
 
 int semaphore_value(int set, int number) { return semctl(set, number, GETVAL); }
 
-// The index, looked up afresh, as a reader has to.
+// The current table's index. A reader looks it up for each decision.
 int current_index() {
   const int set = semget(ftok("/dev/null", TAVRIX_PERM_MAP_SEM_KEY_ID), 0, 0666);
   semaphore_value(set, 1);
   return semaphore_value(set, 0);
 }
 
-// The superuser for a moment: what a switch asks first, the switch, and the way back.
+// Runs the body as the superuser, with the system calls of a switch: ask, switch, switch back.
 template <typename Body>
 void as_root(Body body) {
   uid_t uids[3];
@@ -177,7 +178,8 @@ void decision_floor(benchmark::State& state) {
 BENCHMARK(decision)->Args({1'000'000, 16});
 BENCHMARK(decision_floor)->Args({1'000'000, 16});
 
-// Growth: against the size of the map, and against the width of its folders (which makes it flat).
+// The growth of a decision with the size of the map, and with the width of its folders: wider
+// folders make the tree flatter.
 void growth_sizes(benchmark::internal::Benchmark* growth) {
   for (const int folders : {1'000, 10'000, 100'000}) growth->Args({folders, 16});
   for (const int width : {2, 64, 256, 1024}) growth->Args({100'000, width});

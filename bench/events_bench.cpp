@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Events: building a record, appending it, flushing a full buffer.
+// Benchmarks of events: building a record, appending it, flushing a full buffer.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -35,7 +35,7 @@ VFSEvent sample_event() {
   return event;
 }
 
-// A fresh buffer; the settings are this process's own.
+// A fresh staging buffer. The settings are private to this process.
 struct Staging {
   Staging() {
     global_params[PARAM_STAGING_BUFFER_SIZE].value.intval = kBufferSize;
@@ -55,7 +55,7 @@ struct Staging {
 };
 
 void event_build(benchmark::State& state) {
-  global_params[PARAM_DEBUG_LEVEL].value.intval = -1;  // the stamp is told at level 0
+  global_params[PARAM_DEBUG_LEVEL].value.intval = -1;  // at level 0 the stamp is logged
   VFSEvent event = sample_event();
   for (auto _ : state) {
     pop_vfs_event(&event, 1005);
@@ -65,7 +65,7 @@ void event_build(benchmark::State& state) {
 }
 BENCHMARK(event_build);
 
-// protobuf-c's own pack, into a block of the size; the clock and the process id.
+// Reads the clock and the process id, and lets protobuf-c pack into a block of the right size.
 void event_build_floor(benchmark::State& state) {
   VFSEvent event = sample_event();
   for (auto _ : state) {
@@ -100,7 +100,8 @@ void staging_append(benchmark::State& state) {
 }
 BENCHMARK(staging_append);
 
-// The same calls: key, set, take; key, segment, attach; copy; key, set, give; detach.
+// The same system calls in a row: take the semaphore, attach, copy, give the semaphore, detach.
+// Each object is looked up by its key, as by the library.
 void staging_append_floor(benchmark::State& state) {
   const Staging staging;
   VFSEvent event = sample_event();
@@ -124,7 +125,7 @@ void staging_append_floor(benchmark::State& state) {
 }
 BENCHMARK(staging_append_floor);
 
-// Appends a second by that many processes at once.
+// Appends per second when that many processes write at once.
 void staging_writers(benchmark::State& state) {
   constexpr int kEvents = 2000;
   const Staging staging;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Runs each hook once, between two marks, for scripts/lib/hook_calls.py to count its system calls
-// under strace. The second time of each: the first one finds what stays.
+// Runs each hook between two marks, so that scripts/lib/hook_calls.py can count its system calls in
+// strace's output. Each hook runs once before: the first run also fills caches.
 
 #include <unistd.h>
 #include <array>
@@ -12,7 +12,7 @@
 namespace {
 
 void mark(const std::string& text) {
-  // A write that fails, and is seen.
+  // The write fails, and strace shows it.
   if (write(-1, text.data(), text.size()) >= 0) _exit(3);
 }
 

@@ -37,7 +37,7 @@ void set_settings() {
 
 void touch(const std::string& path) { std::ofstream(path, std::ios::app) << ""; }
 
-// --- the system calls of floors -----------------------------------------------------------------
+// --- system calls of the floors ---
 
 struct Ids {
   uid_t real, effective, saved;
@@ -83,7 +83,7 @@ void require(int result) {
   if (result != 0) std::abort();
 }
 
-// --- the cases ----------------------------------------------------------------------------------
+// --- cases ---
 
 void open_hook(HookWorld& world) {
   e_open_mode mode = OPENMODE_WRITE;
@@ -143,7 +143,7 @@ void close_floor(HookWorld&) {
   fstat(fd, &st);
 }
 
-// A hook of one decision, which leaves the process root.
+// A hook that takes one decision and leaves the process root.
 HookCase one_decision(const char* name, e_fsop_type op, std::string HookWorld::*path,
                       std::function<int(HookWorld&)> hook) {
   return {name,
@@ -260,7 +260,7 @@ HookWorld::HookWorld() : record_(std::make_unique<connection_private_data_s>()) 
   vfs_set_admins_powerusers(kAdmins, 9002);
   init_tlb(&record_->vfs_table_cache);
   record_->user_name_as_passed_in = user_name;
-  const time_t later = std::time(nullptr) + 3600;  // the markers are old
+  const time_t later = std::time(nullptr) + 3600;  // newer than the markers
   record_->refresh_creds = {later, later, kUser, kUser};
   record_->groupmap.euid = kUser;
   record_->groupmap.egid = kGroup;

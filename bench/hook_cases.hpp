@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The hooks as benchmarks and the table of system calls take them: each with its floor, which is
-// the decision and the system calls that the hook cannot do without, in a row.
+// The hooks that the benchmarks and the table of system calls run. The floor of each is a bare
+// sequence of the decision and the system calls that the hook has to make.
 #pragma once
 
 #include <functional>
@@ -12,7 +12,7 @@
 
 namespace tavrix::bench {
 
-// A connection on a small map, in a server process between two hooks, with real folders and files
+// A connection in a server process between two hooks, on a small map, with real folders and files
 // and a staging buffer.
 class HookWorld {
  public:
@@ -25,9 +25,9 @@ class HookWorld {
   tx_perm_ctx_t** slot() { return &ctx_; }
   void give_root_back();
 
-  // A folder of the share and a file in it, relative and in full.
+  // A folder of the share and a file in it; full_* are the paths from the root.
   std::string folder, full_folder, file, full_file;
-  // Entries of a folder for listings, which need not exist to be decided about.
+  // Names for listings. A decision does not need the entries to exist.
   std::vector<std::string> entries;
 
  private:

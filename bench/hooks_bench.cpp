@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The hooks, each beside the decision and the system calls that it cannot do without; and listings.
+// Benchmarks of the hooks and of listings. The floor is the decision and the system calls that the
+// hook has to make.
 
 #include <benchmark/benchmark.h>
 #include <vector>
@@ -13,7 +14,7 @@ namespace {
 
 void run(benchmark::State& state, const std::function<void(HookWorld&)>& action) {
   HookWorld world;
-  action(world);  // what is only the first time
+  action(world);  // fills caches
   for (auto _ : state) action(world);
 }
 
@@ -35,7 +36,7 @@ void list(HookWorld& world) {
   }
 }
 
-// More entries than the cache has room for: each costs a decision, each time.
+// The cache starts empty and the larger folder exceeds it, so each entry costs a decision.
 void listing(benchmark::State& state) {
   HookWorld world;
   world.entries.resize(static_cast<std::size_t>(state.range(0)));
@@ -48,7 +49,7 @@ void listing(benchmark::State& state) {
 }
 BENCHMARK(listing)->Arg(1'000)->Arg(10'000)->Unit(benchmark::kMillisecond);
 
-// A decision an entry.
+// One decision per entry.
 void listing_floor(benchmark::State& state) {
   HookWorld world;
   world.entries.resize(static_cast<std::size_t>(state.range(0)));

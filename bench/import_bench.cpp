@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A whole import with standard output to a file, beside a bare parse of the same bytes.
+// Benchmarks of a whole import with its standard output in a file. The floor is a bare parse of the
+// same bytes.
 
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
@@ -33,7 +34,8 @@ void import_once(const JsonPair& files) {
   std::free(summary);
 }
 
-// What an import needs at its peak beyond the data file and the image, in a process of its own.
+// The peak memory of an import beyond the data file and the image. It runs in a process of its own,
+// whose peak is the import's.
 double extra_memory_mib(const sample::Shape& shape) {
   const JsonPair files = json_pair(shape);
   struct stat data {};

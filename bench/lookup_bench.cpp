@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The governing ACL of a path on an attached image, beside a read of the same path as a key of an
-// LMDB in a warm read transaction.
+// Benchmarks of finding a path's governing ACL in an attached image. The floor reads the same path
+// as a key from an LMDB database, in a warm read transaction.
 
 #include <benchmark/benchmark.h>
 #include <lmdb.h>
@@ -39,7 +39,7 @@ void check(int result) {
   if (result != 0) throw std::runtime_error(mdb_strerror(result));
 }
 
-// Every folder's path with the bytes of a small ACL.
+// A database with the path of every folder as a key, and the bytes of a small ACL as its value.
 MDB_env* filled_database(const sample::Shape& shape) {
   const std::string folder = "/scratch/lmdb" + std::to_string(shape.folders);
   const bool is_new = mkdir(folder.c_str(), 0700) == 0;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Runs in a private world (scripts/bench.sh): it publishes maps and changes identities.
+// Runs the benchmarks. They publish maps and change identities, so scripts/bench.sh gives them a
+// private world.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>
@@ -13,7 +14,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "run scripts/bench.sh\n");
     return 2;
   }
-  // Settings as a server process has them: errors are logged, nothing else.
+  // Zeroed settings: errors are logged and nothing else, as in a server process.
   static std::array<global_param_s, PARAM_MAX_INDEX> block;
   global_params = block.data();
   benchmark::Initialize(&argc, argv);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Names: the hash, the comparison, the canonical path. Floors: one pass over the same bytes.
+// Benchmarks of names: the hash, the comparison, the canonical path. The floors are one pass over
+// the same bytes.
 
 #include <benchmark/benchmark.h>
 #include <cstdlib>
@@ -24,7 +25,7 @@ void name_hash(benchmark::State& state) {
 }
 BENCHMARK(name_hash);
 
-// The same mixing without the folding.
+// The same mixing of bytes without folding their case.
 void name_hash_floor(benchmark::State& state) {
   for (auto _ : state) {
     uint32_t hash = 0;
@@ -46,7 +47,7 @@ void name_compare(benchmark::State& state) {
 }
 BENCHMARK(name_compare);
 
-// The C library's own comparison of that kind.
+// The C library's comparison that ignores case.
 void name_compare_floor(benchmark::State& state) {
   for (auto _ : state) {
     const char* a = kName.data();
@@ -61,7 +62,7 @@ void normalize(benchmark::State& state) {
 }
 BENCHMARK(normalize);
 
-// A zeroed block of the size, and a copy byte by byte.
+// Zeroes a block of the path's size and copies byte by byte.
 void normalize_floor(benchmark::State& state) {
   for (auto _ : state) {
     const std::size_t length = std::strlen(kPath.c_str());

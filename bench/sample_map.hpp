@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The maps that benchmarks ask about: made once a run for each shape, and made current on demand.
+// The maps of the benchmarks. Each shape is built once per run and made current on demand.
 #pragma once
 
 #include <cstddef>
@@ -18,19 +18,19 @@ inline sample::Shape shape_of(uint64_t folders, unsigned fan_out = 16) {
 // The image of a sample map, in private memory.
 const std::vector<std::byte>& image_of(const sample::Shape& shape);
 
-// Makes it the current table.
+// Makes the sample map of this shape the current table.
 void publish(const sample::Shape& shape);
 
-// Paths of folders of the map, spread over it in an order that no prefetcher foresees.
+// Paths of folders, spread over the map in an order that defeats prefetching.
 std::vector<std::string> some_paths(const sample::Shape& shape, std::size_t count);
 
-// The two files of the shape, new hard links each time: an import removes them.
+// The two JSON files of the shape. An import removes them, so each call makes new hard links.
 struct JsonPair {
   std::string size, data;
 };
 JsonPair json_pair(const sample::Shape& shape);
 
-// Standard output goes to a file while this lives, as a loader's does.
+// Redirects standard output to a file for a scope: an import prints its traces there.
 class OutputToFile {
  public:
   OutputToFile();

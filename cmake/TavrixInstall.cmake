@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# What `cmake --install` puts where; the components become packages (scripts/make-packages.sh).
+# Installs the library, its headers, the tools and their files. scripts/make-packages.sh makes a package
+# of each component.
 
 include(CMakePackageConfigHelpers)
 
@@ -26,7 +27,7 @@ install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DI
 
 install(FILES docs/man/tavrixctl.8 docs/man/tavrix-loader.8 docs/man/tavrix-sweeper.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
-# A machine's own settings lie in /etc, not in /usr/etc; any other prefix keeps everything below it.
+# Settings go to /etc when the prefix is /usr. Any other prefix keeps everything below it.
 set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_SYSCONFDIR})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_FULL_SYSCONFDIR})
@@ -42,12 +43,12 @@ install(FILES packaging/smbd.service.d/tavrix.conf DESTINATION lib/systemd/syste
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf
   COMPONENT tools)
 
-# The module is built by a script of its own, and is here when that has run.
+# scripts/build-samba-module.sh builds the module; without it the package has the manual page alone.
 install(FILES docs/man/vfs_tavrix.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT samba)
 install(FILES ${CMAKE_BINARY_DIR}/samba/tavrix.so DESTINATION lib/x86_64-linux-gnu/samba/vfs
   COMPONENT samba OPTIONAL)
 
-# The names of the packages. Each brings its licence, where Debian looks for it.
+# The names of the packages. Each contains its licence in the place that Debian wants.
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libtavrix${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtavrix-dev)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME tavrix-tools)

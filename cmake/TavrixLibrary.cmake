@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# The library: its objects are built once and feed both libtavrix.so and the unit tests.
+# The library. Its objects are built once; libtavrix.so and the unit tests both link them.
 
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(YAJL REQUIRED IMPORTED_TARGET yajl)
@@ -63,7 +63,7 @@ set(TAVRIX_SOURCES
   utils/staging/semaphore.cpp
 )
 
-# The protobuf compiler's code (scripts/generate.sh) marks nothing as visible.
+# The protobuf compiler (scripts/generate.sh) marks no function of its code for export.
 set_source_files_properties(events/generated/audit_events.pb-c.c events/generated/samba.pb-c.c
   PROPERTIES COMPILE_OPTIONS "-fvisibility=default;-Wno-conversion;-Wno-pedantic")
 
@@ -72,15 +72,15 @@ set_target_properties(tavrix_objects PROPERTIES
   POSITION_INDEPENDENT_CODE ON
   CXX_VISIBILITY_PRESET hidden
   VISIBILITY_INLINES_HIDDEN ON)
-# Nothing may unwind into C, and nothing here throws.
+# No exception may unwind into the C programs that load the library.
 target_compile_options(tavrix_objects PRIVATE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>
   $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>
   $<$<COMPILE_LANGUAGE:CXX>:-fno-threadsafe-statics>
   $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>
   -fno-semantic-interposition
-  # Keeps malloc() and memset() two calls: the compiler would make them one calloc(), which does not
-  # use the C library's per-thread cache.
+  # The compiler would turn malloc() and memset() into calloc(), which bypasses the C library's
+  # per-thread cache.
   -fno-builtin-malloc)
 target_link_libraries(tavrix_objects PUBLIC tavrix_settings PkgConfig::YAJL PkgConfig::PROTOBUF_C)
 
@@ -89,7 +89,7 @@ set_target_properties(tavrix PROPERTIES
   VERSION ${PROJECT_VERSION}
   SOVERSION ${PROJECT_VERSION_MAJOR}
   LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}
-  # C++ inside, but no C++ runtime: programs in C load it with yajl and libc alone.
+  # The C linker adds no C++ runtime, so programs in C need only yajl, protobuf-c and libc.
   LINKER_LANGUAGE C
   LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/libtavrix.map)
 target_include_directories(tavrix INTERFACE
@@ -101,7 +101,7 @@ target_include_directories(tavrix INTERFACE
 target_link_options(tavrix PRIVATE
   LINKER:--version-script=${CMAKE_SOURCE_DIR}/cmake/libtavrix.map
   LINKER:--as-needed
-  # Calls inside the library stay inside: nothing may stand in front of a decision.
+  # Calls inside the library cannot be interposed: no other object may answer for a decision.
   LINKER:-Bsymbolic-functions)
 if(NOT TAVRIX_SANITIZED)
   target_link_options(tavrix PRIVATE LINKER:--no-undefined)

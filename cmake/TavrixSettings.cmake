@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# How everything here is compiled. Targets link tavrix_settings to take part.
+# The compiler settings of everything here. A target gets them by linking tavrix_settings.
 
 if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
@@ -18,8 +18,7 @@ if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")
 endif()
 
-# The second half of the usual release flags would remove assertions from programs and tests; those
-# of the library itself do not depend on it.
+# NDEBUG would remove assert() from programs and tests. The library's assertions do not depend on it.
 foreach(config RELEASE RELWITHDEBINFO MINSIZEREL)
   foreach(language C CXX)
     string(REPLACE "-DNDEBUG" "" CMAKE_${language}_FLAGS_${config} "${CMAKE_${language}_FLAGS_${config}}")
@@ -33,7 +32,7 @@ target_include_directories(tavrix_settings INTERFACE ${CMAKE_SOURCE_DIR}/include
 target_compile_options(tavrix_settings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
-  # Messages carry the source file: as the tree names it, not where it was built.
+  # Messages name their source file: this makes its path relative to the tree.
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 if(TAVRIX_WERROR)
   target_compile_options(tavrix_settings INTERFACE -Werror)

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-/* One client's session, played as a module of the file server plays it: which hook stands before
- * and after each operation, who owns what, when the process is root. No Samba is needed.
+/* Plays one client's session as a module of the file server does. It shows the hooks before and
+ * after each operation, the owner of each piece of memory, and when the process is root. It needs
+ * no Samba.
  *
  * usage: walkthrough [--reserved] ACCOUNT FOLDER
  *
- * As root; ACCOUNT is a user of this machine, FOLDER a folder of the share, such as Shared/Design.
- * Prints a line for each step: what the client wanted and what came of it. */
+ * Run it as root. ACCOUNT is a user of this machine, FOLDER a folder of the share, such as
+ * Shared/Design. It prints a line for each step: the client's wish and its outcome. */
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE /* setresuid() */
 #endif
@@ -25,11 +26,11 @@
 #define CLIENT_ADDRESS "192.0.2.7"
 #define AUDIT 1 /* whether reads are recorded */
 
-/* FILE_OPEN and FILE_CREATE of the protocol. */
+/* The protocol's FILE_OPEN and FILE_CREATE. */
 enum { DISPOSITION_OPEN = 1, DISPOSITION_CREATE = 2 };
 
-/* What the module keeps for a connection: the library's record, and a slot for the context of a
- * hook that leaves the process root. */
+/* A connection as the module keeps it: the library's record, and a slot for the context of a hook
+ * that leaves the process root. */
 struct client {
   connection_private_data_s* record;
   tx_perm_ctx_t* perm_ctx;
@@ -41,9 +42,9 @@ static void say(const char* what, int succeeded) {
   printf("%-26s %s\n", what, succeeded ? "done" : strerror(errno));
 }
 
-/* After each operation that a hook let go: the client's identity again. The slot is null when the
- * process was root before the hook, and there is nothing to give back then. errno survives: it is
- * the operation's. */
+/* Returns to the client's identity after an operation that a hook allowed. The slot is null when
+ * the process was root before the hook: there is nothing to give back then. errno stays the
+ * operation's. */
 static void give_root_back(struct client* client) {
   const int keep = errno;
   if (client->perm_ctx != NULL) tavrix_vfs_unbecome_root(client->perm_ctx);
@@ -51,7 +52,7 @@ static void give_root_back(struct client* client) {
   errno = keep;
 }
 
-/* A new object was made by root: it is the client's. */
+/* Gives a new object to the client: root has made it. */
 static void give_to_client(const struct client* client, const char* full_path) {
   if (lchown(full_path, client->account->pw_uid, client->account->pw_gid) != 0) perror(full_path);
 }
@@ -62,9 +63,9 @@ static char* join(const char* folder, const char* name) {
   return path;
 }
 
-/* --- the connection ------------------------------------------------------------------------- */
+/* --- the connection --- */
 
-/* As root. Everything that connect_preprocess() needs is in the record before. */
+/* Runs as root, and fills the record before connect_preprocess() reads it. */
 static int connect_client(struct client* client, int is_reserved) {
   static int connected_users;
   connection_private_data_s* record = calloc(1, sizeof *record);
@@ -77,8 +78,8 @@ static int connect_client(struct client* client, int is_reserved) {
   return connect_preprocess(client->account->pw_name, record, AUDIT, &connected_users);
 }
 
-/* The identity of a server process between operations: real and effective uid the client's, the
- * saved one root's, which is the way back; and the client's effective gid. */
+/* Takes the identity that a server process has between operations: the client's real and effective
+ * uid and effective gid. The saved uid stays root's, which is the way back. */
 static int become_client(const struct passwd* account) {
   if (setgroups(0, NULL) != 0 || setresgid(0, account->pw_gid, 0) != 0) return -1;
   return setresuid(account->pw_uid, account->pw_uid, 0);
@@ -91,7 +92,7 @@ static void disconnect_client(struct client* client) {
   free(client->record);
 }
 
-/* --- folders -------------------------------------------------------------------------------- */
+/* --- folders --- */
 
 static void enter_share(struct client* client) {
   int result = chdir_preprocess("/", TAVRIX_TREE, client->record, &client->perm_ctx);
@@ -154,7 +155,7 @@ static void remove_folder(struct client* client, const char* path) {
   free(full_path);
 }
 
-/* --- files ---------------------------------------------------------------------------------- */
+/* --- files --- */
 
 static void create_file(struct client* client, const char* path) {
   char* full_path = join(TAVRIX_TREE, path);
@@ -172,8 +173,8 @@ static void create_file(struct client* client, const char* path) {
   free(full_path);
 }
 
-/* Opening is decided by open_preprocess(), which leaves the client's identity in place; the server
- * opens as root where the file's owner is somebody else. */
+/* open_preprocess() decides about opening and leaves the client's identity in place. The server
+ * opens the file as root when somebody else owns it. */
 static int open_file(struct client* client, const char* path, int flags) {
   char* full_path = join(TAVRIX_TREE, path);
   e_open_mode mode = mode2tavrixmode(flags);
@@ -232,7 +233,7 @@ static void rename_file(struct client* client, const char* what, const char* fro
   free(new_path);
 }
 
-/* Nothing is decided about times: ask for the file itself first. */
+/* The hooks for times take no decision: ask about the file itself first. */
 static void set_times(struct client* client, const char* path) {
   char* full_path = NULL;
   int result = stat_preprocess(client->record, path, TAVRIX_TREE, &client->perm_ctx);
@@ -291,7 +292,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "walkthrough: no such user: %s\n", argv[1 + is_reserved]);
     return 2;
   }
-  /* The process's own copy of the settings: before any other call of the library. */
+  /* Takes the process's copy of the settings. Every other call of the library needs it. */
   if (read_tavrix_config() != 0 || connect_client(&client, is_reserved) != 0) {
     fprintf(stderr, "walkthrough: cannot connect\n");
     return 2;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The data pass over any document, in an image of a modest size.
+// Feeds any document to the data pass, with an image of modest size.
 
 #include <cstring>
 #include <vector>

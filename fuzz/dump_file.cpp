@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Dump files of any bytes, as events and as audits.
+// Reads any bytes as a dump file of events and of audits.
 
 #include <string_view>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// An event of any bytes comes back as it was.
+// Packs an event of any content and reads it back.
 
 #include <cstdlib>
 #include <cstring>

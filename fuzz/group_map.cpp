@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The group list map file: readers survive any bytes, and agree with the check about sound ones.
+// Reads any bytes as a group list map. The library's readers survive them, and agree with the
+// decoder about sound ones.
 
 #include <cstdlib>
 #include <string>
@@ -11,7 +12,7 @@
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   using tavrix::fuzz::require;
-  // Whole pages, as a mapping has them.
+  // The readers see a mapping, which has whole pages.
   std::string bytes(reinterpret_cast<const char*>(data), size);
   bytes.resize(size < 8192 ? 8192 : (size + 4095) / 4096 * 4096);
   const auto* map = reinterpret_cast<const mapheader*>(bytes.data());

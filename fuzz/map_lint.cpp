@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The lint of any two documents: a size file up to the first NUL, the data file behind it.
+// Lints any two documents. The bytes up to the first NUL are the size file, the rest is the data
+// file.
 
 #include "tools/mapcheck/lint.hpp"
 
@@ -14,7 +15,7 @@ class Bytes : public tavrix::mapcheck::Source {
  public:
   Bytes(const uint8_t* data, std::size_t size) : data_(data), size_(size) {}
   std::size_t read(char* buffer, std::size_t room) override {
-    // Small and odd pieces, so that every place is the end of one.
+    // Small pieces of odd length end at every place of a document.
     const std::size_t length = std::min({size_, room, std::size_t{13}});
     if (length == 0) return 0;
     std::memcpy(buffer, data_, length);

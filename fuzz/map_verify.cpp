@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The check of an image on any bytes; what it finds sound, every reader can walk.
+// Verifies any bytes as an image. Readers can walk every image that passes.
 
 #include "tools/mapcheck/verify.hpp"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Path names: canonical is canonical, and parents are shorter.
+// Normalizes any path name. A canonical name stays as it is, and a parent's name is no longer.
 
 #include <cstdlib>
 #include <cstring>

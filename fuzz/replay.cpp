@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Runs a target without a fuzzer: every input of its corpus, whole, cut short, and with a few
-// seeded changes each. usage: replay FOLDER
+// Runs a target without a fuzzer on every input of its corpus: whole, cut short, and with seeded
+// changes. usage: replay FOLDER
 
 #include <cstdio>
 #include <filesystem>
@@ -18,7 +18,7 @@ constexpr int kChangesPerInput = 1500;
 using Input = std::vector<uint8_t>;
 
 void run(const Input& input) {
-  // A copy of the exact size, so that a sanitizer sees the first byte behind it.
+  // A block of the exact size lets a sanitizer see an access to the first byte behind it.
   const Input exact(input.begin(), input.end());
   LLVMFuzzerTestOneInput(exact.data(), exact.size());
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The size pass over any document: the callbacks, as the pass registers them.
+// Feeds any document to the size pass, through a file as in an import.
 
 #include <fcntl.h>
 #include <sys/mman.h>

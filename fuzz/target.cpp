@@ -30,7 +30,7 @@ void require(bool holds, const char* what) {
 
 extern "C" {
 
-// Takes the place of the C library's reporter.
+// Replaces the C library's function that reports a failed assertion.
 [[noreturn]] void __assert_fail(const char* text, const char* file, unsigned int line,
                                 const char* function) noexcept {
   if (tavrix::fuzz::assertion_is_expected) std::longjmp(tavrix::fuzz::assertion, 1);
