@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Takes the ABI of this build as the reference that the tests compare with. Run it when a change of
-# the ABI is meant, and let the commit say why.
+# Records this build's ABI as the reference that the tests compare with. Run it only for an intended
+# change of the ABI, and let the commit say why.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset release >/dev/null

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# The whole appliance for a person to try: installs what is missing, builds everything, and in a
-# private world starts settings, loader, sweeper and a real smbd with a sample tree and five users.
-# Then a tour with smbclient; with --shell, a shell in that world instead.
+# Runs the whole appliance for a person to try. Installs missing packages, builds everything, and
+# starts settings, loader, sweeper and a real smbd in a private world, with a sample tree and five
+# users. Then it gives a tour with smbclient; with --shell, a shell in that world instead.
 # usage: scripts/appliance.sh [--shell]
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# What the module costs a connection: the CPU time of the server process that serves it, with the
-# module and without, interleaved, the least of several runs. Keeps the table in docs/benchmarks.md.
+# Measures the module's cost for a connection: the CPU time of the process that serves it, with the
+# module and without. The runs alternate, and the least of each counts. Updates docs/benchmarks.md.
 # usage: scripts/bench-samba.sh [ROUNDS]
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Runs every benchmark beside its floor and keeps the table of ratios in docs/benchmarks.md, and the
-# growth of a decision as a plot beside it.
+# Runs every benchmark beside its floor. Updates the table of ratios in docs/benchmarks.md, and the plot
+# of a decision's growth next to it.
 # usage: scripts/bench.sh [BENCHMARK_FILTER]   (with a filter, results are only printed)
 set -euo pipefail
 cd "$(dirname "$0")/.."

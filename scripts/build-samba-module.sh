@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Builds the reference module against the installed Samba, without building Samba: the headers come
-# from the source package of exactly the installed version, and the few that a build would generate
-# are generated here. Takes a minute the first time and seconds after that.
+# Builds the reference module for the installed Samba, without building Samba. The headers come from the
+# source package of exactly the installed version; scripts/lib/samba_headers.sh generates the few that a
+# build of Samba would. This takes a minute the first time and seconds after that.
 # usage: scripts/build-samba-module.sh [BUILD_FOLDER]   (of libtavrix; default build/release)
-# Leaves BUILD_FOLDER/samba/tavrix.so and tavrix_debug.so; the second checks identities after hooks.
+# Makes in BUILD_FOLDER/samba: tavrix.so; tavrix_debug.so, which checks the process's identity after each
+# function; and tavrix_faulty.so, in which a test can make calls fail.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
@@ -25,19 +26,19 @@ for folder in gen/include gen/source3 src/source3 src/source3/include src/source
   includes+=(-isystem "$headers/$folder")
 done
 mkdir -p "$build/samba"
-# A build that goes to /usr finds the library there; others find it where it was built.
+# A module that will be installed in /usr finds the library there. Others need the build folder's path.
 rpath=(-Wl,-rpath,"$build")
 ! grep -q '^CMAKE_INSTALL_PREFIX:PATH=/usr$' "$build/CMakeCache.txt" || rpath=()
 build_module() {  # NAME [FLAG]...
   local name=$1
   shift
-  # Under a name of its own first: a server that has the module open keeps the file it has.
+  # Link under another name and rename: a running server keeps the file that it has loaded.
   gcc "${flags[@]}" "$@" "${includes[@]}" -Iinclude -Ievents/generated -I. samba/*.c tools/notes/*.c -L"$build" -ltavrix \
     "${rpath[@]}" -o "$build/samba/.$name.new"
   mv "$build/samba/.$name.new" "$build/samba/$name.so"
 }
 build_module tavrix
-# For the tests: each call that can fail is made to (see tests/samba/faulty_module.c).
+# Tests make each of these calls fail, one after another (tests/samba/faulty_module.c).
 faults=(-Wl)
 for call in calloc malloc strdup realpath talloc_asprintf talloc_strdup _talloc_zero raise_permissions \
   vfs_add_fsp_extension_notype full_path_from_dirfsp_atname \

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Installs what is missing, builds, and shows what the system decides on a sample share, in a private
-# world that leaves nothing behind.
+# Installs missing packages, builds, and shows the system's decisions about a sample share. It runs in a
+# private world and leaves nothing on the machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh

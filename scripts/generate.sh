@@ -3,7 +3,7 @@
 # Writes the files that are made from one description: the C code of the two kinds of record from
 # their .proto files, and from utils/settings_table.hpp the shipped settings file and the list of
 # settings in the manual page.
-# usage: scripts/generate.sh [FOLDER]      (into the tree unless told)
+# usage: scripts/generate.sh [FOLDER]      (default: the tree)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tree=$PWD

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Makes Debian packages: libtavrix1, libtavrix-dev, tavrix-tools and, for the installed version of
-# Samba, samba-vfs-tavrix.
+# Makes the Debian packages libtavrix1, libtavrix-dev, tavrix-tools and samba-vfs-tavrix, the last one for
+# the installed version of Samba.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Builds the module and runs Samba's own suites against it, as an administrator: what passes on a plain
-# share must pass behind the module. Some of them wait for minutes.
+# Builds the module and runs Samba's own suites against it, as an administrator. A test that passes on a
+# plain share must pass behind the module. Some suites wait for minutes.
 # usage: scripts/smbtorture.sh [SUITE_FILTER]   (a grep -E pattern; default: smb2 and base)
 set -euo pipefail
 cd "$(dirname "$0")/.."

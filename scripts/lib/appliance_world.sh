@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# The appliance itself, run in a private world: appliance_world.sh SOURCES BUILD [--shell]
+# Runs the appliance inside a private world: appliance_world.sh SOURCES BUILD [--shell]
 set -euo pipefail
 sources=$1
 build=$2
@@ -13,12 +13,12 @@ users=(admin:1001 anna:1005 ben:1006 standard:1002 syncagent:1008)
 names=("${users[@]/:/=}")
 
 title() { printf '\n\033[1m%s\033[0m\n' "$*"; }
-show() {  # USER COMMANDS: what the user types, and what the server says
+show() {  # USER COMMANDS: shows the user's commands and the server's answers
   printf '\033[2m%s$\033[0m %s\n' "$1" "$2"
   smb "$1" "$2" 2>&1 | grep -vE 'blocks (of size|available)|^$|^  \.\.? ' | sed 's/^/    /' || true
 }
 
-# --- settings, map, sweeper, server ---------------------------------------------------------------
+# --- settings, map, sweeper, server ---
 
 start_services() {
   cp "$sources/packaging/exception_patterns" /etc/tavrix/
@@ -41,7 +41,7 @@ JSON
   hand_over "$sources/examples/team"
 }
 
-# A map as the agent hands it over: whole files, renamed into place.
+# Hands a map over as the agent does: whole files, renamed into place. Prints the loader's answer.
 hand_over() {
   local before
   before=$(wc -l </scratch/loader.log)
@@ -63,7 +63,7 @@ make_tree() {
   echo "Dear diary." >/tavrix/Private/anna/diary.txt
   chown -R 1005 /tavrix/Private/anna
   chown -R 1006 /tavrix/Private/ben
-  chmod 0700 /tavrix/Shared /tavrix/Private  # clients reach nothing here by their own identity
+  chmod 0700 /tavrix/Shared /tavrix/Private  # a client's own identity reaches nothing here
 }
 
 start_server() {
@@ -83,9 +83,9 @@ stop_everything() {
   tavrixctl config remove || true
 }
 
-# --- what is shown --------------------------------------------------------------------------------
+# --- the tour ---
 
-side_by_side() {  # FOLDER: what each user sees in it
+side_by_side() {  # FOLDER: shows its entries as each user sees them
   local user
   for user in "${users[@]}"; do
     {

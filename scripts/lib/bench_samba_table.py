@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""The least of several runs, with the module against without: bench_samba_table.py RESULTS [DOCUMENT]"""
+"""Compares the least of several runs, with the module and without: bench_samba_table.py RESULTS [DOCUMENT]"""
 import sys
 from collections import defaultdict
 

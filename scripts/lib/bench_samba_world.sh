@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Measures the module, run in a private world: bench_samba_world.sh SOURCES BUILD RESULTS ROUNDS
+# Measures the module inside a private world: bench_samba_world.sh SOURCES BUILD RESULTS ROUNDS
 # Writes lines "map operation variant nanoseconds" to RESULTS.
 set -euo pipefail
 sources=$1
@@ -21,8 +21,8 @@ publish_map() {  # FOLDERS; 0: the small example
   tavrixctl map import --trust /scratch/size.json /scratch/data.json >/dev/null
 }
 
-# In a folder of the map that has folders of the map beside its files.
-make_tree() {
+# Makes the files below a folder of the map that also has folders of the map in it.
+make_tree() {  # FOLDER
   rm -rf /tavrix/Shared
   team=$1
   mkdir -p "/tavrix/Shared/$team"/{list,put}
@@ -41,10 +41,10 @@ script_of() {  # OPERATION
   esac
 }
 
-# CPU nanoseconds of all threads of a process.
+# Prints the CPU nanoseconds of all threads of a process.
 cpu_of() { cat /proc/"$1"/task/*/schedstat | awk '{ sum += $1 } END { printf "%d", sum }'; }
 
-# The process that serves the one client: the youngest of the server's session.
+# Prints the process that serves the one client: the youngest of the server's session.
 server_of_client() { pgrep -n -s "$(cat $samba_folder/smbd.pid)"; }
 
 measure() {  # OPERATION: prints nanoseconds
@@ -58,7 +58,7 @@ measure() {  # OPERATION: prints nanoseconds
   server=$(server_of_client)
   before=$(cpu_of "$server")
   cat /scratch/commands >&9
-  # The client says when it has come to the end.
+  # After the last command the client makes a file. Empty lines wake it meanwhile.
   sleep 0.05
   echo '!touch /scratch/finished' >&9
   echo >&9

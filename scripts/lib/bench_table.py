@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 """Pairs benchmarks with their floors: bench_table.py RESULTS [DOCUMENT PLOT_FOLDER]
 
-Prints the table of ratios; with a document, puts it between its two marks, and writes the numbers
-of the growth plot."""
+Prints the table of ratios. With a document, also puts the table between the document's two marks and
+writes the numbers of the growth plot."""
 import json
 import sys
 from pathlib import Path

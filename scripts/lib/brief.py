@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""Shortens decoded records for reading beside one another: brief.py NAME=UID... <records
+"""Shortens decoded records to a line each: brief.py NAME=UID... <records
 
-Reads what `tavrixctl events decode` and `tavrixctl audit decode` print, writes a line each."""
+Reads the output of `tavrixctl events decode` and `tavrixctl audit decode`."""
 import json
 import sys
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# The demonstration itself, run in a private world: demo_world.sh SOURCES TOOLS
+# Runs the demonstration inside a private world: demo_world.sh SOURCES TOOLS
 set -euo pipefail
 sources=$1
 export PATH=$2:$PATH
@@ -32,7 +32,7 @@ chown -R 1005 /tavrix/Private/anna
 
 title "4. Verdicts"
 echo "   yes: granted   see: may see it, not open it   -: refused"
-# name, uid, supplementary groups: 9001 are administrators, 9002 power users
+# Each row is a name, a uid and supplementary groups; 9001 are administrators, 9002 power users.
 callers=(
   "admin:1001:9001" "power:1003:9002" "standard:1002:9010" "anna:1005:9002,9010" "ben:1006:9002,9011"
 )
@@ -71,7 +71,7 @@ tavrixctl check --trace --uid 1006 --gid 9003 --groups 9002,9011 --admins-gid 90
   grep -E 'perm mask|DENIED|Deny|refused' || true
 
 title "6. One client's session, played for five kinds of caller through the hooks"
-# The accounts of this world; what a caller may do comes from the group list map.
+# The callers are accounts of this world alone; their rights come from the group list map.
 cp --remove-destination "$(readlink -f /etc/passwd)" /etc/passwd
 accounts=("admin:1001" "anna:1005" "standard:1002" "pc7\$:1007" "syncagent:1008")
 for account in "${accounts[@]}"; do
@@ -90,7 +90,7 @@ for account in "${accounts[@]}"; do
   reserved=()
   [ "$name" != syncagent ] || reserved=(--reserved)
   example-walkthrough "${reserved[@]}" "$name" Shared/Design >"/scratch/session.$name" 2>/dev/null
-  rm -rf /tavrix/Shared/Design/Minutes  # what a session could not remove itself
+  rm -rf /tavrix/Shared/Design/Minutes  # a refused session leaves it behind
 done
 echo "   the reserved user is granted everything and recorded nowhere; a computer is shown nothing"
 printf '   %-26s' ""

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# The time of a decision against the size of the map and the width of its folders.
+# Plots the time of a decision against the size of the map and against the width of its folders.
 set terminal svg size 900,380 font "sans,12" background "white"
 set output out
 set multiplot layout 1,2

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 """Counts the system calls of each hook: hook_calls.py TRACE [DOCUMENT]
 
-TRACE is strace's output of bench/hook_calls; with a document, the table goes between its marks."""
+TRACE is strace's output of bench/hook_calls. With a document, the table goes between its marks."""
 import re
 import sys
 from collections import Counter

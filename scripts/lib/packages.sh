@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Installs what is missing of the Debian packages that building and testing need. Sourced, as root.
+# Installs the missing ones of the Debian packages that building and testing need. Source it as root.
 
 tavrix_packages=(
   build-essential cmake ninja-build ccache pkg-config git python3
@@ -10,7 +10,7 @@ tavrix_packages=(
   samba-libs util-linux procps strace gnuplot-nox abigail-tools
 )
 
-# What building the reference module and running a real server with it need on top.
+# Packages that only the reference module and a real server with it need.
 tavrix_samba_packages=(
   samba samba-vfs-modules smbclient samba-testsuite attr gcc perl python3 python3-impacket
   libparse-yapp-perl rclone xz-utils

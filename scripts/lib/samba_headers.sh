@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Samba's headers for a module, made from the source package of the installed version. Sourced.
+# Makes the headers of Samba that a module needs, from the source package of the installed version.
+# Source it.
 
 samba_version() { dpkg-query -W -f='${Version}' samba; }
 
-# usage: prepare_samba_headers FOLDER   (does nothing when it holds this version's already)
+# usage: prepare_samba_headers FOLDER   (does nothing when the folder has this version's headers)
 prepare_samba_headers() {
   local folder=$1
   local version

@@ -1,17 +1,17 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# A real smbd in a private world (see world.sh), with the reference module in front of /tavrix.
-# Sourced inside the world. Everything lies under /scratch/samba.
+# Runs a real smbd in a private world (see world.sh), with the reference module in front of /tavrix.
+# Source it inside the world. Its files lie under /scratch/samba.
 
 samba_folder=/scratch/samba
 samba_modules=/usr/lib/x86_64-linux-gnu/samba
 
-# The module where smbd looks for it, the comparison library under the name libtavrix opens, and
-# account files that may be written: all of it in this world only.
+# Puts the module where smbd looks for it, gives the comparison library the name that libtavrix opens,
+# and makes the account files writable; all of it in this world only.
 # usage: prepare_samba_world MODULE_FILE
 prepare_samba_world() {
   local layer=/scratch/.samba_layer
   mkdir -p $layer/{upper,work} $samba_folder/{private,lock,state,cache,pid,ncalrpc,log}
-  # An overlay needs a file system below that can be one.
+  # An overlay's upper folder needs a file system that supports it: tmpfs does.
   mount -t tmpfs tmpfs $layer
   mkdir -p $layer/{upper,work}
   mount -t overlay overlay -o "lowerdir=$samba_modules,upperdir=$layer/upper,workdir=$layer/work" \
@@ -61,7 +61,7 @@ write_smb_conf() {
   read only = no
   hide dot files = no
   case sensitive = yes
-  # Without worker threads a switch of identity is one system call; with them it is a signal to each.
+  # With worker threads a switch of identity would signal each of them; without, it is one system call.
   aio read size = 0
   aio write size = 0
   nt acl support = yes
@@ -70,8 +70,9 @@ $(printf '  %s\n' "$@")
 CONF
 }
 
-# Settings, a large staging buffer that is flushed each second, and groups; $sources names the sources.
-# usage: load_settings GROUPS   (JSON, as "tavrixctl groupmap build" takes it)
+# Loads the shipped settings with a large staging buffer and a flush each second, and builds the group
+# list map. $sources is the source folder.
+# usage: load_settings GROUPS   (JSON for "tavrixctl groupmap build")
 load_settings() {
   cp "$sources/packaging/exception_patterns" /etc/tavrix/
   tavrixctl config load "$sources/packaging/tavrix.conf"
@@ -95,7 +96,7 @@ set_samba_password() {
   printf '%s\n%s\n' "$1" "$1" | smbpasswd -c $samba_folder/smb.conf -s -a "$1" >/dev/null
 }
 
-# In a session of its own: at its end smbd ends its whole process group.
+# Starts smbd in a session of its own: when smbd ends, it ends its whole process group.
 start_smbd() {
   setsid smbd --foreground --no-process-group --configfile=$samba_folder/smb.conf \
     >$samba_folder/log/stdout 2>&1 &
@@ -115,18 +116,18 @@ stop_smbd() {
   await_end_of_smbd
 }
 
-# Every process at once, as when the machine runs out of memory.
+# Kills every process of the server at once, as a machine that runs out of memory may.
 kill_smbd() {
   kill -KILL -- "-$(cat $samba_folder/smbd.pid)"
   await_end_of_smbd
 }
 
-# Until the last of them is gone the port is taken, and a client may reach one that is about to die.
+# Waits for the last process: until then the port is taken, and a client may reach a dying process.
 await_end_of_smbd() {
   while pgrep -s "$(cat $samba_folder/smbd.pid)" >/dev/null; do sleep 0.02; done
 }
 
-# usage: smb USER COMMANDS   (of smbclient)
+# usage: smb USER COMMANDS   (commands of smbclient)
 smb() {
   stdbuf -o0 smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U "$1%$1" -c "$2"
 }

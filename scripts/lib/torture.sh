@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Runs Samba's own suites against a plain share and against the same folder behind the module, and
-# compares: what passes there must pass here, but for samba/torture-differences.txt.
-# usage: scripts/lib/torture.sh BUILD FILTER   (of suites, a grep -E pattern; the module is built)
+# Runs Samba's own suites against a plain share and against a share behind the module. A test that passes
+# on the first must pass on the second, except for those in samba/torture-differences.txt.
+# usage: scripts/lib/torture.sh BUILD FILTER   (a grep -E pattern of suites; the module is built already)
 set -euo pipefail
 sources=$(realpath "$(dirname "$0")/../..")
 source "$sources/scripts/lib/world.sh"

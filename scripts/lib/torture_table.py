@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 """Compares a plain share with the module: torture_table.py RESULTS DIFFERENCES
 
-DIFFERENCES has a line "test: reason" for each test that passes plain and not with the module. Fails when
-another one differs, and when none passes at all."""
+DIFFERENCES has a line "test: reason" for each test that passes on the plain share and fails with the module.
+Fails when any other test differs, or when no test passes."""
 import re
 import sys
 from pathlib import Path
@@ -12,7 +12,7 @@ OUTCOME = re.compile(r"^(success|failure|error|skip): (.+?)( \[)?$", re.M)
 
 
 def outcomes(folder, variant):
-    """Outcome by test, of all suites of a variant."""
+    """Returns a dictionary from test to outcome, over all suites of a variant."""
     tests = {}
     for log in sorted(folder.glob(f"{variant}.*")):
         for word, test, _ in OUTCOME.findall(log.read_text(errors="replace")):

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Runs suites in a private world: torture_world.sh SOURCES BUILD RESULTS FILTER
-# Leaves RESULTS/plain.SUITE and RESULTS/module.SUITE: what smbtorture said.
+# Runs suites inside a private world: torture_world.sh SOURCES BUILD RESULTS FILTER
+# Writes smbtorture's output to RESULTS/plain.SUITE and RESULTS/module.SUITE.
 set -euo pipefail
 sources=$1
 build=$2
@@ -9,7 +9,7 @@ filter=$4
 export PATH=$build/tools:$PATH
 source "$sources/scripts/lib/samba_world.sh"
 
-# Suites that need what no share here has, measure for minutes, or are not meant to end.
+# These suites need features that no share here has, measure for minutes, or never end.
 left_out='bench|scan|hold-|smb2.durable-v2-delay|replay|multichannel|charset|smb2.credits.*delay|fdpass'
 seconds=${TORTURE_SECONDS:-60}  # for one suite
 
@@ -53,7 +53,7 @@ smbtorture --list-suites 2>/dev/null | grep -E "$filter" | grep -vE "$left_out" 
 while read -r suite; do
   clean /scratch/plain
   clean /tavrix/Shared/Design
-  # Beside one another: each has a folder of its own.
+  # The two run at the same time: each has a folder of its own.
   run_suite plain plain "$suite" &
   with_plain=$!
   run_suite module tavrix "$suite"

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# A private world for one command: System V objects of its own, and a root folder in which
-# /etc/tavrix, /tavrix, /var/log and /scratch are new and empty. Nothing of it is left on the machine.
+# Runs one script in a private world: it has System V objects of its own, and a root folder in which
+# /etc/tavrix, /tavrix, /var/log and /scratch are new and empty. Nothing of it stays on the machine.
 
-# usage: in_private_world SCRIPT [ARGUMENT]...   (a bash script, by absolute path)
+# usage: in_private_world SCRIPT [ARGUMENT]...   (the absolute path of a bash script)
 in_private_world() {
   unshare --ipc --mount bash -euo pipefail -c '
     new=/mnt
@@ -27,7 +27,7 @@ in_private_world() {
     exec chroot "$new" bash "$@"' in_private_world "$@"
 }
 
-# The same, with a network of its own: a server of this machine is not in the way.
+# The same with a network of its own, so that a server on this machine does not get in the way.
 in_private_network_world() {
   export -f in_private_world
   unshare --net bash -c 'in_private_world "$@"' in_private_network_world "$@"
