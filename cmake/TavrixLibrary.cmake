@@ -25,7 +25,6 @@ set(TAVRIX_SOURCES
   hooks/rename.cpp
   hooks/status.cpp
   permissions/decision/caller.cpp
-  permissions/decision/change_id.cpp
   permissions/decision/decision.cpp
   permissions/decision/protected_folders.cpp
   permissions/decision/rules.cpp
@@ -47,6 +46,7 @@ set(TAVRIX_SOURCES
   permissions/map/tables.cpp
   regex_parser/regex_parser.cpp
   sweeper/sweeper_log.cpp
+  utils/change_id.cpp
   utils/name_compare.cpp
   utils/parameter_block.cpp
   utils/path_match.cpp

@@ -50,31 +50,28 @@ int write_user(const char* file_path, const char* user_name) {
 
 fixed_folder_res is_fixed_folder(const char* full_path) {
   TAVRIX_LOG(1, "%s : checking %s for FF", static_cast<const char*>(__func__), full_path);
-  tx_permctx_s* perm_ctx = tavrix_vfs_become_root();
-  if (perm_ctx == nullptr) {
+  const tavrix::RootScope root;
+  if (!root) {
     TAVRIX_LOG(0, "%s : failed to allocate perm_ctx", static_cast<const char*>(__func__));
     return FOLDER_EACCES;
   }
-  const fixed_folder_res answer = tavrix::read_marker(full_path, __func__);
-  tavrix::require_unbecome_root(perm_ctx);
-  return answer;
+  return tavrix::read_marker(full_path, __func__);
 }
 
 int set_xattr_modifying_user(const char* file_path, const char* user_name) {
   TAVRIX_LOG(1, "%s username = [%s], path = [%s]", static_cast<const char*>(__func__), user_name,
              file_path);
-  tx_permctx_s* perm_ctx = tavrix_vfs_become_root();
-  if (perm_ctx == nullptr) {
-    TAVRIX_LOG(0, "%s failed to allocate perm_ctx", static_cast<const char*>(__func__));
-    return -1;
-  }
-  const int result = tavrix::write_user(file_path, user_name);
+  int result = 0;
   {
-    tavrix::ErrnoKeeper keep;
-    tavrix::require_unbecome_root(perm_ctx);
+    const tavrix::RootScope root;
+    if (!root) {
+      TAVRIX_LOG(0, "%s failed to allocate perm_ctx", static_cast<const char*>(__func__));
+      return -1;
+    }
+    result = tavrix::write_user(file_path, user_name);
   }
   if (result != 0) {
-    tavrix::ErrnoKeeper keep;
+    const tavrix::ErrnoKeeper keep;
     TAVRIX_LOG(0, "%s username = [%s], path = [%s], res=[%d], errno=[%d]",
                static_cast<const char*>(__func__), user_name, file_path, result, errno);
   }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What all hooks share: the decision, the refusal, root for a moment or for the operation, events.
+// Shared by all hooks: the decision, the refusal, root for a moment or for the operation, events.
 #pragma once
 
-#include <unistd.h>
 #include <cerrno>
 
 #include "internal/scoped.hpp"
@@ -31,36 +30,6 @@ constexpr int kProceed = 0;
   }
   return vfs_enforce_perms(connectpath, full_path, op, &connection.groupmap, 0, nav) ==
          TXPERMS_HAS_PERMS;
-}
-
-// Root within a hook. Gives back what it took itself, and only that: the module may be root
-// already.
-class [[nodiscard]] RootInHook {
- public:
-  explicit RootInHook(tx_perm_ctx_t** slot) noexcept
-      : slot_(slot), was_root_(geteuid() == 0), is_root_(raise_permissions(slot) == 1) {}
-  ~RootInHook() { give_back(); }
-  RootInHook(const RootInHook&) = delete;
-  RootInHook& operator=(const RootInHook&) = delete;
-
-  [[nodiscard]] explicit operator bool() const noexcept { return is_root_; }
-  void give_back() noexcept {
-    if (was_root_ || !is_root_) return;
-    const ErrnoKeeper keep;
-    require_unbecome_root(*slot_);
-    *slot_ = nullptr;
-    is_root_ = false;
-  }
-
- private:
-  tx_perm_ctx_t** slot_;
-  bool was_root_;
-  bool is_root_;
-};
-
-// Root that stays for the operation itself; the module gives it back.
-[[nodiscard]] inline bool stay_root(tx_perm_ctx_t** slot) noexcept {
-  return raise_permissions(slot) == 1;
 }
 
 enum class Stamp { kNo, kYes };

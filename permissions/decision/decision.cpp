@@ -14,9 +14,9 @@
 #include "perm_enforcer.h"
 #include "perm_map.h"
 #include "permissions/decision/caller.hpp"
-#include "permissions/decision/root_identity.hpp"
 #include "permissions/map/image_lookup.hpp"
 #include "tavrix_utils.h"
+#include "utils/root_scope.hpp"
 
 namespace tavrix {
 namespace {
