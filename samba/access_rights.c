@@ -30,7 +30,7 @@ bool tavrix_is_folder(const struct files_struct* fsp) {
 bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_type op) {
   connection_private_data_s* record = tavrix->record;
   int is_nav = 0;
-  return record->reserved_user != 0 || vfs_enforce_perms(tavrix->share, full, op, &record->groupmap,
+  return record->reserved_user != 0 || vfs_enforce_perms(tavrix->tree, full, op, &record->groupmap,
                                                          0, &is_nav) == TXPERMS_HAS_PERMS;
 }
 
@@ -38,7 +38,7 @@ bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_ty
  * administrators. A mark that cannot be read counts. */
 bool tavrix_must_stay(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                       bool is_folder) {
-  if (tavrix_is_share(tavrix, name) || is_deleteable(name->name) == 0) return true;
+  if (tavrix_is_tree(tavrix, name) || is_deleteable(name->name) == 0) return true;
   if (!is_folder || tavrix->record->groupmap.admin != 0) return false;
   return strncmp(name->name, "Shared", strlen("Shared")) == 0 &&
          is_fixed_folder(name->full) != NOT_FIXED_FOLDER;

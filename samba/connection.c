@@ -126,7 +126,7 @@ static void free_connection(void** data) {
 static int fill_connection(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix) {
   tavrix->record = tavrix->own = calloc(1, sizeof *tavrix->own);
   if (tavrix->own == NULL) return -1;
-  tavrix->share = TAVRIX_TREE;
+  tavrix->tree = TAVRIX_TREE;
   tavrix->audit = lp_parm_bool(SNUM(handle->conn), "tavrix", "audit", false);
   if (handle->conn->sconn != NULL && handle->conn->sconn->remote_address != NULL) {
     tavrix->client = tsocket_address_inet_addr_string(handle->conn->sconn->remote_address, tavrix);

@@ -38,7 +38,7 @@ static bool makes_folder(const struct create_request* request) {
 static int ask_about_removal(struct tavrix_connection* tavrix,
                              const struct create_request* request) {
   int is_nav = 0;
-  return fdopendir_preprocess(tavrix->share, request->name.name, 1, tavrix->record, &is_nav,
+  return fdopendir_preprocess(tavrix->tree, request->name.name, 1, tavrix->record, &is_nav,
                               &tavrix->perm_ctx);
 }
 
@@ -48,7 +48,7 @@ static int ask_about_folder(struct tavrix_connection* tavrix, struct create_requ
   request->op = makes ? FSOP_MKDIR : FSOP_OPENDIR;
   const bool removes = (request->access_mask & SEC_STD_DELETE) != 0;
   const int result = create_dir_preprocess(removes ? 1 : 0, request->name.name, &full, makes,
-                                           tavrix->share, tavrix->record, &tavrix->perm_ctx);
+                                           tavrix->tree, tavrix->record, &tavrix->perm_ctx);
   if (result != 0 || !removes || !request->exists) return result;
   tavrix_give_back(tavrix);
   return ask_about_removal(tavrix, request);
@@ -61,7 +61,7 @@ static int ask_about_file(struct tavrix_connection* tavrix, struct create_reques
   const int write = wants_to_write(request) ? 1 : 0;
   const int result = create_file_preprocess(
       write, &full, request->name.name, request->name.name, &tavrix->perm_ctx, &exists,
-      request->access_mask, request->disposition, request->options, tavrix->share, tavrix->record);
+      request->access_mask, request->disposition, request->options, tavrix->tree, tavrix->record);
   request->exists = exists != 0;
   request->op = FSOP_INVAL;
   _get_op_create_file(request->name.name, request->disposition, request->options, exists, write,

@@ -46,7 +46,7 @@ static int ask(struct tavrix_connection* tavrix, const struct tavrix_name* name,
   e_fsop_type op = FSOP_INVAL;
   struct stat st;
   char* full = discard_const_p(char, name->full);
-  return open_preprocess(tavrix->share, name->name, &mode, &op, &full, is_new, deletes,
+  return open_preprocess(tavrix->tree, name->name, &mode, &op, &full, is_new, deletes,
                          tavrix->record, &st, tavrix->client, &tavrix->perm_ctx, tavrix->audit);
 }
 
@@ -96,7 +96,7 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
 static int ask_to_name(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
   refresh_credentials(tavrix->record);
   TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, name));
-  if (check_perms(tavrix->share, name->name, FSOP_STAT, tavrix->record, 0) == TXPERMS_HAS_PERMS) {
+  if (check_perms(tavrix->tree, name->name, FSOP_STAT, tavrix->record, 0) == TXPERMS_HAS_PERMS) {
     return 0;
   }
   errno = EPERM;
@@ -177,12 +177,11 @@ NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct file
 static int ask_to_remove(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                          bool is_folder) {
   if (is_folder) {
-    return rmdir_preprocess(name->full, tavrix->share, name->name, tavrix->record,
+    return rmdir_preprocess(name->full, tavrix->tree, name->name, tavrix->record,
                             &tavrix->perm_ctx);
   }
   if (tavrix_may_always_be_deleted(name->name)) return tavrix_raise(tavrix);
-  return unlink_preprocess(tavrix->share, name->name, name->full, tavrix->record,
-                           &tavrix->perm_ctx);
+  return unlink_preprocess(tavrix->tree, name->name, name->full, tavrix->record, &tavrix->perm_ctx);
 }
 
 int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfsp,

@@ -21,7 +21,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   const bool granted = is_granted(tavrix, &name);
   TAVRIX_AS_ROOT_IF(!granted);
   const int asked = granted ? tavrix_raise(tavrix)
-                            : mkdir_preprocess(tavrix->share, name.name, name.full, tavrix->record,
+                            : mkdir_preprocess(tavrix->tree, name.name, name.full, tavrix->record,
                                                &tavrix->perm_ctx);
   if (asked != 0) return -1;
   const int result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
@@ -42,9 +42,9 @@ static bool remember_listing(struct vfs_handle_struct* handle, files_struct* fsp
                              const struct tavrix_name* name) {
   struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
   if (kept == NULL) return false;
-  const bool is_root = tavrix_is_share(tavrix_connection_of(handle), name);
+  const bool is_tree = tavrix_is_tree(tavrix_connection_of(handle), name);
   TALLOC_FREE(kept->base);
-  kept->base = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_root ? "." : name->name);
+  kept->base = talloc_strdup(VFS_MEMCTX_FSP_EXTENSION(handle, fsp), is_tree ? "." : name->name);
   kept->listing = dirp;
   return kept->base != NULL;
 }
@@ -54,14 +54,14 @@ static DIR* list_for_client(struct vfs_handle_struct* handle, files_struct* fsp,
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) return NULL;
-  const bool is_share = tavrix_is_share(tavrix, &name);
-  TAVRIX_AS_ROOT_IF(!is_share);
+  const bool is_tree = tavrix_is_tree(tavrix, &name);
+  TAVRIX_AS_ROOT_IF(!is_tree);
   int is_nav = 0;
   const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
   /* The share itself is for everybody. */
-  const int asked = is_share ? tavrix_raise(tavrix)
-                             : fdopendir_preprocess(tavrix->share, name.name, deletes,
-                                                    tavrix->record, &is_nav, &tavrix->perm_ctx);
+  const int asked = is_tree ? tavrix_raise(tavrix)
+                            : fdopendir_preprocess(tavrix->tree, name.name, deletes, tavrix->record,
+                                                   &is_nav, &tavrix->perm_ctx);
   if (asked != 0) return NULL;
   DIR* dirp = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
   tavrix_give_back(tavrix);
@@ -97,7 +97,7 @@ static bool may_see(struct tavrix_connection* tavrix, const char* base, const ch
   if (length < 0 || (size_t)length >= sizeof path) return false;
   const struct tavrix_name entry = {.name = path};
   TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, &entry));
-  readir_postprocess(&allowed, name, base, full, length + 1, tavrix->share, tavrix->record);
+  readir_postprocess(&allowed, name, base, full, length + 1, tavrix->tree, tavrix->record);
   return allowed == TXPERMS_HAS_PERMS;
 }
 
@@ -129,8 +129,8 @@ int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* sm
   struct tavrix_name name;
   if (leaves_the_tree(smb_fname)) return SMB_VFS_NEXT_CHDIR(handle, smb_fname);
   if (tavrix_name_of(talloc_tos(), handle, smb_fname->base_name, &name) != 0) return -1;
-  TAVRIX_AS_ROOT_IF(!tavrix_is_share(tavrix, &name));
-  if (chdir_preprocess(name.name, tavrix->share, tavrix->record, &tavrix->perm_ctx) != 0) return -1;
+  TAVRIX_AS_ROOT_IF(!tavrix_is_tree(tavrix, &name));
+  if (chdir_preprocess(name.name, tavrix->tree, tavrix->record, &tavrix->perm_ctx) != 0) return -1;
   const int result = SMB_VFS_NEXT_CHDIR(handle, smb_fname);
   tavrix_give_back(tavrix);
   return result;

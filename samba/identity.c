@@ -36,7 +36,7 @@ void tavrix_end_root(struct tavrix_root* root) {
 }
 
 bool tavrix_must_decide(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
-  if (tavrix_is_share(tavrix, name)) return false;
+  if (tavrix_is_tree(tavrix, name)) return false;
   int slot = -1;
   const e_vfs_enforce_perms known =
       check_tlb(name->name, FSOP_STAT, &slot, &tavrix->record->vfs_table_cache);

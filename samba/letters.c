@@ -42,9 +42,9 @@ static char* spell(TALLOC_CTX* ctx, const char* folder, const char* name, size_t
 }
 
 /* The area and the user's folder in it; smbd finds the rest by itself. */
-static char* spell_private(TALLOC_CTX* ctx, const char* share, const char* name) {
+static char* spell_private(TALLOC_CTX* ctx, const char* tree, const char* name) {
   const size_t area = strcspn(name, "/");
-  char* path = spell(ctx, share, name, area);
+  char* path = spell(ctx, tree, name, area);
   name += area;
   while (name[0] == '/') ++name;
   if (path == NULL || name[0] == '\0') return path;
@@ -55,15 +55,15 @@ static char* spell_private(TALLOC_CTX* ctx, const char* share, const char* name)
 
 int tavrix_spell(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, struct tavrix_name* name) {
   const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (handle->conn->case_sensitive || tavrix_is_share(tavrix, name)) return 0;
+  if (handle->conn->case_sensitive || tavrix_is_tree(tavrix, name)) return 0;
   if (!is_in_private_area(name->name)) return 0;
   TAVRIX_AS_ROOT();
-  if (is_there(tavrix->share, name->name, strlen(name->name))) return 0;
-  name->full = spell_private(ctx, tavrix->share, name->name);
+  if (is_there(tavrix->tree, name->name, strlen(name->name))) return 0;
+  name->full = spell_private(ctx, tavrix->tree, name->name);
   if (name->full == NULL) {
     errno = ENOMEM;
     return -1;
   }
-  name->name = name->full + strlen(tavrix->share) + 1;
+  name->name = name->full + strlen(tavrix->tree) + 1;
   return 0;
 }

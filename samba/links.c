@@ -49,7 +49,7 @@ struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* ha
   const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct smb_filename* followed = NULL;
   const char* share = handle->conn->connectpath;
-  const char* path = tavrix_is_share(tavrix, target)
+  const char* path = tavrix_is_tree(tavrix, target)
                          ? tavrix->root
                          : talloc_asprintf(ctx, "%s/%s", tavrix->root, target->name);
   if (path == NULL) return NULL;
@@ -77,7 +77,7 @@ static void record_read(struct tavrix_connection* tavrix, const char* full, int 
 void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_evt_s* modified) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
-  if (strcmp(tavrix->root, tavrix->share) == 0) {
+  if (strcmp(tavrix->root, tavrix->tree) == 0) {
     close_preprocess(tavrix->audit, fd, tavrix->record, &modified, 1, tavrix->client);
   } else if (tavrix_name_of_fd(talloc_tos(), handle, fd, &name) != 0) {
     DBG_ERR("a file that is closed has no name: %s\n", strerror(errno));

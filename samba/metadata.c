@@ -139,7 +139,7 @@ static int set_times_of_file(struct vfs_handle_struct* handle, struct files_stru
                              struct smb_file_time* ft, struct tavrix_change* change) {
   struct tavrix_connection* tavrix = change->tavrix;
   char* full = NULL;
-  if (ntimes_file_preprocess(&full, tavrix->share, change->name.name, &tavrix->perm_ctx) != 0) {
+  if (ntimes_file_preprocess(&full, tavrix->tree, change->name.name, &tavrix->perm_ctx) != 0) {
     return -1;
   }
   const int result = SMB_VFS_NEXT_FNTIMES(handle, fsp, ft);

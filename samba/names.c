@@ -17,12 +17,12 @@ static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, 
   const char* name = path + length;
   while (name[0] == '/' || (name[0] == '.' && name[1] == '/')) ++name;
   if (name[0] == '\0' || strcmp(name, ".") == 0) {
-    out->name = out->full = tavrix->share;
+    out->name = out->full = tavrix->tree;
     return 0;
   }
-  out->full = talloc_asprintf(ctx, "%s/%s", tavrix->share, name);
+  out->full = talloc_asprintf(ctx, "%s/%s", tavrix->tree, name);
   if (out->full == NULL) return refuse(ENOMEM);
-  out->name = out->full + strlen(tavrix->share) + 1;
+  out->name = out->full + strlen(tavrix->tree) + 1;
   return 0;
 }
 
@@ -63,6 +63,6 @@ int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
   return tavrix_name_of(ctx, handle, whole->base_name, out);
 }
 
-int tavrix_is_share(const struct tavrix_connection* tavrix, const struct tavrix_name* name) {
-  return name->full == tavrix->share;
+int tavrix_is_tree(const struct tavrix_connection* tavrix, const struct tavrix_name* name) {
+  return name->full == tavrix->tree;
 }

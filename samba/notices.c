@@ -17,15 +17,15 @@ static bool is_granted(struct tavrix_connection* tavrix, const char* full, e_fso
   int is_nav = 0;
   if (tavrix->record->groupmap.is_computer_acct != 0) return false;
   return tavrix->record->reserved_user != 0 ||
-         vfs_enforce_perms(tavrix->share, full, op, &tavrix->record->groupmap, (int)type,
-                           &is_nav) == TXPERMS_HAS_PERMS;
+         vfs_enforce_perms(tavrix->tree, full, op, &tavrix->record->groupmap, (int)type, &is_nav) ==
+             TXPERMS_HAS_PERMS;
 }
 
 /* A path whose end is cut off for the time of a question. */
 static bool may_list(struct tavrix_connection* tavrix, char* full, char* end, bool is_watched) {
   const char keep = *end;
   *end = '\0';
-  const bool is_root = strcmp(full, tavrix->share) == 0;
+  const bool is_root = strcmp(full, tavrix->tree) == 0;
   const bool may = is_root || (is_granted(tavrix, full, FSOP_OPENDIR, FSTYPE_FOLDER) &&
                                (is_watched || is_granted(tavrix, full, FSOP_STAT, FSTYPE_FOLDER)));
   *end = keep;

@@ -47,8 +47,8 @@ int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
     return -1;
   }
   TAVRIX_AS_ROOT();
-  if (rename_preprocess(tavrix->share, from.full, to.full, &tavrix->perm_ctx, &isdir,
-                        tavrix->record, &is_nav) != 0) {
+  if (rename_preprocess(tavrix->tree, from.full, to.full, &tavrix->perm_ctx, &isdir, tavrix->record,
+                        &is_nav) != 0) {
     return -1;
   }
   if (!may_rename(tavrix, &from, &to, isdir != 0)) {

@@ -14,9 +14,9 @@ static bool must_decide(struct vfs_handle_struct* handle, const struct tavrix_na
 static bool may_look(struct vfs_handle_struct* handle, const struct tavrix_name* name, bool link) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (link) {
-    return lstat_preprocess(tavrix->share, name->name, &tavrix->perm_ctx, tavrix->record) == 0;
+    return lstat_preprocess(tavrix->tree, name->name, &tavrix->perm_ctx, tavrix->record) == 0;
   }
-  return stat_preprocess(tavrix->record, name->name, tavrix->share, &tavrix->perm_ctx) == 0;
+  return stat_preprocess(tavrix->record, name->name, tavrix->tree, &tavrix->perm_ctx) == 0;
 }
 
 int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname) {
@@ -57,7 +57,7 @@ int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
 /* The share's root is what is asked about, whatever the client named: there is no rule elsewhere.
  */
 static bool may_ask_for_space(struct tavrix_connection* tavrix) {
-  return statvfs_preprocess(tavrix->share, tavrix->share, tavrix->record, &tavrix->perm_ctx) == 0;
+  return statvfs_preprocess(tavrix->tree, tavrix->tree, tavrix->record, &tavrix->perm_ctx) == 0;
 }
 
 int tavrix_statvfs(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,

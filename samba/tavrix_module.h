@@ -31,7 +31,7 @@ struct tavrix_connection {
   connection_private_data_s* own;    /* of the connection's user */
   connection_private_data_s asker;   /* of another one, see tavrix_enter() */
   tx_perm_ctx_t* perm_ctx; /* the slot of hooks that leave the process root; null between them */
-  const char* share;       /* the root of the tree, which the hooks call the connect path */
+  const char* tree;        /* the root of the tree, which the hooks call the connect path */
   const char* root;        /* the same without links, as smbd names its folders */
   const char* client;      /* address, for audit records */
   int audit;
@@ -118,7 +118,7 @@ int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
 struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                                    const struct smb_filename* link,
                                    const struct tavrix_name* target);
-int tavrix_is_share(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
+int tavrix_is_tree(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
 
 /* --- identity ---------------------------------------------------------------------------------
  * A change of identity costs about as much as opening a file, and the library makes many short

@@ -121,7 +121,7 @@ int __wrap_tavrix_name_of(TALLOC_CTX* context, vfs_handle_struct* handle, const 
   const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   const int result = __real_tavrix_name_of(context, handle, name, out);
   /* The root's name is there already, and cannot fail: smbd goes back to it, or ends. */
-  if (result == 0 && tavrix_is_share(tavrix, out)) return 0;
+  if (result == 0 && tavrix_is_tree(tavrix, out)) return 0;
   return FAILS("tavrix_name_of") ? -1 : result;
 }
 
