@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Access lists, as smbd sees them. The permission map decides, so the owner and the mode of a
- * file must not stand in the way: the one entry of a list is for everybody, with the rights that
- * this client has. smbd asks for it where a request names a path instead of a handle, and to tell a
- * client how much it may have. */
+/* Access lists, as smbd sees them. The permission map decides, so the owner and the mode of a file
+ * must not stand in the way: a list has one entry, for everybody, with the rights of this client.
+ * smbd asks for the list when a request names a path instead of a handle, and to tell a client how
+ * much it may have. */
 #include "tavrix_module.h"
 
 #include "libcli/security/security.h"
 
 static const struct dom_sid everyone = {
     .sid_rev_num = 1, .num_auths = 1, .id_auth = {0, 0, 0, 0, 0, 1}, .sub_auths = {0}};
-/* An owner would have rights of its own. */
+/* The owner of every object: a real owner would have rights of its own. */
 static const struct dom_sid nobody = {
     .sid_rev_num = 1, .num_auths = 1, .id_auth = {0, 0, 0, 0, 0, 0}, .sub_auths = {0}};
 
-/* Of a folder that is only named, smbd asks what may be added to it or deleted from it; for that,
- * each object is decided by itself. */
+/* smbd asks about a folder that is only named when an object is to be added to it or deleted from
+ * it. The answer has the right to add and not the right to delete: each object is decided by
+ * itself. */
 static uint32_t rights_at(const struct files_struct* fsp, uint32_t rights, bool is_folder) {
   if (fsp->fsp_flags.is_fsa || !is_folder) return rights;
   return tavrix_rights_to_ask_for(rights & ~SEC_DIR_DELETE_CHILD, is_folder);
@@ -25,7 +26,7 @@ static int find_rights(struct vfs_handle_struct* handle, const struct files_stru
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   *rights = SEC_RIGHTS_FILE_ALL;
-  /* The create request that is under way was decided, with all that it asks for. */
+  /* The create request under way has been decided, with all the rights that it asks for. */
   if (tavrix->granted_path != NULL) return 0;
   if (tavrix_name_of(talloc_tos(), handle, fsp->fsp_name->base_name, &name) != 0) return -1;
   TAVRIX_AS_ROOT();
@@ -52,8 +53,8 @@ NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
   return *ppdesc != NULL ? NT_STATUS_OK : NT_STATUS_NO_MEMORY;
 }
 
-/* Access lists come with the map: a client's own are taken and forgotten, so that copying tools
- * that set them do not fail. */
+/* The map holds the access lists. A list that a client sets is accepted and dropped, so that
+ * copying tools do not fail. */
 NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info_sent, const struct security_descriptor* psd) {
   return tavrix_is_connected(handle) ? NT_STATUS_OK : NT_STATUS_ACCESS_DENIED;

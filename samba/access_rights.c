@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* The rights of SMB that a client has on an object, by what the decisions grant.
+/* The SMB rights that a client has on an object.
  *
- * smbd trusts the access of a handle for as long as it is open. So a right is in it only when a
- * decision stands behind it:
+ * smbd trusts the access of a handle for as long as it is open. So a handle has a right only when a
+ * decision grants it:
  *
  *   file, to read                 FSOP_OPEN_READ
  *   file, every other right       FSOP_OPEN_WRITE, which unlinking and renaming ask too
- *   folder, to list and enter     FSOP_OPENDIR; to add to it too, for the rules let everybody open
- *                                 folders for writing, and what is added is decided by itself
- *   folder, its own attributes,   FSOP_MKDIR of a name in it: opening a folder for writing says
- *   times, extended attributes    nothing
- *   folder, to delete             FSOP_MKDIR of itself, the right that renaming in place needs;
- *                                 never one that must stay. Removing it asks for more by itself. */
+ *   folder, to list and enter     FSOP_OPENDIR. It gives the right to add too: the rules let
+ *                                 everybody open folders for writing, and each added object is
+ *                                 decided by itself.
+ *   folder, its own attributes,   FSOP_MKDIR of a name in it, because a grant to open the folder
+ *   times, extended attributes    for writing means nothing
+ *   folder, to delete             FSOP_MKDIR of the folder itself, as renaming in place needs;
+ *                                 never for one that must stay. Removing is decided again. */
 #include "tavrix_module.h"
 
 /* A name that no client can give, for questions about what may be made in a folder. */
@@ -19,7 +20,8 @@
 
 #define ADDING (SEC_DIR_ADD_FILE | SEC_DIR_ADD_SUBDIR)
 
-/* A folder that was taken for a file would be everybody's to write. */
+/* An object that cannot be looked at counts as a folder: everybody may open folders for writing, so
+ * a folder that was taken for a file would get the rights of a writer. */
 bool tavrix_is_folder(const struct files_struct* fsp) {
   struct stat st;
   if (fsp->fsp_flags.is_directory) return true;
@@ -34,8 +36,8 @@ bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_ty
                                                          0, &is_nav) == TXPERMS_HAS_PERMS;
 }
 
-/* As the hooks have it: the private area's own folders for everybody, fixed ones but for
- * administrators. A mark that cannot be read counts. */
+/* The tree's root and the private area's own folders stay whoever asks, fixed folders unless an
+ * administrator asks. A folder whose mark cannot be read counts as fixed. */
 bool tavrix_must_stay(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                       bool is_folder) {
   if (tavrix_is_tree(tavrix, name) || is_deleteable(name->name) == 0) return true;
@@ -87,7 +89,8 @@ uint32_t tavrix_rights_to_ask_for(uint32_t rights, bool is_folder) {
   return is_folder && (rights & SEC_DIR_LIST) != 0 ? rights | ADDING : rights;
 }
 
-/* Clients map a share by opening its folders for writing as a whole. They get what they have. */
+/* Clients map a share by opening its folders with all writing rights. Such a request is not refused
+ * for the rights to attributes; its handle gets those that the client has. */
 static uint32_t without_attributes(uint32_t asked, uint32_t rights) {
   const uint32_t attributes = SEC_DIR_WRITE_EA | SEC_DIR_WRITE_ATTRIBUTE;
   return (asked & ADDING) != 0 ? asked & ~(attributes & ~rights) : asked;
@@ -97,7 +100,7 @@ bool tavrix_resolve_access(uint32_t rights, bool is_folder, uint32_t* access_mas
   const bool maximum = (*access_mask & SEC_FLAG_MAXIMUM_ALLOWED) != 0;
   uint32_t asked = *access_mask & ~SEC_FLAG_MAXIMUM_ALLOWED;
   if (is_folder) asked = without_attributes(asked, rights);
-  /* smbd judges the rest: the privilege to see what is audited, and bits that mean nothing. */
+  /* smbd itself judges the other bits: the privilege to read audit lists, and unused ones. */
   const uint32_t judged = asked & SEC_RIGHTS_FILE_ALL;
   if ((judged & ~tavrix_rights_to_ask_for(rights, is_folder)) != 0) return false;
   *access_mask = maximum ? asked | rights : asked;

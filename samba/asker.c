@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* The user who asked for a deletion that another one's last close carries out. */
+/* The asker: a user whose deletion is carried out by another user's last close. */
 #include "tavrix_module.h"
 
 #include "system/passwd.h"
@@ -13,8 +13,8 @@ void tavrix_free_asker(struct tavrix_connection* tavrix) {
   ZERO_STRUCTP(asker);
 }
 
-/* The account's name in the group list map, as a session of that account would have it. Without one
- * there are no groups, which is no rights. */
+/* The key is the one that a session of that account would have. Without a key there are no groups,
+ * and so no rights. */
 static void fill_asker(struct vfs_handle_struct* handle, uid_t uid) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   connection_private_data_s* asker = &tavrix->asker;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Extended attributes of open files: a client's own, and smbd's note of DOS attributes. The file
- * may belong to another user on the disk: what its mode refuses is read and written as root. The
- * library's marks are nobody's to see or to change. */
+/* Extended attributes of open files: a client's own, and the one in which smbd keeps DOS
+ * attributes. The file may belong to another user on the disk, so what its mode refuses is done
+ * again as root. Nobody sees or changes the library's own attributes. */
 #include "tavrix_module.h"
 
 static const char marks[] = "user.tavrix.";
@@ -27,7 +27,7 @@ ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* 
   return result;
 }
 
-/* Leaves the library's marks out of a list of names that end in NUL each. */
+/* Removes the library's attributes from a list of names, each of which ends in NUL. */
 static ssize_t without_marks(char* list, size_t length) {
   size_t kept = 0;
   for (size_t at = 0; at < length;) {

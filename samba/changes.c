@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* What changes a file's content: the close of the file records it. A request that fails later
- * counts as a change too: better an event too many than a cloud copy that differs. Until the close
- * a note on the disk stands for the event, should this process be killed. */
+/* Requests that change a file's content. Each marks the file as changed, and its close records the
+ * event. A request that fails afterwards counts too: an event too many does no harm, a missing one
+ * leaves the cloud copy different. Until the close a note on the disk stands for the event, in case
+ * this process is killed. */
 #include "tavrix_module.h"
 
 #include "lib/util/tevent_ntstatus.h"
@@ -17,7 +18,7 @@ static bool write_note(struct vfs_handle_struct* handle, struct files_struct* fs
     errno = EACCES;
     return false;
   }
-  if (tavrix->record->reserved_user != 0) return true; /* its changes are not recorded */
+  if (tavrix->record->reserved_user != 0) return true; /* the agent's changes are not recorded */
   if (tavrix_raise(tavrix) != 0) return false;
   const struct changing_file file = {.inode = fsp->file_id.inode,
                                      .uid = tavrix->record->refresh_creds.euid,
@@ -45,7 +46,7 @@ ssize_t tavrix_pwrite(struct vfs_handle_struct* handle, struct files_struct* fsp
   return SMB_VFS_NEXT_PWRITE(handle, fsp, data, n, offset);
 }
 
-/* A request that has failed already; the state is nobody's. */
+/* A request that has failed already. Nobody uses its state. */
 static struct tevent_req* failed_request(TALLOC_CTX* mem_ctx, struct tevent_context* ev,
                                          bool (*fail)(struct tevent_req*, int)) {
   const int error = errno;

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Who a client is: its name in the group map, its user, and whether it is the agent. */
+/* A client's identity: its name in the group list map, its user, and whether it is the agent. */
 #include "tavrix_module.h"
 
 #include "libcli/security/security.h"
 #include "system/passwd.h"
 #include "user_key.h"
 
-extern struct current_user current_user; /* smbd declares it where it uses it */
+extern struct current_user current_user; /* in none of smbd's headers */
 
-/* Of the request that is under way, or of the one that connects the tree. */
+/* The session of the request under way, or of the request that connects. */
 static uint64_t session_id_of(struct connection_struct* conn) {
   return current_user.conn == conn ? current_user.vuid : conn->vuid;
 }
 
-/* The session as it logged in: "force user" puts another in its place, for the rights on the disk
- * only. A connection that smbd makes for itself has one session alone. */
+/* The session as it logged in. "force user" puts another session in its place, which is only for
+ * the rights on the disk. A connection that smbd makes for itself has no client to look up. */
 static struct auth_session_info* session_of(struct connection_struct* conn) {
   struct auth_session_info* session = NULL;
   if (conn->sconn != NULL && conn->sconn->client != NULL &&
@@ -29,14 +29,13 @@ static bool is_guest(struct auth_session_info* session) {
   return security_session_user_level(session, NULL) < SECURITY_USER;
 }
 
-/* A member of a domain knows that domain's people by their bare names, every other server its own
- * accounts. */
+/* The domain whose accounts go by their bare names: a member's domain, else the server itself. */
 static const char* own_domain(void) {
   return lp_server_role() == ROLE_DOMAIN_MEMBER ? lp_workgroup() : get_global_sam_name();
 }
 
-/* The name that the authentication confirmed. Not the sanitised one, in which every character that
- * a path might not have is an underscore, nor the claimed one, which a guest may choose. */
+/* The name that the authentication confirmed. Not the sanitised name, which has an underscore for
+ * each character that a path cannot have, and not the claimed name, which a guest may choose. */
 static char* name_of(struct connection_struct* conn) {
   struct auth_session_info* session = session_of(conn);
   struct tavrix_login login = {.own_domain = own_domain()};
@@ -49,7 +48,7 @@ static char* name_of(struct connection_struct* conn) {
   return tavrix_user_key(&login);
 }
 
-/* Only a member of a domain has accounts of several, and puts the domain before the name. */
+/* A domain member has accounts of several domains and puts the domain before the name. */
 char* tavrix_key_of_account(const char* unix_name) {
   struct tavrix_login login = {.account = unix_name, .own_domain = own_domain()};
   const char* separator =
@@ -70,8 +69,8 @@ static bool is_refused_computer(const connection_private_data_s* record) {
   return is_computer_name(record->user_name_as_passed_in) && !record->config.allow_computeracct;
 }
 
-/* The agent's user; -1: none. A name without an account is a mistake worth a line: the agent's own
- * changes would come back to it as somebody's. */
+/* The agent's user; -1: none. A name without an account is worth a line: the agent's own changes
+ * would come back to it as a client's. */
 static uid_t find_reserved_user(struct vfs_handle_struct* handle) {
   const char* reserved = tavrix_option(handle, "reserved user", "");
   if (reserved[0] == '\0') return (uid_t)-1;
@@ -82,7 +81,8 @@ static uid_t find_reserved_user(struct vfs_handle_struct* handle) {
   return (uid_t)-1;
 }
 
-/* The library takes changes of uid 0 for the appliance's own. */
+/* True for a client that works as root: the library takes changes of uid 0 for the appliance's own
+ * and does not record them. */
 static bool is_never_recorded(const connection_private_data_s* record) {
   if (record->refresh_creds.euid != 0 || record->reserved_user) return false;
   tavrix_complain("%s is refused: nothing that a client does as root is recorded",
@@ -114,7 +114,8 @@ int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_conne
 
 /* --- another login within a session ----------------------------------------------------------- */
 
-/* Nothing of the user of before: the library keeps the groups it has where it finds no new ones. */
+/* Drops the groups and verdicts of the user before: the library keeps the groups that it has when
+ * it finds no new ones. */
 static void forget_identity(connection_private_data_s* record) {
   free(record->groupmap.gids);
   record->groupmap = (process_trustees_s){.gids = NULL};

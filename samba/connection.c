@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* A client connects to the share, and goes. */
+/* A client connects to the share and disconnects. */
 #include "tavrix_module.h"
 
 #include "lib/tsocket/tsocket.h"
@@ -34,7 +34,7 @@ const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
   return lp_parm_const_string(SNUM(handle->conn), "tavrix", name, otherwise);
 }
 
-/* The settings' default user and group; 0 stands for none. */
+/* Takes the default user and group from the settings; 0 stands for none. */
 static void find_owner(struct tavrix_connection* tavrix) {
   const int user = global_params[PARAM_DEFAULT_USER_ID].value.intval;
   const int group = global_params[PARAM_DEFAULT_GROUP_ID].value.intval;
@@ -42,9 +42,9 @@ static void find_owner(struct tavrix_connection* tavrix) {
   tavrix->owner_gid = group > 0 ? (gid_t)group : (gid_t)-1;
 }
 
-/* --- where ------------------------------------------------------------------------------------ */
+/* --- the place of the share ------------------------------------------------------------------- */
 
-/* The tree's root without links, as smbd names its folders; "" is none. */
+/* Resolves the links of the tree's root, since smbd names folders without links. */
 static int find_root(struct tavrix_connection* tavrix) {
   char* root = realpath(TAVRIX_TREE, NULL);
   if (root == NULL || strcmp(root, "/") == 0) {
@@ -70,10 +70,10 @@ static int check_share_path(struct vfs_handle_struct* handle, struct tavrix_conn
   return is_inside ? 0 : -1;
 }
 
-/* --- how -------------------------------------------------------------------------------------- */
+/* --- the protocol and the share's settings ---------------------------------------------------- */
 
-/* Requests of the first protocol name files by their paths and set attributes without an open, past
- * the decisions. A connection that smbd makes for itself has no client. */
+/* Refuses SMB1: its requests name files by path and set attributes without an open, past the
+ * decisions. A connection that smbd makes for itself has no client. */
 static int check_protocol(struct vfs_handle_struct* handle) {
   const struct smbd_server_connection* sconn = handle->conn->sconn;
   const bool is_old = sconn != NULL && sconn->client != NULL &&
@@ -84,16 +84,17 @@ static int check_protocol(struct vfs_handle_struct* handle) {
   return -1;
 }
 
-/* With wide links the server hides from the module that a name leads through a link: what lies
- * behind one, in the tree or outside, would be decided by the link's name. */
+/* Refuses wide links: with them smbd follows links without telling the module, and an object behind
+ * a link, in the tree or outside, would be decided by the link's name. */
 static int check_links(struct vfs_handle_struct* handle) {
   if (!lp_widelinks(SNUM(handle->conn))) return 0;
   tavrix_complain("share %s: \"wide links\" must be off", lp_const_servicename(SNUM(handle->conn)));
   return -1;
 }
 
-/* Named streams reach the disk through attributes of a file that smbd opened for nothing: neither
- * decided nor recorded. Whether a module below has them it tells only when it is connected. */
+/* Refuses modules for named streams: streams reach the disk through attributes of a file that smbd
+ * opened without any access, so they are neither decided nor recorded. A module below tells whether
+ * it has streams only once it is connected. */
 static int check_streams(struct vfs_handle_struct* handle) {
   enum timestamp_set_resolution unused = TIMESTAMP_SET_SECONDS;
   const char** modules = lp_vfs_objects(SNUM(handle->conn));
@@ -108,7 +109,7 @@ static int check_streams(struct vfs_handle_struct* handle) {
   return -1;
 }
 
-/* --- coming ----------------------------------------------------------------------------------- */
+/* --- connecting ------------------------------------------------------------------------------- */
 
 static void free_connection(void** data) {
   struct tavrix_connection* tavrix = *data;
@@ -145,7 +146,7 @@ static struct tavrix_connection* new_connection(struct vfs_handle_struct* handle
   return data;
 }
 
-/* The events of server processes that were killed with changed files open. */
+/* Records the events of server processes that were killed with changed files open. */
 static void settle_notes(void) {
   const int settled = settle_open_notes();
   if (settled < 0) DBG_ERR("%s: %s\n", OPEN_NOTES_FOLDER, strerror(errno));
@@ -174,7 +175,7 @@ int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const 
   return 0;
 }
 
-/* --- going ------------------------------------------------------------------------------------ */
+/* --- disconnecting ---------------------------------------------------------------------------- */
 
 void tavrix_disconnect(struct vfs_handle_struct* handle) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);

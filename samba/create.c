@@ -4,20 +4,20 @@
 
 #include "libcli/security/security.h"
 
-extern const struct generic_mapping file_generic_mapping; /* smbd's, in none of its headers */
+extern const struct generic_mapping file_generic_mapping; /* in none of smbd's headers */
 
 struct create_request {
   struct tavrix_name name;
-  bool is_link; /* the name is that of what lies behind it */
+  bool is_link; /* the client named a link; `name` is its target's */
   bool exists;
   bool is_folder;
-  uint32_t access_mask; /* without generic rights; then what the handle gets */
+  uint32_t access_mask; /* the access asked for, without generic rights; later the handle's */
   uint32_t disposition;
   uint32_t options;
-  e_fsop_type op; /* what was granted */
+  e_fsop_type op; /* the operation that was asked about */
 };
 
-/* Every right that a client which may only look has not. */
+/* The requested rights beyond those of a client that may only read. */
 static uint32_t changes_of(const struct create_request* request) {
   return request->access_mask & SEC_RIGHTS_FILE_ALL & ~TAVRIX_READING;
 }
@@ -33,8 +33,8 @@ static bool makes_folder(const struct create_request* request) {
          (request->disposition == FILE_CREATE || request->disposition == FILE_OPEN_IF);
 }
 
-/* A folder that is opened to be removed or renamed: the fixed ones are the administrators'. smbd
- * opens it for nothing else then, so no later function of the table would see what it is for. */
+/* Asks about a folder that is opened to be removed or renamed, which only administrators may do to
+ * fixed folders. The request must ask, because no later function of the table sees the purpose. */
 static int ask_about_removal(struct tavrix_connection* tavrix,
                              const struct create_request* request) {
   int is_nav = 0;
@@ -69,8 +69,8 @@ static int ask_about_file(struct tavrix_connection* tavrix, struct create_reques
   return result;
 }
 
-/* Links are the server's administrator's: a client works on what lies behind them, and removes or
- * renames none. */
+/* Replaces the name of a link by its target's. Links belong to the server's administrator: a client
+ * works on the target, and may not remove or rename the link. */
 static int settle_link(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                        struct create_request* request) {
   const int found = tavrix_name_behind_link(talloc_tos(), handle, smb_fname, &request->name);
@@ -81,8 +81,8 @@ static int settle_link(struct vfs_handle_struct* handle, const struct smb_filena
   return -1;
 }
 
-/* The client's rights on the object after its request was granted. Who makes it has everything, and
- * so has who may write a file. */
+/* The client's rights on the object after its request was granted. The maker of an object has all
+ * rights, and so has a writer of a file. */
 static uint32_t rights_of(struct tavrix_connection* tavrix, const struct create_request* request) {
   if (request->op == FSOP_CREATE || request->op == FSOP_MKDIR || request->op == FSOP_OPEN_WRITE) {
     return tavrix_all_rights_on(tavrix, &request->name, request->is_folder && request->exists);
@@ -98,8 +98,8 @@ static bool may_delete_on_close(struct tavrix_connection* tavrix,
          !request->exists || tavrix_grants(tavrix, request->name.full, FSOP_RMDIR);
 }
 
-/* After this the request asks smbd for exactly what its handle gets: smbd would take "as much as I
- * may have" from an access list, and trust every right that it granted once. */
+/* Makes the request ask smbd for exactly the access that its handle gets. smbd would take "as much
+ * as I may have" from an access list, and it trusts each right that it granted once. */
 static int settle_access(struct tavrix_connection* tavrix, struct create_request* request,
                          uint32_t share_access) {
   const bool maximum = (request->access_mask & SEC_FLAG_MAXIMUM_ALLOWED) != 0;
@@ -114,8 +114,8 @@ static int settle_access(struct tavrix_connection* tavrix, struct create_request
   return 0;
 }
 
-/* Root is given back before smbd goes on: what it does by itself it shall do as the client. The
- * functions of the table that it comes to become root for themselves. */
+/* Asks the library, as root, and gives root back before smbd goes on: smbd's own work is done as
+ * the client. The functions of the table that smbd then calls become root for themselves. */
 static int ask(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname,
                struct create_request* request) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
@@ -127,8 +127,8 @@ static int ask(struct vfs_handle_struct* handle, const struct smb_filename* smb_
   return result == 0 ? settle_access(tavrix, request, handle->conn->share_access) : result;
 }
 
-/* Somebody else made the folder while this request wanted to: its maker's rights are not this
- * client's. */
+/* Another client made the folder after this request asked to make it: this client gets its rights
+ * on an existing folder, not a maker's. */
 static void settle_race(struct tavrix_connection* tavrix, const struct create_request* request,
                         int info, struct files_struct* fsp) {
   if (request->op != FSOP_MKDIR || info != FILE_WAS_OPENED) return;
@@ -155,7 +155,8 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
                             struct smb2_create_blobs* out_context_blobs) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  /* smbd wants the right by its own name, which it would not see any more. */
+  /* smbd's own rule: delete-on-close needs the delete right by its own name, not by a generic one.
+   * smbd cannot check that any more, because it gets the mask with generic rights replaced. */
   if ((create_options & FILE_DELETE_ON_CLOSE) != 0 && (access_mask & SEC_STD_DELETE) == 0) {
     return NT_STATUS_INVALID_PARAMETER;
   }
@@ -174,10 +175,10 @@ NTSTATUS tavrix_create_file(struct vfs_handle_struct* handle, struct smb_request
   if (request.is_link) {
     smb_fname = tavrix_follow(talloc_tos(), handle, smb_fname, &request.name);
     if (smb_fname == NULL) return NT_STATUS_ACCESS_DENIED;
-    dirfsp = NULL; /* is the link's */
+    dirfsp = NULL; /* it is the folder of the link */
   }
 
-  /* Requests nest: a stream's opens its file. */
+  /* Requests nest: the request for a stream opens its file. */
   const char* outer_path = tavrix->granted_path;
   const e_fsop_type outer_op = tavrix->granted_op;
   const int is_outer_new = tavrix->is_granted_new;

@@ -4,12 +4,12 @@
 
 /* --- opening ---------------------------------------------------------------------------------- */
 
-/* smbd opens most things only to name them. */
+/* True for an open that only names the object, as most of smbd's opens do. */
 static bool only_names(const struct files_struct* fsp, const struct vfs_open_how* how) {
   return fsp->fsp_flags.is_pathref || (how->flags & O_PATH) != 0;
 }
 
-/* A reopen goes through /proc: the name is the descriptor's then. */
+/* The object's name. A reopen goes through /proc and takes the name that the open file has. */
 static int name_of_open(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                         const struct files_struct* dirfsp, const struct smb_filename* smb_fname,
                         const struct files_struct* fsp, struct tavrix_name* out) {
@@ -28,8 +28,8 @@ static e_fsop_type operation_of(e_open_mode mode) {
   return mode == OPENMODE_READ ? FSOP_OPEN_READ : FSOP_OPEN_WRITE;
 }
 
-/* The request that is under way has asked the very same already, unless there is something to audit
- * or to look up. */
+/* True if the create request under way has asked the same question already. Opens that are audited
+ * or that delete are asked about again, because open_preprocess() does more for them. */
 static bool was_asked(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                       const struct files_struct* fsp, int flags) {
   const e_open_mode mode = mode2tavrixmode(flags);
@@ -61,8 +61,8 @@ static int open_as_root(struct vfs_handle_struct* handle, const struct files_str
   return fd;
 }
 
-/* smbd makes files with O_EXCL, so an open that succeeds tells for sure: another client may have
- * made the file since the question was asked. */
+/* True if this open made the file. Another client may have made it after the question was asked;
+ * smbd makes files with O_EXCL, so an open with it that succeeds is certain. */
 static bool has_made(const struct vfs_open_how* how, bool is_new) {
   return (how->flags & O_CREAT) != 0 && (is_new || (how->flags & O_EXCL) != 0);
 }
@@ -71,13 +71,13 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
                            const struct smb_filename* smb_fname, struct files_struct* fsp,
                            const struct vfs_open_how* how, const struct tavrix_name* name) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  /* Opening a folder was asked by the request, or its listing will be. */
+  /* The create request asked about the folder, or its listing will ask. */
   if (fsp->fsp_flags.is_directory) return open_as_root(handle, dirfsp, smb_fname, fsp, how, false);
   const bool asked = was_asked(tavrix, name, fsp, how->flags);
   int is_new = asked ? tavrix->is_granted_new : 0;
   TAVRIX_AS_ROOT_IF(!asked);
   if (!asked && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
-  /* Before the open: a file whose changes could not be told is not opened. */
+  /* Before the open: a file whose changes could not be recorded is not opened. */
   struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
   if (kept == NULL) {
     errno = ENOMEM;
@@ -86,13 +86,13 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
   const int fd = open_as_root(handle, dirfsp, smb_fname, fsp, how, is_new != 0);
   if (fd < 0) return fd;
   kept->is_clients = true;
-  /* Now, for the file is there and stays: a later step of the request may fail. */
+  /* Record it now: the file stays even when a later step of the request fails. */
   if (has_made(how, is_new != 0)) create_file_postprocess(tavrix->record, name->full);
   return fd;
 }
 
-/* A status query's question, and its answer when there is none to get: each entry of a listing is
- * opened this way, so nothing is switched for it that need not be. */
+/* Checks a name as a status query does. Runs for every listed entry, so it becomes root only when
+ * the verdict is not cached. */
 static int ask_to_name(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
   refresh_credentials(tavrix->record);
   TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, name));
@@ -127,14 +127,14 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
 
 /* --- closing ---------------------------------------------------------------------------------- */
 
-/* What was deleted is recorded as that, and has no name to record a change under. */
+/* A deleted file is recorded as deleted, and has no name to record a change under. */
 static bool is_deleted(int fd) {
   struct stat st;
   return fstat(fd, &st) == 0 && st.st_nlink == 0;
 }
 
-/* smbd opens a path first, opens that for its client then, and closes the path's descriptor by the
- * way. */
+/* smbd opens a path with O_PATH first, reopens it for the client, and then closes the first
+ * descriptor. */
 static bool is_path_only(int fd) {
   const int flags = fcntl(fd, F_GETFL);
   return flags < 0 || (flags & O_PATH) != 0;
@@ -151,7 +151,7 @@ static void record_close(struct vfs_handle_struct* handle, struct files_struct* 
   const bool deleted = is_deleted(fd);
   const bool raised = tavrix_raise(tavrix) == 0;
   if (!deleted) tavrix_record_close(handle, fd, modified);
-  /* The event is in the buffer, unless the hook kept its flag. */
+  /* The hook clears the flag when it has recorded the event. */
   if (deleted || modified->is_modified == 0) remove_open_note(&kept->note);
   if (raised) tavrix_give_back(tavrix);
 }
@@ -162,8 +162,8 @@ int tavrix_close(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   return SMB_VFS_NEXT_CLOSE(handle, fsp);
 }
 
-/* A client that may come back: smbd notes how the file looks, and takes nothing else for it then.
- * The stamp of a change must be on the file before. */
+/* A client disconnects and may come back. smbd notes the file's state now and accepts only a file
+ * in that state later, so the stamp of a change must be on the file before. */
 NTSTATUS tavrix_durable_disconnect(struct vfs_handle_struct* handle, struct files_struct* fsp,
                                    const DATA_BLOB old_cookie, TALLOC_CTX* mem_ctx,
                                    DATA_BLOB* new_cookie) {
@@ -197,7 +197,7 @@ int tavrix_unlinkat(struct vfs_handle_struct* handle, struct files_struct* dirfs
   }
   TAVRIX_AS_ROOT();
   if (ask_to_remove(tavrix, &name, is_folder) != 0) return -1;
-  /* Whatever the handle was granted: a request may have come to it in another way. */
+  /* Ask again whatever the handle was granted: a handle may come about in several ways. */
   if (is_folder && tavrix_must_stay(tavrix, &name, is_folder)) {
     tavrix_give_back(tavrix);
     errno = EACCES;

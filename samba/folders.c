@@ -17,7 +17,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
   if (tavrix_name_at(talloc_tos(), handle, dirfsp, smb_fname, &name) != 0) return -1;
-  /* The create request around this asked the very same. */
+  /* The create request around this has asked the same question. */
   const bool granted = is_granted(tavrix, &name);
   TAVRIX_AS_ROOT_IF(!granted);
   const int asked = granted ? tavrix_raise(tavrix)
@@ -27,7 +27,7 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
   const int result = SMB_VFS_NEXT_MKDIRAT(handle, dirfsp, smb_fname, mode);
   if (result == 0) tavrix_give_folder_to_owner(tavrix, dirfsp, smb_fname->base_name);
   tavrix_give_back(tavrix);
-  /* Now, for the folder is there and stays: a later step of the request may fail. */
+  /* Record it now: the folder stays even when a later step of the request fails. */
   if (result == 0) {
     char* full = discard_const_p(char, name.full);
     mkdir_postprocess(tavrix->record, &full);
@@ -37,7 +37,8 @@ int tavrix_mkdirat(struct vfs_handle_struct* handle, struct files_struct* dirfsp
 
 /* --- listing ---------------------------------------------------------------------------------- */
 
-/* A listing that a client asked for hides what its user may not see. */
+/* Remembers a listing that a client asked for; tavrix_readdir() leaves out of it what the user may
+ * not see. */
 static bool remember_listing(struct vfs_handle_struct* handle, files_struct* fsp, DIR* dirp,
                              const struct tavrix_name* name) {
   struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
@@ -58,7 +59,7 @@ static DIR* list_for_client(struct vfs_handle_struct* handle, files_struct* fsp,
   TAVRIX_AS_ROOT_IF(!is_tree);
   int is_nav = 0;
   const int deletes = (fsp->access_mask & SEC_STD_DELETE) != 0;
-  /* The share itself is for everybody. */
+  /* Everybody may list the tree's root. */
   const int asked = is_tree ? tavrix_raise(tavrix)
                             : fdopendir_preprocess(tavrix->tree, name.name, deletes, tavrix->record,
                                                    &is_nav, &tavrix->perm_ctx);
@@ -66,21 +67,21 @@ static DIR* list_for_client(struct vfs_handle_struct* handle, files_struct* fsp,
   DIR* dirp = SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
   tavrix_give_back(tavrix);
   if (dirp == NULL || remember_listing(handle, fsp, dirp, &name)) return dirp;
-  SMB_VFS_NEXT_CLOSEDIR(handle, dirp); /* what cannot be filtered is not listed */
+  SMB_VFS_NEXT_CLOSEDIR(handle, dirp); /* a listing that cannot be filtered is refused */
   errno = ENOMEM;
   return NULL;
 }
 
-/* Without a mask it is smbd that looks for a name in other letters or for what is left in a folder
- * that goes. It must see everything, and what it finds is decided when it is opened. Refusing it
- * the listing would end the process: smbd forgets the folder that it opened for one. */
+/* A listing without a mask is smbd's own: it looks for a name in other letters, or for entries left
+ * in a folder that is removed. It must see everything, and each entry is decided when it is opened.
+ * A refusal here would end the process, because smbd does not close the folder that it opened. */
 DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const char* mask,
                       uint32_t attributes) {
   TAVRIX_ENTER(handle);
   if (!tavrix_is_connected(handle)) return NULL;
   if (mask != NULL) return list_for_client(handle, fsp, mask, attributes);
   struct tavrix_open* kept = tavrix_open_of(handle, fsp);
-  if (kept != NULL) kept->listing = NULL; /* this one may get the address of an earlier one */
+  if (kept != NULL) kept->listing = NULL; /* the new DIR may have the address of an old one */
   return SMB_VFS_NEXT_FDOPENDIR(handle, fsp, mask, attributes);
 }
 
@@ -92,7 +93,7 @@ static bool may_see(struct tavrix_connection* tavrix, const char* base, const ch
   char path[ENTRY_SIZE];
   char full[ENTRY_SIZE];
   int allowed = TXPERMS_NO_PERM;
-  /* The hook clears as much as it is given: no more than this name needs. */
+  /* The hook clears the whole buffer, so it gets only as much as this name needs. */
   const int length = snprintf(path, sizeof path, "%s/%s", base, name);
   if (length < 0 || (size_t)length >= sizeof path) return false;
   const struct tavrix_name entry = {.name = path};
@@ -118,7 +119,7 @@ struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_str
 
 /* --- entering --------------------------------------------------------------------------------- */
 
-/* Before a connection ends smbd leaves the tree, as root, so that it may be unmounted. */
+/* smbd enters "/" as root before a connection ends, so that the file system can be unmounted. */
 static bool leaves_the_tree(const struct smb_filename* smb_fname) {
   return geteuid() == 0 && strcmp(smb_fname->base_name, "/") == 0;
 }
@@ -136,7 +137,7 @@ int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* sm
   return result;
 }
 
-/* smbd makes names canonical on the way; that decides nothing and tells the client nothing. */
+/* smbd makes names canonical in many places. That decides nothing and shows the client nothing. */
 struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
                                      const struct smb_filename* smb_fname) {
   TAVRIX_ENTER(handle);

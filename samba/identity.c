@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Root for an operation, and back; and who owns what was made. */
+/* Root for an operation and back, the entry of each function, and the owner of new objects. */
 #include "tavrix_module.h"
 
 int tavrix_raise(struct tavrix_connection* tavrix) {
@@ -23,7 +23,7 @@ struct tavrix_root tavrix_become_root_if(bool wanted) {
   return root;
 }
 
-/* The group first, while the process may still take any. */
+/* Gives back the group first: only the superuser may take any group. */
 void tavrix_end_root(struct tavrix_root* root) {
   const int keep = errno;
   if (root->group != (gid_t)-1 && setegid(root->group) != 0) {
@@ -63,8 +63,8 @@ void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd) {
   errno = keep;
 }
 
-/* A name may be another object's by the time that it is used again: only a folder that belongs to
- * root, as the one that was just made does, is given away, and by its descriptor. */
+/* The name may mean another object by now. So the folder goes to its owner by its descriptor, and
+ * only if it belongs to root, as the folder that was just made does. */
 static int give_new_folder(const struct tavrix_connection* tavrix, int fd) {
   struct stat st;
   if (fstat(fd, &st) != 0) return -1;
@@ -87,7 +87,8 @@ void tavrix_give_folder_to_owner(const struct tavrix_connection* tavrix,
   errno = keep;
 }
 
-/* smbd's own work as root goes on under the record that is there. */
+/* The record of the user that the process works for. smbd's own work as root keeps the present
+ * record. */
 static connection_private_data_s* record_of(struct vfs_handle_struct* handle) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   const uid_t uid = get_current_uid(handle->conn);

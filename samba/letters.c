@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Names in other letters, on a share where case does not matter. smbd asks for a name as the client
- * spelled it first, and looks for other spellings when that is missing. The decision about the
- * private area looks at its folders on the disk: it shall find them under either spelling, or smbd
- * would hear a refusal where it expects a missing name. */
+/* Names in other letters, on a share where case does not matter. smbd first asks about a name as
+ * the client spelled it, and looks for other spellings when that name is missing. The decision
+ * about the private area looks at the users' folders on the disk. It must find them under any
+ * spelling: smbd would take a refusal as final where a missing name makes it look further. */
 #include "tavrix_module.h"
 
 #define AREA "private"
@@ -20,7 +20,7 @@ static bool is_there(const char* folder, const char* name, size_t length) {
   return written > 0 && (size_t)written < sizeof path && lstat(path, &st) == 0;
 }
 
-/* The entry that is the name in other letters; null: none, or no memory. */
+/* The entry that differs from the name only in case; null: none, or no memory. */
 static char* find_entry(TALLOC_CTX* ctx, const char* folder, const char* wanted) {
   char* found = NULL;
   DIR* dir = opendir(folder);
@@ -32,8 +32,8 @@ static char* find_entry(TALLOC_CTX* ctx, const char* folder, const char* wanted)
   return found;
 }
 
-/* The path of the folder's entry with that name, in the letters on the disk; the name as it is
- * where there is none. */
+/* The path of the folder's entry with that name, as the disk spells it. A name without an entry
+ * keeps its spelling. */
 static char* spell(TALLOC_CTX* ctx, const char* folder, const char* name, size_t length) {
   char* wanted = talloc_strndup(ctx, name, length);
   if (wanted == NULL) return NULL;
@@ -41,7 +41,7 @@ static char* spell(TALLOC_CTX* ctx, const char* folder, const char* name, size_t
   return talloc_asprintf(ctx, "%s/%s", folder, found != NULL ? found : wanted);
 }
 
-/* The area and the user's folder in it; smbd finds the rest by itself. */
+/* Respells the area and the user's folder in it; smbd finds the rest by itself. */
 static char* spell_private(TALLOC_CTX* ctx, const char* tree, const char* name) {
   const size_t area = strcspn(name, "/");
   char* path = spell(ctx, tree, name, area);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Links on the server, made by its administrator: the tree itself may lie behind one, and there may
- * be some in it. What lies behind a link is decided and recorded by its own name. */
+/* Symbolic links that the server's administrator made: the tree's root may be one, and the tree may
+ * contain some. The target of a link is decided and recorded under its own name. */
 #include "tavrix_module.h"
 
 #define DESCRIPTOR_PATH_SIZE 64
@@ -37,7 +37,8 @@ int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
   if (fd < 0) return 0;
   if (tavrix_name_of_fd(ctx, handle, fd, &real) != 0) return -1;
   if (strcmp(real.full, name->full) == 0 || is_deleted(fd)) return 0;
-  /* Without a link it was renamed by another client just now: decided by the name it has. */
+  /* The names differ without a link when another client has just renamed the object. It is decided
+   * under its new name. */
   const int found = is_link(name->full) ? 1 : 0;
   *name = real;
   return found;
@@ -73,7 +74,8 @@ static void record_read(struct tavrix_connection* tavrix, const char* full, int 
   send_audit_vfs_event(&event, tavrix->record->refresh_creds.euid);
 }
 
-/* The hook asks the kernel for the file's name, which is not the tree's where that is a link. */
+/* close_preprocess() asks the kernel for the file's name, and the kernel's name is not below
+ * TAVRIX_TREE when the tree's root is a link. */
 void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_evt_s* modified) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name name;
@@ -84,7 +86,7 @@ void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_e
   } else if (modified->is_modified == 0) {
     record_read(tavrix, name.full, fd);
   } else {
-    ntimes_file_postprocess(name.full, tavrix->record); /* the same event, under the given name */
+    ntimes_file_postprocess(name.full, tavrix->record); /* the same event, under a given name */
     modified->is_modified = 0;
   }
 }

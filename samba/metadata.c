@@ -1,23 +1,24 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Changes of what an object has beside its content: attributes, times, extended attributes, modes.
+/* Changes of an object's metadata: attributes, times, extended attributes, modes.
  *
- * smbd comes here for a client that holds a handle, for one that only named a path, and by itself:
- * while it makes the object, or after a write. The right to write is in the handle, or was granted
- * to the create request that is under way, or is decided here. What a client changes is recorded
- * once, by the outermost of the functions that smbd went through. */
+ * smbd calls these functions for a client with a handle, for a client that only named a path, and
+ * for itself while it makes the object or after a write. The right to write is in the handle, or
+ * was granted to the create request under way, or is decided here. A client's change is recorded
+ * once, by the outermost of the functions that smbd calls for it. */
 #include "tavrix_module.h"
 
 #define WRITES_METADATA (SEC_FILE_WRITE_EA | SEC_FILE_WRITE_ATTRIBUTE)
 
-/* Rights of a handle that write metadata: to add to a folder is none. */
+/* True if the handle has a right that lets it write metadata. The right to add to a folder is not
+ * one. */
 static bool holds_right(const struct files_struct* fsp) {
   const uint32_t content =
       fsp->fsp_flags.is_directory ? 0 : SEC_FILE_WRITE_DATA | SEC_FILE_APPEND_DATA;
   return fsp->fsp_flags.is_fsa && (fsp->access_mask & (WRITES_METADATA | content)) != 0;
 }
 
-/* A grant to open a folder is no right to change the folder itself: the rules let everybody open
- * one for writing. */
+/* True if the create request under way makes the object or was granted to write it. A grant to open
+ * a folder does not count: the rules let everybody open folders for writing. */
 static bool is_being_written(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                              bool is_folder) {
   const e_fsop_type op = tavrix->granted_op;
@@ -50,7 +51,7 @@ int tavrix_begin_change(struct vfs_handle_struct* handle, struct files_struct* f
   return 0;
 }
 
-/* By its descriptor: the name may be another object's by now. */
+/* Stamps the object by its descriptor: the name may mean another object by now. */
 static void stamp(const struct tavrix_connection* tavrix, const struct files_struct* fsp) {
   char path[64];
   snprintf(path, sizeof path, "/proc/self/fd/%d", fsp_get_pathref_fd(fsp));
@@ -70,8 +71,8 @@ static void send_record(const struct tavrix_connection* tavrix, const struct tav
   send_modify_vfs_event(&event);
 }
 
-/* The close of a file that the client has open records all of its changes at once; a note on the
- * disk stands for the event until then. */
+/* True if the close of the file will record the change: it records all changes of a file that the
+ * client has open. A note on the disk stands for the event until then. */
 static bool will_be_recorded(struct vfs_handle_struct* handle, struct files_struct* fsp) {
   struct tavrix_open* kept = tavrix_open_of(handle, fsp);
   if (kept == NULL || !kept->is_clients || fsp->fsp_flags.is_pathref) return false;
@@ -146,7 +147,7 @@ static int set_times_of_file(struct vfs_handle_struct* handle, struct files_stru
   if (result == 0) ntimes_file_postprocess(full, tavrix->record);
   tavrix_give_back(tavrix);
   free(full);
-  change->is_recorded = false; /* done by the hook */
+  change->is_recorded = false; /* the hook has recorded it */
   return result;
 }
 
@@ -154,7 +155,7 @@ int tavrix_fntimes(struct vfs_handle_struct* handle, struct files_struct* fsp,
                    struct smb_file_time* ft) {
   TAVRIX_ENTER(handle);
   struct tavrix_change change;
-  /* smbd asks for this after each change of attributes. */
+  /* smbd calls this without a time to set after each change of attributes. */
   if (ft != NULL && changes_no_time(ft)) return 0;
   if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   const int result = tavrix_is_folder(fsp) ? set_times_of_folder(handle, fsp, ft)

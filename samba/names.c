@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Names as smbd has them, and as the library wants them. */
+/* From smbd's names to the library's. */
 #include "tavrix_module.h"
 
 static int refuse(int error) {
@@ -7,8 +7,8 @@ static int refuse(int error) {
   return -1;
 }
 
-/* From a path without links: what lies behind the tree's root, without dots at the beginning. The
- * library has the same under the root's own name, be that a link or not. */
+/* The name of an absolute path without links: the part behind the tree's root, without dots at the
+ * beginning. The library's full path begins with TAVRIX_TREE, whether that is a link or not. */
 static int name_behind(TALLOC_CTX* ctx, const struct tavrix_connection* tavrix, const char* path,
                        struct tavrix_name* out) {
   const size_t length = strlen(tavrix->root);
@@ -48,7 +48,8 @@ int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, cons
   return name_below(ctx, handle, handle->conn->connectpath, name, out);
 }
 
-/* Not the share's folder: smbd changes its own around renaming and removing. */
+/* The name is relative to smbd's working folder, which need not be the share: smbd changes it
+ * around renaming and removing. */
 int tavrix_name_of(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* base_name,
                    struct tavrix_name* out) {
   return name_below(ctx, handle, handle->conn->cwd_fsp->fsp_name->base_name, base_name, out);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Change notification. smbd hands a client every notice of the tree that it watches; here a notice
- * reaches it when the client could find the name by listing: the watched folder and each one on the
- * way may be opened, each one on the way and the name itself may be seen.
+/* Change notification. smbd hands a client every notice about the folders that it watches. The
+ * module passes on a notice only when the client could find the name by listing: it may open the
+ * watched folder and each folder on the way, and see each folder on the way and the name itself.
  *
  * smbd's table has no function for notices. They come as messages of the notify daemon to a context
- * with a callback; this puts a callback of its own there, which asks and passes on to smbd's. */
+ * with a callback. The module puts its own callback there, which asks and passes on to smbd's. */
 #include "tavrix_module.h"
 
 #include "librpc/gen_ndr/notify.h"
@@ -21,7 +21,8 @@ static bool is_granted(struct tavrix_connection* tavrix, const char* full, e_fso
              TXPERMS_HAS_PERMS;
 }
 
-/* A path whose end is cut off for the time of a question. */
+/* True if the client may list the folder that `full` names up to `end`. Cuts the path off there for
+ * the length of the question. */
 static bool may_list(struct tavrix_connection* tavrix, char* full, char* end, bool is_watched) {
   const char keep = *end;
   *end = '\0';
@@ -32,7 +33,8 @@ static bool may_list(struct tavrix_connection* tavrix, char* full, char* end, bo
   return may;
 }
 
-/* The folders from the watched one, which ends at that slash, to the one with the name. */
+/* True if the client may list each folder from the watched one, which ends at `slash`, to the one
+ * that has the name. */
 static bool may_reach(struct tavrix_connection* tavrix, char* full, char* slash) {
   bool is_watched = true;
   for (; slash != NULL; slash = strchr(slash + 1, '/')) {
@@ -42,15 +44,16 @@ static bool may_reach(struct tavrix_connection* tavrix, char* full, char* slash)
   return true;
 }
 
-/* The kind of a thing is decided here, once: the library grants questions about names that are not
- * there, which a name may become at any time. */
+/* The type of an object, looked at once for all questions about a notice. The library grants
+ * questions about missing names, and a name may go missing between two questions. */
 static e_file_type type_of(const char* full) {
   struct stat st;
   if (lstat(full, &st) != 0) return FSTYPE_DOES_NOT_EXIST;
   return S_ISDIR(st.st_mode) ? FSTYPE_FOLDER : FSTYPE_FILE;
 }
 
-/* A name of nothing may have been a file's or a folder's: it is told to those who may see both. */
+/* True if the client may see the name. A missing name may have been a file or a folder, so the
+ * client must be allowed to see both. */
 static bool may_see(struct tavrix_connection* tavrix, const char* full, e_file_type type) {
   if (type != FSTYPE_DOES_NOT_EXIST) return is_granted(tavrix, full, FSOP_STAT, type);
   return is_granted(tavrix, full, FSOP_STAT, FSTYPE_FILE) &&
@@ -67,7 +70,7 @@ struct watch {
   struct tavrix_connection* tavrix;
 };
 
-/* The full path of a name in the watched folder, and the slash behind that folder. */
+/* The full path of a name in the watched folder; `*slash` is the slash behind that folder. */
 static char* full_path_of(const struct watch* watch, const char* name, char** slash) {
   struct tavrix_name folder;
   if (tavrix_name_in_share(talloc_tos(), watch->handle, watch->fsp->fsp_name->base_name, &folder) !=
@@ -101,8 +104,8 @@ static void deliver(const struct watch* watch, struct timespec when, uint32_t ac
   notify_callback(watch->sconn, watch->fsp, when, &event);
 }
 
-/* A rename is two notices, and smbd keeps the first back until the second comes. A client that may
- * know one of the names gets that as a name that went or came, so the first waits here. */
+/* Holds the first of a rename's two notices until the second comes, as smbd does. A client that may
+ * know only one of the names is told that this name went or came. */
 static void hold_old_name(const struct watch* watch, struct timespec when, const char* name) {
   struct tavrix_open* kept = tavrix_keep_open(watch->handle, watch->fsp);
   if (kept == NULL) return;
@@ -126,7 +129,7 @@ static void finish_rename(const struct watch* watch, struct timespec when, const
   if (kept != NULL) TALLOC_FREE(kept->old_name);
 }
 
-/* A rename whose second half does not come: the name is gone, as far as anybody was told. */
+/* Delivers the held notice of a rename whose second notice does not come, as a removal. */
 static void release_old_name(const struct watch* watch) {
   struct tavrix_open* kept = tavrix_open_of(watch->handle, watch->fsp);
   if (kept == NULL || kept->old_name == NULL) return;
@@ -152,8 +155,8 @@ static struct files_struct* is_that_one(struct files_struct* fsp, void* that) {
   return fsp == that ? fsp : NULL;
 }
 
-/* A watch by the kernel stays with a folder that is moved; what the folder is called now is not
- * known here, and neither is who may list it. */
+/* True if the watched folder still has the name under which it was opened. The kernel's watch
+ * follows a folder that is moved, and its new name, and so who may list it, is not known here. */
 static bool is_where_it_was(const struct watch* watch) {
   struct tavrix_name folder;
   struct stat st;
@@ -165,8 +168,8 @@ static bool is_where_it_was(const struct watch* watch) {
   return stat(folder.full, &st) == 0 && st.st_ino == watch->fsp->file_id.inode;
 }
 
-/* As root, so that only the marker files can renew the identity here: the process may be at work
- * for anybody when a notice comes. */
+/* Refreshes the identity as root, so that only the marker files can renew it: when a notice comes
+ * the process may be working for any user. */
 static void notice_changes(struct tavrix_connection* tavrix) {
   TAVRIX_AS_ROOT();
   refresh_credentials(tavrix->record);
@@ -182,7 +185,7 @@ static void filter_for(const struct watch* watch, struct timespec when, uint32_t
   TALLOC_FREE(frame);
 }
 
-/* The notice may be about a folder that is closed by now, and then is nobody's. */
+/* The callback for a notice. A notice about a folder that has been closed is dropped. */
 static void filter_notice(struct smbd_server_connection* sconn, void* folder, struct timespec when,
                           const struct notify_event* event) {
   struct files_struct* fsp = files_forall(sconn, is_that_one, folder);
@@ -197,14 +200,14 @@ static void filter_notice(struct smbd_server_connection* sconn, void* folder, st
 
 static struct notify_context* filtered;
 
-/* In place of smbd's context, which would deliver everything. */
+/* Replaces smbd's context, which would deliver everything. */
 static void replace_context(struct smbd_server_connection* sconn) {
   TALLOC_FREE(sconn->notify_ctx);
   sconn->notify_ctx = notify_init(sconn, sconn->msg_ctx, sconn, filter_notice);
   filtered = sconn->notify_ctx;
 }
 
-/* A new notify daemon: smbd makes its context again and asks for its watches again. */
+/* A new notify daemon runs: smbd makes a new context and asks for its watches again. */
 static void daemon_restarted(struct messaging_context* msg, void* private_data, uint32_t type,
                              struct server_id source, DATA_BLOB* data) {
   struct smbd_server_connection* sconn =
@@ -216,7 +219,7 @@ static void daemon_restarted(struct messaging_context* msg, void* private_data, 
 void tavrix_filter_notices(struct vfs_handle_struct* handle) {
   struct smbd_server_connection* sconn = handle->conn->sconn;
   if (sconn == NULL || sconn->notify_ctx == NULL || sconn->notify_ctx == filtered) return;
-  /* The same key as smbd's own registration, whose place it takes. */
+  /* The key is that of smbd's own registration, which this one replaces. */
   const NTSTATUS status =
       messaging_register(sconn->msg_ctx, sconn, MSG_SMB_NOTIFY_STARTED, daemon_restarted);
   if (NT_STATUS_IS_OK(status)) {

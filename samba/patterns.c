@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* The names that everybody may delete: the settings' file of patterns. */
+/* The patterns of file names that everybody may delete, from the file that the settings name. */
 #include "tavrix_module.h"
 
 #include "regex_parser/pattern_reach.h"
 
-/* The file that the library has read last. */
+/* The file that the library read last. */
 static struct {
   char path[TAVRIX_PARAM_STRVAL_SIZE];
   struct stat status;
@@ -21,8 +21,8 @@ static bool is_unchanged(const char* path, const struct stat* status) {
          before->st_ctim.tv_nsec == status->st_ctim.tv_nsec;
 }
 
-/* An empty line does, and what is written ".*" or ".": a slip of the pen that would let everybody
- * delete everything. */
+/* True if one of the patterns matches every name: an empty line, ".*" or ".". A slip of the pen
+ * must not let everybody delete everything. */
 static bool matches_every_name(const pattern_buf_s* patterns) {
   for (int i = 0; i < patterns->num_elems && i < TAVRIX_MAX_PATTERNS; ++i) {
     if (tavrix_matches_every_name(patterns->elems[i].compiled_pattern)) return true;
@@ -44,7 +44,7 @@ void tavrix_load_patterns(void) {
   const char* path = global_params[PARAM_REGEX_FILE_NAME].value.strval;
   struct stat status = {0};
   if (global_params[PARAM_CHECK_REGEX_UNLINK].value.intval == 0 || path[0] == '\0') return;
-  /* The library keeps the stream of each reading, so a file is read once as long as it stays. */
+  /* The library never closes the file after reading it, so an unchanged file is read only once. */
   const bool exists = stat(path, &status) == 0;
   if (exists && is_unchanged(path, &status)) return;
   last_file.is_usable = read_patterns(path);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Ways to make and change things that a client of the tree has no use for; all are refused.
+/* Operations that are refused to every client.
  *
- * A hard link is a second name of a file: rights go with the folder of a name, so a user whose
- * folder was closed would still reach the file by the other one, and the agent, which knows files
- * by their paths, would take one changed file for two. A symbolic link leads out of the tree, a
- * device or a pipe is nothing that can be synchronised. Owners and access lists on the disk belong
- * to the appliance: the permission map is what clients are judged by. */
+ * A hard link is a second name of a file. Rights go with the folder of a name, so a user would
+ * still reach a file in a closed folder by the other name; and the agent, which knows files by
+ * their paths, would take one changed file for two. A symbolic link can lead out of the tree.
+ * Devices and pipes cannot be synchronised. Owners and access lists on the disk belong to the
+ * appliance: the permission map judges clients. */
 #include "tavrix_module.h"
 
 #include "libcli/smb/smb2_constants.h"
@@ -14,11 +14,14 @@
 #define FILE_ALLOCATION_INFORMATION_CLASS 19
 #define FILE_END_OF_FILE_INFORMATION_CLASS 20
 
-/* Create requests that smbd makes for itself in the middle of another one. It removes what a link
- * is to replace before it comes to linkat: such a request is refused at the first thing that it
- * opens. For a new size or allocation by a handle without data it opens the file anew, and mixes up
- * the two, so that the process ends by a signal later; the protocol wants the right to write data
- * in the client's own handle. */
+/* True for a create request that smbd makes for itself while it serves one of these requests:
+ *
+ * A request for a hard link. smbd removes the object that the link replaces before it calls linkat,
+ * so the request is refused at the first object that it opens.
+ *
+ * A request for a new size or allocation by a handle without the right to write data. smbd opens
+ * the file anew and mixes up the two opens, and the process ends by a signal later. The protocol
+ * wants that right in the client's own handle, so this is no loss. */
 bool tavrix_is_refused_request(const struct smb_request* req) {
   if (req == NULL || req->smb2req == NULL) return false;
   const uint8_t* header = SMBD_SMB2_IN_HDR_PTR(req->smb2req);
@@ -58,7 +61,7 @@ NTSTATUS tavrix_create_dfs_pathat(struct vfs_handle_struct* handle, struct files
   return NT_STATUS_ACCESS_DENIED;
 }
 
-/* A snapshot is a copy of the tree that no map rules. */
+/* A snapshot is a copy of the tree, and no map has rules for it. */
 NTSTATUS tavrix_snap_create(struct vfs_handle_struct* handle, TALLOC_CTX* mem_ctx,
                             const char* base_volume, time_t* tstamp, bool rw, char** base_path,
                             char** snap_path) {

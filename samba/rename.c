@@ -2,8 +2,9 @@
 /* Renaming and moving. */
 #include "tavrix_module.h"
 
-/* The hook looks at the source. What a rename replaces is removed by it, and a folder in its place
- * would not have its marks. A name that changes its case only replaces nothing. */
+/* True if the client may replace the target. rename_preprocess() judges only the source, but a
+ * rename removes the object that it replaces, and a folder in its place would not have its marks. A
+ * rename that only changes the case of a name replaces nothing. */
 static bool may_replace(struct tavrix_connection* tavrix, const struct tavrix_name* from,
                         const struct tavrix_name* to) {
   struct stat source;
@@ -16,8 +17,9 @@ static bool may_replace(struct tavrix_connection* tavrix, const struct tavrix_na
   return !tavrix_must_stay(tavrix, to, is_folder);
 }
 
-/* The desktops' bookkeeping names are everybody's: the hook lets any folder take one, and under it
- * everybody may remove it. So that asks for the right to take the folder away. */
+/* True if a folder may take the new name. The hook lets any folder take the name of a desktop's
+ * bookkeeping file, and everybody may remove an object of that name. So taking such a name needs
+ * the right to move the folder away. */
 static bool may_take_name(struct tavrix_connection* tavrix, const struct tavrix_name* from,
                           const struct tavrix_name* to) {
   if (is_special_folder_file(to->name) == 0 || is_special_folder_file(from->name) != 0) return true;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Settings that a connection begins with, and mistakes in the server's own settings. */
+/* The settings that a connection begins with, and warnings about the server's own settings. */
 #include "tavrix_module.h"
 
 #include <syslog.h>
@@ -16,10 +16,11 @@ void tavrix_complain(const char* format, ...) {
 
 /* --- the block of shared memory --------------------------------------------------------------- */
 
-/* A block that nobody filled is all zeros; the staging directory has no default. */
+/* A block that nobody filled is all zeros, so it has no staging directory. */
 static bool is_filled(void) { return global_params[PARAM_STAGING_DIR].value.strval[0] != '\0'; }
 
-/* Takes a new snapshot, or keeps the one that other trees of this process work on. */
+/* Takes a new snapshot. When that fails, the snapshot that other connections of this process use
+ * stays. */
 static bool take_snapshot(void) {
   global_param_s before[PARAM_MAX_INDEX];
   const bool has_one = global_params != NULL;
@@ -42,8 +43,7 @@ int tavrix_load_settings(void) {
 
 /* --- the server's settings -------------------------------------------------------------------- */
 
-/* Lines about settings that leave a gap. One line for each, once a process: a client that connects
- * again and again must not fill the journal. */
+/* Warns once a process: a client that connects again and again must not fill the journal. */
 void tavrix_warn_about_share(struct vfs_handle_struct* handle) {
   static bool warned;
   if (warned) return;

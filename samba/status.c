@@ -2,7 +2,8 @@
 /* Status queries. */
 #include "tavrix_module.h"
 
-/* What is not known yet is decided, after a look at whether the client is still who it was. */
+/* True if the verdict is not cached. Refreshes the identity then, as the client, because the next
+ * step becomes root. */
 static bool must_decide(struct vfs_handle_struct* handle, const struct tavrix_name* name) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (!tavrix_must_decide(tavrix, name)) return false;
@@ -10,7 +11,7 @@ static bool must_decide(struct vfs_handle_struct* handle, const struct tavrix_na
   return true;
 }
 
-/* Whether the library grants a status query; the process is root then. */
+/* True if the library grants a status query; it leaves the process root. */
 static bool may_look(struct vfs_handle_struct* handle, const struct tavrix_name* name, bool link) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (link) {
@@ -54,8 +55,7 @@ int tavrix_fstatat(struct vfs_handle_struct* handle, const struct files_struct* 
   return result;
 }
 
-/* The share's root is what is asked about, whatever the client named: there is no rule elsewhere.
- */
+/* Asks about the tree's root, whatever the client named: the operation has a rule only there. */
 static bool may_ask_for_space(struct tavrix_connection* tavrix) {
   return statvfs_preprocess(tavrix->tree, tavrix->tree, tavrix->record, &tavrix->perm_ctx) == 0;
 }
@@ -81,10 +81,10 @@ uint64_t tavrix_disk_free(struct vfs_handle_struct* handle, const struct smb_fil
 }
 
 /* --- quotas ------------------------------------------------------------------------------------
- * smbd asks for them with each question about free space. The client itself may not reach the
- * folder on the disk, which smbd would log as an error each time. */
+ * smbd asks for quotas with each question about free space. The module asks as root: the client may
+ * not reach the folder on the disk, and smbd would log an error each time. */
 
-/* Whose quota bounds what the client may still write: files belong to the settings' owner. */
+/* The user or group whose quota bounds the client: files belong to the settings' owner. */
 static unid_t payer_of(const struct tavrix_connection* tavrix, enum SMB_QUOTA_TYPE qtype,
                        unid_t id) {
   if (qtype == SMB_USER_QUOTA_TYPE && id.uid == geteuid() && tavrix->owner_uid != (uid_t)-1) {
@@ -108,7 +108,7 @@ int tavrix_get_quota(struct vfs_handle_struct* handle, const struct smb_filename
   return result;
 }
 
-/* The limits of the disk are its administrator's, not a client's. */
+/* Only the server's administrator sets quotas. */
 int tavrix_set_quota(struct vfs_handle_struct* handle, enum SMB_QUOTA_TYPE qtype, unid_t id,
                      SMB_DISK_QUOTA* qt) {
   errno = EPERM;

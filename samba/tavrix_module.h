@@ -5,7 +5,7 @@
  * GNU General Public License, version 3 or later, as Samba is (see LICENSES/).
  *
  * Every function of the table asks the library before the operation, runs the operation as root
- * where the library left it so, gives root back on every path, and records what succeeded. */
+ * when the library left it root, gives root back on every path, and records what succeeded. */
 #ifndef TAVRIX_MODULE_H
 #define TAVRIX_MODULE_H
 
@@ -25,115 +25,123 @@
 #define TAVRIX_MODULE_NAME "tavrix"
 #endif
 
-/* One tree connection. */
+/* One connection of a client to a share. */
 struct tavrix_connection {
-  connection_private_data_s* record; /* of the user that the process works for: usually own */
-  connection_private_data_s* own;    /* of the connection's user */
-  connection_private_data_s asker;   /* of another one, see tavrix_enter() */
+  connection_private_data_s* record; /* the user that the process works for: usually own */
+  connection_private_data_s* own;    /* the connection's user */
+  connection_private_data_s asker;   /* another user, see tavrix_enter() */
   tx_perm_ctx_t* perm_ctx; /* the slot of hooks that leave the process root; null between them */
-  const char* tree;        /* the root of the tree, which the hooks call the connect path */
-  const char* root;        /* the same without links, as smbd names its folders */
-  const char* client;      /* address, for audit records */
+  const char* tree;        /* the tree's root, TAVRIX_TREE; the hooks call it the connect path */
+  const char* root;        /* the same folder with its links resolved, as smbd names folders */
+  const char* client;      /* the client's address, for audit records */
   int audit;
-  uid_t owner_uid; /* of what clients make; -1: the client */
+  uid_t owner_uid; /* owns what clients make; -1: the client does */
   gid_t owner_gid;
-  struct GUID login;  /* that the identity is of: a session may log in again, as somebody else */
-  bool is_lost;       /* there is no identity: everything is refused */
-  uid_t reserved_uid; /* the agent's, whose changes are not recorded; -1: none */
-  /* What the create request that is under way was granted, so that the same question is not asked
-   * twice: null outside of one. */
+  struct GUID login;  /* the login that the identity is of; a session may log in again */
+  bool is_lost;       /* a later login has no usable identity: everything is refused */
+  uid_t reserved_uid; /* the agent, whose changes are not recorded; -1: none */
+  /* The grant of the create request that is under way, so that the functions it calls do not ask
+   * the same question again. The path is null outside of a request. */
   const char* granted_path;
   e_fsop_type granted_op;
-  int is_granted_new; /* the request makes the object: its own hook records that */
-  int changes; /* of attributes, times or extended attributes, that are under way: they nest */
+  int is_granted_new; /* the object was not there when the request was granted */
+  int changes;        /* nested changes of attributes, times or extended attributes under way */
 };
 
-/* What is kept of an open file or folder, for as long as it is open. */
+/* The module's state of an open file or folder. */
 struct tavrix_open {
-  bool is_clients;            /* a client's own open of a file: its close is told */
-  modify_file_evt_s modified; /* of that: whether it changed */
-  struct open_note note;      /* on the disk, while it is changed */
-  DIR* listing;               /* of a folder: the listing that hides what its user may not see */
-  char* base;                 /* its name, relative to the tree */
-  char* old_name;             /* of a folder that is watched: the first half of a rename, until */
-  struct timespec old_when;   /* the notice about the new name comes */
+  /* A file. */
+  bool is_clients;            /* a client opened it: record its close; smbd's own opens are not */
+  modify_file_evt_s modified; /* says whether it changed */
+  struct open_note note;      /* stands on the disk while it is changed */
+  /* A folder. */
+  DIR* listing; /* the listing that leaves out what its user may not see */
+  char* base;   /* the folder's name, relative to the tree */
+  /* A watched folder: the first notice of a rename, held until the second comes. */
+  char* old_name;
+  struct timespec old_when;
 };
-/* Null where nothing is kept, or can be. */
+/* The state of an open object; null when there is none. */
 struct tavrix_open* tavrix_open_of(struct vfs_handle_struct* handle, struct files_struct* fsp);
+/* The same, made when it is missing; null without memory. */
 struct tavrix_open* tavrix_keep_open(struct vfs_handle_struct* handle, struct files_struct* fsp);
 
-/* A handle's connection; null where the module is not connected. */
+/* The connection of a handle; null before connect and after disconnect. */
 struct tavrix_connection* tavrix_connection_of(struct vfs_handle_struct* handle);
-/* True if there is one; false with errno EACCES. smbd asks nothing of the table before connect and
- * after disconnect, so a handle without a connection refuses. */
+/* True for a handle with a connection that has an identity; else false with errno EACCES. smbd
+ * calls the table only between connect and disconnect, so refusing there costs nothing. */
 bool tavrix_is_connected(struct vfs_handle_struct* handle);
 const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
                           const char* otherwise);
 
-/* A line for the operator, in the server's log and in the system's. */
+/* Writes a line for the operator into the server's log and the system log. */
 void tavrix_complain(const char* format, ...) PRINTF_ATTRIBUTE(1, 2);
 
-/* --- a connection begins; 0, or -1 after a line that says why nobody may connect ---------------
- */
+/* --- a connection begins -----------------------------------------------------------------------
+ * 0, or -1 after a line that says why nobody may connect. */
 
-/* A new snapshot of the settings, and the patterns that they name. */
+/* Takes a new snapshot of the settings and reads the pattern file that they name. */
 int tavrix_load_settings(void);
-/* Who the client is, into the connection's record. */
+/* Writes the client's identity into the connection's record. */
 int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
-/* The same when its session has logged in again; with each function of the table. */
+/* Does that again when the session has logged in again; each function of the table calls it. */
 void tavrix_notice_login(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
-/* Settings of the share that leave a gap, a line each. */
+/* Writes a line for each setting of the share that leaves a gap. */
 void tavrix_warn_about_share(struct vfs_handle_struct* handle);
 
 /* --- names -------------------------------------------------------------------------------------
- * The library wants names relative to the tree, and full paths. smbd's names are relative to its
- * working folder, to a folder that is open, or to the share. The tree's root is named by its full
- * path, as the hooks know it.
+ * The library takes names relative to the tree, and full paths. smbd's names are relative to its
+ * working folder, to an open folder, or to the share. The name of the tree's root is its full path,
+ * as the hooks know it.
  *
- * Names fail closed: 0, or -1 with errno, and the caller refuses the operation with that. ENOMEM:
- * there is no memory for the name. EACCES: it lies outside the tree, or the handle is not
- * connected, or the name is relative to a folder that smbd did not give. */
+ * A function that makes a name returns 0, or -1 with errno, and its caller refuses the operation
+ * with that errno. ENOMEM: no memory for the name. EACCES: the name lies outside the tree, the
+ * handle is not connected, or smbd did not give the folder that the name is relative to. */
 struct tavrix_name {
   const char* name; /* relative to the tree */
-  const char* full; /* the root, a slash, the name */
+  const char* full; /* the tree's root, a slash, the name */
 };
+/* Of a name relative to smbd's working folder. */
 int tavrix_name_of(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* base_name,
                    struct tavrix_name* out);
+/* Of a name relative to an open folder. */
 int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                    const struct files_struct* dirfsp, const struct smb_filename* smb_fname,
                    struct tavrix_name* out);
+/* Of a name relative to the share. */
 int tavrix_name_in_share(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, const char* name,
                          struct tavrix_name* out);
-/* Puts the letters on the disk into a name of the private area, on a share where case does not
- * matter. */
+/* Respells a name in the private area as the disk has it, on a share where case does not matter. */
 int tavrix_spell(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, struct tavrix_name* name);
-/* Of what is open, by what the kernel calls it; as root. */
+/* The name that the kernel has for an open descriptor. Call it as root. */
 int tavrix_name_of_fd(TALLOC_CTX* ctx, struct vfs_handle_struct* handle, int fd,
                       struct tavrix_name* out);
-/* Replaces the name of a link by that of what smbd found behind it; as root. 1: did so, 0: no link,
- * -1: no name. */
+/* Replaces the name of a link by the name of the object that smbd found behind it. 1: replaced, 0:
+ * no link, -1: the object has no name. Call it as root. */
 int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                             const struct smb_filename* smb_fname, struct tavrix_name* name);
-/* A name with which smbd opens the target by its own name; null where it may not be opened. */
+/* The name by which smbd opens a link's target itself; null when the target is outside the share or
+ * cannot be opened. */
 struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                                    const struct smb_filename* link,
                                    const struct tavrix_name* target);
+/* True for the tree's root. */
 int tavrix_is_tree(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
 
 /* --- identity ---------------------------------------------------------------------------------
  * A change of identity costs about as much as opening a file, and the library makes many short
  * ones. So a function that asks for a decision becomes root once, with user and group, and asks,
- * works and records as that; the library finds nothing to change then. Where nothing must be
- * decided, the client's own identity is tried first. */
+ * works and records as root; the library then finds nothing to change. A function that needs no
+ * decision tries the client's own identity first. */
 
-/* Root for an operation that needs no decision. 0 or -1 with errno. */
+/* Becomes root for an operation that needs no decision. 0 or -1 with errno. */
 int tavrix_raise(struct tavrix_connection* tavrix);
-/* After every hook that may have left the process root; errno survives. */
+/* Gives back root that tavrix_raise() took or a hook left. errno survives. */
 void tavrix_give_back(struct tavrix_connection* tavrix);
 
-/* Root with user and group to the end of the block, unless the process is root already or cannot
- * be: then the library switches for itself. Not for refresh_credentials(), which must see the
- * client. */
+/* Root with user and group to the end of the block. Does nothing when the process is root already
+ * or cannot become root; in the second case the library switches for itself. Do not call
+ * refresh_credentials() inside: it must see the client. */
 struct tavrix_root {
   tx_perm_ctx_t* user;
   gid_t group; /* -1: was not changed */
@@ -145,30 +153,31 @@ void tavrix_end_root(struct tavrix_root* root);
       tavrix_become_root_if(wanted)
 #define TAVRIX_AS_ROOT() TAVRIX_AS_ROOT_IF(true)
 
-/* Whether asking about the status of a name will take a decision: the share's own is for everybody,
- * and the verdict cache may know the rest. */
+/* True if a status query about the name needs a decision. The tree's root needs none, nor does a
+ * name whose verdict is cached. */
 bool tavrix_must_decide(struct tavrix_connection* tavrix, const struct tavrix_name* name);
-/* The client itself was not let, and may be as root what the library grants it. */
+/* True if a call failed for want of permission: the caller tries it again as root. */
 bool tavrix_was_refused(ssize_t result);
 
-/* What was made belongs to the settings' user, or to the client. */
+/* Give a new file or folder to the owner that the settings name, or to the client. */
 void tavrix_give_to_owner(const struct tavrix_connection* tavrix, int fd);
 void tavrix_give_folder_to_owner(const struct tavrix_connection* tavrix,
                                  const struct files_struct* dirfsp, const char* name);
 
-/* Each function of the table begins with this. smbd comes back to the table in the middle of an
- * operation, so a function has the slot to itself, and what the one around it has in there waits.
+/* Each function of the table begins with TAVRIX_ENTER. smbd calls the table again in the middle of
+ * an operation, so the entry puts the outer function's slot aside and gives the inner one an empty
+ * slot.
  *
- * The last close of an object whose deletion was asked for deletes it as the user who asked, who
- * may be another than the connection's. So the record is the one of the user that the process works
- * for: decisions are about that one, and events carry its uid.
+ * The last close of an object carries out a deletion that any user asked for, as that user. So the
+ * entry selects the record of the user that the process works for: decisions are about that user,
+ * and events carry its uid.
  *
- * In a debug build the identity at the end is compared with the one at the beginning, and the
- * process ends when they differ. */
+ * A debug build compares the identity at the end with the one at the beginning and ends the process
+ * when they differ. */
 struct tavrix_entry {
   struct tavrix_connection* tavrix;
   tx_perm_ctx_t* outer;
-  uid_t outer_reserved; /* the library knows one reserved user a process; trees may have others */
+  uid_t outer_reserved; /* the library has one reserved user a process, each share has its own */
   connection_private_data_s* outer_record;
   uid_t real, effective;
   gid_t group;
@@ -180,71 +189,73 @@ void tavrix_leave(struct tavrix_entry* entry);
 
 /* Records the close of a client's file, a change or a read; as root. */
 void tavrix_record_close(struct vfs_handle_struct* handle, int fd, modify_file_evt_s* modified);
-/* The name in the group list map of an account of this machine: a new string, or null. */
+/* The name that an account of this machine has in the group list map: a new string, or null. */
 char* tavrix_key_of_account(const char* unix_name);
 
-/* The record of a user who asked this connection's process for something by another connection. One
- * that nothing is known of has no rights. */
+/* The record of a user who is not the connection's own and whose deletion this process carries out.
+ * A user whose groups are unknown has no rights. */
 connection_private_data_s* tavrix_record_of_asker(struct vfs_handle_struct* handle, uid_t uid);
 void tavrix_free_asker(struct tavrix_connection* tavrix);
 
-/* --- changes and notices -----------------------------------------------------------------------
- */
+/* --- changes and notices --------------------------------------------------------------------- */
 
-/* Marks an open file as changed. The first time a note goes to the disk; false with errno when it
- * cannot be written: nothing would tell of the change if this process was killed. */
+/* Marks an open file as changed. The first change writes a note to the disk. False with errno when
+ * the note cannot be written: then the file must not change, because the event would be lost if
+ * this process was killed. */
 bool tavrix_note_change(struct vfs_handle_struct* handle, struct files_struct* fsp);
 
-/* Puts a filter before smbd's delivery of change notices: a client gets those about names that it
- * may see. Each create request comes here, for smbd makes the delivery after the connect function
- * and a watch needs a handle; usually the filter is there. Without memory for it there are no
- * notices. */
+/* Puts a filter before smbd's delivery of change notices, so that a client gets notices only about
+ * names that it may see. Each create request calls this: smbd sets up the delivery after the
+ * connect function, and a watch needs a handle. Does nothing when the filter is there. Without
+ * memory for the filter there are no notices. */
 void tavrix_filter_notices(struct vfs_handle_struct* handle);
-/* The module in a connection's stack; null where it is not in it. */
+/* The module's handle in a connection's stack; null when the module is not in it. */
 struct vfs_handle_struct* tavrix_handle_of(const struct connection_struct* conn);
 
-/* Names of the settings' patterns may be deleted by everybody, where the settings say so; none when
- * one of the patterns matches every name. */
+/* Reads the settings' pattern file again when it has changed. */
 void tavrix_load_patterns(void);
+/* True if the settings let everybody delete files of that name. Always false when one of the
+ * patterns matches every name. */
 bool tavrix_may_always_be_deleted(const char* name);
 
 /* --- access -----------------------------------------------------------------------------------
- * Questions to the library, to be asked as root. */
+ * Questions to the library. Ask them as root. */
 
-/* The rights of a client that may only look. */
+/* The rights of a client that may only read. */
 #define TAVRIX_READING (SEC_RIGHTS_FILE_READ | SEC_RIGHTS_FILE_EXECUTE)
 
 bool tavrix_is_folder(const struct files_struct* fsp);
 bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_type op);
-/* The rights of a client that may write the object: all, but to delete what must stay. */
+/* The rights of a client that may write the object: all of them, without deleting when the object
+ * must stay. */
 uint32_t tavrix_all_rights_on(const struct tavrix_connection* tavrix,
                               const struct tavrix_name* name, bool is_folder);
-/* All that the client has on an object that exists. */
+/* The client's rights on an object that exists. */
 uint32_t tavrix_rights_on(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                           bool is_folder);
-/* The same, and what else a request may name without being refused. */
+/* These rights and those that a request may name besides them without being refused. */
 uint32_t tavrix_rights_to_ask_for(uint32_t rights, bool is_folder);
-/* Turns what a request asks for, without generic rights, into what its handle gets. False: it asks
- * for a right that the client has not. */
+/* Turns the access that a request asks for, without generic rights, into the access of its handle.
+ * False when it asks for a right that the client does not have. */
 bool tavrix_resolve_access(uint32_t rights, bool is_folder, uint32_t* access_mask);
 /* True if the client may change the folder's own attributes, times and extended attributes. */
 bool tavrix_may_write_folder(struct tavrix_connection* tavrix, const struct tavrix_name* name);
-/* True if the client may not remove, rename or replace the object, whatever the map says; after a
- * decision, which finds out who is an administrator. */
+/* True if the client may not remove, rename or replace the object, whatever the map says. Call it
+ * after a decision, which finds out whether the client is an administrator. */
 bool tavrix_must_stay(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                       bool is_folder);
 
-/* --- changes beside the content ---------------------------------------------------------------
- * Around each call that changes attributes, times or extended attributes. */
+/* --- changes of attributes, times and extended attributes --------------------------------------
+ * Each call that makes one stands between begin and end. */
 struct tavrix_change {
   struct tavrix_connection* tavrix;
   struct tavrix_name name;
   bool is_recorded;
 };
-/* 0, or -1 with errno: the client may not; then there is nothing to end. */
+/* 0, or -1 with errno when the client may not; then there is nothing to end. */
 int tavrix_begin_change(struct vfs_handle_struct* handle, struct files_struct* fsp,
                         struct tavrix_change* change);
-/* Records what was done, where a client's request did it. */
+/* Records the change when it was done, and done for a client's request. */
 void tavrix_end_change(struct vfs_handle_struct* handle, struct files_struct* fsp,
                        const struct tavrix_change* change, bool is_done);
 

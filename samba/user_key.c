@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* The name that a client has in the group list map: two people never share one. Needs nothing of
- * Samba, so that a test may call it. */
+/* The name that a client has in the group list map. Two people never share a name. Needs nothing of
+ * Samba, so that a test can call it. */
 #include "user_key.h"
 
 #include <errno.h>

@@ -10,15 +10,15 @@ extern "C" {
 /* A session, as its authentication confirmed it: never a name that the client merely claims. */
 struct tavrix_login {
   const char* account;
-  const char* domain;     /* that answers for the account; null or empty: this server */
-  const char* own_domain; /* whose accounts go by their bare names */
-  const char* guest;      /* of a guest session: the guest account; else null */
+  const char* domain;     /* the account's domain; null or empty: this server */
+  const char* own_domain; /* the domain whose accounts go by their bare names */
+  const char* guest;      /* the guest account for a guest session, else null */
 };
 
 /* A new string, or null with errno: EINVAL for a session that has no name, ENOMEM.
  *
  * An account of the own domain is "anna", one of another domain "DOMAIN\anna", a guest the guest
- * account. A bare name with a backslash in it would read as a foreign one, and is none. */
+ * account. A bare name with a backslash is refused, because it would read as a foreign one. */
 char* tavrix_user_key(const struct tavrix_login* login);
 
 #ifdef __cplusplus
