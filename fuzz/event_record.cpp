@@ -32,8 +32,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
   const auto payload = reader.next();
   require(payload.has_value(), "a record is framed");
   const auto back = tavrix::events::unpack_event(*payload);
-  require(back && back->path == path && back->uid == event.uid && back->seconds == event.time_sec,
+  require(back && back->path == path && back->uid == event.uid && back->time_sec == event.time_sec,
           "an event comes back");
-  require(back->rename_path.has_value() == !rest.empty(), "optional fields come back");
+  require((back->rename_path != nullptr) == !rest.empty(), "optional fields come back");
   return 0;
 }

@@ -67,6 +67,42 @@ TEST_F(EventsCommand, DecodesARecordALine) {
   EXPECT_EQ("c", all[1]["rename_path"]);
 }
 
+// Programs read these lines: the order and the names of known fields stay.
+TEST_F(EventsCommand, PrintsTheSameLineAsEver) {
+  VFSEvent event = VFSEVENT__INIT;
+  event.client_pid = 42;
+  event.path = const_cast<char*>("Shared/a\xff");
+  event.uid = 4000000000U;
+  event.rename_path = const_cast<char*>("Shared/b");
+  event.optype = VFSEVENT__OP_TYPE__OPTYPE_RENAME;
+  event.time_sec = 1700000000;
+  event.time_usec = 123;
+  event.fselem_type = VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_DIR;
+  event.tavrix_user = const_cast<char*>("anna");
+  const Malloced<staging_data_s> record(create_staging_data_buf(&event));
+  EXPECT_EQ(
+      "{\"time\":\"2023-11-14T22:13:20.000123Z\",\"time_sec\":1700000000,\"time_usec\":123,"
+      "\"type\":\"RENAME\",\"object\":\"DIR\",\"path\":\"Shared/a\xef\xbf\xbd\","
+      "\"path_base64\":\"U2hhcmVkL2H/\",\"rename_path\":\"Shared/b\",\"uid\":4000000000,"
+      "\"user\":\"anna\",\"client_pid\":42}\n",
+      decode(frame(record)).out);
+}
+
+// A newer server process may send more than this program knows.
+TEST_F(EventsCommand, ShowsFieldsThatItDoesNotKnow) {
+  // Field 20 as a number, twice, 21 as a text, 22 and 23 of 4 and of 8 bytes.
+  const std::string more = "\xa0\x01\xac\x02\xa0\x01\x07\xaa\x01\x05later\xb5\x01\x01\x02" +
+                           std::string("\0\0\xb9\x01\x05\0\0\0\0\0\0\0", 12);
+  std::string bytes = event_bytes("a") + more;
+  bytes[0] = static_cast<char>(bytes.size() - sizeof(staging_data_s));
+  const Outcome outcome = decode(bytes);
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_TRUE(contains(outcome.out,
+                       ",\"client_pid\":42,\"unknown_20\":300,\"unknown_20[1]\":7,"
+                       "\"unknown_21\":\"later\",\"unknown_22\":513,\"unknown_23\":5}\n"))
+      << outcome.out;
+}
+
 TEST_F(EventsCommand, DecodesPathsOfAnyBytes) {
   EXPECT_EQ("Yf8=", lines(decode(event_bytes("a\xff")))[0]["path_base64"]);
 }

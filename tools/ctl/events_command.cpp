@@ -5,6 +5,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -14,6 +15,10 @@
 #include <iterator>
 #include <map>
 #include <set>
+#include <span>
+#include <type_traits>
+#include <variant>
+#include <vector>
 
 #include "eventstore.h"
 #include "tools/ctl/commands.hpp"
@@ -21,6 +26,7 @@
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/shared_settings.hpp"
 #include "tools/events/dump_reader.hpp"
+#include "tools/events/record_fields.hpp"
 #include "utils/staging/staging.hpp"
 
 namespace tavrix::ctl {
@@ -62,46 +68,84 @@ struct Stats {
   }
 };
 
-// One payload as a line, or into the counts; false when it is none.
+// The place and the name of a field in a line. The fields of a record without a place follow in the
+// order of the .proto file, under their names there: a new field needs nothing here.
+struct Column {
+  const char* field;
+  const char* key;
+};
+using Columns = std::span<const Column>;
+
+constexpr Column kEventColumns[] = {
+    {"time_sec", "time_sec"},
+    {"time_usec", "time_usec"},
+    {"optype", "type"},
+    {"fselem_type", "object"},
+    {"path", "path"},
+    {"rename_path", "rename_path"},
+    {"uid", "uid"},
+    {"tavrix_user", "user"},
+    {"client_pid", "client_pid"},
+};
+constexpr Column kAuditColumns[] = {
+    {"time_sec", "time_sec"},     {"path", "path"}, {"uid", "uid"},
+    {"ip_address", "ip_address"}, {"size", "size"},
+};
+
+void set_value(Json& json, const std::string& key, const events::Field::Value& value) {
+  std::visit(
+      [&](const auto& plain) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(plain)>, std::string>) {
+          set_bytes(json, key, plain);
+        } else {
+          json[key] = plain;
+        }
+      },
+      value);
+}
+
+void print_record(const std::string& time, const ProtobufCMessage& record, Columns columns) {
+  Json json;
+  json["time"] = time;
+  std::vector<events::Field> fields = events::fields_of(record);
+  for (const Column& column : columns) {
+    const auto field = std::find_if(fields.begin(), fields.end(), [&](const events::Field& each) {
+      return each.name == column.field;
+    });
+    if (field == fields.end()) continue;
+    set_value(json, column.key, field->value);
+    fields.erase(field);
+  }
+  for (const events::Field& field : fields) {
+    // A column's name is taken: "type" is the column of "optype".
+    set_value(json, json.contains(field.name) ? "field_" + field.name : field.name, field.value);
+  }
+  print_line(json);
+}
+
+// Prints one payload as a line, or counts it; false when it is no record of the kind.
 using Decode = bool (*)(std::string_view payload, Stats* stats);
 
 bool decode_event(std::string_view payload, Stats* stats) {
-  const auto event = events::unpack_event(payload);
-  if (!event) return false;
+  const events::Event event = events::unpack_event(payload);
+  if (event == nullptr) return false;
   if (stats != nullptr) {
-    stats->add(events::optype_name(event->optype), event->uid, event->seconds);
-    return true;
+    stats->add(events::enum_name(vfsevent__op_type__descriptor, event->optype), event->uid,
+               event->time_sec);
+  } else {
+    print_record(iso_time(event->time_sec, event->time_usec), event->base, kEventColumns);
   }
-  Json json;
-  json["time"] = iso_time(event->seconds, event->microseconds);
-  json["time_sec"] = event->seconds;
-  json["time_usec"] = event->microseconds;
-  json["type"] = events::optype_name(event->optype);
-  json["object"] = event->fselem_type == 1 ? "DIR" : "FILE";
-  set_bytes(json, "path", event->path);
-  if (event->rename_path) set_bytes(json, "rename_path", *event->rename_path);
-  json["uid"] = event->uid;
-  if (event->user) set_bytes(json, "user", *event->user);
-  json["client_pid"] = event->client_pid;
-  print_line(json);
   return true;
 }
 
 bool decode_audit(std::string_view payload, Stats* stats) {
-  const auto audit = events::unpack_audit(payload);
-  if (!audit) return false;
+  const events::Audit audit = events::unpack_audit(payload);
+  if (audit == nullptr) return false;
   if (stats != nullptr) {
-    stats->add("AUDIT", audit->uid, audit->seconds);
-    return true;
+    stats->add("AUDIT", audit->uid, audit->time_sec);
+  } else {
+    print_record(iso_time(audit->time_sec, -1), audit->base, kAuditColumns);
   }
-  Json json;
-  json["time"] = iso_time(audit->seconds, -1);
-  json["time_sec"] = audit->seconds;
-  set_bytes(json, "path", audit->path);
-  json["uid"] = audit->uid;
-  if (audit->address) set_bytes(json, "ip_address", *audit->address);
-  json["size"] = audit->size;
-  print_line(json);
   return true;
 }
 

@@ -3,9 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "vfs_common.h"
 
 namespace tavrix::events {
 
@@ -26,27 +29,18 @@ class DumpReader {
   std::string damage_;
 };
 
-struct Event {
-  int client_pid = 0;
-  std::string path;
-  uint32_t uid = 0;
-  std::optional<std::string> rename_path;
-  int optype = 0;
-  int64_t seconds = 0;
-  int microseconds = 0;
-  int fselem_type = 0;
-  std::optional<std::string> user;
+// A record in memory, as the protobuf compiler lays it out.
+struct FreeRecord {
+  template <typename Record>
+  void operator()(Record* record) const {
+    protobuf_c_message_free_unpacked(&record->base, nullptr);
+  }
 };
-std::optional<Event> unpack_event(std::string_view payload);
-std::string optype_name(int optype);
+using Event = std::unique_ptr<VFSEvent, FreeRecord>;
+using Audit = std::unique_ptr<AuditEvent, FreeRecord>;
 
-struct Audit {
-  std::string path;
-  uint32_t uid = 0;
-  int64_t seconds = 0;
-  std::optional<std::string> address;
-  uint64_t size = 0;
-};
-std::optional<Audit> unpack_audit(std::string_view payload);
+// Null when the payload is no record of the kind.
+Event unpack_event(std::string_view payload);
+Audit unpack_audit(std::string_view payload);
 
 }  // namespace tavrix::events
