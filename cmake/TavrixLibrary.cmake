@@ -55,11 +55,12 @@ set(TAVRIX_SOURCES
   utils/random_string.cpp
   utils/reserved_user.cpp
   utils/samba_compare.cpp
-  utils/staging/buffer.cpp
+  utils/staging/append.cpp
   utils/staging/dump_file.cpp
   utils/staging/dump_in_flight.cpp
   utils/staging/flush.cpp
   utils/staging/loss_markers.cpp
+  utils/staging/segment.cpp
   utils/staging/semaphore.cpp
 )
 

@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "parameter_block.h"
 #include "tavrix_vfs_utils.h"
 
 pattern_buf_s g_tavrix_pattern_buf;

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "parameter_block.h"
 #include "tavrix_vfs_utils.h"
 
 namespace tavrix {

@@ -10,7 +10,7 @@
 
 #include "internal/scoped.hpp"
 #include "logging.h"
-#include "tavrix_vfs_utils.h"
+#include "utils/reserved_user.hpp"
 #include "vfs_common.h"
 
 namespace tavrix {
@@ -24,7 +24,7 @@ const char* shown(const char* path) { return path != nullptr ? path : ""; }
 
 // The superuser's changes are the appliance's own, and the reserved user's are not to be
 // synchronised.
-bool is_ignored(uid_t uid) { return uid == 0 || uid == reserved_user_uid; }
+bool is_ignored(uid_t uid) { return uid == 0 || is_reserved_user(uid); }
 
 timeval time_of_day() {
   timeval now{};

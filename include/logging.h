@@ -9,7 +9,7 @@
 
 #include <syslog.h>
 
-#include "eventstore.h"
+#include "parameter_block.h"
 #include "tavrix_api.h"
 
 TAVRIX_BEGIN_DECLS

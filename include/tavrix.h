@@ -6,6 +6,7 @@
 #include "eventstore.h"
 #include "logging.h"
 #include "mkperms_shm.h"
+#include "parameter_block.h"
 #include "perm_enforcer.h"
 #include "perm_map.h"
 #include "perm_utils.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The global parameter block: its creation and removal. eventstore.h has its layout,
-// utils/settings_table.hpp its entries.
+// The global parameter block: its creation and removal. parameter_block.h has its
+// layout, utils/settings_table.hpp its entries.
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "parameter_block.h"
 #include "utils/settings_table.hpp"
 
 struct global_param_s* global_params = nullptr;

@@ -2,7 +2,7 @@
 // This process's settings, for code that may run before a block is attached: then they are zero.
 #pragma once
 
-#include "eventstore.h"
+#include "parameter_block.h"
 
 namespace tavrix {
 

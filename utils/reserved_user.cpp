@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The user whose changes are not recorded: the synchronisation's own. Set once by the module, read
-// by the events.
+#include "utils/reserved_user.hpp"
 
 #include "tavrix_vfs_utils.h"
 
+// Set once by the module, read for every event.
 uid_t reserved_user_uid = static_cast<uid_t>(-1);
 
 void set_reserved_user_uid(uid_t uid) { reserved_user_uid = uid; }
+
+bool tavrix::is_reserved_user(uid_t uid) noexcept { return uid == reserved_user_uid; }

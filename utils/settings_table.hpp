@@ -12,7 +12,7 @@
 #include <iterator>
 #include <limits>
 
-#include "eventstore.h"
+#include "parameter_block.h"
 
 namespace tavrix {
 

@@ -35,6 +35,7 @@ class Installed : public Isolated {
 
 TEST_F(Installed, HasEverythingInItsPlace) {
   for (const char* file : {"/include/tavrix/tavrix.h",
+                           "/include/tavrix/parameter_block.h",
                            "/include/tavrix/processing_functions.h",
                            "/include/tavrix/samba.pb-c.h",
                            "/include/tavrix/samba.proto",

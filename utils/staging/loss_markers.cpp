@@ -8,9 +8,12 @@
 #include <string_view>
 
 #include "eventstore.h"
+#include "internal/assert.hpp"
 #include "internal/scoped.hpp"
 #include "logging.h"
+#include "utils/root_scope.hpp"
 #include "utils/staging/dump_in_flight.hpp"
+#include "utils/staging/staging.hpp"
 
 namespace tavrix {
 namespace {
@@ -27,6 +30,17 @@ void sync_file(int fd) {
 }
 
 }  // namespace
+
+void give_up_events() noexcept {
+  const RootScope root;  // the agent's folder is closed to clients
+  if (const int error = write_sync_off(); error != 0) {
+    TAVRIX_LOG_ERROR("events are lost, and %s, which would tell the agent, cannot be made: %s",
+                     TAVRIX_SYNC_OFF_PATH, strerror(error));
+  }
+  TAVRIX_REQUIRE(false, "0");
+  __builtin_unreachable();
+}
+
 }  // namespace tavrix
 
 int write_sync_off(void) {

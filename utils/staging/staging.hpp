@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What the append and the flush of the staging buffer share.
+// The parts of the staging buffer that its files share: segment, append and flush.
 #pragma once
 
 #include <unistd.h>
@@ -100,6 +100,14 @@ class [[nodiscard]] StagingAttachment {
  private:
   staging_buffer_s* buffer_;
 };
+
+// The size of the segment by the settings of this moment.
+[[nodiscard]] std::size_t staging_segment_size() noexcept;
+
+// Count and offset change in one store: whoever dies before or after it leaves a buffer that the
+// next one can use, with a record that is wholly in it or not at all.
+void store_staging_head(staging_buffer_s& buffer, uint32_t num_records,
+                        uint32_t next_offset) noexcept;
 
 // Empties an attached buffer of that size; the caller holds the semaphore. The second writes to
 // what was used only, for every writer waits meanwhile: afterwards the whole buffer is zero if it
