@@ -267,7 +267,9 @@ void expect_allowed(const Uses& uses) {
     for (const auto& [used, names] : used_files) {
       const Layer* from = layers.of(user);
       const Layer* to = layers.of(used);
-      if (from == nullptr || to == nullptr || layers.may_use(*from, *to)) continue;
+      ASSERT_NE(nullptr, from) << user << " stands in no layer";
+      ASSERT_NE(nullptr, to) << user << " uses " << used << ", which stands in no layer";
+      if (layers.may_use(*from, *to)) continue;
       if (declares_what_it_may_use(layers, *from, user, used)) continue;
       ADD_FAILURE() << user << " (" << from->name << ") must not use " << used << " (" << to->name
                     << "):" << told(names);
