@@ -77,7 +77,7 @@ void remember(const char* clean, e_fsop_type op, e_vfs_enforce_perms verdict,
 e_vfs_enforce_perms check_perms(const char* shareroot, const char* path, e_fsop_type op,
                                 connection_private_data_s* connection, int force_path_type) {
   if (connection->groupmap.is_computer_acct != 0) {
-    TAVRIX_LOG(tavrix::kTrace, "tavrix_%s TXPERMS_NO_PERM\n", static_cast<const char*>(__func__));
+    TAVRIX_LOG(tavrix::kTrace, "tavrix_%s TXPERMS_NO_PERM\n", __func__);
     return TXPERMS_NO_PERM;
   }
   errno = 0;

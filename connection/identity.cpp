@@ -123,8 +123,7 @@ int reset_groupmap(connection_private_data_s* connection) {
   const uid_t uid = connection->refresh_creds.euid;
   process_trustees_s& identity = connection->groupmap;
   if (connection->user_name_as_passed_in == nullptr) {
-    TAVRIX_LOG(0, "%s: user_name is NULL will not continue with reset_groupmap\n",
-               static_cast<const char*>(__func__));
+    TAVRIX_LOG(0, "%s: user_name is NULL will not continue with reset_groupmap\n", __func__);
     return 0;
   }
   identity.euid = uid;

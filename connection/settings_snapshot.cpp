@@ -69,6 +69,6 @@ int read_tavrix_config(void) {
     return -1;
   }
   std::memcpy(global_params, block.get(), TAVRIX_PARAM_BLOCK_SIZE);
-  TAVRIX_LOG(5, "tavrix:%s have read tavrix config\n", static_cast<const char*>(__func__));
+  TAVRIX_LOG(5, "tavrix:%s have read tavrix config\n", __func__);
   return 0;
 }

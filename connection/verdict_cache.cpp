@@ -227,7 +227,7 @@ void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
 void del_tlb_entry(const char* path, vfs_table_cache_s* cache) {
   const int position = _tlb_lookup_path(path, cache);
   if (position == -1) {
-    TAVRIX_LOG(0, "%s: did not find path %s\n", static_cast<const char*>(__func__), path);
+    TAVRIX_LOG(0, "%s: did not find path %s\n", __func__, path);
     return;
   }
   int* table = cache->tlb_index_table;

@@ -49,31 +49,30 @@ int write_user(const char* file_path, const char* user_name) {
 }  // namespace tavrix
 
 fixed_folder_res is_fixed_folder(const char* full_path) {
-  TAVRIX_LOG(1, "%s : checking %s for FF", static_cast<const char*>(__func__), full_path);
+  TAVRIX_LOG(1, "%s : checking %s for FF", __func__, full_path);
   const tavrix::RootScope root;
   if (!root) {
-    TAVRIX_LOG(0, "%s : failed to allocate perm_ctx", static_cast<const char*>(__func__));
+    TAVRIX_LOG(0, "%s : failed to allocate perm_ctx", __func__);
     return FOLDER_EACCES;
   }
   return tavrix::read_marker(full_path, __func__);
 }
 
 int set_xattr_modifying_user(const char* file_path, const char* user_name) {
-  TAVRIX_LOG(1, "%s username = [%s], path = [%s]", static_cast<const char*>(__func__), user_name,
-             file_path);
+  TAVRIX_LOG(1, "%s username = [%s], path = [%s]", __func__, user_name, file_path);
   int result = 0;
   {
     const tavrix::RootScope root;
     if (!root) {
-      TAVRIX_LOG(0, "%s failed to allocate perm_ctx", static_cast<const char*>(__func__));
+      TAVRIX_LOG(0, "%s failed to allocate perm_ctx", __func__);
       return -1;
     }
     result = tavrix::write_user(file_path, user_name);
   }
   if (result != 0) {
     const tavrix::ErrnoKeeper keep;
-    TAVRIX_LOG(0, "%s username = [%s], path = [%s], res=[%d], errno=[%d]",
-               static_cast<const char*>(__func__), user_name, file_path, result, errno);
+    TAVRIX_LOG(0, "%s username = [%s], path = [%s], res=[%d], errno=[%d]", __func__, user_name,
+               file_path, result, errno);
   }
   return result;
 }

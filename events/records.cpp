@@ -66,17 +66,16 @@ int pop_vfs_event(VFSEvent* ve, uid_t uid) {
   ve->client_pid = getpid();
   ve->time_sec = static_cast<int32_t>(now.tv_sec);
   ve->time_usec = static_cast<int32_t>(now.tv_usec);
-  TAVRIX_LOG(0, "%s: Time stamp=%lu(secs) %lu(msecs) uid=%d path=%s",
-             static_cast<const char*>(__func__), static_cast<unsigned long>(now.tv_sec),
-             static_cast<unsigned long>(now.tv_usec), static_cast<int>(uid),
-             tavrix::shown(ve->path));
+  TAVRIX_LOG(0, "%s: Time stamp=%lu(secs) %lu(msecs) uid=%d path=%s", __func__,
+             static_cast<unsigned long>(now.tv_sec), static_cast<unsigned long>(now.tv_usec),
+             static_cast<int>(uid), tavrix::shown(ve->path));
   return 0;
 }
 
 int pop_audit_event(AuditEvent* ae) {
   const timeval now = tavrix::time_of_day();
   ae->time_sec = static_cast<int32_t>(now.tv_sec);
-  TAVRIX_LOG(10, "%s: Time stamp=%lu(secs) uid=%d path=%s", static_cast<const char*>(__func__),
+  TAVRIX_LOG(10, "%s: Time stamp=%lu(secs) uid=%d path=%s", __func__,
              static_cast<unsigned long>(now.tv_sec), static_cast<int>(ae->uid),
              tavrix::shown(ae->path));
   return 0;
@@ -134,7 +133,7 @@ int send_modify_vfs_event(VFSEvent* ve) {
 }
 
 int send_audit_vfs_event(AuditEvent* ve, uid_t uid) {
-  TAVRIX_LOG(1, "%s: send audit event", static_cast<const char*>(__func__));
+  TAVRIX_LOG(1, "%s: send audit event", __func__);
   if (ve != nullptr) ve->uid = uid;
   const Record record(create_audit_data_buf(ve));
   if (record == nullptr) return -1;

@@ -25,8 +25,7 @@ int connect_preprocess(const char* /*user*/, connection_private_data_s* private_
     TAVRIX_LOG(0, "audit is disabled\n");
   }
   *number_of_connected_users += 1;
-  TAVRIX_LOG(4, "%s: Resetting groupmap for uid=%u\n", static_cast<const char*>(__func__),
-             private_data->refresh_creds.euid);
+  TAVRIX_LOG(4, "%s: Resetting groupmap for uid=%u\n", __func__, private_data->refresh_creds.euid);
   // A connection without an identity is refused everything by the decision; it need not fail here.
   static_cast<void>(reset_groupmap(private_data));
   return 0;

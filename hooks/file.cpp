@@ -138,8 +138,7 @@ int open_postprocess(struct stat* /*st*/, tx_perm_ctx_t** /*perm_ctx*/, char** f
   if (newly_created_file == 0) return 0;
   tavrix::record_change(*private_data, *full_path, VFSEVENT__OP_TYPE__OPTYPE_CREATE,
                         VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE, tavrix::Stamp::kNo);
-  TAVRIX_LOG(5, "%s:wrote VFS CREATE EVENT in open for %s\n", static_cast<const char*>(__func__),
-             *full_path);
+  TAVRIX_LOG(5, "%s:wrote VFS CREATE EVENT in open for %s\n", __func__, *full_path);
   return 0;
 }
 
@@ -154,32 +153,29 @@ void close_preprocess(int audit_enabled, int closefd, connection_private_data_s*
   if (mpath == nullptr) return;
   struct stat st {};
   if (fstat(closefd, &st) != 0) {
-    TAVRIX_LOG(0, "%s(%d) stat path=%s failed\n", static_cast<const char*>(__func__), __LINE__,
-               mpath.get());
+    TAVRIX_LOG(0, "%s(%d) stat path=%s failed\n", __func__, __LINE__, mpath.get());
   } else if (S_ISDIR(st.st_mode)) {
-    TAVRIX_LOG(10, "%s(%d) stat path=%s is a directory will not write to events file\n",
-               static_cast<const char*>(__func__), __LINE__, mpath.get());
+    TAVRIX_LOG(10, "%s(%d) stat path=%s is a directory will not write to events file\n", __func__,
+               __LINE__, mpath.get());
     return;
   }
   modify_file_evt_s* record = tavrix::modify_record(*private_data, pmodify);
   if (connection_valid == 0 || record == nullptr) {
-    TAVRIX_LOG(3, "%s(%d):VFS event close  %s NOT modified pmodified=%p\n",
-               static_cast<const char*>(__func__), __LINE__, mpath.get(),
-               static_cast<const void*>(record));
+    TAVRIX_LOG(3, "%s(%d):VFS event close  %s NOT modified pmodified=%p\n", __func__, __LINE__,
+               mpath.get(), static_cast<const void*>(record));
     return;
   }
   switch (record->is_modified) {
     case 1:
-      TAVRIX_LOG(0, "%s(%d):VFS event close %s was modified \n", static_cast<const char*>(__func__),
-                 __LINE__, mpath.get());
+      TAVRIX_LOG(0, "%s(%d):VFS event close %s was modified \n", __func__, __LINE__, mpath.get());
       // The agent has always known the end of a change by the type of an open.
       tavrix::record_change(*private_data, mpath.get(), VFSEVENT__OP_TYPE__OPTYPE_OPEN,
                             VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE, tavrix::Stamp::kYes);
       record->is_modified = 0;
       return;
     case 0:
-      TAVRIX_LOG(1, "%s(%d):VFS event close %s was NOT modified \n",
-                 static_cast<const char*>(__func__), __LINE__, mpath.get());
+      TAVRIX_LOG(1, "%s(%d):VFS event close %s was NOT modified \n", __func__, __LINE__,
+                 mpath.get());
       if (audit_enabled != 0 && S_ISREG(st.st_mode)) {
         tavrix::record_read(*private_data, mpath.get(), remote_hostname,
                             static_cast<uint64_t>(st.st_size));
@@ -189,7 +185,7 @@ void close_preprocess(int audit_enabled, int closefd, connection_private_data_s*
       TAVRIX_LOG(3,
                  "%s(%d):VFS event close  %s was NOT modified pmodify->modified=%d (should not be "
                  "seen)\n",
-                 static_cast<const char*>(__func__), __LINE__, mpath.get(), record->is_modified);
+                 __func__, __LINE__, mpath.get(), record->is_modified);
   }
 }
 
@@ -203,7 +199,7 @@ int create_file_preprocess(int write_access_requested, char** full_path, const c
   {
     const tavrix::RootInHook root(perm_ctx);
     if (!root) {
-      TAVRIX_LOG(0, "%s failed to allocate perm_ctx\n", static_cast<const char*>(__func__));
+      TAVRIX_LOG(0, "%s failed to allocate perm_ctx\n", __func__);
       return tavrix::refuse();
     }
     struct stat st {};
@@ -225,13 +221,12 @@ int create_file_preprocess(int write_access_requested, char** full_path, const c
     TAVRIX_LOG(0,
                "%s:PERM DENIED path=%s nlpath=%s op=%d create_disposition=0x%0x "
                "create_options=0x%x access_mask=%u\n",
-               static_cast<const char*>(__func__), *full_path, nlpath, op, create_disposition,
-               create_options, access_mask);
+               __func__, *full_path, nlpath, op, create_disposition, create_options, access_mask);
     return tavrix::refuse();
   }
   if (!tavrix::stay_root(perm_ctx)) {
-    TAVRIX_LOG(0, "%s failed to allocate perm_ctx,  smb_fname->base_name=%s\n",
-               static_cast<const char*>(__func__), base_name);
+    TAVRIX_LOG(0, "%s failed to allocate perm_ctx,  smb_fname->base_name=%s\n", __func__,
+               base_name);
     return tavrix::refuse();
   }
   return tavrix::kProceed;
@@ -260,8 +255,7 @@ int unlink_preprocess(const char* connectpath, const char* base_name, const char
 void unlink_postprocess(const char* full_path, connection_private_data_s* private_data) {
   tavrix::record_change(*private_data, full_path, VFSEVENT__OP_TYPE__OPTYPE_UNLINK,
                         VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE, tavrix::Stamp::kNo);
-  TAVRIX_LOG(0, "%s(%d):wrote VFS event unlink %s\n", static_cast<const char*>(__func__), __LINE__,
-             full_path);
+  TAVRIX_LOG(0, "%s(%d):wrote VFS event unlink %s\n", __func__, __LINE__, full_path);
 }
 
 int ntimes_file_preprocess(char** full_path, const char* connectpath, const char* base_name,
@@ -278,8 +272,7 @@ void ntimes_file_postprocess(const char* full_path, connection_private_data_s* p
   // A change of times is told as an open too.
   tavrix::record_change(*private_data, full_path, VFSEVENT__OP_TYPE__OPTYPE_OPEN,
                         VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE, tavrix::Stamp::kYes);
-  TAVRIX_LOG(10, "%s(%d):wrote VFS event ntimes %s\n", static_cast<const char*>(__func__), __LINE__,
-             full_path);
+  TAVRIX_LOG(10, "%s(%d):wrote VFS event ntimes %s\n", __func__, __LINE__, full_path);
 }
 
 void ntimes_dir_preprocess(tx_perm_ctx_t** perm_ctx, const char* base_name) {

@@ -47,25 +47,22 @@ void record_folder(const connection_private_data_s& connection, const char* full
 int opendir_preprocess(const char* fname, const char* cwd, const char* connectpath, char** nlpath,
                        tx_perm_ctx_t** perm_ctx, connection_private_data_s* private_data,
                        int* is_nav) {
-  TAVRIX_LOG(4, "%s cwd=(%s) connectpath=(%s), fname=(%s)\n", static_cast<const char*>(__func__),
-             cwd, connectpath, fname);
+  TAVRIX_LOG(4, "%s cwd=(%s) connectpath=(%s), fname=(%s)\n", __func__, cwd, connectpath, fname);
   tavrix::CString relative(tavrix::relative_name(fname, cwd, connectpath));
   *nlpath = nullptr;
   if (relative == nullptr) {
-    TAVRIX_LOG(0, "%s: unable to allocate full_path, fname=%s\n",
-               static_cast<const char*>(__func__), fname);
+    TAVRIX_LOG(0, "%s: unable to allocate full_path, fname=%s\n", __func__, fname);
     return -1;
   }
   tavrix::CString joined;
   const char* full_path = cwd;
   if (tavrix::begins_with(cwd, TAVRIX_TREE) && tavrix::is_current(fname)) {
-    TAVRIX_LOG(0, "%s cwd is absolute", static_cast<const char*>(__func__));
+    TAVRIX_LOG(0, "%s cwd is absolute", __func__);
   } else {
     joined.reset(get_full_path(connectpath, cwd));
     full_path = joined.get();
     if (full_path == nullptr) {
-      TAVRIX_LOG(0, "%s unable to allocate full_path, cwd=%s\n", static_cast<const char*>(__func__),
-                 cwd);
+      TAVRIX_LOG(0, "%s unable to allocate full_path, cwd=%s\n", __func__, cwd);
       return -1;
     }
   }
@@ -90,24 +87,24 @@ int fdopendir_preprocess(const char* connectpath, const char* fname, int delete_
                          tx_perm_ctx_t** perm_ctx) {
   const tavrix::CString full_path(get_full_path(connectpath, fname));
   if (full_path == nullptr) {
-    TAVRIX_LOG(0, "%s: unable to allocate full_path, fname=%s\n",
-               static_cast<const char*>(__func__), fname == nullptr ? "NULL" : fname);
+    TAVRIX_LOG(0, "%s: unable to allocate full_path, fname=%s\n", __func__,
+               fname == nullptr ? "NULL" : fname);
     return -1;
   }
-  TAVRIX_LOG(2, "%s checking for FF %s\n", static_cast<const char*>(__func__), full_path.get());
+  TAVRIX_LOG(2, "%s checking for FF %s\n", __func__, full_path.get());
   if (delete_access != 0 &&
       tavrix::is_fixed_or_unknown_for_listing(*private_data, fname, full_path.get(), __func__)) {
     return tavrix::refuse();
   }
   if (!tavrix::is_allowed(connectpath, full_path.get(), FSOP_OPENDIR, *private_data, is_nav)) {
-    TAVRIX_LOG(0, "%s: EACCESS full_path=%s fname=%s retval=%d", static_cast<const char*>(__func__),
-               full_path.get(), fname, -1);
+    TAVRIX_LOG(0, "%s: EACCESS full_path=%s fname=%s retval=%d", __func__, full_path.get(), fname,
+               -1);
     return tavrix::refuse();
   }
   if (!tavrix::stay_root(perm_ctx)) {
     TAVRIX_LOG(0,
                "%s: EACCESS Failed fdopendir, due to inablity to enforce permissions, fname=%s\n",
-               static_cast<const char*>(__func__), fname);
+               __func__, fname);
     return tavrix::refuse();
   }
   return tavrix::kProceed;
@@ -139,8 +136,7 @@ int mkdir_preprocess(const char* connectpath, const char* /*path*/, const char* 
 
 void mkdir_postprocess(connection_private_data_s* private_data, char** full_path) {
   tavrix::record_folder(*private_data, *full_path);
-  TAVRIX_LOG(5, "%s(%d):wrote VFS event mkdir %s\n", static_cast<const char*>(__func__), __LINE__,
-             *full_path);
+  TAVRIX_LOG(5, "%s(%d):wrote VFS event mkdir %s\n", __func__, __LINE__, *full_path);
 }
 
 int create_dir_preprocess(int is_delete_access, const char* nlpath, char** full_path,
@@ -156,13 +152,11 @@ int create_dir_preprocess(int is_delete_access, const char* nlpath, char** full_
              connectpath, nlpath == nullptr ? "" : nlpath, *full_path);
   const e_fsop_type op = create_dir != 0 ? FSOP_MKDIR : FSOP_OPENDIR;
   if (!tavrix::is_allowed(connectpath, *full_path, op, *private_data)) {
-    TAVRIX_LOG(0, "%s: PERMISSION DENIED for directory path=%s", static_cast<const char*>(__func__),
-               *full_path);
+    TAVRIX_LOG(0, "%s: PERMISSION DENIED for directory path=%s", __func__, *full_path);
     return tavrix::refuse();
   }
   if (!tavrix::stay_root(perm_ctx)) {
-    TAVRIX_LOG(0, "%s failed to allocate perm_ctx, full_path=%s\n",
-               static_cast<const char*>(__func__), *full_path);
+    TAVRIX_LOG(0, "%s failed to allocate perm_ctx, full_path=%s\n", __func__, *full_path);
     return tavrix::refuse(ENOMEM);  // the module tells this failure from a refusal
   }
   return tavrix::kProceed;
@@ -174,29 +168,28 @@ void create_dir_postprocess(const char* full_path, connection_private_data_s* pr
 
 int rmdir_preprocess(const char* full_path, const char* connectpath, const char* path,
                      connection_private_data_s* private_data, tx_perm_ctx_t** perm_ctx) {
-  TAVRIX_LOG(5, "%s:  full_path=%s path=%s", static_cast<const char*>(__func__), full_path, path);
+  TAVRIX_LOG(5, "%s:  full_path=%s path=%s", __func__, full_path, path);
   // The setting has come to choose what is traced, and nothing else.
   const bool is_forbidden_enabled = tavrix::parameter(PARAM_ENABLE_FORBIDDEN_RMDIR) != 0;
   if (private_data->reserved_user == 0) {
     if (is_forbidden_enabled) {
-      TAVRIX_LOG(10, "(%s:%d) tavrix_rmdir: path: %s allowing RW->RWD\n",
-                 static_cast<const char*>(__func__), __LINE__, full_path);
+      TAVRIX_LOG(10, "(%s:%d) tavrix_rmdir: path: %s allowing RW->RWD\n", __func__, __LINE__,
+                 full_path);
     } else {
-      TAVRIX_LOG(10, "(%s:%d) tavrix_rmdir: path: %s NO RW->RWD\n",
-                 static_cast<const char*>(__func__), __LINE__, full_path);
-      TAVRIX_LOG(10, "(%s:%d) tavrix_rmdir: path: %s enforcing perms\n",
-                 static_cast<const char*>(__func__), __LINE__, full_path);
+      TAVRIX_LOG(10, "(%s:%d) tavrix_rmdir: path: %s NO RW->RWD\n", __func__, __LINE__, full_path);
+      TAVRIX_LOG(10, "(%s:%d) tavrix_rmdir: path: %s enforcing perms\n", __func__, __LINE__,
+                 full_path);
     }
     int is_nav = 0;
     const int verdict =
         vfs_enforce_perms(connectpath, full_path, FSOP_RMDIR, &private_data->groupmap, 0, &is_nav);
     if (is_forbidden_enabled) {
       // The number is that of making a folder; log filters know it so.
-      TAVRIX_LOG(1, "%s:  calls vfs_enforce_perms op=%d result=%d\n",
-                 static_cast<const char*>(__func__), FSOP_MKDIR, verdict);
+      TAVRIX_LOG(1, "%s:  calls vfs_enforce_perms op=%d result=%d\n", __func__, FSOP_MKDIR,
+                 verdict);
     }
     if (verdict != TXPERMS_HAS_PERMS) {
-      TAVRIX_LOG(10, "%s:  EPERM for %s\n", static_cast<const char*>(__func__), full_path);
+      TAVRIX_LOG(10, "%s:  EPERM for %s\n", __func__, full_path);
       return tavrix::refuse(EPERM);
     }
   }
@@ -211,8 +204,7 @@ int rmdir_preprocess(const char* full_path, const char* connectpath, const char*
 void rmdir_postprocess(const char* full_path, connection_private_data_s* private_data) {
   tavrix::record_change(*private_data, full_path, VFSEVENT__OP_TYPE__OPTYPE_RMDIR,
                         VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_DIR, tavrix::Stamp::kNo);
-  TAVRIX_LOG(0, "%s(%d):wrote VFS event rmdir  %s\n", static_cast<const char*>(__func__), __LINE__,
-             full_path);
+  TAVRIX_LOG(0, "%s(%d):wrote VFS event rmdir  %s\n", __func__, __LINE__, full_path);
 }
 
 int chdir_preprocess(const char* path, const char* connectpath,

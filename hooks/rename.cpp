@@ -66,9 +66,9 @@ int rename_preprocess(const char* connectpath, const char* sfull_path, const cha
     *isdir = S_ISDIR(st.st_mode) ? 1 : 0;
   }
   if (*isdir == 1) {
-    TAVRIX_LOG(10, "%s: path %s is a dir\n", static_cast<const char*>(__func__), sfull_path);
+    TAVRIX_LOG(10, "%s: path %s is a dir\n", __func__, sfull_path);
   } else {
-    TAVRIX_LOG(10, "%s: path %s is not a dir\n", static_cast<const char*>(__func__), sfull_path);
+    TAVRIX_LOG(10, "%s: path %s is not a dir\n", __func__, sfull_path);
   }
   const auto operations =
       *isdir == 1 ? tavrix::folder_operations(sfull_path, dfull_path, *private_data, __func__)
@@ -99,6 +99,5 @@ void rename_postprocess(const char* new_full_path, const char* old_full_path, in
       *private_data, old_full_path, VFSEVENT__OP_TYPE__OPTYPE_RENAME,
       isdir != 0 ? VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_DIR : VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE,
       tavrix::Stamp::kYes, new_full_path);
-  TAVRIX_LOG(5, "%s(%d):wrote VFS event rename %s\n", static_cast<const char*>(__func__), __LINE__,
-             old_full_path);
+  TAVRIX_LOG(5, "%s(%d):wrote VFS event rename %s\n", __func__, __LINE__, old_full_path);
 }

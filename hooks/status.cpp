@@ -10,14 +10,14 @@ int stat_preprocess(connection_private_data_s* private_data, const char* base_na
   // The most frequent question of a client is where a connection notices that its identity changed.
   refresh_credentials(private_data);
   if (base_name == nullptr) {
-    TAVRIX_LOG(0, "%s: base_name null\n", static_cast<const char*>(__func__));
+    TAVRIX_LOG(0, "%s: base_name null\n", __func__);
     return tavrix::refuse(ENOMEM);
   }
   TAVRIX_LOG(1, "Calling check_perms enforce perms nlpath=[%s]\n", base_name);
   const int verdict = check_perms(connectpath, base_name, FSOP_STAT, private_data, 0);
   TAVRIX_LOG(1, "Back from enforce perms %d\n", verdict);
   if (verdict != TXPERMS_HAS_PERMS) {
-    TAVRIX_LOG(10, "%s: EPERM\n", static_cast<const char*>(__func__));
+    TAVRIX_LOG(10, "%s: EPERM\n", __func__);
     return tavrix::refuse(EPERM);
   }
   if (!tavrix::stay_root(perm_ctx)) {

@@ -27,11 +27,11 @@ TAVRIX_END_DECLS
  * trace "above 3" has level 4. TAVRIX_LOG_IF takes the debug level from the caller, for code that
  * logs often between two looks at it. */
 #ifdef __cplusplus
-#define TAVRIX_LOG_IF(debug_level, level, format, ...)                         \
-  do {                                                                         \
-    if (__builtin_expect((debug_level) >= (level), 0))                         \
-      ::syslog(LOG_INFO, "%s:%d(%s) " format, __FILE__, __LINE__,              \
-               static_cast<const char*>(__func__) __VA_OPT__(, ) __VA_ARGS__); \
+#define TAVRIX_LOG_IF(debug_level, level, format, ...)            \
+  do {                                                            \
+    if (__builtin_expect((debug_level) >= (level), 0))            \
+      ::syslog(LOG_INFO, "%s:%d(%s) " format, __FILE__, __LINE__, \
+               __func__ __VA_OPT__(, ) __VA_ARGS__);              \
   } while (0)
 #define TAVRIX_LOG(level, format, ...) \
   TAVRIX_LOG_IF(tavrix_debug_level(), level, format __VA_OPT__(, ) __VA_ARGS__)

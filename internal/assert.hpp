@@ -11,4 +11,4 @@ extern "C" void __assert_fail(const char* text, const char* file, unsigned int l
 #define TAVRIX_REQUIRE(condition, text)              \
   (__builtin_expect(static_cast<bool>(condition), 1) \
        ? static_cast<void>(0)                        \
-       : ::__assert_fail(text, __FILE__, __LINE__, static_cast<const char*>(__func__)))
+       : ::__assert_fail(text, __FILE__, __LINE__, __func__))

@@ -55,7 +55,7 @@ int create_config_buffer(void) {
   for (bool has_retried = false;; has_retried = true) {
     const key_t key = tavrix::block_key();
     if (key == -1) {
-      TAVRIX_LOG(0, "%s: cannot create sema key for shm", static_cast<const char*>(__func__));
+      TAVRIX_LOG(0, "%s: cannot create sema key for shm", __func__);
       return -1;
     }
     const int shmid =
@@ -63,8 +63,7 @@ int create_config_buffer(void) {
     if (shmid != -1) {
       tavrix::ShmAttachment block(shmat(shmid, nullptr, 0));
       if (!block) {
-        TAVRIX_LOG(0, "%s: cannot attach to shm Errno %d", static_cast<const char*>(__func__),
-                   errno);
+        TAVRIX_LOG(0, "%s: cannot attach to shm Errno %d", __func__, errno);
         return -1;
       }
       auto* params = static_cast<global_param_s*>(block.release());  // attached for good
@@ -74,36 +73,34 @@ int create_config_buffer(void) {
     }
     const int error = errno;
     TAVRIX_LOG(0, "%s: cannot create shared memory for global param error_no=%d error_sz=%s",
-               static_cast<const char*>(__func__), error, strerror(error));
+               __func__, error, strerror(error));
     if (error != EEXIST || has_retried) return -1;
 
     // One stale block of an earlier run is taken away; a second one is a rival's.
     TAVRIX_LOG(0,
                "%s: cannot create shared memory for global param error_no=%d error_sz=%s will "
                "remove and retry",
-               static_cast<const char*>(__func__), error, strerror(error));
+               __func__, error, strerror(error));
     sleep(tavrix::kSecondsBetweenTries);
     if (remove_config_buffer() != 0) {
-      TAVRIX_LOG(0, "%s: cannot remove shared memory for global param.",
-                 static_cast<const char*>(__func__));
+      TAVRIX_LOG(0, "%s: cannot remove shared memory for global param.", __func__);
       return -1;
     }
     sleep(tavrix::kSecondsBetweenTries);
     TAVRIX_LOG(0, "%s: success removing shared memory for global param will try to re-create.",
-               static_cast<const char*>(__func__));
+               __func__);
   }
 }
 
 int remove_config_buffer(void) {
   const key_t key = tavrix::block_key();
   if (key == -1) {
-    TAVRIX_LOG(0, "%s: cannot get sema key for shm", static_cast<const char*>(__func__));
+    TAVRIX_LOG(0, "%s: cannot get sema key for shm", __func__);
     return key;
   }
   const int shmid = shmget(key, TAVRIX_PARAM_BLOCK_SIZE, tavrix::kEveryone);
   if (shmid == -1) {
-    TAVRIX_LOG(0, "%s: cannot get shared memory for global param",
-               static_cast<const char*>(__func__));
+    TAVRIX_LOG(0, "%s: cannot get shared memory for global param", __func__);
     return -1;
   }
   shmctl(shmid, IPC_RMID, nullptr);

@@ -116,6 +116,6 @@ Rights rights_of(const process_trustees_s& caller, const tavrix_acl_t& acl, Subj
 void vfs_set_admins_powerusers(gid_t admins, gid_t powerusers) {
   tavrix::tavrix_admins_gid = admins;
   tavrix::tavrix_powerusers_gid = powerusers;
-  TAVRIX_LOG(4, "\n%s: tavrix_admins_gid=%u tavrix_powerusers_gid=%u",
-             static_cast<const char*>(__func__), admins, powerusers);
+  TAVRIX_LOG(4, "\n%s: tavrix_admins_gid=%u tavrix_powerusers_gid=%u", __func__, admins,
+             powerusers);
 }

@@ -22,7 +22,6 @@ int is_deleteable(const char* path_to_delete) {
   if (path == tavrix::kPrivate) return 0;
   if (!path.starts_with(tavrix::kPrivatePrefix) || path == tavrix::kPrivatePrefix) return 1;
   if (path.find('/', tavrix::kPrivatePrefix.size()) != std::string_view::npos) return 1;
-  TAVRIX_LOG(0, "%s:  path_to_delete=%s not allowed\n", static_cast<const char*>(__func__),
-             path_to_delete);
+  TAVRIX_LOG(0, "%s:  path_to_delete=%s not allowed\n", __func__, path_to_delete);
   return 0;
 }

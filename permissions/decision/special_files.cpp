@@ -64,6 +64,6 @@ bool contains_wild_card(const char* path, const char* function) {
 int is_special_folder_file(const char* path) {
   if (tavrix::begins_with_special_path(path, __func__)) return 1;
   const int is_special = tavrix::contains_wild_card(path, __func__) ? 1 : 0;
-  TAVRIX_LOG(2, "%s: path=%s is_special=%d", static_cast<const char*>(__func__), path, is_special);
+  TAVRIX_LOG(2, "%s: path=%s is_special=%d", __func__, path, is_special);
   return is_special;
 }

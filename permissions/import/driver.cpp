@@ -129,7 +129,7 @@ membe_shm_err process_permmap(memsummary_s* msum) {
 
 membe_shm_err init_permbe_shm(memsummary_s* perm_be_shm) {
   if (perm_be_shm == nullptr) {
-    TAVRIX_LOG(0, "%s(%d) perm be shmbe is NULL ", static_cast<const char*>(__func__), __LINE__);
+    TAVRIX_LOG(0, "%s(%d) perm be shmbe is NULL ", __func__, __LINE__);
     return SHM_MEMBE_ERR_BADARGS;
   }
   membe_shm_err err = init_shmbe(perm_be_shm);

@@ -96,7 +96,7 @@ membe_shm_err pop_if_state(int state) {
   tavrix_stack_head_s& stack = tavrix::memsummary->sth;
   const jsonstack* top = tavrix::top_of(stack);
   if (top == nullptr) {
-    TAVRIX_LOG(0, "%s(%d): Cannot pop elem Err %d", static_cast<const char*>(__func__), __LINE__,
+    TAVRIX_LOG(0, "%s(%d): Cannot pop elem Err %d", __func__, __LINE__,
                static_cast<int>(TXLIST_ERR_LIST_EMPTY));
     return SHM_MEMBE_ERR_LISTERR;
   }

@@ -203,8 +203,8 @@ int beshm_start_map(void* /*ctx*/) {
 int beshm_map_key(void* /*ctx*/, const unsigned char* key, size_t len) {
   const auto* text = reinterpret_cast<const char*>(key);
   const json_mapsize_states state = tavrix::state_of_key({text, len});
-  std::printf("%s(%d) Here name %.*s st %d\n", static_cast<const char*>(__func__), __LINE__,
-              static_cast<int>(len), text, state);
+  std::printf("%s(%d) Here name %.*s st %d\n", __func__, __LINE__, static_cast<int>(len), text,
+              state);
   if (state == SHMMAPSZ_STATE_INVAL) {
     const tavrix::CString copy(strndup(text, len));
     TAVRIX_LOG(0, "Invalid state %s state %d", copy == nullptr ? "" : copy.get(), state);
@@ -216,7 +216,7 @@ int beshm_map_key(void* /*ctx*/, const unsigned char* key, size_t len) {
 int beshm_number(void* /*ctx*/, const char* number, size_t len) {
   const int state = tavrix::pop_state();
   const uint64_t value = tavrix::decimal_of(number, len);
-  std::printf("%s(%d) Here val %lu\n", static_cast<const char*>(__func__), __LINE__, value);
+  std::printf("%s(%d) Here val %lu\n", __func__, __LINE__, value);
   memsummary_s& summary = *tavrix::memsummary1;
   switch (state) {
     case SHMMAPSZ_STATE_GENERATIONNUM:
@@ -242,8 +242,8 @@ int beshm_number(void* /*ctx*/, const char* number, size_t len) {
 
 int beshm_string(void* /*ctx*/, const unsigned char* string, size_t len) {
   const int state = tavrix::pop_state();
-  std::printf("%s(%d) Here %.*s cstate %d\n", static_cast<const char*>(__func__), __LINE__,
-              static_cast<int>(len), reinterpret_cast<const char*>(string), state);
+  std::printf("%s(%d) Here %.*s cstate %d\n", __func__, __LINE__, static_cast<int>(len),
+              reinterpret_cast<const char*>(string), state);
   memsummary_s& summary = *tavrix::memsummary1;
   switch (state) {
     case SHMMAPSZ_STATE_MAPNAME:
@@ -262,7 +262,7 @@ int beshm_string(void* /*ctx*/, const unsigned char* string, size_t len) {
 }
 
 int beshm_end_map(void* /*ctx*/) {
-  std::printf("%s(%d) Here \n", static_cast<const char*>(__func__), __LINE__);
+  std::printf("%s(%d) Here \n", __func__, __LINE__);
   tavrix::pop_state();
   TAVRIX_REQUIRE(tavrix::running_stack().totalelems == 0, "memsummary1->sth.totalelems == 0");
   return 1;

@@ -236,7 +236,7 @@ membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavr
   uint32_t folders_left = image.header().total_fselems;
   while (true) {
     if ((folder->flags & FSELEM_FLAG_ROOT) != 0) {
-      TAVRIX_LOG(2, "%s(%d) : reached root", static_cast<const char*>(__func__), __LINE__);
+      TAVRIX_LOG(2, "%s(%d) : reached root", __func__, __LINE__);
       break;
     }
     if (image.acl_of(*folder).num_aces > 0) break;
@@ -258,7 +258,7 @@ void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t
   }
   if (match.code != SHM_MEMBE_OK_NAMEREMAPPED) return;
   TAVRIX_LOG(4, "setting inherited as ret is SHM_MEMBE_OK_NAMEREMAPPED");
-  TAVRIX_LOG(4, "Setting INHERITED flag %s(%d)", static_cast<const char*>(__func__), __LINE__);
+  TAVRIX_LOG(4, "Setting INHERITED flag %s(%d)", __func__, __LINE__);
   set_inheritance_flag(*acl, TAVRIX_ACE_INHERITED);
 }
 

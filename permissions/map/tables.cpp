@@ -368,8 +368,8 @@ int get_current_perm_table_index(void) {
   TAVRIX_LOG(4, "PERM_MAP %s: initialized %d\n", kTag, initialized);
   const int current = tavrix::value_of(tavrix::kCurrentTable);
   if (current == -1) {
-    TAVRIX_LOG(0, "PERM_MAP %s: %s Failed semctl, code=%d (%s)\n", kTag,
-               static_cast<const char*>(__func__), errno, strerror(errno));
+    TAVRIX_LOG(0, "PERM_MAP %s: %s Failed semctl, code=%d (%s)\n", kTag, __func__, errno,
+               strerror(errno));
     return -1;
   }
   tavrix::require_table(current);
