@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// May this connection do this? Answered from its verdict cache, or by the decision.
+// The permission check of a connection: the verdict comes from its cache, or from the decision.
 
 #include <cerrno>
 #include <cstdlib>
@@ -30,7 +30,7 @@ e_vfs_enforce_perms unusable_path(const char* path, int error) {
                error, strerror(error));
     TAVRIX_REQUIRE(error == ENOENT, "0");
   }
-  // It climbs above the share: the file system refuses it later.
+  // The path climbs above the share; the file system refuses it later.
   TAVRIX_LOG(kTrace, "returning HAS_PERMS, path normalization returned an unusable path %s: %s\n",
              path, strerror(error));
   return TXPERMS_HAS_PERMS;
@@ -51,7 +51,8 @@ e_vfs_enforce_perms decide(const char* shareroot, const char* clean, e_fsop_type
   return verdict;
 }
 
-// Errors and the standard user's refusal are not kept: the next check asks again.
+// Keeps grants and refusals. Errors and the standard user's verdict are not kept, so the next check
+// decides again.
 void remember(const char* clean, e_fsop_type op, e_vfs_enforce_perms verdict,
               e_vfs_enforce_perms looked_up, int slot, vfs_table_cache_s& cache) {
   if (!is_answer(verdict)) return;

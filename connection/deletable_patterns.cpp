@@ -24,10 +24,10 @@ void forget(regex_list_elem& elem) {
   if (elem.compiled_pattern != nullptr) regfree(elem.compiled_pattern);
 }
 
-// Stores and compiles a line; false, with the element free again, when it is no pattern.
+// Stores and compiles a line. false when the line is no pattern; the element is free again then.
 bool store(regex_list_elem& elem, const char* line, std::size_t length) {
   forget(elem);
-  // Without its last character: the newline, or what stands in its place on a last line.
+  // Drops the last character: the newline, or the last letter of a last line without one.
   elem.pattern = strndup(line, length - 1);
   if (elem.pattern == nullptr) return false;
   if (get_regex_matchbuf(elem.pattern, &elem.compiled_pattern) == 1) {
@@ -60,7 +60,7 @@ std::FILE* open_pattern_file() {
 }  // namespace tavrix
 
 int read_and_compile_patterns(void) {
-  // The stream is left open, on purpose: read once a process, it stays with it.
+  // The stream stays open on purpose: a process reads the file once.
   std::FILE* file = tavrix::open_pattern_file();
   if (file == nullptr) return -1;
 
@@ -72,7 +72,7 @@ int read_and_compile_patterns(void) {
   ssize_t length = 0;
   while ((length = getline(&line, &capacity, file)) > 0) {
     if (patterns.num_elems >= TAVRIX_MAX_PATTERNS) {
-      patterns.num_elems += 1;  // counted, not kept: a file must not hold more
+      patterns.num_elems += 1;  // counted but not kept: the limit of a file
       continue;
     }
     regex_list_elem& elem = patterns.elems[patterns.num_elems];

@@ -19,8 +19,8 @@
 namespace tavrix {
 namespace {
 
-// The file with its size. Records and names may start at any byte of a damaged one, so they are
-// copied out, and a name that runs off the end equals nothing.
+// The mapped file and its size. In a damaged file records and names may start at any byte, so
+// records are copied out, and a name that runs off the end equals nothing.
 class GroupMap {
  public:
   GroupMap(const mapheader* map, uint32_t size) noexcept
@@ -72,8 +72,8 @@ bool is_long_enough(const mapheader* map, uint32_t size) {
   return false;
 }
 
-// The checks are 32-bit sums, and the gid list is measured from the name: writers of the file rely
-// on what passes, so none of this may become stricter.
+// The checks add in 32 bits and measure the gid list from the name. Writers of the file rely on
+// what passes, so neither may become stricter.
 bool passes_checks(const GroupMap& map, const uitem& user, uint32_t index) {
   const uint32_t limit = map.last_byte();
   if (user.noffs > limit || user.noffs + user.nlen > limit) {
@@ -87,8 +87,8 @@ bool passes_checks(const GroupMap& map, const uitem& user, uint32_t index) {
   return true;
 }
 
-// Copies what lies in the mapping; what lies behind it is asked of the kernel, which says no where
-// a plain copy would end the process.
+// Copies the gids from the mapping. Bytes behind the mapping are read through the kernel, which
+// returns an error where a plain copy would end the process.
 bool copy_gids(const GroupMap& map, uint32_t offset, gid_t* gids, std::size_t bytes) {
   if (map.holds(offset, bytes)) {
     std::memcpy(gids, map.at(offset), bytes);
@@ -99,7 +99,7 @@ bool copy_gids(const GroupMap& map, uint32_t offset, gid_t* gids, std::size_t by
   return process_vm_readv(getpid(), &to, 1, &from, 1, 0) == static_cast<ssize_t>(bytes);
 }
 
-// A line of thousands of gids in few writes: standard error is not buffered.
+// Collects thousands of gids into few writes, because standard error is not buffered.
 void print_gids(const char* user, const gid_t* gids, uint32_t count) {
   debug_printf("New gid list begins for user %s = 0x%x\n", user,
                static_cast<unsigned>(reinterpret_cast<uintptr_t>(gids)));
@@ -150,11 +150,11 @@ void* tavrix_mapfile(const char* path, unsigned int* mapsize) {
     debug_printf("Failed to open %s: %s", path, strerror(errno));
     return nullptr;
   }
-  // The file may have been replaced since: what is mapped is what was opened.
+  // The name may lead to another file by now; the open one counts.
   if (fstat(file.get(), &status) == -1 || !tavrix::has_sound_size(status.st_size)) return nullptr;
   const auto size = static_cast<unsigned int>(status.st_size);
   void* map = mmap(nullptr, size, PROT_READ, MAP_SHARED, file.get(), 0);
-  // Only null is a failure here: callers expect the all-ones value of mmap() as it stands.
+  // Only null is a failure here: callers expect the all-ones value of a failed mmap() unchanged.
   if (map == nullptr) {
     debug_printf("Failed to mmap %s: %s", path, strerror(errno));
     *mapsize = 0;
@@ -194,7 +194,7 @@ gid_t* tavrix_getgrouplist(const mapheader* map, unsigned int mapsize, const cha
   const GroupMap groups(map, mapsize);
   const mapheader& header = groups.header();
   for (uint32_t i = 0; i < header.unum; ++i) {
-    // The table has no bound of its own: a record beyond the file ends the search.
+    // Nothing else bounds the table, so a record beyond the file ends the search.
     if (!groups.holds(uint64_t{header.uoffs} + uint64_t{i} * sizeof(uitem), sizeof(uitem))) break;
     const auto user = groups.record<uitem>(header.uoffs, i);
     if (!tavrix::passes_checks(groups, user, i)) break;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Who a connection is: built from the user database and the group list map file, rebuilt when a
-// marker file is touched or the effective user changes.
+// The identity of a connection. It is built from the user database and the group list map file, and
+// rebuilt when a refresh file is touched or the effective user changes.
 
 #include <pwd.h>
 #include <sys/mman.h>
@@ -21,10 +21,10 @@
 namespace tavrix {
 namespace {
 
-constexpr long kPasswordBufferSize = 16384;  // where the system names none
+constexpr long kPasswordBufferSize = 16384;  // used when the system suggests no size
 constexpr std::size_t kLargestPasswordBuffer = std::size_t{1} << 20;
 
-// The file stays mapped between refreshes; one a process.
+// The group list map file. A process has one mapping, which lives until the next refresh.
 class GroupListMapping {
  public:
   void drop() noexcept {
@@ -32,11 +32,11 @@ class GroupListMapping {
     address_ = nullptr;
     size_ = 0;
   }
-  // false when there is no file to be used.
+  // false without a usable file.
   [[nodiscard]] bool load() noexcept {
     unsigned int size = 0;
     void* address = tavrix_mapfile(TAVRIX_GROUPMAP_PATH, &size);
-    // A mapping that failed comes back as all ones.
+    // A failed mapping comes back as all ones.
     if (address == nullptr || address == MAP_FAILED || size == 0) return false;
     address_ = address;
     size_ = size;
@@ -56,10 +56,10 @@ class GroupListMapping {
 
 GroupListMapping group_list_mapping;
 
-// The entry of a user with the buffer that its strings lie in.
+// A user's password entry, with the buffer that holds its strings.
 class PasswordEntry {
  public:
-  // false, after a line in the system log, when there is none.
+  // false without an entry, after a line in the system log.
   [[nodiscard]] bool load(uid_t uid, const char* function) {
     const long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
     auto size = static_cast<std::size_t>(suggested == -1 ? kPasswordBufferSize : suggested);
@@ -100,7 +100,7 @@ void drop_groups(process_trustees_s& identity) {
   identity.num_sup_gids = 0;
 }
 
-// A marker's modification time, 0 when it is missing.
+// The modification time of a refresh file; 0 when it is missing.
 time_t modification_time(const char* path, bool& missing) {
   struct stat status {};
   missing = stat(path, &status) == -1;
@@ -117,8 +117,8 @@ int is_computer_name(const char* user_name) {
 
 int _check_if_special_user(const char* account_name) { return is_computer_name(account_name); }
 
-// The groups are looked up by the name that the client used, the primary group and the kind of
-// account by the user that the process serves.
+// The groups come from the name that the client gave; the primary group and the kind of account
+// come from the user that the process serves.
 int reset_groupmap(connection_private_data_s* connection) {
   const uid_t uid = connection->refresh_creds.euid;
   process_trustees_s& identity = connection->groupmap;
@@ -148,7 +148,7 @@ int reset_groupmap(connection_private_data_s* connection) {
   return 0;
 }
 
-// Has the shape of a signal handler, and is called as a plain function.
+// A plain function with the signature of a signal handler.
 void flush_perms_handler(int signal, connection_private_data_s* connection) {
   TAVRIX_LOG(10, "Resetting Tavrix permission caches and group maps for process %d\n", getpid());
   if (signal != SIGUSR1) {
@@ -172,7 +172,7 @@ void flush_perms_handler(int signal, connection_private_data_s* connection) {
   creds.tlb_owner = creds.euid;
 }
 
-// The stored times are those of acting, not the files' own.
+// Stores the time of the refresh, not the modification time of the file.
 void refresh_credentials(connection_private_data_s* connection) {
   refresh_credentials_s& creds = connection->refresh_creds;
   const time_t now = time(nullptr);
@@ -195,7 +195,7 @@ void refresh_credentials(connection_private_data_s* connection) {
     TAVRIX_LOG(0, "Error: Permission map refresh file %s is missing\n",
                TAVRIX_PERMISSION_MARKER_PATH);
   } else if (permission_time > creds.permmap_refresh) {
-    // The first number is the group map's time here too: log readers know the line so.
+    // The first number is the group map's time here too; log readers expect it.
     TAVRIX_LOG(10, "Tavrix Permissions map will be refreshed for process %d %u for pid %d \n",
                static_cast<int>(groupmap_time), static_cast<unsigned>(creds.permmap_refresh),
                getpid());
@@ -203,7 +203,7 @@ void refresh_credentials(connection_private_data_s* connection) {
     refresh = true;
   }
 
-  // A process that is root for the moment serves the same user as before.
+  // A process that is root at the moment still serves the same user.
   const uid_t current = geteuid();
   if (current != 0 && current != creds.euid) {
     TAVRIX_LOG(10, "set refresh_creds.euid to curr_uid=%u\n", current);

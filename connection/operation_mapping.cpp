@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a client asks for, in the terms of the decision: open modes, operations, renames and moves.
+// Translates a client's requests into the terms of the decision: open modes, operations, renames
+// and moves.
 
 #include <fcntl.h>
 #include <cerrno>
@@ -15,8 +16,8 @@
 namespace tavrix {
 namespace {
 
-// The SMB create dispositions, under names of our own: Samba's headers have the protocol's names as
-// macros.
+// The SMB create dispositions. The names are our own because Samba's headers define the protocol's
+// names as macros.
 enum Disposition : uint32_t {
   kSupersede = 0,
   kOpen = 1,
@@ -49,7 +50,7 @@ PathArray split(const char* path) {
   return PathArray(array);
 }
 
-// By length and hash alone, as the map itself looks names up first.
+// Compares lengths and hashes only, as the map's lookup does first.
 bool same_folder(const path_array& a, const path_array& b) {
   if (a.num_elems != b.num_elems) return false;
   for (uint32_t i = 0; i < a.num_elems; ++i) {
@@ -73,7 +74,7 @@ e_open_mode mode2tavrixmode(int flags) {
   return OPENMODE_READ;
 }
 
-// "Write is requested" in the traces does not mean that anybody asked: only a plain open looks.
+// The traces say "write is requested" although only a plain open looks at write_access_requested.
 void _get_op_create_file(const char* nlpath, uint32_t create_disposition, uint32_t create_options,
                          int file_exists, int write_access_requested, e_fsop_type* op,
                          e_open_mode* open_mode) {
@@ -121,12 +122,12 @@ void _get_op_create_file(const char* nlpath, uint32_t create_disposition, uint32
         ask(OPENMODE_WRITE, FSOP_OPEN_WRITE,
             "FILE_OVERWRITE setting FSP_OP=FSOP_WRITE as file exists and write is requested");
       }
-      return;  // a missing file cannot be overwritten: the preset operation decides
+      return;  // a missing file keeps the preset operation
     case tavrix::kOverwriteIf:
       if (exists) {
         ask(OPENMODE_WRITE, FSOP_OPEN_WRITE,
             "FILE_OVERWRITE_IF setting FSP_OP=FSOP_WRITE as file exists and write is requested");
-      } else {  // the text of the other disposition, as log readers know it
+      } else {  // log readers expect the other disposition's text
         ask(OPENMODE_WRITE, FSOP_CREATE,
             "FILE_OPEN_IF setting FSP_OP=FSOP_CREATE as file does not exist.");
       }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The private snapshot of the parameter block that a server process reads its settings from.
+// The private snapshot of the parameter block. A server process reads its settings from it.
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -17,11 +17,11 @@ namespace {
 
 constexpr int kEveryone = 0666;
 
-// The buffer that this process has made. The creator of the block points global_params at shared
-// memory instead, which must never be reallocated or freed.
+// The buffer of this process. The creator of the block points global_params at shared memory
+// instead, which must never be reallocated or freed.
 global_param_s* snapshot = nullptr;
 
-// false, and no snapshot at all, when out of memory.
+// false when out of memory; there is no snapshot then.
 bool grow_snapshot() {
   const bool is_first = snapshot == nullptr || global_params != snapshot;
   auto* grown = static_cast<global_param_s*>(std::realloc(snapshot, TAVRIX_PARAM_BLOCK_SIZE));
@@ -31,7 +31,7 @@ bool grow_snapshot() {
     global_params = nullptr;
     return false;
   }
-  // Until the copy is there, the settings of before hold, or none.
+  // Until the block is copied, the previous settings hold, or zeros.
   if (is_first) {
     if (global_params != nullptr) {
       std::memcpy(grown, global_params, TAVRIX_PARAM_BLOCK_SIZE);

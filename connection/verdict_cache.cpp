@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The verdict cache of a connection: paths in most-recently-used order, two bits an operation.
+// The verdict cache of a connection: paths in most-recently-used order, with two bits for each
+// operation.
 
 #include <cstdlib>
 #include <cstring>
@@ -13,9 +14,9 @@ namespace tavrix {
 namespace {
 
 constexpr int kNewPath = -1;
-constexpr std::size_t kLongestComparison = 4096;  // characters of a path that tell paths apart
+constexpr std::size_t kLongestComparison = 4096;  // bytes of a path that a comparison reads
 
-// The place of an operation in the two bit sets of a slot.
+// The word and the bit of an operation in the two bit sets of a slot.
 struct OperationBit {
   explicit OperationBit(e_fsop_type op) noexcept : word(op >= 32 ? 1U : 0U) {
     TAVRIX_REQUIRE(op != 0, "op != 0");
@@ -25,7 +26,7 @@ struct OperationBit {
   uint32_t mask = 0;
 };
 
-// What a path is told apart by at a glance: of the characters that a comparison looks at.
+// A 32-bit hash of the bytes that a comparison reads; different hashes mean different paths.
 uint32_t fingerprint_of(const char* path) noexcept {
   constexpr uint64_t kMix = 0x9E3779B97F4A7C15U;
   std::size_t left = strnlen(path, kLongestComparison);
@@ -42,9 +43,10 @@ uint32_t fingerprint_of(const char* path) noexcept {
   return static_cast<uint32_t>(mixed >> 32);
 }
 
-// A lookup goes through up to 1024 paths that differ in their last characters only. The
-// fingerprints of the cache that was used last stand beside it, for its layout has no room: a
-// slot's is right as long as the slot holds the very string that it was taken of.
+// Hashes of the paths in the cache that was used last. A lookup passes up to 1024 paths that often
+// differ in their last characters only; the hashes save most comparisons. They are kept beside the
+// cache because its layout is part of the ABI. A slot's hash is valid while the slot holds the same
+// string.
 class Fingerprints {
  public:
   void use(const vfs_table_cache_s& cache) noexcept {
@@ -52,7 +54,8 @@ class Fingerprints {
     cache_ = &cache;
     std::memset(slots_, 0, sizeof slots_);
   }
-  // The strings of a cache are about to be freed; their addresses will be those of others.
+  // Call this before the strings of a cache are freed, because other strings may get their
+  // addresses.
   void forget(const vfs_table_cache_s& cache) noexcept {
     if (cache_ == &cache) cache_ = nullptr;
   }
@@ -91,7 +94,7 @@ void reset(vfs_table_cache_s& cache) {
   cache.vfs_tlb_end = 0;
 }
 
-// A slot for one path more: the next free one, or the one least recently used.
+// A slot for a new path: the next free one, or the least recently used one.
 int take_slot(vfs_table_cache_s& cache) {
   if (cache.vfs_tlb_end >= TAVRIX_TLB_PATHS) {
     const int slot = slot_at(cache, cache.vfs_tlb_end - 1);
@@ -128,12 +131,12 @@ void destroy_tlb(vfs_table_cache_s* cache) {
 int _tlb_lookup_path(const char* path, vfs_table_cache_s* cache) {
   const auto holds_path = [&](int slot) {
     const char* stored = cache->tlb_paths[slot];
-    // A slot without a path: the copy for it could not be allocated.
+    // A slot has no path when there was no memory for the copy.
     return stored != nullptr && std::strncmp(stored, path, tavrix::kLongestComparison) == 0;
   };
   if (cache->vfs_tlb_end == 0) return -1;
-  if (holds_path(slot_at(*cache, 0))) return 0;  // most often it is the path of before
-  // Without memory for fingerprints each path is compared.
+  if (holds_path(slot_at(*cache, 0))) return 0;  // usually the path of the previous lookup
+  // Without memory for hashes every path is compared.
   tavrix::Fingerprints* fingerprints = tavrix::fingerprints.get();
   const uint32_t wanted = fingerprints != nullptr ? tavrix::fingerprint_of(path) : 0;
   if (fingerprints != nullptr) fingerprints->use(*cache);
@@ -204,9 +207,8 @@ void add_tlb_entry(const char* path, int slot, e_fsop_type op, e_vfs_enforce_per
   static_cast<void>(_update_tlb_hit(position, cache));
 }
 
-// Takes the number of a slot. The permission check hands it a position, and the two are the same
-// only until the first reordering; the pairing is what modules in the field have been built
-// against.
+// Takes the number of a slot. The permission check passes a position; the two are equal only until
+// the first reordering. Modules in the field were built against this pairing, so it is kept.
 void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
                       vfs_table_cache_s* cache) {
   TAVRIX_REQUIRE(slot >= 0 && slot < cache->vfs_tlb_end,
@@ -221,9 +223,9 @@ void update_tlb_entry(int slot, e_fsop_type op, e_vfs_enforce_perms verdict,
   }
 }
 
-// The position behind the last path gets the slot that moved into the gap, not the freed one:
-// unless the last path was deleted, the freed slot is lost until the next flush. Kept as modules
-// know it.
+// The position behind the last path gets the slot that moved into the gap instead of the freed one.
+// So the freed slot is lost until the next flush, unless the last path was deleted. Modules rely on
+// this.
 void del_tlb_entry(const char* path, vfs_table_cache_s* cache) {
   const int position = _tlb_lookup_path(path, cache);
   if (position == -1) {

@@ -25,7 +25,7 @@ constexpr uint32_t kEmpty = sizeof(staging_buffer_s);  // next_offset of a buffe
 constexpr const char* kTempName = "/adtempXXXXXX";
 constexpr std::size_t kTempNameRoom = 15;
 
-// Half of the buffer when the percentage is none; the staging buffer takes 80 per cent then.
+// Half of the buffer when the setting is no percentage; the staging buffer uses 80 per cent then.
 int write_threshold() {
   const int size = parameter(PARAM_AUDITING_BUFFER_SIZE);
   const int percent = parameter(PARAM_FLUSH_FILL_THRESHOLD);
@@ -33,7 +33,7 @@ int write_threshold() {
   return static_cast<int>(int64_t{size} * percent / 100);
 }
 
-// What the buffer was allocated with: the settings may change while it lives.
+// Bytes allocated for the buffer; the settings may change while it lives.
 std::size_t capacity = 0;
 
 bool allocate_buffer() {
@@ -45,8 +45,8 @@ bool allocate_buffer() {
   return global_read_audit_buffer != nullptr;
 }
 
-// The threshold is what keeps records inside the buffer; one that is larger than the room behind it
-// makes the buffer grow, for no record may be lost and nothing may be overrun.
+// The threshold keeps most records inside the buffer. A record larger than the room behind the
+// threshold makes the buffer grow: no record may be lost, and nothing may be overrun.
 bool make_room(std::size_t end) {
   if (end <= capacity) return true;
   void* grown = std::realloc(global_read_audit_buffer, end);
@@ -80,7 +80,7 @@ bool exists(const char* path) {
   return stat(path, &status) == 0;
 }
 
-// The records are in the file: a new buffer takes the place of the old one.
+// Replaces the buffer by a new one, once its records are in the file.
 void replace_buffer() {
   std::free(global_read_audit_buffer);
   global_read_audit_buffer = nullptr;
@@ -104,7 +104,7 @@ int write_dump(const char* dir) {
     return -1;
   }
   if (exists(dump_name.get())) {
-    // The temporary file stays, here and after a short write: it tells what went wrong.
+    // The temporary file stays here and after a short write, as evidence.
     TAVRIX_LOG(0, "dump file %s already exists.", dump_name.get());
     return -1;
   }
@@ -139,7 +139,7 @@ void init_audit_buffer(void) {
     TAVRIX_LOG(1, "Got an init force flush temp_offset %d, flush_time %d",
                static_cast<int>(global_read_audit_buffer->next_offset),
                static_cast<int>(global_read_audit_buffer->last_flush_time));
-    // What could not be written stays for the next append to flush.
+    // Records that could not be written stay for the next append to flush.
     if (flush_audit_buffer() != 0 || global_read_audit_buffer == nullptr) return;
   } else {
     TAVRIX_LOG(1, "Got an init but nothing in the buffer");

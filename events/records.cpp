@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Event records: stamped, packed, framed and handed over.
+// Event records: they are stamped, packed, framed and passed to a buffer here.
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -22,8 +22,7 @@ constexpr std::size_t kHeader = sizeof(staging_data_s);
 
 const char* shown(const char* path) { return path != nullptr ? path : ""; }
 
-// The superuser's changes are the appliance's own, and the reserved user's are not to be
-// synchronised.
+// The superuser's changes are the appliance's own; the reserved user's must not be synchronised.
 bool is_ignored(uid_t uid) { return uid == 0 || is_reserved_user(uid); }
 
 timeval time_of_day() {
@@ -87,7 +86,7 @@ staging_data_s* create_staging_data_buf(VFSEvent* ve) {
     return nullptr;
   }
   if (tavrix::is_ignored(ve->uid)) {
-    // The message says pid and shows the uid: log readers take it for what it is.
+    // The message says pid and shows the uid; log readers expect that.
     TAVRIX_LOG(0, "Ignoring reserved user events [%s] pid %d", tavrix::shown(ve->path),
                static_cast<int>(ve->uid));
     return nullptr;

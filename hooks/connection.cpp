@@ -26,7 +26,7 @@ int connect_preprocess(const char* /*user*/, connection_private_data_s* private_
   }
   *number_of_connected_users += 1;
   TAVRIX_LOG(4, "%s: Resetting groupmap for uid=%u\n", __func__, private_data->refresh_creds.euid);
-  // A connection without an identity is refused everything by the decision; it need not fail here.
+  // The decision refuses everything to a connection without an identity, so nothing fails here.
   static_cast<void>(reset_groupmap(private_data));
   return 0;
 }

@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t kLongestPath = 4096;
 
-// The operation of an open mode, which becomes plain writing where it creates or changes.
+// The operation that an open mode asks for. A mode that creates or changes becomes plain writing.
 std::optional<e_fsop_type> operation_of(e_open_mode& mode) {
   switch (mode) {
     case OPENMODE_READ:
@@ -45,7 +45,7 @@ bool look_at(const char* full_path, struct stat& st, int& is_new, tx_perm_ctx_t*
     TAVRIX_LOG(0, "%s:  Unable to become root to stat, full_path=%s\n", function, full_path);
     return false;
   }
-  st = {};  // what a failed stat leaves says nothing
+  st = {};  // a failed stat leaves nothing of meaning
   if (stat(full_path, &st) == 0) return true;
   if (errno == ENOENT) {
     TAVRIX_LOG(3, "%s stat of full_path=%s failed with ENOENT.\n", function, full_path);
@@ -57,7 +57,7 @@ bool look_at(const char* full_path, struct stat& st, int& is_new, tx_perm_ctx_t*
   return true;
 }
 
-// False for an object that no open may delete.
+// false for an object that no open may delete.
 bool may_delete(const char* base_name, const char* full_path,
                 const connection_private_data_s& connection, const char* function) {
   if (is_deleteable(base_name) == 0) {
@@ -68,7 +68,8 @@ bool may_delete(const char* base_name, const char* full_path,
   return !is_known_fixed_for_open(connection, base_name, full_path);
 }
 
-// The name that an open descriptor has now, whatever name the client used; null without one.
+// The present name of an open file, which may differ from the one the client opened; null on
+// failure.
 CString path_of_descriptor(int fd) {
   CString path(static_cast<char*>(std::calloc(1, kLongestPath + 1)));
   if (path == nullptr) {
@@ -94,7 +95,7 @@ CString path_of_descriptor(int fd) {
   return path;
 }
 
-// The record that says whether the file was changed: the connection's own, or the caller's.
+// The record of a change to the file: the connection's own, else the caller's.
 modify_file_evt_s* modify_record(const connection_private_data_s& connection,
                                  modify_file_evt_s** pmodify) {
   if (connection.pmodify != nullptr) *pmodify = connection.pmodify;
@@ -168,7 +169,7 @@ void close_preprocess(int audit_enabled, int closefd, connection_private_data_s*
   switch (record->is_modified) {
     case 1:
       TAVRIX_LOG(0, "%s(%d):VFS event close %s was modified \n", __func__, __LINE__, mpath.get());
-      // The agent has always known the end of a change by the type of an open.
+      // An event of type open means the end of a change: the agent relies on it.
       tavrix::record_change(*private_data, mpath.get(), VFSEVENT__OP_TYPE__OPTYPE_OPEN,
                             VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE, tavrix::Stamp::kYes);
       record->is_modified = 0;
@@ -240,7 +241,7 @@ void create_file_postprocess(connection_private_data_s* private_data, const char
 int unlink_preprocess(const char* connectpath, const char* base_name, const char* full_path,
                       connection_private_data_s* private_data, tx_perm_ctx_t** perm_ctx) {
   if (base_name == nullptr) return tavrix::refuse(ENOMEM);
-  // A client that may write a file may delete it: it could empty it as well.
+  // A client that may write a file may delete it, because it could empty it anyway.
   if (!tavrix::is_allowed(connectpath, full_path, FSOP_OPEN_WRITE, *private_data)) {
     return tavrix::refuse();
   }
@@ -269,7 +270,7 @@ int ntimes_file_preprocess(char** full_path, const char* connectpath, const char
 }
 
 void ntimes_file_postprocess(const char* full_path, connection_private_data_s* private_data) {
-  // A change of times is told as an open too.
+  // A change of times is recorded as an open, too.
   tavrix::record_change(*private_data, full_path, VFSEVENT__OP_TYPE__OPTYPE_OPEN,
                         VFSEVENT__FS_ELEM_TYPE__FSELEMTYPE_FILE, tavrix::Stamp::kYes);
   TAVRIX_LOG(10, "%s(%d):wrote VFS event ntimes %s\n", __func__, __LINE__, full_path);

@@ -114,7 +114,7 @@ void readir_postprocess(int* allowed, const char* nlpath, const char* base, char
                         int full_path_size, const char* connectpath,
                         connection_private_data_s* private_data) {
   if (!tavrix::join_entry(base, nlpath, full_path, full_path_size)) {
-    *allowed = TXPERMS_INVALID_ARGS;  // a verdict on a name that was cut would be another object's
+    *allowed = TXPERMS_INVALID_ARGS;  // a cut name is another object's
     return;
   }
   TAVRIX_LOG(1, "Calling check_perms for full_path=[%s] \n", full_path);
@@ -157,7 +157,7 @@ int create_dir_preprocess(int is_delete_access, const char* nlpath, char** full_
   }
   if (!tavrix::stay_root(perm_ctx)) {
     TAVRIX_LOG(0, "%s failed to allocate perm_ctx, full_path=%s\n", __func__, *full_path);
-    return tavrix::refuse(ENOMEM);  // the module tells this failure from a refusal
+    return tavrix::refuse(ENOMEM);  // so the module can tell it from a refusal
   }
   return tavrix::kProceed;
 }
@@ -169,7 +169,7 @@ void create_dir_postprocess(const char* full_path, connection_private_data_s* pr
 int rmdir_preprocess(const char* full_path, const char* connectpath, const char* path,
                      connection_private_data_s* private_data, tx_perm_ctx_t** perm_ctx) {
   TAVRIX_LOG(5, "%s:  full_path=%s path=%s", __func__, full_path, path);
-  // The setting has come to choose what is traced, and nothing else.
+  // The setting selects the traces and nothing else; the decision does not depend on it any more.
   const bool is_forbidden_enabled = tavrix::parameter(PARAM_ENABLE_FORBIDDEN_RMDIR) != 0;
   if (private_data->reserved_user == 0) {
     if (is_forbidden_enabled) {
@@ -184,7 +184,7 @@ int rmdir_preprocess(const char* full_path, const char* connectpath, const char*
     const int verdict =
         vfs_enforce_perms(connectpath, full_path, FSOP_RMDIR, &private_data->groupmap, 0, &is_nav);
     if (is_forbidden_enabled) {
-      // The number is that of making a folder; log filters know it so.
+      // Log filters expect the number of FSOP_MKDIR here, so it is kept.
       TAVRIX_LOG(1, "%s:  calls vfs_enforce_perms op=%d result=%d\n", __func__, FSOP_MKDIR,
                  verdict);
     }

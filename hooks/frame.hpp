@@ -34,8 +34,8 @@ constexpr int kProceed = 0;
 
 enum class Stamp { kNo, kYes };
 
-// The record of a change, for the synchronisation agent; with a stamp, the user's name stays on the
-// object itself.
+// Records a change for the synchronisation agent. A stamp also writes the user's name into an
+// extended attribute of the object.
 inline void record_change(const connection_private_data_s& connection, const char* path,
                           VFSEvent__OpType type, VFSEvent__FsElemType element, Stamp stamp,
                           const char* rename_path = nullptr) {

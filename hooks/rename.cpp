@@ -18,11 +18,12 @@ struct RenameOperations {
   e_fsop_type destination;
 };
 
-// Renaming or moving a file needs the right to write it, as writing elsewhere and deleting would.
+// Renaming or moving a file needs the right to write it: the client could as well write a copy
+// elsewhere and delete this one.
 constexpr RenameOperations kInPlace{FSOP_OPEN_WRITE, FSOP_RENAME_DEST};
 constexpr RenameOperations kMove{FSOP_MOVE_SRC, FSOP_MOVE_DEST};
 
-// The two operations to ask about a folder; none when it may not be renamed at all.
+// The two operations to decide about for a folder; none when it must not be renamed at all.
 std::optional<RenameOperations> folder_operations(const char* source, const char* destination,
                                                   const connection_private_data_s& connection,
                                                   const char* function) {

@@ -7,7 +7,7 @@
 
 int stat_preprocess(connection_private_data_s* private_data, const char* base_name,
                     const char* connectpath, tx_perm_ctx_t** perm_ctx) {
-  // The most frequent question of a client is where a connection notices that its identity changed.
+  // The client's most frequent request, so the connection looks here for a changed identity.
   refresh_credentials(private_data);
   if (base_name == nullptr) {
     TAVRIX_LOG(0, "%s: base_name null\n", __func__);

@@ -37,7 +37,7 @@ TAVRIX_ASSERT_OFFSET(struct staging_data_s, sig, 4);
 
 /* --- the staging buffer --------------------------------------------------------------------- */
 
-#define TAVRIX_STAGING_KEY_PATH "/dev/null" /* first argument of ftok() for both keys */
+#define TAVRIX_STAGING_KEY_PATH "/dev/null" /* first argument of ftok(), for both keys */
 #define TAVRIX_STAGING_BUFFER_KEY_ID 1234
 #define TAVRIX_STAGING_SEMAPHORE_KEY_ID 2345
 

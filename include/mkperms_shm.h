@@ -29,9 +29,7 @@ TAVRIX_BEGIN_DECLS
 #define LISTSIG 0x789A789AU
 #define ACLSIG 0xCDEFCDEFU
 
-#define FSELEM_ROOT_OFFSET                                                                        \
-  0xFFFFFFFFU                           /* parent of a root that the data pass has not marked yet \
-                                         */
+#define FSELEM_ROOT_OFFSET 0xFFFFFFFFU  /* parent of an unfinished root */
 #define FSELEM_ROOT_OFFSET2 0xFFFFFFFEU /* parent of the root of a finished image */
 
 #define FSELEM_FLAG_ROOT 1U          /* the element is the root */

@@ -49,7 +49,7 @@ TAVRIX_API int get_next_perm_table_key(int current);
 /* Makes the other table current and marks the old one, if a map was ever loaded, for removal: it
  * goes when its last reader detaches. */
 TAVRIX_API int swap_maps(unsigned int current);
-/* 0: the initialized flag, or -1. Otherwise sets the flag: 0, or -1. */
+/* With 0, returns the initialized flag, or -1. With any other value, sets it: 0, or -1. */
 TAVRIX_API int map_initialized(int set);
 
 /* The current table, or -1. The first looks the set up afresh; the second, for the loader, reads

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-/* The operation hooks: what a Samba module calls before and after each operation of a client.
+/* The operation hooks: a Samba module calls them before and after each operation of a client.
  *
  * A "preprocess" hook decides; 0 lets the operation go on, -1 with errno refuses it and changes
  * nothing. A "postprocess" hook, called only after the operation succeeded, records it. Call them
@@ -17,7 +17,7 @@
  *
  * `connectpath` is the tree's root, TAVRIX_TREE. `base_name`, `path`, `nlpath` and `fname` are
  * names relative to it, `full_path` is the root, a slash and the name. All strings stay the
- * caller's, and the library keeps none; `char**` is told where a hook makes a new one.
+ * caller's, and the library keeps none; the comment says where a hook makes a new one.
  * `private_data` is the connection's record (tavrix_structs.h).
  *
  * Events and audit records carry private_data->refresh_creds.euid; those of uid 0 and of the
@@ -39,14 +39,15 @@ TAVRIX_BEGIN_DECLS
 
 /* --- connection ----------------------------------------------------------------------------- */
 
-/* When a client connects to the share, as root, after read_tavrix_config(). Fill
+/* Called when a client connects to the share, as root, after read_tavrix_config(). Fill
  * user_name_as_passed_in, reserved_user, config and refresh_creds.euid of a zeroed record before.
  * Adds 1 to `*number_of_connected_users`, which the module lowers itself. `user` is not used.
  * 0; -1 when the permission map's semaphores cannot be had: no user is counted then. */
 TAVRIX_API int connect_preprocess(const char* user, connection_private_data_s* private_data,
                                   int audit_enabled, int* number_of_connected_users);
-/* When the connection ends. Frees the cached verdicts and flushes what the buffers hold. The record
- * stays the module's: free groupmap.gids, pmodify, curr_open_dir and the record itself after. */
+/* Called when the connection ends. Frees the cached verdicts and flushes what the buffers hold. The
+ * record stays the module's: free groupmap.gids, pmodify, curr_open_dir and the record itself
+ * after. */
 TAVRIX_API void disconnect_preprocess(connection_private_data_s* private_data, int audit_enabled);
 
 /* --- files ---------------------------------------------------------------------------------- */
@@ -98,8 +99,8 @@ TAVRIX_API int create_file_preprocess(int write_access_requested, char** full_pa
 /* After a request that made a file: records its creation, with a stamp. */
 TAVRIX_API void create_file_postprocess(connection_private_data_s* private_data,
                                         const char* full_path);
-/* Before a file is deleted: who may write a file may delete it. ENOMEM for a null name. Root on 0.
- */
+/* Before a file is deleted: a client that may write it may delete it. ENOMEM for a null name. Root
+ * on 0. */
 TAVRIX_API int unlink_preprocess(const char* connectpath, const char* base_name,
                                  const char* full_path, connection_private_data_s* private_data,
                                  tx_perm_ctx_t** perm_ctx);

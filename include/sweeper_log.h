@@ -35,7 +35,7 @@ enum log_msg_indx TAVRIX_ENUM_INT {
 };
 typedef enum log_msg_indx log_msg_indx;
 
-/* What a reader of the log shows for the first three indexes. */
+/* The texts that a reader of the log shows for the first three indexes. */
 extern TAVRIX_API const char* const messgage_dictionary[3];
 
 struct sweeper_log_s {

@@ -53,9 +53,9 @@ TAVRIX_ASSERT_OFFSET(struct ritem_s, gid, 4);
 TAVRIX_ASSERT_SIZE(struct uitem_s, 16);
 TAVRIX_ASSERT_OFFSET(struct uitem_s, goffs, 8);
 
-/* Maps the whole file and stores its size. Null when there is no such file, or one of a size that
- * cannot be right. Beware: when the mapping itself fails, the result is all ones (MAP_FAILED) and
- * the size is set; that is how it has always been for its callers. */
+/* Maps the whole file and stores its size. Null without a file, or for a file of an impossible
+ * size. Beware: when the mapping itself fails, the result is all ones (MAP_FAILED) and the size is
+ * set; callers rely on that. */
 TAVRIX_API void* tavrix_mapfile(const char* path, unsigned int* mapsize);
 TAVRIX_API void tavrix_unmap(void* map, unsigned int size);
 

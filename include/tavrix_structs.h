@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-/* What a permission decision is asked and what it answers: operations, verdicts, the caller; and
- * the connection record that keeps a caller's state between hooks. */
+/* The operations, verdicts and callers of permission decisions, and the connection record that
+ * keeps a caller's state between hooks. */
 #ifndef TAVRIX_STRUCTS_H
 #define TAVRIX_STRUCTS_H
 
@@ -89,7 +89,8 @@ TAVRIX_ASSERT_OFFSET(struct process_trustees_s, is_global_map_in_use, 36);
 #define TAVRIX_TLB_FLUSHED 9
 #define TAVRIX_TLB_FLUSH_REQUESTED 21
 
-/* Bit n of word n / 32: operation n has a cached verdict, and it was a grant. */
+/* Bit n % 32 of word n / 32 is operation n: it has a cached verdict, and the verdict was a grant.
+ */
 struct tlb_perms_s {
   uint32_t set[2];
   uint32_t value[2];

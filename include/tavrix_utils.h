@@ -63,7 +63,8 @@ TAVRIX_ASSERT_OFFSET(struct tx_permctx_s, real_gid, 12);
 TAVRIX_API int tavrix_become_root(tx_permctx_s** perm_ctx);
 /* Gives back the user ids of `perm_ctx`, which it does not free. 0 or -1. */
 TAVRIX_API int tavrix_unbecome_root(tx_permctx_s* perm_ctx);
-/* The same with the context's life in the pair: null on failure; freed whatever the result. */
+/* The same pair, which also allocates and frees the context. Null on failure; the second frees it
+ * in every case. */
 TAVRIX_API tx_permctx_s* tavrix_vfs_become_root(void);
 TAVRIX_API int tavrix_vfs_unbecome_root(tx_permctx_s* perm_ctx);
 

@@ -30,10 +30,9 @@ TAVRIX_API int read_tavrix_config(void);
 /* Builds groupmap from refresh_creds.euid and the group list map file. 0, also when there is no
  * such file (no groups then), or -1. */
 TAVRIX_API int reset_groupmap(connection_private_data_s* connection);
-/* Rebuilds the identity and has the verdict cache flushed at its next lookup. `signal` is SIGUSR1.
- */
+/* Rebuilds the identity; the next lookup flushes the verdict cache. `signal` is SIGUSR1. */
 TAVRIX_API void flush_perms_handler(int signal, connection_private_data_s* connection);
-/* The above, when a marker file was touched or the effective user has changed. */
+/* The above, when a refresh file was touched or the effective user has changed. */
 TAVRIX_API void refresh_credentials(connection_private_data_s* connection);
 /* 1 for the account of a computer: its name ends in "$". */
 TAVRIX_API int is_computer_name(const char* user_name);
@@ -95,9 +94,9 @@ TAVRIX_API int is_deleteable(const char* path_to_delete);
 
 extern TAVRIX_API pattern_buf_s g_tavrix_pattern_buf;
 
-/* Loads the pattern file of the settings; once a process, at its start. -1 when there is none that
- * can be read; no other result means anything. At most 256 lines; an empty line matches every name.
- */
+/* Loads the pattern file of the settings; call it once, when the process starts. -1 without a
+ * readable file; no other result means anything. At most 256 lines; an empty line matches every
+ * name. */
 TAVRIX_API int read_and_compile_patterns(void);
 /* 1 when a pattern matches. */
 TAVRIX_API int is_deletable_file(const char* fname);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Assertions that are part of the contract: active in every build, with a condition text of ours.
+// Assertions that are part of the contract: they are active in every build and print a fixed text.
 #pragma once
 
 // The C library's own reporter: "program: file:line: function: Assertion `text' failed.", then
@@ -7,7 +7,7 @@
 extern "C" void __assert_fail(const char* text, const char* file, unsigned int line,
                               const char* function) noexcept __attribute__((noreturn));
 
-// Other programs and operators know these aborts by their text, so it is given apart from the code.
+// Programs and operators recognise these aborts by the text, so it does not follow the code.
 #define TAVRIX_REQUIRE(condition, text)              \
   (__builtin_expect(static_cast<bool>(condition), 1) \
        ? static_cast<void>(0)                        \

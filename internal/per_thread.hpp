@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// One object of a type for each thread, made when the thread first wants it.
+// One object of a type for each thread, made at the thread's first use.
 //
 // Not thread_local: servers load this library at run time, and a thread that cannot get the memory
 // for its thread-local variables ends the process. Here it gets no object, and does without.
@@ -35,10 +35,10 @@ class PerThread {
   static_assert(std::is_trivially_destructible_v<Object>);
 
   static void make_key() noexcept {
-    static_cast<void>(&forget);  // makes it part of the library
+    static_cast<void>(&forget);  // a use, so that the compiler emits it
     has_key_ = pthread_key_create(&key_, &unmap) == 0;
   }
-  // From the kernel, in pages that cost nothing until they are touched.
+  // The memory comes from the kernel, in pages that cost nothing until they are touched.
   static Object* make() noexcept {
     void* block =
         mmap(nullptr, sizeof(Object), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -53,8 +53,8 @@ class PerThread {
     if (block != nullptr) munmap(block, sizeof(Object));
   }
 
-  // Before the library is unloaded: threads that end later must not come back to it. What they have
-  // stays theirs.
+  // Runs before the library is unloaded: a thread that ends later must not call into it. The memory
+  // of other threads stays allocated.
   [[gnu::destructor]] static void forget() noexcept {
     if (!has_key_) return;
     unmap(pthread_getspecific(key_));

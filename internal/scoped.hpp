@@ -13,7 +13,7 @@
 
 namespace tavrix {
 
-// Gives errno back at the end of a scope whose own calls must not disturb it.
+// Restores errno at the end of a scope, whatever the calls in between do to it.
 class ErrnoKeeper {
  public:
   ErrnoKeeper() noexcept : saved_(errno) {}
@@ -25,7 +25,7 @@ class ErrnoKeeper {
   int saved_;
 };
 
-// One handle; "none" is the failure value of the call that makes such handles.
+// Owns one handle; "none" is the failure value of the call that makes such handles.
 template <typename Traits>
 class [[nodiscard]] Scoped {
  public:
@@ -83,13 +83,12 @@ struct FreeDeleter {
     std::free(block);
   }
 };
-// A block that came from malloc: a string handed over the C boundary, a record, a buffer.
+// Owns a block from malloc(): a string that crosses the C boundary, a record, a buffer.
 template <typename T>
 using Malloced = std::unique_ptr<T, FreeDeleter>;
 using CString = Malloced<char>;
 
-// One zeroed record. Not calloc(), which goes past the C library's per-thread cache of small
-// blocks.
+// One zeroed record. calloc() would bypass the C library's per-thread cache of small blocks.
 template <typename T>
 [[nodiscard]] T* malloc_zeroed() noexcept {
   void* block = std::malloc(sizeof(T));

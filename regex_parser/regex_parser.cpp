@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// File names against POSIX extended regular expressions.
+// Matches file names against POSIX extended regular expressions.
 
 #include "regex_parser.h"
 
@@ -37,7 +37,7 @@ e_regex_matchres match_regex_string(const char* pattern, const char* strng) {
   if (pattern == nullptr) TAVRIX_LOG(0, "Pattern is null");
   if (strng == nullptr) TAVRIX_LOG(0, "String is null");
   if (pattern == nullptr || strng == nullptr) return REGEX_ERROR;
-  // The holder outlives the call, as it always has; what it holds does not.
+  // The block is never freed, on purpose; regfree() frees what it refers to.
   auto* compiled = tavrix::malloc_zeroed<regex_t>();
   if (compiled == nullptr) return REGEX_ERROR;
   const e_regex_matchres result =

@@ -24,7 +24,7 @@ const char* const messgage_dictionary[3] = {
 namespace tavrix {
 namespace {
 
-// What the line needs beside the time and the message: numbers, commas and the newline.
+// Room for the rest of a line beside the time and the message: numbers, commas and the newline.
 constexpr std::size_t kRoomForNumbers = 32;
 
 struct CloseLog {
@@ -35,8 +35,8 @@ struct CloseLog {
 };
 using OpenLog = std::unique_ptr<sweeper_log, CloseLog>;
 
-// The text without a newline at its end. The test has always looked at the NUL instead of the byte
-// before it, so a newline stays: readers of the log count on it, and callers pass none.
+// A copy of the text. The check for a newline looks at the NUL instead of the byte before it, so a
+// newline at the end stays. Readers of the log rely on that, and the library's callers pass none.
 CString trimmed_copy(const char* txt) {
   CString copy(strdup(txt));
   if (copy == nullptr) return copy;
@@ -45,10 +45,10 @@ CString trimmed_copy(const char* txt) {
   return copy;
 }
 
-// ctime() in the caller's buffer, without its newline.
+// The text of ctime() without its newline.
 struct TimeText {
   char text[32] = "";
-  std::size_t ctime_length = 0;  // its newline included
+  std::size_t ctime_length = 0;  // with its newline
 };
 
 TimeText time_text(time_t now) {
@@ -86,7 +86,7 @@ void close_sweeper_log(sweeper_log* log) {
     return;
   }
   if (log->fp != nullptr) std::fclose(log->fp);
-  log->fp = nullptr;  // a handle closed twice is harmless
+  log->fp = nullptr;  // a second close is harmless
 }
 
 int create_sweeperlog_msg(unsigned int severity, const char* txt, int indx, char** message,
@@ -129,7 +129,7 @@ int write_sweeper_log(sweeper_log* log, size_t len, const char* message) {
     TAVRIX_LOG(0, "sweeper: Null message. Nothing to write");
     return -1;
   }
-  // The stream is flushed here, where a full disk can still be told.
+  // Flush here: after the close a full disk could not be reported any more.
   if (std::fputs(message, log->fp) == EOF || std::fflush(log->fp) != 0) {
     TAVRIX_LOG(0, "sweeper: Write to log file failed %s", strerror(errno));
     return -1;

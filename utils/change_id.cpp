@@ -13,7 +13,8 @@ constexpr uid_t kNobodySaved = static_cast<uid_t>(-1);
 
 uid_t save_uid = kNobodySaved;
 gid_t save_gid = kNobodySaved;
-// The saved gid is the real or the saved one too, so that an unprivileged process may take it back.
+// The effective group before the switch is the real or the saved one too, so a process without
+// privilege may take it back.
 bool gid_needs_no_privilege = false;
 
 void become_root() {
@@ -24,17 +25,17 @@ void become_root() {
   if (getresuid(&real_uid, &save_uid, &saved_uid) != 0) save_uid = geteuid();
   if (getresgid(&real_gid, &save_gid, &saved_gid) != 0) save_gid = getegid();
   gid_needs_no_privilege = save_gid == real_gid || save_gid == saved_gid;
-  // The user first: only the superuser may take any group.
+  // The user goes first, because only the superuser may take any group.
   if (save_uid != 0) static_cast<void>(seteuid(0));
   if (save_gid != 0) static_cast<void>(setegid(0));
 }
 
 void require_group() { TAVRIX_REQUIRE(setegid(save_gid) == 0, "setegid(save_gid) == 0"); }
 
-// The user first, then the group. In a Samba server process that order cannot succeed: its real and
-// saved gids are 0, and the right to take the client's gid goes away with the uid. There the group
-// goes back while the process is still the superuser. A process that keeps the superuser's user or
-// group would serve its client as that: it ends.
+// Gives back the user first, then the group. In a Samba server process that order fails: its real
+// and saved gids are 0, and the right to take the client's gid goes with the uid. There the group
+// goes back first, while the process is still the superuser. A process that cannot give back either
+// of them ends, because it would serve its client with the superuser's rights.
 void give_back() {
   const bool group_first = save_uid != 0 && save_gid != 0 && !gid_needs_no_privilege;
   if (group_first) require_group();

@@ -20,7 +20,7 @@ constexpr int kTraceLevel = 4;
 
 bool is_extended(char byte) noexcept { return static_cast<signed char>(byte) < 0; }
 
-// At least one of the two is extended.
+// Expects at least one extended byte.
 int compare_extended(char a, char b) noexcept {
   if (!is_extended(a)) return kSortsFirst;
   return is_extended(b) ? kUndecidable : kSortsLast;
@@ -28,7 +28,7 @@ int compare_extended(char a, char b) noexcept {
 
 int compare_ascii(char a, char b) noexcept {
   if (a == b) return kEqual;
-  // The table behind toupper(), without a call for each byte.
+  // Reads the table behind toupper(), to save a call for each byte.
   const auto* upper = *__ctype_toupper_loc();
   const auto fold = [upper](char byte) {
     return static_cast<signed char>(upper[static_cast<unsigned char>(byte)]);
@@ -39,7 +39,7 @@ int compare_ascii(char a, char b) noexcept {
   return folded_a > folded_b ? kSortsLast : kSortsFirst;
 }
 
-// What the members of the family tell about their way; the first one is silent.
+// The traces of the comparisons below; the first comparison writes none.
 struct Silent {
   static void extended() noexcept {}
   static void differ(int /*order*/, char /*a*/, char /*b*/) noexcept {}
@@ -56,7 +56,7 @@ struct TracedBounded {
   }
 };
 
-// The unbounded member misspells its texts; log filters know them so.
+// The unbounded comparison misspells its texts; log filters expect that.
 struct TracedWhole {
   static void extended() { TAVRIX_LOG(kTraceLevel, "Extended character detected"); }
   static void differ(int order, char a, char b) {
@@ -68,7 +68,7 @@ struct TracedWhole {
   }
 };
 
-// Two bytes at the same place, neither of them an end.
+// Compares two bytes at the same place; neither is the end of a name.
 template <typename Trace>
 int compare_place(char a, char b) {
   if (is_extended(a) || is_extended(b)) {
@@ -80,7 +80,7 @@ int compare_place(char a, char b) {
   return order;
 }
 
-// Both names to their ends.
+// Compares both names to their ends.
 template <typename Trace>
 int compare_whole(const char* a, const char* b) {
   for (; *a != '\0' && *b != '\0'; ++a, ++b) {
@@ -107,9 +107,8 @@ int tavrix_strncasecmp(const char* a, const char* b, int n) {
   return tavrix::kEqual;
 }
 
-// Programs outside the library call this with a mark in the first byte of both names, so it is not
-// compared, and rely on 0 for a missing b. An empty `a` has no second byte and must not be passed;
-// that of `b` is not read.
+// Skips the first byte of both names: programs outside the library keep a mark there. They also
+// rely on 0 for a missing b. Do not pass an empty `a`; an empty `b` is never read beyond its end.
 int tavrix_strcasecmp(const char* a, const char* b) {
   if (b == nullptr) return tavrix::kEqual;
   const char* rest_of_b = *b == '\0' ? b : b + 1;

@@ -76,7 +76,8 @@ int create_config_buffer(void) {
                __func__, error, strerror(error));
     if (error != EEXIST || has_retried) return -1;
 
-    // One stale block of an earlier run is taken away; a second one is a rival's.
+    // The first block that is in the way is left over from an earlier run and is removed. A second
+    // one belongs to a rival.
     TAVRIX_LOG(0,
                "%s: cannot create shared memory for global param error_no=%d error_sz=%s will "
                "remove and retry",

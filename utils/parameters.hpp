@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// This process's settings, for code that may run before a block is attached: then they are zero.
+// The settings of this process. Before a block is attached they are zero.
 #pragma once
 
 #include "parameter_block.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Lexical path names: nothing here looks at a file.
+// Path names as text: nothing here looks at a file.
 
 #include <cerrno>
 #include <cstdlib>
@@ -14,8 +14,8 @@
 namespace tavrix {
 namespace {
 
-// The canonical spelling under construction, in a buffer as large as the path it is made from: no
-// step makes it longer than what was read so far.
+// A canonical path under construction. Its buffer is as large as the original path: no step makes
+// it longer than the part that was read.
 class CanonicalPath {
  public:
   CanonicalPath(char* buffer, bool is_absolute) noexcept : buffer_(buffer), start_(is_absolute) {
@@ -62,7 +62,7 @@ class CanonicalPath {
   }
 
   char* buffer_;
-  std::size_t start_;  // bytes that are never cut off: the "/" of an absolute path
+  std::size_t start_;  // length of the part that stays: the "/" of an absolute path
   std::size_t length_ = 0;
 };
 
@@ -81,7 +81,7 @@ char* copy_of_start(const char* path, std::size_t whole, std::size_t length) noe
 char* normalize_path(const char* path) {
   if (path == nullptr) return nullptr;
   const std::size_t length = std::strlen(path);
-  // Zeroed through malloc, not calloc: see malloc_zeroed().
+  // malloc() and memset() instead of calloc(): see malloc_zeroed().
   tavrix::CString result(static_cast<char*>(std::malloc(length + 1)));
   if (result == nullptr) {
     errno = ENOMEM;
@@ -143,8 +143,8 @@ char* get_full_path(const char* folder, const char* path) {
   return full;
 }
 
-// The search for the last component stops at the second character, so that a lone "ab/" yields "b";
-// callers pass paths that begin with "/".
+// Searches backwards, but never looks at the first character, so "ab/" yields "b". Callers pass
+// paths that begin with "/".
 char* child_from_path(const char* path) {
   if (path == nullptr) return nullptr;
   const std::string_view text(path);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The superuser's user ids, and the way back from them.
+// Takes the superuser's user ids and gives them back.
 
 #include <unistd.h>
 #include <cerrno>
@@ -28,7 +28,7 @@ int tavrix_become_root(tx_permctx_s** perm_ctx) {
     TAVRIX_LOG(0, "getresgid failed. Cannot change to root");
     return -1;
   }
-  // The saved id stays: it keeps the way back.
+  // The saved id stays, because it allows the way back.
   if (setresuid(0, 0, static_cast<uid_t>(-1)) != 0) {
     TAVRIX_LOG(0, "setresuid failed. Cannot change to root");
     return -1;

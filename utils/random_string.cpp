@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Names that differ, for files that several processes make at once.
+// Random texts for the names of files that several processes make at once.
 
 #include <cstdlib>
 
@@ -8,8 +8,8 @@
 namespace tavrix {
 namespace {
 
-// Sixty-four characters, so that six random bits choose one. The last one has always been a
-// semicolon; names that hold one exist.
+// Sixty-four characters, so that six random bits choose one. Names with the semicolon exist on
+// appliances, so it stays.
 constexpr char kAlphabet[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+;";
 static_assert(sizeof kAlphabet == 64 + 1);
 

@@ -3,7 +3,7 @@
 
 #include "tavrix_vfs_utils.h"
 
-// Set once by the module, read for every event.
+// The module sets it once; every event reads it.
 uid_t reserved_user_uid = static_cast<uid_t>(-1);
 
 void set_reserved_user_uid(uid_t uid) { reserved_user_uid = uid; }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Samba's Unicode-aware comparison of names, taken from its library at run time.
+// Samba's Unicode-aware comparison of names, loaded from its library at run time.
 
 #include <dlfcn.h>
 #include <algorithm>
@@ -19,14 +19,14 @@ using Comparison = int (*)(const char*, const char*, size_t);
 
 void* samba_lib_handle = nullptr;  // kept for the life of the process
 
-// Every message and exit of a missing routine goes through here: no comparison may silently become
-// one of bytes, for it would grant or refuse by another name than the client sees.
+// Ends a process that cannot load the routine. A comparison of bytes in its place would grant or
+// refuse by another name than the client sees.
 [[noreturn]] void give_up() {
   if (samba_lib_handle != nullptr) dlclose(samba_lib_handle);
   std::exit(EXIT_FAILURE);
 }
 
-// Looked up afresh on each call; null with the loader's text in `*error`.
+// Looks the routine up on each call. On failure returns null, with the loader's text in `*error`.
 Comparison find_comparison(const char** error) {
   init_samba_lib_handle();
   dlerror();
@@ -54,7 +54,7 @@ int strcasecmp_m_wrapper(const char* a, const char* b) {
     TAVRIX_LOG(0, "Failed to find samba strcasecmp_m pointer : %s", error == nullptr ? "" : error);
     tavrix::give_up();
   }
-  // The routine takes a length; the longer name's covers both.
+  // The routine takes one length; the longer name's covers both.
   return comparison(a, b, std::max(std::strlen(a), std::strlen(b)));
 }
 

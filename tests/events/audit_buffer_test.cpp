@@ -186,8 +186,7 @@ TEST_F(AuditBuffer, RunsAsRootForAUserAndGivesItBack) {
   EXPECT_EQ(Payloads{"one"}, dumped());
 }
 
-// --- every error path
-// ------------------------------------------------------------------------------
+// --- every error path ----------------------------------------------------------------------------
 
 TEST_F(AuditBuffer, NeedsItsFolder) {
   append("one");

@@ -233,8 +233,7 @@ TEST_F(HookDecisions, RefuseEverythingWithoutAMap) {
   });
 }
 
-// --- every error path
-// ------------------------------------------------------------------------------
+// --- every error path ----------------------------------------------------------------------------
 
 constexpr int kNeverCameToThat = 42;
 

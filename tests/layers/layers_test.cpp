@@ -445,7 +445,7 @@ TEST(LayerState, StandsInTheTable) {
     seen.insert(name);
     ASSERT_TRUE(places.contains(name))
         << symbol.file << ": " << symbol.name << " " << symbol.section;
-    // What a header holds is seen in whoever includes it.
+    // State in a header appears in every object that includes it.
     if (places[name].ends_with(".hpp")) continue;
     EXPECT_EQ(places[name], symbol.file) << symbol.name;
   }

@@ -329,8 +329,7 @@ TEST_F(MapSafety, ALookThatFailsNeverResetsTheSet) {
   }
 }
 
-// --- faults around the swap
-// -----------------------------------------------------------------------
+// --- faults around the swap ----------------------------------------------------------------------
 
 TEST_F(MapSafety, APublishThatFailsLeavesTheCopyOfTheCurrentMap) {
   hand_over(team());

@@ -27,7 +27,7 @@ void hold_or_give_up(StagingHold& hold) {
   }
 }
 
-// The header of a damaged buffer points outside it: what it held is lost.
+// Gives up when the header points outside the buffer: the records of a damaged buffer are lost.
 void require_sound_header(const staging_buffer_s& buffer, uint32_t length) {
   const auto size = static_cast<uint64_t>(staging_segment_size());
   const uint64_t offset = buffer.next_offset;
@@ -39,7 +39,7 @@ void require_sound_header(const staging_buffer_s& buffer, uint32_t length) {
 
 enum class Append { kDone, kNoBuffer, kFull };
 
-// One attempt, with the semaphore held for as long as the buffer is looked at.
+// One attempt to append; holds the semaphore while it looks at the buffer.
 Append try_append(const staging_data_s& record, uint32_t length, int threshold) {
   StagingHold hold;
   hold_or_give_up(hold);
@@ -48,7 +48,7 @@ Append try_append(const staging_data_s& record, uint32_t length, int threshold) 
     TAVRIX_LOG(0, "cannot access the staging buffer. errno = %d(%s)", errno, strerror(errno));
     return Append::kNoBuffer;
   }
-  // Signed, and around the end of the type, as all users of the buffer compare.
+  // The comparison is signed and may wrap, as in every program that uses the buffer.
   if (static_cast<int32_t>(buffer->next_offset + length) >= threshold) {
     hold.release();
     TAVRIX_LOG(0, "Write thrshld Exceeded. offset:%d size:%d thrsh:%d",
@@ -56,7 +56,8 @@ Append try_append(const staging_data_s& record, uint32_t length, int threshold) 
     return Append::kFull;
   }
   if (record.sig != STAGING_DATA_SIGNATURE) {
-    // Stored all the same: the agent reports a record that it cannot read, a missing one nobody.
+    // Store it anyway: the agent reports a record that it cannot read, but nobody reports a missing
+    // one.
     TAVRIX_LOG(0, "writing a buffer without a proper signature");
   }
   require_sound_header(*buffer, length);

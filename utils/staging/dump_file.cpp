@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Dump files: how they are named and written.
+// The names of dump files, and the writing of their bytes.
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -15,7 +15,8 @@
 namespace tavrix {
 namespace {
 
-constexpr std::size_t kNameSize = 256;  // longer names are cut: the agent's table has no more room
+constexpr std::size_t kNameSize =
+    256;  // the agent's table has no room for more; longer names are cut
 
 constexpr std::size_t kRandomSuffix = 8;  // the NUL included
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // The flush: from the staging buffer to a dump file that the synchronisation agent picks up.
 //
-// The records are on the disk before the buffer is emptied, and a dump file has its name only when
-// it is whole. What cannot be kept so is a loss of events, which the agent must hear of.
+// The records are on the disk before the buffer is emptied, and a dump file gets its name only when
+// it is whole. Where that fails, events are lost, and the agent must be told.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,7 +49,7 @@ bool is_folder(const char* path) {
 
 enum class Step { kFinished, kRetry, kError };
 
-// One attempt, with everything that it opens; the error it ends with is told to its maker.
+// One attempt to flush; owns what it opens. `error()` and `message()` say why it failed.
 class FlushAttempt {
  public:
   FlushAttempt(FB_CTX ctx, int number) noexcept
@@ -76,7 +76,7 @@ class FlushAttempt {
   [[nodiscard]] const char* message() const noexcept { return message_; }
 
  private:
-  // Nothing when the semaphore is held.
+  // Returns nothing once the semaphore is held.
   std::optional<Step> take_semaphore() {
     int cause = 0;
     while (!hold_.acquire(cause)) {
@@ -112,7 +112,7 @@ class FlushAttempt {
     if (!has_work(buffer)) return Step::kFinished;
     const int size = parameter(PARAM_STAGING_BUFFER_SIZE);
     const uint32_t end = buffer.next_offset;
-    // An end before the records is as broken as one behind the segment.
+    // An end before the first record is as wrong as one behind the segment.
     if (size < 0 || end > static_cast<uint32_t>(size) || end < kEmptyStagingBuffer) {
       return fail(FB_ERR_STAGING_BUFFER_OVERFLOW,
                   "Event buffer overflow detected buf->nxt_offset:%d, bufsz:%d\n",
@@ -128,7 +128,7 @@ class FlushAttempt {
       return fail(FB_ERR_FDATASYNC_FAILED, "staging buffer fdatasync error. errno = %d(%s)\n",
                   errno, strerror(errno));
     }
-    // Through this attachment, whose pages are there, not through another one.
+    // Uses this attachment because its pages are mapped already.
     empty_used_part(buffer, static_cast<std::size_t>(size));
     mark_.clear();
     hold_.release();
@@ -140,7 +140,7 @@ class FlushAttempt {
     return Step::kFinished;
   }
 
-  // Nothing when the flush goes on.
+  // Returns nothing when the flush may go on.
   std::optional<Step> set_mark(std::span<const std::byte> records) {
     const auto before = mark_.set(dir_, temp_.name(), records);
     if (before == FlushMark::Before::kUnsettled && may_retry_) return Step::kRetry;
@@ -197,8 +197,8 @@ class FlushAttempt {
   bool may_retry_;
   const char* dir_;
   CString dump_name_;
-  // On a failure the file goes first, then its mark, and the semaphore last: a file with records
-  // and without a mark would be taken for one that alone has them.
+  // The order of members matters: on a failure the file goes first, then its mark, then the
+  // semaphore. A file with records but without a mark would be taken for their only copy.
   StagingHold hold_;
   FlushMark mark_;
   TempDump temp_;
@@ -206,7 +206,7 @@ class FlushAttempt {
   char message_[1024] = "";
 };
 
-// Ends the process when the context cannot live with the error.
+// Ends the process when the error is fatal in the context.
 int handle_error(FB_CTX ctx, FB_ERR error, const char* message) {
   TAVRIX_LOG(0, "FSB: %s in ctx %s", message, context_name(ctx));
   if (fb_err_disp(ctx, error) == 1) {
@@ -242,13 +242,13 @@ int flush_staging_buffer(FB_CTX ctx) {
           std::memcpy(message, attempt.message(), sizeof message);
       }
     }
-    // The semaphore, the buffer and the temporary file are given back by now.
+    // The attempt is gone, and with it the semaphore, the buffer and the temporary file.
     return tavrix::handle_error(ctx, error, message);
   }
 }
 
-// The sweeper and a writer must not go on without the buffer; a client that leaves may, for a later
-// flush finds the events. An event that was taken out and not stored is lost for everybody.
+// The sweeper and a writer must not go on without the buffer. A client that leaves may, because a
+// later flush finds the events; from the overflow on, an error means that events may be lost.
 int fb_err_disp(FB_CTX ctx, FB_ERR err) {
   if (err == FB_OK) return 0;
   switch (ctx) {

@@ -53,7 +53,7 @@ int write_sync_off(void) {
     return error;
   }
   TAVRIX_LOG(0, "%s file created.", TAVRIX_SYNC_OFF_PATH);
-  // That the file is there is the message; what it holds is for people.
+  // The agent looks only for the file; the text is for people.
   static_cast<void>(write(file.get(), tavrix::kSyncOffText.data(), tavrix::kSyncOffText.size()) <
                     0);
   tavrix::sync_file(file.get());
@@ -73,7 +73,8 @@ int mark_event_db_as_rescan_needed(const char* reason) {
   if (write(file.get(), text, size) != static_cast<ssize_t>(size)) {
     TAVRIX_LOG(0, "Cannot write event status file '%s' to mark rescan needed (-1). errno = %d(%s)",
                TAVRIX_RESCAN_PATH, errno, strerror(errno));
-    // Kept open: on some disks a close would drop the error that the next caller has to see.
+    // The file stays open: on some disks a close would drop the error that the next caller must
+    // see.
     static_cast<void>(file.release());
     return -1;
   }

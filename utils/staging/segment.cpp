@@ -124,8 +124,8 @@ void put_eventstore_staging_buffer(staging_buffer_s* buffer) {
 }
 
 int remove_staging_buffers(void) {
-  // The size that the first appliances had, whatever the setting says now; a smaller segment is not
-  // found and stays. The sweeper's own check of what was removed counts on it.
+  // The first appliances' size, whatever the setting says now. A smaller segment is not found and
+  // stays; the sweeper's own check after the removal relies on that.
   constexpr std::size_t kLookedUpSize = 20800;
   const key_t key = tavrix::buffer_key();
   if (key == -1) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The semaphore that excludes the users of the staging buffer from one another. It is looked up
-// afresh on every call, so that a sweeper may make it anew.
+// The semaphore of the staging buffer: one process at a time uses the buffer. Every call looks it
+// up afresh, so that a sweeper may replace it.
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -37,7 +37,7 @@ int change(int semid, short delta) {
 
 }  // namespace tavrix
 
-// The message of a failed System V call, with the key that names the semaphore to ipcs(1).
+// Reports a failed System V call with the semaphore's key, as ipcs(1) shows it.
 #define TAVRIX_LOG_CALL_FAILED(call, key)                                                         \
   TAVRIX_LOG(0, call " failed for semakey:0x%x errno = %d:%s", static_cast<unsigned>(key), errno, \
              strerror(errno))

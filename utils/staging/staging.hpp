@@ -14,7 +14,7 @@
 #include "logging.h"
 #include "utils/parameters.hpp"
 
-// For operators, beside the messages that other programs know, which are all informational.
+// A message for operators. The library's other messages are informational, and programs match them.
 #define TAVRIX_LOG_ERROR(format, ...) \
   (tavrix_debug_level() >= 0 ? ::syslog(LOG_ERR, format __VA_OPT__(, ) __VA_ARGS__) : void())
 
@@ -32,10 +32,10 @@ constexpr uint32_t kEmptyStagingBuffer = sizeof(staging_buffer_s);  // its next_
       int64_t{parameter(PARAM_STAGING_BUFFER_SIZE)} * share / 100, INT_MIN, INT_MAX));
 }
 
-// Between tries of a semaphore call that has no limit of tries. The first ones follow at once,
-// because what makes a call fail is most often over by then; an error that stays must not keep a
-// processor busy and fill the log, so later tries come once a second, and once a minute an operator
-// hears.
+// The pauses between attempts at a semaphore call that is repeated until it succeeds. The first
+// attempts follow at once, because most causes pass quickly. An error that stays must not keep a
+// processor busy or fill the log, so later attempts come once a second, with a message to the
+// operator once a minute.
 class StagingRetries {
  public:
   void pause(const char* call, int error) noexcept {
@@ -53,7 +53,7 @@ class StagingRetries {
   long tries_ = 0;
 };
 
-// Gives the semaphore back, however often that takes: every other process waits for it.
+// Gives the semaphore back, with as many attempts as that takes: every other process waits for it.
 inline void post_staging_semaphore_until_done() noexcept {
   StagingRetries retries;
   while (post_eventstore_semaphore() != 0) {
@@ -63,7 +63,7 @@ inline void post_staging_semaphore_until_done() noexcept {
   }
 }
 
-// The staging semaphore, taken and given back.
+// Holds the staging semaphore for a scope.
 class [[nodiscard]] StagingHold {
  public:
   StagingHold() noexcept = default;
@@ -71,7 +71,7 @@ class [[nodiscard]] StagingHold {
   StagingHold(const StagingHold&) = delete;
   StagingHold& operator=(const StagingHold&) = delete;
 
-  // false with the cause: ENOENT is a missing semaphore, EINTR a signal.
+  // On failure returns false with the cause: ENOENT for a missing semaphore, EINTR for a signal.
   [[nodiscard]] bool acquire(int& cause) noexcept {
     held_ = wait_eventstore_semaphore(&cause) == 0;
     return held_;
@@ -85,7 +85,7 @@ class [[nodiscard]] StagingHold {
   bool held_ = false;
 };
 
-// The staging buffer, attached and detached.
+// Detaches the staging buffer at the end of a scope.
 class [[nodiscard]] StagingAttachment {
  public:
   explicit StagingAttachment(staging_buffer_s* buffer = nullptr) noexcept : buffer_(buffer) {}
@@ -104,19 +104,18 @@ class [[nodiscard]] StagingAttachment {
 // The size of the segment by the settings of this moment.
 [[nodiscard]] std::size_t staging_segment_size() noexcept;
 
-// Count and offset change in one store: whoever dies before or after it leaves a buffer that the
-// next one can use, with a record that is wholly in it or not at all.
+// Changes count and offset in one store. A process that dies before or after it leaves a usable
+// buffer, with the record wholly in it or not at all.
 void store_staging_head(staging_buffer_s& buffer, uint32_t num_records,
                         uint32_t next_offset) noexcept;
 
-// Empties an attached buffer of that size; the caller holds the semaphore. The second writes to
-// what was used only, for every writer waits meanwhile: afterwards the whole buffer is zero if it
-// was behind its records, but for what a writer left there that was killed while it copied its
-// record.
+// Both empty an attached buffer of that size; the caller holds the semaphore. The second one clears
+// only the used part, because every writer waits meanwhile. It also clears the bytes that a writer
+// left behind the last record when it was killed during its copy.
 void empty_staging_buffer(staging_buffer_s& buffer, std::size_t size) noexcept;
 void empty_used_part(staging_buffer_s& buffer, std::size_t size) noexcept;
 
-// Events are lost: tells the synchronisation agent, and ends the process.
+// Tells the synchronisation agent that events are lost, and ends the process.
 [[noreturn]] void give_up_events() noexcept;
 
 }  // namespace tavrix

@@ -174,8 +174,7 @@ TEST_F(SharedDecision, TheTypeMayBeTold) {
   });
 }
 
-// --- the whole, against the table of rules
-// --------------------------------------------------------
+// --- the whole, against the table of rules -------------------------------------------------------
 
 TEST_F(SharedDecision, IsTheRuleForEveryOperationAndPairOfMasks) {
   make_folder("Shared/Team/Sub");

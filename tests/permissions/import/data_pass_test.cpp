@@ -170,8 +170,7 @@ TEST_F(DataPass, FreesEverythingWhateverComes) {
   }
 }
 
-// --- documents that end the process
-// ---------------------------------------------------------------
+// --- documents that end the process --------------------------------------------------------------
 
 struct Broken {
   const char* condition;
@@ -229,8 +228,7 @@ TEST_F(DataPass, EndsTheProcessBeforeItLeavesTheImage) {
   EXPECT_TRUE(outcome.aborted_with("record lies inside the image")) << outcome.err;
 }
 
-// --- every event in every state
-// -------------------------------------------------------------------
+// --- every event in every state ------------------------------------------------------------------
 
 // What an event does to a stack with one element of that state on top, told apart from the code.
 enum class Answer { kPush, kNothing, kCancel, kAbort, kOther };

@@ -168,8 +168,7 @@ TEST_F(Flush, SyncsTheFileBeforeItsNameAndTheFolderAfter) {
   EXPECT_EQ(1, calls("rename"));
 }
 
-// --- what an error means in a context
-// -------------------------------------------------------------
+// --- what an error means in a context ------------------------------------------------------------
 
 TEST(FlushErrors, AreFatalByContext) {
   for (int error = 1; error <= 10; ++error) {
@@ -182,8 +181,7 @@ TEST(FlushErrors, AreFatalByContext) {
   for (const FB_CTX ctx : kContexts) EXPECT_EQ(0, fb_err_disp(ctx, FB_OK));
 }
 
-// --- every error path
-// ------------------------------------------------------------------------------
+// --- every error path ----------------------------------------------------------------------------
 
 struct Failure {
   const char* name;
@@ -367,8 +365,7 @@ TEST_F(Flush, SurvivesATimersStorm) {
   EXPECT_FALSE(exists(kSyncOff));
 }
 
-// --- names, strings, writes
-// -----------------------------------------------------------------------
+// --- names, strings, writes ----------------------------------------------------------------------
 
 TEST(DumpName, ReplacesAMissingFolder) {
   const CString name([] {
@@ -405,8 +402,7 @@ TEST(WriteAll, WritesNothingAndEverything) {
                attempt));
 }
 
-// --- a flusher that was killed before
-// -------------------------------------------------------------
+// --- a flusher that was killed before ------------------------------------------------------------
 
 class KilledFlush : public Flush {
  protected:
@@ -477,8 +473,7 @@ TEST_F(KilledFlush, IsTriedAgainWhenItsFileCannotBeLookedAt) {
   EXPECT_FALSE(exists(kLeft));
 }
 
-// --- the markers
-// ----------------------------------------------------------------------------------
+// --- the markers ---------------------------------------------------------------------------------
 
 class EventMarkers : public Isolated {};
 
