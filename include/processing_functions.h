@@ -52,13 +52,13 @@ TAVRIX_API void disconnect_preprocess(connection_private_data_s* private_data, i
 
 /* --- files ---------------------------------------------------------------------------------- */
 
-/* open_preprocess() of a null base_name: nothing was asked. */
+/* The result of open_preprocess() for a null base_name: it decided nothing. */
 #define TAVRIX_OPEN_WITHOUT_A_NAME 12
 
 /* Before a file is opened. Not root.
  * `*open_mode`  in: what is wanted, from mode2tavrixmode(). Out: OPENMODE_WRITE where it was
  *               OPENMODE_CREATE or OPENMODE_CHATTR.
- * `*op`         out: the operation that was asked.
+ * `*op`         out: the operation that was decided.
  * `*full_path`  in: the file's full path; not changed.
  * `*newly_created_file`  in: 0. Out: 1 when there is no such file; hand it to open_postprocess().
  * `*st`         out: the file as root sees it; zeroed when there is none.
@@ -104,14 +104,14 @@ TAVRIX_API void create_file_postprocess(connection_private_data_s* private_data,
 TAVRIX_API int unlink_preprocess(const char* connectpath, const char* base_name,
                                  const char* full_path, connection_private_data_s* private_data,
                                  tx_perm_ctx_t** perm_ctx);
-/* After it: records it. */
+/* After a file was deleted: records the deletion. */
 TAVRIX_API void unlink_postprocess(const char* full_path, connection_private_data_s* private_data);
 /* Before a file's times are set; nothing is decided. ENOMEM without a name or memory. Root on 0,
  * unless root cannot be had, which is only logged.
  * `*full_path`  out: a new string; free() it, also when the operation fails. Null on -1. */
 TAVRIX_API int ntimes_file_preprocess(char** full_path, const char* connectpath,
                                       const char* base_name, tx_perm_ctx_t** perm_ctx);
-/* After it: records a change, with a stamp. */
+/* After the times were set: records a change, with a stamp. */
 TAVRIX_API void ntimes_file_postprocess(const char* full_path,
                                         connection_private_data_s* private_data);
 /* Around setting a folder's times: root, and back. Nothing is decided or recorded. The second
@@ -146,7 +146,7 @@ TAVRIX_API void readir_postprocess(int* allowed, const char* nlpath, const char*
 /* Before a folder is made. Root on 0. `path` is not used. */
 TAVRIX_API int mkdir_preprocess(const char* connectpath, const char* path, const char* full_path,
                                 connection_private_data_s* private_data, tx_perm_ctx_t** perm_ctx);
-/* After it: records it, with a stamp. */
+/* After a folder was made: records it, with a stamp. */
 TAVRIX_API void mkdir_postprocess(connection_private_data_s* private_data, char** full_path);
 /* Before an SMB create request for a folder; `create_dir`: it is to be made, else it is opened.
  * `*full_path` must be set; a null one ends the process. EACCES on a refusal; ENOMEM when root
@@ -161,7 +161,7 @@ TAVRIX_API void create_dir_postprocess(const char* full_path,
 /* Before a folder is removed. EPERM on every refusal. Root on 0. */
 TAVRIX_API int rmdir_preprocess(const char* full_path, const char* connectpath, const char* path,
                                 connection_private_data_s* private_data, tx_perm_ctx_t** perm_ctx);
-/* After it: records it. */
+/* After a folder was removed: records the removal. */
 TAVRIX_API void rmdir_postprocess(const char* full_path, connection_private_data_s* private_data);
 /* Before the working folder changes. `path` is relative to the share, or "/" or `connectpath` for
  * the share itself, which everybody may enter. ENOMEM for a null path. Root on 0. */
@@ -176,7 +176,7 @@ TAVRIX_API int chdir_preprocess(const char* path, const char* connectpath,
 TAVRIX_API int rename_preprocess(const char* connectpath, const char* sfull_path,
                                  const char* dfull_path, tx_perm_ctx_t** perm_ctx, int* isdir,
                                  connection_private_data_s* private_data, int* is_nav);
-/* After it: records it under both paths, and stamps the new one. */
+/* After a rename or a move: records it under both paths, and stamps the object. */
 TAVRIX_API void rename_postprocess(const char* new_full_path, const char* old_full_path, int isdir,
                                    connection_private_data_s* private_data);
 
@@ -191,9 +191,9 @@ TAVRIX_API int stat_preprocess(connection_private_data_s* private_data, const ch
  * 0. */
 TAVRIX_API int lstat_preprocess(const char* connectpath, const char* base_name,
                                 tx_perm_ctx_t** perm_ctx, connection_private_data_s* private_data);
-/* Before the size of the file system is asked. `path` must be `connectpath` itself, whatever the
- * client asked about: the share's root is granted to everybody, and anywhere else there is no rule
- * for the operation, which ends the process. ENOMEM for a null path. Root on 0. */
+/* Before a client gets the size of the file system. `path` must be `connectpath` itself, whatever
+ * the client asked about: the share's root is granted to everybody, and anywhere else there is no
+ * rule for the operation, which ends the process. ENOMEM for a null path. Root on 0. */
 TAVRIX_API int statvfs_preprocess(const char* connectpath, const char* path,
                                   connection_private_data_s* private_data,
                                   tx_perm_ctx_t** perm_ctx);
