@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What programs outside see: the headers, the exported names, what the library needs.
+// The library as programs outside see it: headers, exported names, needed libraries.
 
 #include <gtest/gtest.h>
 #include <algorithm>

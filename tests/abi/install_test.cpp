@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What an installation gives to programs outside, and what it promises to keep.
+// An installation: the files that programs outside use, and the ABI that is kept.
 
 #include <gtest/gtest.h>
 

@@ -29,7 +29,7 @@ class GroupListMap : public Isolated {
   const mapheader* map() const { return reinterpret_cast<const mapheader*>(bytes_.data()); }
   unsigned size() const { return static_cast<unsigned>(bytes_.size()); }
 
-  // What the lookup says, and what it prints.
+  // The result of a lookup, and its output.
   struct Answer {
     bool found = false;
     std::vector<gid_t> gids;

@@ -253,7 +253,7 @@ class Refresh : public Identity {
     set_time(kGroupMap, 1000);
     set_time(kPermissions, 1000);
   }
-  // Whether a refresh rebuilds the identity now.
+  // True if a refresh rebuilds the identity now.
   bool rebuilds() {
     record_->vfs_table_cache.flush_tlb = 0;
     refresh();

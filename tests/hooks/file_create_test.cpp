@@ -66,7 +66,7 @@ TEST_F(CreateFile, AsksForWhatTheDispositionMeans) {
   });
 }
 
-// What no operation was set for is asked as it is, and the decision knows no such operation.
+// A request without an operation goes to the decision unchanged; the decision has no rule for it.
 TEST_F(CreateFile, RefusesARequestWithoutAMeaning) {
   as(kAdministrator, [] {
     Session session(kAdministrator);

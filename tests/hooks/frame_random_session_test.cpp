@@ -39,7 +39,7 @@ class RandomSession : public Hooks {
   static int descriptors() { return static_cast<int>(list("/proc/self/fd").size()); }
 
   static void play(const Caller& caller) {
-    // What the first operations allocate for good is there before the first count.
+    // The first operations make allocations that stay, so they run before the first count.
     { Player(caller, 1).play(0); }
     const long blocks = live_allocations();
     const int fds = descriptors();

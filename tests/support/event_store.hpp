@@ -32,12 +32,12 @@ void make_event_store(int bytes = 1 << 20);
 // Hands this process's settings to programs that take them from the shared block.
 void share_settings();
 
-// What is in the dump files, oldest first, then what is in the buffer. A torn record fails the
+// The records in the dump files, oldest first, then those in the buffer. A torn record fails the
 // test.
 std::vector<Event> events();
 std::vector<std::string> lines_of(const std::vector<Event>& events);
 std::vector<std::string> event_lines();
-// What is in the audit dump files; a process flushes its own buffer.
+// The records in the audit dump files; a process flushes its own buffer.
 std::vector<AuditRecord> audit_records();
 
 }  // namespace tavrix::test

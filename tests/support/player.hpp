@@ -28,7 +28,7 @@ class Player {
   static void make_folders(const Caller& caller);
 
   void play(int operations);
-  // What the staging buffer and the dump files must hold of this player, in order.
+  // The events of this player that the staging buffer and the dump files must hold, in order.
   [[nodiscard]] const std::vector<std::string>& expected_events() const { return expected_; }
   // Objects whose state on the disk differs from the model.
   [[nodiscard]] std::vector<std::string> differences() const;

@@ -17,7 +17,7 @@ struct RuleAnswer {
   std::string message;  // empty: the rule says nothing
 };
 
-// What the rule has to answer; `op` must be a real operation.
+// The answer that the rule must give; `op` must be a real operation.
 RuleAnswer rule_says(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent);
 
 // All operations, those that have a rule, and those that end the process.

@@ -37,7 +37,7 @@ constexpr Answer kRefusedAccess{-1, EACCES};
 constexpr Answer kNotPermitted{-1, EPERM};
 constexpr Answer kNoName{-1, ENOMEM};
 
-// What a hook asked the decision, from the trace of its first step.
+// A question of a hook to the decision, read from the trace of its first step.
 struct Question {
   int op = 0;
   std::string path;
@@ -174,7 +174,7 @@ class Hooks : public Share {
         getxattr(full(name).c_str(), "user.tavrix.last_smb_accessed_by", value, sizeof value);
     return size < 0 ? "(none)" : std::string(value, static_cast<std::size_t>(size));
   }
-  // What the action asks the decision; level 2 shows its first message.
+  // The questions of an action to the decision; level 2 shows the first message of each.
   template <typename Action>
   static std::vector<Question> asked_by(Action action) {
     set_debug_level(2);

@@ -50,7 +50,7 @@ constexpr Ruling kRefused{TXPERMS_NO_PERM, 0};
 constexpr Ruling kRefusedStandardUser{TXPERMS_STANDARD_USER, 0};
 constexpr Ruling kSystemError{TXPERMS_SYSTEM_ERR, 0};
 
-// What a server process must have the same before and after a decision: its ids, its supplementary
+// The state that a decision must leave unchanged in a server process: its ids, its supplementary
 // groups, its attached segments, its blocks on the heap.
 struct Footprint {
   Ids ids;

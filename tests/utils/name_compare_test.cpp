@@ -24,7 +24,7 @@ struct Row {
   int expected;
 };
 
-// What all members agree on.
+// Rows on which all comparisons agree.
 const Row kRows[] = {
     {"abc", "abc", 0},      {"abc", "ABC", 0},       {"aBc", "AbC", 0},
     {"abc", "abd", -1},     {"abd", "abc", 1},       {"abc", "ABD", -1},

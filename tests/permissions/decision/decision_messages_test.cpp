@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a decision tells about its way: each text, and the level it takes to see it.
+// The messages of a decision: each text, and the level that shows it.
 
 #include <gtest/gtest.h>
 

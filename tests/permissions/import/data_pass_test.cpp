@@ -230,7 +230,8 @@ TEST_F(DataPass, EndsTheProcessBeforeItLeavesTheImage) {
 
 // --- every event in every state ------------------------------------------------------------------
 
-// What an event does to a stack with one element of that state on top, told apart from the code.
+// The effect of an event on a stack with one element of that state on top, described independently
+// of the code.
 enum class Answer { kPush, kNothing, kCancel, kAbort, kOther };
 
 Answer start_of_array_in(int state) {
