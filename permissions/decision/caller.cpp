@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What the decision knows about its caller: the class, and the rights that an ACL gives.
+// The caller of a decision: its class, and the rights that an ACL gives it.
 
 #include "permissions/decision/caller.hpp"
 
@@ -29,7 +29,8 @@ bool is_member(const process_trustees_s& caller, gid_t gid) {
   return std::ranges::find(groups, gid) != groups.end();
 }
 
-// Only the supplementary groups make a class, the primary group does not.
+// Sets `indication` to 1 for a member of the group. Only supplementary groups count, not the
+// primary one. false when the supplementary groups are missing.
 bool _set_group_bit(const process_trustees_s& caller, gid_t gid, int& indication) {
   TAVRIX_LOG(4, "initialize %d indication to 0", static_cast<int>(gid));
   indication = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What the decision knows about its caller: the class, and the rights that an ACL gives.
+// The caller of a decision: its class, and the rights that an ACL gives it.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,21 @@
 
 namespace tavrix {
 
-// Writes the admin and poweruser fields. false when the supplementary groups cannot be searched.
+// Writes the caller's admin and poweruser fields. false when its supplementary groups are missing.
 [[nodiscard]] bool classify(process_trustees_s& caller);
 
-// The rights of a caller from a governing ACL.
+// The rights that a governing ACL gives a caller.
 struct Rights {
   uint32_t mask = 0;
-  bool user_found = false;  // an entry of the user itself gave the mask
+  bool user_found = false;  // the ACL has an entry of the user itself
 };
 
-// How the two evaluations of a decision name themselves in the system log.
+// The object of an evaluation, for its messages: a decision evaluates two ACLs.
 enum class Subject { kObject, kParent };
 
-// The first entry of the user, and the groups' entries where the user has none or only navigates.
-// Navigation never passes down the tree: an inherited entry that carries it does not count.
+// Takes the first entry of the user, and adds the entries of its groups when there is none, or when
+// it has no rights or the right to navigate. Navigation does not pass down the tree: an inherited
+// entry with it does not count.
 [[nodiscard]] Rights rights_of(const process_trustees_s& caller, const tavrix_acl_t& acl,
                                Subject subject);
 

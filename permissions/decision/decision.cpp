@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The decision: one verdict for one operation on one path by one caller.
+// The decision: a verdict for one operation on one path by one caller.
 
 #include <sys/stat.h>
 #include <cerrno>
@@ -21,8 +21,8 @@
 namespace tavrix {
 namespace {
 
-// Paths come with the tree and a slash in front. A decision takes off that many bytes without a
-// look at them, whatever the share root is: module and library have agreed on the number.
+// A path begins with the tree and a slash. The decision removes that many bytes without looking at
+// them, whatever the share root is: module and library have agreed on the number.
 constexpr std::size_t kTreePrefix = std::string_view(TAVRIX_TREE "/").size();
 static_assert(kTreePrefix == 8);
 
@@ -47,7 +47,7 @@ CString join(const char* root, const char* path, std::size_t length) {
   return joined;
 }
 
-// The client's own identity may not reach what the decision must see.
+// Looks as root, because the client itself may not reach the object.
 int stat_as_root(const char* path, struct stat& status) {
   const RootIdentity root;
   return stat(path, &status);
@@ -60,11 +60,11 @@ bool begins_with(const char* path, std::string_view prefix) {
 bool is_missing(int error) { return error == ENOENT || error == ESRCH || error == ENOTDIR; }
 
 using Verdict = e_vfs_enforce_perms;
-using Ruling = std::optional<Verdict>;  // none: the next step has to say
+using Ruling = std::optional<Verdict>;  // none: the next step rules
 constexpr Ruling kGoOn = std::nullopt;
 
-// The working values of one decision, and its steps in their order. A step that settles the matter
-// returns the verdict.
+// The working values of one decision, and its steps in their order. The first step that returns a
+// verdict ends the decision.
 class Decision {
  public:
   Decision(const char* share_root, const char* in_path, e_fsop_type op, process_trustees_s& caller,
@@ -133,7 +133,7 @@ class Decision {
                  strerror(error));
       TAVRIX_REQUIRE(error == ENOENT, "0");
     }
-    // A path that climbs above the share: the file system refuses it later.
+    // The path climbs above the share root. The file system refuses it later.
     TAVRIX_LOG(2, "returning HAS_PERMS, path normalization returned an unusable path %s: %s",
                in_path_, strerror(error));
     return TXPERMS_HAS_PERMS;
@@ -190,7 +190,7 @@ class Decision {
     return kGoOn;
   }
 
-  // A wildcard search may always be stated, and a folder always be opened for reading.
+  // Grants a status query of a wildcard, and opening any folder for reading.
   Ruling allow_shortcuts() const {
     TAVRIX_LOG(4, "check for last path component of '*'");
     if (op_ == FSOP_STAT || op_ == FSOP_LSTAT) {
@@ -221,7 +221,7 @@ class Decision {
     return TXPERMS_SYSTEM_ERR;
   }
 
-  // --- Private: a folder a user, ruled by its owner, not by the map -----------------------------
+  // --- Private: one folder for each user, ruled by its owner and not by the map -----------------
 
   Ruling judge_private() {
     TAVRIX_LOG(4, "ENFORCE_PERMS checking for Private/");
@@ -292,7 +292,7 @@ class Decision {
     AclPtr parent_acl;
     if (const Ruling failed = read_acls(acl, parent_acl); failed) return failed;
     if (path_type_ == FSTYPE_DOES_NOT_EXIST) {
-      // What is not there yet is judged by its folder alone.
+      // An object that does not exist yet is judged by its folder alone.
       TAVRIX_LOG(2, "ENFORCE_PERM GRANTED RWD for non-existent path");
       perm_mask_ = kEverything;
     } else {
@@ -302,7 +302,7 @@ class Decision {
     return kGoOn;
   }
 
-  // Tables open for the superuser alone; one change of identity serves attach, look and detach.
+  // Only the superuser may attach a table. One switch of identity covers attach, lookup and detach.
   Ruling read_acls(AclPtr& acl, AclPtr& parent_acl) const {
     const RootIdentity root;
     TAVRIX_LOG(4, "ENFORCE_PERMS Before get_perm_map_addr");
@@ -415,7 +415,8 @@ class Decision {
     return verdict;
   }
 
-  // What the client may see but not open rests on navigation or viewing alone.
+  // Grants. `is_nav` becomes 1 when the grant rests on navigating or viewing alone: the client may
+  // see the object and not open it.
   Verdict grant() const {
     is_nav_ = perm_mask_ == TAVRIX_PERM_MASK_NAVIGATE || perm_mask_ == TAVRIX_PERM_MASK_VIEWER_ONLY
                   ? 1
@@ -425,7 +426,7 @@ class Decision {
     return TXPERMS_HAS_PERMS;
   }
 
-  // Clients keep bookkeeping files in every folder they visit, whatever the ACLs say.
+  // Refuses, unless the path is one of the bookkeeping files that clients keep in every folder.
   Verdict refuse() const {
     if (is_special_folder_file(real_path_.get()) != 0) {
       TAVRIX_LOG(2, "ENFORCE_PERMS got NO PERM but path is a special path so overturn verdict");

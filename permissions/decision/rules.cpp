@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The policy: which mask allows which operation on which kind of object.
+// The policy: the masks that allow each operation on each type of object.
 
 #include <algorithm>
 #include <cstddef>
@@ -15,7 +15,7 @@ namespace {
 constexpr uint32_t kRead = TAVRIX_PERM_MASK_RDONLY;
 constexpr uint32_t kReadWrite = TAVRIX_PERM_MASK_RDWR;
 constexpr uint32_t kReadWriteDelete = TAVRIX_PERM_MASK_RDWRDEL;
-constexpr uint32_t kSeeing =  // any of these lets a client see a folder
+constexpr uint32_t kSeeing =  // one of these bits lets a client see a folder
     TAVRIX_PERM_MASK_RDONLY | TAVRIX_PERM_MASK_NAVIGATE | TAVRIX_PERM_MASK_VIEWER_ONLY;
 
 constexpr bool has_all(uint32_t mask, uint32_t bits) { return (mask & bits) == bits; }
@@ -30,7 +30,7 @@ enum class Needs {
   kReadSelfDeleteParent,
   kSeeSelf,
   kSeeSelfAndParent,
-  kNoRule,  // callers decide these without the map
+  kNoRule,  // callers decide such operations without the map
 };
 
 bool holds(Needs needs, uint32_t self, uint32_t parent) {
@@ -54,13 +54,13 @@ bool holds(Needs needs, uint32_t self, uint32_t parent) {
     case Needs::kNoRule:
       break;
   }
-  // A caller that asks this is wrong in its code: no answer would be safe.
+  // A caller that asks for an operation without a rule has a fault in its code. No answer is safe.
   TAVRIX_REQUIRE(false, "0");
   return false;
 }
 
-// What an operation needs, and the messages that tell the answer. The wording is known to
-// operators, "preventsdrive" included.
+// The rights that an operation needs, and the messages for both answers. Operators know the
+// wording, "preventsdrive" included.
 struct Answer {
   Needs needs = Needs::kNothing;
   const char* allow = nullptr;
@@ -91,7 +91,7 @@ constexpr Answer kMustReadAndDelete{Needs::kReadSelfDeleteParent,
                                     "Deny due to no Read/Write/Delete on parent or Read on self"};
 constexpr Answer kHasNoRule{.needs = Needs::kNoRule};
 
-// --- whatever the object is --------------------------------------------------------------------
+// --- objects of any type -----------------------------------------------------------------------
 constexpr Rule kAnyTypeRules[] = {
     {FSOP_CREATE, kMustWrite},    {FSOP_MKDIR, kMustWrite},     {FSOP_OPEN_CHATTR, {}},
     {FSOP_CHOWN, kHasNoRule},     {FSOP_CHMOD, kHasNoRule},     {FSOP_SET_ACL, kHasNoRule},
@@ -102,8 +102,8 @@ constexpr Rule kAnyTypeRules[] = {
 };
 
 // --- folders -----------------------------------------------------------------------------------
-// Everybody may open a folder for writing, for that is how a client maps the share, and may unlink
-// a folder handle: removing the folder is FSOP_RMDIR.
+// Everybody may open a folder for writing, because clients map the share that way, and may unlink a
+// folder handle, because FSOP_RMDIR decides about removing the folder.
 constexpr Rule kFolderRules[] = {
     {FSOP_OPEN_READ, kForAnyPermission},
     {FSOP_UNLINK, kForAnyPermission},

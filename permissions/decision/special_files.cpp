@@ -10,14 +10,14 @@
 namespace tavrix {
 namespace {
 
-// Matched at the start of a path relative to the share root, whatever the case: ".Trash" stands for
-// ".Trash-1000" too, and only the two top-level folders have entries of their own.
+// Compared with the start of a path relative to the share root, without case. So ".Trash" covers
+// ".Trash-1000" too. Of the folders below, only the two top-level ones have entries.
 constexpr const char* SPECIAL_FOLDER_FILE_PATHS[] = {
     ".TemporaryItems", ".DS_Store",        "._.DS_Store",       "._.TemporaryItems",
     ".Trash",          "Shared/.DS_Store", "Private/.DS_Store",
 };
 
-// Matched anywhere in a path, in this case only.
+// Searched anywhere in a path, with case.
 constexpr const char* WILD_CARD_SEARCHES = ".sb-";
 
 bool begins_with_special_path(const char* path, const char* function) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// for (tavrix_ace_s& ace : aces_of(acl)): the entries of an in-memory ACL in list order.
+// The entries of an in-memory ACL in list order: for (tavrix_ace_s& ace : aces_of(acl)).
 #pragma once
 
 #include "tavrix_perms.h"
@@ -11,7 +11,7 @@ class AceRange {
   class Iterator {
    public:
     explicit Iterator(oneway_list_elem_s* elem) noexcept : elem_(elem) {}
-    // The links are the first field of an entry, so an element is an entry.
+    // The links are the first field of an entry, so a list element's address is its entry's.
     tavrix_ace_s& operator*() const noexcept { return *reinterpret_cast<tavrix_ace_s*>(elem_); }
     Iterator& operator++() noexcept {
       elem_ = elem_->next_elem;

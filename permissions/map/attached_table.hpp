@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The current table, as a thread has it attached between get_perm_map_addr() and
-// put_perm_map_addr().
+// The table that a thread has attached between get_perm_map_addr() and put_perm_map_addr().
 #pragma once
 
 #include <sys/shm.h>
@@ -10,8 +9,8 @@
 
 namespace tavrix {
 
-// Tells segments apart: an identifier comes back after many others, but not with its time and
-// maker. All zero is no segment: none was made at the time zero.
+// Identifies a segment of shared memory. The kernel uses an identifier again after many others, but
+// not with the same time and maker. All zero means no segment, since none was made at time zero.
 struct SegmentIdentity {
   int segment;
   pid_t maker;
@@ -26,8 +25,8 @@ struct AttachedTable {
 };
 inline PerThread<AttachedTable> attached_table;
 
-// The table of this thread, if the image is it; null for images elsewhere, of which nothing is
-// known and nothing may be kept, for they may change.
+// This thread's table, if `image` is that table. Null for an image elsewhere: its size is unknown,
+// and nothing learnt about it may be kept, because it may change.
 [[nodiscard]] inline const AttachedTable* attached_table_at(const void* image) noexcept {
   const AttachedTable* table = attached_table.find();
   return table != nullptr && table->address == image && image != nullptr ? table : nullptr;

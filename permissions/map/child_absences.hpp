@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Which names the children of a folder do not bear, so that a lookup of a file need not scan the
+// A cache of names that no child of a folder has, so that a lookup of a file need not scan the
 // folders beside it.
 //
-// A name can only be a child's whose hash is the same. After a scan that found nothing, a summary
-// of the hashes stays: a name whose hash is not in it is nobody's. Unlike a hint, that cannot be
-// checked against the image without touching what it saves, so it holds for one segment of shared
-// memory only: a table is never changed once it is current, and a new map is a new segment.
+// A scan that finds nothing leaves a summary of the children's hashes. A name whose hash is not in
+// the summary belongs to no child. A hint can be checked against the image; an absence cannot,
+// without the scan that it saves. So absences hold for one segment of shared memory: a table never
+// changes once it is current, and a new map is a new segment.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace tavrix {
 
 class ChildAbsences {
  public:
-  static constexpr uint32_t kMostChildren = 96;  // a summary of more would be full
+  static constexpr uint32_t kMostChildren = 96;  // the summary of more children would be full
 
   class Summary {
    public:
@@ -31,7 +31,7 @@ class ChildAbsences {
     }
 
    private:
-    static constexpr unsigned kBits = 9;  // of the number of a bit
+    static constexpr unsigned kBits = 9;  // a summary has 2^9 bits
     [[nodiscard]] static uint32_t first_of(uint32_t hash) noexcept {
       return (hash * 0x9E3779B1U) >> (32 - kBits);
     }
@@ -41,7 +41,7 @@ class ChildAbsences {
     uint64_t words_[1U << (kBits - 6)] = {};
   };
 
-  // Names the table that the next calls are about.
+  // Sets the table that the next calls are about, and forgets another table's absences.
   void use(const SegmentIdentity& table) noexcept {
     if (__builtin_expect(table_ == table, 1)) return;
     for (Entry& entry : entries_) entry.parent = kNoParent;
@@ -56,7 +56,7 @@ class ChildAbsences {
   }
 
  private:
-  static constexpr uint32_t kNoParent = 0xFFFFFFFFU;  // no offset: records do not reach so far
+  static constexpr uint32_t kNoParent = 0xFFFFFFFFU;  // beyond the offset of any record
   static constexpr unsigned kSlotBits = 8;
   struct Entry {
     uint32_t parent;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Where a lookup found the children of folders before, so that it need not scan for them again.
+// A cache of the places where lookups found the children of folders.
 //
-// A hint only says where to look first: the folder found there must have the parent and the name
-// that are asked for, or the list is scanned. What a hint saves is the walk over the siblings,
-// which is what a cold decision pays for: each of them may lie on two pages of its own. Hints hold
-// for one segment of shared memory only: in another map another child may come first that bears the
-// name too, for names are compared without case.
+// A hint says where to look first. The folder found there must have the wanted parent and name, or
+// the list is scanned. A hint saves the walk over the siblings, the most expensive part of a cold
+// decision: each sibling may lie on two pages of its own. Hints hold for one segment of shared
+// memory: names are compared without case, so in another map another child of that name may come
+// first.
 #pragma once
 
 #include <cstdint>
@@ -17,15 +17,15 @@ namespace tavrix {
 
 class ChildHints {
  public:
-  static constexpr uint32_t kNone = 0;  // the root is nobody's child
+  static constexpr uint32_t kNone = 0;  // the root's offset, which is never a child's
 
-  // Names the table that the next calls are about.
+  // Sets the table that the next calls are about, and forgets another table's hints.
   void use(const SegmentIdentity& table) noexcept {
     if (__builtin_expect(table_ == table, 1)) return;
     std::memset(pairs_, 0, sizeof pairs_);
     table_ = table;
   }
-  // The offset of a folder, or kNone.
+  // The offset of the child, or kNone.
   [[nodiscard]] uint32_t find(uint32_t parent, uint32_t hash) const noexcept {
     const Pair& pair = pairs_[slot_of(parent, hash)];
     if (pair.newer.parent == parent && pair.newer.hash == hash) return pair.newer.child;
@@ -47,7 +47,7 @@ class ChildHints {
   struct Pair {
     Hint newer, older;
   };
-  // The folders that one client works in: a server process touches few pages of the table.
+  // Room for the folders that one client works in; a process touches few pages of these.
   static constexpr unsigned kBits = 13;
 
   [[nodiscard]] static uint32_t slot_of(uint32_t parent, uint32_t hash) noexcept {

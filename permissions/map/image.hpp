@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Records of a map image by their offsets: one place turns an offset into a record and checks it.
+// Records of a map image by their offsets. One place turns an offset into a record and checks it.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@
 
 namespace tavrix {
 
-// The signature texts are known to operators; every check of a signature goes through these.
+// Every check of a signature goes through these: operators know the texts.
 inline void require_header(const tavrix_be_header& header) noexcept {
   TAVRIX_REQUIRE(header.signature == TAVRIX_BE_HEADER_SIGNATURE,
                  "beheader->signature == TAVRIX_BE_HEADER_SIGNATURE");
@@ -27,10 +27,10 @@ inline void require_list(const child_list_s& list) noexcept {
   TAVRIX_REQUIRE(list.signature == LISTSIG, "clist->signature == LISTSIG");
 }
 
-// A finished image, as readers see it. Of a segment of shared memory the size is known, and no
-// record is read that does not lie in it: a damaged table ends the process here. Of an image
-// without a size the offsets are trusted: `tavrixctl map verify` is where they are checked. Records
-// start at any byte; their types are packed, so their fields may be read in place.
+// A finished image, as readers see it. When the size is known, as it is for a segment of shared
+// memory, every record must lie inside: a damaged table ends the process here. An image without a
+// size is trusted; `tavrixctl map verify` checks its offsets. Records start at any byte, and their
+// types are packed, so their fields may be read in place.
 class ImageView {
  public:
   static constexpr std::size_t kUnknownSize = SIZE_MAX;
@@ -62,14 +62,15 @@ class ImageView {
     lists_.require(fselem.clist_offset + std::size_t{list.num_children} * sizeof(uint32_t));
     return list;
   }
-  // ACLs are read without a signature: a folder that was given none names the first one of the
-  // region.
+  // The signature is not checked: a folder without an ACL of its own has offset 0, which names the
+  // first ACL of the region.
   [[nodiscard]] const beacl_s& acl_of(const fs_elem_s& fselem) const noexcept {
     const auto& acl = acls_.at<beacl_s>(fselem.acl_offset);
     acls_.require(fselem.acl_offset + std::size_t{acl.num_aces} * sizeof(beace_s));
     return acl;
   }
-  // Before the text of a name is read: a scan tells most names apart without it.
+  // Call this before reading the text of a name. name_of() does not, because a scan tells most
+  // names apart without their text.
   void require_text_of(const fs_elem_s& fselem, const name_elem_s& name) const noexcept {
     names_.require(std::size_t{fselem.name_elem_offset} + name.name_len);
   }
@@ -85,12 +86,12 @@ class ImageView {
     std::memcpy(&offset, reinterpret_cast<const std::byte*>(&list + 1) + std::size_t{slot} * 4, 4);
     return offset;
   }
-  // Starts loading a folder's record before it is wanted.
+  // Starts loading a folder's record before it is needed.
   void prefetch_fselem(uint32_t offset) const noexcept {
     __builtin_prefetch(fselems_.start + offset);
   }
-  // The same for its name, which waits for the record. Whoever wants the record itself will find
-  // that it lies outside.
+  // Does the same for the folder's name, for which it reads the record. An offset outside the image
+  // is skipped; the reader of the record itself will find it.
   void prefetch_name(uint32_t offset) const noexcept {
     if (!fselems_.holds(offset)) return;
     const auto& fselem = *reinterpret_cast<const fs_elem_s*>(fselems_.start + offset);
@@ -103,7 +104,7 @@ class ImageView {
   }
 
  private:
-  // Records from here on may start as far as `last`; one comparison for each of them.
+  // A region's records start between `start` and `start + last`, so a check is one comparison.
   struct Region {
     const std::byte* start;
     std::size_t last;
@@ -134,9 +135,9 @@ class ImageView {
 
 // The image under construction at `msum->membuf`.
 //
-// Counts are trusted by contract: a document that holds more than its size file says runs from one
-// region into the next. What it must never do is leave the image: a record beyond `memsize` bytes
-// ends the import here, before anything is published. A summary without a size is not checked.
+// Counts are trusted by contract: a document with more records than its size file says runs from
+// one region into the next. It must never leave the image: a record beyond `memsize` bytes ends the
+// import here, before anything is published. A summary without a size is not checked.
 class ImageWriter {
  public:
   explicit ImageWriter(const memsummary_s& summary) noexcept
@@ -152,7 +153,7 @@ class ImageWriter {
     return header();
   }
 
-  // The `length` bytes at `offset` of the region that starts at `region`.
+  // The `length` bytes at `offset` in the region that starts at `region`.
   [[nodiscard]] std::byte* bytes(uint32_t region, uint32_t offset,
                                  std::size_t length) const noexcept {
     const std::size_t start = std::size_t{region} + offset;

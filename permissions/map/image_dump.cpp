@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// An image as lines of the system log, for a developer with a debug level to spare.
+// Writes an image to the system log, for developers.
 
 #include <cerrno>
 #include <cstdlib>
@@ -17,7 +17,7 @@ namespace {
 constexpr int kSummaryLevel = 7;
 constexpr int kNameLevel = 10;
 
-// The texts are as they have always been, slips included: scripts pick the numbers out of them.
+// The texts keep their old slips: scripts pick the numbers out of them.
 void log_summary(const tavrix_be_header& header) {
   TAVRIX_LOG(kSummaryLevel, "Summary");
   TAVRIX_LOG(kSummaryLevel, "Map name %.*s",
@@ -51,12 +51,13 @@ const name_elem_s& raw_name_of(const tavrix_be_header& header, const fs_elem_s& 
                                                folder.name_elem_offset);
 }
 
-// The checks and the line of one folder; the list of its children, or null when it has none.
+// Checks one folder and logs its line. Returns the list of its children, or null for a folder
+// without one.
 const child_list_s* log_folder(const tavrix_be_header& header, const fs_elem_s& folder, int level) {
   require_header(header);
   require_fselem(folder);
   const ImageView image(&header);
-  // A leaf's offset is 0 and names the first list of the region, whose signature is as good.
+  // A folder without a list has offset 0, which names the first list of the region.
   const child_list_s& children = image.children_of(folder);
   const name_elem_s& name = raw_name_of(header, folder);
   const CString text(strndup(ImageView::bytes_of(name), name.name_len));
@@ -64,8 +65,8 @@ const child_list_s* log_folder(const tavrix_be_header& header, const fs_elem_s& 
   return (folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0 ? nullptr : &children;
 }
 
-// The way from the first folder to the present one: on the heap, for a map may be deeper than the
-// stack of a thread.
+// The path from the first folder to the present one. It is on the heap, because a map may be deeper
+// than the stack of a thread allows.
 class Way {
  public:
   struct Step {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// From a path to the folder of the map that it reaches, and to the ACL that governs it.
+// Finds the folder that a path reaches in the map, and the ACL that governs it.
 
 #include "permissions/map/image_lookup.hpp"
 
@@ -20,12 +20,12 @@
 namespace tavrix {
 namespace {
 
-constexpr int kNotLookedUp = 3;       // get_tavrix_acl(): no map or no path to look at
-constexpr int kComparisonTrace = 10;  // every comparison of a lookup, above level 9
+constexpr int kNotLookedUp = 3;       // result of get_tavrix_acl() without a map or a path
+constexpr int kComparisonTrace = 10;  // the level that traces every comparison of a lookup
 constexpr uint32_t kNoChild = 0xFFFFFFFFU;
 
-// How a walk treats memory: a warm image hides its cache misses by loading ahead, a cold one must
-// not touch a page that the answer does not need.
+// The state of memory that a walk expects. A walk over a warm image loads records ahead to hide
+// cache misses; a walk over a cold image touches no page that the answer does not need.
 enum class Access { kWarm, kCold };
 
 // Lookups may run in any number of threads, so each has its own.
@@ -37,8 +37,8 @@ ImageView view_of(const void* map) {
   return ImageView(map, table != nullptr ? table->size : ImageView::kUnknownSize);
 }
 
-// An image as a lookup sees it: as the attached table, with its size and with what earlier lookups
-// learnt of it, or as bytes of which nothing is known.
+// An image as a lookup sees it. For the attached table that includes its size and the caches of
+// earlier lookups; any other image is bytes of unknown size.
 struct Sight {
   explicit Sight(const void* map) noexcept : image(view_of(map)) {
     const AttachedTable* table = attached_table_at(map);
@@ -55,8 +55,8 @@ struct Sight {
   int debug_level = tavrix_debug_level();
 };
 
-// The same bytes, all of them ASCII: the usual case, for which every comparison below answers
-// "equal".
+// True if the bytes are equal and all ASCII. That is the usual case, and every comparison below
+// answers "equal" to it.
 bool same_ascii(const char* a, const char* b, uint32_t len) {
   constexpr uint64_t kExtendedBits = 0x8080808080808080U;
   uint64_t seen = 0;
@@ -76,13 +76,13 @@ bool same_ascii(const char* a, const char* b, uint32_t len) {
   return (seen & kExtendedBits) == 0;
 }
 
-// The whole comparison of two names of equal hash and length.
+// Compares two names of equal hash and length in full.
 bool names_equal(const char* stored, const PathComponent& wanted, int debug_level) {
   if (debug_level < kComparisonTrace && same_ascii(stored, wanted.name, wanted.len)) return true;
   int difference = tavrix_strncasecmp(stored, wanted.name, static_cast<int>(wanted.len));
   TAVRIX_LOG_IF(debug_level, kComparisonTrace, "tavrix_strncasecmp strcmpres %d", difference);
   if (difference != 2) return difference == 0;
-  // Samba counts its bound in characters, so it needs the end of the name where the path goes on.
+  // Samba's function counts its bound in characters, not bytes, so the name must be terminated.
   const CString terminated(strndup(wanted.name, wanted.len));
   TAVRIX_REQUIRE(terminated != nullptr, "parr != NULL");
   difference = strncasecmp_m_wrapper(stored, terminated.get(), wanted.len);
@@ -93,8 +93,8 @@ bool names_equal(const char* stored, const PathComponent& wanted, int debug_leve
   return difference == 0;
 }
 
-// A scan waits for two records of every child, one named by the other. Folders are asked for before
-// their names are, and names before they are compared.
+// A scan waits for two records of each child: its folder, and the name that the folder points to.
+// So folders are loaded this many children ahead of the comparison, and names that many.
 constexpr uint32_t kFoldersAhead = 16;
 constexpr uint32_t kNamesAhead = 8;
 
@@ -120,7 +120,7 @@ bool bears_name(const ImageView& image, const fs_elem_s& folder, const PathCompo
   return true;
 }
 
-// The first slot whose folder bears the wanted name.
+// The offset of the first child with the wanted name, or kNoChild.
 template <Access kAccess>
 uint32_t find_child(const ImageView& image, const child_list_s& list, const PathComponent& wanted,
                     int debug_level) {
@@ -141,7 +141,7 @@ uint32_t find_child(const ImageView& image, const child_list_s& list, const Path
   return kNoChild;
 }
 
-// After a scan of all of them: which hashes the children have.
+// Remembers the hashes of all children, after a scan that found no child of the wanted name.
 void remember_absences(const ImageView& image, uint32_t parent, const child_list_s& list,
                        ChildAbsences& absences) {
   if (list.num_children > ChildAbsences::kMostChildren) return;
@@ -152,7 +152,7 @@ void remember_absences(const ImageView& image, uint32_t parent, const child_list
   absences.remember(parent, hashes);
 }
 
-// The child's place at the last lookup; kNoChild when that is not known.
+// The offset at which an earlier lookup found the child, or kNoChild.
 uint32_t hinted_child(const Sight& sight, uint32_t parent, const PathComponent& wanted) {
   if (sight.hints == nullptr) return kNoChild;
   const uint32_t hint = sight.hints->find(parent, wanted.hash);
@@ -163,12 +163,12 @@ uint32_t hinted_child(const Sight& sight, uint32_t parent, const PathComponent& 
   return is_right ? hint : kNoChild;
 }
 
-// The child of a folder that bears the wanted name: where it was the last time, or by a scan.
+// The offset of a folder's child with the wanted name: from a hint, else from a scan.
 template <Access kAccess>
 uint32_t find_child_of(const Sight& sight, uint32_t parent, const fs_elem_s& folder,
                        const PathComponent& wanted) {
   if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return kNoChild;
-  // Where each comparison is traced, each is made.
+  // A level that traces comparisons wants each one made, so absences are not used.
   ChildAbsences* absences = sight.debug_level < kComparisonTrace ? sight.absences : nullptr;
   if (absences != nullptr && absences->is_nobodys(parent, wanted.hash)) return kNoChild;
   if (const uint32_t hint = hinted_child(sight, parent, wanted); hint != kNoChild) return hint;
@@ -200,7 +200,7 @@ void trace_matched_name(const ImageView& image, uint32_t offset, int debug_level
                 name.data());
 }
 
-// Descends from the root, a component a level, as far as the names match. `next` hands out the
+// Descends from the root, one component per level, as far as the names match. `next` yields the
 // components without the leading "/".
 template <Access kAccess, typename NextComponent>
 PathMatch walk(const Sight& sight, NextComponent next) {
@@ -208,7 +208,7 @@ PathMatch walk(const Sight& sight, NextComponent next) {
   PathMatch match;
   PathComponent wanted{};
   while (next(wanted)) {
-    match.parent = match.self;  // if this component is the last, the parent path ends before it
+    match.parent = match.self;  // the parent's match, if this component is the last
     const uint32_t child = find_child_of<kAccess>(sight, match.self.offset, *folder, wanted);
     if (child == kNoChild) {
       match.self.code = SHM_MEMBE_OK_NAMEREMAPPED;
@@ -223,13 +223,13 @@ PathMatch walk(const Sight& sight, NextComponent next) {
   return match;
 }
 
-// The header check of a lookup: reported, where every check further in aborts.
+// Checks the header without aborting, as every later check does: a lookup reports a bad header.
 bool has_sound_header(const void* map) {
   return static_cast<const tavrix_be_header*>(map)->signature == TAVRIX_BE_HEADER_SIGNATURE;
 }
 
-// The folder's own ACL if it has entries, else that of the nearest ancestor that has; the root's at
-// the latest, even when it is empty.
+// The folder's own ACL if it has entries, else the ACL of the nearest ancestor that has entries, or
+// the root's, even when that is empty.
 membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavrix_acl_t** acl) {
   const fs_elem_s* folder = &image.fselem(fselem_offset);
   uint32_t inherited = TAVRIX_ACE_EXPLICIT;
@@ -240,7 +240,7 @@ membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavr
       break;
     }
     if (image.acl_of(*folder).num_aces > 0) break;
-    // More steps than folders: the parents of a damaged image run in a circle.
+    // More steps than folders mean that the parents of a damaged image form a circle.
     TAVRIX_REQUIRE(folders_left-- > 0, "parents end at the root");
     folder = &image.fselem(folder->parent_offset);
     inherited = TAVRIX_ACE_INHERITED;
@@ -248,8 +248,8 @@ membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavr
   return membuf_2_ACL(&image.acl_of(*folder), TAVRIX_ACL_VERSION, inherited, acl);
 }
 
-// The ACL of a folder that a lookup found; inherited as a whole when the path lies below the
-// folder.
+// The ACL for a lookup's result. All entries count as inherited when the path goes on below the
+// folder that was found.
 void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t** acl) {
   const membe_shm_err result = governing_acl(image, match.offset, acl);
   if (result != SHM_MEMBE_OK) {
@@ -262,8 +262,8 @@ void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t
   set_inheritance_flag(*acl, TAVRIX_ACE_INHERITED);
 }
 
-// The first components of a path, taken apart before the walk: as far as hints lead, their records
-// are asked for all at once instead of each one waiting for its parent's.
+// Splits the first components of a path before the walk and loads the records that hints name, all
+// at once. Without this each record would wait for its parent's.
 class HintedPath {
  public:
   HintedPath(const Sight& sight, std::string_view path) noexcept : cursor_(path) {
@@ -291,7 +291,7 @@ class HintedPath {
   }
 
  private:
-  static constexpr uint32_t kMost = 16;  // deeper components are taken one by one
+  static constexpr uint32_t kMost = 16;  // deeper components are split one by one
   PathCursor cursor_;
   PathComponent components_[kMost];
   uint32_t count_ = 0;
@@ -305,7 +305,7 @@ PathMatch walk_path(const Sight& sight, std::string_view path) {
                        [&hinted](PathComponent& component) { return hinted.next(component); });
 }
 
-// 0 when the map and the path can be looked at. A map of foreign bytes ends the process: a verdict
+// 0 when the map and the path can be used. A map with a foreign header ends the process: a verdict
 // from it could be anything.
 int require_lookup(const void* map, std::string_view path) {
   if (map == nullptr) {
@@ -395,7 +395,7 @@ membe_shm_err get_nonempty_tavrixacl_fromfselemoffset(void* map, uint32_t fselem
 }
 
 int get_tavrix_acl(void* map, const char* path, tavrix_acl_t** acl) {
-  // The map first: without one nothing is looked at, not even the path.
+  // A missing map is reported before a missing path.
   if (map != nullptr && path == nullptr) {
     TAVRIX_LOG(0, "ENFORCE_PERMS Null path");
     TAVRIX_REQUIRE(path != nullptr, "path != NULL");

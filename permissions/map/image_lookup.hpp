@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// One walk of a map image for a path and its parent folder at once.
+// Finds the ACLs of a path and of its parent folder in one walk of a map image.
 #pragma once
 
 #include <cstdlib>
@@ -11,12 +11,13 @@
 
 namespace tavrix {
 
-// The deepest folder of the map on a path, and on its parent: the folder's offset, and SHM_MEMBE_OK
-// when it is the path itself or SHM_MEMBE_OK_NAMEREMAPPED when it is an ancestor.
+// The deepest folder of the map on a path. The code is SHM_MEMBE_OK when the folder is the path
+// itself, SHM_MEMBE_OK_NAMEREMAPPED when it is an ancestor.
 struct FolderMatch {
   uint32_t offset = 0;
   membe_shm_err code = SHM_MEMBE_OK_NAMEREMAPPED;
 };
+// The matches of a path and of its parent folder.
 struct PathMatch {
   FolderMatch self;
   FolderMatch parent;
@@ -30,9 +31,9 @@ struct AclDeleter {
 };
 using AclPtr = std::unique_ptr<tavrix_acl_t, AclDeleter>;
 
-// The ACLs that govern a relative path and its parent folder; the parent of a top-level name is the
-// root. 0, or 3 as get_tavrix_acl() gives it. The image has just been attached: only what decides
-// is touched, for every page costs a fault.
+// Reads the ACLs that govern a relative path and its parent folder; the parent of a top-level name
+// is the root. Returns 0, or 3 as get_tavrix_acl() does. Expects an image that has just been
+// attached, where each page costs a fault, and touches only the pages that it needs.
 [[nodiscard]] int governing_acls(void* map, std::string_view path, AclPtr& self, AclPtr& parent);
 
 }  // namespace tavrix

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The primitives with which an import writes the records of a map image.
+// The primitives by which an import writes the records of a map image.
 
 #include <cstring>
 
@@ -12,8 +12,8 @@
 namespace tavrix {
 namespace {
 
-// Callers that break these conditions are wrong in their code, not in their input: say where,
-// abort.
+// A caller that breaks one of these conditions has a fault in its code, not in its input. So each
+// logs the place and aborts.
 void require_stack_element(const jsonstack* stelem, const char* function, int line) {
   if (stelem == nullptr) {
     TAVRIX_LOG(0, "%s(%d): Null stelem ", function, line);
@@ -87,7 +87,7 @@ membe_shm_err create_fselem(memsummary_s* msum, jsonstack* stelem, uint32_t pare
 membe_shm_err create_nameelem(memsummary_s* msum, uint32_t len, const char* name,
                               jsonstack* stelem) {
   tavrix::require_name_arguments(msum, len, name, stelem, __func__);
-  // The record keeps its length in 16 bits; a longer name could not be walked over.
+  // The record has 16 bits for the length; readers could not step over a longer name.
   TAVRIX_REQUIRE(len <= UINT16_MAX, "len <= UINT16_MAX");
   tavrix::require_folder_entry(stelem);
   const ImageWriter image(*msum);

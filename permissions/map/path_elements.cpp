@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Paths split into names, and the hash by which names are looked up.
+// Splits paths into names, and hashes names for lookups.
 
 #include "permissions/map/path_elements.hpp"
 
@@ -16,7 +16,7 @@
 namespace tavrix {
 namespace {
 
-// Images are shared by programs of any locale, so letters are folded by the ASCII table alone.
+// Programs of any locale share an image, so only ASCII letters are folded.
 constexpr std::array<uint8_t, 128> kUpper = [] {
   std::array<uint8_t, 128> table{};
   for (std::size_t i = 0; i < table.size(); ++i) {
@@ -28,7 +28,7 @@ constexpr std::array<uint8_t, 128> kUpper = [] {
 constexpr uint32_t kRootElements = 1;
 constexpr uint32_t kFirstCapacity = 8;
 
-// A path array under construction: everything made so far goes away with it.
+// A path array under construction. Unless released, it is freed with all its elements.
 class ArrayBuilder {
  public:
   explicit ArrayBuilder(uint32_t path_size) noexcept
@@ -139,7 +139,8 @@ void get_path_elem_smb4(const char* path, uint32_t count, path_array** out) {
   uint32_t length = count;
   while (length > 0 && path[length - 1] == '\0') --length;
 
-  // One byte more than the path, for a buffer that came without its NUL.
+  // Each name gets a block of the path's size, with a byte for the NUL that `count` may not
+  // include.
   tavrix::ArrayBuilder builder(length + 1 > count ? length + 1 : count);
   if (!builder.ok() || !tavrix::add_all(builder, {path, length})) {
     TAVRIX_LOG(0, "Could not allocate memory for path array ");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The components of a path, in order, without copying it.
+// Walks over the components of a path without copying it.
 #pragma once
 
 #include <cstdint>
@@ -7,15 +7,15 @@
 
 namespace tavrix {
 
-// One name of a path with what a lookup compares first.
+// One name of a path, with its length and hash, which a lookup compares first.
 struct PathComponent {
   const char* name;  // `len` bytes, not terminated
   uint32_t len;
   uint32_t hash;
 };
 
-// Walks over the names between the slashes; empty ones do not exist. The leading "/" is not a name:
-// it is asked for apart.
+// Yields the names between the slashes and skips empty ones. The leading "/" is not a name: see
+// is_absolute().
 class PathCursor {
  public:
   explicit PathCursor(std::string_view path) noexcept

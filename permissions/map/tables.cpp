@@ -21,10 +21,11 @@
 namespace tavrix {
 namespace {
 
-// Log filters on the appliance know the messages of the tables by this tag, whoever writes them.
+// The tag of all messages about tables, whichever process writes them: log filters match it.
 constexpr const char* kTag = "tavrix_messenger";
 
-constexpr int kCurrentTable = 0;  // semaphores of the set
+// The semaphores of the set.
+constexpr int kCurrentTable = 0;
 constexpr int kInitialized = 1;
 constexpr int kSemaphores = 2;
 constexpr int kEveryone = 0666;
@@ -32,7 +33,7 @@ constexpr int kEveryone = 0666;
 constexpr int kTableIsMissing = -2;
 constexpr unsigned kLookupRetries = 2;
 
-// Fixed numbers: a table must be found without a file to derive its key from.
+// The keys are fixed numbers, so that a table is found without a file to derive its key from.
 constexpr std::array<key_t, 2> perm_map_shm_keys{TAVRIX_PERM_TABLE0_KEY, TAVRIX_PERM_TABLE1_KEY};
 
 // The C library leaves the fourth argument of semctl() to its callers.
@@ -49,7 +50,7 @@ key_t semaphore_key() { return ftok(TAVRIX_PERM_MAP_SEM_KEY_PATH, TAVRIX_PERM_MA
 
 int value_of(int semaphore) { return semctl(perm_map_sem.sem, semaphore, GETVAL); }
 
-// No SEM_UNDO: the value is the state of the appliance and outlives the loader that wrote it.
+// Changes a value without SEM_UNDO: it is the state of the appliance and outlives the loader.
 int add_to(unsigned short semaphore, short delta) {
   sembuf step{.sem_num = semaphore, .sem_op = delta, .sem_flg = 0};
   return semop(perm_map_sem.sem, &step, 1);
@@ -67,7 +68,7 @@ void require_table(int current) {
   TAVRIX_REQUIRE(current == 0 || current == 1, "current == 0 || current == 1");
 }
 
-// Makes the set and resets it; a set that exists is reset too.
+// Makes the set, or takes the one that exists, and sets both values to zero.
 int create_zeroed_set(key_t key) {
   const int set = semget(key, kSemaphores, IPC_CREAT | kEveryone);
   if (set == -1 && errno != EEXIST) {
@@ -83,7 +84,7 @@ int create_zeroed_set(key_t key) {
   return set;
 }
 
-// Finds the set, or makes it anew at zero: a server may start before the first loader.
+// Finds the set, or makes it with zeros: a server may start before the first loader.
 int find_or_recreate_set(key_t key) {
   int set = semget(key, 0, kEveryone);
   if (set != -1) return set;
@@ -127,16 +128,16 @@ int get_current_perm_table_shmid(int current) {
   return -1;
 }
 
-// Every map import leaves a local copy; without it no table is worth a look.
+// Every import leaves a local copy of its map. Without a copy there is no table to look for.
 bool has_local_copy() {
   struct stat status {};
   return stat(TAVRIX_PERMBE_MAP_PATH, &status) == 0;
 }
 
-// The table that a lookup has just found was removed before it could be attached.
+// True for the errors of shmat() that mean: the table was removed after it was looked up.
 bool table_vanished(int error) { return error == EIDRM || error == EINVAL; }
 
-// One walk through lookup, attach and validation; `kAgain` when a swap came in between.
+// The result of one attempt to look up, attach and validate. `kAgain`: a swap came in between.
 enum class Attempt { kAttached, kAgain, kFailed };
 
 class Attacher {
@@ -174,8 +175,9 @@ class Attacher {
     return Attempt::kAgain;
   }
 
-  // A swap may remove the table between the lookup and the attach: the new one is there by then. A
-  // table that vanishes while the index stays is looked up again only so often.
+  // A swap may remove the table between the lookup and the attach. The index has moved then, and
+  // the new table is there. A table that vanishes while the index stays is looked up again only
+  // kLookupRetries times.
   Attempt attach_failed(int index) {
     const int error = errno;
     if (table_vanished(error)) {
@@ -187,8 +189,8 @@ class Attacher {
     return Attempt::kFailed;
   }
 
-  // Keeps what lookups need to know of the table beside its bytes. Without it they use no cache and
-  // trust the offsets.
+  // Remembers the table's size and identity for lookups. When these are not known, lookups use no
+  // cache and trust the offsets.
   void remember_table() const {
     const ErrnoKeeper keep;
     AttachedTable* attached = attached_table.get();
@@ -201,7 +203,7 @@ class Attacher {
                  .identity = {segment_, status.shm_cpid, status.shm_ctime}};
   }
 
-  // Closes the race with a loader that swaps between the look at the index and the attach.
+  // Reads the index again, because a loader may swap between the first look and the attach.
   Attempt validate(int index) {
     const int now = get_current_perm_table_index();
     if (now == -1) {
@@ -271,7 +273,7 @@ void* create_perm_map_shm(int key, unsigned int size, int* shmid) {
     TAVRIX_LOG(0, "PERM_MAP %s:input address to create_perm_map_shm() for shmid is NULL\n", kTag);
     return nullptr;
   }
-  *shmid = shmget(key, size, IPC_CREAT | IPC_EXCL);  // permission bits 0: for the superuser alone
+  *shmid = shmget(key, size, IPC_CREAT | IPC_EXCL);  // permission bits 0: only the superuser's
   if (*shmid == -1) {
     if (errno == EEXIST) {
       TAVRIX_LOG(0,
@@ -293,7 +295,7 @@ void* create_perm_map_shm(int key, unsigned int size, int* shmid) {
     shmctl(*shmid, IPC_RMID, nullptr);
     return nullptr;
   }
-  // Fewer, larger pages make a reader's first touch of a table cheaper.
+  // Larger pages mean fewer page faults when a reader first touches the table.
   tavrix::ErrnoKeeper keep;
   madvise(table.get(), size, MADV_HUGEPAGE);
   return table.release();
@@ -321,8 +323,8 @@ int map_initialized(int set) {
   return 0;
 }
 
-// The order is the protocol: the new table is whole before the index moves, and the old one goes
-// only after the index has moved.
+// The order matters: the new table is complete before the index moves, and the old table is removed
+// after that.
 int swap_maps(unsigned int current) {
   tavrix::require_table(static_cast<int>(current));
   int old_table = tavrix::kTableIsMissing;
