@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The second pass of an import: the events of the JSON parser, told to the image.
+// The second pass of an import: turns the JSON parser's events into image records.
 //
-// The place in the document is a stack of states, each with the folder it concerns. A folder's
-// STCHILDMAP sits on the ENDNUMCHILDRENMAP of its parent's children array, that on the array's
-// STCHILDARRAY, on the parent's CHILDREN, on the parent's STCHILDMAP. An ACL in progress sits on
-// the folder's STCHILDMAP as ACL, STACLARRAY, STNUMUSERMAP, ENDNUMUSERMAP, STNUMGROUPMAP,
-// ENDNUMGROUPMAP, STUSERMAP, with the id maps above it while they are open.
+// The place in the document is a stack of states, each with the folder that it concerns. From the
+// bottom to the top, the states of an open folder with an open ACL are:
 //
-// A document that breaks the grammar aborts the loader: the assertions name the state that should
-// have been there. A key that fits nowhere cancels the parse, and the image stays as far as it got.
+//   parent   STCHILDMAP, CHILDREN, STCHILDARRAY, ENDNUMCHILDRENMAP
+//   folder   STCHILDMAP
+//   its ACL  ACL, STACLARRAY, STNUMUSERMAP, ENDNUMUSERMAP, STNUMGROUPMAP, ENDNUMGROUPMAP,
+//            STUSERMAP, and the states of an open id map
+//
+// A document that breaks the grammar aborts the loader; the assertion names the expected state. An
+// unknown key cancels the parse, and the image keeps the records that it has.
 
 #include "permissions/import/data_pass.hpp"
 
@@ -38,7 +40,7 @@ memsummary_s& running_import() {
   return *memsummary;
 }
 
-// --- the stack, as the transitions use it ---------------------------------------------------
+// --- the stack ------------------------------------------------------------------------------
 
 const jsonstack& current_top() {
   const jsonstack* top = top_of(running_import().sth);
@@ -46,7 +48,7 @@ const jsonstack& current_top() {
   return *top;
 }
 
-// The element itself, for the primitives that read and fill it; given back with the scope.
+// Pops the top element, for the primitives that read and fill it. It is given back with the scope.
 Element take_top() {
   Element elem(pop(running_import().sth));
   TAVRIX_REQUIRE(elem != nullptr, "stelem != NULL");
@@ -68,12 +70,12 @@ int push_state(int state, uint32_t offset, void* data, stelem_type type) {
   return kCancel;
 }
 
-// "The same folder, the next state."
+// Pushes a state for the same folder.
 int push_copy(const jsonstack& elem, int state) {
   return push_state(state, elem.jsonoffset, elem.data, elem.stetype);
 }
 
-// As pop_if_state(), which other programs use.
+// Pops the top element if it has that state; else pop_if_state() reports the mismatch.
 membe_shm_err pop_state(int state) {
   tavrix_stack_head_s& stack = running_import().sth;
   const jsonstack* top = top_of(stack);
@@ -86,7 +88,7 @@ void require_top(int state, const char* text) {
   TAVRIX_REQUIRE(get_cur_state(&running_import().sth) == state, text);
 }
 
-// The pops at the end of an object and of an array, which word their failures differently.
+// The pops at the end of an object and of an array. Their failures have different texts.
 void pop_at_end_of_map(int state) {
   if (const membe_shm_err err = pop_state(state); err != SHM_MEMBE_OK) {
     TAVRIX_LOG(0, "pop error %d ", err);
@@ -107,14 +109,14 @@ constexpr std::size_t kStates = PERMDATA_STATE_INVAL + 1;
 
 using Action = int (*)(const jsonstack& top);
 
-// One row: under this state, push the next one (a copy), or do something of its own.
+// A row: when `state` is on top, push `next` for the same folder, or run the action.
 struct Transition {
   int state;
   int next;
   Action action = nullptr;
 };
 
-// Indexed by state; a state without a row has neither.
+// The rows, indexed by state.
 class TransitionTable {
  public:
   template <std::size_t N>
@@ -152,7 +154,7 @@ int begin_acl(const jsonstack& /*top*/) {
   return push_state(PERMDATA_STATE_STUSERMAP, 0, acl, STELEM_TYPE_ACLELEM);
 }
 
-// A new folder in the image, and the element that stands for it; null when out of memory.
+// Creates a folder in the image. Returns the element for it, or null when out of memory.
 Element new_folder(int state, uint32_t parent) {
   jsonstack* elem = nullptr;
   const bool made = create_stackelem(state, &elem) == 0 &&
@@ -171,7 +173,7 @@ int push_element(Element elem) {
     TAVRIX_LOG(0, "Push failure %d", err);
     return kCancel;
   }
-  static_cast<void>(elem.release());  // the stack's now
+  static_cast<void>(elem.release());  // the stack owns it now
   return kGoOn;
 }
 
@@ -180,14 +182,14 @@ int begin_folder(const jsonstack& top) {
   static_cast<void>(image.checked_header());
   fs_elem_s& parent = image.fselem(top.jsonoffset);
   if (top.jsonoffset == 0 && parent.parent_offset == FSELEM_ROOT_OFFSET) {
-    // The root was made with its array; this is its own object.
+    // The start of the document has created the root. This is the root's own object.
     parent.flags |= FSELEM_FLAG_ROOT;
     parent.parent_offset = FSELEM_ROOT_OFFSET2;
     return push_state(PERMDATA_STATE_STCHILDMAP, 0, nullptr, STELEM_TYPE_FSELEM);
   }
   if ((parent.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) {
-    // Declared without children and given one all the same: it has no folder to write to, and its
-    // name will trip over that.
+    // The parent was declared without children. The element gets no folder, and the child's name
+    // will abort for want of one.
     return push_state(PERMDATA_STATE_STCHILDMAP, 0, nullptr, STELEM_TYPE_INVALID);
   }
   Element child = new_folder(PERMDATA_STATE_STCHILDMAP, top.jsonoffset);
@@ -196,7 +198,7 @@ int begin_folder(const jsonstack& top) {
   return push_element(std::move(child));
 }
 
-// An object under any other state is accepted without a change; what is in it will not fit.
+// An object under any other state changes nothing; its contents will break the grammar.
 constexpr TransitionTable start_of_object({
     {PERMDATA_STATE_STCHILDARRAY, PERMDATA_STATE_STNUMCHILDRENMAP},
     {PERMDATA_STATE_STACLARRAY, PERMDATA_STATE_STNUMUSERMAP},
@@ -224,9 +226,9 @@ int begin_document() {
 
 struct Key {
   std::string_view text;
-  int state;              // pushed, as a copy
-  int under;              // the state it must stand under
-  const char* condition;  // as the abort words it
+  int state;              // the state to push
+  int under;              // the state that must be on top
+  const char* condition;  // the text of the abort when it is not
 };
 
 constexpr Key state_arr[] = {
@@ -250,7 +252,7 @@ constexpr Key state_arr[] = {
 const Key* find_key(std::string_view text) {
   const auto* row =
       std::find_if(std::begin(state_arr), std::end(state_arr), [text](const Key& key) {
-        // No two keys share both their length and their first letter.
+        // The length and the first letter tell keys apart: no two share both.
         return key.text.size() == text.size() && key.text[0] == text[0] && key.text == text;
       });
   return row == std::end(state_arr) ? nullptr : row;
@@ -280,7 +282,7 @@ void declare_children(jsonstack& elem, uint32_t count) {
 void set_mask(const jsonstack& elem, e_ace_type_t trustee, uint32_t mask) {
   auto* acl = static_cast<tavrix_acl_t*>(elem.data);
   TAVRIX_REQUIRE(acl != nullptr && acl->ace_list_head.first_elem != nullptr, "ace != NULL");
-  // New entries go to the head, so the first one is the one whose key came last.
+  // New entries go to the head, so the first entry is that of the last key.
   const auto* last = reinterpret_cast<const tavrix_ace_s*>(acl->ace_list_head.first_elem);
   add_ace_mask(acl, trustee, last->trustee.uid, mask);
 }
@@ -312,7 +314,7 @@ int tolerate(const jsonstack& top) {
   return kGoOn;
 }
 
-// Under any other state an object cannot end.
+// The end of an object under any other state aborts.
 constexpr TransitionTable end_of_object({
     {PERMDATA_STATE_STCHILDMAP, kOwnAction, end_folder},
     {PERMDATA_STATE_STUSERMAP, PERMDATA_STATE_ENDUSERMAP},
@@ -337,7 +339,7 @@ constexpr TransitionTable end_of_object({
 
 // --- the end of an array --------------------------------------------------------------------
 
-// The folder gets the next free place of the ACL region, zeroed before it is written.
+// Stores the folder's ACL at the next free place of the ACL region.
 void store_acl(uint32_t folder_offset, const beacl_s& stored, uint32_t size) {
   const ImageWriter image(running_import());
   tavrix_be_header& header = image.checked_header();
@@ -348,7 +350,7 @@ void store_acl(uint32_t folder_offset, const beacl_s& stored, uint32_t size) {
   header.next_free_acl += size;
 }
 
-// Pops what stands for the ACL's folder: the element below the one that carries the ACL.
+// Pops the element below the one with the ACL and returns its folder, to which the ACL belongs.
 uint32_t take_folder_of_acl() {
   const Element elem = take_top();
   if (elem->state != PERMDATA_STATE_ENDNUMGROUPMAP) {
@@ -407,7 +409,7 @@ int readperm_start_array(void* /*ctx*/) {
   if (tavrix::running_import().sth.totalelems == 0) return tavrix::begin_document();
   const jsonstack& top = tavrix::current_top();
   if (const auto* row = tavrix::start_of_array.find(top.state)) return tavrix::take(*row, top);
-  // Nothing below could be placed; the import is judged by the image it has so far.
+  // The contents of this array have no place. The image built so far is judged as it is.
   TAVRIX_LOG(0, "Invalid state %d", top.state);
   return tavrix::kCancel;
 }
@@ -444,7 +446,7 @@ int readperm_string(void* /*ctx*/, const unsigned char* string, size_t len) {
     TAVRIX_REQUIRE(elem->state == PERMDATA_STATE_NAME, "stelem->state == PERMDATA_STATE_NAME");
   }
   TAVRIX_REQUIRE(elem->stetype == STELEM_TYPE_FSELEM, "stelem->stetype == STELEM_TYPE_FSELEM");
-  // Longer than its type: no record could hold it, and the primitive says so.
+  // The primitive aborts on a length that a record cannot hold, so a longer one may be cut here.
   const auto length = static_cast<uint32_t>(std::min<size_t>(len, UINT32_MAX));
   const membe_shm_err err = create_nameelem(&tavrix::running_import(), length,
                                             reinterpret_cast<const char*>(string), elem.get());
@@ -461,7 +463,7 @@ int readperm_number(void* /*ctx*/, const char* number, size_t len) {
       break;
     case PERMDATA_STATE_NUMUSERS:
     case PERMDATA_STATE_NUMGROUPS:
-      break;  // the entries themselves are counted
+      break;  // not needed: the ACL counts its entries
     case PERMDATA_STATE_USERID:
       tavrix::set_mask(*elem, ACE_TYPE_USER, value);
       break;

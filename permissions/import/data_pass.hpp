@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The data pass as the import driver sees it.
+// The data pass, for the import driver.
 #pragma once
 
 #include <yajl/yajl_parse.h>

@@ -30,15 +30,15 @@ membe_shm_err restore_from_local_copy(memsummary_s& summary) {
   const CString location(get_permbe_map_location());
   const membe_shm_err err = readperms_from_map(
       location.get(), static_cast<tavrix_be_header*>(summary.membuf), summary.memsize);
-  // Written whatever came of the read: operators' scripts wait for this line, and learn the outcome
-  // from the one that follows it.
+  // Written even when the read failed: operators' scripts wait for this line and learn the outcome
+  // from the next one.
   log_perm_error("Successfully read the permission map", PERMISSION_MAP_SUCCESS,
                  SWEEPER_LOGSEV_INFO);
   return err;
 }
 
-// A buffer of a hundred megabytes costs a page fault for every two of them instead of for every
-// four kilobytes. Harmless where the kernel has no large pages.
+// Asks for large pages: a buffer of a hundred megabytes then costs a page fault for every two
+// megabytes instead of every four kilobytes. Does nothing when the kernel has no large pages.
 void advise_large_pages(char* buffer, std::size_t size) {
   const auto page = static_cast<std::size_t>(getpagesize());
   const auto start = (reinterpret_cast<std::uintptr_t>(buffer) + page - 1) / page * page;
@@ -47,11 +47,11 @@ void advise_large_pages(char* buffer, std::size_t size) {
   if (start < end) madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
 }
 
-// Whole files in one request: the parser works on the buffer in place. false: no memory for it, and
-// nothing was read.
+// Reads the whole file in one request, because the parser works on the buffer in place. false when
+// there is no memory for the buffer; nothing was read then.
 [[nodiscard]] bool parse_data_file(std::FILE* file, std::size_t size) {
   JsonParse parse(data_pass_callbacks);
-  // Zeroed by the kernel, which hands out large blocks untouched.
+  // calloc() takes large blocks from the kernel, which zeroes their pages only when they are used.
   const Malloced<char> buffer(static_cast<char*>(std::calloc(1, size + kReadBufferSlack)));
   if (buffer == nullptr) {
     TAVRIX_LOG(0, "No memory %s", strerror(errno));
@@ -92,7 +92,7 @@ membe_shm_err process_permmap(memsummary_s* msum) {
   if (msum->perm_map_name_data == nullptr) return tavrix::restore_from_local_copy(*msum);
 
   tavrix::memsummary = msum;
-  // A size file that was given up halfway has left its elements.
+  // A size pass that was cancelled has left its elements.
   tavrix::empty_stack(msum->sth);
   const char* data_file = msum->perm_map_name_data;
   struct stat info {};
@@ -106,19 +106,19 @@ membe_shm_err process_permmap(memsummary_s* msum) {
                           data_file);
     return SHM_MEMBE_ERR_BADARGS;
   }
-  // An image without room for its header cannot be written to; saving it fails below.
+  // An image smaller than its header cannot be written to; saving it fails below.
   if (msum->membuf != nullptr && msum->memsize >= sizeof(tavrix_be_header)) {
     const bool was_read =
         tavrix::parse_data_file(file.get(), static_cast<std::size_t>(info.st_size));
     tavrix::empty_stack(msum->sth);
     tavrix::free_kept_elements();
-    // An image that holds nothing is not the map, and the files are all there is of it.
+    // Nothing was imported, so the files must stay: the new map is nowhere else.
     if (!was_read) return SHM_MEMBE_ERR_NOMEM;
   }
   file.reset();
 
-  // What the parser made of the file does not matter here: an import is good when a valid image
-  // could be saved, and the agent sends a new export after every failure. Hence the files go too.
+  // The result of the parse does not matter here: an import succeeds when a valid image could be
+  // saved. The files are removed even after a failure, because the agent then sends a new export.
   const tavrix::CString location(get_permbe_map_location());
   const membe_shm_err err = persist_perm_map(
       location.get(), static_cast<const tavrix_be_header*>(msum->membuf), msum->memsize);

@@ -12,7 +12,7 @@
 namespace tavrix {
 namespace {
 
-// The parser does not look at what its allocator returns.
+// Ends the process without memory: the parser does not check its allocator's results.
 void* checked(void* block) noexcept {
   TAVRIX_REQUIRE(block != nullptr, "memory for the JSON parser");
   return block;
@@ -46,7 +46,7 @@ bool JsonParse::feed(const char* chunk, std::size_t length) noexcept {
   if (is_accepted_) {
     write_generated();
   } else {
-    report_error(bytes, length);  // finishing forgets the place
+    report_error(bytes, length);  // now, because finishing loses the place of the error
   }
   return is_accepted_;
 }
@@ -63,7 +63,7 @@ void JsonParse::report_error(const unsigned char* chunk, std::size_t length) noe
   yajl_free_error(parser_, text);
 }
 
-// The callbacks generate nothing, so this writes nothing.
+// Writes what the generator holds, which is nothing: the callbacks do not use it.
 void JsonParse::write_generated() noexcept {
   const unsigned char* text = nullptr;
   std::size_t length = 0;
@@ -84,7 +84,7 @@ uint64_t decimal_of(const char* token, std::size_t length) noexcept {
   const bool is_plain = digits > 0 && (digits == length || digits < kNeverOverflows);
   if (is_plain || length == 0) return value;
 
-  // A sign, a blank or many digits: let the C library judge a copy.
+  // A token with a sign, a blank or many digits goes to the C library, as a copy with a NUL.
   const CString copy(strndup(token, length));
   TAVRIX_REQUIRE(copy != nullptr, "memory for the JSON parser");
   return std::strtoull(copy.get(), nullptr, 10);

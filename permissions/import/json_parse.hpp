@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// One run of the JSON parser over a file that arrives in chunks, and the texts it hands out.
+// One run of the JSON parser over a file that arrives in chunks, and the numbers in its tokens.
 #pragma once
 
 #include <yajl/yajl_gen.h>
@@ -10,8 +10,8 @@
 
 namespace tavrix {
 
-// Comments are accepted. What the callbacks make of the document is their own affair: the outcome
-// of the parse is told on standard error and nowhere else.
+// Comments are accepted. A parse error is printed to standard error and reported nowhere else; the
+// callbacks judge the document themselves.
 class JsonParse {
  public:
   explicit JsonParse(const yajl_callbacks& callbacks) noexcept;
@@ -21,7 +21,7 @@ class JsonParse {
 
   // false when the parser does not accept the chunk: a syntax error, or a callback that cancelled.
   [[nodiscard]] bool feed(const char* chunk, std::size_t length) noexcept;
-  // The end of the document.
+  // Call this at the end of the document.
   void finish() noexcept;
 
  private:
@@ -33,7 +33,7 @@ class JsonParse {
   bool is_accepted_ = true;
 };
 
-// strtoull() in base 10 over a token that has no terminator of its own.
+// Does what strtoull() does in base 10, for a token without a NUL.
 [[nodiscard]] uint64_t decimal_of(const char* token, std::size_t length) noexcept;
 
 }  // namespace tavrix

@@ -23,7 +23,7 @@ void free_kept_elements() noexcept {
 
 void empty_stack(tavrix_stack_head_s& stack) noexcept {
   while (jsonstack* elem = pop(stack)) {
-    // The elements above it hold copies of the same pointer.
+    // Only this element owns the ACL; those above it hold copies of the pointer.
     if (elem->state == PERMDATA_STATE_STUSERMAP && elem->stetype == STELEM_TYPE_ACLELEM) {
       auto* acl = static_cast<tavrix_acl_t*>(elem->data);
       free_tavrix_acl(acl);

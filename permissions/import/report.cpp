@@ -28,7 +28,7 @@ void tell_operator(log_msg_indx index, sweeper_logmsg_sev severity, const char* 
   va_start(arguments, format);
   const CString text = vformatted(format, arguments);
   va_end(arguments);
-  // Without memory for the details the operator still learns what kind of thing happened.
+  // Without memory for the details the format alone says what failed.
   log_perm_error(text != nullptr ? text.get() : format, index, severity);
 }
 

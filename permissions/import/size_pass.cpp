@@ -21,7 +21,7 @@
 namespace tavrix {
 namespace {
 
-// The summary of the running size pass; the callbacks reach it only through here.
+// The summary of the running size pass. The callbacks have no other way to it.
 memsummary_s* memsummary1 = nullptr;
 
 struct KeyState {
@@ -63,7 +63,7 @@ tavrix_stack_head_s& running_stack() {
   return memsummary1->sth;
 }
 
-// A new element with that state on the stack; only the state of an element matters in this pass.
+// Pushes an element with that state. This pass uses only the state of an element.
 bool push_state(json_mapsize_states state) {
   tavrix_stack_head_s& stack = running_stack();
   jsonstack* elem = new_element();
@@ -83,7 +83,7 @@ int pop_state() {
   return elem->state;
 }
 
-// Neither JSON file is given: the image will come from its local copy, which has the size.
+// Takes the size from the local copy of the image: without JSON files the image comes from there.
 membe_shm_err size_of_local_copy(memsummary_s** msum) {
   const CString location(get_permbe_map_location());
   if (location == nullptr) {
@@ -118,7 +118,7 @@ membe_shm_err check_files(const char* size_file, const char* data_file) {
   return SHM_MEMBE_OK;
 }
 
-// On failure the summary is gone.
+// Frees the summary on failure.
 membe_shm_err keep_paths(memsummary_s** msum, const char* size_file, const char* data_file) {
   (*msum)->perm_map_name_size = strdup(size_file);
   (*msum)->perm_map_name_data = strdup(data_file);
@@ -135,7 +135,7 @@ membe_shm_err keep_paths(memsummary_s** msum, const char* size_file, const char*
   return SHM_MEMBE_ERR_NOMEM;
 }
 
-// A file that does not parse to its end is not a failure: what was read counts.
+// Parses the size file. A syntax error is not a failure: the counts before it are used.
 void parse_size_file(JsonParse& parse, std::FILE* file) {
   constexpr std::size_t kChunk = 65535;
   static char buffer[kChunk + 1];
@@ -256,7 +256,7 @@ int beshm_string(void* /*ctx*/, const unsigned char* string, size_t len) {
       TAVRIX_REQUIRE(len <= MAXMAP_VERSION_NAMELEN, "stringLen <= MAXMAP_VERSION_NAMELEN");
       std::memcpy(summary.version, string, len);
       return 1;
-    default:  // a count given as text
+    default:  // a text where a count is expected
       return 0;
   }
 }

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::string_view kBefore = "--------> Name ";
 constexpr std::string_view kBetween = " hahsval ";
-constexpr std::size_t kLongestTail = 16;  // ten digits, a blank and the newline
+constexpr std::size_t kLongestTail = 16;  // enough for ten digits, a blank and the newline
 
 constexpr std::size_t kRoom = 64 * 1024;
 char lines[kRoom];

@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The line that the loader prints to standard output for every name it makes.
+// The line that the loader prints to standard output for each name that it creates.
 #pragma once
 
 #include <cstdint>
 
 namespace tavrix {
 
-// "--------> Name %s hahsval %u " and a newline. The loader has printed it from its first day, and
-// scripts read it.
+// Prints "--------> Name %s hahsval %u " and a newline. Scripts read these lines.
 void print_name_trace(const char* name, uint32_t len, uint32_t hash) noexcept;
 
-// While one lives, lines are put together here and written many at a time: an import prints
-// millions of them. The end of its life, or a fuller buffer, writes them; an abort loses the last
-// ones, as the C library's own buffer would. Does not nest.
+// Collects the lines for the length of a scope and writes many at a time, because an import prints
+// millions. Lines are written when the buffer is full and at the end of the scope. An abort loses
+// the last ones, as it loses the C library's own buffer. Does not nest.
 class NameTraces {
  public:
   NameTraces() noexcept;
