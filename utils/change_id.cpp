@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The decision's short switch to the superuser: effective user and group, there and back.
+// The decision's switch to the superuser and back: effective user and group.
 
 #include <unistd.h>
 
@@ -13,8 +13,8 @@ constexpr uid_t kNobodySaved = static_cast<uid_t>(-1);
 
 uid_t save_uid = kNobodySaved;
 gid_t save_gid = kNobodySaved;
-// The effective group before the switch is the real or the saved one too, so a process without
-// privilege may take it back.
+// True when save_gid is also the real or the saved group: then a process that is no longer the
+// superuser may take it back.
 bool gid_needs_no_privilege = false;
 
 void become_root() {
@@ -32,10 +32,10 @@ void become_root() {
 
 void require_group() { TAVRIX_REQUIRE(setegid(save_gid) == 0, "setegid(save_gid) == 0"); }
 
-// Gives back the user first, then the group. In a Samba server process that order fails: its real
-// and saved gids are 0, and the right to take the client's gid goes with the uid. There the group
-// goes back first, while the process is still the superuser. A process that cannot give back either
-// of them ends, because it would serve its client with the superuser's rights.
+// Gives back the user first, then the group. In a Samba server process that order cannot succeed:
+// its real and saved gids are 0, and the right to take the client's gid goes away with the uid. So
+// there the group goes back first, while the process is still the superuser. A process that cannot
+// give both back ends: it would serve its client with the superuser's user or group.
 void give_back() {
   const bool group_first = save_uid != 0 && save_gid != 0 && !gid_needs_no_privilege;
   if (group_first) require_group();
