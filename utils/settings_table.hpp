@@ -82,7 +82,7 @@ inline constexpr Setting kSettings[] = {
                            "Seconds between two flushes by tavrix-sweeper.",
                            "A client whose event finds the buffer full waits for about as long."),
     settings_table::text(
-        PARAM_STAGING_DIR, "SWEEPER:staging dir", "/tavrix/.conf/staging",
+        PARAM_STAGING_DIR, "SWEEPER:staging dir", TAVRIX_CONF_FOLDER "/staging",
         "The folder of the dump files of events; it must exist, and its path may have 200 bytes at "
         "most.",
         "The synchronisation agent watches it. A longer path cuts the names of dump files."),
@@ -113,7 +113,7 @@ inline constexpr Setting kSettings[] = {
         PARAM_ENABLE_FORBIDDEN_RMDIR, "VFS:enable forbidden rmdir", "no",
         "Chooses what the removal of a folder logs at debug levels 1 and 10; it allows nobody "
         "anything."),
-    settings_table::text(PARAM_AUDITING_DIR, "SWEEPER:auditing dir", "/tavrix/.conf/auditing",
+    settings_table::text(PARAM_AUDITING_DIR, "SWEEPER:auditing dir", TAVRIX_CONF_FOLDER "/auditing",
                          "The folder of the dump files of audits; it must exist, and its path may "
                          "have 200 bytes at most.",
                          "Audits record who read what, on shares with \"tavrix:audit = yes\"."),

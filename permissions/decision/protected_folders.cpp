@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The folders that no client may delete.
+// Folders that no client may delete.
 
 #include <string_view>
 
@@ -15,7 +15,7 @@ constexpr std::string_view kPrivatePrefix = "Private/";
 }  // namespace
 }  // namespace tavrix
 
-// The private area and the users' folders in it are the appliance's, not the clients'.
+// The private area and the users' folders in it belong to the appliance.
 int is_deleteable(const char* path_to_delete) {
   if (path_to_delete == nullptr) return 1;
   const std::string_view path(path_to_delete);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The local copy of the image: it survives a boot, and a loader without new files starts from it.
+// The local copy of the image. It survives a boot, and a loader without new files starts from it.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,9 +14,9 @@
 namespace tavrix {
 namespace {
 
-// The copy holds every folder name and every permission: for root's eyes only.
+// Only root may read the copy: it holds every folder name and every permission.
 constexpr mode_t kLocalCopyMode = 0600;
-constexpr int kLowestDescriptor = 1;  // a descriptor 0 has always counted as a failed open
+constexpr int kLowestDescriptor = 1;  // descriptor 0 counts as a failed open
 
 bool is_image(const tavrix_be_header* buf, unsigned int size) {
   return size >= sizeof(tavrix_be_header) && buf->signature == TAVRIX_BE_HEADER_SIGNATURE;

@@ -45,7 +45,7 @@ membe_shm_err init_shmbe(memsummary_s* sum) {
   header.acl_size = static_cast<uint32_t>(sizeof(beace_s)) * sum->total_aces +
                     static_cast<uint32_t>(sizeof(beacl_s)) * folders;
   header.list_offset = header.acl_offset + header.acl_size;
-  // Every folder but the root is the child of exactly one, so one slot a folder is enough.
+  // Each folder but the root is the child of exactly one folder, so one slot per folder is enough.
   header.list_size = static_cast<uint32_t>(sizeof(child_list_s) + sizeof(uint32_t)) * folders;
   header.signature = TAVRIX_BE_HEADER_SIGNATURE;
 
