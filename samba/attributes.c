@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 /* Extended attributes of open files: a client's own, and the one in which smbd keeps DOS
  * attributes. The file may belong to another user on the disk, so what its mode refuses is done
- * again as root. Nobody sees or changes the library's own attributes. */
+ * again as root. No client sees or changes the library's own attributes. */
 #include "tavrix_module.h"
 
 static const char marks[] = "user.tavrix.";

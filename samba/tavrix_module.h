@@ -140,8 +140,8 @@ int tavrix_raise(struct tavrix_connection* tavrix);
 void tavrix_give_back(struct tavrix_connection* tavrix);
 
 /* Root with user and group to the end of the block. Does nothing when the process is root already
- * or cannot become root; in the second case the library switches for itself. Do not call
- * refresh_credentials() inside: it must see the client. */
+ * or cannot become root; in the second case the library switches for itself. Inside the block
+ * refresh_credentials() does not see the client: only the marker files renew the identity then. */
 struct tavrix_root {
   tx_perm_ctx_t* user;
   gid_t group; /* -1: was not changed */
