@@ -58,6 +58,13 @@ Pointer count_block(Pointer block) {
   return block;
 }
 
+bool skips_sleeps = false;
+
+std::vector<unsigned>& sleeps() {
+  static auto& skipped = *new std::vector<unsigned>;
+  return skipped;
+}
+
 // 0, or the errno with which this call has to fail.
 int intercept(Probe* planned) {
   if (planned == nullptr) return 0;  // the program is still starting
@@ -89,6 +96,13 @@ void run_before(const std::string& name, std::function<void()> action, int nth) 
 
 void cut_short(const std::string& name, long bytes) { probe(name).at_most = bytes; }
 
+void skip_sleeps() {
+  skips_sleeps = true;
+  sleeps().clear();
+}
+
+const std::vector<unsigned>& skipped_sleeps() { return sleeps(); }
+
 int calls(const std::string& name) { return probe(name).calls; }
 
 void reset_calls() {
@@ -106,6 +120,8 @@ using tavrix::test::count_block;
 using tavrix::test::intercept;
 using tavrix::test::Probe;
 using tavrix::test::probes;
+using tavrix::test::skips_sleeps;
+using tavrix::test::sleeps;
 
 // The probe of a wrapped call is known from the program's start, so that a typing error in a test
 // is one; the pair of functions is what --wrap=name links.
@@ -292,6 +308,19 @@ int __wrap_open(const char* path, int flags, ...) {
   }
 WRAP_TRANSFER(read, void*)
 WRAP_TRANSFER(write, const void*)
+
+// --- time ----------------------------------------------------------------------------------------
+
+// A planned failure is a signal that ends the wait at its start.
+WRAPPED(sleep)
+extern "C" unsigned __real_sleep(unsigned seconds);
+extern "C" unsigned __wrap_sleep(unsigned seconds);
+unsigned __wrap_sleep(unsigned seconds) {
+  if (intercept(probe_of_sleep) != 0) return seconds;
+  if (!skips_sleeps) return __real_sleep(seconds);
+  sleeps().push_back(seconds);
+  return 0;
+}
 
 // --- the loader of libraries ---------------------------------------------------------------------
 

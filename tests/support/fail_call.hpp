@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tavrix::test {
 
@@ -14,6 +15,11 @@ void fail_call(const std::string& name, int error, int nth = 1, int times = 1);
 void run_before(const std::string& name, std::function<void()> action, int nth = 1);
 // The next read() or write() moves at most that many bytes.
 void cut_short(const std::string& name, long bytes);
+
+// From now on sleep() returns at once, in this process and in children that it makes later. For
+// tests of what follows a wait; the seconds that each call asked for are kept, oldest first.
+void skip_sleeps();
+const std::vector<unsigned>& skipped_sleeps();
 
 // Calls since the last reset.
 int calls(const std::string& name);

@@ -75,13 +75,15 @@ Outcome outcome_of(pid_t pid, int out, int err) {
   return outcome;
 }
 
+int failures_at_start = 0;
+
 pid_t start_body(int out, int err, const std::function<void()>& body) {
   return start(out, err, [&body] {
-    const int before = failures();
+    failures_at_start = failures();
     int code = 0;
     try {
       body();
-      if (failures() != before) code = kExpectationFailed;
+      end_child();
     } catch (const std::exception& error) {
       std::fprintf(stderr, "threw: %s\n", error.what());
       code = kThrew;
@@ -96,6 +98,11 @@ pid_t start_body(int out, int err, const std::function<void()>& body) {
 bool Outcome::aborted_with(const std::string& condition) const {
   return signal == SIGABRT &&
          err.find("Assertion `" + condition + "' failed.") != std::string::npos;
+}
+
+void end_child() {
+  std::fflush(nullptr);
+  _exit(failures() != failures_at_start ? kExpectationFailed : 0);
 }
 
 Outcome in_child(const std::function<void()>& body) { return Child(body).wait(); }

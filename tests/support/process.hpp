@@ -22,6 +22,9 @@ struct Outcome {
 // Runs the body in a child and waits. A failed expectation in the child makes it fail.
 Outcome in_child(const std::function<void()>& body);
 
+// Ends such a child inside its body, at once.
+[[noreturn]] void end_child();
+
 // A child that runs beside the test until it is waited for or killed.
 class Child {
  public:

@@ -82,7 +82,9 @@ TEST_F(ParameterBlock, IsTheCreatorsOwnParameters) {
 TEST_F(ParameterBlock, ReplacesAStaleOneOnce) {
   const int stale = segment(IPC_CREAT | 0666);
   ASSERT_GE(stale, 0);
+  skip_sleeps();
   EXPECT_EQ(0, create_config_buffer());
+  EXPECT_EQ((std::vector<unsigned>{1, 1}), skipped_sleeps());
   EXPECT_NE(stale, segment());
   const std::string errors =
       "cannot create shared memory for global param error_no=17 "
@@ -95,6 +97,7 @@ TEST_F(ParameterBlock, ReplacesAStaleOneOnce) {
 
 TEST_F(ParameterBlock, FailsWhenARivalIsThereAgain) {
   segment(IPC_CREAT | 0666);
+  skip_sleeps();
   run_before(
       "shmget", [] { segment(IPC_CREAT | 0666); }, 3);
   EXPECT_EQ(-1, create_config_buffer());
@@ -105,6 +108,7 @@ TEST_F(ParameterBlock, FailsWhenARivalIsThereAgain) {
 TEST_F(ParameterBlock, FailsWhenAStaleOneCannotBeRemoved) {
   // Another size than the one that is removed: it is not found.
   shmget(key(), 100, IPC_CREAT | 0666);
+  skip_sleeps();
   EXPECT_EQ(-1, create_config_buffer());
   EXPECT_TRUE(logged(line("cannot remove shared memory for global param.")));
 }

@@ -3,7 +3,6 @@
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/shm.h>
 #include <cerrno>
 #include <csignal>
 
