@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // A library to preload into a real program: calls that fail, stop or kill it at a chosen moment,
-// and a trace of what it changes in folders. tests/tools/loader.hpp sets its rules.
+// a trace of what it changes in folders, and a clock that runs faster. tests/tools/operator.hpp
+// sets its rules.
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
@@ -84,6 +87,23 @@ bool fails(const char* call, const char* path = "") {
     }
   }
   return false;
+}
+
+// The program's waits are that many times shorter, and its steady clock runs as much faster, so
+// that deadlines and the waits for them stay in step. Dates are true.
+int haste() {
+  static const int times = [] {
+    const char* text = getenv("TAVRIX_HASTE");
+    return text != nullptr && atoi(text) > 1 ? atoi(text) : 1;
+  }();
+  return times;
+}
+
+constexpr int64_t kNanoseconds = 1'000'000'000;
+int64_t nanoseconds(const timespec& time) { return time.tv_sec * kNanoseconds + time.tv_nsec; }
+timespec time_of(int64_t nanoseconds) {
+  return {static_cast<time_t>(nanoseconds / kNanoseconds),
+          static_cast<long>(nanoseconds % kNanoseconds)};
 }
 
 // One line an operation: the words with tabs between, and the bytes in hex.
@@ -242,6 +262,36 @@ void* shmat(int id, const void* address, int flags) {
 int shmctl(int id, int command, struct shmid_ds* info) {
   if (fails(command == IPC_RMID ? "shmrm" : "shmctl")) return -1;
   return real<int (*)(int, int, struct shmid_ds*)>("shmctl")(id, command, info);
+}
+
+int clock_gettime(clockid_t clock, struct timespec* now) {
+  const int result = real<int (*)(clockid_t, timespec*)>("clock_gettime")(clock, now);
+  if (result == 0 && clock == CLOCK_MONOTONIC) *now = time_of(nanoseconds(*now) * haste());
+  return result;
+}
+
+int nanosleep(const struct timespec* wanted, struct timespec* rest) {
+  const timespec scaled = time_of(nanoseconds(*wanted) / haste());
+  const int result = real<int (*)(const timespec*, timespec*)>("nanosleep")(&scaled, rest);
+  if (result != 0 && rest != nullptr) *rest = time_of(nanoseconds(*rest) * haste());
+  return result;
+}
+
+int usleep(useconds_t microseconds) {
+  const timespec wanted = time_of(int64_t{microseconds} * 1000);
+  return nanosleep(&wanted, nullptr);
+}
+
+unsigned sleep(unsigned seconds) {
+  const timespec wanted{static_cast<time_t>(seconds), 0};
+  timespec rest{};
+  return nanosleep(&wanted, &rest) == 0 ? 0 : static_cast<unsigned>(rest.tv_sec) + 1;
+}
+
+// Never 0 for a wait: 0 would be a look.
+int poll(struct pollfd* fds, nfds_t count, int timeout) {
+  const int scaled = timeout > 0 ? (timeout + haste() - 1) / haste() : timeout;
+  return real<int (*)(pollfd*, nfds_t, int)>("poll")(fds, count, scaled);
 }
 
 // A sanitizer frees only what its own malloc gave; the barrier keeps the compiler from making the

@@ -35,16 +35,16 @@ class BufferSize : public SweeperWorld {
 TEST_F(BufferSize, ChangesUnderSixteenWriters) {
   settings(262144, 1);
   use_settings();
-  const auto sweeper = daemon(true);
+  const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   std::vector<std::unique_ptr<Child>> writers;
   for (int number = 0; number < 16; ++number) writers.push_back(writer(number, number % 2 == 0));
-  usleep(500'000);
+  usleep(200'000);
   reload(*sweeper, 1 << 20);
   EXPECT_TRUE(comes([] { return segment_bytes() == 1 << 20; }));
   EXPECT_EQ(262144, shared_size());  // somebody works with it
-  usleep(1'000'000);
+  usleep(300'000);
   reload(*sweeper, 65536);
-  usleep(1'500'000);
+  usleep(500'000);  // five periods
   EXPECT_EQ(1 << 20, segment_bytes());
   EXPECT_EQ(262144, shared_size());
   write_file("/scratch/stop", "");

@@ -111,10 +111,10 @@ TEST_F(Checksums, TheLoaderTellsOfADamagedGroupMap) {
   import(team());
   build_group_map();
   EXPECT_FALSE(contains(once().err, "groupmap"));
-  auto loader = service();
-  sleep(1);
+  auto loader = service(in_haste(kHaste));
+  usleep(200'000);
   flip(kGroups, 400);  // which is a record, too
-  sleep(2);
+  usleep(300'000);     // six looks
   kill(loader->pid(), SIGTERM);
   const std::string said = loader->wait().err;
   EXPECT_TRUE(contains(said, "groupmap_refresh has 2 errors")) << said;

@@ -241,7 +241,7 @@ TEST_F(Loader, WaitsForTheImportOfALoaderThatDied) {
       loader.kill();
       loader.wait();
     }
-    const Outcome again = once();
+    const Outcome again = once(in_haste(kHaste));
     EXPECT_EQ(0, again.exit_code) << again.err;
     EXPECT_EQ(folders, folders_of_current()) << again.err;
   }

@@ -120,7 +120,7 @@ TEST_F(MapHealing, BringsBackWhatIsLost) {
       remove_all(kCopy + ".sha256");
       remove_all("/scratch/stop");
       Child user = client();
-      auto loader = service();
+      auto loader = service(in_haste(kHaste));
       for (int number = 1; number <= swaps; ++number) {
         hand_over_generation(number);
         ASSERT_TRUE(wait_until_whole(number));
@@ -129,7 +129,7 @@ TEST_F(MapHealing, BringsBackWhatIsLost) {
       damage.apply();
       const bool is_lost = !exists(kCopy) && (had_table0 ? table_id(0) : table_id(1)) == -1;
       if (is_lost) {
-        sleep(2);
+        usleep(300'000);  // six looks
         EXPECT_EQ(0, generation_for_a_reader()) << "nothing is better than an older map";
       } else {
         EXPECT_TRUE(wait_until_whole(swaps));
@@ -157,7 +157,7 @@ TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
       hand_over_generation(1);
       ASSERT_EQ(0, once().exit_code);
       Child user = client();
-      auto loader = service(with_faults(moment));
+      auto loader = service(in_haste(kHaste, moment));
       hand_over_generation(2);
       bool is_stopped = false;
       for (int i = 0; i < 300 && !is_stopped; ++i, usleep(10000)) {

@@ -359,11 +359,11 @@ TEST_F(MapSafety, ARemovalThatFailsAfterTheSwapIsNoRefusal) {
 
 TEST_F(MapSafety, AnInboxThatKeepsItsFilesIsLoadedOnce) {
   hand_over(wide(30));
-  auto loader =
-      service(with_faults("unlink@/scratch/maps/size.json:1:1:9999,"
-                          "unlink@/scratch/maps/data.json:1:1:9999"));
+  auto loader = service(in_haste(kHaste,
+                                 "unlink@/scratch/maps/size.json:1:1:9999,"
+                                 "unlink@/scratch/maps/data.json:1:1:9999"));
   wait_for_folders(30);
-  sleep(2);
+  usleep(300'000);  // six looks at the inbox
   kill(loader->pid(), SIGTERM);
   const Outcome outcome = loader->wait();
   EXPECT_EQ(0, outcome.exit_code) << "it hears the signal";
@@ -376,7 +376,7 @@ TEST_F(MapSafety, AnInboxThatKeepsItsFilesIsLoadedOnce) {
 }
 
 TEST_F(MapSafety, AStatThatFailsOnceDoesNotLeaveThePairWaiting) {
-  auto loader = service(with_faults("stat@/scratch/maps/size.json:5:1:3"));
+  auto loader = service(in_haste(kHaste, "stat@/scratch/maps/size.json:5:1:3"));
   hand_over(wide(30));
   wait_for_folders(30);
 }

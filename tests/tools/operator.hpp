@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/files.hpp"
@@ -20,6 +21,19 @@ inline bool contains(const std::string& text, const std::string& part) {
 
 class Operator : public Isolated {
  protected:
+  using Environment = std::vector<std::pair<std::string, std::string>>;
+  // For a program whose calls fail: "CALL[@PART OF A PATH]:ERRNO:NTH[:TIMES],..."
+  static Environment with_faults(const std::string& faults) {
+    return {{"LD_PRELOAD", TAVRIX_BUILD_DIR "/tests/libtavrix_faults.so"},
+            {"ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0"},
+            {"TAVRIX_FAULTS", faults}};
+  }
+  // For a program whose time runs that many times faster: its periods, pauses and deadlines.
+  static Environment in_haste(int times, const std::string& faults = "") {
+    Environment environment = with_faults(faults);
+    environment.emplace_back("TAVRIX_HASTE", std::to_string(times));
+    return environment;
+  }
   static Outcome ctl(std::vector<std::string> words) {
     words.insert(words.begin(), TAVRIX_BUILD_DIR "/tools/tavrixctl");
     return run_program(words);

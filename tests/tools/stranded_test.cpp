@@ -173,10 +173,8 @@ void settle_after_a_kill(const std::function<Outcome()>& next, const std::string
 class KilledSweeper : public Stranded {
  protected:
   static bool run_killed(int change) {
-    return killed_at_change(change, [] {
-      execl(TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "tavrix-sweeper", "--once", "--settings",
-            kConf, nullptr);
-    });
+    return killed_at_change(
+        change, [] { execl(kSweeper, "tavrix-sweeper", "--once", "--settings", kConf, nullptr); });
   }
   // From the state that `prepare` makes with these events, killed at each step.
   static void expect_all_kept(const std::function<Paths()>& prepare) {
@@ -185,7 +183,7 @@ class KilledSweeper : public Stranded {
       remove_all("/scratch/written");
       Paths wanted = prepare();
       const bool was_killed = run_killed(change);
-      ASSERT_NO_FATAL_FAILURE(settle_after_a_kill(once, "w")) << "at change " << change;
+      ASSERT_NO_FATAL_FAILURE(settle_after_a_kill(once_in_haste, "w")) << "at change " << change;
       ASSERT_EQ(0, once().exit_code);
       if (exists("/scratch/written")) wanted.emplace_back("w");
       expect_settled(sorted(wanted), "at change " + std::to_string(change));
@@ -260,9 +258,8 @@ class KillStorm : public Stranded {
         for (;;) flush_staging_buffer(ctx);
       }));
     }
-    processes.push_back(std::make_unique<Child>([] {
-      execl(TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "tavrix-sweeper", "--foreground", nullptr);
-    }));
+    processes.push_back(std::make_unique<Child>(
+        [] { execl(kSweeper, "tavrix-sweeper", "--foreground", nullptr); }));
     std::shuffle(processes.begin(), processes.end(), random_);
     for (auto& process : processes) {
       usleep(static_cast<useconds_t>(random_() % 8000));

@@ -25,8 +25,14 @@ namespace tavrix::test {
 
 using Paths = std::vector<std::string>;
 
+struct SweeperStart {
+  bool with_file = false;  // takes its settings from the file, not from the shared block
+  int haste = 1;
+};
+
 class SweeperWorld : public Operator {
  protected:
+  static constexpr const char* kSweeper = TAVRIX_BUILD_DIR "/tools/tavrix-sweeper";
   static constexpr const char* kStaging = "/scratch/staging";
   static constexpr const char* kConf = "/scratch/conf";
   static constexpr const char* kSyncOff = "/tavrix/.conf/sync.off";
@@ -57,14 +63,20 @@ class SweeperWorld : public Operator {
     ASSERT_EQ(0, read_tavrix_config());
     global_params[PARAM_DEBUG_LEVEL].value.intval = -1;
   }
-  static Outcome once() {
-    // A sweeper that hangs fails its test instead of stopping it.
-    return run_program({"timeout", "20", TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "--once"});
+  static constexpr int kHaste = 10;  // a period of one second takes 100 ms
+  static Outcome once(int haste = 1) {
+    return in_child([haste] {
+      alarm(20);  // a sweeper that hangs fails its test instead of stopping it
+      hasten(haste);
+      execl(kSweeper, "tavrix-sweeper", "--once", nullptr);
+    });
   }
-  static std::unique_ptr<Child> daemon(bool with_file = false) {
-    auto child = std::make_unique<Child>([with_file] {
-      execl(TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "tavrix-sweeper", "--foreground",
-            with_file ? "--settings" : nullptr, kConf, nullptr);
+  static Outcome once_in_haste() { return once(kHaste); }
+  static std::unique_ptr<Child> daemon(SweeperStart how = {}) {
+    auto child = std::make_unique<Child>([how] {
+      hasten(how.haste);
+      execl(kSweeper, "tavrix-sweeper", "--foreground", how.with_file ? "--settings" : nullptr,
+            kConf, nullptr);
     });
     for (int i = 0; i < 200 && semget(ftok("/dev/null", 2345), 0, 0) == -1; ++i) usleep(10000);
     usleep(200 * 1000);
@@ -73,6 +85,11 @@ class SweeperWorld : public Operator {
   static Outcome stop(Child& sweeper) {
     ::kill(sweeper.pid(), SIGTERM);
     return sweeper.wait();
+  }
+  // This process's program will be one whose time runs that many times faster.
+  static void hasten(int times) {
+    if (times == 1) return;
+    for (const auto& [name, value] : in_haste(times)) setenv(name.c_str(), value.c_str(), 1);
   }
   // Waits for something that the sweeper does; false when it never comes.
   template <typename Condition>

@@ -23,6 +23,7 @@ TEST_F(Sweeper, MakesTheBufferAndFlushesIt) {
   EXPECT_EQ(Paths{"a"}, dumped());
 }
 
+// With the true clock.
 TEST_F(Sweeper, FlushesOnItsPeriod) {
   const auto sweeper = daemon();
   send("a");
@@ -43,14 +44,13 @@ TEST_F(Sweeper, FlushesOnceMoreWhenItIsTold) {
 
 TEST_F(Sweeper, LeavesTheBufferAloneWhenDisabled) {
   settings(65536, 1, "disable sweeper flush = yes\n");
-  const auto sweeper = daemon();
+  const auto sweeper = daemon({.haste = kHaste});
   send("a");
-  usleep(1300 * 1000);
+  usleep(300 * 1000);  // three periods
   EXPECT_TRUE(list("/scratch/staging").empty());
   ctl({"config", "set", "SWEEPER:disable sweeper flush", "no"});
   ::kill(sweeper->pid(), SIGHUP);
-  usleep(1500 * 1000);
-  EXPECT_EQ(Paths{"a"}, dumped());
+  EXPECT_TRUE(comes([] { return dumped() == Paths{"a"}; }));
   ::kill(sweeper->pid(), SIGTERM);
   sweeper->wait();
 }
@@ -134,9 +134,9 @@ TEST_F(Sweeper, WaitsWhileTheDiskIsFullAndRecovers) {
   use_settings();
   mount_small_disk(kStaging, 64 << 10);
   write_file(std::string(kStaging) + "/agent", std::string(60 << 10, 'x'));
-  const auto sweeper = daemon();
+  const auto sweeper = daemon({.haste = kHaste});
   for (int i = 0; i < 100; ++i) send(std::string(200, 'p'));
-  usleep(2500 * 1000);
+  usleep(500 * 1000);  // five periods
   EXPECT_TRUE(dumped().empty());
   ASSERT_EQ(0, umount2(kStaging, MNT_DETACH));
   EXPECT_TRUE(comes([] { return dumped().size() == 100; }));
@@ -210,7 +210,7 @@ TEST_F(Sweeper, KeepsTheMarkWhileEventsAreInMemory) {
 }
 
 TEST_F(Sweeper, MakesATakenBufferAgainAndAsksForARescan) {
-  const auto sweeper = daemon();
+  const auto sweeper = daemon({.haste = kHaste});
   shmctl(segment(), IPC_RMID, nullptr);
   EXPECT_TRUE(comes([] { return segment() != -1; }));
   EXPECT_TRUE(comes([] { return exists(kRescan); }));
@@ -227,7 +227,7 @@ TEST_F(Sweeper, MakesATakenBufferAgainAndAsksForARescan) {
 
 TEST_F(Sweeper, FinishesASemaphoreWithoutItsValue) {
   ASSERT_NE(-1, semget(ftok("/dev/null", 2345), 1, IPC_CREAT | 0666));
-  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(0, once_in_haste().exit_code);
   send("a");
   EXPECT_EQ(0, once().exit_code);
   EXPECT_EQ(Paths{"a"}, dumped());
@@ -249,13 +249,13 @@ TEST_F(Sweeper, LeavesASemaphoreAloneThatSomebodyHolds) {
     int cause = 0;
     wait_eventstore_semaphore(&cause);
     write_file("/scratch/held", "");
-    usleep(1500 * 1000);
+    usleep(500 * 1000);  // longer than a hastened sweeper's patience
     post_eventstore_semaphore();
   });
   ASSERT_TRUE(comes([] { return exists("/scratch/held"); }));
   const int before = semctl(semaphore(), 0, GETPID);
   EXPECT_EQ(holder.pid(), before);
-  EXPECT_EQ(0, once().exit_code);
+  EXPECT_EQ(0, once_in_haste().exit_code);
   EXPECT_TRUE(holder.wait().ok());
   EXPECT_EQ(1, semctl(semaphore(), 0, GETVAL));
 }
@@ -265,7 +265,7 @@ TEST_F(Sweeper, LeavesASemaphoreAloneThatSomebodyHolds) {
 TEST_F(Sweeper, ReadsItsFileAtTheStartAndOnReload) {
   ctl({"config", "remove"});
   write_settings(65536, 3600);
-  const auto sweeper = daemon(true);
+  const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   use_settings();
   send("a");
   write_settings(65536, 1);
@@ -275,7 +275,7 @@ TEST_F(Sweeper, ReadsItsFileAtTheStartAndOnReload) {
 }
 
 TEST_F(Sweeper, GoesOnWithTheSettingsOfBeforeWhenItsFileHasAMistake) {
-  const auto sweeper = daemon(true);
+  const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   write_file(kConf, "[SWEEPER]\nflush perood = 3\n");
   ::kill(sweeper->pid(), SIGHUP);
   send("a");
@@ -289,7 +289,7 @@ TEST_F(Sweeper, GoesOnWithTheSettingsOfBeforeWhenItsFileHasAMistake) {
 TEST_F(Sweeper, BeginsWithTheLastGoodFileAfterABoot) {
   ctl({"config", "remove"});
   write_file(kConf, "[SWEEPER]\nflush perood = 3\n");
-  const auto sweeper = daemon(true);
+  const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   use_settings();
   EXPECT_EQ(65536, shared_size());
   send("a");
@@ -305,7 +305,7 @@ TEST_F(Sweeper, TellsTheServiceManagerThatItsFileHasAMistake) {
   std::strcpy(address.sun_path, "/scratch/notify");
   ASSERT_EQ(0, bind(socket_fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
   setenv("NOTIFY_SOCKET", "/scratch/notify", 1);
-  const auto sweeper = daemon(true);
+  const auto sweeper = daemon({.with_file = true});
   unsetenv("NOTIFY_SOCKET");
   char text[1024] = "";
   ASSERT_GT(recv(socket_fd, text, sizeof text - 1, 0), 0);
