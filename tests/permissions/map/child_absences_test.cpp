@@ -4,14 +4,11 @@
 #include "permissions/map/child_absences.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/shm.h>
 #include <cstring>
 #include <thread>
 
-#include "perm_map.h"
-#include "perm_utils.h"
+#include "tests/support/attached_map.hpp"
 #include "tests/support/fail_call.hpp"
-#include "tests/support/isolated.hpp"
 #include "tests/support/share.hpp"
 
 namespace tavrix::test {
@@ -39,21 +36,6 @@ TEST(ChildAbsences, SummariesTellMostOthersApart) {
 
 class Absences : public Share {
  protected:
-  static uint32_t governor_on(void* map, const std::string& path) {
-    tavrix_acl_t* acl = nullptr;
-    EXPECT_EQ(0, get_tavrix_acl(map, path.c_str(), &acl));
-    const Governing governing = governing_of(*acl);
-    free_ACL(acl);
-    std::free(acl);
-    return governing.entries.empty() ? 0 : governing.entries.at(0).ace.id;
-  }
-  // The governing user of a path of the current table, attached as a decision does it.
-  static uint32_t governor(const std::string& path) {
-    void* map = get_perm_map_addr();
-    const uint32_t id = governor_on(map, path);
-    put_perm_map_addr(map);
-    return id;
-  }
   static Folder tree(const std::string& name) {
     return {.name = "/", .users = {{1, 1}}, .children = {{.name = name, .users = {{2, 2}}}}};
   }
@@ -66,7 +48,7 @@ TEST_F(Absences, AreRememberedOfTheCurrentTableOnly) {
   EXPECT_EQ(2U, governor("aa"));
 }
 
-// The same header, as a second import of the same generation has it, over other names.
+// Two maps with equal headers, as a second import of one generation makes them, and other names.
 TEST_F(Absences, AreForgottenWithTheTable) {
   for (int round = 0; round < 5; ++round) {
     publish_map(tree("aa"));
@@ -78,8 +60,8 @@ TEST_F(Absences, AreForgottenWithTheTable) {
   }
 }
 
-// The same header again, and siblings that are equal but for case: the first of them rules. Where
-// the second one was found before is not where a fresh process looks.
+// Equal headers again, and siblings that differ in case only, of which the first one rules: a hint
+// of the first map leads to the second sibling, which a fresh process would not find.
 TEST_F(Absences, AndHintsAreForgottenWithTheTable) {
   const auto tree_of = [](const std::string& first) -> Folder {
     return {.name = "/",
@@ -94,55 +76,6 @@ TEST_F(Absences, AndHintsAreForgottenWithTheTable) {
     publish_map(tree_of("TEAM"));
     EXPECT_EQ(2U, governor("team"));
   }
-}
-
-// A table that was given back is an image like any other, although its address may come back.
-TEST_F(Absences, AndHintsAreOfNoTableThatWasGivenBack) {
-  publish_map(tree("aa"));
-  void* map = get_perm_map_addr();
-  EXPECT_EQ(map, attached_table_at(map)->address);
-  EXPECT_EQ(1U, governor_on(map, "bb"));
-  put_perm_map_addr(map);
-  EXPECT_EQ(nullptr, attached_table_at(map));
-  const auto other = build_image(tree("bb"));
-  const int segment = shmget(IPC_PRIVATE, other.size(), 0600);
-  ASSERT_EQ(map, shmat(segment, map, 0));
-  shmctl(segment, IPC_RMID, nullptr);
-  std::memcpy(map, other.data(), other.size());
-  EXPECT_EQ(2U, governor_on(map, "bb"));
-  shmdt(map);
-}
-
-// While the table is attached, too.
-TEST_F(Absences, AndHintsAreNotOfAnImageElsewhereWithTheSameHeader) {
-  publish_map(tree("aa"));
-  auto other = build_image(tree("bb"));
-  void* map = get_perm_map_addr();
-  EXPECT_EQ(1U, governor_on(map, "bb"));
-  EXPECT_EQ(2U, governor_on(map, "aa"));
-  EXPECT_EQ(2U, governor_on(other.data(), "bb"));
-  EXPECT_EQ(1U, governor_on(other.data(), "aa"));
-  put_perm_map_addr(map);
-}
-
-// A second attachment does not make the first one a stranger's for good.
-TEST_F(Absences, KnowTheTableThatWasAttachedLast) {
-  publish_map(tree("aa"));
-  void* first = get_perm_map_addr();
-  void* second = get_perm_map_addr();
-  EXPECT_EQ(nullptr, attached_table_at(first));
-  put_perm_map_addr(first);
-  EXPECT_NE(nullptr, attached_table_at(second));
-  put_perm_map_addr(second);
-}
-
-TEST_F(Absences, AndHintsCostOneSystemCallForEachTableAttached) {
-  publish_map(tree("aa"));
-  governor("aa");
-  reset_calls();
-  governor("aa");
-  EXPECT_EQ(1, calls("shmctl"));
-  EXPECT_EQ(0, calls("mmap"));
 }
 
 TEST_F(Absences, AndHintsAreDoneWithoutWhenMemoryIsShort) {
@@ -170,14 +103,7 @@ TEST_F(Absences, AndHintsGoWithTheirThread) {
 
 TEST_F(Absences, AreNotKeptOfImagesElsewhere) {
   auto image = build_image(tree("aa"));
-  const auto governor_of = [&image](const char* path) {
-    tavrix_acl_t* acl = nullptr;
-    EXPECT_EQ(0, get_tavrix_acl(image.data(), path, &acl));
-    const Governing governing = governing_of(*acl);
-    free_ACL(acl);
-    std::free(acl);
-    return governing.entries.at(0).ace.id;
-  };
+  const auto governor_of = [&image](const char* path) { return governor_in(image.data(), path); };
   EXPECT_EQ(1U, governor_of("bb"));
   image = build_image(tree("bb"));
   EXPECT_EQ(2U, governor_of("bb"));
@@ -193,13 +119,7 @@ TEST_F(Absences, SayTheSameAsANaiveLookupForEveryName) {
     for (const std::string& path : paths) {
       if (path.empty()) continue;
       for (const std::string& name : {path, path + "/file.txt", path + "x"}) {
-        void* map = get_perm_map_addr();
-        tavrix_acl_t* acl = nullptr;
-        ASSERT_EQ(0, get_tavrix_acl(map, name.c_str(), &acl));
-        EXPECT_EQ(naive_lookup(root, name), governing_of(*acl)) << name;
-        free_ACL(acl);
-        std::free(acl);
-        put_perm_map_addr(map);
+        EXPECT_EQ(naive_lookup(root, name), look_up(name)) << name;
       }
     }
   }
