@@ -32,7 +32,7 @@ class CheckPerms : public Share {
   e_vfs_enforce_perms check(const std::string& path, e_fsop_type op = FSOP_OPEN_WRITE) {
     return check_perms("/tavrix", path.c_str(), op, record_.get(), 0);
   }
-  // True if a check looks at the map.
+  // true: the check looked at the map.
   bool decides(const std::string& path, e_fsop_type op = FSOP_OPEN_WRITE) {
     reset_calls();
     check(path, op);

@@ -24,7 +24,7 @@ struct Row {
   int expected;
 };
 
-// Rows on which all comparisons agree.
+// The rows on which all members agree.
 const Row kRows[] = {
     {"abc", "abc", 0},      {"abc", "ABC", 0},       {"aBc", "AbC", 0},
     {"abc", "abd", -1},     {"abd", "abc", 1},       {"abc", "ABD", -1},
@@ -99,7 +99,7 @@ TEST(BoundedComparison, OfNothingIsEqual) {
 TEST(BoundedComparison, DiffersWhereTheFirstNameEnds) {
   EXPECT_EQ(0, tavrix_strncasecmp("ab", "AB", 3));
   EXPECT_EQ(-1, tavrix_strncasecmp("ab", "abc", 3));
-  // The traced member sorts it first even when the other name ends there too.
+  // The traced member sorts it first even where the other name ends too.
   EXPECT_EQ(-1, __tavrix_strncasecmp("ab", "AB", 3));
   EXPECT_EQ(-1, __tavrix_strncasecmp("ab", "abc", 3));
   EXPECT_EQ(1, __tavrix_strncasecmp("abc", "ab", 3));
@@ -138,72 +138,6 @@ TEST(ComparisonTrace, OfTheOthersIsSilent) {
   tavrix_strncasecmp("a", "b", 1);
   tavrix_strcasecmp("Xa", "Xb");
   EXPECT_TRUE(messages().empty());
-}
-
-// --- Samba's comparison -------------------------------------------------------------------------
-
-class SambaComparison : public Isolated {};
-
-TEST_F(SambaComparison, KnowsTheCaseOfExtendedLetters) {
-  give_samba_library_its_name();
-  EXPECT_EQ(0, strcasecmp_m_wrapper(kLowerE, kUpperE));
-  EXPECT_NE(0, strcasecmp_m_wrapper(kLowerE, "caf\xc3\xaa"));
-  EXPECT_NE(0, strcasecmp_m_wrapper(kLowerE, "caf\xc3\xa9s"));
-  EXPECT_NE(0, strcasecmp_m_wrapper("\xc3\xa9\xc3\xa9", "\xc3\xa9"));
-}
-
-TEST_F(SambaComparison, OfTheBoundedFormLooksAtTheStartOnly) {
-  give_samba_library_its_name();
-  EXPECT_EQ(0, strncasecmp_m_wrapper("\xc3\xa9yz", "\xc3\x89yq", 2));
-  EXPECT_NE(0, strncasecmp_m_wrapper("\xc3\xa9yz", "\xc3\x89yq", 3));
-}
-
-TEST_F(SambaComparison, LoadsTheLibraryOnceAndItsRoutineEachTime) {
-  give_samba_library_its_name();
-  reset_calls();
-  init_samba_lib_handle();
-  strcasecmp_m_wrapper("a", "a");
-  strncasecmp_m_wrapper("a", "a", 1);
-  EXPECT_EQ(1, calls("dlopen"));
-  EXPECT_EQ(2, calls("dlsym"));
-}
-
-// Ends the child as the library would, with its log on standard error.
-Outcome log_of(const std::function<void()>& body) {
-  return in_child([&] {
-    std::atexit([] {
-      for (const std::string& text : messages()) std::fprintf(stderr, "<%s>\n", text.c_str());
-    });
-    body();
-  });
-}
-
-TEST_F(SambaComparison, WithoutTheLibraryEndsTheProcess) {
-  hide_samba_library();
-  const Outcome outcome = in_child([] {
-    std::atexit([] { std::fprintf(stderr, "<%s>", messages().at(0).c_str()); });
-    strcasecmp_m_wrapper("a", "a");
-  });
-  EXPECT_EQ(1, outcome.exit_code);
-  EXPECT_NE(std::string::npos, outcome.err.find("<Failed to open samba common lib: "))
-      << outcome.err;
-  EXPECT_NE(std::string::npos, outcome.err.find("libsamdb-common.so.0: cannot open"))
-      << outcome.err;
-}
-
-TEST_F(SambaComparison, WithoutItsRoutineEndsTheProcess) {
-  hide_samba_library();
-  // Some library that has no such routine, under the name of the one that should have it.
-  ASSERT_EQ(0, symlink("/lib/x86_64-linux-gnu/libyajl.so.2",
-                       "/usr/lib/x86_64-linux-gnu/samba/libsamdb-common.so.0"));
-  const Outcome two = log_of([] { strcasecmp_m_wrapper("a", "a"); });
-  EXPECT_EQ(1, two.exit_code);
-  EXPECT_NE(std::string::npos, two.err.find("<Failed to find samba strcasecmp_m pointer : "))
-      << two.err;
-  const Outcome three = log_of([] { strncasecmp_m_wrapper("a", "a", 1); });
-  EXPECT_EQ(1, three.exit_code);
-  EXPECT_NE(std::string::npos, three.err.find("<Failed to find samba strncasecmp_m pointer : "))
-      << three.err;
 }
 
 }  // namespace

@@ -111,14 +111,6 @@ TEST_F(DataPass, TakesASecondTopFolderForAChildOfTheRoot) {
   EXPECT_EQ("b", ImageView::text_of(view.name_of(view.fselem(48))));
 }
 
-TEST_F(DataPass, NumbersOfManyDigitsSaturate) {
-  const Folder root{.name = "/", .users = {{0xFFFFFFFFU, 1}}};
-  const std::string text = R"([{"NUMCHILDREN":1},{"DIR":"/",
-      "ACL":[{"NUMUSERS":1},{"NUMGROUPS":0},{"USERS":{"99999999999999999999999999":1}},{"GROUPS":{}}],
-      "CHILDREN":[{"NUMCHILDREN":0}]}])";
-  EXPECT_EQ(build_image(root), import_text(count(root), text));
-}
-
 // --- documents that cancel -----------------------------------------------------------------------
 
 TEST_F(DataPass, CancelsAtAKeyThatFitsNowhere) {
@@ -155,7 +147,7 @@ TEST_F(DataPass, CancelsWithoutMemoryForAFolder) {
 TEST_F(DataPass, FreesEverythingWhateverComes) {
   const Counts counts = count(team_map());
   prepare(counts, data_json(team_map()));
-  run();  // what is made once, is made
+  run();  // makes what is allocated once
   for (const char* text :
        {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",\"ACL\":[{\"NUMUSERS\":1},{\"NUMGROUPS\":1},"
         "{\"USERS\":{\"5\":1,\"6\":2",
@@ -188,7 +180,7 @@ TEST_F(DataPass, AbortsOnABrokenGrammar) {
       {"curstate == PERMDATA_STATE_STNUMGROUPMAP", R"([{"NUMGROUPS":1}])"},
       {"curstate == PERMDATA_STATE_STUSERMAP", R"([{"USERS":1}])"},
       {"curstate == PERMDATA_STATE_STGROUPMAP", R"([{"GROUPS":1}])"},
-      // The groups before the users.
+      // The groups come before the users.
       {"curstate == PERMDATA_STATE_STGROUPMAP",
        R"([{"NUMCHILDREN":1},{"ACL":[{"NUMUSERS":0},{"NUMGROUPS":0},{"GROUPS":{}},{"USERS":{}}]}])"},
       {"stelem->state == PERMDATA_STATE_NAME", R"([{"NUMCHILDREN":"1"}])"},
@@ -203,7 +195,7 @@ TEST_F(DataPass, AbortsOnABrokenGrammar) {
       {"0", R"([{"NUMCHILDREN":1},{"ACL":[{"NUMUSERS":0},{"NUMGROUPS":0}]}])"},
       {"0", R"([1])"},
       {"curstate == PERMDATA_STATE_ENDNUMCHILDRENMAP", nullptr},
-      // A folder behind a count of none has nowhere to put its name.
+      // A folder after a count of 0 has no place for its name.
       {"stelem->stetype == STELEM_TYPE_FSELEM",
        R"([{"NUMCHILDREN":1},{"DIR":"/","CHILDREN":[{"NUMCHILDREN":0},{"DIR":"a"}]}])"},
   };
@@ -230,8 +222,7 @@ TEST_F(DataPass, EndsTheProcessBeforeItLeavesTheImage) {
 
 // --- every event in every state ------------------------------------------------------------------
 
-// The effect of an event on a stack with one element of that state on top, described independently
-// of the code.
+// The effect of an event on a stack with one element of that state on top, written independently.
 enum class Answer { kPush, kNothing, kCancel, kAbort, kOther };
 
 Answer start_of_array_in(int state) {

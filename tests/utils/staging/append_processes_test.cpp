@@ -16,7 +16,7 @@ namespace {
 
 class Processes : public Staging {
  protected:
-  // Payloads "writer number", with some weight.
+  // "writer number" and some filler.
   static std::string payload(int writer, int number) {
     return std::to_string(writer) + " " + std::to_string(number) + " " +
            std::string(20 + number % 60, 'x');
@@ -83,9 +83,9 @@ TEST_F(Processes, EveryEventOfManyWritersIsInOnePlaceInOrder) {
   EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
 }
 
-// Without a sweeper: a killed writer may have stored one event that it never learned of, and what a
-// killed flusher left under a temporary name, because it died between the reset of the buffer and
-// the rename, waits there; the test counts that file in.
+// No sweeper runs here. A killed writer may have stored one event without learning of it. A flusher
+// that was killed between the reset of the buffer and the rename leaves its events under a
+// temporary name; the test counts that file in.
 TEST_F(Processes, WhatWasAcknowledgedSurvivesKills) {
   constexpr int kRounds = 300;
   std::mt19937 random(11);
@@ -132,7 +132,7 @@ TEST_F(Processes, WhatWasAcknowledgedSurvivesKills) {
   for (const std::string& name : list(kDir)) {
     if (!name.starts_with("txtemp")) continue;
     const std::string bytes = read_file(std::string(kDir) + "/" + name);
-    // Written whole, or cut off while its records are in the buffer still.
+    // Either whole, or cut off while the buffer still holds its records.
     std::size_t at = 0;
     while (at + 8 <= bytes.size()) {
       staging_data_s head{};

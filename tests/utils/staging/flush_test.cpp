@@ -7,7 +7,6 @@
 #include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/xattr.h>
 #include <cerrno>
 #include <csignal>
 #include <regex>
@@ -24,7 +23,7 @@ constexpr FB_CTX kContexts[] = {FB_CTX_INVAL, FB_CTX_SWPR, FB_CTX_DISCON, FB_CTX
 
 class Flush : public Staging {
  protected:
-  // Aborts of a child come with its log.
+  // A child that aborts prints its log.
   static Outcome flush_in_child(
       FB_CTX ctx, const std::function<void()>& before = [] {}) {
     return in_child([&] {
@@ -59,8 +58,8 @@ TEST_F(Flush, MovesTheRecordsToADumpFile) {
   EXPECT_TRUE(semaphore_is_free());
 }
 
-// Also of a record whose writer was killed while it copied it: its bytes are behind the last whole
-// one.
+// That includes the bytes of a torn record behind the last whole one, whose writer was killed while
+// it copied.
 TEST_F(Flush, LeavesABufferThatIsZeroBehindItsHead) {
   append("one");
   staging_buffer_s* buffer = get_eventstore_staging_buffer();
@@ -69,26 +68,6 @@ TEST_F(Flush, LeavesABufferThatIsZeroBehindItsHead) {
   EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
   EXPECT_EQ(std::string(20800 - 8, '\0'), std::string(bytes + 8, 20800 - 8));
   put_eventstore_staging_buffer(buffer);
-}
-
-TEST_F(Flush, HoldsItsTemporaryFileUntilItHasItsName) {
-  append("x");
-  const auto expect_locked = [] {
-    const std::string name = std::string(kDir) + "/" + list(kDir).at(0);
-    const Fd file(open(name.c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(-1, flock(file.get(), LOCK_EX | LOCK_NB));
-    EXPECT_EQ(EWOULDBLOCK, errno);
-  };
-  run_before("write", expect_locked);
-  run_before("rename", expect_locked);
-  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
-}
-
-TEST_F(Flush, MakesAnotherFileWhenTheSweeperTookItsEmptyOne) {
-  append("x");
-  run_before("fstat", [] { remove_all(std::string(kDir) + "/" + list(kDir).at(0)); });
-  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
-  EXPECT_EQ(Payloads{"x"}, dumped());
 }
 
 TEST_F(Flush, NamesDumpFilesByProcessAndTime) {
@@ -267,7 +246,7 @@ TEST_F(FlushFailure, EndsAsItsContextSays) {
       EXPECT_EQ(!fatal && ctx == FB_CTX_INVAL, has(outcome, "FSB - Unknown context")) << what;
       EXPECT_EQ(failure.keeps_records ? 1U : 0U, header().num_records) << what;
       EXPECT_TRUE(semaphore_is_free()) << what;
-      // Of a flush that returns, no temporary file stays.
+      // A flush that returns leaves no temporary file.
       if (exists(kDir) && !fatal && std::string(failure.name) != "no folder") {
         EXPECT_TRUE(list(kDir).empty()) << what;
       }
@@ -363,176 +342,6 @@ TEST_F(Flush, SurvivesATimersStorm) {
   });
   EXPECT_TRUE(outcome.ok()) << outcome.out << outcome.err;
   EXPECT_FALSE(exists(kSyncOff));
-}
-
-// --- names, strings, writes ----------------------------------------------------------------------
-
-TEST(DumpName, ReplacesAMissingFolder) {
-  const CString name([] {
-    char* made = nullptr;
-    EXPECT_EQ(0, level_of("prefix is NULL", [&] {
-                std::free(made);
-                made = get_dumpfname(nullptr);
-              }));
-    return made;
-  }());
-  EXPECT_TRUE(std::string(name.get()).starts_with("unk/pending_"));
-}
-
-TEST(DumpName, IsCutAtItsRoom) {
-  const CString name(get_dumpfname(std::string(300, 'd').c_str()));
-  EXPECT_EQ(std::string(255, 'd'), name.get());
-}
-
-TEST(DumpName, WithoutMemoryIsNone) {
-  const auto attempt = [] {
-    fail_call("calloc", ENOMEM);
-    EXPECT_EQ(nullptr, get_dumpfname("/x"));
-  };
-  EXPECT_EQ(
-      0, level_of("failed to calloc for dumpfname, errno = 12 (Cannot allocate memory)", attempt));
-}
-
-TEST(WriteAll, WritesNothingAndEverything) {
-  EXPECT_EQ(0, write_all(-1, "x", 0));
-  const auto attempt = [] { EXPECT_EQ(-1, write_all(-1, "xyz", 3)); };
-  EXPECT_EQ(
-      0,
-      level_of("Failed to write to fd. nwritten=-1, nleft=3, size=3, errno=9(Bad file descriptor)",
-               attempt));
-}
-
-// --- a flusher that was killed before ------------------------------------------------------------
-
-class KilledFlush : public Flush {
- protected:
-  static constexpr const char* kLeft = "/scratch/staging/txtempAbCdEf";
-
-  static void leave(const std::string& bytes) {
-    write_file(kLeft, bytes);
-    ASSERT_EQ(0, lsetxattr(kDir, "trusted.tavrix.flush", "txtempAbCdEf", 12, 0));
-  }
-  // As it is while its flusher dies: the semaphore is free already, the lock not yet.
-  static Fd locked() {
-    Fd file(open(kLeft, O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(0, flock(file.get(), LOCK_EX));
-    return file;
-  }
-};
-
-TEST_F(KilledFlush, WhoseRecordsAreInTheBufferLeavesThemOnceWhileItStillDies) {
-  append("one");
-  leave(content());
-  append("two");
-  {
-    const Fd dying = locked();
-    EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
-  }
-  EXPECT_EQ((Payloads{"one", "two"}), dumped());
-  EXPECT_FALSE(exists(kLeft));
-}
-
-TEST_F(KilledFlush, WhoseRecordsItAloneHasKeepsItsFileWhileItStillDies) {
-  append("one");
-  leave(content());
-  EXPECT_EQ(0, initialize_staging_buffer());
-  append("two");
-  {
-    const Fd dying = locked();
-    EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
-  }
-  EXPECT_EQ(Payloads{"two"}, dumped());
-  EXPECT_EQ(Payloads{"one"}, payloads_of(read_file(kLeft)));
-}
-
-// Both files get this process's number: the second one is named after the first was settled.
-TEST_F(KilledFlush, IsPublishedUnderAnotherNameThanTheFlushThatFindsIt) {
-  append("one");
-  leave(content());
-  EXPECT_EQ(0, initialize_staging_buffer());
-  append("two");
-  timeval now{};
-  run_before("semop", [&now] {
-    usleep(1000);
-    gettimeofday(&now, nullptr);
-  });
-  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
-  char then[64];
-  std::snprintf(then, sizeof then, "pending_%d_%ld.%06ld", getpid(), now.tv_sec, now.tv_usec);
-  ASSERT_EQ(2U, dumps().size());
-  EXPECT_GT(dumps()[1], then);
-  EXPECT_EQ((Payloads{"one", "two"}), dumped());
-}
-
-TEST_F(KilledFlush, IsTriedAgainWhenItsFileCannotBeLookedAt) {
-  append("one");
-  leave(content());
-  fail_call("fstat", EIO, 2);  // the first is of the new file
-  EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
-  EXPECT_EQ(Payloads{"one"}, dumped());
-  EXPECT_FALSE(exists(kLeft));
-}
-
-// --- the markers ---------------------------------------------------------------------------------
-
-class EventMarkers : public Isolated {};
-
-TEST_F(EventMarkers, AreOnTheDiskWithTheirNames) {
-  make_dirs("/tavrix/.conf");
-  reset_calls();
-  write_sync_off();
-  EXPECT_EQ(2, calls("fsync"));  // the file and its folder
-  mark_event_db_as_rescan_needed("x");
-  EXPECT_EQ(4, calls("fsync"));
-}
-
-TEST_F(EventMarkers, CountAsMadeWhenTheDiskCannotSync) {
-  make_dirs("/tavrix/.conf");
-  fail_call("fsync", EIO, 1, 9);
-  EXPECT_EQ(0, write_sync_off());
-  EXPECT_EQ(0, mark_event_db_as_rescan_needed("x"));
-}
-
-TEST_F(EventMarkers, SyncOffIsWrittenOverWhatIsThere) {
-  make_dirs("/tavrix/.conf");
-  write_file("/tavrix/.conf/sync.off", std::string(40, 'o'));
-  EXPECT_EQ(
-      0, level_of("/tavrix/.conf/sync.off file created.", [] { EXPECT_EQ(0, write_sync_off()); }));
-  EXPECT_EQ("Failed to write event." + std::string(18, 'o'), read_file("/tavrix/.conf/sync.off"));
-}
-
-TEST_F(EventMarkers, SyncOffCannotBeMadeWithoutItsFolder) {
-  EXPECT_EQ(0,
-            level_of("Creation of /tavrix/.conf/sync.off failed with 2(No such file or directory)",
-                     [] { EXPECT_EQ(ENOENT, write_sync_off()); }));
-}
-
-TEST_F(EventMarkers, RescanHoldsItsReasonAndANul) {
-  make_dirs("/tavrix/.conf");
-  EXPECT_EQ(0, mark_event_db_as_rescan_needed("because"));
-  EXPECT_EQ(std::string("because\0", 8), read_file("/tavrix/.conf/tavrix_event_status.dirty"));
-  struct stat info {};
-  stat("/tavrix/.conf/tavrix_event_status.dirty", &info);
-  EXPECT_EQ(0744U, info.st_mode & 0777);
-}
-
-TEST_F(EventMarkers, RescanFailures) {
-  const std::string rest =
-      " event status file '/tavrix/.conf/tavrix_event_status.dirty' to mark rescan needed (-1). "
-      "errno = ";
-  EXPECT_EQ(0, level_of("Cannot open" + rest + "2(No such file or directory)",
-                        [] { EXPECT_EQ(-1, mark_event_db_as_rescan_needed("x")); }));
-  make_dirs("/tavrix/.conf");
-  EXPECT_EQ(0, level_of("Cannot write" + rest + "28(No space left on device)", [] {
-              fail_call("write", ENOSPC);
-              EXPECT_EQ(-1, mark_event_db_as_rescan_needed("x"));
-            }));
-  EXPECT_EQ(0, level_of("Close of event status file '/tavrix/.conf/tavrix_event_status.dirty' "
-                        "failed. errno = 5(Input/output error)",
-                        [] {
-                          fail_call("close", EIO);
-                          EXPECT_EQ(-1, mark_event_db_as_rescan_needed("x"));
-                        }));
 }
 
 }  // namespace
