@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The library as programs outside see it: headers, exported names, needed libraries.
+// The view of other programs: the headers, the exported names, the libraries that are needed.
 
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -35,7 +35,7 @@ std::string words(const std::vector<std::string>& parts) {
   return text;
 }
 
-// The dynamic names of the library, as nm tells them.
+// The exported names of the library, from nm.
 std::set<std::string> exported() {
   const Outcome nm = run_program({"nm", "-D", "--defined-only", kLibrary});
   std::set<std::string> names;
@@ -119,7 +119,7 @@ TEST_F(Abi, EachHeaderStandsAloneInCpp) {
 
 TEST_F(Abi, ServesAProgramInC) {
   if (std::string(TAVRIX_SANITIZED_BUILD) == "ON") {
-    // The program must bring the sanitizer's runtime itself.
+    // A sanitized library needs a program that brings the sanitizer's runtime.
     const Outcome cc =
         run_program({"gcc", "-fsanitize=address,undefined", "-std=c11", "-I" + kSource + "/include",
                      "-I" + kSource + "/events/generated", kSource + "/tests/abi/program.c",

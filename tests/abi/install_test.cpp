@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// An installation: the files that programs outside use, and the ABI that is kept.
+// An installation as other programs use it, and the ABI that it promises to keep.
 
 #include <gtest/gtest.h>
 
@@ -65,7 +65,7 @@ TEST_F(Installed, HasEverythingInItsPlace) {
 }
 
 TEST_F(Installed, ServesAProgramInC11ByPkgConfig) {
-  // The prefix of this installation was given late: pkg-config is told the same way.
+  // This prefix was given at installation, so pkg-config needs it on its command line too.
   const Outcome compile = run_program(
       {"bash", "-c",
        "gcc -std=c11 -pedantic -Wall -Wextra -Werror " + sanitizers() + " -o /scratch/program " +
@@ -95,14 +95,14 @@ target_link_libraries(user PRIVATE tavrix::tavrix)
   expect_runs("/scratch/build/user");
 }
 
-// A difference is a decision: scripts/abi-reference.sh takes the new one, and the commit says why.
+// A difference must be meant: scripts/abi-reference.sh takes it over, and the commit says why.
 TEST_F(Installed, KeepsTheAbiOfTheReference) {
   const Outcome diff = run_program(
       {"abidiff", kSource + "/tests/abi/libtavrix.abi", TAVRIX_BUILD_DIR "/libtavrix.so"});
   EXPECT_TRUE(diff.ok()) << diff.out << diff.err;
 }
 
-// The comparison sees a member that moved.
+// The comparison notices a member that moved.
 TEST_F(Installed, WouldNoticeAnotherAbi) {
   std::string reference = read_file(kSource + "/tests/abi/libtavrix.abi");
   const std::string member = "<data-member access='public' layout-offset-in-bits='230144'>";

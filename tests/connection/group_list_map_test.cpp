@@ -29,7 +29,7 @@ class GroupListMap : public Isolated {
   const mapheader* map() const { return reinterpret_cast<const mapheader*>(bytes_.data()); }
   unsigned size() const { return static_cast<unsigned>(bytes_.size()); }
 
-  // The result of a lookup, and its output.
+  // The result of a lookup, and the text that it prints.
   struct Answer {
     bool found = false;
     std::vector<gid_t> gids;
@@ -136,14 +136,14 @@ TEST_F(GroupListMap, WhoseUserNameLeavesItHasNobodyBehindIt) {
   EXPECT_EQ("user item 1 name beyond map, bail\n", groups_of("carl").printed);
 }
 
-// The list's size is added to the place of the name: writers lay lists out by that rule.
+// The length check adds the list's size to the place of the name; writers lay lists out that way.
 TEST_F(GroupListMap, MeasuresAListFromTheName) {
   put32(bytes_, user_at(1) + 12, size() / 4);
   EXPECT_EQ("group item 1 name beyond map, bail\n", groups_of("carl").printed);
 }
 
-// Only the place of the name is checked; a list elsewhere is copied from wherever it is, but never
-// from memory that is not there.
+// Only the place of the name is checked: a list may lie behind the map, and is copied as long as
+// that memory exists.
 TEST_F(GroupListMap, CopiesAListThatLiesBehindIt) {
   bytes_ += std::string(65536, '\0');
   put32(bytes_, 8192 + 5000, 77);
@@ -161,7 +161,7 @@ TEST_F(GroupListMap, CopiesAListThatLiesBehindIt) {
 TEST_F(GroupListMap, FindsNobodyWhoseListIsNowhere) {
   put32(bytes_, user_at(3) + 8, 0xFFFFF000);
   const Outcome outcome = in_child([this] {
-    // Far behind the map there is nothing: it stands alone in its part of the address space.
+    // The map stands alone in its part of the address space: nothing is mapped far behind it.
     auto* alone = static_cast<char*>(mmap(nullptr, std::size_t{8} << 30, PROT_NONE,
                                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     ASSERT_EQ(0, mprotect(alone, 8192, PROT_READ | PROT_WRITE));
@@ -193,7 +193,7 @@ TEST_F(GroupListMap, SurvivesAnyBytes) {
       put32(bytes_, random() % 40 * 4,
             static_cast<uint32_t>(random() % 3 == 0 ? random() : random() % 9000));
     }
-    // Lists of a whole map size are right, but take their time.
+    // A list as long as the whole map is legal but slow to copy.
     for (std::size_t user = 0; user < 4; ++user) {
       if (get32(bytes_, user_at(user) + 12) > 100) put32(bytes_, user_at(user) + 12, 100);
     }

@@ -225,7 +225,7 @@ TEST_F(Identity, RequestsAFlushAfterAFailureToo) {
 }
 
 TEST_F(Identity, OfAComputerKeepsItsCache) {
-  // No machine has such a user; the flag is what counts.
+  // No machine has such a user, and none is needed: only the flag counts.
   record_->user_name_as_passed_in = nullptr;
   record_->groupmap.is_computer_acct = 1;
   flush_perms_handler(SIGUSR1, record_.get());
@@ -253,7 +253,7 @@ class Refresh : public Identity {
     set_time(kGroupMap, 1000);
     set_time(kPermissions, 1000);
   }
-  // True if a refresh rebuilds the identity now.
+  // true: a refresh rebuilds the identity now.
   bool rebuilds() {
     record_->vfs_table_cache.flush_tlb = 0;
     refresh();
@@ -310,7 +310,7 @@ TEST_F(Refresh, IsTold) {
   EXPECT_EQ(10, level_after("Tavrix Group map will be refreshed  for process 1001 1000 for pid " +
                                 pid + " \n",
                             kGroupMap));
-  // The first number is the group map's time here too.
+  // The message prints the group map's time first here too.
   EXPECT_EQ(10, level_after("Tavrix Permissions map will be refreshed for process 999 1000 for "
                             "pid " +
                                 pid + " \n",

@@ -22,7 +22,7 @@ TEST(IsAmove, ComparesTheParents) {
   EXPECT_EQ(1, is_amove("/a/b", "a/b"));
 }
 
-// A relative name has no root element: its first folder counts as every other.
+// A relative name has no root element: its first folder counts like every other one.
 TEST(IsAmove, ComparesEachFolderOfRelativeNames) {
   EXPECT_EQ(1, is_amove("a/b", "x/b"));
   EXPECT_EQ(0, is_amove("a/b", "a/c"));
@@ -33,7 +33,7 @@ TEST(IsAmove, ComparesEachFolderOfRelativeNames) {
   EXPECT_EQ(0, is_amove("Shared/TEAM/f", "shared/team/g"));
 }
 
-// By length and hash alone: names that differ only in extended bytes are taken for one.
+// Folders are compared by length and hash: names that differ only in extended bytes count as one.
 TEST(IsAmove, TakesFoldersOfOneHashForOne) { EXPECT_EQ(0, is_amove("n\xc3\xa8/b", "n\xc3\xb6/b")); }
 
 TEST(IsAmove, NeedsBothNames) {
@@ -88,7 +88,7 @@ struct CreateRow {
   int write;
   e_open_mode mode;
   e_fsop_type op;
-  const char* tail;  // null: no trace
+  const char* tail;  // null: there is no trace
 };
 
 const CreateRow kCreateRows[] = {

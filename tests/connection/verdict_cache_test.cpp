@@ -164,7 +164,7 @@ TEST_F(VerdictCache, ForgetsTheLastPathWhole) {
   EXPECT_EQ(TXPERMS_NO_PERM, ask("c"));
 }
 
-// The freed slot is not given back unless it was the last one: known to callers, who flush instead.
+// A freed slot is given back only when it was the last one; callers know that, and flush instead.
 TEST_F(VerdictCache, AbortsWhenAnInnerPathWasForgotten) {
   add("a", TXPERMS_HAS_PERMS);
   add("b", TXPERMS_HAS_PERMS);
@@ -219,7 +219,7 @@ TEST_F(VerdictCache, ComparesFourThousandBytes) {
   EXPECT_EQ(TXPERMS_NOT_FOUND, ask(start.substr(1)));
 }
 
-// Not the path of before: those are told apart by their fingerprints first.
+// The path in between matters: the previous lookup's path is compared by its fingerprint first.
 TEST_F(VerdictCache, ComparesFourThousandBytesOfEachPath) {
   const std::string start(4096, 'x');
   add(start + "a", TXPERMS_HAS_PERMS);
@@ -264,7 +264,7 @@ TEST_F(VerdictCache, IsOneOfSeveral) {
   EXPECT_EQ(TXPERMS_HAS_PERMS, ask("here7"));
 }
 
-// A module may fill a slot by itself; what was known of another string there is nothing worth.
+// A module may fill a slot by itself: nothing that was known of the earlier string there holds.
 TEST_F(VerdictCache, FindsAPathThatAModulePutThere) {
   add("a", TXPERMS_HAS_PERMS);
   EXPECT_EQ(0, position_of("a"));
@@ -275,7 +275,7 @@ TEST_F(VerdictCache, FindsAPathThatAModulePutThere) {
   std::free(before);
 }
 
-// Addresses come back: the string behind one is another one after a flush.
+// An address may come back after a flush with another string behind it.
 TEST_F(VerdictCache, KnowsNothingOfTheStringsBeforeAFlush) {
   for (int round = 0; round < 20; ++round) {
     const std::string path = "round" + std::to_string(round);
@@ -358,7 +358,7 @@ TEST_F(VerdictCache, IsItsModel) {
   std::mt19937 random(17);
   Model model;
   for (int round = 0; round < 100000; ++round) {
-    // Few enough paths to hit, enough to overflow.
+    // So few paths that many lookups hit, and enough of them to overflow.
     const std::string path = "p" + std::to_string(random() % (round % 2000 < 1000 ? 50 : 1500));
     const int op = 1 + static_cast<int>(random() % 29);
     const bool granted = random() % 2 == 0;
@@ -383,7 +383,7 @@ TEST_F(VerdictCache, IsItsModel) {
         destroy_tlb(&cache());
         model.clear();
       } else {
-        // Slots were handed out in order only while nothing was forgotten.
+        // Slots are handed out in order only until the first path is forgotten.
         cache().flush_tlb = 21;
         ask("x");
         model.clear();

@@ -211,8 +211,8 @@ TEST_F(AuditBuffer, NeedsATemporaryFile) {
 TEST_F(AuditBuffer, LeavesItsTemporaryFileBesideADumpOfItsName) {
   append("one");
   set_debug_level(0);
-  // Names of the next second, to the microsecond, cannot be told; a folder of all of them can: a
-  // name that is cut at its room is the folder's own.
+  // The time in the next dump's name cannot be predicted. The path of this folder is so long that
+  // the name of every dump is cut to the folder's own, which is taken.
   const std::string deep = std::string(kDir) + "/" + std::string(240, 'd');
   make_dirs(deep);
   std::strcpy(global_params[PARAM_AUDITING_DIR].value.strval, deep.c_str());

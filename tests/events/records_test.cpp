@@ -125,7 +125,7 @@ TEST(Event, ComesBackWithEveryField) {
   vfsevent__free_unpacked(back, nullptr);
 }
 
-// The bytes, field by field, as any reader of the protocol sees them.
+// The bytes, field by field, as a reader of the protocol finds them.
 TEST(Event, HasItsFieldNumbersOnTheWire) {
   VFSEvent ve = event("p", 3);
   ve.client_pid = 2;
@@ -146,7 +146,7 @@ TEST(Event, OfRootAndTheReservedUserIsDropped) {
   set_reserved_user_uid(77);
   for (const uid_t uid : {0U, 77U}) {
     VFSEvent ve = event("some/path", uid);
-    // The message says pid and means the user.
+    // The message says pid and prints the user.
     EXPECT_EQ(0, level_of("Ignoring reserved user events [some/path] pid " + std::to_string(uid),
                           [&] { EXPECT_EQ(nullptr, create_staging_data_buf(&ve)); }));
     EXPECT_EQ(-1, send_modify_vfs_event(&ve));
@@ -241,21 +241,21 @@ TEST(Audit, IsSentForItsUser) {
   AuditEvent ae = audit("p", 5);
   EXPECT_EQ(-1, send_audit_vfs_event(&ae, 0));
   EXPECT_EQ(0U, ae.uid);
-  EXPECT_EQ(0, send_audit_vfs_event(&ae, 1001));  // the append's own failure is not looked at
+  EXPECT_EQ(0, send_audit_vfs_event(&ae, 1001));  // the append's result is ignored on purpose
   EXPECT_EQ(1, level_of("send_audit_vfs_event: send audit event",
                         [&] { send_audit_vfs_event(&ae, 1001); }));
 }
 
 TEST(Protobuf, GeneratedCodeIsCurrent) {
-  const std::string folder = TAVRIX_SOURCE_DIR "/events/";
+  const std::string events = TAVRIX_SOURCE_DIR "/events";
   for (const char* name : {"samba", "audit_events"}) {
     const Outcome outcome = in_child([&] {
       enter_private_world();
-      const Outcome made = run_program(
-          {"protoc-c", "--c_out=/scratch", "--proto_path=" + folder, folder + name + ".proto"});
+      const Outcome made = run_program({"protoc-c", "--c_out=/scratch", "--proto_path=" + events,
+                                        events + "/" + name + ".proto"});
       ASSERT_TRUE(made.ok()) << made.err;
       for (const char* end : {".pb-c.c", ".pb-c.h"}) {
-        EXPECT_EQ(read_file(folder + "generated/" + name + end),
+        EXPECT_EQ(read_file(events + "/generated/" + name + end),
                   read_file(std::string("/scratch/") + name + end));
       }
     });

@@ -36,7 +36,7 @@ class Close : public Hooks {
         },
         Session::Root::kNotKept);
   }
-  // Level at which a close with that record says it.
+  // The least level at which a close with that record logs the message.
   static int level(Session& session, const std::string& message, int fd, modify_file_evt_s record) {
     return level_of(message, [&] {
       modify_file_evt_s copy = record;

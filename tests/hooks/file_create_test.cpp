@@ -66,7 +66,7 @@ TEST_F(CreateFile, AsksForWhatTheDispositionMeans) {
   });
 }
 
-// A request without an operation goes to the decision unchanged; the decision has no rule for it.
+// A request that sets no operation reaches the decision as it is, which knows no such operation.
 TEST_F(CreateFile, RefusesARequestWithoutAMeaning) {
   as(kAdministrator, [] {
     Session session(kAdministrator);
@@ -135,7 +135,7 @@ TEST_F(CreateFile, IsTold) {
                        "Shared/Team/report.txt", nullptr, 0));
     EXPECT_EQ(0, level("create_file_preprocess failed to allocate perm_ctx\n", "Shared/Team/Docs",
                        "setresuid", 1));
-    // there, back, there
+    // to root, back, to root
     EXPECT_EQ(0, level("create_file_preprocess failed to allocate perm_ctx,  "
                        "smb_fname->base_name=base\n",
                        "Shared/Team/Docs", "setresuid", 3));

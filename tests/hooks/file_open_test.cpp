@@ -8,7 +8,7 @@
 namespace tavrix::test {
 namespace {
 
-// One call with everything that goes in and comes out.
+// One call of the hook, with its arguments and its results.
 struct Opening {
   explicit Opening(std::string name, e_open_mode wanted = OPENMODE_READ)
       : base_name(std::move(name)), mode(wanted), path(kShareRoot + "/" + base_name) {}
@@ -112,7 +112,7 @@ TEST_F(Open, TellsWhatTheFileIsAndWhetherItIsNew) {
     EXPECT_EQ(0, old.is_new);
     EXPECT_EQ(8, old.st.st_size);
     Opening made("Shared/Team/new.txt", OPENMODE_WRITE);
-    made.st.st_mode = S_IFREG;  // what was there before
+    made.st.st_mode = S_IFREG;  // a value that must be overwritten
     EXPECT_EQ(kProceed, made.run(session));
     EXPECT_EQ(1, made.is_new);
     EXPECT_EQ(0U, made.st.st_mode);
@@ -177,7 +177,7 @@ TEST_F(Open, ForDeletionLooksForMarksBelowSharedOnly) {
   mark_fixed("Shared/Team");
   as(kAnna, [] {
     Session session(kAnna);
-    Opening opening("shared/Team");  // the six characters as they stand
+    Opening opening("shared/Team");  // only "Shared" in this spelling is the share's folder
     opening.for_deletion = 1;
     reset_calls();
     opening.run(session);

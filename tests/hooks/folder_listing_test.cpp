@@ -39,7 +39,7 @@ TEST_F(OpenDir, NamesTheFolderRelativeToTheShare) {
     EXPECT_EQ(".", name_of("/tavrix", "."));
     EXPECT_EQ("Shared", name_of("/tavrix", "Shared"));
     EXPECT_EQ("Team", name_of("/tavrix/Shared", "Team"));
-    // A working folder no longer than the share's root has nothing behind it.
+    // A working folder that is no longer than the share's root leaves no name.
     EXPECT_EQ("", name_of("/tav", "."));
     EXPECT_EQ("", name_of("/tavrix/", "."));
   });

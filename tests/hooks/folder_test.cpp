@@ -73,7 +73,7 @@ TEST_F(CreateDir, ToDeleteNeverReachesTheTopOfPrivate) {
   });
 }
 
-// No mark is looked at here: removing the folder itself is asked about elsewhere.
+// A request to delete does not look for marks: the removal itself does.
 TEST_F(CreateDir, ToDeleteDoesNotLookForMarks) {
   mark_fixed("Shared/Team");
   as(kAnna, [] {

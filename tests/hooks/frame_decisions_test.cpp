@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Every hook that decides: which operation it asks about, whom it lets go, what a refusal says and
-// leaves behind. The rows are the hooks' summary tables.
+// Every hook that decides: the operation it asks about, its verdicts, the errno of a refusal and
+// the state of the process afterwards. The rows are the hooks' summary tables.
 
 #include <functional>
 
@@ -14,7 +14,7 @@ struct Row {
   e_fsop_type op;
   Answer refusal;
   Session::Root root;
-  // Calls the hook about a name of the share.
+  // Calls the hook with a name of the share.
   std::function<int(Session&, const std::string&)> call;
 };
 
@@ -207,7 +207,7 @@ TEST_F(HookDecisions, AreNotMadeForTheReservedUser) {
   });
 }
 
-// Computers are refused where the connection's check answers; elsewhere the map does.
+// Computers are refused by the connection's check; hooks without that check ask the map.
 TEST_F(HookDecisions, OfComputersAreTheMapsButForStat) {
   as(kAnna, [] {
     Session session(kAnna);
@@ -237,8 +237,8 @@ TEST_F(HookDecisions, RefuseEverythingWithoutAMap) {
 
 constexpr int kNeverCameToThat = 42;
 
-// Calls the hook with the nth such call failing; what it answers is one of its own answers, and
-// nothing is left behind.
+// Calls the hook while the nth call of that name fails: it must give one of its own answers and
+// leave nothing behind.
 void call_with_a_failure(const Row& row, const std::string& failing, int nth) {
   Session session(kAnna);
   const long blocks = live_allocations();
@@ -260,7 +260,7 @@ void call_with_a_failure(const Row& row, const std::string& failing, int nth) {
   if (made < nth && !testing::Test::HasFailure()) _exit(kNeverCameToThat);
 }
 
-// A lookup that finds no memory for an ACL ends the process, as it always did.
+// A lookup without memory for an ACL ends the process.
 bool ended_in_a_lookup(const Outcome& outcome) {
   return outcome.aborted_with("acl != NULL") || outcome.aborted_with("ace != NULL") ||
          outcome.aborted_with("path_arr != NULL") || outcome.aborted_with("0");
@@ -285,8 +285,8 @@ INSTANTIATE_TEST_SUITE_P(Of, FailingCalls,
                                          "semget", "semctl", "shmget", "shmat", "getresuid",
                                          "getresgid"));
 
-// The hooks that record: an event may be lost when there is no memory, which is logged; nothing
-// else may be left behind.
+// Hooks that record: without memory an event may be lost, which is logged, and nothing else may be
+// left behind.
 TEST_P(FailingCalls, LeaveNothingBehindOfARecord) {
   const std::string failing = GetParam();
   std::string path = "/tavrix/Shared/Team/report.txt";
@@ -318,8 +318,8 @@ TEST_P(FailingCalls, LeaveNothingBehindOfARecord) {
   });
 }
 
-// The first is the way to root, the second back; a way back that is barred is nothing a hook could
-// mend, and the operating system does not bar it.
+// Only the first switch fails, the one to root. The second is the way back, which the operating
+// system does not bar.
 TEST_F(HookDecisions, RefuseWhenRootCannotBeHad) {
   as(kAnna, [] {
     for (const Row& row : rows()) {

@@ -17,7 +17,7 @@ class RandomSession : public Hooks {
  protected:
   static std::vector<Caller> players() { return {kAdministrator, kPat, kOlga, kAnna, kBen}; }
 
-  // The players' folders, among others that come and go.
+  // A map with the players' folders and that many others.
   static std::vector<std::byte> map_with(uint32_t others) {
     Folder shared{.name = "Shared", .groups = {{kPeople, 8}}};
     for (uint32_t i = 0; i < others; ++i) {
@@ -39,7 +39,7 @@ class RandomSession : public Hooks {
   static int descriptors() { return static_cast<int>(list("/proc/self/fd").size()); }
 
   static void play(const Caller& caller) {
-    // The first operations make allocations that stay, so they run before the first count.
+    // The first operations allocate some blocks for good: they run before the first count.
     { Player(caller, 1).play(0); }
     const long blocks = live_allocations();
     const int fds = descriptors();

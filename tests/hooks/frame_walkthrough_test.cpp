@@ -18,7 +18,7 @@ class Walkthrough : public Hooks {
     Hooks::SetUp();
     share_settings();
   }
-  // The result of each step.
+  // The outcome of each step.
   static Lines play(const Lines& arguments) {
     Lines argv{kProgram};
     argv.insert(argv.end(), arguments.begin(), arguments.end());

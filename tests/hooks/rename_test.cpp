@@ -84,7 +84,7 @@ TEST_F(Rename, TellsFoldersFromFiles) {
   });
 }
 
-// Every caller, every pair: let go exactly when both verdicts say so.
+// Every caller, every pair: granted exactly when both verdicts grant.
 TEST_F(Rename, NeedsBothVerdicts) {
   static const Lines names = {
       "Shared/Team/report.txt", "Shared/Team/Docs",      "Shared/Team/Docs/Deep",
@@ -242,7 +242,7 @@ TEST_F(Rename, TellsWhatFails) {
     }
     EXPECT_TRUE(told);
     session->reserved_user = 1;
-    // there and back to look, there and back for the mark, there for the operation
+    // to root and back to look, to root and back for the mark, to root for the operation
     EXPECT_EQ(0, level(session, "Could not switch to root for rename operations " + both + "\n",
                        "Shared/Team/Docs", "Shared/Team/x", "setresuid", 5));
     bool denied = false;
@@ -264,7 +264,7 @@ TEST_F(Rename, TellsWhatFails) {
 TEST_F(Rename, LeavesNothingBehindWhateverFails) {
   as(kAnna, [] {
     Session session(kAnna);
-    session->reserved_user = 1;  // lookups end the process without memory
+    session->reserved_user = 1;  // a lookup without memory ends the process
     for (const char* call :
          {"calloc", "malloc", "strdup", "stat", "getxattr", "getresuid", "getresgid"}) {
       for (int nth = 1; nth <= 20; ++nth) {

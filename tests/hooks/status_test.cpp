@@ -82,7 +82,7 @@ TEST_F(Stat, OfNoNameIsNoMemory) {
 TEST_F(Stat, NoticesANewMapAndANewGroupList) {
   as(kAnna, [] {
     Session session(kAnna);
-    session->groupmap.gids = nullptr;  // the refresh frees what it finds
+    session->groupmap.gids = nullptr;  // the refresh frees the list that it finds
     session->groupmap.num_sup_gids = 0;
     session->refresh_creds.groupmap_refresh = 0;
     EXPECT_EQ(kProceed, stats(session, "Shared/Team")) << "the groups come from the list";

@@ -18,7 +18,7 @@
 namespace tavrix::test {
 namespace {
 
-// "pending_<pid>_<time>": by time. Two processes do not matter to one another's order.
+// Sorted by the time in "pending_<pid>_<time>", whatever the process.
 std::vector<std::string> dumps_in(const std::string& folder) {
   std::vector<std::string> names;
   for (const std::string& name : list(folder)) {
@@ -91,7 +91,7 @@ void share_settings() {
   shmdt(block);
 }
 
-// In the dump files, and in the buffer after them.
+// The events of the dump files, then those of the buffer.
 static std::vector<Event> events_now() {
   std::vector<Event> all;
   for (const std::string& name : dumps_in(kStagingDir)) {
@@ -107,9 +107,9 @@ static std::vector<Event> events_now() {
   return all;
 }
 
-// A flush takes events out of the buffer before its file has a name: one that begins or ends while
-// this looks, as a server process makes at its end, is looked at again. A flusher that was killed
-// leaves its file for ever.
+// A flush empties the buffer before its file has a name, so this looks again when a flush began or
+// ended meanwhile, as the end of a server process makes one. It gives up in the end: a flusher that
+// was killed leaves its temporary file for ever.
 std::vector<Event> events() {
   const auto is_flushing = [](const std::vector<std::string>& names) {
     return std::any_of(names.begin(), names.end(),

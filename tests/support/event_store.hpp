@@ -29,15 +29,15 @@ struct AuditRecord {
 // Sets the parameters of both buffers and creates the staging buffer and its semaphore.
 void make_event_store(int bytes = 1 << 20);
 
-// Hands this process's settings to programs that take them from the shared block.
+// Copies this process's settings to the shared block, from which programs take theirs.
 void share_settings();
 
-// The records in the dump files, oldest first, then those in the buffer. A torn record fails the
+// The events of the dump files, oldest first, then those of the buffer. A torn record fails the
 // test.
 std::vector<Event> events();
 std::vector<std::string> lines_of(const std::vector<Event>& events);
 std::vector<std::string> event_lines();
-// The records in the audit dump files; a process flushes its own buffer.
+// The records of the audit dump files; each process flushes its own buffer.
 std::vector<AuditRecord> audit_records();
 
 }  // namespace tavrix::test

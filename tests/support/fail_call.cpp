@@ -123,8 +123,8 @@ using tavrix::test::probes;
 using tavrix::test::skips_sleeps;
 using tavrix::test::sleeps;
 
-// The probe of a wrapped call is known from the program's start, so that a typing error in a test
-// is one; the pair of functions is what --wrap=name links.
+// The probe of each wrapped call exists from the program's start, so that a misspelt name in a test
+// is an error. --wrap=name links the pair of functions.
 #define WRAPPED(name)                        \
   namespace {                                \
   Probe* probe_of_##name = &probes()[#name]; \
@@ -311,7 +311,7 @@ WRAP_TRANSFER(write, const void*)
 
 // --- time ----------------------------------------------------------------------------------------
 
-// A planned failure is a signal that ends the wait at its start.
+// A planned failure looks like a signal that ends the wait at its start.
 WRAPPED(sleep)
 extern "C" unsigned __real_sleep(unsigned seconds);
 extern "C" unsigned __wrap_sleep(unsigned seconds);

@@ -106,7 +106,7 @@ timespec time_of(int64_t nanoseconds) {
           static_cast<long>(nanoseconds % kNanoseconds)};
 }
 
-// One line an operation: the words with tabs between, and the bytes in hex.
+// One line for each operation: words with tabs between them, and the bytes in hex.
 void trace(const char* what, const char* first, const char* second = "",
            const void* bytes = nullptr, size_t size = 0) {
   const char* file = getenv("TAVRIX_TRACE");
@@ -288,7 +288,7 @@ unsigned sleep(unsigned seconds) {
   return nanosleep(&wanted, &rest) == 0 ? 0 : static_cast<unsigned>(rest.tv_sec) + 1;
 }
 
-// Never 0 for a wait: 0 would be a look.
+// A wait is at least a millisecond long: 0 would only look.
 int poll(struct pollfd* fds, nfds_t count, int timeout) {
   const int scaled = timeout > 0 ? (timeout + haste() - 1) / haste() : timeout;
   return real<int (*)(pollfd*, nfds_t, int)>("poll")(fds, count, scaled);
@@ -308,7 +308,7 @@ static void* zeroed(size_t count, size_t size) { return __libc_calloc(count, siz
 #endif
 
 void* calloc(size_t count, size_t size) {
-  // Large blocks only: the start of a program allocates too.
+  // Large blocks only, because the start of a program allocates small ones.
   if (count * size > 100 && size >= 100 && rule_count >= 0 && fails("calloc")) return nullptr;
   return zeroed(count, size);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Tells the leak sanitizer what the library leaves behind on purpose: the block of a pattern that
-// was compiled for one match, and the stream of the pattern file. Callers rely on both.
+// Leaks that the library keeps on purpose, told to the leak sanitizer: the holder of a pattern that
+// is compiled for one match, and the stream of the pattern file. Callers of long standing count on
+// both.
 
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {

@@ -96,7 +96,7 @@ int level_of(std::string_view message, const std::function<void()>& action) {
 
 }  // namespace tavrix::test
 
-// Defined here, the names win over the C library's. A fortified build calls the "chk" forms.
+// These definitions win over the C library's. A fortified build calls the "chk" forms.
 extern "C" {
 
 void syslog(int priority, const char* format, ...) {

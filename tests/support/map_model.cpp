@@ -298,7 +298,7 @@ Governing naive_lookup(const Folder& root, const std::string& path) {
   }
   for (const Ace& ace : way.back()->users) result.entries.push_back({ACE_TYPE_USER, ace});
   for (const Ace& ace : way.back()->groups) result.entries.push_back({ACE_TYPE_GROUP, ace});
-  if (result.entries.empty()) result.inherited = false;  // it is told by the entries
+  if (result.entries.empty()) result.inherited = false;  // only entries can say so
   return result;
 }
 
@@ -351,7 +351,7 @@ Folder random_tree(uint32_t seed, uint32_t folders, Bytes bytes) {
         break;
     }
   }
-  // Some differ from an earlier sibling in case only: the first of them rules.
+  // Some names differ from an earlier sibling's in case only; a lookup finds the earlier one.
   for (uint32_t i = 2; i < folders; ++i) {
     if (up_to(8) != 0) continue;
     const uint32_t other = 1 + up_to(i - 1);

@@ -59,7 +59,7 @@ void Player::make_folders(const Caller& caller) {
 // --- the model ----------------------------------------------------------------------------------
 
 std::string Player::some_area() {
-  // Most of the work is where something may be done.
+  // Mostly where the player may do something.
   const std::size_t area = random_() % 2 == 0 ? 0 : random_() % kAreas.size();
   return root_ + "/" + kAreas[area].name;
 }
@@ -213,7 +213,7 @@ void Player::open_and_close() {
   const int result = open_preprocess("/tavrix", name.c_str(), &mode, &op, &full_path, &is_new, 0,
                                      session_.get(), &st, "10.0.0.1", session_.slot(), 0);
   EXPECT_EQ(grants(write ? FSOP_OPEN_WRITE : FSOP_OPEN_READ, path) ? 0 : -1, result) << path;
-  // Below a file there is not nothing: that is another error.
+  // A path below a file fails with another error than a missing one.
   EXPECT_EQ(tree_.count(path) == 0 && !is_below_a_file(path) ? 1 : 0, is_new);
   if (result != 0 || type_of(path) != FSTYPE_FILE) return;
   tx_perm_ctx_t* root = tavrix_vfs_become_root();

@@ -46,7 +46,7 @@ class Player {
   [[nodiscard]] bool grants(e_fsop_type op, const std::string& path) const;
   static std::string relative(const std::string& path);
 
-  // Judges a hook's answer; on a grant does the real operation as root and gives root back.
+  // Compares a hook's answer with the model; after a grant does the operation as root.
   template <typename Hook, typename Operation>
   bool run(bool granted, int refusal, Hook hook, Operation operation);
   void expect(const std::string& event) { expected_.push_back(event); }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The policy a second time: a table for people, with a reader that shares nothing with the library.
+// The policy once more, as a table for people; its reader shares nothing with the library.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace tavrix::test {
 struct RuleAnswer {
   bool aborts = false;
   bool granted = false;
-  std::string message;  // empty: the rule says nothing
+  std::string message;  // empty: the rule logs nothing
 };
 
 // The answer that the rule must give; `op` must be a real operation.

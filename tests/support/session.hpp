@@ -37,7 +37,7 @@ constexpr Answer kRefusedAccess{-1, EACCES};
 constexpr Answer kNotPermitted{-1, EPERM};
 constexpr Answer kNoName{-1, ENOMEM};
 
-// A question of a hook to the decision, read from the trace of its first step.
+// The question of a hook to the decision, from the trace of its first step.
 struct Question {
   int op = 0;
   std::string path;
@@ -69,7 +69,7 @@ class Session {
                               .euid = caller_.uid,
                               .tlb_owner = caller_.uid};
     record_->groupmap = trustees_of(caller_);
-    // As after a first decision about this caller.
+    // The state after a first decision about this caller.
     record_->groupmap.admin = caller_.uid == kAdministrator.uid ? 1 : 0;
     init_tlb(&record_->vfs_table_cache);
   }
@@ -174,7 +174,7 @@ class Hooks : public Share {
         getxattr(full(name).c_str(), "user.tavrix.last_smb_accessed_by", value, sizeof value);
     return size < 0 ? "(none)" : std::string(value, static_cast<std::size_t>(size));
   }
-  // The questions of an action to the decision; level 2 shows the first message of each.
+  // The action's questions to the decision, from its first message, which level 2 shows.
   template <typename Action>
   static std::vector<Question> asked_by(Action action) {
     set_debug_level(2);

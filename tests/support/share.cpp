@@ -22,7 +22,7 @@ const Caller kBen{"Ben", 1006, kPeople, {kReaders, kPowerUsers}};
 
 namespace {
 
-Caller this_caller;  // of a process that as() made
+Caller this_caller;  // in a process that as() made
 
 // The segments of System V that are mapped here, by the kernel's own list: counting the
 // attachments of a table would need the superuser.
@@ -84,7 +84,7 @@ process_trustees_s trustees_of(const Caller& caller) {
   trustees.egid = caller.gid;
   trustees.num_sup_gids = static_cast<int>(caller.groups.size());
   trustees.gids = const_cast<gid_t*>(caller.groups.data());
-  trustees.admin = trustees.poweruser = -1;  // what a decision has to overwrite
+  trustees.admin = trustees.poweruser = -1;  // the decision must overwrite these
   return trustees;
 }
 
@@ -134,7 +134,7 @@ void Share::SetUp() {
   make_file("Private/stray.txt", kPat.uid);
   make_folder("Other");
   make_file("top.txt");
-  // As on the appliance: clients reach nothing here by their own identity.
+  // As on the appliance, clients reach nothing here under their own identity.
   std::filesystem::permissions(kShareRoot + "/Shared", std::filesystem::perms::owner_all);
   std::filesystem::permissions(kShareRoot + "/Private", std::filesystem::perms::owner_all);
 }

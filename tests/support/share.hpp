@@ -50,7 +50,7 @@ constexpr Ruling kRefused{TXPERMS_NO_PERM, 0};
 constexpr Ruling kRefusedStandardUser{TXPERMS_STANDARD_USER, 0};
 constexpr Ruling kSystemError{TXPERMS_SYSTEM_ERR, 0};
 
-// The state that a decision must leave unchanged in a server process: its ids, its supplementary
+// The state of a server process that a decision must not change: its ids, its supplementary
 // groups, its attached segments, its blocks on the heap.
 struct Footprint {
   Ids ids;
@@ -63,8 +63,8 @@ Footprint footprint_now();
 
 // --- in a process of the caller -----------------------------------------------------------------
 
-// Asks for the caller of this process, and expects the footprint to be the same afterwards. A
-// nonzero type is told to the library, else it looks for itself.
+// Asks as the caller of this process, and expects the same footprint afterwards. A nonzero type is
+// passed to the library; with 0 the library looks at the object itself.
 Ruling ask(e_fsop_type op, const std::string& path, int type = 0);
 // The same about a path of the share: "Shared/x" for "/tavrix/Shared/x".
 Ruling ask_share(e_fsop_type op, const std::string& path, int type = 0);
@@ -80,8 +80,8 @@ class Share : public Isolated {
  protected:
   void SetUp() override;
 
-  // Runs the body in a process of the caller, as a Samba server has it inside a hook, and expects
-  // it to end well.
+  // Runs the body in a process with the identity that a Samba server has inside a hook for this
+  // caller, and expects it to end well.
   static void as(const Caller& caller, const std::function<void()>& body);
   // The same with real uid 0.
   static void as_effective(const Caller& caller, const std::function<void()>& body);

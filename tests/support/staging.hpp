@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A staging buffer of the test's own, and what is in it and in the dump files.
+// A staging buffer of the test's own, with readers of it and of the dump files.
 #pragma once
 
 #include <gtest/gtest.h>

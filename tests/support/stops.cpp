@@ -38,8 +38,8 @@ pid_t start_traced(const std::function<void()>& body) {
   _exit(0);
 }
 
-// Opening for reading, and reading, change nothing; what a file's making changes is seen in front
-// of the next call.
+// Opening is left out: a read changes nothing, and a file that was just made is seen in front of
+// the next call.
 bool is_change(long call) {
   constexpr long kChanges[] = {SYS_write,     SYS_ftruncate, SYS_fallocate,    SYS_fsync,
                                SYS_fdatasync, SYS_flock,     SYS_rename,       SYS_renameat2,

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The decision's short switch to the superuser, in every identity a process of the appliance has.
+// The decision's short switch to the superuser, from every identity that a process may have.
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -106,7 +106,7 @@ TEST_F(ParameterBlock, FailsWhenARivalIsThereAgain) {
 }
 
 TEST_F(ParameterBlock, FailsWhenAStaleOneCannotBeRemoved) {
-  // Another size than the one that is removed: it is not found.
+  // A block of another size is not found by the removal.
   shmget(key(), 100, IPC_CREAT | 0666);
   skip_sleeps();
   EXPECT_EQ(-1, create_config_buffer());

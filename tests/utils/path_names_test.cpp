@@ -117,7 +117,7 @@ TEST(NormalizePath, TakesLongPathsAndAnyBytes) {
   EXPECT_EQ("/\xff\xfe", normalized("//\xff\xfe/"));
 }
 
-// The rules read as they are told, over a list of written pieces.
+// The rules as the documents state them, over the list of components that were written.
 std::string model(const std::string& path) {
   const bool absolute = !path.empty() && path[0] == '/';
   std::string out = absolute ? "/" : "";

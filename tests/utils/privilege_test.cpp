@@ -19,7 +19,7 @@ namespace {
 constexpr uid_t kUser = 4711;
 constexpr gid_t kGroup = 815;
 
-// The body in a Samba server process that serves the user.
+// Runs the body in a process with the identity of a Samba server process that serves the user.
 void as_user(const std::function<void()>& body) {
   const Outcome outcome = in_child([&] {
     become_samba_user(kUser, kGroup);
@@ -96,7 +96,7 @@ TEST(BecomeRoot, UsesTheContextItIsGiven) {
   EXPECT_EQ(before, allocations());
 }
 
-// The least level at which a failed become says so; its result and context are checked on the way.
+// The least level at which a failed switch is logged; checks its result and context on the way.
 void expect_failure(const std::string& message, bool has_context) {
   const auto attempt = [&] {
     tx_permctx_s* context = nullptr;

@@ -15,7 +15,7 @@ namespace {
 
 class CallerClass : public Share {
  protected:
-  // Stats "Shared", which every administrator and power user may do.
+  // Asks for the status of "Shared", which every administrator and power user may see.
   int verdict_for(std::vector<gid_t> groups, gid_t primary = kPeople) {
     groups_ = std::move(groups);
     trustees_ = trustees_of({"", kPat.uid, primary, groups_});

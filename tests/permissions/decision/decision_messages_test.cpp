@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The messages of a decision: each text, and the level that shows it.
+// The messages of a decision: each text, and the least level that shows it.
 
 #include <gtest/gtest.h>
 

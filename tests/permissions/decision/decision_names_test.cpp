@@ -13,7 +13,7 @@
 namespace tavrix::test {
 namespace {
 
-// A decision with every argument given by the test; this process asks, as the superuser.
+// A decision whose every argument the test sets; this process asks as the superuser.
 struct Plain {
   const char* root = "/tavrix";
   const char* path = "/tavrix/Shared";
@@ -137,7 +137,7 @@ TEST_F(ShareRoot, IsToldAsAGrant) {
                            "in_path=(/tavrix) real_path=[/tavrix]"));
 }
 
-// With the slash it is the folder "." of the share, which the ordinary rules judge.
+// With the slash it is the folder "." of the share, to which the ordinary rules apply.
 TEST_F(ShareRoot, WithATrailingSlashIsNotTheRoot) {
   as(kStandardUser, [] { EXPECT_EQ(kRefusedStandardUser, ask(FSOP_STAT, "/tavrix/")); });
   as(kPat, [] { EXPECT_EQ(kGranted, ask(FSOP_STAT, "/tavrix/")); });
@@ -147,7 +147,7 @@ TEST_F(ShareRoot, WithATrailingSlashIsNotTheRoot) {
 
 class DecisionPath : public Share {
  protected:
-  // How the decision spells a path of the client.
+  // A path of the client in the spelling of the decision.
   static std::string spelled(const char* root, const std::string& path) {
     Plain plain{.root = root, .path = path.c_str()};
     set_debug_level(2);
@@ -165,7 +165,7 @@ TEST_F(DecisionPath, LosesTheMountAndBecomesCanonical) {
   EXPECT_EQ("Shared", spelled("/tavrix", "/tavrix/./Shared"));
 }
 
-// Eight bytes, whatever they are and whatever the root is: the module has always counted so.
+// Eight bytes go, whatever they and the root are: the module has always counted so.
 TEST_F(DecisionPath, LosesEightBytesWhateverTheRootIs) {
   EXPECT_EQ("team/Shared", spelled("/tavrix/team", "/tavrix/team/Shared"));
   EXPECT_EQ("d/a", spelled("/tavrix", "/x/Shared/a"));

@@ -17,7 +17,7 @@ class PrivateDecision : public Share {
  protected:
   void SetUp() override {
     Share::SetUp();
-    remove_all("/etc/tavrix/.permbe_map");  // the map has no say here
+    remove_all("/etc/tavrix/.permbe_map");  // no map is needed here
   }
 };
 
@@ -123,7 +123,7 @@ TEST_F(PrivateDecision, JudgesItsOwnerAtTheUserFolderBeforeWhatLiesBelow) {
   });
 }
 
-// The folder is looked up as the path spells it; Samba has found the right spelling before it asks.
+// The folder is looked up as the path spells it; Samba finds the right spelling before it asks.
 TEST_F(PrivateDecision, IsRecognisedInAnyCaseAndLookedUpInThisOne) {
   as(kPat, [] { EXPECT_EQ(kRefused, ask_share(FSOP_STAT, "PRIVATE/pat/diary.txt")); });
 }

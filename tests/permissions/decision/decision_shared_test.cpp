@@ -244,7 +244,7 @@ TEST_F(SharedDecision, TheTopLevelFoldersMayBeRead) {
   for (const Caller& caller : {kAdministrator, kPat}) {
     as(caller, [] {
       for (const char* folder : {"Shared", "Private", "SHARED", "private", "."}) {
-        // The map lets everybody navigate the two folders, and that marks the grant.
+        // The map lets everybody navigate the two folders, so the grant is marked.
         const Ruling expected = std::string(folder) == "." ? kGranted : kGrantedToSee;
         EXPECT_EQ(expected, ask_share(FSOP_STAT, folder, FSTYPE_FOLDER)) << folder;
         EXPECT_EQ(expected, ask_share(FSOP_OPENDIR, folder, FSTYPE_FOLDER)) << folder;
@@ -337,7 +337,7 @@ TEST_F(SharedDecision, AttachesTheTableOnceAndForTheDecisionOnly) {
 TEST_F(SharedDecision, TakesVeryLongPaths) {
   const std::string path = "Shared/Team/" + std::string(100000, 'x');
   as(kAnna, [&] {
-    // Longer than any file system has it: stat() says so, and that is neither a file nor none.
+    // No file system has such a path: stat() fails with an error that is not "missing".
     EXPECT_EQ(kSystemError, ask_share(FSOP_STAT, path));
     EXPECT_EQ(kGranted, ask_share(FSOP_OPEN_WRITE, path, FSTYPE_DOES_NOT_EXIST));
   });

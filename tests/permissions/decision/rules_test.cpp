@@ -20,7 +20,7 @@ using Lines = std::vector<std::string>;
 
 constexpr uint32_t kMasks = 32;  // every combination of the five bits
 
-// The kinds of object that there are, and values that no kind has: those count as missing.
+// The kinds of objects, and values that are no kind; those count as missing.
 constexpr int kObjects[] = {FSTYPE_FILE, FSTYPE_FOLDER, FSTYPE_DOES_NOT_EXIST, FSTYPE_INVAL, 0,
                             -1,          INT_MAX};
 
@@ -31,7 +31,7 @@ std::string announcement(int op, uint32_t self, uint32_t parent) {
          " parent perm " + std::to_string(parent);
 }
 
-// A test's name may not hold a minus.
+// Names of tests may not contain a minus.
 std::string name_of_number(const testing::TestParamInfo<int>& number) {
   return number.param < 0 ? "Minus" + std::to_string(-static_cast<long>(number.param))
                           : std::to_string(number.param);
@@ -182,7 +182,7 @@ class WithoutRule : public TestWithParam<e_fsop_type> {};
 INSTANTIATE_TEST_SUITE_P(Operation, WithoutRule, testing::ValuesIn(operations_without_a_rule()),
                          [](const auto& operation) { return name_of(operation.param); });
 
-// Tells the log on standard error when the process aborts.
+// Prints the log to standard error when the process aborts.
 void tell_log_on_abort() {
   std::signal(SIGABRT, [](int) {
     for (const std::string& message : messages()) std::fprintf(stderr, "<%s>\n", message.c_str());

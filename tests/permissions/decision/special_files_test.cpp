@@ -95,7 +95,7 @@ TEST(SpecialNames, AreComparedInTheirOrderUntilOneMatches) {
 }
 
 TEST(SpecialNames, AreNotComparedByTheSambaLibrary) {
-  // An extended byte on both sides never meets: the list holds none, so nothing is loaded.
+  // The list holds no extended bytes, so none are compared with others and nothing is loaded.
   EXPECT_FALSE(is_special("\xc3\x84.DS_Store"));
   EXPECT_FALSE(is_special(".DS_Stor\xc3\xa9"));
 }

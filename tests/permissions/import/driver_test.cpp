@@ -66,7 +66,7 @@ TEST_F(ImportDriver, ReplacesALongerCopyWhole) {
   EXPECT_EQ(copy_text(), read_file(kCopy));
 }
 
-// The judge is whether an image could be saved, not whether the document parsed.
+// The result tells that an image was saved, not that the document parsed.
 TEST_F(ImportDriver, SucceedsWithADocumentThatDoesNotParse) {
   for (const char* text :
        {"[{\"NUMCHILDREN\":1},{\"DIR\":\"/\",,", "", "[{\"NUMCHILDREN\":1},{\"DIR\":\"/\""}) {
@@ -138,7 +138,7 @@ TEST_F(ImportDriver, NeedsADataFileThatOpens) {
   EXPECT_EQ((Lines{"5,cannot open file /scratch/data.json,5", kFailed}), told());
 }
 
-// Nothing was read of the data file: an image without folders is not its map.
+// Nothing was read of the data file, so an image without folders must not be published as its map.
 TEST_F(ImportDriver, WithoutMemoryForTheDataFileKeepsTheFiles) {
   write_file(kCopy, "the copy of before");
   prepare_tree();
@@ -277,7 +277,7 @@ TEST_F(ImportDriver, RefusesACopyLargerThanTheImageAndLeavesItAlone) {
   for (std::size_t at = 0; at < size; ++at) ASSERT_EQ(std::byte{0xAA}, image()[at]);
   EXPECT_TRUE(logged("perm map file /etc/tavrix/.permbe_map larger than buffer size " +
                      std::to_string(size)));
-  EXPECT_EQ(Lines{kRestored}, told());  // kept so: the next line tells the outcome
+  EXPECT_EQ(Lines{kRestored}, told());  // kept on purpose: the next line tells the outcome
 }
 
 TEST_F(ImportDriver, RefusesACopyWithAnotherSignature) {

@@ -71,10 +71,10 @@ TEST_F(ImageDump, IsSilentBelow) {
   EXPECT_TRUE(messages().empty());
 }
 
-// Depth costs memory of the heap, not of the thread: here one with little.
+// Depth costs heap, not stack: this thread has a small one.
 TEST_F(ImageDump, WalksAMapDeeperThanTheStack) {
   constexpr std::size_t kStack = 256 << 10;
-  // Sanitizers make frames larger, those of the model that builds the map too.
+  // Sanitizers make the frames of the recursive model larger too.
   constexpr int kDepth = std::string_view(TAVRIX_SANITIZED_BUILD) == "ON" ? 2500 : 8000;
   Folder deep{.name = "x"};
   for (int i = 0; i < kDepth; ++i) deep = {.name = "d", .children = {std::move(deep)}};

@@ -32,7 +32,7 @@ class MapProcesses : public Isolated {
     map_initialized(1);
   }
 
-  // One generation: the whole table holds its number.
+  // Publishes a table that holds the generation's number everywhere.
   static bool load(uint32_t generation) {
     const int current = get_current_perm_table_index_for_fill();
     int shmid = -1;

@@ -436,7 +436,8 @@ TEST_F(Attach, FollowsASwapThatComesBeforeItsAttach) {
 }
 
 TEST_F(Attach, FollowsASwapThatComesAfterItsAttach) {
-  // The fourth look: initialized and index before the attach, initialized again behind it.
+  // Two looks come before the attach, at the flag and the index; the third is the first one after
+  // it.
   set_debug_level(4);
   run_before(
       "semctl",
@@ -470,7 +471,7 @@ TEST_F(Attach, Failures) {
   EXPECT_TRUE(logged("PERM_MAP get_perm_map_addr: get_current_perm_table_index failed\n"));
 }
 
-// Two lookups fail before a swap, and two behind it: neither time is the third.
+// Two lookups fail before a swap and two after it: the count starts anew, so no third one is met.
 TEST_F(Attach, CountsFailedLookupsAnewAfterASwap) {
   fail_call("shmget", EAGAIN, 1, 2);
   run_before(
