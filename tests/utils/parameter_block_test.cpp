@@ -16,10 +16,13 @@
 namespace tavrix::test {
 namespace {
 
+constexpr int kEntryBytes = 1040;
+constexpr int kBlockBytes = 19760;
+
 class ParameterBlock : public Isolated {
  protected:
   static key_t key() { return ftok("/dev/null", 3456); }
-  static int segment(int flags = 0) { return shmget(key(), 19760, flags); }
+  static int segment(int flags = 0) { return shmget(key(), kBlockBytes, flags); }
   static std::string line(const std::string& text) { return "create_config_buffer: " + text; }
 };
 
@@ -50,16 +53,18 @@ TEST_F(ParameterBlock, HasTheNamesAndTypesOfItsEntries) {
                       {16, 2, "SWEEPER:auditing dir"},
                       {17, 1, "SWEEPER:auditing buffer size"},
                       {18, 1, "SWEEPER:auditing flush interval"}};
+  EXPECT_EQ(kBlockBytes, kEntryBytes * static_cast<int>(std::size(rows)));
   const auto* raw = reinterpret_cast<const unsigned char*>(global_params);
   for (const Row& row : rows) {
     int type = -1;
     const char* name = nullptr;
-    std::memcpy(&type, raw + 1040 * row.index, sizeof type);
-    std::memcpy(&name, raw + 1040 * row.index + 8, sizeof name);
+    std::memcpy(&type, raw + kEntryBytes * row.index, sizeof type);
+    std::memcpy(&name, raw + kEntryBytes * row.index + 8, sizeof name);
     EXPECT_EQ(row.type, type) << row.index;
     EXPECT_STREQ(row.name, name) << row.index;
-    for (int byte = 4; byte < 8; ++byte) EXPECT_EQ(0, raw[1040 * row.index + byte]);
-    for (int byte = 16; byte < 1040; ++byte) ASSERT_EQ(0, raw[1040 * row.index + byte]);
+    for (int byte = 4; byte < 8; ++byte) EXPECT_EQ(0, raw[kEntryBytes * row.index + byte]);
+    for (int byte = 16; byte < kEntryBytes; ++byte)
+      ASSERT_EQ(0, raw[kEntryBytes * row.index + byte]);
   }
 }
 
@@ -68,7 +73,7 @@ TEST_F(ParameterBlock, IsASegmentForEverybody) {
   struct shmid_ds info {};
   ASSERT_EQ(0, shmctl(segment(), IPC_STAT, &info));
   EXPECT_EQ(0666, info.shm_perm.mode & 0777);
-  EXPECT_EQ(19760U, info.shm_segsz);
+  EXPECT_EQ(std::size_t{kBlockBytes}, info.shm_segsz);
   EXPECT_EQ(1U, info.shm_nattch);
 }
 

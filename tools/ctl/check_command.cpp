@@ -203,8 +203,6 @@ int check(const Options& options, Question question) {
   return code_of(verdict);
 }
 
-}  // namespace
-
 void add_check_command(CLI::App& app, Options& options, Action& action) {
   static Question question;
   CLI::App* check_command = app.add_subcommand(
@@ -243,4 +241,7 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
   });
 }
 
+const Command registered(30, add_check_command);
+
+}  // namespace
 }  // namespace tavrix::ctl

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The commands of tavrixctl. Each adds itself to the command line; running it gives the exit code.
+// The commands of tavrixctl. Each adds itself to the command line and gives the exit code when it
+// runs.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -10,25 +11,28 @@ namespace tavrix::ctl {
 // Exit codes.
 constexpr int kYes = 0;      // yes, done, sound
 constexpr int kNo = 1;       // no, refused, broken
-constexpr int kFailure = 2;  // wrong usage, or it could not be found out
+constexpr int kFailure = 2;  // wrong usage, or the answer is not known
 
-// What every command may look at.
+// The flags that every command takes.
 struct Options {
   bool json = false;
   bool verbose = false;
 };
 
-// The chosen command's work.
+// The work of the command that the user chose; returns the exit code.
 using Action = std::function<int()>;
 
-void add_config_commands(CLI::App& app, Options& options, Action& action);
-void add_map_commands(CLI::App& app, Options& options, Action& action);
-void add_check_command(CLI::App& app, Options& options, Action& action);
-void add_groupmap_commands(CLI::App& app, Options& options, Action& action);
-void add_events_commands(CLI::App& app, Options& options, Action& action);
-void add_patterns_commands(CLI::App& app, Options& options, Action& action);
+// A command of the first word, such as "config". The file of a command defines one of these, and
+// main() finds it: there is no list to add it to. Commands stand in the help text by their place.
+class Command {
+ public:
+  using Add = void (*)(CLI::App& app, Options& options, Action& action);
 
-// The parts of "map".
+  Command(int place, Add add);
+  static void add_all(CLI::App& app, Options& options, Action& action);
+};
+
+// The commands below "map", which are in files of their own.
 void add_map_import_commands(CLI::App& map, Options& options, Action& action);
 void add_map_inspect_commands(CLI::App& map, Options& options, Action& action);
 void add_map_check_commands(CLI::App& map, Options& options, Action& action);

@@ -104,8 +104,6 @@ int remove() {
   return kFailure;
 }
 
-}  // namespace
-
 void add_config_commands(CLI::App& app, Options& options, Action& action) {
   CLI::App* config = app.add_subcommand("config", "The settings that all processes share");
   config->require_subcommand(1);
@@ -133,4 +131,7 @@ void add_config_commands(CLI::App& app, Options& options, Action& action) {
   });
 }
 
+const Command registered(10, add_config_commands);
+
+}  // namespace
 }  // namespace tavrix::ctl

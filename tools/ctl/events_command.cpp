@@ -293,8 +293,6 @@ int remove_buffer() {
   return semaphore && segment ? kYes : kFailure;
 }
 
-}  // namespace
-
 void add_events_commands(CLI::App& app, Options& options, Action& action) {
   static DecodeArguments event_arguments, audit_arguments;
   CLI::App* events = app.add_subcommand("events", "Events: dump files and the staging buffer");
@@ -323,4 +321,7 @@ void add_events_commands(CLI::App& app, Options& options, Action& action) {
   add("remove", "Remove the semaphore and the segment, with its records", remove_buffer);
 }
 
+const Command registered(50, add_events_commands);
+
+}  // namespace
 }  // namespace tavrix::ctl

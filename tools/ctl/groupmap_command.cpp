@@ -125,8 +125,6 @@ int verify(const Options& options, const std::string& path) {
   return findings.errors() == 0 ? kYes : kNo;
 }
 
-}  // namespace
-
 void add_groupmap_commands(CLI::App& app, Options& options, Action& action) {
   CLI::App* groupmap =
       app.add_subcommand("groupmap", "The groups of users, as server processes see them");
@@ -155,4 +153,7 @@ void add_groupmap_commands(CLI::App& app, Options& options, Action& action) {
   verify_command->callback([&] { action = [&options] { return verify(options, path); }; });
 }
 
+const Command registered(40, add_groupmap_commands);
+
+}  // namespace
 }  // namespace tavrix::ctl

@@ -21,12 +21,7 @@ int main(int argc, char** argv) {
   app.fallthrough();
 
   Action action;
-  add_config_commands(app, options, action);
-  add_map_commands(app, options, action);
-  add_check_command(app, options, action);
-  add_groupmap_commands(app, options, action);
-  add_events_commands(app, options, action);
-  add_patterns_commands(app, options, action);
+  Command::add_all(app, options, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -45,8 +45,6 @@ int remove(bool only_stale) {
   return good ? kYes : kFailure;
 }
 
-}  // namespace
-
 void add_map_commands(CLI::App& app, Options& options, Action& action) {
   CLI::App* map = app.add_subcommand("map", "The permission map");
   map->require_subcommand(1);
@@ -62,4 +60,7 @@ void add_map_commands(CLI::App& app, Options& options, Action& action) {
   remove_command->callback([&action] { action = [] { return remove(only_stale); }; });
 }
 
+const Command registered(20, add_map_commands);
+
+}  // namespace
 }  // namespace tavrix::ctl

@@ -83,8 +83,6 @@ int test(const Options& options, const std::string& path, const std::vector<std:
   return all ? kYes : kNo;
 }
 
-}  // namespace
-
 void add_patterns_commands(CLI::App& app, Options& options, Action& action) {
   CLI::App* patterns =
       app.add_subcommand("patterns", "The patterns of names that everybody may delete");
@@ -104,4 +102,7 @@ void add_patterns_commands(CLI::App& app, Options& options, Action& action) {
   test_command->callback([&] { action = [&options] { return test(options, path, names); }; });
 }
 
+const Command registered(60, add_patterns_commands);
+
+}  // namespace
 }  // namespace tavrix::ctl
