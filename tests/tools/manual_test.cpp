@@ -109,6 +109,18 @@ TEST_F(Manual, TheServersDropInOrdersItAndKeepsNoCores) {
                        "packaging/smbd.service.d/tavrix.conf"));
 }
 
+TEST_F(Manual, OfTheToolsFoldersNamesEveryFile) {
+  const std::string text = read_file(TAVRIX_SOURCE_DIR "/tools/README.md");
+  for (const std::string& folder : list(TAVRIX_SOURCE_DIR "/tools")) {
+    if (folder.find('.') != std::string::npos) continue;
+    EXPECT_TRUE(contains(text, "`" + folder + "/`")) << folder;
+    for (const std::string& file : list(TAVRIX_SOURCE_DIR "/tools/" + folder)) {
+      const std::string stem = file.substr(0, file.find('.'));
+      EXPECT_TRUE(contains(text, "`" + stem + "`") || contains(text, "`" + file + "`")) << file;
+    }
+  }
+}
+
 TEST_F(Manual, KnowsTheModulesOptions) {
   std::string code;
   for (const std::string& name : list(TAVRIX_SOURCE_DIR "/samba")) {
