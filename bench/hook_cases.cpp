@@ -260,7 +260,7 @@ HookWorld::HookWorld() : record_(std::make_unique<connection_private_data_s>()) 
   vfs_set_admins_powerusers(kAdmins, 9002);
   init_tlb(&record_->vfs_table_cache);
   record_->user_name_as_passed_in = user_name;
-  const time_t later = std::time(nullptr) + 3600;  // newer than the markers
+  const time_t later = std::time(nullptr) + 3600;  // newer than the refresh files
   record_->refresh_creds = {later, later, kUser, kUser};
   record_->groupmap.euid = kUser;
   record_->groupmap.egid = kGroup;

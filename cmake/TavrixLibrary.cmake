@@ -14,10 +14,10 @@ set(TAVRIX_SOURCES
   connection/settings_snapshot.cpp
   connection/verdict_cache.cpp
   events/audit_buffer.cpp
-  events/folder_markers.cpp
   events/generated/audit_events.pb-c.c
   events/generated/samba.pb-c.c
   events/records.cpp
+  events/stamps.cpp
   hooks/connection.cpp
   hooks/file.cpp
   hooks/fixed_folders.cpp
@@ -55,11 +55,11 @@ set(TAVRIX_SOURCES
   utils/random_string.cpp
   utils/reserved_user.cpp
   utils/samba_compare.cpp
+  utils/staging/alarms.cpp
   utils/staging/append.cpp
   utils/staging/dump_file.cpp
   utils/staging/dump_in_flight.cpp
   utils/staging/flush.cpp
-  utils/staging/loss_markers.cpp
   utils/staging/segment.cpp
   utils/staging/semaphore.cpp
 )

@@ -5,7 +5,7 @@
  * One segment, excluded by one semaphore that its holder's death releases (SEM_UNDO). The sweeper
  * makes both; server processes append. Both are looked up afresh on every call, so a sweeper may
  * replace them. A missing semaphore or a damaged header means that events are lost: the library
- * then writes the sync-off marker and aborts. Identities change during a flush: it runs as root. */
+ * then writes the sync-off alarm and aborts. Identities change during a flush: it runs as root. */
 #ifndef TAVRIX_EVENTSTORE_H
 #define TAVRIX_EVENTSTORE_H
 
@@ -108,7 +108,7 @@ typedef enum FB_ERR FB_ERR;
 
 /* Moves the records into a new dump file and empties the buffer: written under a temporary name,
  * synced, renamed. 1 when done or there was nothing to do, -1 on a failure that the context
- * tolerates; on any other it writes the sync-off marker and aborts. */
+ * tolerates; on any other it writes the sync-off alarm and aborts. */
 TAVRIX_API int flush_staging_buffer(FB_CTX ctx);
 /* 1 when the error is fatal in the context. */
 TAVRIX_API int fb_err_disp(FB_CTX ctx, FB_ERR err);

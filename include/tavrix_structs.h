@@ -141,8 +141,8 @@ struct _tavrix_config {
 typedef struct _tavrix_config tavrix_config;
 
 struct refresh_credentials_s {
-  time_t permmap_refresh;  /* when the permission-map marker was last acted on */
-  time_t groupmap_refresh; /* the same for the group-map marker */
+  time_t permmap_refresh;  /* when the refresh file of permissions was last acted on */
+  time_t groupmap_refresh; /* the same for that of groups */
   uid_t euid;              /* the effective user that the identity was built for */
   uid_t tlb_owner;         /* the user for whom the verdict cache was last flushed */
 };

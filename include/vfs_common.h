@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-/* Event records, the audit buffer of a process, and the folder markers in extended attributes.
+/* Event records, the audit buffer of a process, and the stamps in extended attributes.
  *
  * A hook fills path, optype and fselem_type (and rename_path, tavrix_user), stamps the event with
  * pop_vfs_event() and sends it with send_modify_vfs_event(); for audit: path, ip_address and size,
@@ -44,7 +44,7 @@ TAVRIX_API int write_to_audit_buffer(staging_data_s* rec);
 /* 1 when there was nothing to write, 0 when written, -1 on failure: the records stay. */
 TAVRIX_API int flush_audit_buffer(void);
 
-/* --- folder markers ------------------------------------------------------------------------- */
+/* --- stamps --------------------------------------------------------------------------------- */
 
 extern TAVRIX_API const char XATTR_FIXED_FOLDER[];   /* empty value: clients keep their hands off */
 extern TAVRIX_API const char XATTR_MODIFYING_USER[]; /* the user's name, without a NUL */

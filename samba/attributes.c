@@ -4,9 +4,9 @@
  * again as root. No client sees or changes the library's own attributes. */
 #include "tavrix_module.h"
 
-static const char marks[] = "user.tavrix.";
+static const char stamps[] = "user.tavrix.";
 
-static bool is_mark(const char* name) { return strncmp(name, marks, strlen(marks)) == 0; }
+static bool is_stamp(const char* name) { return strncmp(name, stamps, strlen(stamps)) == 0; }
 
 static bool raise_for(struct vfs_handle_struct* handle) {
   return tavrix_raise(tavrix_connection_of(handle)) == 0;
@@ -16,7 +16,7 @@ ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* 
                          const char* name, void* value, size_t size) {
   TAVRIX_ENTER(handle);
   if (!tavrix_is_connected(handle)) return -1;
-  if (is_mark(name)) {
+  if (is_stamp(name)) {
     errno = ENODATA;
     return -1;
   }
@@ -28,12 +28,12 @@ ssize_t tavrix_fgetxattr(struct vfs_handle_struct* handle, struct files_struct* 
 }
 
 /* Removes the library's attributes from a list of names, each of which ends in NUL. */
-static ssize_t without_marks(char* list, size_t length) {
+static ssize_t without_stamps(char* list, size_t length) {
   size_t kept = 0;
   for (size_t at = 0; at < length;) {
     const size_t size = strnlen(list + at, length - at) + 1;
     if (at + size > length) break;
-    if (!is_mark(list + at)) {
+    if (!is_stamp(list + at)) {
       memmove(list + kept, list + at, size);
       kept += size;
     }
@@ -51,7 +51,7 @@ ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct*
     length = SMB_VFS_NEXT_FLISTXATTR(handle, fsp, list, size);
     tavrix_give_back(tavrix_connection_of(handle));
   }
-  return length > 0 && size > 0 ? without_marks(list, (size_t)length) : length;
+  return length > 0 && size > 0 ? without_stamps(list, (size_t)length) : length;
 }
 
 static int refuse_mark(void) {
@@ -63,7 +63,7 @@ int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                      const void* value, size_t size, int flags) {
   TAVRIX_ENTER(handle);
   struct tavrix_change change;
-  if (is_mark(name)) return refuse_mark();
+  if (is_stamp(name)) return refuse_mark();
   if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   int result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
   if (tavrix_was_refused(result) && raise_for(handle)) {
@@ -78,7 +78,7 @@ int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* f
                         const char* name) {
   TAVRIX_ENTER(handle);
   struct tavrix_change change;
-  if (is_mark(name)) return refuse_mark();
+  if (is_stamp(name)) return refuse_mark();
   if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   int result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
   if (tavrix_was_refused(result) && raise_for(handle)) {

@@ -168,7 +168,7 @@ static bool is_where_it_was(const struct watch* watch) {
   return stat(folder.full, &st) == 0 && st.st_ino == watch->fsp->file_id.inode;
 }
 
-/* Refreshes the identity as root, so that only the marker files can renew it: when a notice comes
+/* Refreshes the identity as root, so that only the refresh files can renew it: when a notice comes
  * the process may be working for any user. */
 static void notice_changes(struct tavrix_connection* tavrix) {
   TAVRIX_AS_ROOT();

@@ -3,8 +3,8 @@
 #include "tavrix_module.h"
 
 /* True if the client may replace the target. rename_preprocess() judges only the source, but a
- * rename removes the object that it replaces, and a folder in its place would not have its marks. A
- * rename that only changes the case of a name replaces nothing. */
+ * rename removes the object that it replaces, and a folder in its place would not have its stamps.
+ * A rename that only changes the case of a name replaces nothing. */
 static bool may_replace(struct tavrix_connection* tavrix, const struct tavrix_name* from,
                         const struct tavrix_name* to) {
   struct stat source;

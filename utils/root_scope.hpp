@@ -4,7 +4,7 @@
 //
 //   way             where                               user ids         group      nests
 //   RootScope       staging buffer, its flush, audit    real, effective  stays      yes
-//                   buffer, folder markers
+//                   buffer, stamps
 //   RootInHook      hooks, for a look at a file         real, effective  stays      yes
 //   stay_root       hooks, for the operation itself     real, effective  stays      (1)
 //   RootIdentity    the decision                        effective        effective  no: asserts

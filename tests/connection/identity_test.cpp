@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The identity of a connection: built from the group list map, refreshed by markers and users.
+// The identity of a connection: built from the group list map, rebuilt after refresh files and
+// users.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -286,7 +287,7 @@ TEST_F(Refresh, ReadsTheNewMap) {
   EXPECT_EQ(Gids{7}, gids());
 }
 
-TEST_F(Refresh, TellsMissingMarkers) {
+TEST_F(Refresh, TellsMissingRefreshFiles) {
   remove_all(kGroupMap);
   remove_all(kPermissions);
   EXPECT_EQ(0, level_of("Error: Group map refresh file /etc/tavrix/groupmap_refresh is missing\n",
@@ -299,11 +300,11 @@ TEST_F(Refresh, TellsMissingMarkers) {
 
 TEST_F(Refresh, IsTold) {
   const std::string pid = std::to_string(getpid());
-  const auto level_after = [this](const std::string& message, const char* marker) {
+  const auto level_after = [this](const std::string& message, const char* touched) {
     return level_of(message, [&] {
       record_->refresh_creds.groupmap_refresh = record_->refresh_creds.permmap_refresh = 1000;
-      set_time(kGroupMap, marker == kGroupMap ? 1001 : 999);
-      set_time(kPermissions, marker == kPermissions ? 1001 : 999);
+      set_time(kGroupMap, touched == kGroupMap ? 1001 : 999);
+      set_time(kPermissions, touched == kPermissions ? 1001 : 999);
       refresh();
     });
   };

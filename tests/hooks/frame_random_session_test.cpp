@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Several users at work for a long time, while maps are swapped, markers touched and events swept.
+// Several users at work for a long time, while maps are swapped, caches refreshed and events swept.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -32,7 +32,7 @@ class RandomSession : public Hooks {
       usleep(microseconds);
     }
   }
-  static void touch_marker(const char* path) {
+  static void touch_refresh_file(const char* path) {
     const timespec times[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
     ASSERT_EQ(0, utimensat(AT_FDCWD, path, times, 0));
   }
@@ -66,10 +66,10 @@ TEST_F(RandomSession, EveryVerdictAndEveryEventIsTheModels) {
     uint32_t round = 0;
     until_stopped(20000, [&] { publish(map_with(++round % 40)); });
   });
-  Child marker([] {
+  Child toucher([] {
     until_stopped(300000, [] {
-      touch_marker("/etc/tavrix/permission_refresh");
-      touch_marker("/etc/tavrix/groupmap_refresh");
+      touch_refresh_file("/etc/tavrix/permission_refresh");
+      touch_refresh_file("/etc/tavrix/groupmap_refresh");
     });
   });
   Child sweeper(
@@ -87,7 +87,7 @@ TEST_F(RandomSession, EveryVerdictAndEveryEventIsTheModels) {
                               << outcome.err.substr(0, 2000);
   }
   write_file("/scratch/stop", "");
-  for (Child* child : {&loader, &marker, &sweeper}) {
+  for (Child* child : {&loader, &toucher, &sweeper}) {
     const Outcome outcome = child->wait();
     EXPECT_TRUE(outcome.ok()) << outcome.out << outcome.err;
   }

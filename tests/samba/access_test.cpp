@@ -99,7 +99,7 @@ TEST_F(Access, RemovesNoFixedFolder) {
   EXPECT_EQ((Lines{"RMDIR Shared/Team/NotInMap"}), new_events());
 }
 
-// The agent marks the folder when the client has its handle, and has asked for the end already.
+// The agent stamps the folder when the client has its handle, and has asked for the end already.
 TEST_F(Access, RemovesNoFolderThatBecameFixedMeanwhile) {
   make_folder("Shared/Team/Plain");
   wire(kAnna,

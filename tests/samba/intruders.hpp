@@ -22,7 +22,7 @@ std::vector<Intruder> intruders();
 
 // The share's map with the folders that intruders go for.
 Folder map_with_vault();
-// Those folders and files, with attributes and marks.
+// Those folders and files, with attributes and stamps.
 void make_vault();
 // All that a client could change there: type, mode, owner, size, links, times, attributes, content.
 // Reading may change the time of access.

@@ -58,7 +58,7 @@ class Loader : public Operator {
   static std::vector<std::string> refused() {
     return exists(kInbox + "/refused") ? list(kInbox + "/refused") : std::vector<std::string>{};
   }
-  static time_t marker() {
+  static time_t refresh_time() {
     struct stat st {};
     return stat("/etc/tavrix/permission_refresh", &st) == 0 ? st.st_mtime : 0;
   }

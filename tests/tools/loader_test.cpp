@@ -21,7 +21,7 @@ TEST_F(Loader, MakesAPairCurrentAndTellsTheServers) {
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
   EXPECT_TRUE(contains(outcome.err, "table 1 is current: 5 folders, 5 entries")) << outcome.err;
   EXPECT_EQ(5, folders_of_current());
-  EXPECT_GT(marker(), 0);
+  EXPECT_GT(refresh_time(), 0);
   EXPECT_EQ((std::vector<std::string>{".work", "refused"}), list(kInbox));
   EXPECT_TRUE(list(kInbox + "/.work").empty());
   EXPECT_TRUE(contains(read_file("/var/log/tavrix_perms.log"), "Successfully processed"));
@@ -41,13 +41,13 @@ TEST_F(Loader, WaitsForBothFiles) {
 TEST_F(Loader, SetsARefusedPairAsideAndKeepsTheMap) {
   hand_over(team());
   once();
-  const time_t before = marker();
+  const time_t before = refresh_time();
   write_json_pair(team());
   write_file(kInbox + "/size.json", size_json({4, 5, 20}));
   ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
   EXPECT_EQ(1, once().exit_code);
   EXPECT_EQ(5, folders_of_current());
-  EXPECT_EQ(before, marker());
+  EXPECT_EQ(before, refresh_time());
   ASSERT_EQ(1U, refused().size());
   const std::string folder = kInbox + "/refused/" + refused()[0];
   EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}), list(folder));

@@ -82,9 +82,9 @@ std::string NextTable::publish(const files::Digest& digest, Report& report) {
 }
 
 void tell_servers(Report& report) {
-  const Fd marker(
+  const Fd refresh_file(
       open(TAVRIX_PERMISSION_MARKER_PATH, O_CREAT | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0644));
-  if (marker && futimens(marker.get(), nullptr) == 0) return;
+  if (refresh_file && futimens(refresh_file.get(), nullptr) == 0) return;
   report.push_back(
       {Weight::kError, fmt::format("cannot touch {}: {}; servers keep verdicts of the previous map",
                                    TAVRIX_PERMISSION_MARKER_PATH, std::strerror(errno))});

@@ -42,7 +42,7 @@ class NextTable {
   bool is_published_ = false;
 };
 
-// Touches the marker file. Server processes compare its time at their next status query and then
+// Touches the refresh file. Server processes compare its time at their next status query and then
 // forget their verdicts.
 void tell_servers(Report& report);
 

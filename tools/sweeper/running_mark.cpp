@@ -33,7 +33,7 @@ std::string boot_id() { return first_line("/proc/sys/kernel/random/boot_id"); }
 
 bool is_there() { return access(kRunningMark, F_OK) == 0; }
 
-// The lasting troubles that the mark, or the rescan marker, cannot be written.
+// The lasting troubles that the mark, or the rescan alarm, cannot be written.
 Trouble& trouble_of_mark() {
   static Trouble trouble(Tone::kError);
   return trouble;

@@ -22,8 +22,8 @@ class Disk {
     std::string stamp;     // who changed it last, as the library notes
     std::string content;   // of a file; of a link its target
     std::string leads_to;  // of a link into the tree: the path behind it
-    std::string looks;     // times, attributes and extended attributes, without the library's marks
-    int64_t written = 0;   // the time of the last change of content
+    std::string looks;    // times, attributes and extended attributes, without the library's stamps
+    int64_t written = 0;  // the time of the last change of content
   };
   static Disk now(const std::string& root);
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Facts about files and folders that are kept in their extended attributes.
+// Stamps: extended attributes that say something about a file or a folder. The fixed-folder stamp
+// is set by others and read here; the user stamp names the last user who changed the object.
 
 #include <sys/xattr.h>
 #include <cerrno>
@@ -20,7 +21,7 @@ namespace tavrix {
 namespace {
 
 // One byte is enough to tell an empty value from any other.
-fixed_folder_res read_marker(const char* full_path, const char* function) {
+fixed_folder_res read_fixed_folder_stamp(const char* full_path, const char* function) {
   char value = 0;
   const ssize_t size = getxattr(full_path, XATTR_FIXED_FOLDER, &value, sizeof value);
   if (size == 0) {
@@ -31,7 +32,7 @@ fixed_folder_res read_marker(const char* full_path, const char* function) {
     TAVRIX_LOG(1, "%s : %s is NOT a Fixed Folder", function, full_path);
     return NOT_FIXED_FOLDER;
   }
-  // Only an empty value marks a folder; any other is nobody's mark, so nothing is known.
+  // Only an empty value is a stamp. Nobody writes another one, so nothing is known.
   TAVRIX_LOG(0, "%s : failed to get xattr %s of %s folder errno %d", function, XATTR_FIXED_FOLDER,
              full_path, errno);
   return FOLDER_EACCES;
@@ -55,7 +56,7 @@ fixed_folder_res is_fixed_folder(const char* full_path) {
     TAVRIX_LOG(0, "%s : failed to allocate perm_ctx", __func__);
     return FOLDER_EACCES;
   }
-  return tavrix::read_marker(full_path, __func__);
+  return tavrix::read_fixed_folder_stamp(full_path, __func__);
 }
 
 int set_xattr_modifying_user(const char* file_path, const char* user_name) {

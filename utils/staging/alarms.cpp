@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Files by which the synchronisation agent learns that its view of the tree cannot be trusted.
+// Alarms: files that tell the synchronisation agent that it cannot trust its view of the tree.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,8 +22,8 @@ constexpr mode_t kSyncOffMode = 0666;
 constexpr mode_t kRescanMode = 0744;
 constexpr std::string_view kSyncOffText = "Failed to write event.";
 
-// A marker that the power takes away tells nobody; whether the disk could be made to keep it
-// changes no answer.
+// Syncs an alarm, because one that a power cut takes away tells nobody. A failure changes no
+// answer: the alarm is in place.
 void sync_file(int fd) {
   const ErrnoKeeper keep;
   fsync(fd);

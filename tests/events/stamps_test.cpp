@@ -17,7 +17,7 @@
 namespace tavrix::test {
 namespace {
 
-class Markers : public Isolated {
+class Stamps : public Isolated {
  protected:
   void SetUp() override {
     Isolated::SetUp();
@@ -34,18 +34,18 @@ class Markers : public Isolated {
   }
 };
 
-TEST_F(Markers, HaveTheirNames) {
+TEST_F(Stamps, HaveTheirNames) {
   EXPECT_STREQ("user.tavrix.fixed_folder", XATTR_FIXED_FOLDER);
   EXPECT_STREQ("user.tavrix.last_smb_accessed_by", XATTR_MODIFYING_USER);
 }
 
-TEST_F(Markers, AnEmptyValueFixesAFolder) {
+TEST_F(Stamps, AnEmptyValueFixesAFolder) {
   EXPECT_EQ(NOT_FIXED_FOLDER, is_fixed_folder("/scratch/folder"));
   mark("/scratch/folder", "");
   EXPECT_EQ(FIXED_FOLDER, is_fixed_folder("/scratch/folder"));
 }
 
-TEST_F(Markers, AnyOtherValueIsNoAnswer) {
+TEST_F(Stamps, AnyOtherValueIsNoAnswer) {
   for (const char* value : {"1", "0", "yes, please"}) {
     mark("/scratch/folder", value);
     EXPECT_EQ(FOLDER_EACCES, is_fixed_folder("/scratch/folder")) << value;
@@ -53,7 +53,7 @@ TEST_F(Markers, AnyOtherValueIsNoAnswer) {
   EXPECT_EQ(FOLDER_EACCES, is_fixed_folder("/scratch/none"));
 }
 
-TEST_F(Markers, AreTold) {
+TEST_F(Stamps, AreTold) {
   EXPECT_EQ(1, level_of("is_fixed_folder : checking /scratch/folder for FF",
                         [] { is_fixed_folder("/scratch/folder"); }));
   EXPECT_EQ(1, level_of("is_fixed_folder : /scratch/folder is NOT a Fixed Folder",
@@ -69,7 +69,7 @@ TEST_F(Markers, AreTold) {
           [] { is_fixed_folder("/scratch/none"); }));
 }
 
-TEST_F(Markers, AreReadAsRootForAUser) {
+TEST_F(Stamps, AreReadAsRootForAUser) {
   mark("/scratch/folder", "");
   ASSERT_EQ(0, chmod("/scratch/folder", 0700));
   const Outcome outcome = in_child([] {
@@ -83,7 +83,7 @@ TEST_F(Markers, AreReadAsRootForAUser) {
   EXPECT_TRUE(outcome.ok()) << outcome.out;
 }
 
-TEST_F(Markers, WithoutRootAreNoAnswer) {
+TEST_F(Stamps, WithoutRootAreNoAnswer) {
   const auto ask = [] {
     fail_call("calloc", ENOMEM);
     EXPECT_EQ(FOLDER_EACCES, is_fixed_folder("/scratch/folder"));
@@ -96,14 +96,14 @@ TEST_F(Markers, WithoutRootAreNoAnswer) {
   EXPECT_EQ(0, level_of("set_xattr_modifying_user failed to allocate perm_ctx", set));
 }
 
-TEST_F(Markers, StampTheModifyingUserWithoutANul) {
+TEST_F(Stamps, StampTheModifyingUserWithoutANul) {
   EXPECT_EQ(0, set_xattr_modifying_user("/scratch/file", "anna"));
   EXPECT_EQ("anna", user_of("/scratch/file"));
   EXPECT_EQ(0, set_xattr_modifying_user("/scratch/file", "benjamin"));
   EXPECT_EQ("benjamin", user_of("/scratch/file"));
 }
 
-TEST_F(Markers, ReplaceFirst) {
+TEST_F(Stamps, ReplaceFirst) {
   reset_calls();
   set_xattr_modifying_user("/scratch/file", "anna");
   EXPECT_EQ(2, calls("setxattr"));
@@ -112,7 +112,7 @@ TEST_F(Markers, ReplaceFirst) {
   EXPECT_EQ(1, calls("setxattr"));
 }
 
-TEST_F(Markers, TellAFailedStamp) {
+TEST_F(Stamps, TellAFailedStamp) {
   EXPECT_EQ(
       0,
       level_of(
