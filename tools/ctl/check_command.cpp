@@ -25,7 +25,7 @@ struct Operation {
   const char* name;
   e_fsop_type op;
 };
-// Those that have a rule; the others end the process that asks.
+// The operations that have a rule. The library ends a process that asks about another one.
 constexpr Operation kOperations[] = {
     {"create", FSOP_CREATE},
     {"open-read", FSOP_OPEN_READ},
@@ -65,7 +65,7 @@ std::optional<e_fsop_type> operation_named(std::string name) {
   return std::nullopt;
 }
 
-// The group list map, as server processes read it; nothing when there is none, or a broken one.
+// Reads the group list map as server processes do; nothing when the file is missing or broken.
 std::optional<groupmap::GroupMap> current_group_map() {
   std::ifstream in(TAVRIX_GROUPMAP_PATH, std::ios::binary);
   if (!in) return std::nullopt;
@@ -79,7 +79,8 @@ std::vector<uint32_t> groups_in(const groupmap::GroupMap& map, const std::string
   return {};
 }
 
-// As a connection does at its start.
+// Takes the ids of the reserved groups from the map, as a connection does at its start. An id that
+// the operator gave stays.
 void take_reserved_groups(const groupmap::GroupMap& map, Question& question) {
   for (const groupmap::ReservedGroup& group : map.reserved) {
     if (question.admins < 0 && strcasecmp(group.name.c_str(), "tavrix-admins") == 0) {
@@ -99,7 +100,7 @@ std::vector<uint32_t> groups_of_machine(const std::string& user, gid_t gid) {
   return {groups.begin(), groups.end()};
 }
 
-// Fills in what the user database knows; a complaint and false when it does not know the name.
+// Fills in the ids and groups of the user. Complains and returns false when there is no such user.
 bool identify(Question& question) {
   const auto map = current_group_map();
   if (map) take_reserved_groups(*map, question);
@@ -126,8 +127,8 @@ gid_t gid_or_group(int64_t given, const char* group_name) {
   return entry == nullptr ? static_cast<gid_t>(-1) : entry->gr_gid;
 }
 
-// The path as a server process asks: below the tree, whatever the root is, because a decision takes
-// off the length of the tree's own name.
+// The path as a server process asks about it: below the tree even if the operator gave another
+// root, because a decision skips the length of the tree's own name.
 std::string asked_path(const Question& question) {
   std::string root = question.root;
   while (root.size() > 1 && root.back() == '/') root.pop_back();

@@ -6,8 +6,8 @@
 namespace tavrix::ctl {
 namespace {
 
-// Made by the first command that registers itself: the order in which files are initialised is
-// open.
+// The registry is made by its first caller, because the order in which the files of a program are
+// initialised is not fixed.
 std::multimap<int, Command::Add>& registry() {
   static std::multimap<int, Command::Add> commands;
   return commands;

@@ -22,7 +22,7 @@ struct Options {
 // The work of the command that the user chose; returns the exit code.
 using Action = std::function<int()>;
 
-// A command of the first word, such as "config". The file of a command defines one of these, and
+// A command at the top level, such as "config". The file of a command defines one of these, and
 // main() finds it: there is no list to add it to. Commands stand in the help text by their place.
 class Command {
  public:

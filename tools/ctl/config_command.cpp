@@ -23,10 +23,12 @@ std::optional<ParameterBlock> shared_block() {
   return block;
 }
 
-// A size that cannot be had yet is a note, not a failure: all else holds, and so does the old size.
+// Puts the size of the staging buffer into the block, or says why it has to wait. Waiting is no
+// failure: the other settings are in force, and connections go on with the old size.
 int offer_buffer_size(int32_t bytes, const ParameterBlock& block) {
   set_debug_level(-1);
-  if (read_tavrix_config() != 0) return kFailure;  // the segment is taken over by the new settings
+  // The library works on the segment with the settings of this process, so it takes the new ones.
+  if (read_tavrix_config() != 0) return kFailure;
   set_debug_level(-1);
   std::string why_not;
   if (!sweeper::offer_buffer_size(bytes, block.get(), why_not)) complain("{}", why_not);

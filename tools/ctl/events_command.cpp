@@ -47,7 +47,7 @@ void print_line(const Json& json) {
   fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-// Counts instead of lines.
+// The counts that --stats prints instead of lines.
 struct Stats {
   std::map<std::string, uint64_t> by_type, by_user, by_minute;
   uint64_t records = 0;
@@ -68,8 +68,9 @@ struct Stats {
   }
 };
 
-// The place and the name of a field in a line. The fields of a record without a place follow in the
-// order of the .proto file, under their names there: a new field needs nothing here.
+// The name of a field in a line; the order of the columns is the order in the line. Fields without
+// a column follow them, in the order and under the names of the .proto file, so a new field needs
+// no change here.
 struct Column {
   const char* field;
   const char* key;
@@ -117,7 +118,7 @@ void print_record(const std::string& time, const ProtobufCMessage& record, Colum
     fields.erase(field);
   }
   for (const events::Field& field : fields) {
-    // A column's name is taken: "type" is the column of "optype".
+    // A new field may have the name of a column, as "type" is the column of "optype".
     set_value(json, json.contains(field.name) ? "field_" + field.name : field.name, field.value);
   }
   print_line(json);
@@ -172,7 +173,8 @@ int decode_file(const std::string& path, Decode decode, Stats* stats) {
 
 volatile std::sig_atomic_t is_stopped = 0;
 
-// Dump files get their names when they are whole, so a name that is new is a file to read.
+// Prints the dump files of a folder and then each new one. A dump file gets its name when it is
+// whole, so every new name can be read at once.
 int follow(const std::string& folder, Decode decode) {
   std::signal(SIGINT, [](int) { is_stopped = 1; });
   std::signal(SIGTERM, [](int) { is_stopped = 1; });
@@ -278,7 +280,8 @@ int create_buffer() {
   return kFailure;
 }
 
-// As a client that leaves: what cannot be flushed stays, and nothing is aborted that need not be.
+// Flushes as a disconnecting client does, because that context tolerates the most failures: records
+// that cannot be flushed stay in the buffer.
 int flush_buffer() {
   if (flush_staging_buffer(FB_CTX_DISCON) == 1) return kYes;
   complain("the records could not be flushed and stay in the buffer");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl groupmap: the file that tells server processes which groups a user is in.
+// tavrixctl groupmap: the file that tells server processes the groups of each user.
 
 #include <fmt/ranges.h>
 #include <strings.h>
@@ -36,7 +36,7 @@ uint32_t gid_of(const Json& json) {
   return json.get<uint32_t>();
 }
 
-// {"reserved": {"tavrix-admins": 9001}, "users": {"anna": [100, 9002]}}
+// A document such as {"reserved": {"tavrix-admins": 9001}, "users": {"anna": [100, 9002]}}
 GroupMap from_json(const std::string& text) {
   const Json json = Json::parse(text);
   const Json reserved = json.value("reserved", Json::object());
@@ -90,7 +90,7 @@ int show(const Options& options, const std::string& path, const std::string& use
   for (const auto& group : map->reserved) json["reserved"][group.name] = group.gid;
   for (const auto& entry : map->users) {
     if (!user.empty() && strcasecmp(user.c_str(), entry.name.c_str()) != 0) continue;
-    if (!user.empty() && found) continue;  // the first one counts
+    if (!user.empty() && found) continue;  // readers take the first entry of a name
     found = true;
     if (!options.json) {
       fmt::print("{}: {}\n", shown(entry.name), fmt::join(entry.gids, " "));

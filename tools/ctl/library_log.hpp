@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What the library says to the system log while a command runs.
+// The library's lines for the system log, while a command runs.
 #pragma once
 
 namespace tavrix::ctl {
 
 enum class LogTo { kSystemLog, kStandardError };
 
-// This program defines syslog() itself, so that its operator may watch the library.
+// Chooses where the lines go. This program defines syslog() itself, so that the operator can watch
+// the library on the terminal.
 void send_library_log(LogTo where);
 
-// Gives this process a parameter block of its own with that debug level, unless it has one.
+// Sets the debug level of this process. A process without a parameter block gets one of its own.
 void set_debug_level(int level);
 
 }  // namespace tavrix::ctl

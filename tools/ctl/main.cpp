@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl: the operator's view of the permission map and the settings.
+// tavrixctl: shows and changes what the processes of the appliance share.
 
 #include <unistd.h>
 #include <exception>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl map lint, map verify: checks without a change.
+// tavrixctl map lint and map verify: checks that change nothing.
 
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/map_view.hpp"
@@ -42,8 +42,8 @@ int lint(const Options& options, const std::string& size_path, const std::string
   return result->findings.errors() == 0 ? kYes : kNo;
 }
 
-// The checksum that was taken when the image was imported: the one beside a file, or that of the
-// published table.
+// Compares the image with the checksum that was taken at its import. The checksum of a file is
+// beside it; that of the published table is in the mark.
 void check_checksum(const std::string& path, const Image& image, mapcheck::Findings& findings) {
   const files::Digest digest = files::digest_of(image.bytes());
   const auto add = [&findings](mapcheck::Severity severity, std::string text) {

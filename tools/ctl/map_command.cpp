@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl map: its parts, and the removal.
+// tavrixctl map: puts the commands below it together, and has map remove.
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -31,7 +31,7 @@ int remove_stale() {
 }
 
 int remove(bool only_stale) {
-  // An import is not to find its table gone, nor to publish beside this.
+  // With the lock no import is running: one would lose its table, or publish a map afterwards.
   const Fd lock = lock_or_complain();
   if (!lock) return kFailure;
   if (only_stale) return remove_stale();

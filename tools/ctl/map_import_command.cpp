@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl map import, map restore: the loader by hand.
+// tavrixctl map import and map restore: the work of the loader, by hand.
 
 #include <unistd.h>
 #include <algorithm>
@@ -26,7 +26,8 @@ void draw_progress(uint64_t done, uint32_t folders) {
                folders);
 }
 
-// The sequence of a load; without paths, from the local copy.
+// Loads the two files, or the local copy when there are no paths, after the same recovery as in the
+// loader.
 int load(const Options& options, const char* size_path, const char* data_path) {
   set_debug_level(0);
   mapload::Request request{size_path, data_path, options.verbose, {}, {}};

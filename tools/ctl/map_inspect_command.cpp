@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl map info, map tree, map acl: what is in an image.
+// tavrixctl map info, map tree and map acl: the content of an image.
 
 #include <algorithm>
 #include <cstdlib>
@@ -100,7 +100,8 @@ struct Acl {
   }
 };
 
-// How much of the path the map has: the folder that answers for it.
+// The deepest folder of the map on a path. It answers for the path, and `exact` tells whether it is
+// the path itself.
 struct Found {
   uint32_t offset = 0;
   bool exact = false;
@@ -132,7 +133,7 @@ int acl(const Options& options, const std::string& path, const std::string& file
   const std::byte* map = image->bytes().data();
   const Found found = find(map, path);
   const ImageView view(map);
-  // The folder that the entries come from: the nearest one that has some.
+  // Entries are inherited from the nearest folder above that has some.
   uint32_t source = found.offset;
   while (source != 0 && view.acl_of(view.fselem(source)).num_aces == 0) {
     source = view.fselem(source).parent_offset;
@@ -169,11 +170,11 @@ int acl(const Options& options, const std::string& path, const std::string& file
   return kYes;
 }
 
-// JSON of more levels is nothing that its readers take, and its printing would need a stack.
+// Readers of JSON refuse deeper documents, and printing one would need a deep stack.
 constexpr int kMostJsonLevels = 1000;
 
-// The folders below one, the first child first. The way down is kept in memory and not on the
-// stack: a map may be deeper than a stack.
+// The folders below one, the first child first. The way down is kept on the heap, because a map may
+// be deeper than the stack allows.
 class Tree {
  public:
   Tree(const ImageView& view, int depth) : view_(view), depth_(depth) {}
@@ -187,9 +188,9 @@ class Tree {
     });
   }
 
-  // Nothing when there are more levels than kMostJsonLevels.
+  // The tree as JSON; nothing when it has more than kMostJsonLevels levels.
   [[nodiscard]] std::optional<Json> json(uint32_t top) const {
-    // A folder goes into its parent when everything below it is known.
+    // A folder is added to its parent when everything below it is known.
     std::vector<Json> open;
     const auto close_down_to = [&open](std::size_t levels) {
       while (open.size() > levels) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The map tables as tavrixctl looks at them, without changing anything.
+// The map tables and images, read without changing anything.
 #pragma once
 
 #include <cstddef>
@@ -16,32 +16,33 @@ namespace tavrix::ctl {
 
 struct TableState {
   int key;
-  int shmid = -1;  // -1: there is none
+  int shmid = -1;  // -1: there is no such table
   uint64_t bytes = 0;
   int readers = 0;
-  int creator = 0;  // process id
+  int creator = 0;  // its process id
 };
 
 struct MapState {
-  int set = -1;  // the semaphores; -1: there are none
+  int set = -1;  // the semaphore set; -1: there is none
   int current = -1;
   int initialized = -1;
   TableState tables[2];
 };
 MapState map_state();
 
-// The lock of the maps; complains and gives none when it cannot be taken.
+// Takes the lock of the maps. Complains and returns no descriptor when that fails.
 Fd lock_or_complain();
-// To standard error.
+// Prints the messages of a load on standard error.
 void tell(const mapload::Report& report);
 
-// An image to look at: the current table, or a file.
+// An image: the current table, or a file.
 class Image {
  public:
-  // Complain and give nothing when there is none.
+  // These two complain and return nothing when there is no image.
   static std::optional<Image> current();
   static std::optional<Image> file(const std::string& path);
-  // Either, by whether a path is given; the image is verified before it is given.
+  // The file, or the current table when the path is empty. The image is verified first, so that it
+  // can be walked.
   static std::optional<Image> sound(const std::string& path);
 
   [[nodiscard]] std::span<const std::byte> bytes() const;

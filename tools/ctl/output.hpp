@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Printing for people and for programs.
+// Output for people and for programs.
 #pragma once
 
 #include <fmt/format.h>
@@ -13,7 +13,8 @@ namespace tavrix::ctl {
 
 using Json = nlohmann::ordered_json;
 
-// One line on standard error: why nothing was done, or what to look at although it was.
+// These print one line on standard error: an error, because of which the command did not do its
+// work, or a warning about something that it did all the same.
 void complain(std::string_view text);
 void warn(std::string_view text);
 
@@ -22,23 +23,23 @@ void complain(fmt::format_string<Arguments...> format, Arguments&&... arguments)
   complain(std::string_view(fmt::format(format, std::forward<Arguments>(arguments)...)));
 }
 
-// Standard output; bytes that are no UTF-8 come out as replacement characters.
+// Prints on standard output, with replacement characters for bytes that are not UTF-8.
 void print(const Json& json);
 
-// Sets `key` to a text of any bytes: with replacement characters where it is no UTF-8, and then its
-// exact bytes under `key` + "_base64" too.
+// Sets `key` to a text of any bytes. If the text is not UTF-8, its exact bytes go under
+// `key` + "_base64" too.
 void set_bytes(Json& object, const std::string& key, std::string_view bytes);
 
-// The text for a terminal: control characters as escapes.
+// The text for a terminal, with escapes for control characters.
 std::string shown(std::string_view bytes);
 
-// "1.2 MiB"
+// A size such as "1.2 MiB".
 std::string human_bytes(uint64_t bytes);
 
-std::string user_name(uint32_t uid);  // empty when nobody knows it
+std::string user_name(uint32_t uid);  // empty for an unknown id
 std::string group_name(uint32_t gid);
 
-// "read write delete navigate view", "-" for none
+// The names of the rights, such as "read write"; "-" for none.
 std::string rights(uint32_t mask);
 
 void print_findings(const mapcheck::Findings& findings);

@@ -25,8 +25,9 @@ std::size_t size_of(int shmid) {
   return shmctl(shmid, IPC_STAT, &info) == 0 ? info.shm_segsz : 0;
 }
 
-// Entries that a client's block, which is all zero, has not. A name is an address of the process
-// that wrote it; that it is there says that the entry is in use.
+// Completes the entries of a block that a client made, which is all zeros. A name is an address in
+// the process that wrote it; other processes see only that there is one, so that the entry is in
+// use.
 void lay_out(global_param_s* block) {
   for (const Setting& setting : settings()) {
     global_param_s& entry = block[setting.index];
@@ -81,7 +82,7 @@ std::optional<ParameterBlock> ParameterBlock::find_or_make(std::string& problem)
   if (present != -1 && size_of(present) != TAVRIX_PARAM_BLOCK_SIZE) {
     shmctl(present, IPC_RMID, nullptr);
   }
-  // Not exclusively: a client that connects may have been quicker, and then it is its block.
+  // Without IPC_EXCL: a client that connects at this moment may make the block first.
   if (shmget(block_key(), TAVRIX_PARAM_BLOCK_SIZE, IPC_CREAT | kEveryone) == -1) {
     problem = fmt::format("cannot create the parameter block: {}", std::strerror(errno));
     return std::nullopt;

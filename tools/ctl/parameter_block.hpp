@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The shared block of settings, as its owner fills it.
+// The shared block of settings, for the programs that fill it.
 #pragma once
 
 #include <optional>
@@ -10,17 +10,18 @@
 
 namespace tavrix::ctl {
 
-// The attached block.
+// The block, attached while the object lives.
 class ParameterBlock {
  public:
-  // The one that is there; nothing and the problem when there is none, or one of another size.
+  // The existing block. Nothing, and the reason in `problem`, when there is none of the right size.
   static std::optional<ParameterBlock> find(std::string& problem);
-  // The one that is there, or a new one: never a moment without a block, for a client that connects
-  // then would make one of its own. One of another size is taken away first.
+  // The existing block, or a new one. A block of the right size is never replaced, because a client
+  // that connects while there is none makes its own. A block of another size is removed first.
   static std::optional<ParameterBlock> find_or_make(std::string& problem);
 
   [[nodiscard]] global_param_s* get() const { return static_cast<global_param_s*>(segment_.get()); }
-  // Somebody has filled it.
+  // True after fill() and the size of the staging buffer, which is the last value. A server process
+  // is content with a staging directory, which comes earlier.
   [[nodiscard]] bool is_filled() const { return get()[PARAM_STAGING_BUFFER_SIZE].value.intval > 0; }
 
  private:
@@ -29,12 +30,13 @@ class ParameterBlock {
   ShmAttachment segment_;
 };
 
-// Gives every setting its value from the file, or the shipped one, and writes only what changes.
-// The size of the staging buffer is left out: it is the last one, and has rules of its own.
+// Gives every setting its value from the file, or the shipped one, and writes only values that
+// change. Leaves out the size of the staging buffer, which has rules of its own and comes last.
 void fill(const SettingsFile& file, global_param_s* block);
 int32_t buffer_size_in(const SettingsFile& file);
 
-// A copy of the last file without a mistake, for a start with one that has some.
+// A copy of the last settings file without a mistake. The sweeper starts with it when the file has
+// one.
 constexpr const char* kSettingsOfBefore = "/etc/tavrix/.tavrix.conf";
 bool keep_copy(const std::string& path);
 

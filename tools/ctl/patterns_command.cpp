@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl patterns: the file of patterns of names that everybody may delete.
+// tavrixctl patterns: checks and tests the file of names that everybody may delete.
 
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/output.hpp"

@@ -13,7 +13,7 @@
 namespace tavrix::ctl {
 namespace {
 
-// What the parser's line buffer holds; it drops the rest of a longer line without a word.
+// The room of the parser's line buffer. The parser silently drops the rest of a longer line.
 constexpr std::size_t kLongestLine = 1023;
 
 struct Dictionary {
@@ -32,7 +32,8 @@ std::string lower(std::string text) {
   return text;
 }
 
-// The value as its writer means it: without a comment behind a blank, without its quotes.
+// The value that the writer of the line means: without its quotes, and without a comment after a
+// blank.
 std::string meant(const std::string& raw) {
   std::string text = trimmed(raw);
   if (text.size() >= 2 && (text.front() == '"' || text.front() == '\'')) {
@@ -48,7 +49,8 @@ std::string meant(const std::string& raw) {
   return text;
 }
 
-// The file's own lines: the parser tells neither where a key stands nor what it changed on the way.
+// The lines of the file, read beside the parser: it reports neither the line of a key nor the parts
+// of a value that it drops.
 class Lines {
  public:
   struct Entry {

@@ -15,7 +15,7 @@ struct SettingsFile {
   std::vector<std::string> errors;  // "file:line: key: what is wrong"
 };
 
-// Every error is found, not only the first one; with errors, the values are not to be used.
+// Reads the file and finds every error in it. If there are errors, the values must not be used.
 SettingsFile read_settings_file(const std::string& path);
 
 }  // namespace tavrix::ctl

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The settings of the appliance, as this program uses them.
+// The shared settings, for the functions of the library that this program calls.
 #pragma once
 
 namespace tavrix::ctl {
 
-// Takes a private copy of the parameter block, so that the library finds its settings; complains
-// and answers false when there is none. Unlike a server process it makes no block.
+// Copies the parameter block into this process, so that the library finds its settings. Complains
+// and returns false when there is no block; it makes none, unlike a server process.
 bool use_shared_settings();
 
 }  // namespace tavrix::ctl

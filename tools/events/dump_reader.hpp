@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Dump files of events and audits, record by record, and what is wrong with one.
+// Reads the dump files of events and audits record by record, and reports damage.
 #pragma once
 
 #include <cstdint>
@@ -12,14 +12,15 @@
 
 namespace tavrix::events {
 
-// Walks over the frames of a dump. What follows a torn or foreign frame cannot be trusted.
+// Walks over the frames of a dump. It stops at a torn or foreign frame, because nothing tells where
+// the next one begins.
 class DumpReader {
  public:
   explicit DumpReader(std::string_view bytes) : bytes_(bytes) {}
 
-  // The next payload; nothing at the end, or at damage.
+  // The next payload; nothing at the end and at damage.
   std::optional<std::string_view> next();
-  // What is wrong, with the offset; empty at a sound end.
+  // A description of the damage with its offset; empty when the dump ends well.
   [[nodiscard]] const std::string& damage() const { return damage_; }
   [[nodiscard]] uint64_t offset() const { return at_; }
 

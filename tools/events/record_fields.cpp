@@ -93,8 +93,8 @@ std::size_t size_of(ProtobufCType type) {
   }
 }
 
-// A text or a message is there when its pointer is; another field says so in its quantifier, which
-// is the number of the chosen field for a member of a "oneof". A required field is always there.
+// A text or a message is set when its pointer is not null; another optional field has a flag in its
+// quantifier. The quantifier of a "oneof" is the number of the field that is set.
 bool is_set(const ProtobufCFieldDescriptor& field, const std::byte* record) {
   if (is_pointer(field.type)) {
     const auto* target = load<const void*>(record + field.offset);
@@ -136,7 +136,7 @@ uint64_t fixed(std::string_view bytes) {
   return number;
 }
 
-// The kind on the wire tells a number from a text, and no more than that.
+// The value of an unknown field is a number or a text: the format on the wire tells no more.
 Field::Value unknown_value(const ProtobufCMessageUnknownField& field) {
   const std::string_view bytes(reinterpret_cast<const char*>(field.data), field.len);
   switch (field.wire_type) {

@@ -70,7 +70,7 @@ class Verifier {
     return false;
   }
 
-  // The name at an offset; nothing when it has no end in the file.
+  // The name at an offset; nothing when the file ends before the name does.
   std::optional<std::string_view> name_at(uint64_t offset) {
     if (offset >= bytes_.size()) return std::nullopt;
     const auto end = bytes_.find('\0', offset);
@@ -98,7 +98,7 @@ class Verifier {
     if (name->size() != item.nlen) {
       error(at, fmt::format("\"{}\" has {} bytes, not {}", *name, name->size(), item.nlen));
     }
-    // Readers measure the list from the name, and copy it from where it is.
+    // Readers measure the length of the list from the name, but copy it from its own offset.
     if (uint64_t{item.noffs} + uint64_t{item.glen} * 4 > limit) {
       error(at, fmt::format(
                     "{} groups behind the name of \"{}\" end beyond the file: readers would find "
@@ -139,7 +139,7 @@ std::vector<uint32_t> groups_of(const passwd& user) {
   return {groups.begin(), groups.end()};
 }
 
-constexpr mode_t kReadable = 0644;  // by server processes, whoever they are at the moment
+constexpr mode_t kReadable = 0644;  // a server process reads it under the identity of any client
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -168,7 +168,7 @@ std::string encode(const GroupMap& map) {
     items.push_back({add_name(user.name), static_cast<uint32_t>(user.name.size()), 0,
                      static_cast<uint32_t>(user.gids.size())});
   }
-  // Lists stand behind all names, since readers measure a list from the name.
+  // All lists come after all names, because readers measure a list from the name.
   bytes.resize((bytes.size() + 3) / 4 * 4);
   for (std::size_t i = 0; i < map.users.size(); ++i) {
     items[i].goffs = static_cast<uint32_t>(bytes.size());
@@ -177,7 +177,7 @@ std::string encode(const GroupMap& map) {
                  map.users[i].gids.size() * 4);
   }
   const std::size_t page = TAVRIX_GROUPMAP_ALIGNMENT;
-  // One byte more than it holds: readers want the last list to end before the last byte.
+  // The size has one byte to spare, because readers want the last list to end before the last byte.
   bytes.resize(
       std::max<std::size_t>(TAVRIX_GROUPMAP_MIN_SIZE, (bytes.size() + page) / page * page));
   if (bytes.size() > std::numeric_limits<uint32_t>::max())
@@ -223,7 +223,7 @@ GroupMap from_system() {
 }
 
 void write_file(const std::string& path, const std::string& bytes) {
-  // Both checksums count until the new file is there: a power cut leaves one that fits.
+  // Both checksums are valid until the new file is in place, so one fits after a power cut.
   const files::Digest digest = files::digest_of(std::string_view(bytes));
   std::vector<files::Digest> both = {digest};
   if (const auto old = files::digest_of_file(path)) both.push_back(*old);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The group list map file, for its writer and for operators. The readers' side is in the library.
+// Writes, reads and checks the group list map file. The reader of server processes is in the
+// library.
 #pragma once
 
 #include <cstdint>
@@ -25,23 +26,25 @@ struct GroupMap {
   std::vector<User> users;
 };
 
-// Throws std::length_error when offsets of 32 bits do not reach.
+// The bytes of the file. Throws std::length_error when an offset does not fit into 32 bits.
 std::string encode(const GroupMap& map);
 
-// Every offset, length and sum as the readers compute them, and what they do not look at.
+// Checks every offset, length and sum as the readers compute them, and also the parts that they
+// skip.
 mapcheck::Findings verify(std::string_view bytes);
 
-// What readers see; nothing of a file that verify() finds errors in.
+// The map as readers see it; nothing when verify() finds errors.
 std::optional<GroupMap> decode(std::string_view bytes);
 
-// The machine's users with their groups, and the two reserved groups where they exist.
+// Lists the machine's users with their groups, and the two reserved groups if they exist.
 GroupMap from_system();
 
-// Replaces the file as a whole, with its checksum beside it: a reader has the old one or the new
+// Replaces the file and the checksum beside it. A reader sees the whole old file or the whole new
 // one. Throws std::system_error.
 void write_file(const std::string& path, const std::string& bytes);
 
-// Compares the content with the checksum beside the file: another one is an error, none a warning.
+// Compares the content with the checksum beside the file. A different checksum is an error, a
+// missing one a warning.
 void check_checksum(const std::string& path, std::string_view bytes, mapcheck::Findings& findings);
 
 }  // namespace tavrix::groupmap

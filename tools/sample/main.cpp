@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Writes a sample map: tavrix-sample-tree --folders 100000 size.json data.json
+// tavrix-sample-tree --folders 100000 size.json data.json: writes a sample map.
 
 #include <CLI/CLI.hpp>
 #include <cstdio>

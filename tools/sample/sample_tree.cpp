@@ -13,13 +13,13 @@ namespace {
 constexpr uint32_t kFirstGroup = 20000;
 constexpr uint64_t kTopFolders = 3;  // "/", "Shared", "Private"
 
-// Names as people give them, some with letters that ASCII lacks.
+// Names as people give them; some have letters outside ASCII.
 constexpr std::array<const char*, 16> kWords = {
     "Projects",  "Finance", "Archive", "Drawings", "Contracts", "Photos",   "Reports",   "Budget",
     "Marketing", "Release", "Support", "Invoices", "Planung",   "Research", "Templates", "Minutes"};
 
-// Folder n of the tree below Shared has the folders n * fan_out + 1 ... below it, as in a heap; so
-// any path can be told from its number alone.
+// The folders below Shared are numbered as in a heap: the first child of folder n has the number
+// n * fan_out + 1. So the path of a folder follows from its number alone.
 std::string name_of(const Shape& shape, uint64_t number) {
   return fmt::format("{} {}", kWords[(number + shape.seed) % kWords.size()], number);
 }
@@ -49,7 +49,7 @@ class Writer {
  private:
   void team(uint64_t number) {
     out_.print(",\n");
-    // Half of the folders inherit; the others name a few people and a group.
+    // Half of the folders inherit; the others have entries for a few users and a group.
     const bool has_entries = random_() % 2 == 0 || number <= shape_.fan_out;
     begin(name_of(shape_, number), has_entries ? 1 + random_() % 3 : 0, has_entries ? 1 : 0);
     const uint64_t first = number * shape_.fan_out + 1;

@@ -29,7 +29,7 @@ std::string_view key_of(const Setting& setting) {
   return name.substr(name.find(':') + 1);
 }
 
-// In the order in which the table names them first.
+// The sections, in the order in which the table first names them.
 std::vector<std::string_view> sections() {
   std::vector<std::string_view> all;
   for (const Setting& setting : kSettings) {
@@ -74,7 +74,7 @@ std::string comment(std::string_view text) {
   return lines + line + "\n";
 }
 
-// A line for each sentence, as manual pages are written.
+// Puts each sentence on a line of its own, as manual pages are written.
 std::string sentences(std::string text) {
   if (text.empty()) return {};
   for (std::size_t at = text.find(". "); at != std::string::npos; at = text.find(". ", at)) {

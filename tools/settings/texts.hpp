@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The table of settings as documents: the shipped settings file and the list in the manual page.
-// scripts/generate.sh writes both; a test compares them with the files in the tree.
+// Writes the table of settings as documents: the shipped settings file and the list in the manual
+// page. scripts/generate.sh writes both; a test compares them with the files in the tree.
 #pragma once
 
 #include <string>
