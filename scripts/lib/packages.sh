@@ -6,7 +6,7 @@ tavrix_packages=(
   libyajl-dev libprotobuf-c-dev protobuf-c-compiler
   libcli11-dev libfmt-dev nlohmann-json3-dev libiniparser-dev libsystemd-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
-  clang clang-format clang-tidy
+  clang libclang-rt-dev clang-format clang-tidy
   samba-libs util-linux procps strace gnuplot-nox abigail-tools
 )
 
