@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Checks the sources without building them: their format, their licences, and that generated files
-# are current.
+# Checks the sources without building them: their format, their licences, that generated files are
+# current, and that clang-tidy finds nothing in the files that differ from the main branch.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -29,4 +29,16 @@ scripts/generate.sh "$generated"
 while IFS= read -r name; do
   cmp -s "$generated/$name" "$name" || { echo "$name is not what scripts/generate.sh makes of its source" >&2; exit 1; }
 done < <(cd "$generated" && find . -type f -printf '%P\n')
+
+# Without a branch of that name the changes since the last commit remain.
+base=$(git merge-base HEAD origin/main 2>/dev/null || git merge-base HEAD main 2>/dev/null || echo HEAD)
+mapfile -t changed < <(git diff --name-only --diff-filter=d "$base" -- '*.cpp' '*.c'
+  git ls-files --others --exclude-standard -- '*.cpp' '*.c')
+if [ ${#changed[@]} -gt 0 ]; then
+  if scripts/tidy.sh --ready; then
+    scripts/tidy.sh "${changed[@]}"
+  else
+    echo "clang-tidy is left out: it needs the commands of the release build"
+  fi
+fi
 echo "sources are in order"

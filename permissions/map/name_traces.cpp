@@ -12,7 +12,7 @@ constexpr std::string_view kBefore = "--------> Name ";
 constexpr std::string_view kBetween = " hahsval ";
 constexpr std::size_t kLongestTail = 16;  // enough for ten digits, a blank and the newline
 
-constexpr std::size_t kRoom = 64 * 1024;
+constexpr std::size_t kRoom = std::size_t{64} * 1024;
 char lines[kRoom];
 std::size_t used = 0;
 bool is_collecting = false;
