@@ -1,31 +1,54 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Installs what is missing, builds twice (optimised; with sanitizers) and runs every test in both.
-# usage: scripts/test.sh [release|asan]...
+# Installs what is missing, checks the sources, builds twice (optimised; with sanitizers) and runs
+# every test in both, runs clang-tidy on the library, and one fuzz target for a moment.
+# usage: scripts/test.sh [release|asan|tidy|fuzz]...   (default: all of them)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
 require_root
+
+# The run has an IPC namespace of its own: the System V objects that it finds at the end are those
+# that its tests left, whatever other programs make on this machine meanwhile.
+if [ "${TAVRIX_IN_IPC_NAMESPACE:-}" != yes ]; then
+  TAVRIX_IN_IPC_NAMESPACE=yes exec unshare --ipc scripts/test.sh "$@"
+fi
 install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}"
 
-presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(release asan)
+parts=("$@")
+[ ${#parts[@]} -gt 0 ] || parts=(release asan tidy fuzz)
+run=$(mktemp -d)
+trap 'rm -rf "$run"' EXIT
+
+configure() {  # PRESET
+  cmake --preset "$1" >"$run/configure.log" 2>&1 || { cat "$run/configure.log" >&2; return 1; }
+}
+
+test_preset() {  # PRESET
+  echo "== $1: build"
+  configure "$1"
+  cmake --build --preset "$1" | tail -n 3
+  echo "== $1: test"
+  ctest --preset "$1" -j "$(($(nproc) * 2))" --progress --output-on-failure
+}
 
 scripts/check.sh
-
-objects_before=$(ipcs -a | md5sum)
-for preset in "${presets[@]}"; do
-  echo "== $preset: build"
-  cmake --preset "$preset" >"/tmp/tavrix-configure-$preset.log" 2>&1 ||
-    { cat "/tmp/tavrix-configure-$preset.log"; exit 1; }
-  cmake --build --preset "$preset" | tail -n 3
-  echo "== $preset: test"
-  ctest --preset "$preset" -j "$(($(nproc) * 2))" --progress --output-on-failure
+for part in "${parts[@]}"; do
+  case $part in
+    release | asan) test_preset "$part" ;;
+    tidy)
+      echo "== clang-tidy"
+      configure release
+      scripts/tidy.sh
+      ;;
+    fuzz) scripts/fuzz.sh 5 map_verify ;;
+    *) echo "no part $part; there are: release asan tidy fuzz" >&2; exit 2 ;;
+  esac
 done
 
-if [ "$(ipcs -a | md5sum)" != "$objects_before" ]; then
-  echo "the tests left System V objects on this machine:" >&2
-  ipcs -a >&2
+if ipcs | grep -q '^0x'; then
+  echo "the tests left System V objects:" >&2
+  ipcs >&2
   exit 1
 fi
 echo "all tests passed"
