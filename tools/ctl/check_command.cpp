@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl check: the verdict for a user, an operation and a path.
+// tavrixctl check prints the verdict for a user, an operation and a path.
 
 #include <grp.h>
 #include <pwd.h>

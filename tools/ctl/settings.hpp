@@ -26,7 +26,7 @@ struct Value {
   std::string text;
   int32_t number = 0;
 };
-// Nothing, and the reason in `error`, when the text is no value of the setting.
+// Returns nothing, and the reason in `error`, when the text is not a value of the setting.
 std::optional<Value> parse_value(const Setting& setting, std::string_view text, std::string& error);
 
 Value shipped_value(const Setting& setting);

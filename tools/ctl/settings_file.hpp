@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A settings file: INI, whose sections and keys are the names of the settings.
+// A settings file is an INI file. Its sections and keys are the names of the settings.
 #pragma once
 
 #include <string>

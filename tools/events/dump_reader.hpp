@@ -40,7 +40,7 @@ struct FreeRecord {
 using Event = std::unique_ptr<VFSEvent, FreeRecord>;
 using Audit = std::unique_ptr<AuditEvent, FreeRecord>;
 
-// Null when the payload is no record of the kind.
+// Returns null when the payload is not a record of the kind.
 Event unpack_event(std::string_view payload);
 Audit unpack_audit(std::string_view payload);
 

@@ -3,9 +3,8 @@
 //
 //   DIR/size.json, DIR/data.json   a pair: written elsewhere on the same file system or under other
 //                                  names, then renamed to these, in either order
-//   DIR/.work/                     the pair that is being loaded; it stays until its map is
-//   current.
-//                                  "starts" beside it counts the runs that began to load it
+//   DIR/.work/                     the pair that is being loaded, until its map is current, and
+//                                  "starts", which counts the runs that began to load it
 //   DIR/refused/<time>/            a pair that was not loaded, and reason.txt beside it
 #pragma once
 
