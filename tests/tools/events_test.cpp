@@ -98,7 +98,7 @@ TEST_F(EventsCommand, ShowsFieldsThatItDoesNotKnow) {
   const Outcome outcome = decode(bytes);
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
   EXPECT_TRUE(contains(outcome.out,
-                       ",\"client_pid\":42,\"unknown_20\":300,\"unknown_20[1]\":7,"
+                       ",\"unknown_20\":300,\"unknown_20[1]\":7,"
                        "\"unknown_21\":\"later\",\"unknown_22\":513,\"unknown_23\":5}\n"))
       << outcome.out;
 }
