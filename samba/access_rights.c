@@ -37,7 +37,7 @@ bool tavrix_grants(struct tavrix_connection* tavrix, const char* full, e_fsop_ty
 }
 
 /* The tree's root and the private area's own folders stay whoever asks, fixed folders unless an
- * administrator asks. A folder whose mark cannot be read counts as fixed. */
+ * administrator asks. A folder whose stamp cannot be read counts as fixed. */
 bool tavrix_must_stay(const struct tavrix_connection* tavrix, const struct tavrix_name* name,
                       bool is_folder) {
   if (tavrix_is_tree(tavrix, name) || is_deleteable(name->name) == 0) return true;

@@ -54,7 +54,7 @@ ssize_t tavrix_flistxattr(struct vfs_handle_struct* handle, struct files_struct*
   return length > 0 && size > 0 ? without_stamps(list, (size_t)length) : length;
 }
 
-static int refuse_mark(void) {
+static int refuse_stamp(void) {
   errno = EACCES;
   return -1;
 }
@@ -63,7 +63,7 @@ int tavrix_fsetxattr(struct vfs_handle_struct* handle, struct files_struct* fsp,
                      const void* value, size_t size, int flags) {
   TAVRIX_ENTER(handle);
   struct tavrix_change change;
-  if (is_stamp(name)) return refuse_mark();
+  if (is_stamp(name)) return refuse_stamp();
   if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   int result = SMB_VFS_NEXT_FSETXATTR(handle, fsp, name, value, size, flags);
   if (tavrix_was_refused(result) && raise_for(handle)) {
@@ -78,7 +78,7 @@ int tavrix_fremovexattr(struct vfs_handle_struct* handle, struct files_struct* f
                         const char* name) {
   TAVRIX_ENTER(handle);
   struct tavrix_change change;
-  if (is_stamp(name)) return refuse_mark();
+  if (is_stamp(name)) return refuse_stamp();
   if (tavrix_begin_change(handle, fsp, &change) != 0) return -1;
   int result = SMB_VFS_NEXT_FREMOVEXATTR(handle, fsp, name);
   if (tavrix_was_refused(result) && raise_for(handle)) {

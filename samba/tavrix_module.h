@@ -141,7 +141,7 @@ void tavrix_give_back(struct tavrix_connection* tavrix);
 
 /* Root with user and group to the end of the block. Does nothing when the process is root already
  * or cannot become root; in the second case the library switches for itself. Inside the block
- * refresh_credentials() does not see the client: only the marker files renew the identity then. */
+ * refresh_credentials() does not see the client: only the refresh files renew the identity then. */
 struct tavrix_root {
   tx_perm_ctx_t* user;
   gid_t group; /* -1: was not changed */
