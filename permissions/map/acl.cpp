@@ -189,7 +189,7 @@ membe_shm_err membuf_2_ACL(const beacl_s* bacl, uint32_t version, uint32_t inher
     TAVRIX_LOG(0, "non empty tavrix_acl_t ");
     TAVRIX_REQUIRE(*acl == nullptr, "*acl == NULL");
   }
-  // The value goes on into every entry as it was given.
+  // An invalid value is written into every entry all the same.
   if (inherited > TAVRIX_ACE_INHERITED) {
     TAVRIX_LOG(0, "Invalid inheritance type %d", static_cast<int>(inherited));
   }

@@ -223,7 +223,7 @@ PathMatch walk(const Sight& sight, NextComponent next) {
   return match;
 }
 
-// Checks the header without aborting, as every later check does: a lookup reports a bad header.
+// Checks the header without aborting, because a lookup reports a bad one. All later checks abort.
 bool has_sound_header(const void* map) {
   return static_cast<const tavrix_be_header*>(map)->signature == TAVRIX_BE_HEADER_SIGNATURE;
 }

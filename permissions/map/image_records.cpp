@@ -12,8 +12,8 @@
 namespace tavrix {
 namespace {
 
-// A caller that breaks one of these conditions has a fault in its code, not in its input. So each
-// logs the place and aborts.
+// A caller that breaks one of these conditions has a fault in its code, not in its input. So these
+// functions log the place and abort.
 void require_stack_element(const jsonstack* stelem, const char* function, int line) {
   if (stelem == nullptr) {
     TAVRIX_LOG(0, "%s(%d): Null stelem ", function, line);
