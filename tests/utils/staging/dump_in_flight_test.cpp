@@ -39,8 +39,7 @@ TEST_F(DumpInFlight, MakesAnotherFileWhenTheSweeperTookItsEmptyOne) {
   EXPECT_EQ(Payloads{"x"}, dumped());
 }
 
-// --- a flusher that was killed before
-// --------------------------------------------------------------
+// --- a flusher that was killed before ------------------------------------------------------------
 
 class KilledFlush : public Staging {
  protected:

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // The line for each name that the loader prints.
 
-#include "permissions/import/name_traces.hpp"
+#include "permissions/map/name_traces.hpp"
 
 #include <gtest/gtest.h>
 #include <cstdint>
