@@ -69,6 +69,7 @@ class SweeperWorld : public Operator {
       alarm(20);  // a sweeper that hangs fails its test instead of stopping it
       hasten(haste);
       execl(kSweeper, "tavrix-sweeper", "--once", nullptr);
+      _exit(127);
     });
   }
   static Outcome once_in_haste() { return once(kHaste); }
@@ -77,6 +78,7 @@ class SweeperWorld : public Operator {
       hasten(how.haste);
       execl(kSweeper, "tavrix-sweeper", "--foreground", how.with_file ? "--settings" : nullptr,
             kConf, nullptr);
+      _exit(127);
     });
     for (int i = 0; i < 200 && semget(ftok("/dev/null", 2345), 0, 0) == -1; ++i) usleep(10000);
     usleep(200 * 1000);
