@@ -28,7 +28,7 @@ constexpr const char* kLibraryFolders[] = {"connection",   "events",   "hooks",
                                            "regex_parser", "sweeper",  "utils"};
 
 using Names = std::set<std::string>;
-// Who uses whom, and by which names.
+// The users of each part, what they use, and by which names.
 using Uses = std::map<std::string, std::map<std::string, Names>>;
 
 // --- the tables of the document ------------------------------------------------------------------
