@@ -47,6 +47,16 @@ class Importer : public Isolated {
   static std::vector<std::byte> import(const Folder& root) {
     return import_text(count(root), data_json(root));
   }
+  // Restores into an image of that size, and expects nothing behind it to be touched.
+  static membe_shm_err restore(uint32_t size) {
+    memsummary_s sum{};
+    sum.memsize = size;
+    image().assign(size + 1, std::byte{0xAA});
+    sum.membuf = image().data();
+    const membe_shm_err result = process_permmap(&sum);
+    EXPECT_EQ(std::byte{0xAA}, image()[size]);
+    return result;
+  }
   static memsummary_s* summary() { return summary_; }
   static std::vector<std::byte>& image() { return image_; }
 
