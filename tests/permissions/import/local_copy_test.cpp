@@ -26,16 +26,6 @@ class LocalCopy : public Importer {
     const auto bytes = build_image(tree());
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
   }
-  // Restores into an image of that size, and expects nothing behind it to be touched.
-  static membe_shm_err restore(uint32_t size) {
-    memsummary_s sum{};
-    sum.memsize = size;
-    image().assign(size + 1, std::byte{0xAA});
-    sum.membuf = image().data();
-    const membe_shm_err result = process_permmap(&sum);
-    EXPECT_EQ(std::byte{0xAA}, image()[size]);
-    return result;
-  }
 };
 
 // --- saving --------------------------------------------------------------------------------------
