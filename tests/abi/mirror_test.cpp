@@ -20,7 +20,6 @@ constexpr const char* kRooms[] = {"connection",  "events",  "hooks", "internal",
 
 // Sources without a file of tests of their own, and the reason.
 const std::map<std::string, std::string> kExceptions = {
-    {"hooks/fixed_folders", "a rule for each of three hooks: file_open, folder_listing, rename"},
     {"regex_parser/pattern_reach", "for tools and the Samba module: tests/tools/patterns_test.cpp"},
     {"utils/parameters", "reads one entry of the block: every test of a setting"},
     {"utils/root_scope", "scopes around utils/privilege.cpp: tests/utils/privilege_test.cpp"},
