@@ -10,9 +10,9 @@
 namespace tavrix::test {
 namespace {
 
-class EventMarkers : public Isolated {};
+class Alarms : public Isolated {};
 
-TEST_F(EventMarkers, AreOnTheDiskWithTheirNames) {
+TEST_F(Alarms, AreOnTheDiskWithTheirNames) {
   make_dirs("/tavrix/.conf");
   reset_calls();
   write_sync_off();
@@ -21,14 +21,14 @@ TEST_F(EventMarkers, AreOnTheDiskWithTheirNames) {
   EXPECT_EQ(4, calls("fsync"));
 }
 
-TEST_F(EventMarkers, CountAsMadeWhenTheDiskCannotSync) {
+TEST_F(Alarms, CountAsMadeWhenTheDiskCannotSync) {
   make_dirs("/tavrix/.conf");
   fail_call("fsync", EIO, 1, 9);
   EXPECT_EQ(0, write_sync_off());
   EXPECT_EQ(0, mark_event_db_as_rescan_needed("x"));
 }
 
-TEST_F(EventMarkers, SyncOffIsWrittenOverWhatIsThere) {
+TEST_F(Alarms, SyncOffIsWrittenOverWhatIsThere) {
   make_dirs("/tavrix/.conf");
   write_file("/tavrix/.conf/sync.off", std::string(40, 'o'));
   EXPECT_EQ(
@@ -36,13 +36,13 @@ TEST_F(EventMarkers, SyncOffIsWrittenOverWhatIsThere) {
   EXPECT_EQ("Failed to write event." + std::string(18, 'o'), read_file("/tavrix/.conf/sync.off"));
 }
 
-TEST_F(EventMarkers, SyncOffCannotBeMadeWithoutItsFolder) {
+TEST_F(Alarms, SyncOffCannotBeMadeWithoutItsFolder) {
   EXPECT_EQ(0,
             level_of("Creation of /tavrix/.conf/sync.off failed with 2(No such file or directory)",
                      [] { EXPECT_EQ(ENOENT, write_sync_off()); }));
 }
 
-TEST_F(EventMarkers, RescanHoldsItsReasonAndANul) {
+TEST_F(Alarms, RescanHoldsItsReasonAndANul) {
   make_dirs("/tavrix/.conf");
   EXPECT_EQ(0, mark_event_db_as_rescan_needed("because"));
   EXPECT_EQ(std::string("because\0", 8), read_file("/tavrix/.conf/tavrix_event_status.dirty"));
@@ -51,7 +51,7 @@ TEST_F(EventMarkers, RescanHoldsItsReasonAndANul) {
   EXPECT_EQ(0744U, info.st_mode & 0777);
 }
 
-TEST_F(EventMarkers, RescanFailures) {
+TEST_F(Alarms, RescanFailures) {
   const std::string rest =
       " event status file '/tavrix/.conf/tavrix_event_status.dirty' to mark rescan needed (-1). "
       "errno = ";
