@@ -117,10 +117,17 @@ class Leftover {
       case Shape::kWhole:
         return publish(written);
       case Shape::kCut:
-        return remove();
+        return remove_cut();
       default:
         return Settled::kForeign;
     }
+  }
+
+  // The power cut it, or a bit of it flipped. Events that it alone had are lost, so the agent hears
+  // of it before it goes.
+  Settled remove_cut() noexcept {
+    return mark_event_db_as_rescan_needed("a file of events was cut") == 0 ? remove()
+                                                                           : Settled::kFailed;
   }
 
   Settled remove() noexcept { return unlink(path_) == 0 ? Settled::kRemoved : Settled::kFailed; }
