@@ -11,6 +11,7 @@
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 #include <cerrno>
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -110,10 +112,11 @@ timespec time_of(int64_t nanoseconds) {
 void trace(const char* what, const char* first, const char* second = "",
            const void* bytes = nullptr, size_t size = 0) {
   const char* file = getenv("TAVRIX_TRACE");
-  if (file == nullptr ||
-      (strstr(first, "/etc/tavrix") == nullptr && strstr(first, "/scratch/maps") == nullptr)) {
-    return;
+  bool is_watched = false;
+  for (const char* folder : {"/etc/tavrix", "/scratch/maps", "/scratch/staging", "/tavrix/.conf"}) {
+    is_watched |= strstr(first, folder) != nullptr;
   }
+  if (file == nullptr || !is_watched) return;
   const int saved = errno;
   const size_t room = 2 * size + 1024;
   char* line = static_cast<char*>(malloc(room));
@@ -223,6 +226,47 @@ int fsync(int fd) {
   const int result = real<int (*)(int)>("fsync")(fd);
   if (result == 0) trace("sync", path.text);
   return result;
+}
+
+int fdatasync(int fd) {
+  const PathOf path(fd);
+  if (fails("fdatasync", path.text)) return -1;
+  const int result = real<int (*)(int)>("fdatasync")(fd);
+  if (result == 0) trace("sync", path.text);
+  return result;
+}
+
+int mkostemp(char* pattern, int flags) {
+  if (fails("mkostemp", pattern)) return -1;
+  const int fd = real<int (*)(char*, int)>("mkostemp")(pattern, flags);
+  if (fd >= 0) trace("create", pattern);
+  return fd;
+}
+
+int renameat2(int from_folder, const char* from, int to_folder, const char* to,
+              unsigned flags) noexcept {
+  if (fails("renameat2", to)) return -1;
+  using Call = int (*)(int, const char*, int, const char*, unsigned);
+  const int result = real<Call>("renameat2")(from_folder, from, to_folder, to, flags);
+  if (result == 0) trace("rename", from, to);
+  return result;
+}
+
+int lsetxattr(const char* path, const char* name, const void* value, size_t size,
+              int flags) noexcept {
+  if (fails("lsetxattr", path)) return -1;
+  using Call = int (*)(const char*, const char*, const void*, size_t, int);
+  return real<Call>("lsetxattr")(path, name, value, size, flags);
+}
+
+int lremovexattr(const char* path, const char* name) noexcept {
+  if (fails("lremovexattr", path)) return -1;
+  return real<int (*)(const char*, const char*)>("lremovexattr")(path, name);
+}
+
+int semop(int id, struct sembuf* steps, size_t count) noexcept {
+  if (fails("semop")) return -1;
+  return real<int (*)(int, struct sembuf*, size_t)>("semop")(id, steps, count);
 }
 
 pid_t fork(void) {

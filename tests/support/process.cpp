@@ -32,7 +32,7 @@ int capture_file() {
   return fd;
 }
 
-std::string content_of(int fd) {
+std::string content_so_far(int fd) {
   std::string text;
   std::array<char, 65536> chunk{};
   for (off_t at = 0;;) {
@@ -41,6 +41,11 @@ std::string content_of(int fd) {
     text.append(chunk.data(), static_cast<std::size_t>(got));
     at += got;
   }
+  return text;
+}
+
+std::string content_of(int fd) {
+  std::string text = content_so_far(fd);
   ::close(fd);
   return text;
 }
@@ -117,6 +122,10 @@ Child::~Child() {
   kill();
   wait();
 }
+
+std::string Child::out_so_far() const { return content_so_far(out_); }
+
+std::string Child::err_so_far() const { return content_so_far(err_); }
 
 void Child::kill() { ::kill(pid_, SIGKILL); }
 

@@ -35,6 +35,9 @@ class Child {
   [[nodiscard]] pid_t pid() const { return pid_; }
   void kill();
   Outcome wait();
+  // What it has written while it runs.
+  [[nodiscard]] std::string out_so_far() const;
+  [[nodiscard]] std::string err_so_far() const;
 
  private:
   pid_t pid_;

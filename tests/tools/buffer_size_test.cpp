@@ -11,8 +11,8 @@ namespace {
 
 class BufferSize : public SweeperWorld {
  protected:
-  // A process that works with the library, as a server process does, until it is told to stop. Some
-  // connect anew all the time.
+  // A process that uses the library, as a server process does, until it is told to stop. Some of
+  // them reconnect all the time.
   static std::unique_ptr<Child> writer(int number, bool reconnects) {
     return std::make_unique<Child>([number, reconnects] {
       ASSERT_NE(nullptr, dlopen(TAVRIX_BUILD_DIR "/libtavrix.so.1", RTLD_NOW));
@@ -21,6 +21,7 @@ class BufferSize : public SweeperWorld {
       for (; !exists("/scratch/stop"); ++events) {
         if (reconnects && events % 5 == 0) use_settings();
         ASSERT_EQ(0, append(name + "-" + std::to_string(events)));
+        if (events == 0) write_file("/scratch/writing" + name, "");
         usleep(20'000);
       }
       write_file("/scratch/events" + name, std::to_string(events));
@@ -38,13 +39,15 @@ TEST_F(BufferSize, ChangesUnderSixteenWriters) {
   const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   std::vector<std::unique_ptr<Child>> writers;
   for (int number = 0; number < 16; ++number) writers.push_back(writer(number, number % 2 == 0));
-  usleep(200'000);
+  for (int number = 0; number < 16; ++number) {
+    ASSERT_TRUE(comes([&] { return exists("/scratch/writing" + std::to_string(number)); }));
+  }
   reload(*sweeper, 1 << 20);
   EXPECT_TRUE(comes([] { return segment_bytes() == 1 << 20; }));
-  EXPECT_EQ(262144, shared_size());  // somebody works with it
+  EXPECT_EQ(262144, shared_size());  // connections still work with the old size
   usleep(300'000);
   reload(*sweeper, 65536);
-  usleep(500'000);  // five periods
+  EXPECT_TRUE(comes([&] { return contains(sweeper->err_so_far(), "16 connections work with"); }));
   EXPECT_EQ(1 << 20, segment_bytes());
   EXPECT_EQ(262144, shared_size());
   write_file("/scratch/stop", "");

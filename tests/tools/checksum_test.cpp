@@ -112,9 +112,8 @@ TEST_F(Checksums, TheLoaderTellsOfADamagedGroupMap) {
   build_group_map();
   EXPECT_FALSE(contains(once().err, "groupmap"));
   auto loader = service(in_haste(kHaste));
-  usleep(200'000);
   flip(kGroups, 400);  // which is a record, too
-  usleep(300'000);     // six looks
+  EXPECT_TRUE(comes([&] { return contains(loader->err_so_far(), "groupmap_refresh has"); }));
   kill(loader->pid(), SIGTERM);
   const std::string said = loader->wait().err;
   EXPECT_TRUE(contains(said, "groupmap_refresh has 2 errors")) << said;

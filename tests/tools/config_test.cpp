@@ -67,7 +67,7 @@ TEST_F(Config, GivesMissingKeysTheirShippedValues) {
   EXPECT_EQ(1048576, block()[4].value.intval);
 }
 
-// A client that connects makes a block of zeros when there is none, so there is always one.
+// The block is never missing for a moment: a client that connected then would make one of zeros.
 TEST_F(Config, FillsTheBlockThatIsThere) {
   load("[VFS]\ndebug level = 3\n");
   const int before = shmget(ftok("/dev/null", 3456), 0, 0);
@@ -228,7 +228,7 @@ TEST_F(Config, ExplainsEverySetting) {
   EXPECT_FALSE(contains(ctl({"config", "show"}).out, "flushes"));
 }
 
-// Nothing says that a setting allows what it only logs.
+// The text of a setting that only logs must not say that it allows something.
 TEST_F(Config, SaysThatForbiddenRmdirAllowsNothing) {
   EXPECT_TRUE(contains(ctl::find_setting("VFS:enable forbidden rmdir")->meaning, "allows nobody"));
   const std::string shipped = read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix.conf");

@@ -160,10 +160,13 @@ TEST_F(EventsCommand, FollowsAFolder) {
     execl(TAVRIX_BUILD_DIR "/tools/tavrixctl", "tavrixctl", "events", "decode", "--follow",
           "/scratch/staging", nullptr);
   });
-  usleep(500 * 1000);
+  const auto shows = [&](const char* name) {
+    return comes([&] { return contains(follower.out_so_far(), name); });
+  };
+  EXPECT_TRUE(shows("first"));
   write_file("/scratch/staging/.new", event_bytes("second"));
   ASSERT_EQ(0, rename("/scratch/staging/.new", "/scratch/staging/pending_2"));
-  usleep(700 * 1000);
+  EXPECT_TRUE(shows("second"));
   ::kill(follower.pid(), SIGTERM);
   const Outcome outcome = follower.wait();
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl groupmap, and what the library makes of its files.
+// tavrixctl groupmap, and the library as the reader of its files.
 
 #include "tools/groupmap/group_map.hpp"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The priorities of what the programs say, as the service manager reads them.
+// The priorities of the lines that the programs print, as the service manager reads them.
 
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
@@ -28,7 +28,8 @@ class Journal : public Operator {
     ASSERT_EQ(0, ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"}).exit_code);
     ctl({"config", "set", "VFS:debug level", "-1"});
   }
-  // Standard error of a service's program, with the variable that the service manager sets for it.
+  // Runs the program as a service: with the variable that the service manager sets for standard
+  // error.
   static std::string said_by(const std::string& command) {
     return run_program(
                {"bash", "-c",
@@ -107,14 +108,14 @@ TEST_F(Journal, TavrixctlTellsErrorsAndWarnings) {
                   .starts_with("<4>tavrixctl: /etc/tavrix/exception_patterns:1: warning: "));
 }
 
-// A shell that a service started inherits the variable; its terminal is not the journal.
+// A shell started by a service inherits the variable, but its terminal is not the journal.
 TEST_F(Journal, SomewhereElseThereAreNoPriorities) {
   const Outcome outcome = run_program({TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "--once"}, "",
                                       {{"JOURNAL_STREAM", "8:1"}});
   EXPECT_TRUE(outcome.err.starts_with("there are no settings")) << outcome.err;
 }
 
-// A line without a priority is what a process leaves that aborts.
+// The line of an aborting process has no priority of its own.
 TEST_F(Journal, TheUnitsTakeAnyOtherLineForAnError) {
   for (const std::string unit : {"loader", "sweeper"}) {
     EXPECT_TRUE(contains(read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix-" + unit + ".service"),

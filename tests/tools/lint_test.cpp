@@ -15,7 +15,7 @@
 
 namespace {
 
-std::atomic<long> heap_bytes{0};  // of everything that comes from new
+std::atomic<long> heap_bytes{0};  // allocated by operator new
 std::atomic<long> heap_peak{0};
 
 }  // namespace
@@ -39,7 +39,7 @@ namespace {
 using mapcheck::LintResult;
 using mapcheck::Severity;
 
-// Memory as a file, in small pieces: what ends at a chunk must not matter.
+// Reads memory like a file, in small pieces: the end of a chunk may fall anywhere.
 class TextSource : public mapcheck::Source {
  public:
   explicit TextSource(std::string text, std::size_t piece = 7)
@@ -235,7 +235,8 @@ TEST(Lint, ComparesTheCounts) {
                        "W size file  0 TOTALNAMELEN is 15; the data file needs only 14"));
 }
 
-// 176 + 60 F + N + 12 A bytes: one more than the kernel moves in one call, and not.
+// An image has 176 + 60 F + N + 12 A bytes. The first one has a byte more than the kernel moves in
+// one call, the second one exactly as many.
 TEST(Lint, KnowsTheMostThatOneWriteCanSave) {
   const auto told_of = [](uint32_t name_bytes) {
     return told(lint_texts(size_json({1, 0, name_bytes}), data_json({.name = "/"})));

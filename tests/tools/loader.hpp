@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The loader in a private world: pairs that are handed over, faults, what is current afterwards.
+// The loader in a private world: hands over pairs, makes calls fail, and asks for the current map.
 #pragma once
 
 #include <sys/stat.h>
@@ -50,7 +50,7 @@ class Loader : public Operator {
       root.children.push_back({.name = "f" + std::to_string(i)});
     return root;
   }
-  // 0: there is none.
+  // 0 when there is no map.
   static int folders_of_current() {
     if (ctl({"map", "info"}).exit_code != 0) return 0;
     return json({"map", "info"})["map"]["folders"];
@@ -63,7 +63,7 @@ class Loader : public Operator {
     return stat("/etc/tavrix/permission_refresh", &st) == 0 ? st.st_mtime : 0;
   }
   static void wait_for_folders(int folders) {
-    for (int tries = 0; tries < 200 && folders_of_current() != folders; ++tries) usleep(20000);
+    for (int tries = 0; tries < 1000 && folders_of_current() != folders; ++tries) usleep(20000);
     EXPECT_EQ(folders, folders_of_current());
   }
 };

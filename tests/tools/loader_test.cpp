@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrix-loader: pairs that are handed over, restarts, deaths.
+// tavrix-loader: hand-over, restarts, kills.
 
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -122,7 +122,8 @@ TEST_F(Loader, GoesOnWithThePairOfALoaderThatDied) {
   EXPECT_FALSE(exists(kCopy + ".before"));
 }
 
-// A pair is kept until its map is current, so a copy without a mark is that of a refused one.
+// A pair is kept until its map is current. So a copy that the mark does not name belongs to a
+// refused map.
 TEST_F(Loader, PublishesNoCopyThatWasNeverMadeCurrent) {
   hand_over(wide(9));
   once();
@@ -147,7 +148,8 @@ TEST_F(Loader, TakesBackTheCopyOfBeforeWhenTheNewOneIsTorn) {
   EXPECT_EQ(5, folders_of_current());
 }
 
-// Killed at any moment, and started again: the old map or the new one, whole; no table left over.
+// A loader that is killed at any moment and started again leaves one whole map, the old or the new
+// one, and no further table.
 TEST_F(Loader, SurvivesItsDeathAtAnyMoment) {
   hand_over(wide(3000));
   once();
@@ -177,7 +179,7 @@ TEST_F(Loader, SurvivesItsDeathAtAnyMoment) {
   EXPECT_TRUE(refused().empty());
 }
 
-// Where a run may have died while it took a pair, and while the import removed it.
+// The states that a run may leave that dies while it takes a pair, or while the import removes it.
 TEST_F(Loader, LosesNoPairThatWasTakenInPart) {
   const std::string work = kInbox + "/.work";
   make_dirs(work);
@@ -211,7 +213,7 @@ TEST_F(Loader, LosesNoPairThatWasTakenInPart) {
   EXPECT_TRUE(refused().empty());
 }
 
-// A new pair that comes while the one before it is still in work.
+// The agent hands over a new pair while the one before it is still in work.
 TEST_F(Loader, TakesTheNextPairAfterTheUnfinishedOne) {
   const std::string work = kInbox + "/.work";
   make_dirs(work);
@@ -225,7 +227,7 @@ TEST_F(Loader, TakesTheNextPairAfterTheUnfinishedOne) {
   EXPECT_EQ(6, folders_of_current());
 }
 
-// The import of a loader that was killed goes on, and takes the pair away at its end.
+// The import child of a killed loader goes on, and removes the pair at its end.
 TEST_F(Loader, WaitsForTheImportOfALoaderThatDied) {
   for (int round = 0; round < 5; ++round) {
     const int folders = 20000 + round;
@@ -292,7 +294,7 @@ TEST_F(Loader, WatchesItsFolderUntilItIsToldToEnd) {
   ::kill(loader.pid(), SIGHUP);
   write_file(kInbox + "/size.json", "nonsense");
   write_file(kInbox + "/data.json", "nonsense");
-  for (int tries = 0; tries < 200 && refused().empty(); ++tries) usleep(20000);
+  for (int tries = 0; tries < 1000 && refused().empty(); ++tries) usleep(20000);
   EXPECT_EQ(1U, refused().size());
   EXPECT_EQ(9, folders_of_current());
   hand_over(wide(11));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The loader's watch: whatever vanishes of the published map comes back within two seconds, and no
-// other map does.
+// The loader's watch: lost parts of the published map come back within two seconds, and no other
+// map does.
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -29,7 +29,7 @@ void lose_table(int table) {
 void lose_copy() { remove_all(kCopy); }
 void reset_set() { create_perm_map_semaphore(); }
 void lead_astray() {
-  // As a careless hand does: the index of a table that is not there, or an older one.
+  // Names the other table, which is missing or older.
   unsigned short values[2] = {static_cast<unsigned short>(1 - semctl(set_id(), 0, GETVAL)), 1};
   semctl(set_id(), 0, SETALL, values);
 }
@@ -57,7 +57,7 @@ const Damage kDamages[] = {
 
 class MapHealing : public Loader {
  protected:
-  // A map whose only folder beside the root says which one it is.
+  // A map whose only folder below the root has its number.
   static Folder generation(int number) {
     return {
         .name = "/", .groups = {{2000, 1}}, .children = {{.name = "g" + std::to_string(number)}}};
@@ -67,7 +67,7 @@ class MapHealing : public Loader {
     ASSERT_EQ(0, rename("/scratch/size.json", (kInbox + "/size.json").c_str()));
     ASSERT_EQ(0, rename("/scratch/data.json", (kInbox + "/data.json").c_str()));
   }
-  // The generation that a server process finds; 0 for no map.
+  // The generation that a server process finds, 0 without a map.
   static int generation_for_a_reader() {
     void* address = get_perm_map_addr();
     if (address == nullptr) return 0;
@@ -82,10 +82,10 @@ class MapHealing : public Loader {
            (table_id(0) == -1) != (table_id(1) == -1);
   }
   static bool wait_until_whole(int number) {
-    for (int i = 0; i < 400 && !is_whole(number); ++i) usleep(10000);
+    for (int i = 0; i < 2000 && !is_whole(number); ++i) usleep(10000);
     return is_whole(number);
   }
-  // Clients that work all the time: each remembers the generations that it saw, in their order.
+  // A client remembers the generations that it saw, in their order.
   static bool saw_a_step_back(const std::string& seen) {
     char last = 0;
     for (const char number : seen) {
@@ -108,8 +108,8 @@ class MapHealing : public Loader {
   }
 };
 
-// Before a swap and after one: the present map comes back, whatever was lost, except with both of
-// its homes, and no client ever sees an older one again.
+// Damage before a swap and after one: the published map comes back unless both its table and its
+// copy are lost, and no client sees an older map again.
 TEST_F(MapHealing, BringsBackWhatIsLost) {
   for (const Damage& damage : kDamages) {
     for (const int swaps : {1, 2}) {
@@ -145,7 +145,8 @@ TEST_F(MapHealing, BringsBackWhatIsLost) {
   }
 }
 
-// During a swap: the loader stands still before its import, before it moves the index, or after.
+// Damage during a swap, while the loader is stopped before its import, before it moves the index,
+// or after that.
 TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
   for (const Damage& damage : kDamages) {
     for (const char* moment : {"symlink:stop:1", "fsync@.permbe_map:stop:1", "setall:stop:1",
@@ -160,7 +161,7 @@ TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
       auto loader = service(in_haste(kHaste, moment));
       hand_over_generation(2);
       bool is_stopped = false;
-      for (int i = 0; i < 300 && !is_stopped; ++i, usleep(10000)) {
+      for (int i = 0; i < 2000 && !is_stopped; ++i, usleep(10000)) {
         const std::string stat = read_file("/proc/" + std::to_string(loader->pid()) + "/stat");
         is_stopped = contains(stat, ") T ");
       }
@@ -170,7 +171,8 @@ TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
       EXPECT_TRUE(wait_until_whole(2));
       write_file("/scratch/stop", "");
       const Outcome seen = user.wait();
-      // A hand that sets the index to the old table in the moment before its removal is too fast.
+      // The index is set to the old table just before its removal: no watch is fast enough for
+      // that.
       const bool is_too_fast = contains(moment, "shmrm") && contains(damage.name, "astray");
       EXPECT_TRUE(is_too_fast || !saw_a_step_back(seen.out)) << seen.out;
       kill(loader->pid(), SIGTERM);
@@ -195,8 +197,8 @@ TEST_F(MapHealing, TellsWhatItDid) {
   EXPECT_TRUE(contains(said, "the local copy was gone: wrote it again from table 1")) << said;
 }
 
-// The semaphores are made anew by a server, at 0, and a table of an earlier time lies there: the
-// mark says which one counts, and a restart removes the other one.
+// A server has made the semaphores anew with index 0, and table 0 is an older one. The mark names
+// the published table, and a restart removes the other.
 TEST_F(MapHealing, ARestartRemovesTheOlderTableAndNotTheNewer) {
   hand_over_generation(1);
   ASSERT_EQ(0, once().exit_code);

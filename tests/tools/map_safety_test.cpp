@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// No map is lost: full disks, deaths, calls that fail, an operator beside the loader.
+// No map is lost by full disks, kills, failing calls, or an operator beside the loader.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -19,7 +19,7 @@
 namespace tavrix::test {
 namespace {
 
-constexpr int kRounds = 200;  // of 20 ms
+constexpr int kRounds = 1000;  // of 20 ms
 
 class MapSafety : public Loader {
  protected:
@@ -31,7 +31,7 @@ class MapSafety : public Loader {
     const auto names = refused();
     return names.empty() ? std::vector<std::string>{} : list(kInbox + "/refused/" + names.back());
   }
-  // A refused pair lies there whole, with its reason, and the map of before is current and saved.
+  // The refused pair is whole and has its reason, and the old map is current and saved.
   static void expect_refused_and_kept(int folders, const std::string& copy) {
     EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}), refused_files());
     EXPECT_EQ(folders, folders_of_current());
@@ -39,7 +39,7 @@ class MapSafety : public Loader {
     EXPECT_FALSE(exists(kCopy + ".before"));
     EXPECT_EQ(2, segments_in_use()) << "the table and the settings";
   }
-  // The second line says that the first one's map was refused, and nothing says the contrary.
+  // The last line reports the refusal, and only the first map is reported as processed.
   static void expect_one_refusal_in_log() {
     const auto lines = lines_of("/var/log/tavrix_perms.log");
     ASSERT_FALSE(lines.empty());
@@ -114,7 +114,7 @@ TEST_F(MapSafety, ADocumentThatAbortsTheImportLosesNothingOnAFullDisk) {
   EXPECT_TRUE(exists("/scratch/size.json") && exists("/scratch/data.json"));
 }
 
-// A killed import: whoever comes next finds the copy of before.
+// After a killed import the loader, the next import and "map restore" all find the copy of before.
 TEST_F(MapSafety, AnImportThatIsKilledIsRecoveredByEverybody) {
   for (const std::string who : {"loader", "import", "restore"}) {
     SCOPED_TRACE(who);
@@ -222,7 +222,8 @@ TEST_F(MapSafety, AKilledImportIsToldAsKilledAndItsPairIsKept) {
   ASSERT_EQ(0, once().exit_code);
   const std::string copy = read_file(kCopy);
   hand_over(wide(30));
-  const Outcome outcome = once_with("write@.permbe_map:kill:1");  // the import's, of the copy
+  const Outcome outcome =
+      once_with("write@.permbe_map:kill:1");  // the import child's first write to the copy
   EXPECT_EQ(1, outcome.exit_code) << outcome.err;
   EXPECT_TRUE(contains(reason(), "killed by signal 9")) << reason();
   expect_refused_and_kept(5, copy);

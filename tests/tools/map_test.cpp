@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl map and check, as an operator uses them.
+// tavrixctl map and tavrixctl check.
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
@@ -42,7 +42,7 @@ TEST_F(Map, LintsBeforeItImports) {
   EXPECT_EQ(0, segments_in_use());
 }
 
-// An aborted import, and one of a document that ends early: neither harms the map of before.
+// An import that aborts and one of a document that ends early leave the old map as it is.
 TEST_F(Map, KeepsTheMapOfBeforeWhateverIsTrusted) {
   import(team());
   const std::string copy = read_file("/etc/tavrix/.permbe_map");
@@ -333,7 +333,8 @@ TEST_F(Check, IsForTheSuperuser) {
     ASSERT_EQ(0, setresuid(1000, 1000, 1000));
     const Outcome refused = run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "map", "info"});
     EXPECT_TRUE(refused.err.starts_with("tavrixctl: run this as root\n")) << refused.err;
-    // A leak sanitizer may not look into a process that changed its user, and ends it its own way.
+    // The leak sanitizer cannot inspect a process that changed its user, and would end it with an
+    // error.
     const bool sanitized = std::string_view(TAVRIX_SANITIZED_BUILD) == "ON";
     EXPECT_TRUE(refused.exit_code == 2 || (sanitized && refused.exit_code == 1));
   });

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// An operator at a terminal: runs tavrixctl in a private world.
+// Runs tavrixctl in a private world, as an operator does.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
@@ -37,6 +38,15 @@ class Operator : public Isolated {
   static Outcome ctl(std::vector<std::string> words) {
     words.insert(words.begin(), TAVRIX_BUILD_DIR "/tools/tavrixctl");
     return run_program(words);
+  }
+  // Waits for something that another process does; false when it does not come.
+  template <typename Condition>
+  static bool comes(Condition condition) {
+    for (int i = 0; i < 2000; ++i) {
+      if (condition()) return true;
+      usleep(10'000);
+    }
+    return false;
   }
   static nlohmann::json json(std::vector<std::string> words) {
     words.insert(words.begin(), "--json");

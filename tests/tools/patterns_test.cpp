@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrixctl patterns, and the look at the pattern file where settings are loaded.
+// tavrixctl patterns, and the check of the pattern file when settings are loaded.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -146,7 +146,7 @@ TEST_F(Patterns, TestSaysNoWhereTheServerUsesNone) {
       << outcome.err;
 }
 
-// The command says what the library does.
+// The command's verdict on a name equals the library's.
 TEST_F(Patterns, TheFileIsReadAsTheLibraryReadsIt) {
   set_debug_level(-1);
   std::strcpy(global_params[PARAM_REGEX_FILE_NAME].value.strval, kFile.c_str());

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Temporary files of flushes that were killed: every acknowledged event comes into one dump file.
+// Temporary files of killed flushes: every acknowledged event comes into one dump file.
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/xattr.h>
-#include <map>
-#include <random>
-#include <set>
 
 #include "tests/support/stops.hpp"
 #include "tests/tools/sweeper.hpp"
@@ -73,6 +70,18 @@ TEST_F(Stranded, CutAndEmptyFilesGo) {
   expect_settled({}, "");
 }
 
+// The missing part may have been records that were nowhere else.
+TEST_F(Stranded, ACutFileThatAloneHasItsRecordsAsksForARescan) {
+  leave(records({"a", "b"}));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_FALSE(exists(kRescan));
+  empty_staging_dir();
+  const std::string bytes = records({"a", "b"});
+  leave(bytes.substr(0, bytes.size() - 1));
+  EXPECT_EQ(0, once().exit_code);
+  EXPECT_TRUE(contains(read_file(kRescan), "a file of events was cut"));
+}
+
 TEST_F(Stranded, ForeignBytesAreSetAsideAndNamed) {
   leave(std::string(100, '\0'));
   const Outcome outcome = once();
@@ -107,7 +116,7 @@ TEST_F(Stranded, ManyFilesOfOneMomentGetNamesOfTheirOwn) {
 
 struct After {
   const char* name;
-  std::function<Paths()> act;  // between the kill and the sweeper; the events it adds
+  std::function<Paths()> act;  // runs between the kill and the sweeper; returns the events it adds
 };
 
 TEST_F(Stranded, NothingIsLostOrDoubledWhereverAFlushIsKilled) {
@@ -149,8 +158,8 @@ TEST_F(Stranded, NothingIsLostOrDoubledWhereverAFlushIsKilled) {
   EXPECT_GT(kills, 4 * 10);
 }
 
-// A sweeper that is killed, and a writer that comes before the next one. The semaphore may be
-// taken, but nobody ends and nothing is lost.
+// After a killed sweeper a writer comes before the next sweeper. It may have to wait for the
+// semaphore, but no process ends and nothing is lost.
 void settle_after_a_kill(const std::function<Outcome()>& next, const std::string& event) {
   std::unique_ptr<Child> writer;
   if (semget(ftok("/dev/null", 2345), 0, 0) != -1) {
@@ -176,7 +185,8 @@ class KilledSweeper : public Stranded {
     return killed_at_change(
         change, [] { execl(kSweeper, "tavrix-sweeper", "--once", "--settings", kConf, nullptr); });
   }
-  // From the state that `prepare` makes with these events, killed at each step.
+  // Kills the sweeper at each step, each time from the state that `prepare` makes. `prepare`
+  // returns the events of that state.
   static void expect_all_kept(const std::function<Paths()>& prepare) {
     for (int change = 1;; ++change) {
       empty_staging_dir();
@@ -227,115 +237,6 @@ TEST_F(KilledSweeper, AtEachStepWhileTheSegmentGrows) {
     send("a");
     return Paths{"a"};
   });
-}
-
-// --- a storm -------------------------------------------------------------------------------------
-
-// A number from the environment, for whoever wants another or a longer storm.
-int storm_setting(const char* name, int otherwise) {
-  const char* text = std::getenv(name);
-  return text == nullptr ? otherwise : std::atoi(text);
-}
-
-// Writers that keep a list of what was acknowledged, flushers of all kinds, and a sweeper, killed
-// at random moments.
-class KillStorm : public Stranded {
- protected:
-  static constexpr int kWriters = 3;
-
-  static std::string list_of(int writer) {
-    return "/scratch/acknowledged" + std::to_string(writer);
-  }
-
-  // One round; adds what its writers were promised.
-  void round(int number) {
-    std::vector<std::unique_ptr<Child>> processes;
-    for (int writer = 0; writer < kWriters; ++writer) {
-      processes.push_back(std::make_unique<Child>([number, writer] { write(number, writer); }));
-    }
-    for (const FB_CTX ctx : {FB_CTX_SWPR, FB_CTX_DISCON}) {
-      processes.push_back(std::make_unique<Child>([ctx] {
-        for (;;) flush_staging_buffer(ctx);
-      }));
-    }
-    processes.push_back(std::make_unique<Child>(
-        [] { execl(kSweeper, "tavrix-sweeper", "--foreground", nullptr); }));
-    std::shuffle(processes.begin(), processes.end(), random_);
-    for (auto& process : processes) {
-      usleep(static_cast<useconds_t>(random_() % 8000));
-      process->kill();
-    }
-    for (auto& process : processes) {
-      const Outcome outcome = process->wait();
-      ends_ += outcome.signal == SIGKILL
-                   ? ""
-                   : "round " + std::to_string(number) + ": exit " +
-                         std::to_string(outcome.exit_code) + ", signal " +
-                         std::to_string(outcome.signal) + ": " + outcome.err + "\n";
-    }
-    collect();
-  }
-
-  [[nodiscard]] std::size_t acknowledged() const { return acknowledged_.size(); }
-
-  void expect_each_once() {
-    const Outcome last = once();
-    EXPECT_EQ(0, last.exit_code) << last.err;
-    EXPECT_EQ("", ends_);
-    EXPECT_EQ(Paths{}, others());
-    EXPECT_FALSE(exists(kSyncOff));
-    std::map<std::string, Paths> files_of;
-    for (const std::string& path : acknowledged_) files_of[path];
-    for (const std::string& name : list(kStaging)) {
-      if (!name.starts_with("pending_")) continue;
-      for (const std::string& path : paths_in(read_file(std::string(kStaging) + "/" + name))) {
-        files_of[path].push_back(name);
-      }
-    }
-    std::size_t wrong = 0;
-    for (const auto& [path, files] : files_of) {
-      if (files.size() == 1 || ++wrong > 20) continue;
-      ADD_FAILURE() << path << " is in " << files.size()
-                    << " dump files: " << testing::PrintToString(files);
-    }
-    EXPECT_EQ(0U, wrong) << "of " << files_of.size() << " events, " << acknowledged_.size()
-                         << " acknowledged; the folder: " << testing::PrintToString(list(kStaging));
-  }
-
-  std::mt19937 random_{static_cast<unsigned>(storm_setting("TAVRIX_STORM_SEED", 1604))};
-
- private:
-  [[noreturn]] static void write(int round, int writer) {
-    const Fd log(open(list_of(writer).c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
-    for (int number = 0;; ++number) {
-      const std::string path =
-          std::to_string(round) + "-" + std::to_string(writer) + "-" + std::to_string(number);
-      const std::string line = path + "\n";
-      if (append(path) == 0 && ::write(log.get(), line.data(), line.size()) < 0) _exit(1);
-    }
-  }
-  void collect() {
-    for (int writer = 0; writer < kWriters; ++writer) {
-      if (!exists(list_of(writer))) continue;
-      const auto lines = lines_of(list_of(writer));
-      acknowledged_.insert(lines.begin(), lines.end());
-      remove_all(list_of(writer));
-    }
-  }
-
-  std::set<std::string> acknowledged_;
-  std::string ends_;  // of processes that were not killed
-};
-
-// A slow machine writes little in a round: so many events decide the storm's length, not so many
-// rounds.
-TEST_F(KillStorm, LosesNothingAndDoublesNothing) {
-  const int least = storm_setting("TAVRIX_STORM_ROUNDS", 60);
-  for (int number = 0; number < least || (acknowledged() < 1000 && number < 20 * least); ++number) {
-    round(number);
-  }
-  expect_each_once();
-  EXPECT_GE(acknowledged(), 1000U);
 }
 
 }  // namespace

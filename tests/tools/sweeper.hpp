@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A sweeper in a private world, the writers of a share, and what comes of their events.
+// A sweeper in a private world, writers of events, and the events in the dump files.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -58,7 +58,7 @@ class SweeperWorld : public Operator {
     write_settings(size, period, more);
     ASSERT_EQ(0, ctl({"config", "load", kConf}).exit_code);
   }
-  // This process's own settings, as a server process has them.
+  // Takes the settings into this process, as a server process does when a client connects.
   static void use_settings() {
     ASSERT_EQ(0, read_tavrix_config());
     global_params[PARAM_DEBUG_LEVEL].value.intval = -1;
@@ -80,8 +80,7 @@ class SweeperWorld : public Operator {
             kConf, nullptr);
       _exit(127);
     });
-    for (int i = 0; i < 200 && semget(ftok("/dev/null", 2345), 0, 0) == -1; ++i) usleep(10000);
-    usleep(200 * 1000);
+    EXPECT_TRUE(comes([&] { return contains(child->err_so_far(), "flushing every "); }));
     return child;
   }
   static Outcome stop(Child& sweeper) {
@@ -92,15 +91,6 @@ class SweeperWorld : public Operator {
   static void hasten(int times) {
     if (times == 1) return;
     for (const auto& [name, value] : in_haste(times)) setenv(name.c_str(), value.c_str(), 1);
-  }
-  // Waits for something that the sweeper does; false when it never comes.
-  template <typename Condition>
-  static bool comes(Condition condition) {
-    for (int i = 0; i < 1000; ++i) {
-      if (condition()) return true;
-      usleep(10'000);
-    }
-    return false;
   }
 
   // 0 when the event is acknowledged.
@@ -123,7 +113,7 @@ class SweeperWorld : public Operator {
     EXPECT_EQ("", reader.damage());
     return paths;
   }
-  // In the order of their dump files' times.
+  // The events of all dump files, in the order of the files' times.
   static Paths dumped() {
     Paths names;
     for (const std::string& name : list(kStaging)) {
@@ -143,7 +133,7 @@ class SweeperWorld : public Operator {
     std::sort(paths.begin(), paths.end());
     return paths;
   }
-  // Files in the staging directory that are no dump files.
+  // The other files in the staging directory.
   static Paths others() {
     Paths names;
     for (const std::string& name : list(kStaging)) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// tavrix-sweeper, and the operator's commands for the staging buffer.
+// tavrix-sweeper, and tavrixctl's commands for the staging buffer.
 
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -27,8 +27,7 @@ TEST_F(Sweeper, MakesTheBufferAndFlushesIt) {
 TEST_F(Sweeper, FlushesOnItsPeriod) {
   const auto sweeper = daemon();
   send("a");
-  usleep(1500 * 1000);
-  EXPECT_EQ(Paths{"a"}, dumped());
+  EXPECT_TRUE(comes([] { return dumped() == Paths{"a"}; }));
   ::kill(sweeper->pid(), SIGTERM);
   EXPECT_EQ(0, sweeper->wait().exit_code);
 }
@@ -136,7 +135,8 @@ TEST_F(Sweeper, WaitsWhileTheDiskIsFullAndRecovers) {
   write_file(std::string(kStaging) + "/agent", std::string(60 << 10, 'x'));
   const auto sweeper = daemon({.haste = kHaste});
   for (int i = 0; i < 100; ++i) send(std::string(200, 'p'));
-  usleep(500 * 1000);  // five periods
+  EXPECT_TRUE(comes([&] { return contains(sweeper->err_so_far(), "100 records stay in memory"); }));
+  usleep(300 * 1000);  // further periods, which say nothing more
   EXPECT_TRUE(dumped().empty());
   ASSERT_EQ(0, umount2(kStaging, MNT_DETACH));
   EXPECT_TRUE(comes([] { return dumped().size() == 100; }));
@@ -171,7 +171,7 @@ TEST_F(Sweeper, AsksForARescanWhenTheMachineStoppedWithEventsInMemory) {
   sweeper->kill();
   sweeper->wait();
   EXPECT_TRUE(exists(kRunning));
-  // As after a boot: nothing of shared memory is left, and the boot has another number.
+  // The state after a boot: no shared memory, and another boot number.
   shmctl(segment(), IPC_RMID, nullptr);
   semctl(semaphore(), 0, IPC_RMID);
   write_file(kRunning, "another boot\n");

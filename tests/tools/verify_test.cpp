@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The check of an image, on sound ones and on any bytes.
+// The check of an image, on sound images and on random bytes.
 
 #include "tools/mapcheck/verify.hpp"
 
@@ -124,7 +124,7 @@ TEST(Verify, TakesAnyBytes) {
   }
 }
 
-// What the check finds sound, every reader can walk.
+// Every reader can walk an image that the check finds sound.
 TEST(Verify, GuardsTheReaders) {
   std::mt19937 random(6);
   const Image sound = build_image(random_tree(11, 60));
