@@ -66,15 +66,15 @@ bool Client::send(const std::string& line) {
 }
 
 std::string Client::say(const std::string& command) {
-  // What a command answers ends where the mark begins. The client must have read the one line
-  // before the other comes: it waits for input although it holds a line already.
+  // The mark shows where the command's answer ends. Send it only when the client has read the
+  // command: smbclient may wait for more input although it holds a whole line.
   const std::string mark = "=" + std::to_string(++said_) + "=\n";
   if (!command.empty() && !send(command + "\n")) return "(gone)";
   if (!send("!echo " + mark)) return "(gone)";
   return read_until(mark);
 }
 
-// The processes of this world's server that have the module: it is loaded for a client only.
+// The server processes that serve a client. Only those have the module loaded.
 std::vector<pid_t> Client::servers() {
   const std::string session = read_file("/scratch/samba/smbd.pid");
   std::istringstream in(

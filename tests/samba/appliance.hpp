@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A real smbd with the reference module, in a world of the test's own: its own network, users,
-// settings, map, event store. Clients are real too.
+// A real smbd with the reference module in a private world with its own network, users, settings,
+// map and event store, and real clients.
 #pragma once
 
 #include <sched.h>
@@ -31,12 +31,12 @@ class Appliance : public Hooks {
   }
   void TearDown() override { stop_smbd(); }
 
-  // The debug build of the module ends a process that leaves a hook with another identity.
+  // The debug build of the module aborts when a hook returns with another identity.
   static std::string module_name() { return "tavrix_debug"; }
   static std::string module_file() {
     return std::string(TAVRIX_BUILD_DIR) + "/samba/" + module_name() + ".so";
   }
-  // Runs commands with the vocabulary of scripts/lib/samba_world.sh.
+  // Runs shell commands that may use the functions of scripts/lib/samba_world.sh.
   static Outcome run_bash(const std::string& commands) {
     return run_program(
         {"bash", "-euo", "pipefail", "-c",
@@ -46,7 +46,7 @@ class Appliance : public Hooks {
     const Outcome outcome = run_bash(commands);
     ASSERT_TRUE(outcome.ok()) << commands << "\n" << outcome.out << outcome.err;
   }
-  // Options of the share; smbd sees them at its next start.
+  // Sets options of the share for the next start of smbd.
   static void configure(const Lines& options, const std::string& module = module_name()) {
     std::string words;
     for (const std::string& option : options) words += " '" + option + "'";
@@ -55,10 +55,10 @@ class Appliance : public Hooks {
   static void set_password(const std::string& user) { bash("set_samba_password '" + user + "'"); }
   static void start_smbd() { bash("start_smbd"); }
   static void stop_smbd() { run_bash("stop_smbd"); }
-  // Without a chance to say goodbye, and with everybody who serves a client.
+  // Kills smbd and every process that serves a client, by SIGKILL.
   static void kill_smbd() { bash("kill_smbd"); }
 
-  // What smbclient says to commands of that user.
+  // The output of smbclient for commands of that user.
   static std::string smb(const std::string& user, const std::string& commands) {
     const Outcome outcome =
         run_program({"smbclient", "-s", "/scratch/samba/smb.conf", "//127.0.0.1/tavrix", "-U",
@@ -68,7 +68,7 @@ class Appliance : public Hooks {
   static std::string smb(const Caller& caller, const std::string& commands) {
     return smb(caller.name, commands);
   }
-  // The names in a folder, as the user sees them.
+  // The names in a folder that the user sees.
   static std::set<std::string> listing(const std::string& user, const std::string& folder) {
     std::set<std::string> names;
     std::istringstream in(smb(user, "ls \"" + folder + "\\*\""));
@@ -79,7 +79,7 @@ class Appliance : public Hooks {
     }
     return names;
   }
-  // Events since the last call, in order, below the share.
+  // The events since the last call, in order, with paths below the share.
   Lines new_events() {
     Lines all;
     for (const std::string& line : event_lines()) {
@@ -97,7 +97,7 @@ class Appliance : public Hooks {
     told_ = all.size();
     return fresh;
   }
-  // Both show the answer when a test expected the other.
+  // Both put the answer into the failure message.
   static testing::AssertionResult denied(const std::string& answer) {
     return testing::AssertionResult(answer.find("NT_STATUS_ACCESS_DENIED") != std::string::npos)
            << answer;
@@ -106,7 +106,7 @@ class Appliance : public Hooks {
     return testing::AssertionResult(answer.find("NT_STATUS_") == std::string::npos) << answer;
   }
   static std::string smbd_log() { return read_file("/scratch/samba/log/smbd.log"); }
-  // The server's lines around the end of a process that should not have ended.
+  // The lines of the server's log around an unexpected end of a process.
   static std::string trouble_of_smbd() {
     const std::string log = smbd_log();
     for (const char* trouble : {"PANIC", "INTERNAL ERROR", "identity left", "Assertion"}) {
@@ -120,16 +120,16 @@ class Appliance : public Hooks {
   std::size_t told_ = 0;
 };
 
-// A connection that stays open: commands go in one by one.
+// A connection that stays open while commands are sent one by one.
 class Client {
  public:
   explicit Client(const std::string& user);
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
-  // Sends a command and returns what was answered to it.
+  // Sends a command and returns its answer.
   std::string say(const std::string& command);
-  // Processes of the server that serve clients.
+  // The server processes that serve clients.
   static std::vector<pid_t> servers();
 
  private:

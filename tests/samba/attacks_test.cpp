@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Ways round: other spellings of hidden names, handles of others, what the server tells beside
-// files.
+// Attempts to get round the rules: other spellings of hidden names, handles of other users, and
+// information that the server gives out apart from files.
 
 #include "tests/samba/matrix/account.hpp"
 #include "tests/samba/matrix/judge.hpp"
@@ -13,7 +13,7 @@ const std::vector<const Caller*> kOutsiders{&kBen, &kVera, &kNina, &kStan, &kSta
 
 class Attacks : public MatrixWorld {
  protected:
-  // Runs the steps as the caller; nothing may come of it.
+  // Runs the steps as the caller; they must change nothing and show no hidden name.
   Json try_as(const Caller& caller, const Json& steps) {
     Account account{
         .caller = &caller, .map = &map_, .request = {{"as", caller.name}, {"steps", steps}}};
@@ -30,7 +30,7 @@ class Attacks : public MatrixWorld {
   static Json open(const std::string& name, uint32_t access = 0x120089) {
     return {{"do", "create"}, {"name", name}, {"access", access}};
   }
-  // The step with more to it.
+  // Adds more fields to the step.
   static Json with(Json step, const Json& more) {
     step.update(more);
     return step;
@@ -45,7 +45,7 @@ class Spellings : public Attacks, public testing::WithParamInterface<const char*
   Lines options() override { return {std::string("case sensitive = ") + GetParam()}; }
 };
 
-// Of a hidden file and a hidden folder.
+// Requests for a hidden file and a hidden folder.
 const std::vector<std::string> kSpellings{
     "Shared\\Team\\Secret\\hidden.txt",
     "Shared\\Team\\Docs\\..\\Secret\\hidden.txt",
@@ -131,7 +131,7 @@ TEST_F(Attacks, CreateContextsTellNoHiddenName) {
   }
 }
 
-// Somebody who may see it works in a hidden folder, and then where everybody may look.
+// A user who may see the hidden folder works there first, and then in a folder that everybody sees.
 TEST_F(Attacks, ANoticeTellsNoHiddenName) {
   for (const Caller* caller : {&kBen, &kEddy}) {
     const Json watch{{"do", "create"}, {"on", "w"}, {"name", "Shared\\Team"}, {"access", 0x81}};

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Changes of a file, by whatever request they come, and their records.
+// Every request that changes a file, and the event that it leaves.
 
 #include "tests/samba/wire.hpp"
 
 namespace tavrix::test {
 namespace {
 
-// Reads are audited: a close whose file has not changed leaves an audit record, a change does not.
+// Reads are audited: the close of an unchanged file leaves an audit record, the close of a changed
+// one does not.
 class Changes : public WireClients {
  protected:
   void SetUp() override {
@@ -18,7 +19,7 @@ class Changes : public WireClients {
     configure(options);
     start_smbd();
   }
-  // Opens the book for writing, says something about it to the server, and closes it.
+  // Opens the book for writing, sends one request about it, and closes it.
   void change_by(const std::string& request) {
     const std::string said =
         wire(kAnna, "h = me.open('Shared/Team/book', WRITE)\n" + request + "\nme.close(h)\n");
@@ -85,7 +86,7 @@ TEST_F(Changes, ByOpeningAFileEmpty) {
   EXPECT_TRUE(audit_records().empty());
 }
 
-// A file that has no name any more has none to record a change under.
+// A change of a file without a name is not recorded: the record would need a path.
 TEST_F(Changes, OfADeletedFileAreNotTold) {
   start();
   EXPECT_EQ("", wire(kAnna,
@@ -100,8 +101,8 @@ TEST_F(Changes, OfADeletedFileAreNotTold) {
   }
 }
 
-// The server keeps such a file open and notes how it looks: a stamp that comes later makes it
-// another file, which the client does not get back.
+// The server remembers the attributes of a durable handle's file. A stamp that is written after the
+// client is gone would change them, and the client would not get its handle back.
 TEST_F(Changes, OfAClientThatIsLostAreToldAndItComesBack) {
   start({"kernel share modes = no", "kernel oplocks = no", "posix locking = no"});
   EXPECT_EQ("b'draft'\n", wire(kAnna,

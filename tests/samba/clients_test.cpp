@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Who a client is: the name under which its groups are looked up, whatever it claims to be called.
+// The name under which the groups of a client are looked up, for every name that it may claim.
 
 #include "tests/samba/appliance.hpp"
 
@@ -33,7 +33,7 @@ class Clients : public Appliance {
   static void map_to_guest(const std::string& when) {
     bash("sed -i 's|map to guest = never|map to guest = " + when + "|' /scratch/samba/smb.conf");
   }
-  // As the claimed user, with any password.
+  // Connects under the claimed name, with that password.
   static std::string claim(const std::string& user, const std::string& password,
                            const std::string& commands) {
     const Outcome outcome =
@@ -121,7 +121,7 @@ TEST_F(Clients, ThatWouldWorkAsRootAreRefusedForNothingOfThatIsRecorded) {
   EXPECT_NE(std::string::npos, smbd_log().find("Anna is refused: nothing that a client does as"));
 }
 
-// A server of its own answers for every domain that a client names: the account is the server's.
+// A standalone server accepts any domain that a client names; the account is the server's own.
 TEST_F(Clients, OfAnyClaimedDomainAreTheAccountThatAnswered) {
   groups({{"Anna", kReader}, {"EVIL\\Anna", kBoss}, {"CORP\\Anna", kBoss}});
   start_smbd();
@@ -130,7 +130,7 @@ TEST_F(Clients, OfAnyClaimedDomainAreTheAccountThatAnswered) {
   }
 }
 
-// The password is Anna's: the names that lead to her account may be anybody's.
+// Every name that leads to Anna's account is Anna, for the password is hers.
 TEST_F(Clients, UnderAMappedNameAreTheAccountThatAnswered) {
   groups({{"Anna", kReader}, {"boss", kBoss}, {"Administrator", kBoss}});
   write_file("/scratch/usermap", "Anna = boss Administrator\n");
@@ -140,7 +140,8 @@ TEST_F(Clients, UnderAMappedNameAreTheAccountThatAnswered) {
   EXPECT_EQ(kReadersSee, seen_as("Administrator", "Anna"));
 }
 
-// "force user" changes whose rights on the disk are used, and nothing else.
+// "force user" changes the identity on the disk and nothing else: the map still asks for the
+// client.
 TEST_F(Clients, KeepTheirGroupsWhenTheServerForcesAUser) {
   configure({"force user = Administrator"});
   start_smbd();
@@ -148,7 +149,7 @@ TEST_F(Clients, KeepTheirGroupsWhenTheServerForcesAUser) {
   EXPECT_EQ(kAdministratorsSee, seen_as("Administrator", "Administrator"));
 }
 
-// A session may log in again as somebody else: what is connected goes on as that user.
+// A session may log in again as another user; its connections go on as that user.
 TEST_F(Clients, ThatLogInAgainHaveTheGroupsOfTheirNewName) {
   start_smbd();
   const auto list_as = [](const std::string& first, const std::string& second) {

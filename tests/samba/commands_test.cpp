@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Every command of a client: what it sees, what is on the disk, whose it is, and the events.
+// Every command of smbclient: its answer, the disk afterwards, the owner, and the events.
 
 #include <sys/stat.h>
 
@@ -48,7 +48,7 @@ TEST_F(Commands, PutOverAFileOfSomebodyElse) {
   EXPECT_EQ("Anna", stamp_of("Shared/Team/report.txt"));
 }
 
-// What the client writes where is its own affair; that it wrote is told.
+// The events say that the client wrote, and not which bytes.
 TEST_F(Commands, ReputOfAFileThatIsThere) {
   write_file(full("Shared/Team/half.txt"), "some ");
   const std::string said = team(kAnna, "reput /scratch/data.txt half.txt");
@@ -238,7 +238,7 @@ TEST_F(Commands, ThePrivateAreaIsItsOwners) {
   EXPECT_TRUE(exists(full("Private/pat/diary.txt")));
 }
 
-// On the disk everything may be root's and closed to everybody else.
+// Everything on the disk may belong to root and be closed to everybody else.
 TEST_F(Commands, TheMapRulesAndNotTheModesOnTheDisk) {
   const auto before = listing("Anna", "Shared\\Team");
   bash("chown -R 0:0 /tavrix/Shared; chmod -R u=rwX,go= /tavrix/Shared; chmod 0700 /tavrix/Shared");
@@ -259,7 +259,7 @@ TEST_F(Commands, TheMapRulesAndNotTheModesOnTheDisk) {
   EXPECT_EQ(0U, stat_of("Shared/Team/report.txt").st_uid);
 }
 
-// The debug build ends a process in which a function of the table leaves another identity.
+// The debug build of the module aborts when a VFS function returns with another identity.
 TEST_F(Commands, NoHookLeavesRootBehind) {
   Client client("Anna");
   for (const char* command : {"cd Shared\\Team", "put /scratch/data.txt a", "mkdir B",

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a connection is: who sees what, options of the module, new maps and groups, ends.
+// Connections: what each user sees, the options of the module, new maps and groups, disconnects.
 
 #include <fcntl.h>
 #include <sys/shm.h>
@@ -182,8 +182,8 @@ TEST_F(Connections, WithoutASemaphoreForEventsEndAndComeBackWithIt) {
   EXPECT_TRUE(succeeded(smb("Anna", "mkdir Shared\\Team\\Newer")));
 }
 
-// A write that fails is a loss as far as the library can tell: it says so and ends the process. The
-// records stay in the buffer all the same, and the share comes back by itself.
+// The library takes a failed write for a loss of events: it makes the sync-off marker and ends the
+// process. The records are in the buffer still, and the share comes back by itself.
 TEST_F(Connections, TellTheAgentWhenTheStagingDirectoryIsFullAndComeBack) {
   mount_small_disk(kStagingDir, 8192);
   for (int i = 0; i < 4; ++i) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A deletion that one user asks for and the close of another carries out: the rights are those of
-// the one who asked, and so is the event.
+// Deletions that one user asks for and the close of another user carries out. The rights and the
+// event are those of the user who asked.
 
 #include "tests/samba/wire.hpp"
 
@@ -15,7 +15,7 @@ class Deletions : public WireClients {
     make_folder("Shared/Team/Old");
     publish_team({}, {{kWriters, 7}, {kReaders, 1}});  // Anna's rights are her group's.
   }
-  // Each of the two has its own process of the server.
+  // Each of the two users has a server process of its own.
   static std::string asked_by_anna(const std::string& asker, const std::string& name,
                                    const std::string& kind = "0") {
     return wire(kBen, "anna = Client('" + asker + "')\n" + "a = anna.open('" + name +

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Every call of the module that can fail is made to, one after another, while clients work: nothing
-// that is forbidden is let through, nothing changes without an event, and the server lives.
+// Each call of the module fails once, one after the other, while clients work. Nothing forbidden
+// gets through, nothing changes without an event, and the server lives on.
 
 #include <algorithm>
 #include <filesystem>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kMostFaults = 1000;
 
-// Name, and content or kind, of everything in the tree.
+// The name of everything in the tree, with its content or its kind.
 std::map<std::string, std::string> tree_now() {
   std::map<std::string, std::string> tree;
   for (const auto& entry : std::filesystem::recursive_directory_iterator("/tavrix")) {
@@ -63,7 +63,7 @@ class Faults : public Appliance {
     EXPECT_LT(n, kMostFaults);
     return n - 1;
   }
-  // The tree that the events make of another one: names alone.
+  // The names of a tree after the events were applied to it.
   static std::set<std::string> replay(const Lines& told, std::set<std::string> names) {
     for (const std::string& line : told) {
       std::istringstream in(line);

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Create requests with every disposition, access mask and option that a client can send, and then
-// what a handle that was granted is good for: by every kind of caller, on every kind of object.
-// Whatever a case is, nothing changes that its caller may not change, every change is told, and no
-// hidden name is.
+// Random create requests: any disposition, access mask and option, by every kind of caller, on
+// every kind of object, and then requests by the handle that was granted. In every case nothing
+// changes that the caller may not change, every change has an event, and no hidden name is shown.
 
 #include <random>
 
@@ -22,7 +21,7 @@ struct Place {
 
 class GeneratedCreates : public MatrixWorld, public testing::WithParamInterface<Place> {
  protected:
-  // The server's own answer to the first step, where no rights are in the way.
+  // The answer of the plain share to the first step: that of the server alone.
   std::string plain_status(Json request) {
     request["share"] = "plain";
     request["as"] = kAdministrator.name;
@@ -36,7 +35,7 @@ class GeneratedCreates : public MatrixWorld, public testing::WithParamInterface<
     return plain_[key] = status;
   }
 
-  // False once a case went wrong that often: one cause shows in many cases.
+  // False after that many wrong cases: they usually have one cause.
   bool try_case(const Role& role, const Json& request) {
     Account account{.caller = role.caller, .map = &map_, .request = request};
     account.before = disk_;

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""A client that tries only what it may not do, and writes down every name that it is told.
+"""A client that tries only forbidden things, and writes down every name that it learns.
 
 usage: intruder.py USER PASSWORD SEED TRIES TOLD_FILE
 TRIES 0 goes on until /scratch/stop is there. The names go into TOLD_FILE, a path of the share a
@@ -45,7 +45,7 @@ class Intruder:
             self.told.write((folder + "/" if folder else "") + name + "\n")
 
     def name(self):
-        """A target, in other letters at times, or a name that is not there."""
+        """A target, sometimes in other letter case, or a name that does not exist."""
         name = self.random.choice(TARGETS)
         if self.random.random() < 0.2:
             name += f"/new{self.random.randrange(5)}"
@@ -91,7 +91,7 @@ class Intruder:
                 pass
 
     def watch(self):
-        """Asks for notices while others work, and writes down what it is told."""
+        """Asks for notices while others work, and writes down the names in them."""
         folder = self.random.choice(WATCHED)
         handle = self.client.open(folder, FILE_READ_DATA, options=FILE_DIRECTORY_FILE)
         self.client.watch(handle)

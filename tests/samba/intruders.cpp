@@ -49,7 +49,8 @@ void make(const std::string& name, const std::string& content) {
 
 std::string told_file(const Intruder& intruder) { return "/scratch/told." + intruder.user; }
 
-// One session's worth for smbclient; it never says a hidden name, for it repeats what it is asked.
+// The commands of one smbclient session. They contain no hidden name, because smbclient repeats its
+// commands in its output.
 std::string commands(std::mt19937& random) {
   static const std::vector<std::string> kFiles = {"a.txt", "Sub\\b.txt", "viewed\\new.txt",
                                                   "drop\\new.txt", "new.txt"};

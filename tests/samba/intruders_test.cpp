@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Clients that try only what they may not do, for a moment and with seeds: the storm has them too.
+// Clients that try only forbidden things, briefly and with fixed seeds. The storm runs them too.
 
 #include "tests/samba/intruders.hpp"
 

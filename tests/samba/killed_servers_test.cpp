@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A server process that ends with a changed file open: the event comes all the same, once.
+// A server process that is killed while a changed file is open: the event comes once all the same.
 
 #include <sys/stat.h>
 
@@ -16,8 +16,8 @@ constexpr const char* kRescan = "/tavrix/.conf/tavrix_event_status.dirty";
 
 class KilledServers : public WireClients {
  protected:
-  // Anna changes a file and keeps it open, and every process that serves a client is killed. An act
-  // comes between.
+  // Anna changes a file and keeps it open, `act` runs, and then every process that serves a client
+  // is killed.
   void kill_while_changing(const std::string& name = "Shared/Team/report.txt",
                            const std::string& act = "pass") {
     start_smbd();
@@ -73,7 +73,7 @@ TEST_F(KilledServers, AskForARescanWhenTheFileIsNoLongerThere) {
   EXPECT_EQ(0U, notes());
 }
 
-// A power cut: the processes of another boot are gone, whoever has their numbers now.
+// After a power cut the noted process numbers belong to other processes, or to none.
 TEST_F(KilledServers, OfAnotherBootAreMadeUpForToo) {
   make_dirs(kNotes);
   struct stat st {};
@@ -110,8 +110,8 @@ TEST_F(KilledServers, AreMadeUpForOnceByManyClientsThatConnect) {
   EXPECT_EQ((Lines{"OPEN Shared/Team/report.txt"}), new_events());
 }
 
-// A client that may come back: its change is recorded when it goes, and its next one has a note
-// again.
+// The change of a client with a durable handle is recorded when it disconnects; its next change has
+// a note again.
 TEST_F(KilledServers, LeaveNoNoteOfAFileWhoseClientIsAway) {
   start_smbd();
   EXPECT_EQ("1\n0\n1\n",
@@ -136,7 +136,7 @@ TEST_F(KilledServers, LeaveNoNoteOfFilesThatWereOnlyReadOrDeleted) {
                                "print(len(os.listdir('/tavrix/.conf/changing')))\n"));
 }
 
-// Nothing would tell of a change when the process dies: it is refused.
+// A change without a note is refused: nothing would tell of it if the process died.
 TEST_F(KilledServers, CannotLoseAChangeThatLeavesNoNote) {
   write_file(kNotes, "no folder");
   start_smbd();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Names in other letters, on a share where case does not matter.
+// Names in other letter case, on a share that ignores case.
 
 #include <algorithm>
 

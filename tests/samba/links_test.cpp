@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A file of the tree has one name, and the tree holds files and folders only.
+// Hard links, symbolic links and special files are refused: a file has one name, and the tree holds
+// only files and folders.
 
 #include <sys/stat.h>
 
@@ -52,7 +53,7 @@ TEST_F(ClientsLinks, OfAFileAreRefusedToAdministratorsToo) {
   EXPECT_FALSE(exists(full("Shared/Team/o")));
 }
 
-// The extensions of the oldest dialect, where an administrator has switched them on.
+// The Unix extensions of SMB1, switched on by an administrator.
 TEST_F(ClientsLinks, AndDevicesAreRefusedToTheOldestDialect) {
   stop_smbd();
   configure({"tavrix:allow smb1 = yes"});

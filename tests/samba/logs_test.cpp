@@ -29,7 +29,8 @@ class Logs : public Appliance {
     log_->take();
     before_ = smbd_log();
   }
-  // Messages of a user's commands in the team's folder, whose connection has ended.
+  // The messages of one connection, from its begin to its end, with these commands in the team's
+  // folder.
   Lines messages_of(const Caller& caller, const std::string& commands) {
     smb(caller, "cd Shared\\Team; " + commands);
     while (!Client::servers().empty()) usleep(10000);
@@ -44,8 +45,7 @@ class Logs : public Appliance {
   static bool is(const std::string& text, const std::string& pattern) {
     return std::regex_match(text, std::regex(pattern));
   }
-  // The server's own log, without the group list that the library's reader writes to standard
-  // error.
+  // The server's log without the group list, which the library's reader prints on standard error.
   std::string new_in_smbd_log() {
     static const std::regex kGroups(
         "New gid list begins for user .* = 0x[0-9a-f]+|"
@@ -108,7 +108,7 @@ TEST_F(Logs, OfRefusalsHaveALineForEachRequest) {
   EXPECT_EQ("", new_in_smbd_log());
 }
 
-// The manual's filter leaves the ordinary lines out and errors in.
+// The log filter of the manual drops the ordinary lines and keeps the errors.
 TEST_F(Logs, TheFilterOfTheManualLeavesErrorsOnly) {
   const std::string guide = read_file(TAVRIX_SOURCE_DIR "/docs/appliance.md");
   std::smatch filter;

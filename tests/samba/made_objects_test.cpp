@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A file or a folder that a request made is recorded, although the request fails afterwards.
+// A request that makes a file or a folder and then fails: the new object is recorded.
 
 #include "tests/samba/wire.hpp"
 
@@ -15,7 +15,8 @@ class MadeObjects : public WireClients {
   static std::string create(const std::string& name, const std::string& more) {
     return "me.open('" + name + "', WRITE, FILE_CREATE, " + more + ")\n";
   }
-  // A mark of the library's is refused to everybody.
+  // Nobody may write an extended attribute of the library, so this create fails after the object is
+  // made.
   static std::string refused_ea() {
     return "contexts=[Context(b'ExtA', ea_list([('tavrix.fixed_folder', b'x')]))]";
   }
@@ -76,7 +77,7 @@ TEST_F(MadeObjects, AreRecordedOnceAndInOrder) {
       << "made, its time, its content";
 }
 
-// Two servers make the same names, as fast as they can.
+// Two server processes make the same names as fast as they can.
 TEST_F(MadeObjects, AreRecordedOnceWhenTwoClientsMakeThem) {
   start();
   const std::string script =

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Attributes, times and extended attributes: who may change them, by handle and by path, and what
-// is recorded.
+// Attributes, times and extended attributes, set by handle and by path: who may, and the events.
 
 #include <sys/stat.h>
 
@@ -37,19 +36,19 @@ class Metadata : public WireClients {
             attribute(name, "user.DOSATTRIB"),
             attribute(name, "user.COLOUR")};
   }
-  // Below the share, with their kinds.
+  // Paths below the share, with their kinds.
   Lines new_kinds() {
     const Lines all = event_lines();
     const Lines fresh(all.begin() + static_cast<std::ptrdiff_t>(told_), all.end());
     told_ = all.size();
     return fresh;
   }
-  // The server sets the time that it was given again when the file is closed.
+  // The server sets the same time again when the file is closed.
   std::set<std::string> new_changes() {
     const Lines fresh = new_kinds();
     return {fresh.begin(), fresh.end()};
   }
-  // Runs smbclient in the old protocol, which names paths where the new one has handles.
+  // Runs smbclient with SMB1, whose requests name paths where SMB2 uses handles.
   static std::string smb1(const Caller& caller, const std::string& commands) {
     const Outcome outcome = run_program(
         {"smbclient", "-s", "/scratch/samba/smb.conf", "--option=client min protocol=NT1", "-m",
@@ -92,7 +91,7 @@ TEST_F(Metadata, OfFoldersIsNotTheReadersToChange) {
   EXPECT_EQ(Lines{}, new_kinds());
 }
 
-// The server sets the time of what it was told to allocate, which for a folder is nothing.
+// Setting the allocation size of a folder allocates nothing, but the server sets its time.
 TEST_F(Metadata, OfFoldersDoesNotChangeWithTheSpaceThatIsAskedForThem) {
   start_smbd();
   const State before = state_of(kFolder);
@@ -166,7 +165,7 @@ TEST_F(Metadata, OfWhatIsMadeBelongsToItsMaking) {
   EXPECT_EQ((Lines{"MKDIR DIR /tavrix/Shared/Team/New"}), new_kinds());
 }
 
-// On the disk the reader's own, from a time when it could write.
+// The file belongs to the reader on the disk: it could write there once.
 TEST_F(Metadata, DoesNotFollowTheOwnerOnTheDisk) {
   ASSERT_EQ(0, chown(full(kFile).c_str(), kBen.uid, 65534));
   ASSERT_EQ(0, chown(full(kFolder).c_str(), kBen.uid, 65534));

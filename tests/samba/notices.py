@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""Watches a folder as one user while a script acts as others, and prints what was told.
+"""Watches a folder as one user while a script acts as others, and prints the notices.
 
 usage: notices.py USER FOLDER FENCE <SCRIPT
 The script is Python with the names of wire.py, a statement a line. Afterwards the administrator
@@ -18,7 +18,7 @@ ROUND_TRIPS = 5  # the process reads what the notify daemon sent in between
 
 
 class Watch:
-    """A watch of a folder and all below it; it is renewed as long as somebody waits for more."""
+    """A watch of a folder and everything below it, renewed after each notice."""
 
     def __init__(self, user, folder):
         self.client = Client(user)
@@ -27,7 +27,7 @@ class Watch:
         self.arm()
 
     def arm(self):
-        """Takes what waits already; true when the server waits for changes."""
+        """Takes the notices that have arrived; true when the server waits for changes."""
         self.is_armed = True
         self.client.watch(self.handle)
         while self.answer() != STATUS_PENDING:
@@ -35,7 +35,7 @@ class Watch:
             self.client.watch(self.handle)
 
     def answer(self, wanted=SMB2_CHANGE_NOTIFY):
-        """The status of the next answer to such a request; a notice that comes first is taken."""
+        """The status of the next answer to such a request; takes notices that come before it."""
         while True:
             data = self.client.smb._NetBIOSSession.recv_packet(20).get_trailer()
             status, command = struct.unpack_from("<LH", data, 8)
@@ -55,13 +55,13 @@ class Watch:
             data = data[step:] if step else b""
 
     def until(self, name):
-        """Waits for a notice about that name; what came before it has come then."""
+        """Waits for a notice about that name; all earlier ones have arrived by then."""
         while not any(told[1].endswith(name) for told in self.told):
             self.answer()
             self.arm()
 
     def settle(self):
-        """Takes what the process of the server has got by now."""
+        """Takes the notices that the server process has by now."""
         for _ in range(ROUND_TRIPS):
             packet = self.client.smb.SMB_PACKET()
             packet["Command"] = SMB2_ECHO
@@ -73,7 +73,7 @@ class Watch:
 
 
 def restart_daemon(admin, *watches):
-    """Kills the notify daemon, and waits until the watches are known to the next one."""
+    """Kills the notify daemon, and waits until the next one knows the watches."""
     session = open("/scratch/samba/smbd.pid").read().strip()
     os.system(f"kill -KILL $(pgrep -s {session} -f notifyd)")
     for number in range(200):

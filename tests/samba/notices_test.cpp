@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Change notices: a client is told of names that it could find by listing, and of no others.
+// Change notices name only what the client could find by listing.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@ namespace {
 
 class Notices : public WireClients {
  protected:
-  // Every notice comes from what a server did, in the order of that.
+  // Notices arrive in the order in which the servers acted.
   void SetUp() override {
     Appliance::SetUp();
     start("no");
@@ -22,8 +22,9 @@ class Notices : public WireClients {
          "' /scratch/samba/smb.conf");
     start_smbd();
   }
-  // The notices to a user that watches the folder and all below while "admin" acts. The fence
-  // is the last thing that happens; with a dash before it the user may not see it.
+  // The notices that a user gets who watches the folder and everything below while "admin" acts.
+  // The fence is the last change and shows that all notices arrived; a leading dash says that the
+  // user must not see it.
   static Lines told(const Caller& caller, const std::string& folder, const std::string& fence,
                     const std::string& script) {
     const Outcome outcome =
@@ -97,7 +98,7 @@ TEST_F(Notices, OfAMoveTellTheSideThatTheReaderMaySee) {
                      rename("Shared/Team/Ghost", "Shared/Team/Docs")));
 }
 
-// A viewer sees folders and no files; of a name that is gone nobody knows which of them it was.
+// A viewer sees folders and no files. The server cannot tell which of them a removed name was.
 TEST_F(Notices, TellAViewerOfFoldersOnly) {
   EXPECT_EQ((Lines{"ADDED Sub", "OLD Sub", "NEW Sub2"}),
             told(kBen, "Shared/Team/Gallery", "Shared/Team/Gallery/fence",
@@ -145,7 +146,7 @@ TEST_F(Notices, EndWhenTheRightsDo) {
   EXPECT_TRUE(map.wait().ok());
 }
 
-// The agent's own changes come by the kernel's watch of the one folder.
+// The agent changes the disk directly; the server hears of it by inotify, for one folder only.
 TEST_F(Notices, OfLocalChangesAreFilteredToo) {
   stop_smbd();
   start("yes");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// docs/operations.md names a test for every row: each of them is there.
+// docs/operations.md names a test for every row; each of these tests exists.
 
 #include <gtest/gtest.h>
 #include <algorithm>
@@ -14,7 +14,8 @@ namespace {
 
 const std::string kSources = TAVRIX_SOURCE_DIR;
 
-// "Suite.Test" of the macros in the folder's files; of a parametrised suite "Instance/Suite" too.
+// The "Suite.Test" names of the macros in the folder's files, and "Instance/Suite" of parametrised
+// suites.
 std::set<std::string> tests_in(const std::string& folder) {
   std::set<std::string> found;
   const std::regex test(R"(TEST(?:_F|_P)?\((\w+), (\w+)\))");
@@ -32,7 +33,7 @@ std::set<std::string> tests_in(const std::string& folder) {
   return found;
 }
 
-// The last cell of a row that has six.
+// The last cell of a table row with six cells.
 std::string cell_of_tests(const std::string& line) {
   const auto cells = std::count(line.begin(), line.end(), '|') - 1;
   if (!line.starts_with("| ") || cells != 6 || line.starts_with("| operation ")) return {};

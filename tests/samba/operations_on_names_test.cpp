@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Who may make, remove and rename, and what is recorded.
+// Making, removing and renaming: who may, and the events.
 
 #include "tests/samba/matrix/operation_table.hpp"
 

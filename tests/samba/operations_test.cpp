@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Who may look, read, write and set attributes, and what is recorded.
+// Listing, reading, writing and setting attributes: who may, and the events.
 
 #include "tests/samba/matrix/operation_table.hpp"
 

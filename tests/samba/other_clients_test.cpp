@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A client that nobody here wrote copies whole trees: rclone, as a writer and as those who may
-// less.
+// rclone, an independent client, copies whole trees as a writer and as users with fewer rights.
 
 #include "tests/samba/matrix/account.hpp"
 #include "tests/samba/matrix/judge.hpp"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Names that everybody may delete, and files of patterns that would let everybody delete
-// everything.
+// Deletable patterns: the names that everybody may delete, and pattern files so broad that they
+// would let everybody delete everything.
 
 #include "tests/samba/appliance.hpp"
 
@@ -11,7 +11,7 @@ const std::string kPatterns = "/scratch/patterns";
 
 class DeletableNames : public Appliance {
  protected:
-  // The settings name a file of this content.
+  // Makes the settings name a pattern file with this content.
   static void start_with(const std::string& content) {
     write_file(kPatterns, content);
     std::strcpy(global_params[PARAM_REGEX_FILE_NAME].value.strval, kPatterns.c_str());

@@ -19,11 +19,11 @@ assert low._Session["SessionID"] == before, "another session"
 def names():
     try:
         return sorted(e.get_longname() for e in connection.listPath("tavrix", pattern))
-    except Exception as error:  # what the server answers is the test's affair
+    except Exception as error:  # the test checks the answer
         return [str(error)]
 
 
-# The tree of before: a new one would be a new connection of the module.
+# The old tree connection: a new one would be a new connection of the module.
 low._Session["TreeConnectTable"]["tavrix"] = {"TreeConnectId": tree, "NumberOfUses": 10,
                                               **low._Session["TreeConnectTable"].get("tavrix", {})}
 print(" ".join(n for n in names() if n not in (".", "..")))

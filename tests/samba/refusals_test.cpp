@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Requests that are refused, however a client words them.
+// Forbidden requests, in every wording that the protocol has.
 
 #include <sys/stat.h>
 
@@ -113,7 +113,7 @@ TEST_F(Refusals, OfDeletingWhatLiesAtTheTopOfThePrivateArea) {
   expect_untouched("Private/stray.txt");
 }
 
-// The server looks for itself whether a folder is empty, and must see what its client may not.
+// The server checks that a folder is empty before it deletes it; the check must see hidden names.
 TEST_F(Refusals, OfRemovingAFolderWhoseRestIsHidden) {
   const Folder secret{.name = "Secret", .users = {{kAnna.uid, 0}}};
   const Folder box{.name = "Box", .users = {{kAnna.uid, 7}}, .children = {secret}};
@@ -144,7 +144,7 @@ TEST_F(Refusals, OfDeletingNamesOfThePatternsWhereTheSettingIsOff) {
   EXPECT_TRUE(exists(full("Shared/Team/~lock.x")));
 }
 
-// Such names may be deleted, and nothing else.
+// Names of the deletable patterns may be deleted, and nothing else may be done to them.
 TEST_F(Refusals, OfWritingToNamesOfThePatterns) {
   write_file("/scratch/patterns", "^~lock\\.\n");
   std::strcpy(global_params[PARAM_REGEX_FILE_NAME].value.strval, "/scratch/patterns");
@@ -161,7 +161,7 @@ TEST_F(Refusals, OfWritingToNamesOfThePatterns) {
   expect_untouched("Shared/Team/~lock.x");
 }
 
-// Access lists come with the map: copying tools set their own, which are taken and forgotten.
+// Access lists come from the map. Those that copying tools set are accepted and ignored.
 TEST_F(Refusals, AreNoneOfAccessListsWhichChangeNothing) {
   start_smbd();
   struct stat before {};

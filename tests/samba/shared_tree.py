@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 """SMB1: two users of one client on one tree connection: shared_tree.py FIRST SECOND PATTERN
-Prints what each of them sees, a line each: first, second, first again."""
+Prints the names that each of them sees, one line each: first, second, first again."""
 import sys
 
 from impacket import smb

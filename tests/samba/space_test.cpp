@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Free space, as clients see it.
+// The free space that clients see.
 
 #include <sys/statvfs.h>
 #include <regex>
@@ -20,13 +20,13 @@ std::ostream& operator<<(std::ostream& out, const Space& space) {
 
 class FreeSpace : public Appliance {
  protected:
-  // A disk of its own below the tree, which nobody else writes to.
+  // A separate disk below the tree, so that nothing else changes its free space.
   void SetUp() override {
     Appliance::SetUp();
     mount_small_disk("/tavrix/Shared/Team/Docs", 8 << 20);
     ASSERT_EQ(0, chmod("/tavrix/Shared/Team/Docs", 0700));
   }
-  // By the line at the end of a listing.
+  // The free space in the last line of a listing.
   static Space told_to(const Caller& caller, const std::string& folder) {
     const std::string said = smb(caller, "cd \"" + folder + "\\\"; ls");
     std::smatch part;
@@ -43,7 +43,7 @@ class FreeSpace : public Appliance {
     EXPECT_EQ(0, statvfs(folder.c_str(), &status)) << folder;
     return {status.f_blocks * status.f_frsize, status.f_bavail * status.f_frsize};
   }
-  // The server asks this command for quotas: they are on, and one user has one.
+  // The quota command of the server: quotas are on, and one user has one.
   static void give_quota_to(uid_t user) {
     write_file("/scratch/quota", R"(#!/bin/sh
 echo "$@" >>/scratch/asked

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Many clients for a long time, while everything around them moves.
+// Many clients for a long time, while maps, groups and server processes change.
 
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -28,7 +28,7 @@ class Storm : public Appliance, public testing::WithParamInterface<Weather> {
   static bool case_matters() { return GetParam().case_sensitive == std::string("yes"); }
   static std::string name_of(int client) { return "c" + std::to_string(client); }
 
-  // Random work in the client's own folder; what a command meets there is chance.
+  // Random work in the client's own folder.
   static std::string commands_of(int client, std::mt19937& random) {
     std::string commands = "cd Shared\\Team\\" + name_of(client);
     const auto some = [&random](const char* kind) {
@@ -83,7 +83,7 @@ class Storm : public Appliance, public testing::WithParamInterface<Weather> {
       run_program({"bash", "-c", limit + command});
     }
   }
-  // Work in a folder that is hidden from everybody but administrators: intruders wait for notices.
+  // Work in a folder that only administrators see, so that intruders would get notices of it.
   static void work_in_secret() {
     for (int round = 0; !exists("/scratch/stop"); ++round) {
       const std::string name = "hidden" + std::to_string(round % 7);
@@ -91,7 +91,7 @@ class Storm : public Appliance, public testing::WithParamInterface<Weather> {
                               name + " renamed_" + name + "; rm renamed_" + name);
     }
   }
-  // The tree that the events tell of, begun from nothing.
+  // The tree that results from the events alone.
   static std::map<std::string, bool> told_tree(const std::string& below) {
     std::map<std::string, bool> tree;
     for (const std::string& line : event_lines()) {
@@ -195,8 +195,8 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
   EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
 }
 
-// Without case the server looks through folders for names in other letters, and opens what it
-// finds.
+// On a share that ignores case the server searches folders for the name in other letters, and opens
+// what it finds.
 constexpr Weather kWeathers[] = {{"CaseMatters", "yes", 120}, {"CaseDoesNotMatter", "no", 60}};
 INSTANTIATE_TEST_SUITE_P(With, Storm, testing::ValuesIn(kWeathers),
                          [](const auto& instance) { return instance.param.name; });

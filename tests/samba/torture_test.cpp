@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Samba's own suites, as an administrator: what passes on a plain share of the same server passes
-// behind the module. Suites that wait for minutes are left to scripts/smbtorture.sh.
+// Samba's own suites, run as an administrator: a test that passes on a plain share of the same
+// server passes behind the module. scripts/smbtorture.sh runs the suites that take minutes.
 
 #include <gtest/gtest.h>
 
@@ -37,8 +37,8 @@ constexpr Suites kSuites[] = {
 
 class Torture : public testing::TestWithParam<Suites> {};
 
-// Some of Samba's tests measure time and fail on a busy machine, on either share. A difference that
-// the module makes is there each time.
+// Some of these tests measure time and fail on a busy machine, on either share. So a difference
+// counts only when it is there each time.
 TEST_P(Torture, PassesWhatPassesOnAPlainShare) {
   constexpr int kAttempts = 3;
   Outcome outcome;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// How a connection begins, where the tree lies, links in it, and two trees in one process.
+// The begin of a connection, the place of the tree, links in it, and two trees in one process.
 
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -48,7 +48,8 @@ class Trees : public Appliance {
   }
 };
 
-// --- how a connection begins --------------------------------------------------------------------
+// --- the begin of a connection
+// --------------------------------------------------------------------
 
 TEST_F(Trees, AreRefusedToClientsOfTheFirstProtocol) {
   edit("s|smb ports = 445|smb ports = 445\\n  server min protocol = NT1|");
@@ -171,7 +172,8 @@ TEST_F(Trees, GoOnWhenTheOtherOfTheirProcessEnds) {
   EXPECT_EQ(1U, Client::servers().size());
 }
 
-// --- where the tree lies ------------------------------------------------------------------------
+// --- the place of the tree
+// ------------------------------------------------------------------------
 
 class TreesElsewhere : public Trees, public testing::WithParamInterface<const char*> {
  protected:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The name that a client has in the group list map: a table of sessions.
+// A table of sessions, and the name under which each is looked up in the group list map.
 
 #include "samba/user_key.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Requests that smbclient does not make, by a client of the wire protocol (see wire.py).
+// Runs wire.py, a client that sends requests that smbclient cannot send.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ namespace tavrix::test {
 
 class WireClients : public Appliance {
  protected:
-  // Runs a script, a statement a line, as that user; "me" is its connection. A request that is
-  // refused prints the name of its status.
+  // Runs a Python script as that user; "me" is the connection. A refused request prints the name of
+  // its status.
   static std::string wire(const std::string& user, const std::string& script) {
     const Outcome outcome =
         run_program({"/usr/bin/python3", TAVRIX_SOURCE_DIR "/tests/samba/wire.py", user}, script);

@@ -198,7 +198,7 @@ class Client:
         return data
 
     def drop(self):
-        """Goes without a word, as a client does whose cable is pulled."""
+        """Closes the socket without a logoff, as a pulled cable does."""
         self.smb.get_socket().close()
 
     def leave(self):

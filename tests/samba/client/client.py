@@ -25,12 +25,12 @@ def status_name(status):
 
 
 def keeps(case):
-    """Whether the last step asks for the handles to stay open."""
+    """True if the last step asks for the handles to stay open."""
     return case["steps"][-1]["do"] == "keep"
 
 
 class Handle:
-    """An open object: where, under which name, and as what the server knows it."""
+    """An open object: its connection, its name and the server's number for it."""
 
     def __init__(self, wire, name, identity):
         self.wire, self.name, self.identity = wire, name, identity
@@ -44,7 +44,7 @@ class Client:
         self.waiting = {}
 
     def wire(self, user, share=None):
-        """The user's connection; a user who is nobody's account is a guest."""
+        """The user's connection; a user without an account is a guest."""
         share = share or self.share
         if (user, share) not in self.wires:
             self.wires[user, share] = Wire(user, user, share)
@@ -81,7 +81,7 @@ class Client:
         return answer
 
     def drop(self, step):
-        """Loses the connection without a word."""
+        """Closes the socket without a logoff."""
         wire = self.wires.pop((step["as"], step["share"] or self.share))
         wire.server._NetBIOSSession._sock.close()
         self.handles = {name: handle for name, handle in self.handles.items() if handle.wire is not wire}
@@ -158,7 +158,7 @@ class Client:
         return 0
 
     def noticed(self, name, handle, step, answer):
-        """What was told to a handle that waits; closes it, at once unless it shall wait for something."""
+        """The notices that a waiting handle got; closes it, at once unless it has to wait for some."""
         self.handles.pop(name)
         if step.get("wait"):
             said, data = handle.wire.notify_end(self.waiting.pop(name))

@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""Layouts of information levels: what a client packs into them, and the names that it finds in them."""
+"""Layouts of information levels: packs those that a client sets, and finds the names in answers."""
 
 import struct
 
 REQUEST_RESUME_KEY = 0x00140078
 
-# Levels of directory listings: the number, where the length of the name stands, where the name begins.
+# Levels of directory listings: number, offset of the name's length, offset of the name.
 LISTINGS = {
     "directory": (1, 60, 64),
     "full": (2, 60, 68),
@@ -21,7 +21,7 @@ NAME, ALL, ALTERNATE_NAME, STREAMS, NORMALIZED_NAME = 9, 18, 21, 22, 48
 
 
 def joined(folder, name):
-    """A path of the share, with slashes; a stream's name is its file's and a colon."""
+    """The path in the share, with slashes and without a stream's name."""
     folder = folder.replace("\\", "/").strip("/")
     name = name.replace("\\", "/")
     if name in ("", ".", ".."):
@@ -95,7 +95,7 @@ def attribute(name, value):
 
 
 def packed(step):
-    """What a client sends to set that level."""
+    """The body of a request that sets that level."""
     level = step["level"]
     if level == BASIC:
         times = [step.get(name, 0) for name in ("created", "accessed", "written", "changed")]

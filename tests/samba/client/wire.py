@@ -18,7 +18,7 @@ LAST = b"\xff" * 16  # the handle of an earlier request in a compound; of nothin
 
 
 class Answer:
-    """What the server said: a status, and the body of the reply."""
+    """The server's answer: a status and the body of the reply."""
 
     def __init__(self, packet):
         self.status = packet["Status"]
@@ -29,7 +29,7 @@ class Answer:
         return self.status == 0
 
     def buffer(self, offset_at, length_at, wide_offset=False):
-        """The part of the reply that a pair of offset and length in its body points at."""
+        """The part of the reply that an offset and a length in its body point at."""
         offset = struct.unpack_from("<I" if wide_offset else "<H", self.body, offset_at)[0]
         length = struct.unpack_from("<I", self.body, length_at)[0]
         return self.body[offset - HEADER : offset - HEADER + length] if length else b""
@@ -49,7 +49,7 @@ def context(tag, data):
 
 
 def chained(contexts):
-    """Create contexts one behind the other, each aligned and pointing at the next."""
+    """The chain of create contexts: each is aligned and has the offset of the next."""
     packed = [context(tag, data) for tag, data in contexts]
     out = b""
     for number, one in enumerate(packed):

@@ -22,7 +22,7 @@ std::string in_share(const std::string& path) {
   return path.starts_with(root) ? path.substr(root.size()) : path;
 }
 
-// Names with blanks are not in the tables.
+// No name in the tables has a blank, so words can be split there.
 Told parsed(const std::string& line) {
   Told told;
   std::string arrow;
@@ -33,13 +33,13 @@ Told parsed(const std::string& line) {
   return told;
 }
 
-// The tree that events tell of, begun from what was there.
+// The tree of before after the events were applied to it.
 class Replay {
  public:
   explicit Replay(const Disk& before) {
     for (const auto& [path, object] : before.objects()) tree_[path] = object.is_folder;
   }
-  // A complaint, or nothing.
+  // Returns a complaint, or an empty text.
   std::string play(const Told& told) {
     const bool there = tree_.contains(told.path);
     if (told.type != "OPEN") touched_.insert(parent_of(told.path));
@@ -60,7 +60,7 @@ class Replay {
   [[nodiscard]] bool was_renamed_to(const std::string& path) const {
     return renamed_to_.contains(path);
   }
-  // An entry of the folder came, went or was renamed.
+  // True if an entry of the folder came, went or was renamed.
   [[nodiscard]] bool was_touched(const std::string& folder) const {
     return touched_.contains(folder);
   }
@@ -176,7 +176,7 @@ class Audit {
     for (const auto& [path, folder] : replay_.tree()) {
       if (account_.after.find(path) == nullptr) complain("not told that it is gone: " + path);
     }
-    // The server marks what it renamed as changed since the last backup, and what a link leads to.
+    // The server sets the archive attribute of a file that it renames or links.
     std::set<std::string> renamed;
     for (const Event& event : account_.events) {
       const Told told = parsed(event.what);

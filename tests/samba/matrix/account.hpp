@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The account of one case: what was on the disk before and after, what was recorded, what the
-// client was told; and everything about it that must not be so.
+// The account of one case: the disk before and after, the events, and the names that the client was
+// shown; and the check of these against the policy.
 #pragma once
 
 #include <string>
@@ -24,8 +24,8 @@ struct Account {
   std::vector<Event> events;
 };
 
-// Empty: nothing was changed that the caller may not change, the events replay to what is on the
-// disk, each by the caller and each change told, and no name was told that the map hides.
+// The complaints about a case. Empty when the caller changed only what it may change, the events
+// replay to what is on the disk, each of them by the caller, and no hidden name was shown.
 std::vector<std::string> complaints_about(const Account& account);
 
 // The events since the last call.

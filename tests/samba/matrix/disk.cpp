@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kStamp = "user.tavrix.last_smb_accessed_by";
 
-// In hexadecimal: values are shown where a test fails.
+// Hexadecimal text, for the values are shown when a test fails.
 std::string attribute_of(const std::string& path, const char* name) {
   char value[4096];
   const ssize_t size = lgetxattr(path.c_str(), name, value, sizeof value);
@@ -72,7 +72,7 @@ Disk::Object object_at(const fs::path& path, const std::string& root) {
   return object;
 }
 
-// The path that an object of before has now, by the renamed folders above it.
+// The present path of an object, after the renames of the folders above it.
 std::string moved(const std::string& path, const std::map<std::string, std::string>& renamed) {
   for (std::string above = path;;) {
     if (const auto found = renamed.find(above); found != renamed.end()) {
@@ -101,7 +101,7 @@ class Comparison {
     const auto slash = path.rfind('/');
     touched_.insert(slash == std::string::npos ? "" : path.substr(0, slash));
   }
-  // From the top down, so that what lies below a renamed folder is where it has to be already.
+  // From the top down: a renamed folder is settled before what lies below it.
   void find_renamed() {
     std::map<ino_t, std::string> now_at;
     for (const auto& [path, object] : after_.objects()) {
@@ -136,7 +136,7 @@ class Comparison {
       }
     }
   }
-  // One that another was renamed onto is part of that.
+  // An object that was replaced by a rename is part of that rename.
   void vanished(const std::string& path, const Disk::Object* now, const std::string& now_at) {
     touch_parent(path);
     if (now != nullptr) {

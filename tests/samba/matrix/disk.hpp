@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The tree on the disk as a client could change it: names, kinds, content, times, attributes; and
-// what is different between two moments.
+// Everything on the disk that a client could change (names, kinds, content, times, attributes), and
+// the differences between two moments.
 #pragma once
 
 #include <sys/types.h>
@@ -49,7 +49,8 @@ struct Change {
 };
 std::string text_of(const Change& change);
 
-// Below a renamed folder nothing is named again; a folder's time changes with its entries.
+// What lies below a renamed folder is not listed again, and a folder's time may change with its
+// entries.
 std::vector<Change> changes_between(const Disk& before, const Disk& after);
 
 }  // namespace tavrix::test

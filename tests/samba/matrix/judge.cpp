@@ -46,8 +46,8 @@ e_file_type Judge::type_of(const std::string& path) const {
   return found->is_folder ? FSTYPE_FOLDER : FSTYPE_FILE;
 }
 
-// The caller's own entry, and where that says nothing or only "pass through" those of its groups;
-// the right to pass through is never inherited.
+// The rights of the caller: its own entry, or those of its groups where it has none or may only
+// pass through. The right to pass through is never inherited.
 uint32_t Judge::mask_on(const std::string& path) const {
   if (type_of(path) == FSTYPE_DOES_NOT_EXIST) return kAll;
   const Governing acl = naive_lookup(map_, path);
@@ -110,8 +110,8 @@ bool Judge::may(e_fsop_type op, const std::string& path) const {
   return granted || is_special_name(path);
 }
 
-// The share, the areas and the folders of users stay whoever asks; marked ones unless it is an
-// administrator who does.
+// Nobody removes or renames the share, its areas and the folders of users; only an administrator
+// removes or renames a marked folder.
 bool Judge::stays(const std::string& path) const {
   const bool is_agent = caller_.name == "syncagent";
   const bool is_of_the_top = parent_of(path).empty() || parent_of(path) == "Private";
@@ -134,14 +134,14 @@ bool Judge::may_rename(const std::string& from, const std::string& to) const {
   const bool moves = folder && parent_of(from) != parent_of(to);
   if (folder && stays(from)) return false;
   if (type_of(to) != FSTYPE_DOES_NOT_EXIST && !may_remove(to)) return false;
-  // A name that everybody may make is no leave to take away what stands under another.
+  // A destination that everybody may make does not allow taking the source away.
   const bool to_special = is_special_name(to) && !is_special_name(from);
   if (folder && to_special && !may(FSOP_MOVE_SRC, from)) return false;
   return may(moves ? FSOP_MOVE_SRC : FSOP_OPEN_WRITE, from) &&
          may(moves ? FSOP_MOVE_DEST : FSOP_RENAME_DEST, to);
 }
 
-// A folder is written by whoever may make something in it.
+// Writing to a folder means making something in it.
 bool Judge::may_change(const std::string& path) const {
   if (type_of(path) != FSTYPE_FOLDER) return may(FSOP_OPEN_WRITE, path);
   if (path.empty()) return caller_.name == "syncagent";

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A judge of what a caller may do: a model that shares nothing with the library but the names of
-// operations: the policy's table (rule_table), a naive lookup in the map (map_model), and the areas
-// of the tree.
+// An independent model of the policy: says what a caller may do, from the policy's table
+// (rule_table), a naive lookup in the map (map_model) and the areas of the tree. It shares only the
+// names of operations with the library.
 #pragma once
 
 #include <string>
@@ -18,18 +18,18 @@ class Judge {
   Judge(const Folder& map, const Caller& caller, const Disk& disk)
       : map_(map), caller_(caller), disk_(disk) {}
 
-  // One operation on one path of the share ("" is the share itself).
+  // True if the caller may do the operation on the path; "" is the share itself.
   [[nodiscard]] bool may(e_fsop_type op, const std::string& path) const;
   [[nodiscard]] bool sees(const std::string& path) const { return may(FSOP_STAT, path); }
 
-  // Changes that the disk may show afterwards, in the words of the policy.
+  // The changes that the disk may show afterwards.
   [[nodiscard]] bool may_make(const std::string& path, bool folder) const;
   [[nodiscard]] bool may_remove(const std::string& path) const;
   [[nodiscard]] bool may_rename(const std::string& from, const std::string& to) const;
   [[nodiscard]] bool may_rename_to(const std::string& to) const {
     return may(FSOP_RENAME_DEST, to);
   }
-  // Content of a file; times, attributes and extended attributes of either.
+  // The content of a file, or times, attributes and extended attributes of a file or a folder.
   [[nodiscard]] bool may_change(const std::string& path) const;
 
  private:

@@ -19,8 +19,8 @@ std::string statuses(const Json& answer) {
   return text;
 }
 
-// One line for the same change told twice: times and content are told by themselves. "CREATE
-// Shared/Team/new" of "CREATE FILE /tavrix/Shared/Team/new".
+// An event as the table writes it: "CREATE Shared/Team/new" for "CREATE FILE
+// /tavrix/Shared/Team/new". Changes of times and of content become one line.
 Lines short_lines(const std::vector<Event>& events) {
   Lines lines;
   for (const Event& event : events) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The table "operation x caller": rows of an operation, who may, what a client sends, and the
-// events there are then. Who is not in a row is refused; what a refused one did leaves the disk as
-// it was, and nothing is recorded.
+// The table "operation x caller": a row has an operation, the callers who may, the requests of a
+// client, and the events that follow. Every other caller is refused: the disk stays as it was and
+// nothing is recorded.
 #pragma once
 
 #include <set>
@@ -74,7 +74,7 @@ inline constexpr uint32_t kNoFolder = 0x40;
 
 class Operations : public MatrixWorld {
  protected:
-  // Every row, as every caller.
+  // Runs every row as every caller.
   void check(const std::vector<Row>& rows);
 
  private:

@@ -14,13 +14,14 @@ constexpr uint32_t kDeleteOnClose = 0x1000;
 constexpr uint32_t kDelete = 0x00010000;
 constexpr uint32_t kMaximum = 0x02000000;
 constexpr uint32_t kGenericAll = 0x10000000;
-// Write and append data, write attributes and extended attributes, delete, also what is inside,
-// change the access list or the owner, and the generic words for those.
+// Access bits that change something: write and append data, write attributes and extended
+// attributes, delete, delete children, change the access list or the owner, and the generic bits
+// for these.
 constexpr uint32_t kChanging = 0x00000156 | kDelete | 0x000C0000 | 0x40000000 | 0x10000000;
 
 enum Disposition { kSupersede, kOpen, kCreate, kOpenIf, kOverwrite, kOverwriteIf };
 
-// Each right alone, then what clients really ask for.
+// Each right alone, then the masks of real clients.
 const std::vector<uint32_t> kMasks{
     0x1,        0x2,        0x4,        0x8,        0x10,       0x20,       0x40,      0x80,
     0x100,      0x10000,    0x20000,    0x40000,    0x80000,    0x100000,   0x1000000, 0x2000000,
@@ -45,7 +46,7 @@ const std::vector<uint32_t> kOptions{0,
                                      0x2,
                                      0x800};
 
-// An access list without entries; a link; an object's number.
+// The bodies of an access list without entries, of a link, and of an object's number.
 constexpr const char* kNoAccess = "01000480000000000000000000000000140000000200080000000000";
 constexpr const char* kReparsePoint = "0c0000a00c0000000000020004000200000000007800780000";
 constexpr const char* kObjectId =
@@ -54,7 +55,7 @@ constexpr const char* kObjectId =
     "00000000000000000000000000000000"
     "00000000000000000000000000000000";
 
-// Uses of a handle; a refused one has none.
+// Uses of a handle. They follow only when the create was granted.
 std::vector<Json> uses_of(const std::string& path) {
   const std::string sibling =
       with_backslashes(path.empty() ? "Shared/Team/moved" : path + ".moved");
@@ -116,7 +117,7 @@ std::string with_backslashes(std::string path) {
 
 Json random_steps(const std::string& path, std::mt19937& random) {
   const std::vector<Json> uses = uses_of(path);
-  // A client asks for opening more often than for anything else.
+  // Opening is the most frequent disposition of clients.
   const auto disposition = random() % 3 == 0 ? kOpen : static_cast<Disposition>(random() % 6);
   Json steps = Json::array({{{"do", "create"},
                              {"name", with_backslashes(path)},
@@ -141,7 +142,7 @@ Expected expected_of(const Json& create, const Judge& judge, const Disk& disk) {
   const bool enters = judge.may(FSOP_CHDIR, parent_of(path));
   if (object == nullptr) {
     if (!makes) return Expected::kRefuses;
-    // Nothing directly in the private area is opened to be removed, whoever asks.
+    // Nobody opens an entry of the private area itself for removal.
     const bool everything = (access & (kMaximum | kGenericAll)) != 0;
     if (parent_of(path) == "Private" && (removes || everything)) return Expected::kEither;
     if (!judge.may_make(path, (options & kDirectory) != 0)) return Expected::kRefuses;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Requests by chance: what a client may send, and what the policy makes of it.
+// Random requests that a client may send, and the verdict of the policy on them.
 #pragma once
 
 #include <random>
@@ -10,7 +10,7 @@
 
 namespace tavrix::test {
 
-// A create request about the path with any disposition, mask and options, and two uses of the
+// A create request for the path with random disposition, mask and options, and two uses of the
 // handle.
 Json random_steps(const std::string& path, std::mt19937& random);
 

@@ -25,7 +25,7 @@ Robot::Robot(const std::string& share) {
   if (pid_ == 0) {
     dup2(to_client[0], STDIN_FILENO);
     dup2(from_client[1], STDOUT_FILENO);
-    // Debian's own: another Python may stand in front of it, without the package.
+    // Debian's Python by its path: another one in front of it would lack the package.
     execl("/usr/bin/python3", "python3", "-B", kProgram, share.c_str(), nullptr);
     _exit(127);
   }

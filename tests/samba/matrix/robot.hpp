@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A client that executes one case after the other, as any of its users:
-// tests/samba/client/client.py, with connections that stay open.
+// Runs tests/samba/client/client.py, a client that executes one case after the other as any of its
+// users, on connections that stay open.
 #pragma once
 
 #include <sys/types.h>
@@ -17,9 +17,9 @@ class Robot {
   ~Robot();
   Robot(const Robot&) = delete;
   Robot& operator=(const Robot&) = delete;
-  // A whole case, and what the server said to each of its steps.
+  // Runs a case and returns the answer to each of its steps.
   Json run(const Json& request);
-  // The steps of one user.
+  // The same with all steps by one user.
   Json run(const std::string& user, const Json& steps);
 
  private:
@@ -30,7 +30,7 @@ class Robot {
   std::string read_line();
 };
 
-// The status of a step, by name without "NT_STATUS_"; "NO_HANDLE" behind a create that was refused.
+// The status of a step, without "NT_STATUS_"; "NO_HANDLE" for a step after a refused create.
 std::string status_of(const Json& answer, std::size_t step);
 
 }  // namespace tavrix::test

@@ -39,8 +39,8 @@ void add_users() {
   ASSERT_EQ(0, rename("/scratch/groups", "/etc/tavrix/groupmap_refresh"));
 }
 
-// The same tree behind a share without the module, whose users are all root: what the server itself
-// makes of a request.
+// A share of a second tree without the module, on which every user is root. It shows the answers of
+// the server alone.
 constexpr const char* kPlainShare = R"(
 [plain]
   path = /scratch/plain
@@ -67,7 +67,7 @@ void file(const fs::path& path, uid_t owner = 0) {
   own(path, owner);
 }
 
-// The share's own folder cannot be made anew: a server stands in it.
+// Empties the share's folder and keeps it, because a server process works in it.
 void clean(const fs::path& root) {
   char names[4096];
   const ssize_t size = listxattr(root.c_str(), names, sizeof names);
@@ -114,7 +114,7 @@ void make_tree(const std::string& root_name) {
   file(root / "Private/pat/diary.txt", kPat.uid);
   folder(root / "Private/olga", kOlga.uid);
   file(root / "Private/olga/diary.txt", kOlga.uid);
-  // As on the appliance: clients reach nothing by their own identity.
+  // The modes of the appliance: clients reach nothing with their own identity.
   for (const char* top : {"Shared", "Private"}) fs::permissions(root / top, fs::perms::owner_all);
 }
 
@@ -153,7 +153,7 @@ Folder matrix_map() {
 
 void MatrixWorld::SetUp() {
   Appliance::SetUp();
-  // Reading changes no time here: whatever changes one is a change.
+  // Mounted so that reading changes no time: then every new time is a change.
   ASSERT_EQ(0, mount("/tavrix", "/tavrix", nullptr, MS_BIND, nullptr));
   ASSERT_EQ(0, mount(nullptr, "/tavrix", nullptr, MS_REMOUNT | MS_BIND | MS_NOATIME, nullptr));
   publish_map(matrix_map());

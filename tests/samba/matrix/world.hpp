@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // The world of the table "operation x caller": a map, users with each kind of right, a tree with
-// each kind of object, one server with the module and a plain share beside it.
+// each kind of object, and a server with the module and with a plain share.
 #pragma once
 
 #include <map>
@@ -13,7 +13,7 @@
 
 namespace tavrix::test {
 
-// Callers beyond those of every test.
+// Callers in addition to those of every test.
 extern const Caller kEddy;       // of the writers: may write in Shared/Team, and not delete folders
 extern const Caller kVera;       // may view Shared/Team
 extern const Caller kNina;       // may pass through Shared/Team
@@ -22,7 +22,7 @@ extern const Caller kSyncAgent;  // the reserved user
 extern const Caller kComputer;
 extern const Caller kGuest;  // whoever has no account
 
-// All of the table, by what they are.
+// All callers of the table, by their kind.
 struct Role {
   const char* name;
   const Caller* caller;
@@ -30,7 +30,7 @@ struct Role {
 const std::vector<Role>& roles();
 Folder matrix_map();
 
-// Everything below the share, or below the plain one, as it is at the beginning of each case.
+// Makes everything below the share, or below the plain one, as it is at the begin of each case.
 inline const std::string kPlainRoot = "/scratch/plain";
 void make_tree(const std::string& root);
 
@@ -39,7 +39,7 @@ class MatrixWorld : public Appliance {
   void SetUp() override;
   void TearDown() override;
   Robot& robot() { return *robot_; }
-  // Options of the share with the module, beyond those of the world.
+  // Further options of the share with the module.
   virtual Lines options() { return {}; }
 
  private:
