@@ -23,7 +23,8 @@ Fault any_fault(Storm& storm, const Calls& calls) {
   const std::string call = storm.any_of(calls);
   const auto [error, name] = storm.any_of(errors);
   const std::string first = std::to_string(1 + storm.below(8));
-  const std::string times = storm.below(4) == 0 ? "3" : "1";
+  const char* const many[] = {"1", "1", "1", "3", "3", "99"};
+  const std::string times = storm.any_of(many);
   return {call + ":" + std::to_string(error) + ":" + first + ":" + times,
           call + " " + name + " at " + first + ", " + times + " times"};
 }
