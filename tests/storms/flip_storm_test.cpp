@@ -235,9 +235,9 @@ TEST_F(FlipStorm, OfTheSettingsIsRefusedOrTaken) {
     if (outcome.exit_code != 0) {
       EXPECT_NE("", outcome.err) << where;
     }
-    storm.count(outcome.exit_code != 0                        ? "refused with a message"
-                : contains(outcome.err, "settings of before") ? "the settings of before hold"
-                                                              : "taken");
+    storm.count(outcome.exit_code != 0                                ? "refused with a message"
+                : contains(outcome.err, "the previous settings hold") ? "the previous settings hold"
+                                                                      : "taken");
     write_settings(65536, 1);
     EXPECT_EQ(0, ctl({"config", "load", kConf}).exit_code) << where;
     EXPECT_EQ(0, once().exit_code) << where;
