@@ -14,7 +14,7 @@
 #include "tools/sweeper/paths.hpp"
 #include "tools/sweeper/staging_owner.hpp"
 #include "tools/sweeper/trouble.hpp"
-#include "utils/staging/dump_in_flight.hpp"
+#include "utils/staging/sync_folder.hpp"
 
 namespace tavrix::sweeper {
 namespace {

@@ -18,6 +18,7 @@
 #include "utils/parameters.hpp"
 #include "utils/staging/dump_in_flight.hpp"
 #include "utils/staging/staging.hpp"
+#include "utils/staging/sync_folder.hpp"
 
 namespace tavrix::sweeper {
 namespace {

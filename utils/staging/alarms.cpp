@@ -12,8 +12,8 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "utils/root_scope.hpp"
-#include "utils/staging/dump_in_flight.hpp"
 #include "utils/staging/staging.hpp"
+#include "utils/staging/sync_folder.hpp"
 
 namespace tavrix {
 namespace {

@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "eventstore.h"
+#include "utils/staging/sync_folder.hpp"
 
 namespace tavrix {
 namespace {
@@ -245,12 +246,6 @@ Settled settle_marked_dump(const char* dir, Records buffered) noexcept {
 
 Settled settle_dump(const char* dir, const char* name, Records buffered) noexcept {
   return Leftover(dir, name, false).settle(buffered);
-}
-
-void sync_folder(const char* dir) noexcept {
-  const ErrnoKeeper keep;
-  const Fd folder(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folder) fsync(folder.get());
 }
 
 }  // namespace tavrix

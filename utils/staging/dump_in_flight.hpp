@@ -98,8 +98,4 @@ enum class Settled {
 // True if the directory has a mark.
 [[nodiscard]] bool has_flush_mark(const char* dir) noexcept;
 
-// A name that was never synced can vanish with the power, and the file with it. The result of the
-// caller does not depend on it: the records are in the file.
-void sync_folder(const char* dir) noexcept;
-
 }  // namespace tavrix

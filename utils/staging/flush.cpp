@@ -21,6 +21,7 @@
 #include "utils/root_scope.hpp"
 #include "utils/staging/dump_in_flight.hpp"
 #include "utils/staging/staging.hpp"
+#include "utils/staging/sync_folder.hpp"
 
 namespace tavrix {
 namespace {
