@@ -33,7 +33,7 @@ void read_mark(const char* dir, char (&name)[kMarkRoom]) noexcept {
   name[size > 0 ? size : 0] = '\0';
 }
 
-// A mark is a file name in its directory and nothing else.
+// True for a name that a flush gives: a plain file name with the right start.
 bool is_temp_name(const char* name) noexcept {
   return std::strncmp(name, kTempDumpPrefix, std::strlen(kTempDumpPrefix)) == 0 &&
          std::strchr(name, '/') == nullptr;
@@ -44,7 +44,7 @@ bool read_whole(int fd, std::byte* bytes, std::size_t size) noexcept {
     const ssize_t got = pread(fd, bytes + at, size - at, static_cast<off_t>(at));
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) {
-      if (got == 0) errno = EIO;  // it was longer a moment ago
+      if (got == 0) errno = EIO;  // the file shrank
       return false;
     }
     at += static_cast<std::size_t>(got);
@@ -54,7 +54,7 @@ bool read_whole(int fd, std::byte* bytes, std::size_t size) noexcept {
 
 enum class Shape { kWhole, kCut, kForeign };
 
-// Whole frames one after the other; cut: whole ones and a part of one.
+// kWhole: frames only; kCut: frames and then a part of one.
 Shape shape_of(Records bytes) noexcept {
   for (std::size_t at = 0; at < bytes.size();) {
     staging_data_s head{};
@@ -104,10 +104,10 @@ class Leftover {
   }
 
  private:
-  // The kernel gives back the semaphore of a killed process before it gives up its locks. In
-  // between its file is marked and still locked. A flusher that lives gives the semaphore back only
-  // when its file is gone or the buffer is empty, so a file whose records are in the buffer has
-  // none. Every other file can wait: nobody empties the buffer of its records.
+  // The kernel gives back the semaphore of a killed process before its locks. In between, its file
+  // is marked and still locked. A live flusher gives the semaphore back only when its file is gone
+  // or the buffer is empty, so a locked file whose records are in the buffer has no live flusher.
+  // Every other file can wait, because nobody empties the buffer of its records.
   Settled settle_of_the_dying(Records bytes, Records buffered) noexcept {
     return !bytes.empty() && starts_with(buffered, bytes) ? remove() : Settled::kLive;
   }
@@ -124,8 +124,8 @@ class Leftover {
     }
   }
 
-  // The power cut it, or a bit of it flipped. Events that it alone had are lost, so the agent hears
-  // of it before it goes.
+  // A power cut or a flipped bit has damaged the file. Its events may be lost, so the agent is told
+  // before the file goes.
   Settled remove_cut() noexcept {
     return mark_event_db_as_rescan_needed("a file of events was cut") == 0 ? remove()
                                                                            : Settled::kFailed;
@@ -133,8 +133,8 @@ class Leftover {
 
   Settled remove() noexcept { return unlink(path_) == 0 ? Settled::kRemoved : Settled::kFailed; }
 
-  // Under the time at which its records were written, for readers go by that, and never in the
-  // place of another file.
+  // Gives the file a dump file's name with the time at which its records were written, because
+  // readers go by that time. Never replaces another file.
   Settled publish(const timespec& written) noexcept {
     if (fsync(fd_.get()) != 0) return Settled::kFailed;
     auto seconds = static_cast<long long>(written.tv_sec);
@@ -170,12 +170,12 @@ bool TempDump::create(const char* dir) noexcept {
     fd_.reset(mkostemp(path_, O_CLOEXEC));
     exists_ = static_cast<bool>(fd_);
     if (!exists_) return false;
-    // Files that cannot be locked are settled by nobody either.
+    // Where files cannot be locked, nobody settles them, so the file is usable.
     const bool is_taken = flock(fd_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     struct stat info {};
     const bool is_removed = fstat(fd_.get(), &info) == 0 && info.st_nlink == 0;
     if (!is_taken && !is_removed) return true;
-    // The sweeper came between the two calls and took the empty file for a dead flusher's.
+    // Between the two calls the sweeper took the empty file for a dead flusher's. Make another one.
     fd_.reset();
     exists_ = false;
   }
@@ -185,7 +185,7 @@ bool TempDump::create(const char* dir) noexcept {
 
 void TempDump::discard() noexcept {
   const ErrnoKeeper keep;
-  // First the name: without the lock it would be anybody's.
+  // The name goes first: an unlocked file under a temporary name would be settled by others.
   if (exists_) unlink(path_);
   exists_ = false;
   fd_.reset();
@@ -236,7 +236,8 @@ Settled settle_marked_dump(const char* dir, Records buffered) noexcept {
     return Settled::kGone;
   }
   const Settled result = Leftover(dir, name, true).settle(buffered);
-  // A file that stays locked is not in the buffer: its flusher or the sweeper publishes it.
+  // The buffer does not hold the records of a file that stays locked; its flusher or the sweeper
+  // publishes it.
   if (result != Settled::kFailed) {
     const ErrnoKeeper keep;
     lremovexattr(dir, kMark);

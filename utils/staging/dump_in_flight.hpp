@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// A dump file on its way: the temporary file of one flush, and what the next flusher or the sweeper
-// can tell of it when its flusher was killed.
+// A dump file on its way: the temporary file of one flush. When its flusher is killed, the next
+// flusher or the sweeper settles the file.
 //
-// A lock on the file, which goes with its flusher, says that somebody works on it. A mark on the
+// The flusher holds a lock on the file; the kernel drops it when the flusher dies. A mark on the
 // staging directory names the file from before its first byte until the buffer is empty; it is set
-// and cleared under the staging semaphore. So a file that no one holds is in one of these states:
+// and cleared under the staging semaphore. So an unlocked file is in one of these states:
 //
 //   empty                      nothing is in it
 //   marked, in the buffer      its flusher died before it emptied the buffer: the buffer has the
@@ -14,7 +14,7 @@
 //                              them
 //
 // The kernel gives back the semaphore of a killed process before the lock. So a marked file may be
-// locked although its flusher is past doing anything; the content decides then.
+// locked although its flusher is already dying; its content decides then.
 //
 // A flusher that finds a mark settles the file before it empties the buffer, because afterwards
 // nobody could tell the second state from the third.
@@ -29,7 +29,8 @@ namespace tavrix {
 
 constexpr const char* kTempDumpPrefix = "txtemp";
 
-// A file under a temporary name, locked; unlinked unless it was given its own.
+// A locked file under a temporary name. The end of its life unlinks it, unless it was renamed or
+// kept.
 class TempDump {
  public:
   TempDump() noexcept = default;
@@ -39,9 +40,9 @@ class TempDump {
 
   [[nodiscard]] bool create(const char* dir) noexcept;
   void discard() noexcept;
-  // Closes it too, and with that gives up the lock, but not before it has its name.
+  // Renames the file, then closes it and so gives up the lock.
   [[nodiscard]] bool rename_to(const char* name) noexcept;
-  // Leaves it to be settled.
+  // Closes the file and leaves it for others to settle.
   void keep() noexcept;
   [[nodiscard]] int fd() const noexcept { return fd_.get(); }
   [[nodiscard]] const char* path() const noexcept { return path_; }
@@ -53,9 +54,8 @@ class TempDump {
   bool exists_ = false;
 };
 
-// The mark that says which file the flusher with the semaphore writes to. Where the file system has
-// no room for it, flushing goes on without: then a kill at the wrong moment may leave records
-// twice.
+// The mark names the file that the holder of the semaphore writes to. Without room for it in the
+// file system the flush goes on; a kill at the wrong moment may then leave records twice.
 class FlushMark {
  public:
   FlushMark() noexcept = default;
@@ -65,31 +65,33 @@ class FlushMark {
 
   enum class Before {
     kNone,       // no flusher was killed with its mark set
-    kSettled,    // one was: its file may have got a dump file's name with this process's number
-    kUnsettled,  // its file cannot be looked at now. Its mark stays, and nothing is marked: who
-                 // empties the buffer all the same may leave records twice
+    kSettled,    // one was; its file may now be a dump file with this process's number
+    kUnsettled,  // its file cannot be read now. Its mark stays and no other is set, so a flush
+                 // that empties the buffer anyway may leave records twice
   };
-  // Settles the file of a mark that is there. The caller holds the semaphore; `buffered` are the
+  // Settles the file of an earlier mark first. The caller holds the semaphore; `buffered` are the
   // records in the buffer now.
   [[nodiscard]] Before set(const char* dir, const char* name,
                            std::span<const std::byte> buffered) noexcept;
   void clear() noexcept;
 
  private:
-  const char* dir_ = nullptr;  // that of the mark, which the caller keeps; null: not set
+  const char* dir_ =
+      nullptr;  // the marked directory; the caller keeps the string. Null: no mark is set
 };
 
 enum class Settled {
   kGone,       // there is no such file
   kLive,       // its flusher lives
-  kRemoved,    // it was empty or cut, or the buffer has its records still
-  kPublished,  // it alone had its records: it has the name of a dump file now
-  kForeign,    // it holds what no flush writes, and is where it was
-  kFailed,     // errno says why; it is where it was
+  kRemoved,    // it was empty or cut, or the buffer still has its records
+  kPublished,  // it had the only copy of its records and is a dump file now
+  kForeign,    // no flush wrote it; it stays where it was
+  kFailed,     // errno says why; it stays where it was
 };
 
-// Settles the temporary file of a flusher that may be dead: the one of the mark, which goes with
-// it, or the one of that name. The caller holds the semaphore, and settles the marked one first.
+// Settle the temporary file of a flusher that may be dead: the first one the marked file, and
+// removes the mark; the second one the file of that name. The caller holds the semaphore and
+// settles the marked file first.
 [[nodiscard]] Settled settle_marked_dump(const char* dir,
                                          std::span<const std::byte> buffered) noexcept;
 [[nodiscard]] Settled settle_dump(const char* dir, const char* name,
