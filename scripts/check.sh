@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Checks the sources without building them: their format, their licences, that generated files are
-# current, and that clang-tidy finds nothing in the files that differ from the main branch.
+# Checks the sources without building them: their format, their licences, that no test is skipped,
+# that generated files are current, and that clang-tidy finds nothing in the files that differ from
+# the main branch.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -22,6 +23,11 @@ while read -r file; do
 done < <(git ls-files '*.cpp' '*.hpp' '*.c' '*.h' '*.proto' '*.sh' '*.py' '*.cmake' '*CMakeLists.txt' |
   grep -v '\.pb-c\.')
 [ $wrong = 0 ] || exit 1
+
+if git grep -n "GTEST_SKIP\|DISABLED_" -- tests; then
+  echo "a test that is skipped tells nothing" >&2
+  exit 1
+fi
 
 generated=$(mktemp -d)
 trap 'rm -rf "$generated"' EXIT

@@ -35,7 +35,7 @@ class Child {
   [[nodiscard]] pid_t pid() const { return pid_; }
   void kill();
   Outcome wait();
-  // What it has written while it runs.
+  // The output so far, while it runs.
   [[nodiscard]] std::string out_so_far() const;
   [[nodiscard]] std::string err_so_far() const;
 

@@ -170,7 +170,7 @@ bool TempDump::create(const char* dir) noexcept {
     fd_.reset(mkostemp(path_, O_CLOEXEC));
     exists_ = static_cast<bool>(fd_);
     if (!exists_) return false;
-    // Where files cannot be locked, nobody settles them, so the file is usable.
+    // A file that cannot be locked is usable: nobody settles files on such a file system.
     const bool is_taken = flock(fd_.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     struct stat info {};
     const bool is_removed = fstat(fd_.get(), &info) == 0 && info.st_nlink == 0;

@@ -49,8 +49,8 @@ struct Change {
 };
 std::string text_of(const Change& change);
 
-// What lies below a renamed folder is not listed again, and a folder's time may change with its
-// entries.
+// The differences of two states of the disk. Objects below a renamed folder are not listed again,
+// and a folder's time may change with its entries.
 std::vector<Change> changes_between(const Disk& before, const Disk& after);
 
 }  // namespace tavrix::test
