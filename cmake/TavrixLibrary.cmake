@@ -8,9 +8,11 @@ pkg_check_modules(PROTOBUF_C REQUIRED IMPORTED_TARGET libprotobuf-c)
 set(TAVRIX_SOURCES
   connection/check_perms.cpp
   connection/deletable_patterns.cpp
+  connection/entries.cpp
   connection/group_list_map.cpp
   connection/identity.cpp
   connection/operation_mapping.cpp
+  connection/session.cpp
   connection/settings_snapshot.cpp
   connection/verdict_cache.cpp
   events/audit_buffer.cpp

@@ -17,6 +17,7 @@
 #include "tavrix_getgrouplist.h"
 #include "tavrix_lists.h"
 #include "tavrix_perms.h"
+#include "tavrix_session.h"
 #include "tavrix_stack.h"
 #include "tavrix_structs.h"
 #include "tavrix_utils.h"
