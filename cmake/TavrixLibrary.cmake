@@ -12,7 +12,6 @@ set(TAVRIX_SOURCES
   connection/group_list_map.cpp
   connection/identity.cpp
   connection/operation_mapping.cpp
-  connection/session.cpp
   connection/settings_snapshot.cpp
   connection/verdict_cache.cpp
   events/audit_buffer.cpp
@@ -39,6 +38,7 @@ set(TAVRIX_SOURCES
   permissions/import/report.cpp
   permissions/import/size_pass.cpp
   permissions/map/acl.cpp
+  permissions/map/held_table.cpp
   permissions/map/image_dump.cpp
   permissions/map/image_layout.cpp
   permissions/map/image_lookup.cpp
@@ -47,6 +47,7 @@ set(TAVRIX_SOURCES
   permissions/map/path_elements.cpp
   permissions/map/tables.cpp
   regex_parser/regex_parser.cpp
+  sessions/session.cpp
   sweeper/sweeper_log.cpp
   utils/change_id.cpp
   utils/name_compare.cpp
@@ -62,6 +63,7 @@ set(TAVRIX_SOURCES
   utils/staging/dump_file.cpp
   utils/staging/dump_in_flight.cpp
   utils/staging/flush.cpp
+  utils/staging/held_buffer.cpp
   utils/staging/segment.cpp
   utils/staging/semaphore.cpp
 )

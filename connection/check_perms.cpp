@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "connection/check_perms.hpp"
 #include "internal/assert.hpp"
 #include "internal/scoped.hpp"
 #include "logging.h"
@@ -36,21 +37,6 @@ e_vfs_enforce_perms unusable_path(const char* path, int error) {
   return TXPERMS_HAS_PERMS;
 }
 
-e_vfs_enforce_perms decide(const char* shareroot, const char* clean, e_fsop_type op,
-                           connection_private_data_s& connection, int force_path_type) {
-  if (connection.reserved_user != 0) return TXPERMS_HAS_PERMS;
-  const CString full(get_full_path(shareroot, clean));
-  if (full == nullptr) return TXPERMS_MALLOC_ERR;
-  TAVRIX_LOG(1, "Calling vfs_enforce_perms path=(%s) op=(%d), full_path=[%s]\n", clean,
-             static_cast<int>(op), full.get());
-  int is_nav = 0;
-  const e_vfs_enforce_perms verdict =
-      vfs_enforce_perms(shareroot, full.get(), op, &connection.groupmap, force_path_type, &is_nav);
-  TAVRIX_LOG(kTrace, "tavrix_%s: vfs_enforce_perms retval=%d\n", "check_perms",
-             static_cast<int>(verdict));
-  return verdict;
-}
-
 // Keeps grants and refusals. Errors and the standard user's verdict are not kept, so the next check
 // decides again.
 void remember(const char* clean, e_fsop_type op, e_vfs_enforce_perms verdict,
@@ -73,6 +59,31 @@ void remember(const char* clean, e_fsop_type op, e_vfs_enforce_perms verdict,
 }
 
 }  // namespace
+
+e_vfs_enforce_perms verdict_on_clean(const char* shareroot, const char* clean, e_fsop_type op,
+                                     connection_private_data_s& connection, int force_path_type) {
+  if (connection.reserved_user != 0) return TXPERMS_HAS_PERMS;
+  const CString full(get_full_path(shareroot, clean));
+  if (full == nullptr) return TXPERMS_MALLOC_ERR;
+  TAVRIX_LOG(1, "Calling vfs_enforce_perms path=(%s) op=(%d), full_path=[%s]\n", clean,
+             static_cast<int>(op), full.get());
+  int is_nav = 0;
+  const e_vfs_enforce_perms verdict =
+      vfs_enforce_perms(shareroot, full.get(), op, &connection.groupmap, force_path_type, &is_nav);
+  TAVRIX_LOG(kTrace, "tavrix_%s: vfs_enforce_perms retval=%d\n", "check_perms",
+             static_cast<int>(verdict));
+  return verdict;
+}
+
+e_vfs_enforce_perms verdict_on(const char* shareroot, const char* path, e_fsop_type op,
+                               connection_private_data_s& connection, int force_path_type) {
+  if (connection.groupmap.is_computer_acct != 0) return TXPERMS_NO_PERM;
+  errno = 0;
+  const CString clean(normalize_path(path));
+  if (clean == nullptr) return unusable_path(path, errno);
+  return verdict_on_clean(shareroot, clean.get(), op, connection, force_path_type);
+}
+
 }  // namespace tavrix
 
 e_vfs_enforce_perms check_perms(const char* shareroot, const char* path, e_fsop_type op,
@@ -94,7 +105,7 @@ e_vfs_enforce_perms check_perms(const char* shareroot, const char* path, e_fsop_
     return cached;
   }
   const e_vfs_enforce_perms verdict =
-      tavrix::decide(shareroot, clean.get(), op, *connection, force_path_type);
+      tavrix::verdict_on_clean(shareroot, clean.get(), op, *connection, force_path_type);
   tavrix::remember(clean.get(), op, verdict, cached, slot, cache);
   return verdict;
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// One object of a type for each thread, made at the thread's first use.
+// One object of a type for each thread, made at the thread's first use. An object that owns more
+// than its memory gives the rest back in at_thread_end().
 //
 // Not thread_local: servers load this library at run time, and a thread that cannot get the memory
 // for its thread-local variables ends the process. Here it gets no object, and does without.
@@ -36,7 +37,7 @@ class PerThread {
 
   static void make_key() noexcept {
     static_cast<void>(&forget);  // a use, so that the compiler emits it
-    has_key_ = pthread_key_create(&key_, &unmap) == 0;
+    has_key_ = pthread_key_create(&key_, &end) == 0;
   }
   // The memory comes from the kernel, in pages that cost nothing until they are touched.
   static Object* make() noexcept {
@@ -44,20 +45,26 @@ class PerThread {
         mmap(nullptr, sizeof(Object), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (block == MAP_FAILED) return nullptr;
     if (pthread_setspecific(key_, block) != 0) {
-      unmap(block);
+      munmap(block, sizeof(Object));
       return nullptr;
     }
     return new (block) Object;
   }
-  static void unmap(void* block) noexcept {
-    if (block != nullptr) munmap(block, sizeof(Object));
+  static void end(void* block) noexcept {
+    if (block == nullptr) return;
+    if constexpr (requires(Object & object) { object.at_thread_end(); }) {
+      static_cast<Object*>(block)->at_thread_end();
+    }
+    munmap(block, sizeof(Object));
   }
 
   // Runs before the library is unloaded: a thread that ends later must not call into it. The memory
   // of other threads stays allocated.
   [[gnu::destructor]] static void forget() noexcept {
     if (!has_key_) return;
-    unmap(pthread_getspecific(key_));
+    void* block = pthread_getspecific(key_);
+    pthread_setspecific(key_, nullptr);
+    end(block);
     pthread_key_delete(key_);
     has_key_ = false;
   }

@@ -7,7 +7,7 @@
 //                   buffer, stamps
 //   RootInHook      hooks, for a look at a file         real, effective  stays      yes
 //   stay_root       hooks, for the operation itself     real, effective  stays      (1)
-//   RootIdentity    the decision                        effective        effective  no: asserts
+//   LazyRoot        the decision, scopes of decisions   effective        effective  in a scope
 //   TAVRIX_AS_ROOT  the module (samba/identity.c),      real, effective  effective  yes
 //                   around a whole request
 //
@@ -84,16 +84,45 @@ class [[nodiscard]] RootInHook {
   return raise_permissions(slot) == 1;
 }
 
-// Root for the length of a scope, with the group. errno survives the way back.
-class [[nodiscard]] RootIdentity {
+// Root with the group, from the first become() to the end of the decision, or of the scope of
+// decisions that it is in. A decision that needs no privilege changes nothing. errno survives the
+// way back.
+class [[nodiscard]] LazyRoot {
  public:
-  RootIdentity() noexcept { _change_id(TAVRIX_CHANGE_ID_ROOT); }
-  ~RootIdentity() {
+  LazyRoot() noexcept = default;
+  ~LazyRoot() {
+    if (is_root_) give_back();
+  }
+  LazyRoot(const LazyRoot&) = delete;
+  LazyRoot& operator=(const LazyRoot&) = delete;
+
+  void become() noexcept {
+    if (is_root_ || decision_scopes.is_root) return;
+    _change_id(TAVRIX_CHANGE_ID_ROOT);
+    (decision_scopes.open > 0 ? decision_scopes.is_root : is_root_) = true;
+  }
+
+  // Scopes of decisions nest.
+  static void begin_scope() noexcept { ++decision_scopes.open; }
+  static void end_scope() noexcept {
+    if (--decision_scopes.open > 0 || !decision_scopes.is_root) return;
+    decision_scopes.is_root = false;
+    give_back();
+  }
+
+ private:
+  static void give_back() noexcept {
     const ErrnoKeeper keep;
     _change_id(TAVRIX_CHANGE_ID_BACK);
   }
-  RootIdentity(const RootIdentity&) = delete;
-  RootIdentity& operator=(const RootIdentity&) = delete;
+  // The identity is the whole process's, and so is this.
+  struct Scopes {
+    unsigned open;
+    bool is_root;
+  };
+  static inline Scopes decision_scopes{};
+
+  bool is_root_ = false;
 };
 
 }  // namespace tavrix

@@ -12,8 +12,8 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "perm_enforcer.h"
-#include "perm_map.h"
 #include "permissions/decision/caller.hpp"
+#include "permissions/map/held_table.hpp"
 #include "permissions/map/image_lookup.hpp"
 #include "tavrix_utils.h"
 #include "utils/root_scope.hpp"
@@ -45,12 +45,6 @@ CString join(const char* root, const char* path, std::size_t length) {
   std::memcpy(end, path, length);
   end[length] = '\0';
   return joined;
-}
-
-// Looks as root, because the client itself may not reach the object.
-int stat_as_root(const char* path, struct stat& status) {
-  const RootIdentity root;
-  return stat(path, &status);
 }
 
 bool begins_with(const char* path, std::string_view prefix) {
@@ -302,11 +296,10 @@ class Decision {
     return kGoOn;
   }
 
-  // Only the superuser may attach a table. One switch of identity covers attach, lookup and detach.
-  Ruling read_acls(AclPtr& acl, AclPtr& parent_acl) const {
-    const RootIdentity root;
+  Ruling read_acls(AclPtr& acl, AclPtr& parent_acl) {
     TAVRIX_LOG(4, "ENFORCE_PERMS Before get_perm_map_addr");
-    void* perm_buf = get_perm_map_addr();
+    const CurrentTable table(root_);
+    void* perm_buf = table.get();
     TAVRIX_LOG(4, "ENFORCE_PERMS After get_perm_map_addr %p", perm_buf);
     if (perm_buf == nullptr) {
       TAVRIX_LOG(0, "ENFORCE_PERMS ERROR Cannot access the permission map");
@@ -316,7 +309,6 @@ class Decision {
                real_path_.get());
     const int failure =
         governing_acls(perm_buf, {real_path_.get(), path_length()}, acl, parent_acl);
-    put_perm_map_addr(perm_buf);
     if (failure == 0) return kGoOn;
     if (acl == nullptr) {
       TAVRIX_LOG(0, "ENFORCE_PERMS ERROR Cannot read tavrix ACL");
@@ -438,6 +430,12 @@ class Decision {
     return TXPERMS_NO_PERM;
   }
 
+  // Looks as root, because the client itself may not reach the object.
+  int stat_as_root(const char* path, struct stat& status) {
+    root_.become();
+    return stat(path, &status);
+  }
+
   [[nodiscard]] bool is_admin() const { return caller_.admin != 0; }
   [[nodiscard]] bool is_poweruser() const { return caller_.poweruser != 0; }
   [[nodiscard]] bool is_file_operation() const {
@@ -470,6 +468,7 @@ class Decision {
   e_file_type path_type_ = FSTYPE_INVAL;
   uint32_t perm_mask_ = 0;
   uint32_t p_perm_mask_ = 0;
+  LazyRoot root_;  // looks at objects and attaches the table
 };
 
 }  // namespace

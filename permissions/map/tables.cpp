@@ -16,6 +16,7 @@
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "permissions/map/attached_table.hpp"
+#include "permissions/map/tables.hpp"
 #include "read_perms.h"
 
 namespace tavrix {
@@ -193,8 +194,9 @@ class Attacher {
   // cache and trust the offsets.
   void remember_table() const {
     const ErrnoKeeper keep;
-    AttachedTable* attached = attached_table.get();
-    if (attached == nullptr) return;
+    AttachedTables* tables = attached_tables.get();
+    if (tables == nullptr) return;
+    AttachedTable* attached = &tables->passing;
     *attached = {};
     shmid_ds status{};
     if (shmctl(segment_, IPC_STAT, &status) != 0) return;
@@ -230,6 +232,18 @@ class Attacher {
 };
 
 }  // namespace
+
+int set_of_tables() noexcept { return perm_map_sem.sem; }
+
+int index_in_set(int set) noexcept {
+  const int index = semctl(set, kCurrentTable, GETVAL);
+  return index == 0 || index == 1 ? index : -1;
+}
+
+int segment_of_table(int index) noexcept {
+  return shmget(perm_map_shm_keys[static_cast<std::size_t>(index)], 0, 0);
+}
+
 }  // namespace tavrix
 
 using tavrix::kTag;
@@ -407,7 +421,7 @@ void* get_perm_map_addr(void) {
 }
 
 void put_perm_map_addr(void* addr) {
-  tavrix::AttachedTable* attached = tavrix::attached_table.find();
-  if (attached != nullptr && attached->address == addr) *attached = {};
+  tavrix::AttachedTables* tables = tavrix::attached_tables.find();
+  if (tables != nullptr && tables->passing.address == addr) tables->passing = {};
   shmdt(addr);
 }

@@ -23,9 +23,9 @@ namespace fs = std::filesystem;
 
 const std::string kSource = TAVRIX_SOURCE_DIR;
 const std::string kObjectList = TAVRIX_BUILD_DIR "/tavrix_objects.txt";
-constexpr const char* kLibraryFolders[] = {"connection",   "events",   "hooks",
-                                           "include",      "internal", "permissions",
-                                           "regex_parser", "sweeper",  "utils"};
+constexpr const char* kLibraryFolders[] = {"connection", "events",      "hooks",        "include",
+                                           "internal",   "permissions", "regex_parser", "sessions",
+                                           "sweeper",    "utils"};
 
 using Names = std::set<std::string>;
 // The users of each part, what they use, and by which names.

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "logging.h"
+#include "utils/staging/held_buffer.hpp"
 #include "utils/staging/staging.hpp"
 
 namespace tavrix {
@@ -15,9 +16,9 @@ namespace {
 constexpr unsigned kSecondsBetweenTries = 5;
 constexpr long kTriesBetweenComplaints = 5;
 
-void hold_or_give_up(StagingHold& hold) {
+void acquire_or_give_up(BufferForAppend& access) {
   StagingRetries retries;
-  for (int cause = 0; !hold.acquire(cause);) {
+  for (int cause = 0; !access.acquire(cause);) {
     if (cause == ENOENT) {
       TAVRIX_LOG(0, "Eventstore semaphore does not exist pid: %d", getpid());
       give_up_events();
@@ -41,16 +42,16 @@ enum class Append { kDone, kNoBuffer, kFull };
 
 // One attempt to append; holds the semaphore while it looks at the buffer.
 Append try_append(const staging_data_s& record, uint32_t length, int threshold) {
-  StagingHold hold;
-  hold_or_give_up(hold);
-  const StagingAttachment buffer(get_eventstore_staging_buffer());
-  if (!buffer) {
+  BufferForAppend access;
+  acquire_or_give_up(access);
+  staging_buffer_s* buffer = access.attach();
+  if (buffer == nullptr) {
     TAVRIX_LOG(0, "cannot access the staging buffer. errno = %d(%s)", errno, strerror(errno));
     return Append::kNoBuffer;
   }
   // The comparison is signed and may wrap, as in every program that uses the buffer.
   if (static_cast<int32_t>(buffer->next_offset + length) >= threshold) {
-    hold.release();
+    access.release();
     TAVRIX_LOG(0, "Write thrshld Exceeded. offset:%d size:%d thrsh:%d",
                static_cast<int>(buffer->next_offset), static_cast<int>(length), threshold);
     return Append::kFull;
@@ -61,9 +62,9 @@ Append try_append(const staging_data_s& record, uint32_t length, int threshold) 
     TAVRIX_LOG(0, "writing a buffer without a proper signature");
   }
   require_sound_header(*buffer, length);
-  std::memcpy(reinterpret_cast<std::byte*>(&*buffer) + buffer->next_offset, &record, length);
+  std::memcpy(reinterpret_cast<std::byte*>(buffer) + buffer->next_offset, &record, length);
   store_staging_head(*buffer, buffer->num_records + 1, buffer->next_offset + length);
-  hold.release();
+  access.release();
   return Append::kDone;
 }
 

@@ -97,24 +97,33 @@ int initialize_staging_buffer(void) {
   return 0;
 }
 
-staging_buffer_s* get_eventstore_staging_buffer(void) {
-  const key_t key = tavrix::buffer_key();
-  if (key == -1) {
+staging_buffer_s* tavrix::attach_staging_segment(StagingSegment& segment) noexcept {
+  segment.key = buffer_key();
+  if (segment.key == -1) {
     TAVRIX_LOG(0, "cannot create staging buffer key. errno = %d(%s)", errno, strerror(errno));
     return nullptr;
   }
-  const int shmid = shmget(key, tavrix::staging_segment_size(), tavrix::kEveryone);
-  if (shmid == -1) {
+  segment.id = shmget(segment.key, staging_segment_size(), kEveryone);
+  if (segment.id == -1) {
     TAVRIX_LOG(0, "\ncannot get the shared memory for staging buffer. errno = %d(%s)", errno,
                strerror(errno));
     return nullptr;
   }
-  tavrix::ShmAttachment segment(shmat(shmid, nullptr, 0));
-  if (!segment) {
+  ShmAttachment attachment(shmat(segment.id, nullptr, 0));
+  if (!attachment) {
     TAVRIX_LOG(0, "cannot attach to shm. errno = %d(%s)", errno, strerror(errno));
     return nullptr;
   }
-  return static_cast<staging_buffer_s*>(segment.release());
+  return static_cast<staging_buffer_s*>(attachment.release());
+}
+
+bool tavrix::is_present_segment(const StagingSegment& segment) noexcept {
+  return shmget(segment.key, staging_segment_size(), kEveryone) == segment.id;
+}
+
+staging_buffer_s* get_eventstore_staging_buffer(void) {
+  tavrix::StagingSegment segment;
+  return tavrix::attach_staging_segment(segment);
 }
 
 void put_eventstore_staging_buffer(staging_buffer_s* buffer) {

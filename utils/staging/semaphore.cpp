@@ -35,6 +35,10 @@ int change(int semid, short delta) {
 
 }  // namespace
 
+bool take_staging_set(int set) noexcept { return change(set, -1) == 0; }
+
+bool post_staging_set(int set) noexcept { return change(set, 1) == 0; }
+
 }  // namespace tavrix
 
 // Reports a failed System V call with the semaphore's key, as ipcs(1) shows it.
@@ -84,15 +88,15 @@ int destroy_eventstore_staging_buffer_semaphore(void) {
   return 1;
 }
 
-int wait_eventstore_semaphore(int* err) {
-  const key_t key = tavrix::semaphore_key();
+int tavrix::wait_on_staging_set(int* err, int* set) noexcept {
+  const key_t key = semaphore_key();
   if (key == -1) {
     *err = errno;
     TAVRIX_LOG(0, "cannot create the staging buffer semaphore.  errno = %d(%s)", *err,
                strerror(*err));
     return -1;
   }
-  const int semid = semget(key, tavrix::kSemaphores, 0);
+  const int semid = semget(key, kSemaphores, 0);
   if (semid == -1) {
     *err = errno;
     if (*err == ENOENT) {
@@ -103,7 +107,7 @@ int wait_eventstore_semaphore(int* err) {
     }
     return -1;
   }
-  const int result = tavrix::change(semid, -1);
+  const int result = change(semid, -1);
   if (result == -1) {
     *err = errno;
     if (*err == EINTR) {
@@ -112,8 +116,15 @@ int wait_eventstore_semaphore(int* err) {
     } else {
       TAVRIX_LOG_CALL_FAILED("semop", key);
     }
+    return result;
   }
+  *set = semid;
   return result;
+}
+
+int wait_eventstore_semaphore(int* err) {
+  int set = -1;
+  return tavrix::wait_on_staging_set(err, &set);
 }
 
 int post_eventstore_semaphore(void) {

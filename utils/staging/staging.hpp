@@ -2,6 +2,7 @@
 // The parts of the staging buffer that its files share: segment, append and flush.
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -63,6 +64,12 @@ inline void post_staging_semaphore_until_done() noexcept {
   }
 }
 
+// wait_eventstore_semaphore() with the set that it waited on, which stays what it was on failure.
+[[nodiscard]] int wait_on_staging_set(int* err, int* set) noexcept;
+// One attempt at a set that is known; false with errno. EINVAL or EIDRM: the set was removed.
+[[nodiscard]] bool take_staging_set(int set) noexcept;
+[[nodiscard]] bool post_staging_set(int set) noexcept;
+
 // Holds the staging semaphore for a scope.
 class [[nodiscard]] StagingHold {
  public:
@@ -100,6 +107,16 @@ class [[nodiscard]] StagingAttachment {
  private:
   staging_buffer_s* buffer_;
 };
+
+// A segment under the buffer's key.
+struct StagingSegment {
+  key_t key = -1;
+  int id = -1;
+};
+// get_eventstore_staging_buffer() with the segment that it attached.
+[[nodiscard]] staging_buffer_s* attach_staging_segment(StagingSegment& segment) noexcept;
+// True if the key still means that segment, and the segment has the size of the settings.
+[[nodiscard]] bool is_present_segment(const StagingSegment& segment) noexcept;
 
 // The size of the segment by the settings of this moment.
 [[nodiscard]] std::size_t staging_segment_size() noexcept;
