@@ -12,13 +12,17 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <set>
 #include <stdexcept>
 
 #include "bench/sample_map.hpp"
 #include "perm_enforcer.h"
 #include "perm_map.h"
+#include "perm_utils.h"
 #include "permissions/map/image.hpp"
+#include "tavrix_session.h"
+#include "tavrix_utils.h"
 
 namespace tavrix::bench {
 namespace {
@@ -63,27 +67,39 @@ struct Questions {
   std::vector<std::string> paths;
 };
 
-void decision(benchmark::State& state) {
-  const Questions questions(
-      shape_of(static_cast<uint64_t>(state.range(0)), static_cast<unsigned>(state.range(1))));
-  vfs_set_admins_powerusers(9001, kPowerUsers);
-  gid_t groups[] = {100, 101, 102, kPowerUsers};
-  process_trustees_s caller{};
-  caller.euid = kUser;
-  caller.egid = kGroup;
-  caller.num_sup_gids = 4;
-  caller.gids = groups;
-  const ServerIdentity identity;
+// A power user in four groups.
+struct Caller {
+  Caller() {
+    vfs_set_admins_powerusers(9001, kPowerUsers);
+    trustees.euid = kUser;
+    trustees.egid = kGroup;
+    trustees.num_sup_gids = 4;
+    trustees.gids = groups;
+  }
+  gid_t groups[4] = {100, 101, 102, kPowerUsers};
+  process_trustees_s trustees{};
+};
+
+void ask(benchmark::State& state, const Questions& questions) {
+  Caller caller;
   std::size_t next = 0;
   int is_nav = 0;
   const long faults = page_faults();
   for (auto _ : state) {
     const std::string& path = questions.paths[next++ % kQuestions];
-    const int verdict = vfs_enforce_perms("/tavrix", path.c_str(), FSOP_STAT, &caller, 0, &is_nav);
+    const int verdict =
+        vfs_enforce_perms("/tavrix", path.c_str(), FSOP_STAT, &caller.trustees, 0, &is_nav);
     if (verdict != TXPERMS_HAS_PERMS && verdict != TXPERMS_NO_PERM) state.SkipWithError("verdict");
   }
   state.counters["faults"] = benchmark::Counter(static_cast<double>(page_faults() - faults),
                                                 benchmark::Counter::kAvgIterations);
+}
+
+void decision(benchmark::State& state) {
+  const Questions questions(
+      shape_of(static_cast<uint64_t>(state.range(0)), static_cast<unsigned>(state.range(1))));
+  const ServerIdentity identity;
+  ask(state, questions);
 }
 
 // The pages of the image that any answer has to read: the header, the root, the record and the name
@@ -158,8 +174,8 @@ void decision_floor(benchmark::State& state) {
   for (auto _ : state) {
     const std::size_t question = next++ % kQuestions;
     struct stat info {};
-    as_root([&] { stat(questions.paths[question].c_str(), &info); });
     as_root([&] {
+      stat(questions.paths[question].c_str(), &info);
       stat("/etc/tavrix/.permbe_map", &info);
       const int index = current_index();
       const int shmid = shmget(index == 0 ? TAVRIX_PERM_TABLE0_KEY : TAVRIX_PERM_TABLE1_KEY, 0, 0);
@@ -186,6 +202,90 @@ void growth_sizes(benchmark::internal::Benchmark* growth) {
 }
 BENCHMARK(decision)->Apply(growth_sizes);
 BENCHMARK(decision_floor)->Apply(growth_sizes);
+
+// --- in a session
+// ---------------------------------------------------------------------------------
+
+// Decisions of a process that is root already, as the module is when it asks.
+void session_decision(benchmark::State& state) {
+  const Questions questions(shape_of(static_cast<uint64_t>(state.range(0))));
+  tavrix_session_begin();
+  ask(state, questions);
+  tavrix_session_end();
+}
+
+// The identity, the object, and whether the table is still the current one.
+void session_decision_floor(benchmark::State& state) {
+  const Questions questions(shape_of(static_cast<uint64_t>(state.range(0))));
+  const int set = semget(ftok("/dev/null", TAVRIX_PERM_MAP_SEM_KEY_ID), 0, 0666);
+  std::size_t next = 0;
+  const long faults = page_faults();
+  for (auto _ : state) {
+    uid_t uids[3];
+    gid_t gids[3];
+    struct stat info {};
+    getresuid(&uids[0], &uids[1], &uids[2]);
+    getresgid(&gids[0], &gids[1], &gids[2]);
+    stat(questions.paths[next++ % kQuestions].c_str(), &info);
+    const int index = semaphore_value(set, 0);
+    shmget(index == 0 ? TAVRIX_PERM_TABLE0_KEY : TAVRIX_PERM_TABLE1_KEY, 0, 0);
+  }
+  state.counters["faults"] = benchmark::Counter(static_cast<double>(page_faults() - faults),
+                                                benchmark::Counter::kAvgIterations);
+}
+
+BENCHMARK(session_decision)->Arg(1'000)->Arg(1'000'000);
+BENCHMARK(session_decision_floor)->Arg(1'000)->Arg(1'000'000);
+
+// The entries of a listing: files of one folder, as a module reads them ahead.
+constexpr std::size_t kEntries = 256;
+
+std::vector<std::string> names_of_entries() {
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < kEntries; ++i) names.push_back("entry" + std::to_string(i) + ".txt");
+  return names;
+}
+
+// One entry of a batch whose types are known.
+void batch_entry(benchmark::State& state) {
+  const Questions questions(shape_of(static_cast<uint64_t>(state.range(0))));
+  Caller caller;
+  const auto connection = std::make_unique<connection_private_data_s>();
+  connection->groupmap = caller.trustees;
+  const auto names = names_of_entries();
+  std::vector<tavrix_entry_s> entries;
+  for (const std::string& name : names) entries.push_back({name.c_str(), FSTYPE_FILE, {}});
+  const ServerIdentity identity;
+  tavrix_session_begin();
+  std::size_t next = 0;
+  while (state.KeepRunningBatch(kEntries)) {
+    const std::string& folder = questions.paths[next++ % kQuestions];
+    tavrix_decide_entries("/tavrix", folder.c_str() + 8, FSOP_STAT, connection.get(),
+                          entries.data(), sizeof entries[0], entries.size());
+    if (entries[0].verdict > TXPERMS_HAS_PERMS) state.SkipWithError("verdict");
+  }
+  tavrix_session_end();
+}
+
+// The canonical path of the entry, the hash of its name, and the rule.
+void batch_entry_floor(benchmark::State& state) {
+  const auto names = names_of_entries();
+  std::vector<std::string> paths;
+  for (const std::string& name : names) paths.push_back("Shared/Folder/Folder/Folder/" + name);
+  std::size_t next = 0;
+  for (auto _ : state) {
+    const std::size_t entry = next++ % kEntries;
+    char* clean = normalize_path(paths[entry].c_str());
+    benchmark::DoNotOptimize(clean);
+    benchmark::DoNotOptimize(process_namecomponent_4hash(
+        names[entry].data(), static_cast<uint32_t>(names[entry].size())));
+    benchmark::DoNotOptimize(enforce_tavrix_permissions(FSOP_STAT, FSTYPE_FILE, 1, 1));
+    std::free(clean);
+  }
+}
+
+BENCHMARK(batch_entry)->Arg(1'000)->Arg(1'000'000);
+BENCHMARK(batch_entry_floor)->Arg(1'000)->Arg(1'000'000);
 
 }  // namespace
 }  // namespace tavrix::bench

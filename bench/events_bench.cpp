@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "tavrix_session.h"
 #include "vfs_common.h"
 
 namespace tavrix::bench {
@@ -124,6 +125,40 @@ void staging_append_floor(benchmark::State& state) {
   }
 }
 BENCHMARK(staging_append_floor);
+
+// An append in a session: the buffer stays attached.
+void session_append(benchmark::State& state) {
+  tavrix_session_begin();
+  staging_append(state);
+  tavrix_session_end();
+}
+BENCHMARK(session_append);
+
+// Take the semaphore, see that the buffer is the same, copy, give the semaphore.
+void session_append_floor(benchmark::State& state) {
+  const Staging staging;
+  VFSEvent event = sample_event();
+  const std::unique_ptr<staging_data_s, decltype(&std::free)> record(
+      create_staging_data_buf(&event), &std::free);
+  const std::size_t length = record->size + 8;
+  const int set = semget(ftok("/dev/null", 2345), 1, 0);
+  const key_t key = ftok("/dev/null", 1234);
+  auto* segment = static_cast<char*>(shmat(shmget(key, kBufferSize, 0666), nullptr, 0));
+  std::size_t at = 16;
+  for (auto _ : state) {
+    sembuf take{0, -1, SEM_UNDO};
+    sembuf give{0, 1, SEM_UNDO};
+    semop(set, &take, 1);
+    benchmark::DoNotOptimize(shmget(key, kBufferSize, 0666));
+    if (at + length > kBufferSize) at = 16;
+    segment[0] = 1;
+    std::memcpy(segment + at, record.get(), length);
+    at += length;
+    semop(set, &give, 1);
+  }
+  shmdt(segment);
+}
+BENCHMARK(session_append_floor);
 
 // Appends per second when that many processes write at once.
 void staging_writers(benchmark::State& state) {

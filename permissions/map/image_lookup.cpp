@@ -15,6 +15,7 @@
 #include "permissions/map/child_hints.hpp"
 #include "permissions/map/image.hpp"
 #include "permissions/map/path_elements.hpp"
+#include "permissions/map/recent_folder.hpp"
 #include "tavrix_utils.h"
 
 namespace tavrix {
@@ -31,6 +32,7 @@ enum class Access { kWarm, kCold };
 // Lookups may run in any number of threads, so each has its own.
 PerThread<ChildHints> child_hints;
 PerThread<ChildAbsences> child_absences;
+PerThread<RecentFolder> recent_folder;
 
 ImageView view_of(const void* map) {
   const AttachedTable* table = attached_table_at(map);
@@ -305,6 +307,46 @@ PathMatch walk_path(const Sight& sight, std::string_view path) {
                        [&hinted](PathComponent& component) { return hinted.next(component); });
 }
 
+// The recent folder of this thread, for a table that is known. A level that traces comparisons
+// wants each one made.
+RecentFolder* recent_folder_in(const Sight& sight, const void* map) {
+  const AttachedTable* table = attached_table_at(map);
+  if (table == nullptr || sight.debug_level >= kComparisonTrace) return nullptr;
+  RecentFolder* recent = recent_folder.get();
+  if (recent != nullptr) recent->use(table->identity);
+  return recent;
+}
+
+// The last step of a walk, from the folder where the others ended.
+PathMatch step_from(const Sight& sight, const FolderMatch& parent, std::string_view name) {
+  PathMatch match{.self = parent, .parent = parent};
+  if (parent.code != SHM_MEMBE_OK) return match;
+  const PathComponent wanted{name.data(), static_cast<uint32_t>(name.size()), hash_name(name)};
+  const fs_elem_s& folder = sight.image.fselem(parent.offset);
+  const uint32_t child = find_child_of<Access::kCold>(sight, parent.offset, folder, wanted);
+  if (child == kNoChild) {
+    match.self.code = SHM_MEMBE_OK_NAMEREMAPPED;
+  } else {
+    match.self.offset = child;
+  }
+  return match;
+}
+
+// Walks to a path of a table, from the recent folder when the path is in it.
+PathMatch match_of(const Sight& sight, const void* map, std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  const bool is_in_folder = slash != std::string_view::npos && slash > 0 && slash + 1 < path.size();
+  RecentFolder* recent = is_in_folder ? recent_folder_in(sight, map) : nullptr;
+  if (recent == nullptr) return walk_path<Access::kCold>(sight, path);
+  const std::string_view folder = path.substr(0, slash);
+  if (const FolderMatch* known = recent->find(folder); known != nullptr) {
+    return step_from(sight, *known, path.substr(slash + 1));
+  }
+  const PathMatch match = walk_path<Access::kCold>(sight, path);
+  recent->remember(folder, match.parent);
+  return match;
+}
+
 // 0 when the map and the path can be used. A map with a foreign header ends the process: a verdict
 // from it could be anything.
 int require_lookup(const void* map, std::string_view path) {
@@ -330,7 +372,7 @@ int require_lookup(const void* map, std::string_view path) {
 int governing_acls(void* map, std::string_view path, AclPtr& self, AclPtr& parent) {
   if (const int refused = require_lookup(map, path); refused != 0) return refused;
   const Sight sight(map);
-  const PathMatch match = walk_path<Access::kCold>(sight, path);
+  const PathMatch match = match_of(sight, map, path);
   tavrix_acl_t* acl = nullptr;
   acl_of_match(sight.image, match.self, &acl);
   self.reset(std::exchange(acl, nullptr));
