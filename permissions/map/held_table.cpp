@@ -5,24 +5,12 @@
 
 #include <sys/shm.h>
 
+#include "internal/coarse_clock.hpp"
 #include "internal/scoped.hpp"
 #include "perm_map.h"
 #include "permissions/map/tables.hpp"
 
 namespace tavrix {
-namespace {
-
-// A table is held for the rest of the second in which it was attached. The next attach makes every
-// look-up, and so notices what the short look does not: a local copy that was removed, and another
-// set under the key.
-time_t coarse_seconds() noexcept {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);  // makes no system call
-  return now.tv_sec;
-}
-
-}  // namespace
-
 void HeldTable::keep_no_longer() noexcept {
   keeps_ = false;
   if (scopes_ == 0) drop();
@@ -49,6 +37,9 @@ void HeldTable::drop() noexcept {
   is_looked_at_ = false;
 }
 
+// A table is held for the rest of the second in which it was attached. The next attach makes every
+// look-up, and so notices what the short look does not: a local copy that was removed, and another
+// set under the key.
 bool HeldTable::is_still_current() const noexcept {
   if (!is_known() || coarse_seconds() != attached_) return false;
   const int index = index_in_set(set_);

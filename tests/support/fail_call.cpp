@@ -16,6 +16,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <stdexcept>
 #include <utility>
@@ -59,6 +60,7 @@ Pointer count_block(Pointer block) {
 }
 
 bool skips_sleeps = false;
+long shown_second = -1;  // -1: the clock's own
 
 std::vector<unsigned>& sleeps() {
   static auto& skipped = *new std::vector<unsigned>;
@@ -101,6 +103,8 @@ void skip_sleeps() {
   sleeps().clear();
 }
 
+void show_second(long second) { shown_second = second; }
+
 const std::vector<unsigned>& skipped_sleeps() { return sleeps(); }
 
 int calls(const std::string& name) { return probe(name).calls; }
@@ -120,6 +124,7 @@ using tavrix::test::count_block;
 using tavrix::test::intercept;
 using tavrix::test::Probe;
 using tavrix::test::probes;
+using tavrix::test::shown_second;
 using tavrix::test::skips_sleeps;
 using tavrix::test::sleeps;
 
@@ -312,6 +317,14 @@ WRAP_TRANSFER(write, const void*)
 // --- time ----------------------------------------------------------------------------------------
 
 // A planned failure looks like a signal that ends the wait at its start.
+extern "C" int __real_clock_gettime(clockid_t clock, timespec* now);
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+  const int result = __real_clock_gettime(clock, now);
+  if (clock == CLOCK_MONOTONIC_COARSE && shown_second != -1) now->tv_sec = shown_second;
+  return result;
+}
+
 WRAPPED(sleep)
 extern "C" unsigned __real_sleep(unsigned seconds);
 extern "C" unsigned __wrap_sleep(unsigned seconds);

@@ -21,6 +21,10 @@ void cut_short(const std::string& name, long bytes);
 void skip_sleeps();
 const std::vector<unsigned>& skipped_sleeps();
 
+// From now on the coarse clock shows that second, in this process and in children that it makes
+// later: for tests of what lasts for a second.
+void show_second(long second);
+
 // Calls since the last reset.
 int calls(const std::string& name);
 void reset_calls();

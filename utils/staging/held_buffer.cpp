@@ -5,16 +5,11 @@
 
 #include <cerrno>
 
+#include "internal/coarse_clock.hpp"
 #include "internal/scoped.hpp"
 
 namespace tavrix {
 namespace {
-
-time_t coarse_seconds() noexcept {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);  // makes no system call
-  return now.tv_sec;
-}
 
 bool is_removed(int error) noexcept { return error == EIDRM || error == EINVAL; }
 
