@@ -30,59 +30,19 @@ make_tree() {  # FOLDER
   chmod -R 0777 /tavrix/Shared  # the server without the module needs it
 }
 
-script_of() {  # OPERATION
-  case $1 in
-    list) printf 'cd "Shared\\'"$team"'\\list"\nls\n' ;;
-    list-again) printf 'cd "Shared\\'"$team"'\\list"\nls\nls\n' ;;
-    put) printf 'cd "Shared\\'"$team"'\\put"\n' && seq -f 'put /scratch/data.txt f%g' $files ;;
-    get) printf 'cd "Shared\\'"$team"'\\put"\n' && seq -f 'get f%g /dev/null' $files ;;
-    rename) printf 'cd "Shared\\'"$team"'\\put"\n' && seq $files | sed 's/.*/rename f& g&/' ;;
-    delete) printf 'cd "Shared\\'"$team"'\\put"\n' && seq -f 'rm g%g' $files ;;
-  esac
-}
-
-# Prints the CPU nanoseconds of all threads of a process.
-cpu_of() { cat /proc/"$1"/task/*/schedstat | awk '{ sum += $1 } END { printf "%d", sum }'; }
-
-# Prints the process that serves the one client: the youngest of the server's session.
-server_of_client() { pgrep -n -s "$(cat $samba_folder/smbd.pid)"; }
-
-measure() {  # OPERATION: prints nanoseconds
-  script_of "$1" >/scratch/commands
-  mkfifo /scratch/in
-  smbclient -s $samba_folder/smb.conf //127.0.0.1/tavrix -U anna%anna </scratch/in >/scratch/out 2>&1 &
-  local client=$!
-  exec 9>/scratch/in
-  sleep 0.4
-  local server before after
-  server=$(server_of_client)
-  before=$(cpu_of "$server")
-  cat /scratch/commands >&9
-  # After the last command the client makes a file. Empty lines wake it meanwhile.
-  sleep 0.05
-  echo '!touch /scratch/finished' >&9
-  echo >&9
-  while [ ! -e /scratch/finished ]; do
-    sleep 0.05
-    echo >&9
-  done
-  after=$(cpu_of "$server")
-  exec 9>&-
-  wait $client || true
-  rm -f /scratch/in /scratch/finished
-  echo $((after - before))
-}
-
 with_variant() {  # VARIANT MAP
-  local variant=$1 map=$2 operation
+  local variant=$1 map=$2
   if [ "$variant" = with ]; then write_smb_conf tavrix; else write_smb_conf ""; fi
   start_smbd
   rm -f "/tavrix/Shared/$team/put/"*
-  for operation in list list-again put get rename delete; do
-    echo "$map $operation $variant $(measure $operation)" >>"$results"
-  done
+  "$sources/scripts/lib/bench_samba_cost.py" "$team" $entries $files >/scratch/costs
+  while read -r operation nanoseconds; do
+    echo "$map $operation $variant $nanoseconds" >>"$results"
+  done </scratch/costs
   stop_smbd
 }
+
+# --- the world ---
 
 prepare_samba_world "$build/samba/tavrix.so"
 write_smb_conf ""
@@ -91,6 +51,7 @@ echo "some data" >/scratch/data.txt
 load_settings '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"anna": [9001, 9002]}}'
 setsid tavrix-sweeper --foreground 2>/dev/null &
 sweeper=$!
+trap 'kill "$sweeper"; stop_smbd' EXIT
 for map in 0 1000000; do
   publish_map $map
   make_tree "$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')"
@@ -99,4 +60,3 @@ for map in 0 1000000; do
     with_variant with $map
   done
 done
-kill "$sweeper"
