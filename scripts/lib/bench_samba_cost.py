@@ -13,10 +13,10 @@ def cost(operation, team, entries, files):
     with Session() as session:
         session.say(work.enter(operation, team))
         before = cpu_of(session.server)
-        said = session.say(work.commands(operation, files))
+        said = session.say(work.commands(operation, range(files)))
         after = cpu_of(session.server)
     listed = said.count("entry")
-    if listed != entries * work.ENTRIES.get(operation, 0):
+    if listed != entries * work.LISTINGS.get(operation, 0):
         raise Failure(f"{operation}: {listed} entries were listed")
     return after - before
 

@@ -1,26 +1,27 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""The operations that are measured, as commands of smbclient."""
+"""The operations that are measured, as commands of smbclient.
 
-# "put" makes the files that "get" reads, "rename" renames and "delete" removes.
+A team's folder of the tree has the folders "list", with the entries, "empty" and "put"."""
+
+# In this order: "put" makes the files that "get" reads, "rename" renames and "delete" removes.
 OPERATIONS = ["list", "list-again", "put", "get", "rename", "delete"]
-ENTRIES = {"list": 1, "list-again": 2}  # listings of the whole folder
-
-
-def folder_of(operation, team):
-    return f"Shared\\{team}\\{'list' if operation in ENTRIES else 'put'}"
+LISTINGS = {"list": 1, "list-again": 2}  # of the whole folder
 
 
 def enter(operation, team):
-    """Must be said first: it also makes the connection warm."""
-    return [f'cd "{folder_of(operation, team)}"']
+    """Comes before all others of a connection, which is warm then."""
+    return [f'cd "Shared\\{team}\\{"list" if operation in LISTINGS else "put"}"']
 
 
-def commands(operation, count):
-    """COUNT times the operation; a listing lists the folder once, whatever the count."""
-    numbers = range(1, count + 1)
-    return {"list": lambda: ["ls"],
-            "list-again": lambda: ["ls", "ls"],
-            "put": lambda: [f"put /scratch/data.txt f{n}" for n in numbers],
-            "get": lambda: [f"get f{n} /dev/null" for n in numbers],
-            "rename": lambda: [f"rename f{n} g{n}" for n in numbers],
-            "delete": lambda: [f"rm g{n}" for n in numbers]}[operation]()
+def commands(operation, numbers):
+    """The operation for the file of each number; a listing has no use for numbers."""
+    if operation in LISTINGS:
+        return ["ls"] * LISTINGS[operation]
+    pattern = {"put": "put /scratch/data.txt f{0}", "get": "get f{0} /dev/null",
+               "rename": "rename f{0} g{0}", "delete": "rm g{0}"}[operation]
+    return [pattern.format(number) for number in numbers]
+
+
+def list_nothing(team):
+    """A listing without an entry."""
+    return [f'ls "\\Shared\\{team}\\empty\\*"']

@@ -1,45 +1,76 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Measures the module inside a private world: bench_samba_world.sh SOURCES BUILD RESULTS ROUNDS
-# Writes lines "map operation variant nanoseconds" to RESULTS.
+# Measures the module inside a private world: bench_samba_world.sh SOURCES BUILD RESULTS
+# scripts/bench-samba.sh sets the variables bench_...; each part of bench_parts writes a file of that name
+# in the folder RESULTS, with lines "map variant ...".
 set -euo pipefail
 sources=$1
 build=$2
 results=$3
-rounds=$4
 export PATH=$build/tools:$PATH
 source "$sources/scripts/lib/samba_world.sh"
 
-entries=10000
-files=2000
+listed_when_counting=1000  # as many as a connection's verdict cache holds
 
-publish_map() {  # FOLDERS; 0: the small example
-  if [ "$1" = 0 ]; then
+# --- maps and trees ---
+
+publish_map() {  # NAME
+  if [ "$1" = small ]; then
     cp "$sources"/examples/team/*.json /scratch/
   else
-    tavrix-sample-tree --folders "$1" /scratch/size.json /scratch/data.json >/dev/null
+    tavrix-sample-tree --folders 1000000 /scratch/size.json /scratch/data.json >/dev/null
   fi
   tavrixctl map import --trust /scratch/size.json /scratch/data.json >/dev/null
+  # A folder of the map that also has folders of the map in it.
+  team=$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')
 }
 
-# Makes the files below a folder of the map that also has folders of the map in it.
-make_tree() {  # FOLDER
+make_tree() {  # ENTRIES
   rm -rf /tavrix/Shared
-  team=$1
-  mkdir -p "/tavrix/Shared/$team"/{list,put}
-  (cd "/tavrix/Shared/$team/list" && seq -f 'entry%05g.txt' $entries | xargs touch)
+  mkdir -p "/tavrix/Shared/$team"/{list,empty,put}
+  (cd "/tavrix/Shared/$team/list" && seq -f 'entry%05g.txt' "$1" | xargs touch)
   chmod -R 0777 /tavrix/Shared  # the server without the module needs it
 }
 
-with_variant() {  # VARIANT MAP
-  local variant=$1 map=$2
-  if [ "$variant" = with ]; then write_smb_conf tavrix; else write_smb_conf ""; fi
+# --- the server's variants ---
+
+start_variant() {  # VARIANT
+  case $1 in
+    bare) write_smb_conf "" ;;
+    tavrix) write_smb_conf tavrix ;;
+  esac
   start_smbd
+}
+
+# --- the parts ---
+
+# Runs a program of scripts/lib with a fresh server and fresh files, and keeps its lines.
+with_server() {  # PART MAP VARIANT PROGRAM [ARGUMENT]...
+  local part=$1 map=$2 variant=$3 program=$4
+  shift 4
   rm -f "/tavrix/Shared/$team/put/"*
-  "$sources/scripts/lib/bench_samba_cost.py" "$team" $entries $files >/scratch/costs
-  while read -r operation nanoseconds; do
-    echo "$map $operation $variant $nanoseconds" >>"$results"
-  done </scratch/costs
+  start_variant "$variant"
+  "$sources/scripts/lib/$program" "$team" "$@" >/scratch/lines
   stop_smbd
+  sed "s/^/$map $variant /" /scratch/lines >>"$results/$part"
+}
+
+costs() {  # MAP
+  local round variant
+  make_tree "$bench_entries"
+  for ((round = 0; round < bench_rounds; ++round)); do
+    for variant in bare tavrix; do
+      with_server costs "$1" "$variant" bench_samba_cost.py "$bench_entries" "$bench_files"
+    done
+  done
+}
+
+counts() {  # MAP
+  local variant
+  make_tree $listed_when_counting
+  for variant in bare tavrix; do
+    # shellcheck disable=SC2086  # a list of words
+    with_server counts "$1" "$variant" bench_samba_calls.py $listed_when_counting $bench_operations
+  done
 }
 
 # --- the world ---
@@ -52,11 +83,7 @@ load_settings '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, 
 setsid tavrix-sweeper --foreground 2>/dev/null &
 sweeper=$!
 trap 'kill "$sweeper"; stop_smbd' EXIT
-for map in 0 1000000; do
-  publish_map $map
-  make_tree "$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')"
-  for ((round = 0; round < rounds; ++round)); do
-    with_variant without $map
-    with_variant with $map
-  done
+for map in $bench_maps; do
+  publish_map "$map"
+  for part in $bench_parts; do $part "$map"; done
 done
