@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
 # Measures what the module costs a real server, beside the same server without it. Updates the tables of
-# docs/benchmarks.md; a run that is limited in some way only prints them.
+# docs/benchmarks.md; a run that is limited in some way only prints them. The peers are "hide unreadable", an
+# audit by full_audit, and both.
 # usage: scripts/bench-samba.sh [--rounds N] [--quick] [--counts] [--by-call] [--map NAME] [--operation NAME]...
 #   --rounds N        runs of each kind, of which the least counts (5)
-#   --counts          only the system calls of an operation, which do not depend on the machine's load
+#   --counts          only the system calls of an operation, which do not depend on the machine's load, and
+#                     without the peers
 #   --by-call         lists them by name, too
 #   --map NAME        only this one: small, or large with a million folders
 #   --operation NAME  counts only this one: list, list-again, put, get, rename or delete
@@ -16,6 +18,7 @@ source scripts/lib/world.sh
 
 # The world's script reads these.
 export bench_parts="costs counts" bench_maps="small large" bench_operations="" bench_rounds=5
+export bench_peers="messages hide audit both"
 export bench_entries=10000 bench_files=2000
 document=(docs/benchmarks.md)
 by_call=()
@@ -30,7 +33,7 @@ read_options() {
     case $1 in
       --rounds) bench_rounds=${2:?} && shift ;;
       --quick) bench_rounds=2 bench_entries=5000 bench_files=500 document=() ;;
-      --counts) bench_parts=counts ;;
+      --counts) bench_parts=counts bench_peers="" document=() ;;
       --by-call) by_call=(--by-call) ;;
       --map) bench_maps=${2:?} document=() && shift ;;
       --operation) bench_operations+=" ${2:?}" document=() && shift ;;

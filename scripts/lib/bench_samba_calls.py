@@ -15,8 +15,8 @@ from pathlib import Path
 import bench_samba_work as work
 from smb_session import Failure, Session
 
-WARM = range(20)
-COUNTED = range(20, 120)
+WARM = range(10)
+COUNTED = range(10, 60)
 EPOLL_WAIT = "232"
 
 

@@ -3,16 +3,25 @@
 """Compares the server with and without the module: bench_samba_table.py PART RESULTS [--by-call] [DOCUMENT]
 
 PART says which results these are: costs or counts. With a document, the table goes between its marks."""
+import math
+import os
 import sys
 from collections import defaultdict
 
 import marked_section
 
 MAPS = {"small": "small", "large": "1,000,000 folders"}
-COSTS = {"list": "ls of 10,000 entries", "list-again": "the same, twice", "put": "2,000 puts",
-         "get": "2,000 gets", "rename": "2,000 renames", "delete": "2,000 deletes"}
-COUNTS = {"list": "entry of a listing", "list-again": "entry listed again", "put": "put of a new file", "get": "get", "rename": "rename",
-          "delete": "delete"}
+OTHERS = {"messages": "with messages", "hide": "hide unreadable", "audit": "full_audit", "both": "both"}
+
+
+def names_of_costs():
+    entries, files = (int(os.environ[name]) for name in ("bench_entries", "bench_files"))
+    return {"list": f"ls of {entries:,} entries", "list-again": "the same, twice", "put": f"{files:,} puts",
+            "get": f"{files:,} gets", "rename": f"{files:,} renames", "delete": f"{files:,} deletes"}
+
+
+NAMES_OF_COUNTS = {"list": "entry of a listing", "list-again": "entry listed again", "put": "put of a new file",
+                   "get": "get", "rename": "rename", "delete": "delete"}
 
 
 def rows_of(path):
@@ -20,37 +29,44 @@ def rows_of(path):
         return [line.split() for line in file]
 
 
+def table_of(titles, rows):
+    lines = [titles, ["---"] * len(titles), *rows]
+    return "\n".join("| " + " | ".join(line) + " |" for line in lines).replace("| --- ", "|---").replace("--- |", "---|")
+
+
 def costs(rows):
-    runs = defaultdict(list)
+    """The least of the rounds, and its share of the bare server's."""
+    best = defaultdict(dict)
     for folders, variant, operation, nanoseconds in rows:
-        runs[folders, operation, variant].append(int(nanoseconds))
-    lines = ["| map | operation | without | with | ratio |", "|---|---|---|---|---|"]
-    for folders, operation, variant in runs:
-        if variant != "tavrix":
-            continue
-        bare, ours = (min(runs[folders, operation, kind]) for kind in ("bare", "tavrix"))
-        lines.append(f"| {MAPS[folders]} | {COSTS[operation]} | {bare / 1e6:.0f} ms | "
-                     f"{ours / 1e6:.0f} ms | {ours / bare:.2f} |")
-    return "\n".join(lines)
+        before = best[folders, operation].get(variant, math.inf)
+        best[folders, operation][variant] = min(before, int(nanoseconds))
+    others = [name for name in OTHERS if any(name in each for each in best.values())]
+    names, lines = names_of_costs(), []
+    for (folders, operation), each in best.items():
+        share = {variant: f"{cost / each['bare']:.2f}" for variant, cost in each.items()}
+        lines.append([MAPS[folders], names[operation], f"{each['bare'] / 1e6:.0f} ms", f"{each['tavrix'] / 1e6:.0f} ms",
+                      share["tavrix"], *(share.get(name, "") for name in others)])
+    return table_of(["map", "operation", "bare", "tavrix", "share", *(OTHERS[name] for name in others)], lines)
 
 
 def calls_of(rows):
     """By operation and kind of server: the calls of each name."""
     calls = defaultdict(lambda: defaultdict(dict))
+    first_map = rows[0][0]
     for folders, variant, operation, call, count in rows:
-        kind = "bare" if variant == "bare" else MAPS[folders]
-        calls[operation][kind][call] = float(count)
+        if variant == "bare" and folders != first_map:
+            continue  # the map does not matter to it
+        kind = {"tavrix": f"tavrix, {MAPS[folders]}"}.get(variant, variant)
+        calls[operation][OTHERS.get(kind, kind)][call] = float(count)
     return calls
 
 
 def counts(rows):
     calls = calls_of(rows)
-    kinds = ["bare", *(name for name in MAPS.values() if any(name in each for each in calls.values()))]
-    lines = ["| operation | " + " | ".join(kinds) + " |", "|---|" + "---|" * len(kinds)]
-    for operation, each in calls.items():
-        cells = (f"{sum(each[kind].values()):.1f}" for kind in kinds)
-        lines.append(f"| {COUNTS[operation]} | " + " | ".join(cells) + " |")
-    return "\n".join(lines)
+    kinds = list(dict.fromkeys(kind for each in calls.values() for kind in each))
+    return table_of(["operation", *kinds],
+                    [[NAMES_OF_COUNTS[operation], *(f"{sum(each[kind].values()):.1f}" for kind in kinds)]
+                     for operation, each in calls.items()])
 
 
 def by_call(rows):
@@ -59,10 +75,11 @@ def by_call(rows):
     for operation, each in calls_of(rows).items():
         bare = each.pop("bare")
         for kind, calls in each.items():
-            lines.append(f"\n{COUNTS[operation]}, {kind}:     bare      ours    more")
+            lines += ["", f"{NAMES_OF_COUNTS[operation]}", f"  {'':20}      bare  {kind}"]
             more = {call: calls.get(call, 0) - bare.get(call, 0) for call in {*calls, *bare}}
-            for call in sorted(more, key=lambda name: (-abs(more[name]), name)):
-                lines.append(f"  {call:20} {bare.get(call, 0):9.1f} {calls.get(call, 0):9.1f} {more[call]:+7.1f}")
+            for call in sorted(more, key=lambda name: (-abs(round(more[name], 1)), name)):
+                if max(bare.get(call, 0), calls.get(call, 0)) >= 0.05:
+                    lines.append(f"  {call:20} {bare.get(call, 0):9.1f} {calls.get(call, 0):9.1f} {more[call]:+9.1f}")
     return "\n".join(lines)
 
 

@@ -33,12 +33,29 @@ make_tree() {  # ENTRIES
 
 # --- the server's variants ---
 
+# An audit as administrators set it up: every change and every opened file, one line each.
+audited="connect disconnect create_file openat pwrite mkdirat renameat unlinkat"
+full_audit=("full_audit:prefix = %u|%I|%S" "full_audit:facility = local5" "full_audit:priority = notice"
+  "full_audit:success = $audited" "full_audit:failure = $audited")
+
 start_variant() {  # VARIANT
+  local level=-1
   case $1 in
     bare) write_smb_conf "" ;;
     tavrix) write_smb_conf tavrix ;;
+    messages) write_smb_conf tavrix && level=0 ;;
+    hide) write_smb_conf "" "hide unreadable = yes" ;;
+    audit) write_smb_conf full_audit "${full_audit[@]}" ;;
+    both) write_smb_conf full_audit "${full_audit[@]}" "hide unreadable = yes" ;;
   esac
+  tavrixctl config set "VFS:debug level" $level
   start_smbd
+}
+
+# The peers do not know the map, so they are measured beside the small one.
+variants_for() {  # MAP
+  echo bare tavrix
+  [ "$1" = large ] || echo "$bench_peers"
 }
 
 # --- the parts ---
@@ -58,7 +75,7 @@ costs() {  # MAP
   local round variant
   make_tree "$bench_entries"
   for ((round = 0; round < bench_rounds; ++round)); do
-    for variant in bare tavrix; do
+    for variant in $(variants_for "$1"); do
       with_server costs "$1" "$variant" bench_samba_cost.py "$bench_entries" "$bench_files"
     done
   done
@@ -67,7 +84,7 @@ costs() {  # MAP
 counts() {  # MAP
   local variant
   make_tree $listed_when_counting
-  for variant in bare tavrix; do
+  for variant in $(variants_for "$1"); do
     # shellcheck disable=SC2086  # a list of words
     with_server counts "$1" "$variant" bench_samba_calls.py $listed_when_counting $bench_operations
   done
@@ -75,14 +92,29 @@ counts() {  # MAP
 
 # --- the world ---
 
+# Gives the system log a socket and a reader, in this world only: sending has its real price then.
+start_log() {
+  mkdir /.dev
+  mount --rbind /dev /.dev
+  mount -t tmpfs -o mode=0755 tmpfs /dev
+  local entry
+  for entry in /.dev/*; do
+    [ "$entry" = /.dev/log ] || ln -s "$entry" "/dev/${entry#/.dev/}"
+  done
+  setsid "$sources/scripts/lib/drain_log.py" /dev/log &
+  drain=$!
+  while [ ! -S /dev/log ]; do sleep 0.01; done
+}
+
 prepare_samba_world "$build/samba/tavrix.so"
 write_smb_conf ""
 add_samba_user anna 1005 9003
 echo "some data" >/scratch/data.txt
 load_settings '{"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002}, "users": {"anna": [9001, 9002]}}'
+start_log
 setsid tavrix-sweeper --foreground 2>/dev/null &
 sweeper=$!
-trap 'kill "$sweeper"; stop_smbd' EXIT
+trap 'kill "$sweeper" "$drain"; stop_smbd' EXIT
 for map in $bench_maps; do
   publish_map "$map"
   for part in $bench_parts; do $part "$map"; done
