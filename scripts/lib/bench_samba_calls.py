@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""Counts the system calls of the process that serves one client: bench_samba_calls.py TEAM ENTRIES OPERATION...
+"""Counts the system calls of the process that serves one client: bench_samba_calls.py USER TEAM ENTRIES OPERATION...
 
 Prints lines "operation call count", with the count for one file or one listed entry. The connection is warm: it
 has done the same for other files, or has listed another folder. The calls of the same for no file and no entry are
@@ -45,9 +45,9 @@ def calls_of(process, action):
         return Counter({row[1]: int(row[0]) for row in rows if len(row) == 2 and row[0].isdigit() and row[1] != "total"})
 
 
-def calls_of_listing(operation, team, entries):
+def calls_of_listing(operation, user, team, entries):
     """The calls for one entry, listed for the first time or again."""
-    with Session() as session:
+    with Session(user) as session:
         def listing():
             said = session.say(work.commands("list", []))
             if said.count("entry") != entries:
@@ -59,9 +59,9 @@ def calls_of_listing(operation, team, entries):
         return difference(calls_of(session.server, listing), none, entries)
 
 
-def calls_of_operation(operation, team):
+def calls_of_operation(operation, user, team):
     """The calls for one file."""
-    with Session() as session:
+    with Session(user) as session:
         session.say(work.enter(operation, team) + work.commands(operation, WARM))
         none = calls_of(session.server, lambda: session.say([]))
         some = calls_of(session.server, lambda: session.say(work.commands(operation, COUNTED)))
@@ -72,23 +72,23 @@ def difference(some, none, count):
     return {call: (some[call] - none[call]) / count for call in some if some[call] != none[call]}
 
 
-def perform(operation, team):
+def perform(operation, user, team):
     """Leaves the files as the counted operation would."""
-    with Session() as session:
+    with Session(user) as session:
         session.say(work.enter(operation, team))
         session.say(work.commands(operation, [*WARM, *COUNTED]))
 
 
 def main():
-    team, entries, wanted = sys.argv[1], int(sys.argv[2]), sys.argv[3:]
+    user, team, entries, wanted = sys.argv[1], sys.argv[2], int(sys.argv[3]), sys.argv[4:]
     for operation in work.OPERATIONS:
         if operation in wanted:
-            counts = (calls_of_listing(operation, team, entries) if operation in work.LISTINGS
-                      else calls_of_operation(operation, team))
+            counts = (calls_of_listing(operation, user, team, entries) if operation in work.LISTINGS
+                      else calls_of_operation(operation, user, team))
             for call, count in counts.items():
                 print(operation, call, f"{count:.4f}")
         elif operation not in work.LISTINGS:
-            perform(operation, team)
+            perform(operation, user, team)
 
 
 if __name__ == "__main__":

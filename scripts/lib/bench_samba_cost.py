@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: LGPL-3.0-or-later
-"""Measures the CPU time of the process that serves one client: bench_samba_cost.py TEAM ENTRIES FILES
+"""Measures the CPU time of the process that serves one client: bench_samba_cost.py USER TEAM ENTRIES FILES
 
 TEAM is the folder of the tree that has the folders to work in. Prints lines "operation nanoseconds"."""
 import sys
@@ -9,8 +9,8 @@ import bench_samba_work as work
 from smb_session import Failure, Session, cpu_of
 
 
-def cost(operation, team, entries, files):
-    with Session() as session:
+def cost(operation, user, team, entries, files):
+    with Session(user) as session:
         session.say(work.enter(operation, team))
         before = cpu_of(session.server)
         said = session.say(work.commands(operation, range(files)))
@@ -22,9 +22,10 @@ def cost(operation, team, entries, files):
 
 
 def main():
-    team, entries, files = sys.argv[1], int(sys.argv[2]), int(sys.argv[3])
+    user, team = sys.argv[1:3]
+    entries, files = map(int, sys.argv[3:5])
     for operation in work.OPERATIONS:
-        print(operation, cost(operation, team, entries, files))
+        print(operation, cost(operation, user, team, entries, files))
 
 
 if __name__ == "__main__":

@@ -28,7 +28,7 @@ make_tree() {  # ENTRIES
   rm -rf /tavrix/Shared
   mkdir -p "/tavrix/Shared/$team"/{list,empty,put}
   (cd "/tavrix/Shared/$team/list" && seq -f 'entry%05g.txt' "$1" | xargs touch)
-  chmod -R 0777 /tavrix/Shared  # the server without the module needs it
+  chmod -R 0777 /tavrix/Shared/*  # a server without the module needs it
 }
 
 # --- the server's variants ---
@@ -40,6 +40,10 @@ full_audit=("full_audit:prefix = %u|%I|%S" "full_audit:facility = local5" "full_
 
 start_variant() {  # VARIANT
   local level=-1
+  case $1 in
+    tavrix | messages) chmod 0700 /tavrix/Shared ;;  # clients reach nothing by themselves, as docs/appliance.md says
+    *) chmod 0777 /tavrix/Shared ;;
+  esac
   case $1 in
     bare) write_smb_conf "" ;;
     tavrix) write_smb_conf tavrix ;;
@@ -66,7 +70,7 @@ with_server() {  # PART MAP VARIANT PROGRAM [ARGUMENT]...
   shift 4
   rm -f "/tavrix/Shared/$team/put/"*
   start_variant "$variant"
-  "$sources/scripts/lib/$program" "$team" "$@" >/scratch/lines
+  "$sources/scripts/lib/$program" anna "$team" "$@" >/scratch/lines
   stop_smbd
   sed "s/^/$map $variant /" /scratch/lines >>"$results/$part"
 }

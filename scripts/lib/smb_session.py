@@ -19,9 +19,9 @@ class Failure(SystemExit):
 
 
 class Session:
-    """One smbclient. Ready to work, as the user, when the constructor returns."""
+    """One smbclient, ready to work when the constructor returns. The user's password is the user's name."""
 
-    def __init__(self, user="anna"):
+    def __init__(self, user):
         # Unbuffered input: smbclient waits for more while its own buffer still holds commands.
         self._client = subprocess.Popen(
             ["stdbuf", "-i0", "-o0", "smbclient", "-s", f"{FOLDER}/smb.conf", "//127.0.0.1/tavrix", "-U",

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// System calls of the process that serves a client, for one operation: the module's price, whatever
+// the machine's load. scripts/bench-samba.sh counts the same for docs/benchmarks.md.
+
+#include "tests/samba/appliance.hpp"
+
+namespace tavrix::test {
+namespace {
+
+constexpr int kEntries = 1000;  // of the listed folder
+
+struct Bound {
+  const char* operation;
+  double calls;  // at most, with everything that the server itself does
+};
+std::ostream& operator<<(std::ostream& out, const Bound& bound) {
+  return out << "at most " << bound.calls;
+}
+constexpr Bound kBounds[] = {
+    {"list", 35}, {"list-again", 9}, {"put", 187}, {"get", 109}, {"rename", 415}, {"delete", 344},
+};
+// A call of the server's own housekeeping now and then.
+constexpr double kHousekeeping = 0.5;
+
+class CallCounts : public Appliance, public testing::WithParamInterface<Bound> {
+ protected:
+  void SetUp() override {
+    Appliance::SetUp();
+    for (const char* folder : {"list", "empty", "put"}) {
+      make_folder("/tavrix/Shared/Team/" + std::string(folder));
+    }
+    bash("cd /tavrix/Shared/Team/list && seq -f 'entry%05g.txt' " + std::to_string(kEntries) +
+         " | xargs touch");
+    write_file("/scratch/data.txt", "some data\n");
+    // The build that is shipped: the debug build makes calls of its own.
+    bash("cp " TAVRIX_BUILD_DIR "/samba/tavrix.so $samba_modules/vfs/");
+    configure({}, "tavrix");
+    start_smbd();
+  }
+};
+
+TEST_P(CallCounts, OfOneOperationHoldTheirBound) {
+  const std::string counter = TAVRIX_SOURCE_DIR "/scripts/lib/bench_samba_calls.py";
+  const Outcome outcome = run_program({"/usr/bin/python3", counter, "Administrator", "Team",
+                                       std::to_string(kEntries), GetParam().operation});
+  ASSERT_TRUE(outcome.ok()) << outcome.err;
+  double calls = 0;
+  std::istringstream lines(outcome.out);  // "put fstat 12.0000"
+  std::string operation;
+  std::string name;
+  for (double count = 0; lines >> operation >> name >> count;) calls += count;
+  EXPECT_GT(calls, 0);
+  EXPECT_LE(calls, GetParam().calls + kHousekeeping) << outcome.out;
+}
+
+std::string name_of(const testing::TestParamInfo<Bound>& bound) {
+  std::string name = bound.param.operation;
+  std::erase(name, '-');
+  return name;
+}
+INSTANTIATE_TEST_SUITE_P(Operations, CallCounts, testing::ValuesIn(kBounds), name_of);
+
+}  // namespace
+}  // namespace tavrix::test
