@@ -91,8 +91,7 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
   return fd;
 }
 
-/* Checks a name as a status query does. Runs for every listed entry, so it becomes root only when
- * the verdict is not cached. */
+/* Checks a name as a status query does. Becomes root only when the verdict is not cached. */
 static int ask_to_name(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
   refresh_credentials(tavrix->record);
   TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, name));
@@ -105,9 +104,8 @@ static int ask_to_name(struct tavrix_connection* tavrix, const struct tavrix_nam
 
 static int open_to_name(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                         const struct smb_filename* smb_fname, struct files_struct* fsp,
-                        const struct vfs_open_how* how, const struct tavrix_name* name) {
+                        const struct vfs_open_how* how) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  if (ask_to_name(tavrix, name) != 0) return -1;
   int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
   if (!tavrix_was_refused(fd) || tavrix_raise(tavrix) != 0) return fd;
   fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
@@ -120,9 +118,14 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
                   const struct vfs_open_how* how) {
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
+  const bool only_named = only_names(fsp, how);
+  if (only_named && tavrix_is_shown(handle, dirfsp, smb_fname)) {
+    return open_to_name(handle, dirfsp, smb_fname, fsp, how);
+  }
   if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) return -1;
-  return only_names(fsp, how) ? open_to_name(handle, dirfsp, smb_fname, fsp, how, &name)
-                              : open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
+  if (!only_named) return open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
+  if (ask_to_name(tavrix_connection_of(handle), &name) != 0) return -1;
+  return open_to_name(handle, dirfsp, smb_fname, fsp, how);
 }
 
 /* --- closing ---------------------------------------------------------------------------------- */

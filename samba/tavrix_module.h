@@ -46,6 +46,12 @@ struct tavrix_connection {
   e_fsop_type granted_op;
   int is_granted_new; /* the object was not there when the request was granted */
   int changes;        /* nested changes of attributes, times or extended attributes under way */
+  struct tavrix_listing* listings; /* the folders that the client lists */
+  /* See tavrix_request() and tavrix_generation(). */
+  struct tevent_immediate* next_request;
+  bool is_request_numbered; /* next_request is due after the request under way */
+  uint64_t request;
+  uint64_t generation;
 };
 
 /* The module's state of an open file or folder. */
@@ -54,9 +60,6 @@ struct tavrix_open {
   bool is_clients;            /* a client opened it: record its close; smbd's own opens are not */
   modify_file_evt_s modified; /* says whether it changed */
   struct open_note note;      /* stands on the disk while it is changed */
-  /* A folder. */
-  DIR* listing; /* the listing that leaves out what its user may not see */
-  char* base;   /* the folder's name, relative to the tree */
   /* A watched folder: the first notice of a rename, held until the second comes. */
   char* old_name;
   struct timespec old_when;
@@ -197,6 +200,19 @@ char* tavrix_key_of_account(const char* unix_name);
 connection_private_data_s* tavrix_record_of_asker(struct vfs_handle_struct* handle, uid_t uid);
 void tavrix_free_asker(struct tavrix_connection* tavrix);
 
+/* --- what was decided before -------------------------------------------------------------------
+ * Verdicts may serve again within a request and for a second, unless the identity was renewed. */
+
+/* A number for the client's request under way, which no later request has. Where requests cannot be
+ * told apart, each call gives another number. */
+uint64_t tavrix_request(struct vfs_handle_struct* handle);
+/* A number that changes when the identity of the present record is renewed. */
+uint64_t tavrix_generation(struct tavrix_connection* tavrix);
+/* True if the name is that of the entry of a folder that the client was just shown, in the same
+ * request: then it may have its status, without another decision. */
+bool tavrix_is_shown(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                     const struct smb_filename* smb_fname);
+
 /* --- changes and notices --------------------------------------------------------------------- */
 
 /* Marks an open file as changed. The first change writes a note to the disk. False with errno when
@@ -324,6 +340,10 @@ DIR* tavrix_fdopendir(struct vfs_handle_struct* handle, files_struct* fsp, const
                       uint32_t attributes);
 struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf);
+long tavrix_telldir(struct vfs_handle_struct* handle, DIR* dirp);
+void tavrix_seekdir(struct vfs_handle_struct* handle, DIR* dirp, long offset);
+void tavrix_rewinddir(struct vfs_handle_struct* handle, DIR* dirp);
+int tavrix_closedir(struct vfs_handle_struct* handle, DIR* dirp);
 int tavrix_chdir(struct vfs_handle_struct* handle, const struct smb_filename* smb_fname);
 struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CTX* ctx,
                                      const struct smb_filename* smb_fname);
