@@ -3,7 +3,8 @@
 """A client that executes what it is told: a case a line as JSON on standard input, its answer a line.
 
 A case is {"as": user, "steps": [{"do": operation, ...}, ...]}. Steps share handles, by name ("h" unless
-the step says "on"); a step may be somebody else's ("as"). Connections are kept. The answer is
+the step says "on"); a step may be somebody else's ("as"). Connections are kept. A case that "goes on" has the handles
+of the case before, whose last step was "keep". The answer is
 {"steps": [{"status": "NT_STATUS_...", "names": [...], ...}]}: names are whatever the server told, as paths
 of the share. Handles that are left are closed after the last step."""
 
@@ -51,7 +52,8 @@ class Client:
         return self.wires[user, share]
 
     def run(self, case):
-        self.handles, self.waiting = {}, {}
+        if not case.get("goes on"):  # else the handles are those that the case before has kept
+            self.handles, self.waiting = {}, {}
         answers = []
         try:
             for step in case["steps"]:
@@ -151,6 +153,24 @@ class Client:
             flags = 0
         ended = said.status == 0x80000006 and answer["names"]
         return 0 if ended else said.status
+
+    def page(self, name, handle, step, answer):
+        """One request of a listing."""
+        level = step.get("level", "names")
+        said, data = handle.wire.list(handle.identity, levels.LISTINGS[level][0], step.get("pattern", "*"),
+                                      step.get("flags", 0), step.get("room", 65536), step.get("index", 0))
+        answer["names"] = levels.entries(level, data)
+        return said.status
+
+    def pages(self, name, handle, step, answer):
+        """Requests to the end of a listing."""
+        answer["names"] = []
+        while True:
+            part = {}
+            status = self.page(name, handle, step, part)
+            if status != 0:
+                return 0 if status == 0x80000006 else status
+            answer["names"] += part["names"]
 
     def notify(self, name, handle, step, answer):
         self.waiting[name] = handle.wire.notify_begin(handle.identity, step.get("filter", 0xFFF),

@@ -135,10 +135,10 @@ class Wire:
             "<IIIIIIII", HEADER + 56, len(data), 0, 0, 0, room, 1, 0) + (data or b"\0"))
         return answer, answer.buffer(32, 36, True) if answer.ok else b""
 
-    def list(self, handle, level, pattern, flags=0):
+    def list(self, handle, level, pattern, flags=0, room=65536, index=0):
         name = utf16(pattern)
-        answer = self.ask(QUERY_DIRECTORY, struct.pack("<HBBI", 33, level, flags, 0) + handle +
-                          struct.pack("<HHI", HEADER + 32, len(name), 65536) + (name or b"\0"))
+        answer = self.ask(QUERY_DIRECTORY, struct.pack("<HBBI", 33, level, flags, index) + handle +
+                          struct.pack("<HHI", HEADER + 32, len(name), room) + (name or b"\0"))
         return answer, answer.buffer(2, 4) if answer.ok else b""
 
     def notify_begin(self, handle, wanted, recursive):
