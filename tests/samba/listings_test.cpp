@@ -61,6 +61,7 @@ class Listings : public MatrixWorld {
   void SetUp() override {
     MatrixWorld::SetUp();
     publish_map(map_);
+    fs::create_symlink("Docs", full("Shared/Team/docs.lnk"));
     for (int i = 0; i < kObjects; ++i) make_folder(kMixed + "/" + numbered("folder", i));
     for (int i = 0; i < kObjects; ++i) make_file(kMixed + "/" + numbered("file", i));
   }
@@ -247,7 +248,8 @@ TEST_F(Listings, ByAPatternShowWhatMatchesAndMayBeSeen) {
   const auto ends = [](const char* end) {
     return [end](const std::string& name) { return name.ends_with(end); };
   };
-  EXPECT_EQ(matching(all, ends("7")), list(kBen, kMixed, {{"pattern", "*7"}, {"room", 900}}));
+  // Two digits, because smbd compares short names too, and they end with a tilde and a digit.
+  EXPECT_EQ(matching(all, ends("07")), list(kBen, kMixed, {{"pattern", "*07"}, {"room", 900}}));
   EXPECT_EQ(matching(all, [](const auto& name) { return name.starts_with("folder00"); }),
             list(kBen, kMixed, {{"pattern", "folder00??"}}));
   EXPECT_EQ(Names{}, list(kBen, kMixed, {{"pattern", "nothing*"}}));
@@ -404,7 +406,7 @@ TEST_F(Listings, OfAHundredThousandEntriesShowEachOnce) {
   make_folder("Shared/Team/Huge");
   bash("cd /tavrix/Shared/Team/Huge && seq -f 'entry%06g.txt' " + std::to_string(kMany) +
        " | xargs touch");
-  const Names seen = list(kBen, "Shared/Team/Huge", {{"room", 1000000}});
+  const Names seen = list(kBen, "Shared/Team/Huge");
   EXPECT_EQ(static_cast<std::size_t>(kMany), seen.size());
   EXPECT_EQ(static_cast<std::size_t>(kMany), std::set(seen.begin(), seen.end()).size());
   EXPECT_EQ("entry000001.txt", *seen.begin());
