@@ -62,8 +62,10 @@ class Listings : public MatrixWorld {
     MatrixWorld::SetUp();
     publish_map(map_);
     fs::create_symlink("Docs", full("Shared/Team/docs.lnk"));
-    for (int i = 0; i < kObjects; ++i) make_folder(kMixed + "/" + numbered("folder", i));
+    // The file system of the tests lists the latest first: a folder, whose entries in the map
+    // count.
     for (int i = 0; i < kObjects; ++i) make_file(kMixed + "/" + numbered("file", i));
+    for (int i = 0; i < kObjects; ++i) make_folder(kMixed + "/" + numbered("folder", i));
   }
   void TearDown() override {
     EXPECT_EQ("", trouble_of_smbd());
