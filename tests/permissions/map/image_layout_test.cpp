@@ -2,7 +2,12 @@
 // The size of an image and its header.
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 #include <vector>
 
 #include "mkperms_shm.h"
@@ -70,6 +75,53 @@ TEST(ImageLayout, NeedsASummaryAndABuffer) {
   memsummary_s sum{};
   EXPECT_EQ(0, level_of("Shared memory not present",
                         [&] { EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, init_shmbe(&sum)); }));
+}
+
+// The VmFlags of the mapping at that address, in /proc/self/smaps.
+std::string flags_of_mapping(const void* address) {
+  std::ifstream maps("/proc/self/smaps");
+  char start[32];
+  std::snprintf(start, sizeof start, "%lx-", reinterpret_cast<unsigned long>(address));
+  bool is_here = false;
+  for (std::string line; std::getline(maps, line);) {
+    is_here = is_here || line.starts_with(start);
+    if (is_here && line.starts_with("VmFlags:")) return line;
+  }
+  return {};
+}
+
+TEST(ImageLayout, ZeroesTheImageAndNothingBesideIt) {
+  memsummary_s sum{};
+  sum.memsize = 5 << 20;
+  for (const std::size_t at : {1U, 4095U, 4096U}) {
+    std::vector<std::byte> block(sum.memsize + 8192, std::byte{0xAA});
+    sum.membuf = block.data() + at;
+    ASSERT_EQ(SHM_MEMBE_OK, init_shmbe(&sum));
+    const auto is = [](std::byte value) { return [value](std::byte b) { return b == value; }; };
+    const auto begin = block.begin() + static_cast<std::ptrdiff_t>(at);
+    const auto end = begin + static_cast<std::ptrdiff_t>(sum.memsize);
+    EXPECT_TRUE(std::all_of(block.begin(), begin, is(std::byte{0xAA}))) << at;
+    EXPECT_TRUE(std::all_of(begin + sizeof(tavrix_be_header), end, is(std::byte{0}))) << at;
+    EXPECT_TRUE(std::all_of(end, block.end(), is(std::byte{0xAA}))) << at;
+  }
+}
+
+// A kernel without huge pages refuses the advice to anybody.
+TEST(ImageLayout, AsksForHugePagesBeforeItMakesThePages) {
+  constexpr std::size_t kSize = std::size_t{4} << 20;
+  const auto map_pages = [] {
+    return mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  };
+  void* probe = map_pages();
+  const bool are_known = madvise(probe, kSize, MADV_HUGEPAGE) == 0;
+  munmap(probe, kSize);
+
+  memsummary_s sum{};
+  sum.memsize = kSize;
+  sum.membuf = map_pages();
+  ASSERT_EQ(SHM_MEMBE_OK, init_shmbe(&sum));
+  EXPECT_EQ(are_known, flags_of_mapping(sum.membuf).find(" hg") != std::string::npos);
+  munmap(sum.membuf, kSize);
 }
 
 }  // namespace
