@@ -31,6 +31,7 @@ set(TAVRIX_SOURCES
   permissions/decision/rules.cpp
   permissions/decision/special_files.cpp
   permissions/import/data_pass.cpp
+  permissions/import/document.cpp
   permissions/import/driver.cpp
   permissions/import/json_parse.cpp
   permissions/import/local_copy.cpp

@@ -2,19 +2,16 @@
 // The import as a whole: the header, the data file or the local copy into the image, and the
 // report.
 
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "internal/scoped.hpp"
 #include "logging.h"
 #include "permissions/import/data_pass.hpp"
-#include "permissions/import/json_parse.hpp"
+#include "permissions/import/document.hpp"
 #include "permissions/import/parse_stack.hpp"
 #include "permissions/import/report.hpp"
 #include "permissions/map/name_traces.hpp"
@@ -23,8 +20,6 @@
 
 namespace tavrix {
 namespace {
-
-constexpr std::size_t kReadBufferSlack = 100;
 
 membe_shm_err restore_from_local_copy(memsummary_s& summary) {
   const CString location(get_permbe_map_location());
@@ -37,39 +32,10 @@ membe_shm_err restore_from_local_copy(memsummary_s& summary) {
   return err;
 }
 
-// Asks for large pages: a buffer of a hundred megabytes then costs a page fault for every two
-// megabytes instead of every four kilobytes. Does nothing when the kernel has no large pages.
-void advise_large_pages(char* buffer, std::size_t size) {
-  const auto page = static_cast<std::size_t>(getpagesize());
-  const auto start = (reinterpret_cast<std::uintptr_t>(buffer) + page - 1) / page * page;
-  const auto end = (reinterpret_cast<std::uintptr_t>(buffer) + size) / page * page;
-  const ErrnoKeeper keep;
-  if (start < end) madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
-}
-
-// Reads the whole file in one request, because the parser works on the buffer in place. false when
-// there is no memory for the buffer; nothing was read then.
-[[nodiscard]] bool parse_data_file(std::FILE* file, std::size_t size) {
-  JsonParse parse(data_pass_callbacks);
-  // calloc() takes large blocks from the kernel, which zeroes their pages only when they are used.
-  const Malloced<char> buffer(static_cast<char*>(std::calloc(1, size + kReadBufferSlack)));
-  if (buffer == nullptr) {
-    TAVRIX_LOG(0, "No memory %s", strerror(errno));
-    return false;
-  }
-  advise_large_pages(buffer.get(), size);
+// false when there is no memory to read the file; nothing was read then.
+[[nodiscard]] bool fill_image(int data_file, std::size_t size) {
   const NameTraces traces;
-  for (;;) {
-    const std::size_t length = std::fread(buffer.get(), 1, size, file);
-    if (length == 0) {
-      if (std::feof(file) == 0) std::fprintf(stderr, "error on file read.\n");
-      break;
-    }
-    buffer.get()[length] = '\0';
-    if (!parse.feed(buffer.get(), length)) break;
-  }
-  parse.finish();
-  return true;
+  return parse_document(data_file, size, data_pass_callbacks);
 }
 
 void remove_json_file(const char* path, const char* format) {
@@ -100,7 +66,7 @@ membe_shm_err process_permmap(memsummary_s* msum) {
     tavrix::tell_operator(MISSING_JSON_FILES, SWEEPER_LOGSEV_FATAL, "No such file %s", data_file);
     return SHM_MEMBE_ERR_BADARGS;
   }
-  tavrix::Stream file(std::fopen(data_file, "re"));
+  tavrix::Fd file(open(data_file, O_RDONLY | O_CLOEXEC));
   if (!file) {
     tavrix::tell_operator(CANNOT_READ_JSON_FILE, SWEEPER_LOGSEV_FATAL, "cannot open file %s",
                           data_file);
@@ -108,10 +74,8 @@ membe_shm_err process_permmap(memsummary_s* msum) {
   }
   // An image smaller than its header cannot be written to; saving it fails below.
   if (msum->membuf != nullptr && msum->memsize >= sizeof(tavrix_be_header)) {
-    const bool was_read =
-        tavrix::parse_data_file(file.get(), static_cast<std::size_t>(info.st_size));
+    const bool was_read = tavrix::fill_image(file.get(), static_cast<std::size_t>(info.st_size));
     tavrix::empty_stack(msum->sth);
-    tavrix::free_kept_elements();
     // Nothing was imported, so the files must stay: the new map is nowhere else.
     if (!was_read) return SHM_MEMBE_ERR_NOMEM;
   }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "permissions/import/json_parse.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -43,24 +44,37 @@ JsonParse::~JsonParse() {
 bool JsonParse::feed(const char* chunk, std::size_t length) noexcept {
   const auto* bytes = reinterpret_cast<const unsigned char*>(chunk);
   is_accepted_ = yajl_parse(parser_, bytes, length) == yajl_status_ok;
-  if (is_accepted_) {
-    write_generated();
-  } else {
-    report_error(bytes, length);  // now, because finishing loses the place of the error
-  }
+  if (is_accepted_) write_generated();
   return is_accepted_;
 }
 
 void JsonParse::finish() noexcept {
-  if (yajl_complete_parse(parser_) != yajl_status_ok && is_accepted_) {
-    report_error(reinterpret_cast<const unsigned char*>(""), 0);
-  }
+  if (yajl_complete_parse(parser_) != yajl_status_ok && is_accepted_) print_error({}, 0);
 }
 
-void JsonParse::report_error(const unsigned char* chunk, std::size_t length) noexcept {
-  unsigned char* text = yajl_get_error(parser_, 1, chunk, length);
-  std::fprintf(stderr, "%s", reinterpret_cast<const char*>(text));
-  yajl_free_error(parser_, text);
+// The parser's own verbose message shows the text of one chunk only. This is that message as the
+// parser makes it when the whole document is one chunk.
+void JsonParse::print_error(std::string_view text, std::size_t chunk_at) noexcept {
+  constexpr std::size_t kArrow = 40;  // the arrow points at this column
+  const std::size_t place = chunk_at + yajl_get_bytes_consumed(parser_);
+  const std::size_t start = place - std::min(place, kShown);
+  const std::size_t end = std::min(text.size(), place + kShown);
+
+  char shown[kArrow + kShown + 2];
+  std::size_t used = kArrow - (place - start);
+  std::memset(shown, ' ', used);
+  for (std::size_t at = start; at < end; ++at) {
+    const bool is_line_end = text[at] == '\n' || text[at] == '\r';
+    shown[used++] = is_line_end ? ' ' : text[at];
+  }
+  shown[used++] = '\n';
+  shown[used] = '\0';
+
+  unsigned char* error = yajl_get_error(parser_, 0, nullptr, 0);
+  // A NUL in the document cuts the shown text off, with its end of the line.
+  std::fprintf(stderr, "%s%s%s", reinterpret_cast<const char*>(error), shown,
+               "                     (right here) ------^\n");
+  yajl_free_error(parser_, error);
 }
 
 // Writes what the generator holds, which is nothing: the callbacks do not use it.
@@ -74,15 +88,16 @@ void JsonParse::write_generated() noexcept {
 
 uint64_t decimal_of(const char* token, std::size_t length) noexcept {
   constexpr std::size_t kNeverOverflows = 19;
+  const std::size_t most = std::min(length, kNeverOverflows);
   uint64_t value = 0;
   std::size_t digits = 0;
-  for (; digits < length && digits < kNeverOverflows; ++digits) {
-    const char digit = token[digits];
-    if (digit < '0' || digit > '9') break;
-    value = value * 10 + static_cast<uint64_t>(digit - '0');
+  for (; digits < most; ++digits) {
+    const unsigned digit = static_cast<unsigned char>(token[digits]) - unsigned{'0'};
+    if (digit > 9) break;
+    value = value * 10 + digit;
   }
   const bool is_plain = digits > 0 && (digits == length || digits < kNeverOverflows);
-  if (is_plain || length == 0) return value;
+  if (__builtin_expect(is_plain || length == 0, 1)) return value;
 
   // A token with a sign, a blank or many digits goes to the C library, as a copy with a NUL.
   const CString copy(strndup(token, length));

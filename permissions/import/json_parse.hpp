@@ -6,7 +6,7 @@
 #include <yajl/yajl_parse.h>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <string_view>
 
 namespace tavrix {
 
@@ -19,13 +19,19 @@ class JsonParse {
   JsonParse(const JsonParse&) = delete;
   JsonParse& operator=(const JsonParse&) = delete;
 
+  // A message shows that many bytes before the place of the error, and as many from it on.
+  static constexpr std::size_t kShown = 30;
+
   // false when the parser does not accept the chunk: a syntax error, or a callback that cancelled.
   [[nodiscard]] bool feed(const char* chunk, std::size_t length) noexcept;
-  // Call this at the end of the document.
+  // Prints the error in the chunk that feed() has just refused. `text` is a part of the document
+  // that holds this chunk, from `chunk_at` on, and as much beside it as the message is to show.
+  void print_error(std::string_view text, std::size_t chunk_at) noexcept;
+  // Call this at the end of the document, also after an error. Prints the error when the document
+  // ends too early.
   void finish() noexcept;
 
  private:
-  void report_error(const unsigned char* chunk, std::size_t length) noexcept;
   void write_generated() noexcept;
 
   yajl_handle parser_;

@@ -15,11 +15,7 @@ namespace tavrix {
 
 memsummary_s* memsummary = nullptr;
 
-KeptElements kept_elements{};
-
-void free_kept_elements() noexcept {
-  while (kept_elements.count > 0) std::free(kept_elements.blocks[--kept_elements.count]);
-}
+ElementArray element_array{};
 
 void empty_stack(tavrix_stack_head_s& stack) noexcept {
   while (jsonstack* elem = pop(stack)) {
@@ -37,12 +33,12 @@ void empty_stack(tavrix_stack_head_s& stack) noexcept {
 
 int create_stackelem(int state, jsonstack** stelem) {
   TAVRIX_REQUIRE(stelem != nullptr && *stelem == nullptr, "*stelem == NULL");
-  jsonstack* elem = tavrix::new_element();
+  // The caller may free it.
+  auto* elem = tavrix::malloc_zeroed<jsonstack>();
   if (elem == nullptr) {
     TAVRIX_LOG(0, "No memory %s", strerror(errno));
     return 1;
   }
-  *elem = jsonstack{};
   elem->state = state;
   elem->stetype = STELEM_TYPE_INVALID;
   *stelem = elem;

@@ -2,6 +2,8 @@
 // The stack on which both passes of an import keep their place in a document.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
@@ -17,32 +19,36 @@ extern memsummary_s* memsummary;
   return reinterpret_cast<jsonstack*>(stack.sthead.first_elem);
 }
 
-// Each folder needs dozens of elements for a moment, so the last ones that were given back are kept
-// for the next folder. Each element is a block of its own and may also be freed.
-constexpr unsigned kMostKept = 32;  // more than the states of an open ACL
-struct KeptElements {
-  jsonstack* blocks[kMostKept];
-  unsigned count;
+// Each folder needs dozens of elements for a moment, so those of the data pass come from an array.
+// It serves one stack, and its elements go back in reverse order. When the array is full, elements
+// are heap blocks, as are those that create_stackelem() makes.
+constexpr std::size_t kArrayElements = 1024;  // a document of about 250 levels
+struct ElementArray {
+  jsonstack elements[kArrayElements];
+  std::size_t used;
+
+  [[nodiscard]] bool holds(const jsonstack* elem) const noexcept {
+    return reinterpret_cast<std::uintptr_t>(elem) - reinterpret_cast<std::uintptr_t>(elements) <
+           sizeof elements;
+  }
 };
-extern KeptElements kept_elements;
+extern ElementArray element_array;
 
 // An element with unset fields; null when out of memory.
 [[nodiscard]] inline jsonstack* new_element() noexcept {
-  if (__builtin_expect(kept_elements.count > 0, 1)) {
-    return kept_elements.blocks[--kept_elements.count];
+  if (__builtin_expect(element_array.used < kArrayElements, 1)) {
+    return &element_array.elements[element_array.used++];
   }
   return static_cast<jsonstack*>(std::malloc(sizeof(jsonstack)));
 }
 
 inline void give_back(jsonstack* elem) noexcept {
-  if (__builtin_expect(elem != nullptr && kept_elements.count < kMostKept, 1)) {
-    kept_elements.blocks[kept_elements.count++] = elem;
+  if (__builtin_expect(element_array.holds(elem), 1)) {
+    element_array.used = static_cast<std::size_t>(elem - element_array.elements);
   } else {
     std::free(elem);
   }
 }
-
-void free_kept_elements() noexcept;
 
 struct GiveBack {
   void operator()(jsonstack* elem) const noexcept { give_back(elem); }
@@ -56,12 +62,15 @@ using Element = std::unique_ptr<jsonstack, GiveBack>;
   return err;
 }
 
-// The caller owns the element; null for an empty stack.
+// The caller owns the element; null for an empty stack. Its links keep their values.
 [[nodiscard]] inline jsonstack* pop(tavrix_stack_head_s& stack) noexcept {
-  oneway_list_elem_s* elem = nullptr;
-  if (oneway_list_pop_head(&stack.sthead, &elem) != TXLIST_ERR_OK) return nullptr;
+  jsonstack* top = top_of(stack);
+  if (top == nullptr) return nullptr;
+  oneway_list_elem_s* below = top->list.next_elem;
+  stack.sthead.first_elem = below;
+  if (below != nullptr) below->ptr2prev = &stack.sthead.first_elem;
   stack.totalelems -= 1;
-  return reinterpret_cast<jsonstack*>(elem);
+  return top;
 }
 
 // Frees the elements that a cancelled parse left, and the ACL under construction.

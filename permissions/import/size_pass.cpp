@@ -66,13 +66,12 @@ tavrix_stack_head_s& running_stack() {
 // Pushes an element with that state. This pass uses only the state of an element.
 bool push_state(json_mapsize_states state) {
   tavrix_stack_head_s& stack = running_stack();
-  jsonstack* elem = new_element();
+  auto* elem = malloc_zeroed<jsonstack>();
   if (elem == nullptr) {
     TAVRIX_LOG(0, "No memory %d", errno);
     TAVRIX_LOG(0, "Cannot create stack element err %d", SHM_MEMBE_ERR_NOMEM);
     return false;
   }
-  *elem = jsonstack{};
   elem->state = state;
   return push(stack, elem) == TXLIST_ERR_OK;
 }
@@ -146,7 +145,10 @@ void parse_size_file(JsonParse& parse, std::FILE* file) {
       break;
     }
     buffer[length] = '\0';
-    if (!parse.feed(buffer, length)) break;
+    if (!parse.feed(buffer, length)) {
+      parse.print_error({buffer, length}, 0);
+      break;
+    }
   }
   parse.finish();
 }
@@ -190,7 +192,6 @@ membe_shm_err get_permbe_shmsize(const char* perm_size_file, const char* perm_fi
   tavrix::memsummary1 = *msum;
   tavrix::parse_size_file(parse, file.get());
   tavrix::memsummary1 = nullptr;
-  tavrix::free_kept_elements();
   estimate_shmbe_size(*msum);
   return SHM_MEMBE_OK;
 }

@@ -11,6 +11,7 @@
 #include "mkperms_shm.h"
 #include "perm_utils.h"
 #include "permissions/map/ace_list.hpp"
+#include "permissions/map/stored_acl.hpp"
 
 namespace tavrix {
 namespace {
@@ -93,6 +94,22 @@ void print_ace(const tavrix_ace_s& ace, uint32_t number) {
 }
 
 }  // namespace
+
+void write_stored_acl(const tavrix_acl_t& acl, std::byte* place) noexcept {
+  TAVRIX_REQUIRE(acl.version == TAVRIX_ACL_VERSION, "acl->version == TAVRIX_ACL_VERSION");
+  auto* stored = reinterpret_cast<beacl_s*>(place);
+  *stored = {.signature = ACLSIG, .num_aces = acl.num_aces};
+  auto* next = reinterpret_cast<beace_s*>(stored + 1);
+  uint32_t left = acl.num_aces;
+  for (const tavrix_ace_s& ace : aces_of(acl)) {
+    TAVRIX_REQUIRE(left-- > 0, "index < acl->num_aces");
+    *next++ = beace_s{.idtype = stored_idtype(ace),
+                      .id = ace.trustee.uid,
+                      .perm_mask = static_cast<uint16_t>(ace.perm_mask),
+                      .padding = 0};
+  }
+}
+
 }  // namespace tavrix
 
 using tavrix::aces_of;
@@ -156,25 +173,14 @@ membe_shm_err ACL_2_membuf(tavrix_acl_t* acl, beacl_s** out, uint32_t* size) {
   }
   TAVRIX_REQUIRE(acl->version == TAVRIX_ACL_VERSION, "acl->version == TAVRIX_ACL_VERSION");
 
-  const std::size_t bytes = sizeof(beacl_s) + std::size_t{acl->num_aces} * sizeof(beace_s);
-  auto* stored = static_cast<beacl_s*>(std::calloc(1, bytes));
+  const std::size_t bytes = tavrix::stored_size_of(*acl);
+  void* stored = std::calloc(1, bytes);
   if (stored == nullptr) {
     TAVRIX_LOG(0, "malloc failure ");
     TAVRIX_REQUIRE(stored != nullptr, "bacl != NULL");
   }
-  stored->signature = ACLSIG;
-  stored->num_aces = acl->num_aces;
-
-  auto* next = reinterpret_cast<beace_s*>(stored + 1);
-  uint32_t left = acl->num_aces;
-  for (const tavrix_ace_s& ace : aces_of(*acl)) {
-    TAVRIX_REQUIRE(left-- > 0, "index < acl->num_aces");
-    *next++ = beace_s{.idtype = tavrix::stored_idtype(ace),
-                      .id = ace.trustee.uid,
-                      .perm_mask = static_cast<uint16_t>(ace.perm_mask),
-                      .padding = 0};
-  }
-  *out = stored;
+  tavrix::write_stored_acl(*acl, static_cast<std::byte*>(stored));
+  *out = static_cast<beacl_s*>(stored);
   *size = static_cast<uint32_t>(bytes);
   return SHM_MEMBE_OK;
 }

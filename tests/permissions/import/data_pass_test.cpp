@@ -128,11 +128,17 @@ TEST_F(DataPass, CancelsAtAnArrayThatFitsNowhere) {
   EXPECT_TRUE(logged("Invalid state 0"));
 }
 
+// Only the elements of deep folders are heap blocks.
 TEST_F(DataPass, CancelsWithoutMemoryForAFolder) {
+  Folder tree{.name = "bottom", .has_acl = false};
+  for (std::size_t i = 0; i < kArrayElements / 4 + 20; ++i) {
+    tree = {.name = "d", .has_acl = false, .children = {tree}};
+  }
+  tree.name = "/";
   bool seen = false;
   for (int nth = 1; nth < 60; ++nth) {
     const Outcome outcome = in_child([&] {
-      prepare(count(team_map()), data_json(team_map()));
+      prepare(count(tree), data_json(tree));
       fail_call("malloc", ENOMEM, nth);
       run();
       if (logged("Error creating fselem ")) _exit(7);

@@ -74,6 +74,26 @@ TEST_F(ImportDriver, WritesTheParsersErrorToStandardError) {
   EXPECT_NE(std::string::npos, text.find("(right here)")) << text;
 }
 
+TEST_F(ImportDriver, SaysThatAnEmptyDataFileCannotBeRead) {
+  prepare(count(tree()), "");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(SHM_MEMBE_OK, run());
+  EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with(
+      "error on file read.\nparse error: premature EOF\n"));
+}
+
+// A read that fails is a document that ends early: the image is judged as it is.
+TEST_F(ImportDriver, KeepsWhatItReadBeforeAReadFailed) {
+  prepare_tree();
+  fail_call("read", EIO);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(SHM_MEMBE_OK, run());
+  EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with("error on file read.\n"));
+  EXPECT_EQ(0U, ImageView(image().data()).header().next_free_fselem);
+  EXPECT_FALSE(exists(kData));
+  EXPECT_EQ(Lines{kDone}, told());
+}
+
 TEST_F(ImportDriver, EmptiesTheStackThatACancelledSizeFileLeft) {
   write_file(kSize, R"({"TOTALFSELEMS": 2, "TOTALACES": 1, "TOTALNAMELEN": 4, "extra": 1})");
   write_file(kData, data_json(tree()));
@@ -119,7 +139,7 @@ TEST_F(ImportDriver, NeedsTheDataFile) {
 
 TEST_F(ImportDriver, NeedsADataFileThatOpens) {
   prepare_tree();
-  fail_call("fopen", EACCES);
+  fail_call("open", EACCES);
   EXPECT_EQ(SHM_MEMBE_ERR_BADARGS, run());
   EXPECT_TRUE(exists(kSize));
   EXPECT_TRUE(exists(kData));
@@ -130,7 +150,7 @@ TEST_F(ImportDriver, NeedsADataFileThatOpens) {
 TEST_F(ImportDriver, WithoutMemoryForTheDataFileKeepsTheFiles) {
   write_file(kCopy, "the copy of before");
   prepare_tree();
-  fail_call("calloc", ENOMEM);
+  fail_call("malloc", ENOMEM);
   EXPECT_EQ(SHM_MEMBE_ERR_NOMEM, run());
   EXPECT_TRUE(logged("No memory Cannot allocate memory"));
   EXPECT_TRUE(exists(kSize));
@@ -161,7 +181,7 @@ TEST_F(ImportDriver, FailsWhenTheHeaderWasOverrun) {
   prepare(count(tree()), data_json(tree()));
   const auto spoil = [] { reinterpret_cast<tavrix_be_header*>(image().data())->signature = 1; };
   run_before("stat", [] {});
-  run_before("open", spoil);
+  run_before("open", spoil, 2);  // the first opens the data file
   run_before("unlink", [] {});
   EXPECT_EQ(SHM_MEMBE_OK, run());  // the file is open by then
   EXPECT_EQ(SHM_MEMBE_ERR_PERMMAP_RDERR, restore(summary()->memsize));

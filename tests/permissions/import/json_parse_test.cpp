@@ -51,9 +51,12 @@ class JsonParseOfChunks : public testing::Test {
       JsonParse parse(callbacks_);
       is_accepted_ = true;
       for (const std::string& chunk : chunks) {
-        is_accepted_ = is_accepted_ && parse.feed(chunk.data(), chunk.size());
+        is_accepted_ = parse.feed(chunk.data(), chunk.size());
+        if (is_accepted_) continue;
+        parse.print_error(chunk, 0);
+        break;
       }
-      if (is_accepted_) parse.finish();
+      parse.finish();
     }
     std::fflush(stderr);
     return testing::internal::GetCapturedStderr();

@@ -33,6 +33,50 @@ TEST_F(ParseStack, MakesEmptyElements) {
   std::free(elem);
 }
 
+TEST_F(ParseStack, TakesElementsFromTheArrayAndThenFromTheHeap) {
+  const long blocks = live_allocations();
+  for (std::size_t i = 0; i < kArrayElements + 2; ++i) {
+    jsonstack* elem = new_element();
+    ASSERT_NE(nullptr, elem);
+    EXPECT_EQ(i < kArrayElements, element_array.holds(elem));
+    elem->state = static_cast<int>(i);
+    elem->stetype = STELEM_TYPE_FSELEM;
+    ASSERT_EQ(TXLIST_ERR_OK, push(summary_.sth, elem));
+  }
+  EXPECT_EQ(blocks + 2, live_allocations());
+  EXPECT_EQ(kArrayElements + 2, summary_.sth.totalelems);
+  for (std::size_t i = kArrayElements + 2; i-- > 0;) {
+    EXPECT_EQ(static_cast<int>(i), get_cur_state(&summary_.sth));
+    ASSERT_EQ(SHM_MEMBE_OK, pop_if_state(static_cast<int>(i)));
+  }
+  EXPECT_EQ(0U, element_array.used);
+  EXPECT_EQ(blocks, live_allocations());
+}
+
+// Elements of other programs may lie between those of the data pass.
+TEST_F(ParseStack, TakesBackElementsOfBothKinds) {
+  jsonstack* elem = new_element();
+  *elem = {};
+  ASSERT_EQ(TXLIST_ERR_OK, push(summary_.sth, elem));
+  push_stackelem_wstatedata(&summary_, 1, 0, nullptr, STELEM_TYPE_INVALID);
+  elem = new_element();
+  *elem = {};
+  ASSERT_EQ(TXLIST_ERR_OK, push(summary_.sth, elem));
+  EXPECT_EQ(2U, element_array.used);
+  const long blocks = live_allocations();
+  empty_stack(summary_.sth);
+  EXPECT_EQ(0U, element_array.used);
+  EXPECT_EQ(blocks - 1, live_allocations());
+  EXPECT_EQ(nullptr, summary_.sth.sthead.first_elem);
+}
+
+TEST_F(ParseStack, HasNoElementWithoutMemoryBehindTheArray) {
+  element_array.used = kArrayElements;
+  fail_call("malloc", ENOMEM);
+  EXPECT_EQ(nullptr, new_element());
+  element_array.used = 0;
+}
+
 TEST_F(ParseStack, TellsMissingMemory) {
   fail_call("malloc", ENOMEM, 1, 100);
   EXPECT_EQ(0, level_of("No memory Cannot allocate memory", [] {
