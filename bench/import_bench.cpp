@@ -5,7 +5,6 @@
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <yajl/yajl_parse.h>
@@ -34,13 +33,11 @@ void import_once(const JsonPair& files) {
   std::free(summary);
 }
 
-// The peak memory of an import beyond the data file and the image. It runs in a process of its own,
-// whose peak is the import's.
+// The peak memory of an import beyond the image. It runs in a process of its own, whose peak is the
+// import's.
 double extra_memory_mib(const sample::Shape& shape) {
-  const JsonPair files = json_pair(shape);
-  struct stat data {};
-  stat(files.data.c_str(), &data);
-  const double image = static_cast<double>(image_of(shape).size());
+  const auto image = static_cast<double>(image_of(shape).size());
+  const JsonPair files = json_pair(shape);  // the image's own import has removed its pair
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
@@ -53,11 +50,12 @@ double extra_memory_mib(const sample::Shape& shape) {
     }
     getrusage(RUSAGE_SELF, &after);
     const double grown = static_cast<double>(after.ru_maxrss - before.ru_maxrss) * 1024;
-    const double extra = (grown - static_cast<double>(data.st_size) - image) / (1 << 20);
+    const double extra = (grown - image) / (1 << 20);
     std::ofstream("/scratch/extra") << extra;
     _exit(0);
   }
-  waitpid(child, nullptr, 0);
+  int status = 0;
+  if (waitpid(child, &status, 0) != child || status != 0) std::abort();
   double extra = 0;
   std::ifstream("/scratch/extra") >> extra;
   return extra;

@@ -45,7 +45,7 @@ def table(results):
         if "faults" in entry:
             counts.append(f"{entry['faults']:.1f} page faults (floor {floor['faults']:.1f})")
         if "extra_MiB" in entry:
-            counts.append(f"{entry['extra_MiB']:.1f} MiB beside file and image")
+            counts.append(f"{entry['extra_MiB']:.1f} MiB beside the image")
         lines.append(f"| {name.split('/iterations')[0]} | {text} | {floor_text} | "
                      f"{time / floor_time:.2f} | {', '.join(counts)} |")
     return "\n".join(lines)
