@@ -7,6 +7,7 @@
 #   --rounds N        runs of each kind, of which the least counts (5)
 #   --counts          only the system calls of an operation, which do not depend on the machine's load, and
 #                     without the peers
+#   --crowds          only many clients at once
 #   --by-call         lists them by name, too
 #   --map NAME        only this one: small, or large with a million folders
 #   --operation NAME  counts only this one: list, list-again, put, get, rename or delete
@@ -17,7 +18,8 @@ source scripts/lib/packages.sh
 source scripts/lib/world.sh
 
 # The world's script reads these.
-export bench_parts="costs counts" bench_maps="small large" bench_operations="" bench_rounds=5
+export bench_parts="costs counts crowds" bench_maps="small large" bench_operations="" bench_rounds=5
+export bench_crowd_rounds=2 bench_crowd_passes=200
 export bench_peers="messages hide audit both"
 export bench_entries=10000 bench_files=2000
 document=(docs/benchmarks.md)
@@ -32,7 +34,8 @@ read_options() {
   while [ $# -gt 0 ]; do
     case $1 in
       --rounds) bench_rounds=${2:?} && shift ;;
-      --quick) bench_rounds=2 bench_entries=5000 bench_files=500 document=() ;;
+      --quick) bench_rounds=2 bench_entries=5000 bench_files=500 bench_crowd_rounds=1 bench_crowd_passes=100 document=() ;;
+      --crowds) bench_parts=crowds document=() ;;
       --counts) bench_parts=counts bench_peers="" document=() ;;
       --by-call) by_call=(--by-call) ;;
       --map) bench_maps=${2:?} document=() && shift ;;

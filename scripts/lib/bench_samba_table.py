@@ -83,7 +83,28 @@ def by_call(rows):
     return "\n".join(lines)
 
 
-PARTS = {"costs": (costs, "samba results"), "counts": (counts, "samba counts")}
+def crowds(rows):
+    """Of the rounds, each server's least CPU time and least elapsed time, and the most memory."""
+    runs = defaultdict(list)
+    for folders, variant, *pairs in rows:
+        numbers = {name: int(number) for name, number in (pair.split("=") for pair in pairs)}
+        runs[numbers["connections"], folders, variant].append(numbers)
+    lines = []
+    for connections, folders, variant in sorted(runs, key=lambda key: (key[0], key[1] != "small", key[2])):
+        ours, bare = runs[connections, folders, variant], runs[connections, folders, "bare"]
+        least = {name: min(run[name] for run in ours) for name in ("cpu", "elapsed")}
+        share = {name: least[name] / min(run[name] for run in bare) for name in least}
+        memory = [f"{max(run[name] for run in ours) / 2**20:.0f} MiB" for name in ("before", "most", "left")]
+        swaps = min(run["swaps"] for run in ours)
+        lines.append([str(connections), MAPS[folders], variant, f"{least['cpu'] / 1e9:.1f} s", f"{share['cpu']:.2f}",
+                      f"{least['elapsed'] / 1e9:.1f} s", f"{share['elapsed']:.2f}", str(swaps),
+                      *memory])
+    return table_of(["clients", "map", "server", "CPU", "share", "elapsed", "share", "swaps", "memory before", "most",
+                     "left"], lines)
+
+
+PARTS = {"costs": (costs, "samba results"), "counts": (counts, "samba counts"),
+         "crowds": (crowds, "samba crowds")}
 
 
 def main():

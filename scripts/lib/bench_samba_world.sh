@@ -9,16 +9,22 @@ results=$3
 export PATH=$build/tools:$PATH
 source "$sources/scripts/lib/samba_world.sh"
 
+crowd_entries=1000
+crowd_files=20
 listed_when_counting=1000  # as many as a connection's verdict cache holds
 
 # --- maps and trees ---
 
+# Its files stay in /scratch/map, though an import removes those that it is given.
 publish_map() {  # NAME
+  rm -rf /scratch/map
+  mkdir /scratch/map
   if [ "$1" = small ]; then
-    cp "$sources"/examples/team/*.json /scratch/
+    cp "$sources"/examples/team/*.json /scratch/map/
   else
-    tavrix-sample-tree --folders 1000000 /scratch/size.json /scratch/data.json >/dev/null
+    tavrix-sample-tree --folders 1000000 /scratch/map/size.json /scratch/map/data.json >/dev/null
   fi
+  ln /scratch/map/*.json /scratch/
   tavrixctl map import --trust /scratch/size.json /scratch/data.json >/dev/null
   # A folder of the map that also has folders of the map in it.
   team=$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')
@@ -68,6 +74,7 @@ variants_for() {  # MAP
 with_server() {  # PART MAP VARIANT PROGRAM [ARGUMENT]...
   local part=$1 map=$2 variant=$3 program=$4
   shift 4
+  echo "$part, $map map, $variant" >&2
   rm -f "/tavrix/Shared/$team/put/"*
   start_variant "$variant"
   "$sources/scripts/lib/$program" anna "$team" "$@" >/scratch/lines
@@ -91,6 +98,23 @@ counts() {  # MAP
   for variant in $(variants_for "$1"); do
     # shellcheck disable=SC2086  # a list of words
     with_server counts "$1" "$variant" bench_samba_calls.py $listed_when_counting $bench_operations
+  done
+}
+
+# The large map is swapped meanwhile.
+crowds() {  # MAP
+  local round connections variant swapped=-
+  [ "$1" = small ] || swapped=/scratch/map
+  make_tree "$crowd_entries"
+  mkdir "/tavrix/Shared/$team"/{0..99}
+  chmod 0777 "/tavrix/Shared/$team"/{0..99}
+  for ((round = 0; round < bench_crowd_rounds; ++round)); do
+    for connections in 10 100; do
+      for variant in bare tavrix; do
+        with_server crowds "$1" "$variant" bench_samba_crowd.py "$crowd_entries" "$connections" \
+          $((bench_crowd_passes / connections)) $crowd_files "$swapped"
+      done
+    done
   done
 }
 
