@@ -49,6 +49,35 @@ TEST(ChildHints, TellTheUsersOfASlotApart) {
   }
 }
 
+// The folders above some thousand files of a large map. A hint that is lost costs a scan.
+TEST(ChildHints, HoldThousandsAtOnce) {
+  auto hints = std::make_unique<ChildHints>();
+  hints->use(kTable);
+  constexpr uint32_t kMany = 16'000;
+  const auto parent_of = [](uint32_t i) { return i / 16 * 24; };
+  const auto hash_of = [](uint32_t i) { return i * 2654435761U; };
+  for (uint32_t i = 0; i < kMany; ++i) hints->remember(parent_of(i), hash_of(i), (i + 1) * 24);
+  uint32_t kept = 0;
+  for (uint32_t i = 0; i < kMany; ++i) {
+    const uint32_t child = hints->find(parent_of(i), hash_of(i));
+    ASSERT_TRUE(child == (i + 1) * 24 || child == ChildHints::kNone) << i;
+    kept += child != ChildHints::kNone ? 1 : 0;
+  }
+  EXPECT_GT(kept, kMany * 97 / 100);
+}
+
+// Two names of one hash take turns in one place, and push no other hint out.
+TEST(ChildHints, KeepOneHintOfAHash) {
+  auto hints = std::make_unique<ChildHints>();
+  hints->use(kTable);
+  hints->remember(48, 7, 480);
+  for (uint32_t round = 1; round < 100; ++round) {
+    hints->remember(24, 5, round * 24);
+    EXPECT_EQ(round * 24, hints->find(24, 5));
+  }
+  EXPECT_EQ(480U, hints->find(48, 7));
+}
+
 TEST(ChildHints, ForgetEverythingAboutAnotherTable) {
   auto hints = std::make_unique<ChildHints>();
   for (const SegmentIdentity& other :
