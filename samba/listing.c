@@ -15,20 +15,20 @@ static struct tavrix_listing* listing_of(struct vfs_handle_struct* handle, const
   return listing;
 }
 
-/* The folder's present name: its own client may rename a folder while it lists it. */
+/* Takes the folder's present name: its own client may rename a folder while it lists it. Verdicts
+ * on entries of another name are void then. */
 static bool find_name(struct vfs_handle_struct* handle, struct tavrix_listing* listing) {
   struct tavrix_name name;
   const char* base_name = listing->fsp->fsp_name->base_name;
   if (tavrix_name_of(talloc_tos(), handle, base_name, &name) != 0) return false;
   const bool is_tree = tavrix_is_tree(tavrix_connection_of(handle), &name);
-  char* folder = talloc_strdup(listing, is_tree ? "." : name.name);
-  if (folder == NULL) {
-    errno = ENOMEM;
-    return false;
-  }
-  talloc_free(discard_const_p(char, listing->folder));
-  listing->folder = folder;
-  return true;
+  const char* present = is_tree ? "." : name.name;
+  if (listing->folder != NULL && strcmp(listing->folder, present) == 0) return true;
+  TALLOC_FREE(listing->folder);
+  listing->record = NULL;
+  listing->folder = talloc_strdup(listing, present);
+  if (listing->folder == NULL) errno = ENOMEM;
+  return listing->folder != NULL;
 }
 
 static bool add_listing(struct vfs_handle_struct* handle, files_struct* fsp, DIR* dirp) {

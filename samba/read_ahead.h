@@ -19,12 +19,13 @@ struct tavrix_listing {
   struct tavrix_listing *next, *prev;
   DIR* dirp;
   struct files_struct* fsp;
-  const char* folder;              /* its name, relative to the tree; "." for the tree's root */
+  char* folder;                    /* its name, relative to the tree; "." for the tree's root */
   uint64_t request;                /* the request in which name and identity were checked */
   struct tavrix_batch* batch;      /* null: nothing is read ahead */
   struct tavrix_read_entry single; /* stands for the batch when there is no memory for one */
   const struct dirent* shown;      /* the entry handed out last; null: none, or it is forgotten */
-  /* The user, the state of his rights, and the time that the verdicts are of. */
+  /* The user, the state of his rights, and the time that the verdicts are of; without a user there
+   * are none. */
   const connection_private_data_s* record;
   uint64_t generation;
   struct timespec decided;
