@@ -11,7 +11,7 @@
 #   --by-call         lists them by name, too
 #   --map NAME        only this one: small, or large with a million folders
 #   --operation NAME  counts only this one: list, list-again, put, get, rename or delete
-#   --quick           smaller folders, two rounds
+#   --quick           smaller folders, one round
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
@@ -20,7 +20,7 @@ source scripts/lib/world.sh
 # The world's script reads these.
 export bench_parts="costs counts crowds" bench_maps="small large" bench_operations="" bench_rounds=5
 export bench_crowd_rounds=2 bench_crowd_passes=200
-export bench_peers="messages hide audit both"
+export bench_peers="messages hide audit both" bench_counted_peers="messages hide audit both"
 export bench_entries=10000 bench_files=2000
 document=(docs/benchmarks.md)
 by_call=()
@@ -34,9 +34,12 @@ read_options() {
   while [ $# -gt 0 ]; do
     case $1 in
       --rounds) bench_rounds=${2:?} && shift ;;
-      --quick) bench_rounds=2 bench_entries=5000 bench_files=500 bench_crowd_rounds=1 bench_crowd_passes=100 document=() ;;
+      --quick)
+        bench_rounds=1 bench_entries=2000 bench_files=200 bench_crowd_rounds=1 bench_crowd_passes=100
+        bench_counted_peers="" document=()
+        ;;
       --crowds) bench_parts=crowds document=() ;;
-      --counts) bench_parts=counts bench_peers="" document=() ;;
+      --counts) bench_parts=counts bench_counted_peers="" document=() ;;
       --by-call) by_call=(--by-call) ;;
       --map) bench_maps=${2:?} document=() && shift ;;
       --operation) bench_operations+=" ${2:?}" document=() && shift ;;

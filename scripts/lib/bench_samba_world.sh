@@ -63,9 +63,9 @@ start_variant() {  # VARIANT
 }
 
 # The peers do not know the map, so they are measured beside the small one.
-variants_for() {  # MAP
+variants_for() {  # MAP PEERS
   echo bare tavrix
-  [ "$1" = large ] || echo "$bench_peers"
+  [ "$1" = large ] || echo "$2"
 }
 
 # --- the parts ---
@@ -86,7 +86,7 @@ costs() {  # MAP
   local round variant
   make_tree "$bench_entries"
   for ((round = 0; round < bench_rounds; ++round)); do
-    for variant in $(variants_for "$1"); do
+    for variant in $(variants_for "$1" "$bench_peers"); do
       with_server costs "$1" "$variant" bench_samba_cost.py "$bench_entries" "$bench_files"
     done
   done
@@ -95,7 +95,7 @@ costs() {  # MAP
 counts() {  # MAP
   local variant
   make_tree $listed_when_counting
-  for variant in $(variants_for "$1"); do
+  for variant in $(variants_for "$1" "$bench_counted_peers"); do
     # shellcheck disable=SC2086  # a list of words
     with_server counts "$1" "$variant" bench_samba_calls.py $listed_when_counting $bench_operations
   done
