@@ -9,6 +9,7 @@
 #include "hooks/frame.hpp"
 #include "logging.h"
 #include "processing_functions.h"
+#include "tavrix_session.h"
 
 namespace tavrix {
 namespace {
@@ -78,14 +79,15 @@ int rename_preprocess(const char* connectpath, const char* sfull_path, const cha
   if (private_data->reserved_user == 0) {
     TAVRIX_LOG(10, "Checking source perms for %s, op %d\n", sfull_path, operations->source);
   }
-  if (!tavrix::is_allowed(connectpath, sfull_path, operations->source, *private_data, is_nav)) {
-    TAVRIX_LOG(8, "Permission denied for source %s\n", sfull_path);
-    return tavrix::refuse();
-  }
-  if (!tavrix::is_allowed(connectpath, dfull_path, operations->destination, *private_data,
-                          is_nav)) {
-    return tavrix::refuse();
-  }
+  tavrix_scope_begin();  // both answers come from one map
+  const bool may_leave =
+      tavrix::is_allowed(connectpath, sfull_path, operations->source, *private_data, is_nav);
+  const bool may_come =
+      may_leave &&
+      tavrix::is_allowed(connectpath, dfull_path, operations->destination, *private_data, is_nav);
+  tavrix_scope_end();
+  if (!may_leave) TAVRIX_LOG(8, "Permission denied for source %s\n", sfull_path);
+  if (!may_come) return tavrix::refuse();
   if (!tavrix::stay_root(perm_ctx)) {
     TAVRIX_LOG(0, "Could not switch to root for rename operations %s -> %s\n", sfull_path,
                dfull_path);
