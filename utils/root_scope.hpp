@@ -24,6 +24,7 @@
 #pragma once
 
 #include <unistd.h>
+#include <cstdlib>
 
 #include "internal/assert.hpp"
 #include "internal/scoped.hpp"
@@ -38,13 +39,19 @@ inline void require_unbecome_root(tx_permctx_s* context) noexcept {
   TAVRIX_REQUIRE(tavrix_vfs_unbecome_root(context) == 0, "tavrix_vfs_unbecome_root(perm_ctx) == 0");
 }
 
-// Root for the length of a scope. errno survives the way back.
+// Root for the length of a scope. errno survives the way back. A process that is root already asks
+// for its ids and does nothing else.
 class [[nodiscard]] RootScope {
  public:
   RootScope() noexcept : context_(tavrix_vfs_become_root()) {}
   ~RootScope() {
     const ErrnoKeeper keep;
-    if (context_ != nullptr) require_unbecome_root(context_);
+    if (context_ == nullptr) return;
+    if (context_->effective_uid != 0) {
+      require_unbecome_root(context_);
+    } else {
+      std::free(context_);
+    }
   }
   RootScope(const RootScope&) = delete;
   RootScope& operator=(const RootScope&) = delete;
@@ -60,7 +67,9 @@ class [[nodiscard]] RootScope {
 class [[nodiscard]] RootInHook {
  public:
   explicit RootInHook(tx_perm_ctx_t** slot) noexcept
-      : slot_(slot), was_root_(geteuid() == 0), is_root_(raise_permissions(slot) == 1) {}
+      : slot_(slot),
+        was_root_(geteuid() == 0),
+        is_root_(was_root_ || raise_permissions(slot) == 1) {}
   ~RootInHook() {
     if (was_root_ || !is_root_) return;
     const ErrnoKeeper keep;
