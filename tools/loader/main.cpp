@@ -17,6 +17,7 @@
 #include "tavrix_vfs_utils.h"
 #include "tools/loader/group_map_watch.hpp"
 #include "tools/loader/inbox.hpp"
+#include "tools/loader/pinned_watch.hpp"
 #include "tools/loader/watch.hpp"
 #include "tools/loader/words.hpp"
 #include "tools/loader/worker.hpp"
@@ -102,6 +103,7 @@ class Service {
  private:
   void keep_in_place() {
     tell(group_map_.look());
+    tell(pinned_.look());
     const auto recovery = watch_.look();
     if (!recovery) return;
     tell(recovery->report);
@@ -132,6 +134,7 @@ class Service {
   Worker worker_;
   Watch watch_;
   GroupMapWatch group_map_;
+  PinnedWatch pinned_;
   Fd stop_;
   bool stops_ = false;
 };

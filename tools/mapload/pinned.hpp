@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// Old tables that are still in memory. The kernel frees a removed segment when its last process
+// detaches, so a process that does not detach keeps the memory of a whole map.
+#pragma once
+
+#include <vector>
+
+#include "tools/mapload/tables.hpp"
+
+namespace tavrix::mapload {
+
+struct PinnedTable {
+  Segment segment;
+  unsigned long attachments = 0;  // one a process, as a rule
+};
+
+// Returns the removed tables that are attached somewhere. Tables that came and went between two
+// calls are among them: they are found by what they are, not by their keys, which are gone.
+[[nodiscard]] std::vector<PinnedTable> pinned_tables();
+
+}  // namespace tavrix::mapload
