@@ -82,6 +82,7 @@ static uint32_t rights_on_file(struct tavrix_connection* tavrix, const struct ta
 
 uint32_t tavrix_rights_on(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                           bool is_folder) {
+  TAVRIX_DECISIONS();
   return is_folder ? rights_on_folder(tavrix, name) : rights_on_file(tavrix, name);
 }
 

@@ -114,6 +114,7 @@ static int check_streams(struct vfs_handle_struct* handle) {
 static void free_connection(void** data) {
   struct tavrix_connection* tavrix = *data;
   if (tavrix == NULL) return;
+  tavrix_close_session(tavrix);
   if (tavrix->own != NULL) {
     destroy_tlb(&tavrix->own->vfs_table_cache);
     free(tavrix->own->groupmap.gids);
@@ -171,7 +172,9 @@ int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const 
   tavrix_warn_about_share(handle);
   handle->data = tavrix;
   handle->free_data = free_connection;
+  tavrix_open_session(handle, tavrix);
   settle_notes();
+  tavrix_watch_session(tavrix);
   return 0;
 }
 

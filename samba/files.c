@@ -50,13 +50,13 @@ static int ask(struct tavrix_connection* tavrix, const struct tavrix_name* name,
                          tavrix->record, &st, tavrix->client, &tavrix->perm_ctx, tavrix->audit);
 }
 
-static int open_as_root(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
-                        const struct smb_filename* smb_fname, struct files_struct* fsp,
-                        const struct vfs_open_how* how, bool is_new) {
+/* The create request asked about the folder, or its listing will ask. */
+static int open_folder(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                       const struct smb_filename* smb_fname, struct files_struct* fsp,
+                       const struct vfs_open_how* how) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix_raise(tavrix) != 0) return -1;
   const int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
-  if (fd >= 0 && is_new && (how->flags & O_CREAT) != 0) tavrix_give_to_owner(tavrix, fd);
   tavrix_give_back(tavrix);
   return fd;
 }
@@ -67,28 +67,36 @@ static bool has_made(const struct vfs_open_how* how, bool is_new) {
   return (how->flags & O_CREAT) != 0 && (is_new || (how->flags & O_EXCL) != 0);
 }
 
-static int open_for_client(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
-                           const struct smb_filename* smb_fname, struct files_struct* fsp,
-                           const struct vfs_open_how* how, const struct tavrix_name* name) {
+static int open_file(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                     const struct smb_filename* smb_fname, struct files_struct* fsp,
+                     const struct vfs_open_how* how, const struct tavrix_name* name, bool is_new) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
-  /* The create request asked about the folder, or its listing will ask. */
-  if (fsp->fsp_flags.is_directory) return open_as_root(handle, dirfsp, smb_fname, fsp, how, false);
-  const bool asked = was_asked(tavrix, name, fsp, how->flags);
-  int is_new = asked ? tavrix->is_granted_new : 0;
-  TAVRIX_AS_ROOT_IF(!asked);
-  if (!asked && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
   /* Before the open: a file whose changes could not be recorded is not opened. */
   struct tavrix_open* kept = tavrix_keep_open(handle, fsp);
   if (kept == NULL) {
     errno = ENOMEM;
     return -1;
   }
-  const int fd = open_as_root(handle, dirfsp, smb_fname, fsp, how, is_new != 0);
-  if (fd < 0) return fd;
-  kept->is_clients = true;
+  if (tavrix_raise(tavrix) != 0) return -1;
+  const int fd = SMB_VFS_NEXT_OPENAT(handle, dirfsp, smb_fname, fsp, how);
+  kept->is_clients |= fd >= 0;
+  if (fd >= 0 && is_new && (how->flags & O_CREAT) != 0) tavrix_give_to_owner(tavrix, fd);
   /* Record it now: the file stays even when a later step of the request fails. */
-  if (has_made(how, is_new != 0)) create_file_postprocess(tavrix->record, name->full);
+  if (fd >= 0 && has_made(how, is_new)) create_file_postprocess(tavrix->record, name->full);
+  tavrix_give_back(tavrix);
   return fd;
+}
+
+static int open_for_client(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
+                           const struct smb_filename* smb_fname, struct files_struct* fsp,
+                           const struct vfs_open_how* how, const struct tavrix_name* name) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  if (fsp->fsp_flags.is_directory) return open_folder(handle, dirfsp, smb_fname, fsp, how);
+  const bool asked = was_asked(tavrix, name, fsp, how->flags);
+  int is_new = asked ? tavrix->is_granted_new : 0;
+  TAVRIX_AS_ROOT_IF(!asked);
+  if (!asked && ask(tavrix, name, fsp, how->flags, &is_new) != 0) return -1;
+  return open_file(handle, dirfsp, smb_fname, fsp, how, name, is_new != 0);
 }
 
 /* Checks a name as a status query does. Becomes root only when the verdict is not cached. */

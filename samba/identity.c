@@ -2,8 +2,33 @@
 /* Root for an operation and back, the entry of each function, and the owner of new objects. */
 #include "tavrix_module.h"
 
+enum raised { RAISED, WAS_ROOT, NOT_RAISED };
+
+/* Takes root's user ids and says which ids were there. Asks for them once, where
+ * raise_permissions() asks three times; tavrix_unbecome_root() gives them back. */
+static enum raised take_root(tx_perm_ctx_t* before) {
+  if (getresuid(&before->real_uid, &before->effective_uid, &before->saved_uid) != 0) {
+    return NOT_RAISED;
+  }
+  if (before->effective_uid == 0) return WAS_ROOT;
+  if (setresuid(0, 0, (uid_t)-1) == 0) return RAISED;
+  DBG_ERR("cannot become root: %s\n", strerror(errno));
+  return NOT_RAISED;
+}
+
+/* smbd's own change to root and back may have left a slot whose root is gone. */
 int tavrix_raise(struct tavrix_connection* tavrix) {
-  return raise_permissions(&tavrix->perm_ctx) == 1 ? 0 : -1;
+  tx_perm_ctx_t* slot = malloc(sizeof *slot);
+  const enum raised raised = slot != NULL ? take_root(slot) : NOT_RAISED;
+  if (raised == RAISED) {
+    free(tavrix->perm_ctx);
+    tavrix->perm_ctx = slot;
+    return 0;
+  }
+  free(slot);
+  if (raised == WAS_ROOT) return 0;
+  errno = EACCES;
+  return -1;
 }
 
 void tavrix_give_back(struct tavrix_connection* tavrix) {
@@ -16,8 +41,12 @@ void tavrix_give_back(struct tavrix_connection* tavrix) {
 }
 
 struct tavrix_root tavrix_become_root_if(bool wanted) {
-  struct tavrix_root root = {.user = NULL, .group = (gid_t)-1};
-  if (!wanted || raise_permissions(&root.user) != 1) return root;
+  struct tavrix_root root = {.is_raised = false, .group = (gid_t)-1};
+  if (!wanted) return root;
+  tavrix_note_decisions();
+  const enum raised raised = take_root(&root.before);
+  if (raised == NOT_RAISED) return root;
+  root.is_raised = raised == RAISED;
   const gid_t group = getegid();
   if (group != 0 && setegid(0) == 0) root.group = group;
   return root;
@@ -29,7 +58,7 @@ void tavrix_end_root(struct tavrix_root* root) {
   if (root->group != (gid_t)-1 && setegid(root->group) != 0) {
     smb_panic("tavrix: the group was not given back");
   }
-  if (root->user != NULL && tavrix_vfs_unbecome_root(root->user) != 0) {
+  if (root->is_raised && tavrix_unbecome_root(&root->before) != 0) {
     smb_panic("tavrix: the identity was not given back");
   }
   errno = keep;
@@ -135,6 +164,7 @@ void tavrix_leave(struct tavrix_entry* entry) {
   if (entry->tavrix != NULL) {
     entry->tavrix->perm_ctx = entry->outer;
     entry->tavrix->record = entry->outer_record;
+    tavrix_watch_session(entry->tavrix);
   }
   set_reserved_user_uid(entry->outer_reserved);
 #ifdef TAVRIX_CHECK_IDENTITY

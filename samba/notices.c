@@ -87,6 +87,7 @@ static bool may_be_told(const struct watch* watch, const char* name, e_file_type
   char* full = full_path_of(watch, name, &slash);
   if (full == NULL) return false;
   TAVRIX_AS_ROOT();
+  TAVRIX_DECISIONS();
   return may_reach(watch->tavrix, full, slash) && may_see(watch->tavrix, full, type);
 }
 

@@ -52,6 +52,11 @@ struct tavrix_connection {
   bool is_request_numbered; /* next_request is due after the request under way */
   uint64_t request;
   uint64_t generation;
+  /* The session, see session.c. */
+  bool has_session;
+  struct tevent_context* events;   /* smbd's loop; null: there is none */
+  struct tevent_timer* idle_timer; /* null while the process keeps nothing attached */
+  unsigned decisions_before;       /* of this process when the timer was set */
 };
 
 /* The module's state of an open file or folder. */
@@ -91,6 +96,28 @@ int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_conne
 void tavrix_notice_login(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
 /* Writes a line for each setting of the share that leaves a gap. */
 void tavrix_warn_about_share(struct vfs_handle_struct* handle);
+
+/* --- the session -------------------------------------------------------------------------------
+ * Between requests a process keeps the map table and the staging buffer attached, until no decision
+ * was made for a quarter of a second. */
+
+void tavrix_open_session(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
+/* Detaches everything and closes the session, if it is open. */
+void tavrix_close_session(struct tavrix_connection* tavrix);
+/* Says that decisions are about to be made. Each function that becomes root for decisions does. */
+void tavrix_note_decisions(void);
+/* Sets the timer if something is attached now. Each function of the table ends with this. */
+void tavrix_watch_session(struct tavrix_connection* tavrix);
+
+/* Decisions in a row, to the end of the block: they look for the current table once. The block has
+ * no call to smbd or to the next module, and no hook that leaves the process root. */
+static inline void tavrix_end_scope_of(const int* unused) { tavrix_scope_end(); }
+static inline int tavrix_begin_scope_of(void) {
+  tavrix_scope_begin();
+  return 0;
+}
+#define TAVRIX_DECISIONS() \
+  __attribute__((cleanup(tavrix_end_scope_of), unused)) const int scope_ = tavrix_begin_scope_of()
 
 /* --- names -------------------------------------------------------------------------------------
  * The library takes names relative to the tree, and full paths. smbd's names are relative to its
@@ -146,7 +173,8 @@ void tavrix_give_back(struct tavrix_connection* tavrix);
  * or cannot become root; in the second case the library switches for itself. Inside the block
  * refresh_credentials() does not see the client: only the refresh files renew the identity then. */
 struct tavrix_root {
-  tx_perm_ctx_t* user;
+  tx_perm_ctx_t before; /* the user ids, if they were changed */
+  bool is_raised;
   gid_t group; /* -1: was not changed */
 };
 struct tavrix_root tavrix_become_root_if(bool wanted);

@@ -40,9 +40,10 @@ build_module() {  # NAME [FLAG]...
 build_module tavrix
 # Tests make each of these calls fail, one after another (tests/samba/faulty_module.c).
 faults=(-Wl)
-for call in calloc malloc strdup realpath talloc_asprintf talloc_strdup _talloc_zero raise_permissions \
+for call in calloc malloc strdup realpath talloc_asprintf talloc_strdup _talloc_zero setresuid \
   vfs_add_fsp_extension_notype full_path_from_dirfsp_atname \
-  tavrix_name_of tavrix_name_at tavrix_name_in_share tavrix_name_of_fd; do
+  tavrix_name_of tavrix_name_at tavrix_name_in_share tavrix_name_of_fd tavrix_session_begin \
+  _tevent_add_timer; do
   faults+=("--wrap=$call")
 done
 build_faulty() {

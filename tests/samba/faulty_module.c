@@ -149,9 +149,27 @@ int __wrap_tavrix_name_of_fd(TALLOC_CTX* context, vfs_handle_struct* handle, int
   return FAILS("tavrix_name_of_fd") ? -1 : __real_tavrix_name_of_fd(context, handle, fd, out);
 }
 
+/* --- the session ------------------------------------------------------------------------------ */
+
+int __real_tavrix_session_begin(void);
+int __wrap_tavrix_session_begin(void) {
+  return FAILS("tavrix_session_begin") ? -1 : __real_tavrix_session_begin();
+}
+
+struct tevent_timer* __real__tevent_add_timer(struct tevent_context* events, TALLOC_CTX* owner,
+                                              struct timeval when, tevent_timer_handler_t handler,
+                                              void* data, const char* name, const char* location);
+struct tevent_timer* __wrap__tevent_add_timer(struct tevent_context* events, TALLOC_CTX* owner,
+                                              struct timeval when, tevent_timer_handler_t handler,
+                                              void* data, const char* name, const char* location) {
+  return FAILS("tevent_add_timer")
+             ? NULL
+             : __real__tevent_add_timer(events, owner, when, handler, data, name, location);
+}
+
 /* --- root ------------------------------------------------------------------------------------- */
 
-int __real_raise_permissions(tx_perm_ctx_t** context);
-int __wrap_raise_permissions(tx_perm_ctx_t** context) {
-  return FAILS("raise_permissions") ? 0 : __real_raise_permissions(context);
+int __real_setresuid(uid_t real, uid_t effective, uid_t saved);
+int __wrap_setresuid(uid_t real, uid_t effective, uid_t saved) {
+  return FAILS("setresuid") ? -1 : __real_setresuid(real, effective, saved);
 }
