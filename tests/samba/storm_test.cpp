@@ -10,11 +10,13 @@
 #include <random>
 
 #include "tests/samba/intruders.hpp"
+#include "tests/samba/resources.hpp"
 
 namespace tavrix::test {
 namespace {
 
 constexpr int kClients = 32;
+constexpr long kGrowth = 4096;  // kB that a process may keep of what it needed once
 
 struct Weather {
   const char* name;
@@ -119,11 +121,38 @@ class Storm : public Appliance, public testing::WithParamInterface<Weather> {
     }
     return tree;
   }
-  static int descriptors_of_smbd() {
-    return static_cast<int>(
-        list("/proc/" + std::to_string(std::stoi(read_file("/scratch/samba/smbd.pid"))) + "/fd")
-            .size());
-  }
+  static pid_t smbd() { return std::stoi(read_file("/scratch/samba/smbd.pid")); }
+
+  // A connection that stays open through the storm and works in it. Afterwards its process holds
+  // what it held before.
+  class Witness {
+   public:
+    Witness() : client_("Anna") {
+      work();
+      process_ = Client::servers().at(0);
+      EXPECT_TRUE(comes_to_rest(process_));
+      descriptors_ = descriptors_of(process_);
+      memory_ = status_of(process_, "RssAnon");
+    }
+    void work() {
+      client_.say("cd \\Shared\\Team\\witness");
+      client_.say("put /scratch/data.txt f; get f /dev/null; rename f g; ls; rm g");
+      client_.say("ls ..\\*");
+    }
+    void expect_what_it_held() {
+      work();
+      EXPECT_TRUE(comes_to_rest(process_));
+      EXPECT_TRUE(comes([this] { return descriptors_of(process_) == descriptors_; }))
+          << descriptors_of(process_) << " descriptors, before " << descriptors_;
+      EXPECT_LE(status_of(process_, "RssAnon"), memory_ + kGrowth) << "before: " << memory_;
+    }
+
+   private:
+    Client client_;
+    pid_t process_ = 0;
+    std::size_t descriptors_ = 0;
+    long memory_ = 0;
+  };
   static void wait_for_servers_to_go() {
     for (int waited = 0; !Client::servers().empty() && waited < 200; ++waited) usleep(50000);
     EXPECT_TRUE(Client::servers().empty());
@@ -143,7 +172,9 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
   smb("Anna", "ls");
   wait_for_servers_to_go();
   const int segments = segments_in_use();
-  const int descriptors = descriptors_of_smbd();
+  const std::size_t descriptors = descriptors_of(smbd());
+  make_folder("Shared/Team/witness", kAnna.uid);
+  auto witness = std::make_unique<Witness>();
   const auto vault = vault_snapshot();
   {
     Child loader([] {
@@ -169,12 +200,15 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
       clients.push_back(std::make_unique<Child>([&] { intrude(intruder, kClients, 0); }));
     }
     clients.push_back(std::make_unique<Child>(work_in_secret));
-    sleep(static_cast<unsigned>(GetParam().seconds));
+    const time_t end = time(nullptr) + GetParam().seconds;
+    for (; time(nullptr) < end; sleep(1)) witness->work();
     write_file("/scratch/stop", "");
     for (auto& client : clients) EXPECT_TRUE(client->wait().ok());
     EXPECT_TRUE(loader.wait().ok());
     EXPECT_TRUE(sweeper.wait().ok());
   }
+  witness->expect_what_it_held();
+  witness.reset();
   wait_for_servers_to_go();
   EXPECT_EQ("", trouble_of_smbd());
   EXPECT_FALSE(exists("/tavrix/.conf/sync.off"));
@@ -191,7 +225,7 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
   for (const std::string& line : event_lines()) EXPECT_FALSE(is_of_the_vault(line)) << line;
   EXPECT_GT(event_lines().size(), 1000U);
   EXPECT_EQ(segments, segments_in_use());
-  EXPECT_GE(descriptors, descriptors_of_smbd());
+  EXPECT_GE(descriptors, descriptors_of(smbd()));
   EXPECT_EQ(0, attach_count(ftok("/dev/null", 1234)));
 }
 
