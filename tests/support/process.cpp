@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <system_error>
 
 namespace tavrix::test {
@@ -172,6 +173,18 @@ int attach_count(int key) {
   struct shmid_ds info {};
   if (id == -1 || shmctl(id, IPC_STAT, &info) == -1) return -1;
   return static_cast<int>(info.shm_nattch);
+}
+
+int attachments() {
+  std::ifstream lines("/proc/sysvipc/shm");
+  std::string line;
+  std::getline(lines, line);
+  int all = 0;
+  for (; std::getline(lines, line);) {
+    int attached = 0;
+    if (std::sscanf(line.c_str(), "%*d %*d %*o %*u %*u %*u %d", &attached) == 1) all += attached;
+  }
+  return all;
 }
 
 int segments_in_use() {

@@ -61,7 +61,8 @@ void become_samba_user(uid_t uid, gid_t gid, const std::vector<gid_t>& groups = 
 
 // Attachments of the segment with that key; -1 when there is none.
 int attach_count(int key);
-// Segments of this IPC namespace, whatever their keys.
+// Segments of this IPC namespace, whatever their keys, and the attachments of all of them.
 int segments_in_use();
+int attachments();
 
 }  // namespace tavrix::test

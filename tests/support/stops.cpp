@@ -56,30 +56,83 @@ long call_of(pid_t pid) {
   return info.op == PTRACE_SYSCALL_INFO_ENTRY ? static_cast<long>(info.entry.nr) : -1;
 }
 
+enum class Calls { kChanges, kAll };
+
+// A child that is traced from call to call.
+class TracedChild {
+ public:
+  TracedChild(const std::function<void()>& body, Calls calls)
+      : pid_(start_traced(body)), calls_(calls) {
+    wait();
+    require(WIFSTOPPED(status_), "the child's start");
+    const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL;
+    require(ptrace(PTRACE_SETOPTIONS, pid_, nullptr, options) == 0, "options");
+  }
+
+  // Runs to the front of the nth call; false when the child has ended.
+  bool run_to(int nth) {
+    for (int seen = 0; run_to_stop();) {
+      if (is_counted(call_of(pid_)) && ++seen == nth) return true;
+    }
+    return false;
+  }
+  void kill_here() {
+    ::kill(pid_, SIGKILL);
+    wait();
+  }
+  // How the child ended, as waitpid() tells it.
+  int run_to_end() {
+    while (run_to_stop()) {
+    }
+    return status_;
+  }
+
+ private:
+  // To the next stop in front of a call or behind one.
+  bool run_to_stop() {
+    for (long signal = 0;;) {
+      require(ptrace(PTRACE_SYSCALL, pid_, nullptr, signal) == 0, "to the next call");
+      wait();
+      if (!WIFSTOPPED(status_)) return false;
+      if (WSTOPSIG(status_) == kAtCall) return true;
+      signal = WSTOPSIG(status_) != SIGTRAP ? WSTOPSIG(status_) : 0;
+    }
+  }
+  [[nodiscard]] bool is_counted(long call) const {
+    return call != -1 && (calls_ == Calls::kAll || is_change(call));
+  }
+  void wait() { require(waitpid(pid_, &status_, 0) == pid_, "wait"); }
+
+  pid_t pid_;
+  Calls calls_;
+  int status_ = 0;
+};
+
+bool killed(int nth, const std::function<void()>& body, Calls calls) {
+  TracedChild child(body, calls);
+  if (!child.run_to(nth)) return false;
+  child.kill_here();
+  return true;
+}
+
 }  // namespace
 
 bool killed_at_change(int nth, const std::function<void()>& body) {
-  const pid_t pid = start_traced(body);
-  int status = 0;
-  require(waitpid(pid, &status, 0) == pid && WIFSTOPPED(status), "the child's start");
-  const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL;
-  require(ptrace(PTRACE_SETOPTIONS, pid, nullptr, options) == 0, "options");
-  int changes = 0;
-  long signal = 0;
-  for (;;) {
-    require(ptrace(PTRACE_SYSCALL, pid, nullptr, signal) == 0, "to the next call");
-    require(waitpid(pid, &status, 0) == pid, "wait");
-    if (!WIFSTOPPED(status)) return false;
-    signal = 0;
-    if (WSTOPSIG(status) != kAtCall) {
-      if (WSTOPSIG(status) != SIGTRAP) signal = WSTOPSIG(status);
-      continue;
-    }
-    if (!is_change(call_of(pid)) || ++changes < nth) continue;
-    kill(pid, SIGKILL);
-    require(waitpid(pid, &status, 0) == pid, "the child's end");
-    return true;
-  }
+  return killed(nth, body, Calls::kChanges);
+}
+
+bool killed_at_call(int nth, const std::function<void()>& body) {
+  return killed(nth, body, Calls::kAll);
+}
+
+bool stopped_at_change(int nth, const std::function<void()>& body,
+                       const std::function<void()>& action) {
+  TracedChild child(body, Calls::kChanges);
+  if (!child.run_to(nth)) return false;
+  action();
+  const int status = child.run_to_end();
+  EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status) << " after change " << nth;
+  return true;
 }
 
 }  // namespace tavrix::test
