@@ -111,10 +111,12 @@ class [[nodiscard]] LazyRoot {
     (decision_scopes.open > 0 ? decision_scopes.is_root : is_root_) = true;
   }
 
-  // Scopes of decisions nest.
+  // Scopes of decisions nest. An end without a beginning changes nothing: the count must not wrap,
+  // or no later decision would give root back.
   static void begin_scope() noexcept { ++decision_scopes.open; }
   static void end_scope() noexcept {
-    if (--decision_scopes.open > 0 || !decision_scopes.is_root) return;
+    if (decision_scopes.open == 0 || --decision_scopes.open > 0) return;
+    if (!decision_scopes.is_root) return;
     decision_scopes.is_root = false;
     give_back();
   }

@@ -119,6 +119,20 @@ TEST_F(SessionDecision, TheEndOfAThreadDetaches) {
 
 // --- a wrong order of calls ----------------------------------------------------------------------
 
+// An end without a beginning changes nothing: a later decision still gives root back.
+TEST_F(SessionDecision, AScopesEndTooManyLeavesNobodyRoot) {
+  as(kAnna, [] {
+    tavrix_scope_end();
+    EXPECT_EQ(kGranted, ask_share(FSOP_STAT, "Shared/Team"));
+    EXPECT_EQ(kAnna.uid, geteuid());
+    tavrix_scope_begin();
+    EXPECT_EQ(TXPERMS_HAS_PERMS, verdict_of_anna("Shared/Team"));
+    tavrix_scope_end();
+    EXPECT_EQ(kAnna.uid, geteuid());
+    EXPECT_EQ(0, tavrix_session_is_holding());
+  });
+}
+
 TEST_F(SessionDecision, ASessionsEndTooManyClosesNothing) {
   as(kAnna, [] {
     tavrix_session_end();
