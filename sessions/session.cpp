@@ -45,11 +45,13 @@ void tavrix_session_idle(void) {
   if (tavrix::HeldBuffer* buffer = held_buffer.find(); buffer != nullptr) buffer->drop();
 }
 
+// A server's clean-up of a thread may close the session when the thread's end has taken away what
+// it kept.
 void tavrix_session_end(void) {
   tavrix::Sessions* session = sessions.find();
   if (session == nullptr || session->open == 0 || --session->open > 0) return;
-  held_table.find()->keep_no_longer();
-  held_buffer.find()->keep_no_longer();
+  if (tavrix::HeldTable* table = held_table.find(); table != nullptr) table->keep_no_longer();
+  if (tavrix::HeldBuffer* buffer = held_buffer.find(); buffer != nullptr) buffer->keep_no_longer();
 }
 
 int tavrix_session_is_holding(void) {

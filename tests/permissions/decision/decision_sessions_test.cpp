@@ -117,6 +117,25 @@ TEST_F(SessionDecision, TheEndOfAThreadDetaches) {
   });
 }
 
+// A server's own clean-up of a thread may run when the library's is over.
+TEST_F(SessionDecision, ASessionMayBeClosedDuringTheEndOfItsThread) {
+  as_effective(kAnna, [] {
+    std::thread([] { verdict_of_anna("Shared/Team"); }).join();  // the library's keys come first
+    pthread_key_t cleaned_up{};
+    ASSERT_EQ(0, pthread_key_create(&cleaned_up, [](void*) {
+                tavrix_session_idle();
+                tavrix_session_end();
+              }));
+    std::thread([&] {
+      ASSERT_EQ(0, tavrix_session_begin());
+      EXPECT_EQ(TXPERMS_HAS_PERMS, verdict_of_anna("Shared/Team"));
+      ASSERT_EQ(0, pthread_setspecific(cleaned_up, &cleaned_up));
+    }).join();
+    EXPECT_EQ(0, attachments());
+    pthread_key_delete(cleaned_up);
+  });
+}
+
 // --- a wrong order of calls ----------------------------------------------------------------------
 
 // An end without a beginning changes nothing: a later decision still gives root back.
