@@ -11,9 +11,9 @@
 namespace tavrix::test {
 namespace {
 
-constexpr int kOperationsEach = 20000;
+constexpr int kOperationsEach = 12000;
 
-class RandomSession : public Hooks {
+class RandomSession : public Hooks, public testing::WithParamInterface<Way> {
  protected:
   static std::vector<Caller> players() { return {kAdministrator, kPat, kOlga, kAnna, kBen}; }
 
@@ -40,11 +40,11 @@ class RandomSession : public Hooks {
 
   static void play(const Caller& caller) {
     // The first operations allocate some blocks for good: they run before the first count.
-    { Player(caller, 1).play(0); }
+    { Player(caller, 1, GetParam()).play(0); }
     const long blocks = live_allocations();
     const int fds = descriptors();
     {
-      Player player(caller, caller.uid);
+      Player player(caller, caller.uid, GetParam());
       player.play(kOperationsEach);
       tx_perm_ctx_t* root = tavrix_vfs_become_root();
       EXPECT_EQ(std::vector<std::string>{}, player.differences());
@@ -58,7 +58,7 @@ class RandomSession : public Hooks {
   }
 };
 
-TEST_F(RandomSession, EveryVerdictAndEveryEventIsTheModels) {
+TEST_P(RandomSession, EveryVerdictAndEveryEventIsTheModels) {
   publish(map_with(0));
   for (const Caller& caller : players()) Player::make_folders(caller);
   const int segments = segments_in_use();
@@ -102,7 +102,11 @@ TEST_F(RandomSession, EveryVerdictAndEveryEventIsTheModels) {
         << caller.name << " " << expected.size() << " " << written[caller.uid].size();
   }
   EXPECT_EQ(segments, segments_in_use());
+  EXPECT_EQ(0, attachments());
 }
+
+INSTANTIATE_TEST_SUITE_P(Ways, RandomSession, testing::ValuesIn(kWays),
+                         [](const auto& one) { return std::string(one.param.name); });
 
 }  // namespace
 }  // namespace tavrix::test

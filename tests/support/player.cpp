@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <filesystem>
 
+#include "tavrix_session.h"
 #include "tests/support/rule_table.hpp"
 
 namespace tavrix::test {
@@ -22,10 +23,11 @@ bool touch(const std::string& path, int flags) {
 
 }  // namespace
 
-Player::Player(const Caller& caller, uint32_t seed)
+Player::Player(const Caller& caller, uint32_t seed, const Way& way)
     : caller_(caller),
       session_(caller),
       random_(seed),
+      way_(way),
       root_(kShareRoot + "/Shared/" + work_of(caller)) {
   // The refreshes free and replace the groups.
   session_->groupmap.gids = nullptr;
@@ -327,12 +329,41 @@ void Player::list_folder() {
         closedir(stream);
         return true;
       });
+  if (way_.asks_in_batches && type_of(path) == FSTYPE_FOLDER) {
+    check_in_batch(path, names);
+  } else {
+    check_one_by_one(path, names);
+  }
+}
+
+void Player::check_one_by_one(const std::string& folder, const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     char buffer[4096];
     int allowed = -1;
-    readir_postprocess(&allowed, name.c_str(), relative(path).c_str(), buffer, sizeof buffer,
+    readir_postprocess(&allowed, name.c_str(), relative(folder).c_str(), buffer, sizeof buffer,
                        "/tavrix", session_.get());
-    EXPECT_EQ(grants(FSOP_STAT, path + "/" + name), allowed == TXPERMS_HAS_PERMS) << path << name;
+    EXPECT_EQ(grants(FSOP_STAT, folder + "/" + name), allowed == TXPERMS_HAS_PERMS)
+        << folder << name;
+  }
+}
+
+// The entries of the folder, and names that may be missing there, up to 300 questions.
+void Player::check_in_batch(const std::string& folder, std::vector<std::string> names) {
+  for (auto more = 1 + random_in_way_() % 300; names.size() < more;) {
+    names.push_back((random_in_way_() % 2 == 0 ? "d" : "f") + std::to_string(random_in_way_() % 9));
+  }
+  std::vector<tavrix_entry_s> entries;
+  for (const std::string& name : names) {
+    const bool is_known = random_in_way_() % 2 == 0;
+    entries.push_back({name.c_str(), is_known ? type_of(folder + "/" + name) : 0, TXPERMS_NOT_SET});
+  }
+  const uid_t before = geteuid();
+  EXPECT_EQ(0, tavrix_decide_entries("/tavrix", relative(folder).c_str(), FSOP_STAT, session_.get(),
+                                     entries.data(), sizeof entries[0], entries.size()));
+  EXPECT_EQ(before, geteuid());
+  for (const tavrix_entry_s& entry : entries) {
+    EXPECT_EQ(grants(FSOP_STAT, folder + "/" + entry.name), entry.verdict == TXPERMS_HAS_PERMS)
+        << folder << "/" << entry.name << ", type " << entry.path_type;
   }
 }
 
@@ -361,10 +392,16 @@ void Player::play(int operations) {
       &Player::open_and_close, &Player::open_and_close, &Player::unlink_file, &Player::remove_dir,
       &Player::move,           &Player::look,           &Player::look,        &Player::list_folder,
       &Player::set_times};
+  if (way_.has_session) {
+    EXPECT_EQ(0, tavrix_session_begin());
+  }
   for (int i = 0; i < operations && !testing::Test::HasFailure(); ++i) {
     SCOPED_TRACE(caller_.name + ", operation " + std::to_string(i));
     (this->*kOperations[random_() % std::size(kOperations)])();
+    if (random_in_way_() % 50 == 0) tavrix_session_idle();
   }
+  if (way_.has_session) tavrix_session_end();
+  EXPECT_EQ(0, tavrix_session_is_holding());
   std::free(session_->groupmap.gids);
   session_->groupmap.gids = nullptr;
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <map>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -19,9 +20,19 @@ struct Area {
 };
 inline const std::vector<Area> kAreas = {{"full", 7}, {"write", 3}, {"read", 1}, {"none", 0}};
 
+// The ways in which a module may use the library. They change no verdict and no event.
+struct Way {
+  const char* name = "Plain";
+  bool has_session = false;      // the thread's session is open, and idle now and then
+  bool asks_in_batches = false;  // a listing asks about many entries in one call
+};
+inline std::ostream& operator<<(std::ostream& out, const Way& way) { return out << way.name; }
+inline const std::vector<Way> kWays = {
+    {}, {"Session", true, false}, {"Batches", false, true}, {"BatchesInASession", true, true}};
+
 class Player {
  public:
-  Player(const Caller& caller, uint32_t seed);
+  Player(const Caller& caller, uint32_t seed, const Way& way = {});
 
   // A player's folder of the map, "Work<uid>", and the same on the disk.
   static Folder folder_of(const Caller& caller);
@@ -61,11 +72,15 @@ class Player {
   void move();
   void look();
   void list_folder();
+  void check_one_by_one(const std::string& folder, const std::vector<std::string>& names);
+  void check_in_batch(const std::string& folder, std::vector<std::string> names);
   void set_times();
 
   Caller caller_;
   Session session_;
   std::mt19937 random_;
+  Way way_;
+  std::mt19937 random_in_way_{1};  // of its own, so that the operations are those of every way
   std::string root_;
   std::map<std::string, bool> tree_;  // full path: is it a folder
   std::vector<std::string> expected_;
