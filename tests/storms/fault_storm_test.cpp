@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "tests/storms/acknowledged.hpp"
+#include "tests/storms/sessions.hpp"
 #include "tests/storms/storm.hpp"
 #include "tests/tools/loader.hpp"
 
@@ -52,7 +53,10 @@ TEST_F(FaultStorm, OfEventsLosesNothingUntold) {
                                "semctl",    "shmget",    "shmat",        "shmctl",   "stat",
                                "calloc",    "lsetxattr", "lremovexattr", "renameat2"};
   Storm storm("fault.events", 2);
+  send("first");
+  const StormFootprint footprint;
   while (storm.goes_on()) {
+    StormSession session(storm);
     empty_staging_dir();
     forget_what_was_told();
     std::set<std::string> acknowledged;
@@ -60,6 +64,7 @@ TEST_F(FaultStorm, OfEventsLosesNothingUntold) {
       for (unsigned i = 0, count = 1 + storm.below(20); i < count; ++i) {
         const std::string path = std::string(when) + std::to_string(i);
         if (append(path) == 0) acknowledged.insert(path);
+        session.rest_at_times();
       }
     };
     write_some("before-");
@@ -98,6 +103,7 @@ TEST_F(FaultStorm, OfEventsLosesNothingUntold) {
                                    : ": events lost, and the agent looks at the tree"));
     }
   }
+  footprint.expect_same(storm.where());
 }
 
 class MapFaultStorm : public Loader {};
@@ -109,11 +115,14 @@ TEST_F(MapFaultStorm, OfImportsLosesNoMap) {
                                "calloc", "fork",   "mkdir",  "symlink"};
   Storm storm("fault.maps", 2);
   uint32_t current = 50;
-  hand_over(wide(current));
+  hand_over(numbered_map(current));
   ASSERT_EQ(0, once().exit_code);
+  ASSERT_EQ(static_cast<int>(current), number_by_verdicts());
+  const StormFootprint footprint;
+  StormSession session(storm);
   while (storm.goes_on()) {
     const uint32_t next = current + 1 + storm.below(50);
-    hand_over(wide(next));
+    hand_over(numbered_map(next));
     const Fault fault = any_fault(storm, calls);
     const Outcome outcome = once_with(fault.rule);
     const std::string where = storm.where() + ", " + fault.text + ": " + outcome.err;
@@ -121,9 +130,12 @@ TEST_F(MapFaultStorm, OfImportsLosesNoMap) {
     EXPECT_FALSE(end.starts_with("signal")) << end << " " << where;
     const auto between = static_cast<uint32_t>(folders_of_current());
     EXPECT_TRUE(between == current || between == next) << between << " " << where;
+    EXPECT_EQ(static_cast<int>(between), number_by_verdicts()) << where;
+    session.rest_at_times();
     const Outcome after = once();
     EXPECT_EQ(0, after.exit_code) << where << after.err;
     const auto now = static_cast<uint32_t>(folders_of_current());
+    EXPECT_EQ(static_cast<int>(now), number_by_verdicts()) << where;
     // The old map stays only with a pair that was set aside, whole.
     EXPECT_TRUE(now == next || (now == current && !refused().empty())) << now << " " << where;
     for (const std::string& name : refused()) {
@@ -140,6 +152,7 @@ TEST_F(MapFaultStorm, OfImportsLosesNoMap) {
                                        : ": the pair set aside, the old map kept"));
     current = now;
   }
+  footprint.expect_same(storm.where());
 }
 
 }  // namespace

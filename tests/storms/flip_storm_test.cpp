@@ -8,6 +8,7 @@
 #include "perm_utils.h"
 #include "read_perms.h"
 #include "tests/storms/acknowledged.hpp"
+#include "tests/storms/sessions.hpp"
 #include "tests/storms/storm.hpp"
 #include "tests/tools/loader.hpp"
 
@@ -68,10 +69,17 @@ class MapFlipStorm : public Loader {
 // a look at the copy tell, and the copy, made current again, answers as before.
 TEST_F(MapFlipStorm, OfTheTableIsKnownAndHealed) {
   Storm storm("flip.table", 5);
-  import(team());
+  constexpr int kNumber = 1234;
+  Folder map = numbered_map(kNumber);
+  map.children[0].children.push_back(team().children[0].children[0]);
+  import(map);
+  ASSERT_EQ(kNumber, number_by_verdicts());
+  const StormFootprint footprint;
   const std::string right = answers();
   const std::string copy = read_file(kCopy);
   while (storm.goes_on()) {
+    StormSession session(storm);
+    EXPECT_EQ(kNumber, number_by_verdicts());  // and holds the table that is damaged then
     const int table = current_table();
     const std::size_t bit = storm.below(bits_of(table));
     {
@@ -89,7 +97,9 @@ TEST_F(MapFlipStorm, OfTheTableIsKnownAndHealed) {
     ctl({"map", "remove"});
     EXPECT_EQ(0, once().exit_code) << where;
     EXPECT_EQ(right, answers()) << where;
+    EXPECT_EQ(kNumber, number_by_verdicts()) << where;
   }
+  footprint.expect_same(storm.where());
 }
 
 // A damaged copy is never served: it is written again from the table, or refused without one.
@@ -194,7 +204,10 @@ class FlipStorm : public EventStorm {
 
 TEST_F(FlipStorm, OfTheBufferLosesNothingUntold) {
   Storm storm("flip.buffer", 5);
+  send("first");
+  const StormFootprint footprint;
   while (storm.goes_on()) {
+    StormSession session(storm);  // keeps a buffer that is replaced more than once
     ASSERT_NO_FATAL_FAILURE(begin());
     const Paths sent = send_some(storm);
     staging_buffer_s* buffer = get_eventstore_staging_buffer();
@@ -203,12 +216,17 @@ TEST_F(FlipStorm, OfTheBufferLosesNothingUntold) {
     flip_bit(reinterpret_cast<char*>(buffer) + (is_head ? 0 : 16), storm.below(bytes * 8));
     put_eventstore_staging_buffer(buffer);
     look(storm, is_head ? "buffer's head" : "buffer's records", sent);
+    session.rest_at_times();
   }
+  footprint.expect_same(storm.where());
 }
 
 TEST_F(FlipStorm, OfTheFileOfAKilledFlushLosesNothingUntold) {
   Storm storm("flip.file", 5);
+  send("first");
+  const StormFootprint footprint;
   while (storm.goes_on()) {
+    StormSession session(storm);
     ASSERT_NO_FATAL_FAILURE(begin());
     const Paths sent = send_some(storm);
     flush_staging_buffer(FB_CTX_SWPR);
@@ -217,13 +235,20 @@ TEST_F(FlipStorm, OfTheFileOfAKilledFlushLosesNothingUntold) {
               rename((std::string(kStaging) + "/" + list(kStaging).at(0)).c_str(), left.c_str()));
     flip_in_file(storm, left);
     look(storm, "file of a killed flush", sent);
+    session.rest_at_times();
   }
+  footprint.expect_same(storm.where());
 }
 
 // Settings with a flipped bit are taken, as an operator could have written them, or refused; the
 // services go on.
 TEST_F(FlipStorm, OfTheSettingsIsRefusedOrTaken) {
   Storm storm("flip.settings", 5);
+  send("first");
+  const StormFootprint footprint;
+  ASSERT_EQ(0, once().exit_code);
+  empty_staging_dir();
+  StormSession session(storm);
   while (storm.goes_on()) {
     write_settings(65536, 1);
     flip_in_file(storm, kConf);
@@ -246,7 +271,9 @@ TEST_F(FlipStorm, OfTheSettingsIsRefusedOrTaken) {
     EXPECT_EQ(0, once().exit_code) << where;
     EXPECT_EQ(Paths{"e"}, dumped()) << where;
     empty_staging_dir();
+    session.rest_at_times();
   }
+  footprint.expect_same(storm.where());
 }
 
 }  // namespace

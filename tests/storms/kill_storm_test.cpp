@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include "tests/storms/acknowledged.hpp"
+#include "tests/storms/sessions.hpp"
 #include "tests/storms/storm.hpp"
 #include "tests/tools/loader.hpp"
 
@@ -24,8 +25,10 @@ class KillStorm : public EventStorm {
   void round(Storm& storm) {
     std::vector<std::unique_ptr<Child>> processes;
     for (int writer = 0; writer < kWriters; ++writer) {
-      processes.push_back(
-          std::make_unique<Child>([round = storm.rounds(), writer] { write(round, writer); }));
+      processes.push_back(std::make_unique<Child>(
+          [round = storm.rounds(), writer, has_session = storm.gives_session()] {
+            write(round, writer, has_session);
+          }));
     }
     for (const FB_CTX ctx : {FB_CTX_SWPR, FB_CTX_DISCON}) {
       processes.push_back(std::make_unique<Child>([ctx] {
@@ -52,13 +55,17 @@ class KillStorm : public EventStorm {
     collect();
   }
 
-  [[noreturn]] static void write(int round, int writer) {
+  [[noreturn]] static void write(int round, int writer, bool has_session) {
+    StormSession session(has_session, static_cast<unsigned>(round * kWriters + writer));
     const Fd log(open(list_of(writer).c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
     for (int number = 0;; ++number) {
       const std::string path =
           std::to_string(round) + "-" + std::to_string(writer) + "-" + std::to_string(number);
       const std::string line = path + "\n";
-      if (append(path) == 0 && ::write(log.get(), line.data(), line.size()) < 0) _exit(1);
+      session.do_or_fork([&] {
+        if (append(path) == 0 && ::write(log.get(), line.data(), line.size()) < 0) _exit(1);
+      });
+      session.rest_at_times();
     }
   }
   void collect() {
@@ -76,6 +83,7 @@ class KillStorm : public EventStorm {
 // A slow machine writes little in a round: the storm lasts until enough was acknowledged.
 TEST_F(KillStorm, OfEventsLosesNothingAndDoublesNothing) {
   Storm storm("kill.events", 2);
+  const StormFootprint footprint;
   while (storm.goes_on() || (acknowledged_.size() < kEnough && storm.rounds() < kMostRounds)) {
     ASSERT_NO_FATAL_FAILURE(round(storm));
     if (HasFailure()) break;
@@ -89,6 +97,7 @@ TEST_F(KillStorm, OfEventsLosesNothingAndDoublesNothing) {
     storm.count("event in one dump file, once", static_cast<int>(acknowledged_.size()));
   }
   EXPECT_GE(acknowledged_.size(), kEnough);
+  footprint.expect_same(storm.where());
 }
 
 class MapKillStorm : public Loader {
@@ -108,11 +117,18 @@ class MapKillStorm : public Loader {
 TEST_F(MapKillStorm, OfImportsLosesNoMap) {
   Storm storm("kill.maps", 2);
   uint32_t current = 50;
-  hand_over(wide(current));
+  hand_over(numbered_map(current));
   ASSERT_EQ(0, once().exit_code);
+  ASSERT_EQ(static_cast<int>(current), number_by_verdicts());
+  const StormFootprint footprint;
+  StormSession session(storm);
   while (storm.goes_on()) {
     const uint32_t next = current + 1 + storm.below(400);
-    hand_over(wide(next));
+    hand_over(numbered_map(next));
+    std::vector<std::unique_ptr<Child>> deciders;
+    for (unsigned i = 0; i < 2; ++i) {
+      deciders.push_back(decider_between(current, next, storm.gives_session(), i));
+    }
     const auto loader = program({kLoader, "--once", "--dir", kInbox});
     const auto operators = program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "map",
                                     storm.below(2) == 0 ? "restore" : "remove",
@@ -125,10 +141,21 @@ TEST_F(MapKillStorm, OfImportsLosesNoMap) {
     storm.count(loader->wait().signal == SIGKILL ? "loader killed" : "loader ended before");
     const auto between = static_cast<uint32_t>(folders_of_current());
     EXPECT_TRUE(between == current || between == next) << storm.where() << ": " << between;
+    EXPECT_EQ(static_cast<int>(between), number_by_verdicts()) << storm.where();
+    session.rest_at_times();
     storm.count(between == current ? "the old map between" : "the new map between");
     const Outcome after = once();
     EXPECT_EQ(0, after.exit_code) << storm.where() << after.err;
     EXPECT_EQ(next, static_cast<uint32_t>(folders_of_current())) << storm.where() << after.err;
+    EXPECT_EQ(static_cast<int>(next), number_by_verdicts()) << storm.where();
+    for (auto& decider : deciders) {
+      decider->kill();
+      const Outcome outcome = decider->wait();
+      EXPECT_EQ(SIGKILL, outcome.signal) << storm.where() << ": " << outcome.err;
+      EXPECT_EQ("", outcome.err) << storm.where();
+      storm.count("decider killed");
+    }
+    EXPECT_TRUE(comes([] { return segments_in_use() == 2; })) << storm.where();
     EXPECT_EQ(0, ctl({"map", "verify"}).exit_code) << storm.where();
     EXPECT_EQ(0, ctl({"map", "verify", kCopy}).exit_code) << storm.where();
     EXPECT_EQ(2, segments_in_use()) << storm.where() << ": the table and the settings";
@@ -136,6 +163,7 @@ TEST_F(MapKillStorm, OfImportsLosesNoMap) {
     storm.count("the new map after the next start");
     current = next;
   }
+  footprint.expect_same(storm.where());
 }
 
 }  // namespace

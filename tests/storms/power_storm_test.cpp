@@ -2,6 +2,7 @@
 // The power goes at a random moment: memory is gone, and of the disk's last changes some arrived.
 
 #include "tests/storms/acknowledged.hpp"
+#include "tests/storms/sessions.hpp"
 #include "tests/storms/storm.hpp"
 #include "tests/tools/disk_model.hpp"
 #include "tests/tools/loader.hpp"
@@ -45,7 +46,10 @@ class PowerStorm : public EventStorm {
 // the tree.
 TEST_F(PowerStorm, OfEventsLosesNothingUntold) {
   Storm storm("power.events", 2);
+  send("first");
+  const StormFootprint footprint;
   while (storm.goes_on()) {
+    StormSession session(storm);
     empty_staging_dir();
     forget_what_was_told();
     ASSERT_EQ(0, once().exit_code);
@@ -57,6 +61,7 @@ TEST_F(PowerStorm, OfEventsLosesNothingUntold) {
     std::set<std::string> acknowledged;
     for (unsigned i = 0, count = 1 + storm.below(30); i < count; ++i) {
       if (append("e" + std::to_string(i)) == 0) acknowledged.insert("e" + std::to_string(i));
+      session.rest_at_times();
     }
     Disk disk;
     for (const std::string& folder : folders()) disk.put_folder(folder);
@@ -85,6 +90,7 @@ TEST_F(PowerStorm, OfEventsLosesNothingUntold) {
                       : "events lost, a rescan is asked for");
     }
   }
+  footprint.expect_same(storm.where());
 }
 
 class MapPowerStorm : public Loader {};
@@ -93,11 +99,14 @@ TEST_F(MapPowerStorm, OfImportsLosesNoMap) {
   const std::vector<std::string> folders{"/etc/tavrix", kInbox};
   Storm storm("power.maps", 2);
   uint32_t current = 20;
-  hand_over(wide(current));
+  hand_over(numbered_map(current));
   ASSERT_EQ(0, once().exit_code);
+  ASSERT_EQ(static_cast<int>(current), number_by_verdicts());
+  const StormFootprint footprint;
+  StormSession session(storm);
   while (storm.goes_on()) {
     const uint32_t next = current + 1 + storm.below(20);
-    hand_over(wide(next));
+    hand_over(numbered_map(next));
     Disk disk;
     for (const std::string& folder : folders) disk.put_folder(folder);
     remove_all("/scratch/trace");
@@ -113,12 +122,15 @@ TEST_F(MapPowerStorm, OfImportsLosesNoMap) {
       const Outcome after = once();
       const std::string where = storm.where() + "\n" + text_of(state) + after.err;
       EXPECT_EQ(next, static_cast<uint32_t>(folders_of_current())) << where;
+      EXPECT_EQ(static_cast<int>(next), number_by_verdicts()) << where;
+      session.rest_at_times();
       EXPECT_EQ(0, ctl({"map", "verify"}).exit_code) << where;
       EXPECT_TRUE(refused().empty()) << where;
       storm.count("the new map after the next start");
     }
     current = next;
   }
+  footprint.expect_same(storm.where());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // A storm: rounds of random mishaps for some seconds, and a table of how they ended.
 //
 // TAVRIX_STORM_SEED and TAVRIX_STORM_SECONDS choose another one; scripts/storm.sh sets them.
+// TAVRIX_STORM_SESSIONS says who has a session: nobody (off), all (on), or every other one (mixed).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -45,6 +46,11 @@ class Storm {
   auto any_of(const List& list) {
     return *(std::begin(list) + below(std::size(list)));
   }
+  // True if the next writer or decider has a session.
+  bool gives_session() {
+    if (sessions_ == "on") return true;
+    return sessions_ != "off" && (++askers_ + rounds_) % 2 == 0;
+  }
   [[nodiscard]] int rounds() const { return rounds_; }
   [[nodiscard]] std::string where() const {
     return name_ + ", seed " + std::to_string(seed_) + ", round " + std::to_string(rounds_);
@@ -55,6 +61,10 @@ class Storm {
   static constexpr int kLeastRounds = 5;
   static constexpr bool kIsSanitized = std::string_view(TAVRIX_SANITIZED_BUILD) == "ON";
 
+  static std::string sessions_setting() {
+    const char* text = std::getenv("TAVRIX_STORM_SESSIONS");
+    return text == nullptr ? "mixed" : text;
+  }
   static long setting(const char* name, long otherwise) {
     const char* text = std::getenv(name);
     return text == nullptr ? otherwise : std::atol(text);
@@ -69,6 +79,8 @@ class Storm {
   long seconds_;
   Clock::time_point begin_ = Clock::now();
   int rounds_ = 0;
+  std::string sessions_ = sessions_setting();
+  int askers_ = 0;
   std::map<std::string, int> outcomes_;
 
  public:
