@@ -9,8 +9,9 @@
  *
  * A session belongs to its thread. Every function here is about the calling thread, and the end of
  * the thread closes its session. After fork() the child has the same session and may use it or
- * close it, but do not fork within a scope. get_perm_map_addr(), put_perm_map_addr() and the
- * functions of the staging buffer take no part: they attach and detach as ever.
+ * close it, but do not fork within a scope; what other threads had attached stays attached in the
+ * child. An end without a beginning changes nothing. get_perm_map_addr(), put_perm_map_addr() and
+ * the functions of the staging buffer take no part: they attach and detach as ever.
  *
  * A table that is no longer current stays in memory while a thread keeps it. So a thread that waits
  * calls tavrix_session_idle(): a server does so from a timer, well below a second after its last

@@ -42,17 +42,21 @@ std::string name_at(uint32_t entry) { return "e" + std::to_string(entry); }
 e_file_type type_of(uint32_t entry) {
   return entry % 3 == 0 ? FSTYPE_FOLDER : entry % 3 == 1 ? FSTYPE_FILE : FSTYPE_DOES_NOT_EXIST;
 }
-bool is_in_map(uint32_t entry) { return entry / 3 % 3 != 0; }
+bool is_in_map(uint32_t map, uint32_t entry) { return (entry / 3 + map) % 3 != 0; }
 
 Folder map_of(uint32_t map) {
   Folder team{.name = "Team", .users = {{kPat.uid, mask_of_team(map)}}};
-  // Folders that come first change the offsets of all others.
-  for (uint32_t i = 0; i < map % 7; ++i) team.children.push_back({.name = "x" + std::to_string(i)});
   for (uint32_t i = 0; i < kNames; ++i) {
-    if (!is_in_map(i)) continue;
+    if (!is_in_map(map, i)) continue;
     team.children.push_back({.name = name_at(i), .users = {{kPat.uid, mask_of(map, i)}}});
   }
-  return {.name = "/", .children = {{.name = "Shared", .children = {team}}}};
+  // Folders that come first change the offsets of all others from map to map.
+  Folder shared{.name = "Shared"};
+  for (uint32_t i = 0; i < map % 7; ++i) {
+    shared.children.push_back({.name = "x" + std::to_string(i), .users = {{kOlga.uid, 7}}});
+  }
+  shared.children.push_back(team);
+  return {.name = "/", .children = {shared}};
 }
 
 struct Asked {
@@ -66,7 +70,7 @@ bool grants(uint32_t map, e_fsop_type op, const Asked& asked) {
   if (op == FSOP_OPEN_READ && type == FSTYPE_FOLDER) return true;
   const uint32_t parent = mask_of_team(map);
   const uint32_t self = type == FSTYPE_DOES_NOT_EXIST ? 7
-                        : is_in_map(asked.entry)      ? mask_of(map, asked.entry)
+                        : is_in_map(map, asked.entry) ? mask_of(map, asked.entry)
                                                       : parent;
   return rule_says(op, type, self, parent).granted;
 }
