@@ -24,7 +24,7 @@ class Session:
     def __init__(self, user):
         # Unbuffered input: smbclient waits for more while its own buffer still holds commands.
         self._client = subprocess.Popen(
-            ["stdbuf", "-i0", "-o0", "smbclient", "-s", f"{FOLDER}/smb.conf", "//127.0.0.1/tavrix", "-U",
+            ["stdbuf", "-i0", "-oL", "smbclient", "-s", f"{FOLDER}/smb.conf", "//127.0.0.1/tavrix", "-U",
              f"{user}%{user}"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self._marks = 0
