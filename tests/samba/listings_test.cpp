@@ -64,6 +64,7 @@ class Listings : public MatrixWorld {
     fs::create_symlink("Docs", full("Shared/Team/docs.lnk"));
     // The file system of the tests lists the latest first: a folder, whose entries in the map
     // count.
+    make_folder(kMixed);
     for (int i = 0; i < kObjects; ++i) make_file(kMixed + "/" + numbered("file", i));
     for (int i = 0; i < kObjects; ++i) make_folder(kMixed + "/" + numbered("folder", i));
   }
