@@ -62,8 +62,7 @@ class Listings : public MatrixWorld {
     MatrixWorld::SetUp();
     publish_map(map_);
     fs::create_symlink("Docs", full("Shared/Team/docs.lnk"));
-    // The file system of the tests lists the latest first: a folder, whose entries in the map
-    // count.
+    // tmpfs lists the latest first: a folder, and its own entries in the map count.
     make_folder(kMixed);
     for (int i = 0; i < kObjects; ++i) make_file(kMixed + "/" + numbered("file", i));
     for (int i = 0; i < kObjects; ++i) make_folder(kMixed + "/" + numbered("folder", i));
