@@ -100,8 +100,9 @@ static int open_for_client(struct vfs_handle_struct* handle, const struct files_
 }
 
 /* Checks a name as a status query does. Becomes root only when the verdict is not cached. */
-static int ask_to_name(struct tavrix_connection* tavrix, const struct tavrix_name* name) {
-  refresh_credentials(tavrix->record);
+static int ask_to_name(struct vfs_handle_struct* handle, const struct tavrix_name* name) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  tavrix_refresh_identity(handle);
   TAVRIX_AS_ROOT_IF(tavrix_must_decide(tavrix, name));
   if (check_perms(tavrix->tree, name->name, FSOP_STAT, tavrix->record, 0) == TXPERMS_HAS_PERMS) {
     return 0;
@@ -132,7 +133,7 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
   }
   if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) return -1;
   if (!only_named) return open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
-  if (ask_to_name(tavrix_connection_of(handle), &name) != 0) return -1;
+  if (ask_to_name(handle, &name) != 0) return -1;
   return open_to_name(handle, dirfsp, smb_fname, fsp, how);
 }
 

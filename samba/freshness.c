@@ -33,6 +33,15 @@ uint64_t tavrix_request(struct vfs_handle_struct* handle) {
   return tavrix->request;
 }
 
+void tavrix_refresh_identity(struct vfs_handle_struct* handle) {
+  struct tavrix_connection* tavrix = tavrix_connection_of(handle);
+  const uint64_t request = tavrix_request(handle);
+  if (tavrix->refreshed == tavrix->record && tavrix->refreshed_in == request) return;
+  refresh_credentials(tavrix->record);
+  tavrix->refreshed = tavrix->record;
+  tavrix->refreshed_in = request;
+}
+
 /* --- the identity ----------------------------------------------------------------------------- */
 
 /* A value of the flag that is neither of the library's own. Whoever renews the identity, a hook or

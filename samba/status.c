@@ -7,7 +7,7 @@
 static bool must_decide(struct vfs_handle_struct* handle, const struct tavrix_name* name) {
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (!tavrix_must_decide(tavrix, name)) return false;
-  refresh_credentials(tavrix->record);
+  tavrix_refresh_identity(handle);
   return true;
 }
 

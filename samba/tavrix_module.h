@@ -52,6 +52,9 @@ struct tavrix_connection {
   bool is_request_numbered; /* next_request is due after the request under way */
   uint64_t request;
   uint64_t generation;
+  /* See tavrix_refresh_identity(). */
+  const connection_private_data_s* refreshed;
+  uint64_t refreshed_in;
   /* The session, see session.c. */
   bool has_session;
   struct tevent_context* events;   /* smbd's loop; null: there is none */
@@ -234,6 +237,9 @@ void tavrix_free_asker(struct tavrix_connection* tavrix);
 /* A number for the client's request under way, which no later request has. Where requests cannot be
  * told apart, each call gives another number. */
 uint64_t tavrix_request(struct vfs_handle_struct* handle);
+/* Renews the identity of the present record when a refresh file was touched. Looks at the files once
+ * a request. Call it as the client. */
+void tavrix_refresh_identity(struct vfs_handle_struct* handle);
 /* A number that changes when the identity of the present record is renewed. */
 uint64_t tavrix_generation(struct tavrix_connection* tavrix);
 /* True if the name is that of the entry of a folder that the client was just shown, in the same
