@@ -27,6 +27,7 @@ install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DI
 
 install(FILES docs/man/tavrixctl.8 docs/man/tavrix-loader.8 docs/man/tavrix-sweeper.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
+install(DIRECTORY docs/json DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-tools COMPONENT tools)
 # Settings go to /etc when the prefix is /usr. Any other prefix keeps everything below it.
 set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_SYSCONFDIR})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")

@@ -204,7 +204,7 @@ TEST_F(Config, ShowsEverySetting) {
   const Outcome outcome = ctl({"config", "show"});
   EXPECT_TRUE(contains(outcome.out, "VFS:debug level                    number  3\n"))
       << outcome.out;
-  const auto all = json({"config", "show"});
+  const auto all = json({"config", "show"})["settings"];
   EXPECT_EQ(ctl::settings().size(), all.size());
   for (const auto& entry : all) {
     if (entry["name"] == "VFS:debug level") {
@@ -282,7 +282,8 @@ TEST_F(Config, Removes) {
 TEST_F(Config, ShowsTextsOfAnyBytes) {
   load("");
   ctl({"config", "set", "SWEEPER:staging dir", "/a\xff"});
-  for (const auto& entry : json({"config", "show"})) {
+  const auto all = json({"config", "show"});
+  for (const auto& entry : all["settings"]) {
     if (entry["name"] == "SWEEPER:staging dir") {
       EXPECT_EQ("L2H/", entry["value_base64"]);
     }

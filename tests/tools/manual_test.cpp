@@ -45,22 +45,6 @@ class Manual : public Operator {
       expect_all(text, next);
     }
   }
-  // The names under "Subcommands:" of a help text.
-  static std::set<std::string> subcommands(std::vector<std::string> words) {
-    words.emplace_back("--help");
-    std::istringstream in(ctl(words).out);
-    std::set<std::string> names;
-    bool is_list = false;
-    for (std::string line; std::getline(in, line);) {
-      if (line == "Subcommands:") {
-        is_list = true;
-      } else if (is_list) {
-        std::smatch part;
-        if (std::regex_search(line, part, std::regex("^  ([a-z]+)"))) names.insert(part[1]);
-      }
-    }
-    return names;
-  }
 };
 
 TEST_F(Manual, KnowsEveryCommandAndOption) {

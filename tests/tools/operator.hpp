@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,6 +54,22 @@ class Operator : public Isolated {
   static nlohmann::json json(std::vector<std::string> words) {
     words.insert(words.begin(), "--json");
     return nlohmann::json::parse(ctl(words).out);
+  }
+  // The names under "Subcommands:" of a help text.
+  static std::set<std::string> subcommands(std::vector<std::string> words) {
+    words.emplace_back("--help");
+    std::istringstream in(ctl(words).out);
+    std::set<std::string> names;
+    bool is_list = false;
+    for (std::string line; std::getline(in, line);) {
+      if (line == "Subcommands:") {
+        is_list = true;
+      } else if (is_list) {
+        std::smatch part;
+        if (std::regex_search(line, part, std::regex("^  ([a-z]+)"))) names.insert(part[1]);
+      }
+    }
+    return names;
   }
   static Outcome import(const Folder& root) {
     write_json_pair(root);

@@ -134,7 +134,7 @@ TEST_F(Patterns, TestTellsWhichPatternMatches) {
   const Outcome no = ctl({"patterns", "test", kFile, "a.tmp", "plan.txt", "a.tmp/plan.txt"});
   EXPECT_EQ(1, no.exit_code);
   EXPECT_TRUE(contains(no.out, "plan.txt: no\na.tmp/plan.txt: no\n")) << no.out;
-  EXPECT_EQ(true, json({"patterns", "test", kFile, "a.tmp"})[0]["matches"]);
+  EXPECT_EQ(true, json({"patterns", "test", kFile, "a.tmp"})["names"][0]["matches"]);
 }
 
 TEST_F(Patterns, TestSaysNoWhereTheServerUsesNone) {

@@ -65,6 +65,12 @@ std::optional<e_fsop_type> operation_named(std::string name) {
   return std::nullopt;
 }
 
+const char* operation_name(e_fsop_type op) {
+  const auto* found = std::find_if(std::begin(kOperations), std::end(kOperations),
+                                   [op](const Operation& operation) { return operation.op == op; });
+  return found == std::end(kOperations) ? "" : found->name;
+}
+
 // Reads the group list map as server processes do; nothing when the file is missing or broken.
 std::optional<groupmap::GroupMap> current_group_map() {
   std::ifstream in(TAVRIX_GROUPMAP_PATH, std::ios::binary);
@@ -164,6 +170,17 @@ int code_of(int verdict) {
   return verdict == TXPERMS_NO_PERM || verdict == TXPERMS_STANDARD_USER ? kNo : kFailure;
 }
 
+const char* verdict_word(int verdict) {
+  switch (code_of(verdict)) {
+    case kYes:
+      return "granted";
+    case kNo:
+      return "refused";
+    default:
+      return "error";
+  }
+}
+
 int check(const Options& options, Question question) {
   const auto op = operation_named(question.operation);
   if (!op) {
@@ -186,14 +203,15 @@ int check(const Options& options, Question question) {
   const int verdict =
       vfs_enforce_perms(question.root.c_str(), path.c_str(), *op, &trustees, 0, &is_nav);
   if (options.json) {
-    Json json;
-    json["verdict"] = verdict;
+    Json json = document("check");
+    json["verdict"] = verdict_word(verdict);
+    json["operation"] = operation_name(*op);
+    set_bytes(json, "path", path);
+    json["code"] = verdict;
     json["meaning"] = verdict_name(verdict);
-    json["granted"] = verdict == TXPERMS_HAS_PERMS;
     json["only_to_see"] = is_nav == 1;
     json["administrator"] = trustees.admin == 1;
     json["power_user"] = trustees.poweruser == 1;
-    set_bytes(json, "path", path);
     json["uid"] = question.uid;
     json["gid"] = question.gid;
     json["groups"] = question.groups;

@@ -54,7 +54,8 @@ int load(const std::string& path) {
 int show(const Options& options, bool explain) {
   const auto block = shared_block();
   if (!block) return kFailure;
-  Json json = Json::array();
+  Json json = document("config-show");
+  json["settings"] = Json::array();
   for (const Setting& setting : settings()) {
     const std::string value = value_text(setting, block->get());
     if (!options.json) {
@@ -74,7 +75,7 @@ int show(const Options& options, bool explain) {
       entry["value"] = block->get()[setting.index].value.intval;
     }
     entry["meaning"] = setting.meaning;
-    json.push_back(std::move(entry));
+    json["settings"].push_back(std::move(entry));
   }
   if (options.json) print(json);
   return kYes;

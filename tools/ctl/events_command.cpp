@@ -9,11 +9,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <set>
 #include <span>
 #include <type_traits>
@@ -34,19 +34,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string iso_time(int64_t seconds, int microseconds) {
-  const auto when = static_cast<time_t>(seconds);
-  tm parts{};
-  gmtime_r(&when, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-  return microseconds < 0 ? fmt::format("{}Z", text) : fmt::format("{}.{:06}Z", text, microseconds);
-}
-
-void print_line(const Json& json) {
-  fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
-
 // The counts that --stats prints instead of lines.
 struct Stats {
   std::map<std::string, uint64_t> by_type, by_user, by_minute;
@@ -56,10 +43,9 @@ struct Stats {
     ++records;
     ++by_type[type];
     ++by_user[std::to_string(uid)];
-    ++by_minute[iso_time(seconds / 60 * 60, -1)];
+    ++by_minute[json::rfc3339(seconds / 60 * 60).value_or("unknown")];
   }
-  void print_all() const {
-    Json json;
+  void print_all(Json json) const {
     json["records"] = records;
     if (!by_type.empty()) json["by_type"] = by_type;
     json["by_user"] = by_user;
@@ -105,9 +91,7 @@ void set_value(Json& json, const std::string& key, const events::Field::Value& v
       value);
 }
 
-void print_record(const std::string& time, const ProtobufCMessage& record, Columns columns) {
-  Json json;
-  json["time"] = time;
+void print_record(Json json, const ProtobufCMessage& record, Columns columns) {
   std::vector<events::Field> fields = events::fields_of(record);
   for (const Column& column : columns) {
     const auto field = std::find_if(fields.begin(), fields.end(), [&](const events::Field& each) {
@@ -121,36 +105,56 @@ void print_record(const std::string& time, const ProtobufCMessage& record, Colum
     // A new field may have the name of a column, as "type" is the column of "optype".
     set_value(json, json.contains(field.name) ? "field_" + field.name : field.name, field.value);
   }
-  print_line(json);
+  json::print_line(json);
 }
 
-// Prints one payload as a line, or counts it; false when it is no record of the kind.
-using Decode = bool (*)(std::string_view payload, Stats* stats);
+// The destination of the records: the counts, or lines.
+struct Sink {
+  Stats* stats = nullptr;
+  bool names_schema = false;  // the lines begin with the name of their schema
 
-bool decode_event(std::string_view payload, Stats* stats) {
+  [[nodiscard]] Json line(const char* schema, const std::optional<std::string>& time) const {
+    Json json = names_schema ? document(schema) : Json::object();
+    if (time) json["time"] = *time;
+    return json;
+  }
+};
+
+// Puts one payload into the sink; false when it is no record of the kind.
+struct Kind {
+  const char* schema;
+  bool (*decode)(std::string_view payload, const Sink& sink);
+};
+constexpr const char* kEventSchema = "events-decode";
+constexpr const char* kAuditSchema = "audit-decode";
+
+bool decode_event(std::string_view payload, const Sink& sink) {
   const events::Event event = events::unpack_event(payload);
   if (event == nullptr) return false;
-  if (stats != nullptr) {
-    stats->add(events::enum_name(vfsevent__op_type__descriptor, event->optype), event->uid,
-               event->time_sec);
+  if (sink.stats != nullptr) {
+    sink.stats->add(events::enum_name(vfsevent__op_type__descriptor, event->optype), event->uid,
+                    event->time_sec);
   } else {
-    print_record(iso_time(event->time_sec, event->time_usec), event->base, kEventColumns);
+    const auto part = event->time_usec < 0 ? std::nullopt : std::optional(event->time_usec);
+    const auto time = json::rfc3339(event->time_sec, part);
+    print_record(sink.line(kEventSchema, time), event->base, kEventColumns);
   }
   return true;
 }
 
-bool decode_audit(std::string_view payload, Stats* stats) {
+bool decode_audit(std::string_view payload, const Sink& sink) {
   const events::Audit audit = events::unpack_audit(payload);
   if (audit == nullptr) return false;
-  if (stats != nullptr) {
-    stats->add("AUDIT", audit->uid, audit->time_sec);
+  if (sink.stats != nullptr) {
+    sink.stats->add("AUDIT", audit->uid, audit->time_sec);
   } else {
-    print_record(iso_time(audit->time_sec, -1), audit->base, kAuditColumns);
+    print_record(sink.line(kAuditSchema, json::rfc3339(audit->time_sec)), audit->base,
+                 kAuditColumns);
   }
   return true;
 }
 
-int decode_file(const std::string& path, Decode decode, Stats* stats) {
+int decode_file(const std::string& path, const Kind& kind, const Sink& sink) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     complain("{}: {}", path, std::strerror(errno));
@@ -160,7 +164,7 @@ int decode_file(const std::string& path, Decode decode, Stats* stats) {
   events::DumpReader reader(bytes);
   uint64_t start = 0;
   while (const auto payload = reader.next()) {
-    if (!decode(*payload, stats)) {
+    if (!kind.decode(*payload, sink)) {
       complain("{}: byte {}: the record is not a message of this kind", path, start);
       return kNo;
     }
@@ -175,7 +179,7 @@ volatile std::sig_atomic_t is_stopped = 0;
 
 // Prints the dump files of a folder and then each new one. A dump file gets its name when it is
 // whole, so every new name can be read at once.
-int follow(const std::string& folder, Decode decode) {
+int follow(const std::string& folder, const Kind& kind, const Sink& sink) {
   std::signal(SIGINT, [](int) { is_stopped = 1; });
   std::signal(SIGTERM, [](int) { is_stopped = 1; });
   std::set<std::string> seen;
@@ -187,7 +191,7 @@ int follow(const std::string& folder, Decode decode) {
       if (name.starts_with(TAVRIX_DUMP_FILE_PREFIX) && seen.count(name) == 0) fresh.insert(name);
     }
     for (const std::string& name : fresh) {
-      decode_file(folder + "/" + name, decode, nullptr);
+      decode_file(folder + "/" + name, kind, sink);
       seen.insert(name);
     }
     std::fflush(stdout);
@@ -202,30 +206,35 @@ struct DecodeArguments {
   bool stats = false;
 };
 
-int decode_all(const DecodeArguments& arguments, Decode decode) {
-  if (!arguments.folder.empty()) return follow(arguments.folder, decode);
+int decode_all(const Options& options, const DecodeArguments& arguments, const Kind& kind) {
+  Sink sink{.names_schema = options.json};
+  if (!arguments.folder.empty()) return follow(arguments.folder, kind, sink);
   if (arguments.files.empty()) {
     complain("give dump files, or --follow DIR");
     return kFailure;
   }
   Stats stats;
+  if (arguments.stats) sink.stats = &stats;
   int worst = kYes;
   for (const std::string& file : arguments.files) {
-    worst = std::max(worst, decode_file(file, decode, arguments.stats ? &stats : nullptr));
+    worst = std::max(worst, decode_file(file, kind, sink));
   }
-  if (arguments.stats) stats.print_all();
+  if (arguments.stats) {
+    stats.print_all(options.json ? document(std::string(kind.schema) + "-stats") : Json::object());
+  }
   return worst;
 }
 
-void add_decode(CLI::App& parent, DecodeArguments& arguments, Decode decode, Action& action) {
+void add_decode(CLI::App& parent, DecodeArguments& arguments, const Kind& kind, Options& options,
+                Action& action) {
   CLI::App* command = parent.add_subcommand(
       "decode", "Print dump files as JSON, one line per record (exit 1: a torn record)");
   command->add_option("FILE", arguments.files, "dump files");
   command->add_option("--follow", arguments.folder,
                       "print the dump files that come into a folder, until interrupted");
   command->add_flag("--stats", arguments.stats, "print counts instead");
-  command->callback([&action, &arguments, decode] {
-    action = [&arguments, decode] { return decode_all(arguments, decode); };
+  command->callback([&action, &options, &arguments, kind] {
+    action = [&options, &arguments, kind] { return decode_all(options, arguments, kind); };
   });
 }
 
@@ -234,7 +243,7 @@ void add_decode(CLI::App& parent, DecodeArguments& arguments, Decode decode, Act
 int show_buffer(const Options& options) {
   const int set = semget(ftok(TAVRIX_STAGING_KEY_PATH, TAVRIX_STAGING_SEMAPHORE_KEY_ID), 0, 0);
   const StagingAttachment buffer(get_eventstore_staging_buffer());
-  Json json;
+  Json json = document("events-buffer-show");
   json["exists"] = static_cast<bool>(buffer);
   json["semaphore"] = set != -1;
   if (set != -1) {
@@ -300,11 +309,11 @@ void add_events_commands(CLI::App& app, Options& options, Action& action) {
   static DecodeArguments event_arguments, audit_arguments;
   CLI::App* events = app.add_subcommand("events", "Events: dump files and the staging buffer");
   events->require_subcommand(1);
-  add_decode(*events, event_arguments, decode_event, action);
+  add_decode(*events, event_arguments, {kEventSchema, decode_event}, options, action);
 
   CLI::App* audit = app.add_subcommand("audit", "Audit records");
   audit->require_subcommand(1);
-  add_decode(*audit, audit_arguments, decode_audit, action);
+  add_decode(*audit, audit_arguments, {kAuditSchema, decode_audit}, options, action);
 
   CLI::App* buffer = events->add_subcommand("buffer", "The staging buffer");
   buffer->require_subcommand(1);

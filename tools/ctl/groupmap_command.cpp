@@ -52,7 +52,8 @@ GroupMap from_json(const std::string& text) {
   return map;
 }
 
-int build(const std::string& source, bool from_system, const std::string& target) {
+int build(const Options& options, const std::string& source, bool from_system,
+          const std::string& target) {
   if (from_system == !source.empty()) {
     complain("give either a JSON file or --from-system");
     return kFailure;
@@ -71,7 +72,15 @@ int build(const std::string& source, bool from_system, const std::string& target
     }
   }
   groupmap::write_file(target, groupmap::encode(map));
-  fmt::print("{}: {} users, {} reserved groups\n", target, map.users.size(), map.reserved.size());
+  if (options.json) {
+    Json json = document("groupmap-build");
+    set_bytes(json, "file", target);
+    json["users"] = map.users.size();
+    json["reserved_groups"] = map.reserved.size();
+    print(json);
+  } else {
+    fmt::print("{}: {} users, {} reserved groups\n", target, map.users.size(), map.reserved.size());
+  }
   return kYes;
 }
 
@@ -83,11 +92,17 @@ int show(const Options& options, const std::string& path, const std::string& use
     complain("{}: the file is broken; \"tavrixctl groupmap verify\" shows why", path);
     return kFailure;
   }
-  Json json;
-  json["reserved"] = Json::object();
+  Json json = document("groupmap-show");
+  set_bytes(json, "file", path);
+  json["reserved_groups"] = Json::array();
   json["users"] = Json::array();
   bool found = user.empty();
-  for (const auto& group : map->reserved) json["reserved"][group.name] = group.gid;
+  for (const auto& group : map->reserved) {
+    Json item;
+    set_bytes(item, "name", group.name);
+    item["gid"] = group.gid;
+    json["reserved_groups"].push_back(std::move(item));
+  }
   for (const auto& entry : map->users) {
     if (!user.empty() && strcasecmp(user.c_str(), entry.name.c_str()) != 0) continue;
     if (!user.empty() && found) continue;  // readers take the first entry of a name
@@ -117,7 +132,10 @@ int verify(const Options& options, const std::string& path) {
   auto findings = groupmap::verify(*bytes);
   groupmap::check_checksum(path, *bytes, findings);
   if (options.json) {
-    print(json_of(findings));
+    Json json = document("groupmap-verify");
+    set_bytes(json, "file", path);
+    set_findings(json, findings);
+    print(json);
   } else {
     print_findings(findings);
     fmt::print("{}: {} errors, {} warnings\n", path, findings.errors(), findings.warnings());
@@ -139,7 +157,7 @@ void add_groupmap_commands(CLI::App& app, Options& options, Action& action) {
                           "take the users and groups of this machine");
   build_command->add_option("-o,--output", target, "the file to replace")->required();
   build_command->callback(
-      [&action] { action = [] { return build(source, from_system, target); }; });
+      [&] { action = [&options] { return build(options, source, from_system, target); }; });
 
   CLI::App* show_command =
       groupmap->add_subcommand("show", "Print users and their groups (exit 1: no such user)");

@@ -21,7 +21,8 @@ int lint(const Options& options, const std::string& size_path, const std::string
   }
   const auto& found = result->data;
   if (options.json) {
-    Json json = json_of(result->findings);
+    Json json = document("map-lint");
+    set_findings(json, result->findings);
     json["stated"] = {{"folders", result->size.folders},
                       {"aces", result->size.aces},
                       {"name_bytes", result->size.name_bytes}};
@@ -77,9 +78,10 @@ int verify(const Options& options, const std::string& path) {
   mapcheck::Findings findings = mapcheck::verify(image->bytes());
   check_checksum(path, *image, findings);
   if (options.json) {
-    Json json = json_of(findings);
+    Json json = document("map-verify");
     json["image"] = image->origin();
     json["bytes"] = image->bytes().size();
+    set_findings(json, findings);
     print(json);
   } else {
     print_findings(findings);

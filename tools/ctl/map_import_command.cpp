@@ -26,6 +26,14 @@ void draw_progress(uint64_t done, uint32_t folders) {
                folders);
 }
 
+void print_refusal(const Options& options, const char* name, const mapcheck::Findings& findings) {
+  if (!options.json) return print_findings(findings);
+  Json json = document(name);
+  json["published"] = false;
+  set_findings(json, findings);
+  print(json);
+}
+
 // Loads the two files, or the local copy when there are no paths, after the same recovery as in the
 // loader.
 int load(const Options& options, const char* size_path, const char* data_path) {
@@ -45,15 +53,20 @@ int load(const Options& options, const char* size_path, const char* data_path) {
   tell(loaded.report);
   if (draws) std::fprintf(stderr, "\r\033[K");
   if (!loaded.ok()) {
-    if (!options.json && loaded.findings.errors() > 0) print_findings(loaded.findings);
+    if (loaded.findings.errors() > 0) {
+      print_refusal(options, restores ? "map-restore" : "map-import", loaded.findings);
+    }
     complain("{}", loaded.error);
     return kFailure;
   }
   if (options.json) {
-    print({{"table", loaded.table},
-           {"folders", loaded.folders},
-           {"aces", loaded.entries},
-           {"bytes", loaded.bytes}});
+    Json json = document(restores ? "map-restore" : "map-import");
+    json["published"] = true;
+    json["table"] = loaded.table;
+    json["folders"] = loaded.folders;
+    json["aces"] = loaded.entries;
+    json["bytes"] = loaded.bytes;
+    print(json);
   } else {
     fmt::print("table {} is current: {} folders, {} entries, {}\n", loaded.table, loaded.folders,
                loaded.entries, human_bytes(loaded.bytes));
@@ -71,11 +84,7 @@ int import(const Options& options, const std::string& size_path, const std::stri
       return kFailure;
     }
     if (result->findings.errors() > 0) {
-      if (options.json) {
-        print(json_of(result->findings));
-      } else {
-        print_findings(result->findings);
-      }
+      print_refusal(options, "map-import", result->findings);
       mapload::log_refused();
       complain("not imported: {} errors; --trust skips this check", result->findings.errors());
       return kNo;

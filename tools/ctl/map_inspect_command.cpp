@@ -22,7 +22,7 @@ std::string text_of(const char* field, std::size_t size) { return {field, strnle
 
 Json json_of_table(const TableState& table) {
   Json json;
-  json["key"] = fmt::format("0x{:x}", table.key);
+  json["key"] = table.key;
   json["exists"] = table.shmid != -1;
   if (table.shmid == -1) return json;
   json["bytes"] = table.bytes;
@@ -37,6 +37,7 @@ Json json_of_header(const tavrix_be_header& header) {
   set_bytes(json, "version", text_of(header.version, sizeof header.version));
   json["generation"] = uint32_t{header.generationnum};
   json["timestamp"] = int64_t{header.timestamp};
+  json::set_time(json, "time", header.timestamp);
   json["folders"] = uint32_t{header.total_fselems};
   json["aces"] = uint32_t{header.total_aces};
   return json;
@@ -47,7 +48,7 @@ int info(const Options& options, const std::string& path) {
   const auto image = Image::sound(path);
   if (!image) return kFailure;
   const auto& header = *reinterpret_cast<const tavrix_be_header*>(image->bytes().data());
-  Json json;
+  Json json = document("map-info");
   json["image"] = image->origin();
   json["bytes"] = image->bytes().size();
   json["map"] = json_of_header(header);
@@ -140,7 +141,7 @@ int acl(const Options& options, const std::string& path, const std::string& file
   }
   const Acl governing(map, path);
   const bool is_inherited = !found.exact || source != found.offset;
-  Json json;
+  Json json = document("map-acl");
   set_bytes(json, "path", path);
   json["in_map"] = found.exact;
   json["inherited"] = is_inherited;
@@ -252,13 +253,16 @@ int tree(const Options& options, const std::string& path, int depth, const std::
   const ImageView view(image->bytes().data());
   const Tree tree(view, depth);
   if (options.json) {
-    const auto json = tree.json(found.offset);
-    if (!json) {
+    const auto top = tree.json(found.offset);
+    if (!top) {
       complain("{}: more than {} levels below it; use a smaller --depth, or leave out --json", path,
                kMostJsonLevels);
       return kFailure;
     }
-    print(*json);
+    Json json = document("map-tree");
+    set_bytes(json, "path", path);
+    json.update(*top);
+    print(json);
   } else {
     tree.print_text(found.offset);
   }

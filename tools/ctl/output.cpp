@@ -12,32 +12,6 @@
 namespace tavrix::ctl {
 namespace {
 
-bool is_utf8(std::string_view bytes) {
-  try {
-    static_cast<void>(Json(bytes).dump());
-    return true;
-  } catch (const Json::exception&) {
-    return false;
-  }
-}
-
-std::string base64(std::string_view bytes) {
-  static constexpr char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string text;
-  for (std::size_t at = 0; at < bytes.size(); at += 3) {
-    unsigned group = 0;
-    const std::size_t have = std::min<std::size_t>(3, bytes.size() - at);
-    for (std::size_t i = 0; i < 3; ++i) {
-      group = group << 8 | (i < have ? static_cast<unsigned char>(bytes[at + i]) : 0U);
-    }
-    for (std::size_t i = 0; i < 4; ++i) {
-      text += i <= have ? kAlphabet[group >> (18 - 6 * i) & 63] : '=';
-    }
-  }
-  return text;
-}
-
 template <typename Entry, typename Lookup>
 std::string name_by_id(Lookup lookup, char* Entry::*name) {
   std::vector<char> buffer(65536);
@@ -55,16 +29,6 @@ void complain(std::string_view text) {
 
 void warn(std::string_view text) {
   service::say(service::Tone::kWarning, "tavrixctl: " + std::string(text));
-}
-
-void print(const Json& json) {
-  const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace);
-  fmt::print("{}\n", text);
-}
-
-void set_bytes(Json& object, const std::string& key, std::string_view bytes) {
-  object[key] = bytes;
-  if (!is_utf8(bytes)) object[key + "_base64"] = base64(bytes);
 }
 
 std::string shown(std::string_view bytes) {
@@ -133,7 +97,7 @@ void print_findings(const mapcheck::Findings& findings) {
   }
 }
 
-Json json_of(const mapcheck::Findings& findings) {
+void set_findings(Json& object, const mapcheck::Findings& findings) {
   Json list = Json::array();
   for (const auto& finding : findings.kept()) {
     Json entry;
@@ -144,11 +108,9 @@ Json json_of(const mapcheck::Findings& findings) {
     set_bytes(entry, "text", finding.text);
     list.push_back(std::move(entry));
   }
-  Json result;
-  result["errors"] = findings.errors();
-  result["warnings"] = findings.warnings();
-  result["findings"] = std::move(list);
-  return result;
+  object["errors"] = findings.errors();
+  object["warnings"] = findings.warnings();
+  object["findings"] = std::move(list);
 }
 
 }  // namespace tavrix::ctl

@@ -34,7 +34,8 @@ int check(const Options& options, const std::string& path) {
   const bool is_used = file->matches_everything() == nullptr;
   const auto warnings = file->findings().size() - static_cast<std::size_t>(file->errors());
   if (options.json) {
-    Json json;
+    Json json = document("patterns-check");
+    set_bytes(json, "file", path);
     json["patterns"] = file->patterns().size();
     json["used"] = is_used;
     json["errors"] = file->errors();
@@ -57,7 +58,10 @@ int test(const Options& options, const std::string& path, const std::vector<std:
   if (!file) return kFailure;
   const Finding* everything = file->matches_everything();
   bool all = true;
-  Json json = Json::array();
+  Json json = document("patterns-test");
+  set_bytes(json, "file", path);
+  json["used"] = everything == nullptr;
+  json["names"] = Json::array();
   for (const std::string& name : names) {
     const auto* pattern = everything == nullptr ? file->match(name) : nullptr;
     all = all && pattern != nullptr;
@@ -68,7 +72,7 @@ int test(const Options& options, const std::string& path, const std::vector<std:
       entry["line"] = pattern->line;
       set_bytes(entry, "pattern", pattern->text);
     }
-    json.push_back(std::move(entry));
+    json["names"].push_back(std::move(entry));
     if (options.json) continue;
     if (pattern == nullptr) {
       fmt::print("{}: no\n", shown(name));

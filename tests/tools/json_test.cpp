@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// The JSON of every command, validated against the schemas in docs/json.
+
+#include <gtest/gtest.h>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "tests/tools/sweeper.hpp"
+
+namespace tavrix::test {
+namespace {
+
+using Words = std::vector<std::string>;
+
+const std::string kSchemas = TAVRIX_SOURCE_DIR "/docs/json";
+
+std::string joined(const Words& words) {
+  std::string text;
+  for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+  return text;
+}
+
+// A command that prints data: its words, arguments for it, and the schema if that is not named by
+// the words.
+struct Example {
+  Words command, arguments;
+  std::string schema;
+  [[nodiscard]] std::string schema_name() const {
+    if (!schema.empty()) return schema;
+    std::string name = joined(command);
+    std::replace(name.begin(), name.end(), ' ', '-');
+    return name;
+  }
+};
+
+const char* const kImage = "/etc/tavrix/.permbe_map";
+const char* const kGroups = "/scratch/groups";
+const char* const kPatterns = "/scratch/patterns";
+
+// In this order: what an import removes is made again for the next.
+std::vector<Example> examples() {
+  return {
+      {{"config", "show"}, {}, {}},
+      {{"map", "lint"}, {"/scratch/size.json", "/scratch/data.json"}, {}},
+      {{"map", "lint"}, {"/scratch/broken.json", "/scratch/broken.json"}, {}},
+      {{"map", "import"}, {"/scratch/size.json", "/scratch/data.json"}, {}},
+      {{"map", "import"}, {"/scratch/broken.json", "/scratch/broken.json"}, {}},
+      {{"map", "restore"}, {}, {}},
+      {{"map", "info"}, {}, {}},
+      {{"map", "info"}, {"--file", kImage}, {}},
+      {{"map", "tree"}, {}, {}},
+      {{"map", "tree"}, {"Shared", "--depth", "0"}, {}},
+      {{"map", "acl"}, {"/Shared/Team/Docs"}, {}},
+      {{"map", "acl"}, {"/caf\xe9"}, {}},
+      {{"map", "verify"}, {}, {}},
+      {{"map", "verify"}, {"/scratch/broken.json"}, {}},
+      {{"check"}, {"--uid", "1001", "--groups", "5,6", "stat", "Shared/Team"}, {}},
+      {{"groupmap", "build"}, {"/scratch/groups.json", "-o", kGroups}, {}},
+      {{"groupmap", "show"}, {"--file", kGroups}, {}},
+      {{"groupmap", "verify"}, {kGroups}, {}},
+      {{"groupmap", "verify"}, {"/scratch/broken.json"}, {}},
+      {{"events", "decode"}, {"/scratch/dump"}, {}},
+      {{"events", "decode"}, {"--stats", "/scratch/dump"}, "events-decode-stats"},
+      {{"audit", "decode"}, {"/scratch/audits"}, {}},
+      {{"audit", "decode"}, {"--stats", "/scratch/audits"}, "audit-decode-stats"},
+      {{"events", "buffer", "show"}, {}, {}},
+      {{"patterns", "check"}, {kPatterns}, {}},
+      {{"patterns", "test"}, {kPatterns, "a.tmp", "b"}, {}},
+  };
+}
+
+// Commands that print no data, with arguments for them. They come last: some remove what others
+// show.
+std::vector<Example> silent_commands() {
+  return {
+      {{"config", "set"}, {"VFS:debug level", "0"}, {}},
+      {{"config", "load"}, {"/scratch/conf"}, {}},
+      {{"events", "buffer", "flush"}, {}, {}},
+      {{"events", "buffer", "remove"}, {}, {}},
+      {{"events", "buffer", "create"}, {}, {}},
+      {{"map", "remove"}, {}, {}},
+      {{"config", "remove"}, {}, {}},
+  };
+}
+
+class JsonOutput : public SweeperWorld {
+ protected:
+  void SetUp() override {
+    SweeperWorld::SetUp();
+    once();
+    ASSERT_EQ(0, append("/tavrix/waits"));
+    import(team());
+    write_json_pair(team());
+    write_file("/scratch/broken.json", "{\"broken\": ");
+    write_file("/scratch/groups.json", R"({"reserved": {"admins": 9001}, "users": {"anna": [1]}})");
+    write_file(kPatterns, "^~\n#comment\n[.]tmp$\n");
+    write_file("/scratch/dump", event() + event());
+    write_file("/scratch/audits", audit());
+  }
+  static std::string framed(const staging_data_s& record) {
+    return {reinterpret_cast<const char*>(&record), sizeof record + record.size};
+  }
+  static std::string event() {
+    VFSEvent event = VFSEVENT__INIT;
+    event.path = const_cast<char*>("/tavrix/caf\xe9");
+    pop_vfs_event(&event, 1001);
+    return framed(*Malloced<staging_data_s>(create_staging_data_buf(&event)));
+  }
+  static std::string audit() {
+    AuditEvent audit = AUDIT_EVENT__INIT;
+    audit.path = const_cast<char*>("/tavrix/plan.txt");
+    audit.time_sec = 1700000000;
+    std::string payload(audit_event__get_packed_size(&audit), 0);
+    audit_event__pack(&audit, reinterpret_cast<uint8_t*>(payload.data()));
+    const staging_data_s head{static_cast<uint32_t>(payload.size()), STAGING_DATA_SIGNATURE};
+    return std::string(reinterpret_cast<const char*>(&head), sizeof head) + payload;
+  }
+  static Outcome validate(const std::string& text) {
+    return run_program({"python3", TAVRIX_SOURCE_DIR "/tests/tools/validate_json.py", kSchemas},
+                       text);
+  }
+  static Outcome run(const Example& example) {
+    Words words{"--json"};
+    words.insert(words.end(), example.command.begin(), example.command.end());
+    words.insert(words.end(), example.arguments.begin(), example.arguments.end());
+    return ctl(words);
+  }
+  // The commands that have none below them.
+  static void find_commands(const Words& words, std::set<std::string>& found) {
+    const auto below = subcommands(words);
+    if (below.empty()) found.insert(joined(words));
+    for (const std::string& name : below) {
+      Words next = words;
+      next.push_back(name);
+      find_commands(next, found);
+    }
+  }
+};
+
+TEST_F(JsonOutput, OfEveryCommandIsValid) {
+  std::set<std::string> used;
+  for (const Example& example : examples()) {
+    const std::string name = example.schema_name();
+    const Outcome outcome = run(example);
+    ASSERT_FALSE(outcome.out.empty()) << name << ": " << outcome.err;
+    const Outcome verdict = validate(outcome.out);
+    EXPECT_EQ(0, verdict.exit_code) << name << ": " << verdict.err << outcome.out;
+    std::istringstream names(verdict.out);
+    for (std::string line; std::getline(names, line);) EXPECT_EQ("tavrix." + name + "/1", line);
+    used.insert(name + ".schema.json");
+  }
+  used.insert("README.md");
+  const auto files = list(kSchemas);
+  EXPECT_EQ(used, std::set<std::string>(files.begin(), files.end()));
+  const std::string readme = read_file(kSchemas + "/README.md");
+  for (const std::string& file : files) {
+    EXPECT_TRUE(file == "README.md" || contains(readme, "(" + file + ")")) << file;
+  }
+}
+
+TEST_F(JsonOutput, IsTestedForEveryCommand) {
+  std::set<std::string> known, found;
+  for (const Example& example : examples()) known.insert(joined(example.command));
+  for (const Example& example : silent_commands()) known.insert(joined(example.command));
+  find_commands({}, found);
+  EXPECT_EQ(known, found);
+}
+
+TEST_F(JsonOutput, IsEmptyForCommandsWithoutData) {
+  for (const Example& example : silent_commands()) {
+    const Outcome outcome = run(example);
+    EXPECT_EQ(0, outcome.exit_code) << joined(example.command) << ": " << outcome.err;
+    EXPECT_EQ("", outcome.out) << joined(example.command);
+  }
+}
+
+TEST_F(JsonOutput, HasPlainErrors) {
+  const Outcome outcome = ctl({"--json", "map", "info", "--file", "/none"});
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_EQ("", outcome.out);
+  EXPECT_EQ("tavrixctl: /none: No such file or directory\n", outcome.err);
+}
+
+TEST_F(JsonOutput, OfDumpFilesNamesItsSchemaOnlyOnRequest) {
+  EXPECT_TRUE(ctl({"events", "decode", "/scratch/dump"}).out.starts_with("{\"time\":"));
+  EXPECT_TRUE(contains(ctl({"--json", "events", "decode", "/scratch/dump"}).out,
+                       "\n{\"schema\":\"tavrix.events-decode/1\",\"time\":"));
+}
+
+TEST_F(JsonOutput, IsRefusedByTheValidatorWhenItDiffersFromItsSchema) {
+  const std::string begin = R"({"schema": "tavrix.groupmap-build/1", "file": "f", "users": )";
+  EXPECT_EQ(0, validate(begin + R"(1, "reserved_groups": 0})").exit_code);
+  for (const std::string rest :
+       {R"(1})", R"("1", "reserved_groups": 0})", R"(1, "reserved_groups": 0, "new": 1})"}) {
+    EXPECT_EQ(1, validate(begin + rest).exit_code) << rest;
+  }
+  EXPECT_EQ(1, validate(R"({"schema": "tavrix.none/1"})").exit_code);
+  EXPECT_EQ(1, validate(R"({"file": "f", "schema": "tavrix.groupmap-build/1"})").exit_code);
+  EXPECT_EQ(1, validate("[]").exit_code);
+}
+
+}  // namespace
+}  // namespace tavrix::test
