@@ -101,7 +101,7 @@ TEST_F(Config, LoadsWhileClientsConnect) {
 TEST_F(Config, ReplacesABlockOfAnotherSize) {
   for (const std::size_t size : {std::size_t{100}, std::size_t{40000}}) {
     ctl({"config", "remove"});
-    shmget(ftok("/dev/null", 3456), size, IPC_CREAT | 0666);
+    ASSERT_NE(-1, shmget(ftok("/dev/null", 3456), size, IPC_CREAT | 0666));
     EXPECT_EQ(0, load("").exit_code);
     EXPECT_EQ(1048576, block()[4].value.intval);
   }
@@ -265,7 +265,7 @@ TEST_F(Config, WithoutABlockSaysSo) {
 }
 
 TEST_F(Config, RefusesABlockOfAnotherSize) {
-  shmget(ftok("/dev/null", 3456), 100, IPC_CREAT | 0666);
+  ASSERT_NE(-1, shmget(ftok("/dev/null", 3456), 100, IPC_CREAT | 0666));
   const Outcome outcome = ctl({"config", "show"});
   EXPECT_EQ(2, outcome.exit_code);
   EXPECT_TRUE(contains(outcome.err, "the parameter block has 100 bytes, not " +

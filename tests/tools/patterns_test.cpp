@@ -59,7 +59,9 @@ TEST_F(Patterns, PatternsThatMatchAnywhereAreAWarning) {
   for (const std::string line : {"lock", "^a|b", "^(a|b)|c", "(a$|b)", "\\^a", "a\\$", "[^a]b"}) {
     const Outcome outcome = check(line + "\n");
     EXPECT_EQ(0, outcome.exit_code) << line;
-    EXPECT_TRUE(contains(outcome.out, kFile + ":1: warning: \"" + line + "\": neither ^ nor $"))
+    EXPECT_TRUE(contains(
+        outcome.out,
+        std::string(kFile).append(":1: warning: \"").append(line).append("\": neither ^ nor $")))
         << outcome.out;
   }
 }

@@ -191,7 +191,7 @@ int follow(const std::string& folder, const Kind& kind, const Sink& sink) {
       if (name.starts_with(TAVRIX_DUMP_FILE_PREFIX) && seen.count(name) == 0) fresh.insert(name);
     }
     for (const std::string& name : fresh) {
-      decode_file(folder + "/" + name, kind, sink);
+      decode_file(fs::path(folder) / name, kind, sink);
       seen.insert(name);
     }
     std::fflush(stdout);
