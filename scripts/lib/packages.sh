@@ -8,6 +8,7 @@ tavrix_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
   clang libclang-rt-dev clang-format clang-tidy
   samba-libs util-linux procps strace gnuplot-nox abigail-tools python3-jsonschema
+  python3-prometheus-client
 )
 
 # Packages that only the reference module and a real server with it need.

@@ -17,6 +17,7 @@ constexpr int kFailure = 2;  // wrong usage, or the answer is not known
 struct Options {
   bool json = false;
   bool verbose = false;
+  bool needs_root = true;  // the command that the user chose may clear it
 };
 
 // The work of the command that the user chose; returns the exit code.

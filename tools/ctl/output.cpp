@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/service/journal.hpp"
+#include "tools/status/sentences.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -44,16 +45,7 @@ std::string shown(std::string_view bytes) {
   return text;
 }
 
-std::string human_bytes(uint64_t bytes) {
-  static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB"};
-  auto value = static_cast<double>(bytes);
-  std::size_t unit = 0;
-  while (value >= 1024 && unit + 1 < std::size(kUnits)) {
-    value /= 1024;
-    ++unit;
-  }
-  return unit == 0 ? fmt::format("{} B", bytes) : fmt::format("{:.1f} {}", value, kUnits[unit]);
-}
+std::string human_bytes(uint64_t bytes) { return status::size_text(bytes); }
 
 std::string user_name(uint32_t uid) {
   return name_by_id<passwd>(

@@ -100,6 +100,14 @@ void fill(const SettingsFile& file, global_param_s* block) {
   }
 }
 
+std::vector<std::string> differing_settings(const SettingsFile& file, const global_param_s* block) {
+  std::vector<std::string> names;
+  for (const Setting& setting : settings()) {
+    if (!holds(setting, value_in(file, setting), block)) names.emplace_back(setting.name);
+  }
+  return names;
+}
+
 int32_t buffer_size_in(const SettingsFile& file) {
   return value_in(file, *find_setting("SWEEPER:staging buffer size")).number;
 }

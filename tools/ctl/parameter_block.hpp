@@ -35,6 +35,9 @@ class ParameterBlock {
 void fill(const SettingsFile& file, global_param_s* block);
 int32_t buffer_size_in(const SettingsFile& file);
 
+// The names of the settings whose value in the block is not the one that fill() would write.
+std::vector<std::string> differing_settings(const SettingsFile& file, const global_param_s* block);
+
 // A copy of the last settings file without a mistake. The sweeper starts with it when the file has
 // one.
 constexpr const char* kSettingsOfBefore = "/etc/tavrix/.tavrix.conf";

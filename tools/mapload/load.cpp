@@ -19,6 +19,7 @@
 #include "tools/mapload/paths.hpp"
 #include "tools/mapload/publish.hpp"
 #include "tools/mapload/room.hpp"
+#include "tools/status/sentences.hpp"
 
 namespace tavrix::mapload {
 namespace {
@@ -241,8 +242,7 @@ Fd lock(int flags) {
 
 std::string Loaded::text() const {
   if (!ok()) return error;
-  return fmt::format("table {} is current: {} folders, {} entries, {} bytes", table, folders,
-                     entries, bytes);
+  return status::current_map_text(table, folders, entries, bytes);
 }
 
 Fd lock_maps() { return lock(LOCK_EX); }

@@ -17,6 +17,7 @@
 #include "tools/mapload/paths.hpp"
 #include "tools/mapload/publish.hpp"
 #include "tools/mapload/tables.hpp"
+#include "tools/status/sentences.hpp"
 
 namespace tavrix::mapload {
 namespace {
@@ -137,8 +138,17 @@ class Recoverer {
     if (!repair_index(published)) return;
     remove_table(1 - published);
     if (!repair_copy(published)) return;
-    done_.status = fmt::format("table {} is current: generation {}, {} bytes", published,
-                               mark_->generation, mark_->segment.bytes);
+    done_.status = text_of(published);
+  }
+
+  [[nodiscard]] std::string text_of(int published) const {
+    const Attached table(tables_.table[published]);
+    tavrix_be_header header{};
+    if (table.bytes().size() >= sizeof header) {
+      std::memcpy(&header, table.bytes().data(), sizeof header);
+    }
+    return status::current_map_text(published, header.total_fselems, header.total_aces,
+                                    mark_->segment.bytes);
   }
 
   bool repair_index(int published) {

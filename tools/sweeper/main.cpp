@@ -16,6 +16,7 @@
 #include "internal/scoped.hpp"
 #include "tools/notes/open_notes.h"
 #include "tools/service/service.hpp"
+#include "tools/status/sentences.hpp"
 #include "tools/sweeper/connections.hpp"
 #include "tools/sweeper/running_mark.hpp"
 #include "tools/sweeper/settings.hpp"
@@ -118,8 +119,11 @@ class Sweeper {
   }
 
   void notify(const char* state) const {
-    std::string status =
-        is_disabled() ? "flushing is disabled" : fmt::format("flushing every {} seconds", period());
+    std::string status = status::flushing_text(is_disabled(), period());
+    if (const Fill fill = buffer_fill(); fill.bytes > 0) {
+      status += "; " +
+                status::buffer_text(fill.records, fill.used + sizeof(staging_buffer_s), fill.bytes);
+    }
     for (const std::string* trouble : {&room_.text(), &buffer_.text()}) {
       if (!trouble->empty()) status = *trouble;
     }

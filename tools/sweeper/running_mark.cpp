@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstring>
@@ -59,7 +60,11 @@ void look_for_lost_buffer() {
 }
 
 void set_running_mark() {
-  if (is_there() && first_line(kRunningMark) == boot_id()) return;
+  if (is_there() && first_line(kRunningMark) == boot_id()) {
+    // The time of the mark is that of the last period's work.
+    utimensat(AT_FDCWD, kRunningMark, nullptr, 0);
+    return;
+  }
   const Fd file(open(kRunningMark, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   const std::string text = boot_id() + "\n";
   if (!file || write_all(file.get(), text.data(), text.size()) < 0 || fsync(file.get()) != 0) {

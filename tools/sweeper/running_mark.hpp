@@ -14,7 +14,8 @@ namespace tavrix::sweeper {
 // buffer is made: at the start, and whenever somebody may have removed it.
 void look_for_lost_buffer();
 
-// Makes the mark when it is not there, and syncs it.
+// Makes the mark when it is not there, and syncs it. Touches it otherwise, so that its time tells
+// when the sweeper worked last.
 void set_running_mark();
 void clear_running_mark();
 

@@ -1,0 +1,237 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// Checks of the Samba server: its libraries, the module, and the settings of the shares.
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+
+#include "internal/scoped.hpp"
+#include "tavrix_api.h"
+#include "tools/doctor/checks.hpp"
+#include "tools/status/samba.hpp"
+
+namespace tavrix::doctor {
+namespace {
+
+constexpr const char* kComparison = "strncasecmp_m";
+
+struct CloseLibrary {
+  void operator()(void* library) const { dlclose(library); }
+};
+
+using Section = std::map<std::string, std::string>;
+using Sections = std::map<std::string, Section>;  // "global", and one a share
+
+std::string trimmed(const std::string& text) {
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// The output of testparm; nothing when it cannot be run or refuses the file.
+std::optional<std::string> testparm(const std::string& smb_conf) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return std::nullopt;
+  const Fd output(ends[0]);
+  Fd input(ends[1]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  std::array<const char*, 5> arguments = {"testparm", "-s", "-v",
+                                          smb_conf.empty() ? nullptr : smb_conf.c_str(), nullptr};
+  pid_t child = 0;
+  const int error = posix_spawnp(&child, "testparm", &actions, nullptr,
+                                 const_cast<char* const*>(arguments.data()), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  input.reset();
+  if (error != 0) return std::nullopt;
+  std::string text;
+  std::array<char, 4096> chunk{};
+  for (ssize_t got = 0; (got = read(output.get(), chunk.data(), chunk.size())) > 0;) {
+    text.append(chunk.data(), static_cast<std::size_t>(got));
+  }
+  int end = 0;
+  waitpid(child, &end, 0);
+  if (!WIFEXITED(end) || WEXITSTATUS(end) != 0) return std::nullopt;
+  return text;
+}
+
+Sections sections_of(const std::string& text) {
+  Sections sections;
+  std::string name;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    line = trimmed(line);
+    if (line.starts_with('[')) name = line.substr(1, line.find(']') - 1);
+    const auto equals = line.find('=');
+    if (name.empty() || equals == std::string::npos || line.starts_with('#')) continue;
+    sections[name][trimmed(line.substr(0, equals))] = trimmed(line.substr(equals + 1));
+  }
+  return sections;
+}
+
+// The settings of one share. What its section leaves out stands in [global], the defaults too.
+class Share {
+ public:
+  Share(std::string name, const Section& own, const Section& global)
+      : name_(std::move(name)), own_(own), global_(global) {}
+
+  [[nodiscard]] std::string value(const std::string& key) const {
+    if (const auto found = own_.find(key); found != own_.end()) return found->second;
+    const auto found = global_.find(key);
+    return found == global_.end() ? "" : found->second;
+  }
+  [[nodiscard]] bool has_module(const std::string& module) const {
+    std::istringstream in(value("vfs objects"));
+    for (std::string word; in >> word;) {
+      if (word == module) return true;
+    }
+    return false;
+  }
+  [[nodiscard]] std::string name() const { return "share " + name_; }
+  [[nodiscard]] std::string section() const { return "[" + name_ + "] of smb.conf"; }
+
+ private:
+  std::string name_;
+  const Section& own_;
+  const Section& global_;
+};
+
+bool is_yes(std::string value) {
+  std::transform(value.begin(), value.end(), value.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return value == "yes" || value == "true" || value == "1" || value == "on";
+}
+
+Check check_threads(const Share& share) {
+  const std::string id = "worker-threads";
+  if (share.value("aio read size") == "0" && share.value("aio write size") == "0") {
+    return {id, Level::kWell, share.name() + " works with one thread", ""};
+  }
+  return {id, Level::kWarning,
+          share.name() + " starts worker threads, which make each operation several times dearer",
+          "set \"aio read size = 0\" and \"aio write size = 0\" in " + share.section()};
+}
+
+Check check_case(const Share& share) {
+  const std::string id = "case-settings";
+  if (is_yes(share.value("case sensitive"))) {
+    return {id, Level::kWell, share.name() + " takes names as they are spelled", ""};
+  }
+  return {id, Level::kWarning,
+          share.name() + " scans the whole folder for each name that does not exist",
+          "set \"case sensitive = yes\" in " + share.section()};
+}
+
+Check check_path(const Share& share) {
+  const std::string id = "share-path";
+  const std::string path = share.value("path");
+  const CString real(realpath(path.c_str(), nullptr));
+  const CString tree(realpath(TAVRIX_TREE, nullptr));
+  const std::string inside = real == nullptr ? path : real.get();
+  const std::string root = tree == nullptr ? TAVRIX_TREE : tree.get();
+  if (inside == root || inside.starts_with(root + "/")) {
+    return {id, Level::kWell, share.name() + " lies in the tree", ""};
+  }
+  return {id, Level::kCritical,
+          fmt::format("{} has the path {}, which is not in {}: nobody may connect", share.name(),
+                      path, TAVRIX_TREE),
+          "set \"path = " TAVRIX_TREE "\" in " + share.section()};
+}
+
+Check check_links_and_streams(const Share& share) {
+  const std::string id = "refused-settings";
+  for (const char* module : {"streams_xattr", "streams_depot"}) {
+    if (!share.has_module(module)) continue;
+    return {id, Level::kCritical,
+            fmt::format("{} has the module {}: nobody may connect", share.name(), module),
+            "remove it from \"vfs objects\" in " + share.section()};
+  }
+  // The server itself ignores "wide links" while its extensions for UNIX are on and the two may
+  // not stand together.
+  if (is_yes(share.value("wide links")) && (!is_yes(share.value("unix extensions")) ||
+                                            is_yes(share.value("allow insecure wide links")))) {
+    return {id, Level::kCritical, share.name() + " has wide links: nobody may connect",
+            "set \"wide links = no\" in " + share.section()};
+  }
+  return {id, Level::kWell, share.name() + " has no setting that the module refuses", ""};
+}
+
+}  // namespace
+
+Check check_comparison_library() {
+  const std::string id = "comparison-library";
+  const std::string file = status::samba_comparison_library();
+  const std::unique_ptr<void, CloseLibrary> library(dlopen(file.c_str(), RTLD_LAZY | RTLD_LOCAL));
+  if (library != nullptr && dlsym(library.get(), kComparison) != nullptr) {
+    return {id, Level::kWell, "names are compared as Samba compares them", ""};
+  }
+  const char* error = dlerror();
+  return {id, Level::kCritical,
+          fmt::format("Samba's comparison of names is missing: a server process that compares a "
+                      "name beyond ASCII ends ({})",
+                      error == nullptr ? file : error),
+          fmt::format("ln -sf libsamdb-common-samba4.so.0 {}", file)};
+}
+
+Check check_module() {
+  const std::string id = "module-version";
+  const std::string file = status::samba_module();
+  const std::string samba = status::samba_version_in(status::samba_library());
+  if (samba.empty()) return {id, Level::kWarning, "Samba is not installed", "install samba"};
+  if (access(file.c_str(), F_OK) != 0) {
+    return {id, Level::kWarning, "the module is not installed: " + file,
+            "install the package samba-vfs-tavrix, or build the module"};
+  }
+  const std::string built_for = status::samba_version_in(file);
+  if (built_for == samba) {
+    return {id, Level::kWell, "the module was built for Samba " + samba + ", which is installed",
+            ""};
+  }
+  return {id, Level::kCritical,
+          fmt::format("the module was built for Samba {}, and {} is installed: no client can "
+                      "connect",
+                      built_for.empty() ? "of an unknown version" : built_for, samba),
+          "install or build the module for this Samba"};
+}
+
+Checks check_server_settings(const std::string& smb_conf) {
+  const auto text = testparm(smb_conf);
+  if (!text) {
+    return {{"server-settings", Level::kWarning, "testparm cannot read the server's settings",
+             "run \"testparm -s " + smb_conf + "\" and correct what it says"}};
+  }
+  Sections sections = sections_of(*text);
+  const Section global = sections["global"];
+  sections.erase("global");
+  Checks checks;
+  for (const auto& [name, section] : sections) {
+    const Share share(name, section, global);
+    if (!share.has_module("tavrix")) continue;
+    checks.push_back(check_path(share));
+    checks.push_back(check_links_and_streams(share));
+    checks.push_back(check_threads(share));
+    checks.push_back(check_case(share));
+  }
+  if (checks.empty()) {
+    checks.push_back({"share-missing", Level::kWarning, "no share has the module",
+                      "set \"vfs objects = tavrix\" in a share of smb.conf; docs/appliance.md has "
+                      "an example"});
+  }
+  return checks;
+}
+
+}  // namespace tavrix::doctor
