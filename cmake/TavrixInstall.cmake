@@ -28,6 +28,8 @@ install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DI
 install(FILES docs/man/tavrixctl.8 docs/man/tavrix-loader.8 docs/man/tavrix-sweeper.8
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
 install(DIRECTORY docs/json DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-tools COMPONENT tools)
+install(FILES packaging/examples/tavrix-alerts.yml
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-tools/examples COMPONENT tools)
 # Settings go to /etc when the prefix is /usr. Any other prefix keeps everything below it.
 set(TAVRIX_SYSCONFDIR ${CMAKE_INSTALL_SYSCONFDIR})
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
@@ -38,6 +40,7 @@ install(FILES packaging/tavrix.conf packaging/exception_patterns
 install(FILES packaging/tavrix.logrotate DESTINATION ${TAVRIX_SYSCONFDIR}/logrotate.d RENAME tavrix
   COMPONENT tools)
 install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service
+    packaging/tavrix-metrics.service packaging/tavrix-metrics.timer
   DESTINATION lib/systemd/system COMPONENT tools)
 install(FILES packaging/smbd.service.d/tavrix.conf DESTINATION lib/systemd/system/smbd.service.d
   COMPONENT tools)
