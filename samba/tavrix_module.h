@@ -237,8 +237,8 @@ void tavrix_free_asker(struct tavrix_connection* tavrix);
 /* A number for the client's request under way, which no later request has. Where requests cannot be
  * told apart, each call gives another number. */
 uint64_t tavrix_request(struct vfs_handle_struct* handle);
-/* Renews the identity of the present record when a refresh file was touched. Looks at the files once
- * a request. Call it as the client. */
+/* Renews the identity of the present record when a refresh file was touched. Looks at the files
+ * once a request. Call it as the client. */
 void tavrix_refresh_identity(struct vfs_handle_struct* handle);
 /* A number that changes when the identity of the present record is renewed. */
 uint64_t tavrix_generation(struct tavrix_connection* tavrix);

@@ -17,8 +17,7 @@ std::ostream& operator<<(std::ostream& out, const Bound& bound) {
   return out << "at most " << bound.calls;
 }
 constexpr Bound kBounds[] = {
-    {"list", 6.5}, {"list-again", 6.5}, {"put", 130},
-    {"get", 80},   {"rename", 265},     {"delete", 260},
+    {"list", 6.5}, {"list-again", 6.5}, {"put", 130}, {"get", 80}, {"rename", 265}, {"delete", 260},
 };
 // A call of the server's own housekeeping now and then.
 constexpr double kHousekeeping = 0.5;

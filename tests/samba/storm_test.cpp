@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kClients = 32;
 constexpr std::size_t kFewestEvents = 1000;  // a slow machine needs longer for them
-constexpr long kGrowth = 4096;  // kB that a process may keep of what it needed once
+constexpr long kGrowth = 4096;               // kB that a process may keep of what it needed once
 
 struct Weather {
   const char* name;
