@@ -111,6 +111,7 @@ std::vector<Process> processes_of(const std::string& program) {
 
 std::optional<std::vector<Process>> holders_of(const Segment& segment) {
   std::vector<Process> holders;
+  bool is_one_hidden = false;
   for (const pid_t pid : all_processes()) {
     switch (holds(pid, segment)) {
       case Holds::kNo:
@@ -119,9 +120,10 @@ std::optional<std::vector<Process>> holders_of(const Segment& segment) {
         holders.push_back({pid, short_name(pid)});
         break;
       case Holds::kUnknown:
-        return std::nullopt;
+        is_one_hidden = true;
     }
   }
+  if (holders.empty() && is_one_hidden) return std::nullopt;
   return holders;
 }
 

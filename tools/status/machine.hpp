@@ -37,8 +37,8 @@ struct Process {
 // The processes of a program in our IPC namespace, by the name of its file. A process that this
 // user cannot look at counts by its short name alone.
 std::vector<Process> processes_of(const std::string& program);
-// The processes that have the segment attached. Nothing when this user may not look into some
-// process, so that the list may lack one.
+// The processes that have the segment attached, without those that this user may not look into.
+// Nothing when there are such processes and no other has it.
 std::optional<std::vector<Process>> holders_of(const Segment& segment);
 // The second at which a process began.
 std::optional<int64_t> start_of(pid_t pid);
