@@ -207,7 +207,7 @@ TEST_F(Status, TellsThatTheAgentIsNotCollecting) {
   write_file(dump, "12345");
   EXPECT_EQ(5, status_json()["events"]["bytes"]);
   EXPECT_FALSE(is_a_problem("agent-not-collecting"));
-  make_older(dump, 3600 * 2);
+  make_older(dump, 7200);
   EXPECT_TRUE(contains(status().out,
                        "the agent is not collecting: 1 dump files wait, the oldest for 2 hours"));
   write_file(std::string(kStaging) + "/aside_txtempAAAAAA", "");

@@ -12,13 +12,13 @@ namespace tavrix::status {
 namespace {
 
 // Patience, in seconds.
-constexpr int64_t kPairMayWait = 5 * 60;
-constexpr int64_t kImportMayTake = 60 * 60;
+constexpr int64_t kPairMayWait = int64_t{5} * 60;
+constexpr int64_t kImportMayTake = int64_t{60} * 60;
 constexpr int64_t kEventsMayWait = 60;  // or three periods, if that is longer
-constexpr int64_t kEventsMustNotWait = 15 * 60;
-constexpr int64_t kDumpsMayWait = 15 * 60;
-constexpr int64_t kDumpsMustNotWait = 24 * 60 * 60;
-constexpr int64_t kOldMapMayStay = 15 * 60;
+constexpr int64_t kEventsMustNotWait = int64_t{15} * 60;
+constexpr int64_t kDumpsMayWait = int64_t{15} * 60;
+constexpr int64_t kDumpsMustNotWait = int64_t{24} * 60 * 60;
+constexpr int64_t kOldMapMayStay = int64_t{15} * 60;
 constexpr uint64_t kLeastFreePercent = 5;
 
 class Judge {
