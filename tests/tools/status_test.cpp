@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <pty.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -70,6 +71,18 @@ TEST_F(Status, TellsOfServicesThatDoNotRun) {
   loader_.reset();
   EXPECT_EQ((std::set<std::string>{"loader-stopped"}), problems());
   EXPECT_EQ(1, status().exit_code);
+}
+
+TEST_F(Status, CountsNoDeadProcess) {
+  const pid_t child = fork();
+  if (child == 0) {
+    prctl(PR_SET_NAME, "tavrix-sweeper");
+    _exit(0);
+  }
+  siginfo_t end{};
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT));
+  EXPECT_TRUE(is_a_problem("sweeper-stopped"));
+  ASSERT_EQ(child, waitpid(child, nullptr, 0));
 }
 
 TEST_F(Status, TellsWhenTheSweeperWorkedLast) {

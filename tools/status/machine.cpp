@@ -39,10 +39,13 @@ std::string target(const std::string& link) {
   return fs::read_symlink(link, none).string();
 }
 
-// False only for a process that is known to be elsewhere.
+// False for a process that is elsewhere, and for a dead one that nobody has waited for. True for
+// one that this user may not look at.
 bool may_share_our_objects(pid_t pid) {
-  const std::string theirs = target(fmt::format("/proc/{}/ns/ipc", pid));
-  return theirs.empty() || theirs == target("/proc/self/ns/ipc");
+  std::error_code error;
+  const auto theirs = fs::read_symlink(fmt::format("/proc/{}/ns/ipc", pid), error);
+  if (error) return error.value() == EACCES || error.value() == EPERM;
+  return theirs == target("/proc/self/ns/ipc");
 }
 
 std::string short_name(pid_t pid) { return first_line(fmt::format("/proc/{}/comm", pid)); }
