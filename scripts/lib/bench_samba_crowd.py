@@ -130,6 +130,7 @@ def main():
     for each in reversed(background):
         each.stop()
     swaps = sum(each.count for each in background[1:])
+    time.sleep(1)  # idle connections let go of an earlier map within a quarter of a second
     print_result(connections=connections, cpu=cpu, elapsed=elapsed, swaps=swaps, before=map_before,
                  most=background[0].most, left=shared_memory())
     for session in sessions:
