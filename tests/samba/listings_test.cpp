@@ -232,6 +232,17 @@ TEST_F(Listings, ThatAreRestartedBeginAgain) {
   EXPECT_EQ(all, again);
 }
 
+// After a request for one entry smbd does not seek before it rewinds.
+TEST_F(Listings, ThatAreRestartedAfterOneEntryBeginAgain) {
+  Json steps = started();
+  steps.push_back(page({{"flags", kSingle | kRestart}}));
+  steps.push_back(pages());
+  const Json answer = robot().run(kBen.name, steps);
+  Names again = names_in(answer["steps"][4]);
+  again.merge(names_in(answer["steps"][5]));
+  EXPECT_EQ(expected(kBen, kMixed), again);
+}
+
 TEST_F(Listings, ThatAreReopenedBeginAgain) {
   const Json answer =
       robot().run(kBen.name, {open(kMixed), page({{"room", 5000}}),
