@@ -56,7 +56,7 @@ TEST_F(Manual, KnowsEveryCommandAndOption) {
 TEST_F(Manual, KnowsTheServicesOptions) {
   for (const std::string program : {"tavrix-loader", "tavrix-sweeper"}) {
     const auto names = options(run_program({TAVRIX_BUILD_DIR "/tools/" + program, "--help"}).out);
-    EXPECT_EQ(3U, names.size()) << program;
+    EXPECT_EQ(4U, names.size()) << program;
     for (const std::string& name : names) {
       EXPECT_TRUE(contains(page(program), ".It Fl " + name)) << program << " -" << name;
     }

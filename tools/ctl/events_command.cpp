@@ -155,6 +155,11 @@ bool decode_audit(std::string_view payload, const Sink& sink) {
 }
 
 int decode_file(const std::string& path, const Kind& kind, const Sink& sink) {
+  std::error_code none;
+  if (fs::is_directory(path, none)) {
+    complain("{} is a directory; give its dump files, or --follow {}", path, path);
+    return kFailure;
+  }
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     complain("{}: {}", path, std::strerror(errno));
@@ -180,6 +185,12 @@ volatile std::sig_atomic_t is_stopped = 0;
 // Prints the dump files of a folder and then each new one. A dump file gets its name when it is
 // whole, so every new name can be read at once.
 int follow(const std::string& folder, const Kind& kind, const Sink& sink) {
+  std::error_code error;
+  fs::directory_iterator(folder, error);
+  if (error) {
+    complain("{}: {}", folder, error.message());
+    return kFailure;
+  }
   std::signal(SIGINT, [](int) { is_stopped = 1; });
   std::signal(SIGTERM, [](int) { is_stopped = 1; });
   std::set<std::string> seen;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <exception>
 
+#include "tools/cli/command_line.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
@@ -24,11 +25,7 @@ int main(int argc, char** argv) {
 
   Action action;
   Command::add_all(app, options, action);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kYes : kFailure;
-  }
+  if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
   try {
     if (options.needs_root && geteuid() != 0) {
       complain("run this as root");

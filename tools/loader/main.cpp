@@ -15,6 +15,7 @@
 
 #include "eventstore.h"
 #include "tavrix_vfs_utils.h"
+#include "tools/cli/command_line.hpp"
 #include "tools/loader/group_map_watch.hpp"
 #include "tools/loader/inbox.hpp"
 #include "tools/loader/pinned_watch.hpp"
@@ -157,7 +158,7 @@ int main(int argc, char** argv) {
   app.footer(
       "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is complete.\n"
       "A refused pair is kept in DIR/refused, with the reason in reason.txt beside it.");
-  CLI11_PARSE(app, argc, argv);
+  if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
   if (geteuid() != 0) {
     tell(Tone::kError, "run this as root");
     return 2;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "tools/cli/command_line.hpp"
 #include "tools/sample/sample_tree.hpp"
 
 int main(int argc, char** argv) {
@@ -26,7 +27,7 @@ int main(int argc, char** argv) {
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_option("--seed", shape.seed, "another tree of the same shape")->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
+  if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
   try {
     const auto sums = tavrix::sample::write_sample(shape, size_path, data_path);
     std::printf("%lu folders, %lu entries\n", static_cast<unsigned long>(sums.folders),

@@ -14,6 +14,7 @@
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
+#include "tools/cli/command_line.hpp"
 #include "tools/notes/open_notes.h"
 #include "tools/service/service.hpp"
 #include "tools/status/sentences.hpp"
@@ -201,7 +202,7 @@ int main(int argc, char** argv) {
       "SIGHUP reads the settings again; SIGTERM flushes once more and exits.\n"
       "Settings: \"SWEEPER:flush period\", \"disable sweeper flush\", \"staging dir\" and\n"
       "\"staging buffer size\".");
-  CLI11_PARSE(app, argc, argv);
+  if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
   if (geteuid() != 0) {
     say(tavrix::service::Tone::kError, "run this as root");
     return 2;

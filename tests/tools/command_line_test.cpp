@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// The command lines of the programs: versions, help, misspelt words, wrong values, exit codes.
+
+#include "tools/cli/command_line.hpp"
+
+#include "tests/tools/operator.hpp"
+
+namespace tavrix::test {
+namespace {
+
+class CommandLine : public Operator {
+ protected:
+  static Outcome run(const std::string& program, const std::vector<std::string>& words) {
+    std::vector<std::string> line{TAVRIX_BUILD_DIR "/tools/" + program};
+    line.insert(line.end(), words.begin(), words.end());
+    return run_program(line);
+  }
+  static void expect_wrong(const std::vector<std::string>& words, const std::string& sentence) {
+    const Outcome outcome = ctl(words);
+    EXPECT_EQ(2, outcome.exit_code) << outcome.err;
+    EXPECT_EQ("", outcome.out);
+    EXPECT_TRUE(outcome.err.starts_with(sentence + "\n")) << outcome.err;
+  }
+};
+
+const std::vector<std::string> kPrograms = {"tavrixctl", "tavrix-loader", "tavrix-sweeper",
+                                            "tavrix-sample-tree"};
+
+TEST_F(CommandLine, TellsTheVersion) {
+  for (const std::string& program : kPrograms) {
+    const Outcome outcome = run(program, {"--version"});
+    EXPECT_EQ(0, outcome.exit_code) << program;
+    EXPECT_TRUE(std::regex_match(outcome.out, std::regex(program + " [0-9]+\\.[0-9]+\\.[0-9]+\n")))
+        << outcome.out;
+  }
+}
+
+TEST_F(CommandLine, EndsWithTwoAfterWrongUsage) {
+  for (const std::string& program : kPrograms) {
+    const Outcome outcome = run(program, {"--no-such-option"});
+    EXPECT_EQ(2, outcome.exit_code) << program;
+    EXPECT_TRUE(contains(outcome.err, program + ": there is no option \"--no-such-option\""))
+        << outcome.err;
+  }
+}
+
+TEST_F(CommandLine, HelpsInTwoWays) {
+  EXPECT_EQ(ctl({"map", "import", "--help"}).out, ctl({"help", "map", "import"}).out);
+  EXPECT_EQ(ctl({"--help"}).out, ctl({"help"}).out);
+  EXPECT_EQ(0, ctl({"help"}).exit_code);
+}
+
+TEST_F(CommandLine, NamesAnUnknownCommandAndTheOneThatWasMeant) {
+  expect_wrong({"mapp"}, "tavrixctl: there is no command \"mapp\"; did you mean \"map\"?");
+  expect_wrong({"--json", "stauts"},
+               "tavrixctl: there is no command \"stauts\"; did you mean \"status\"?");
+  expect_wrong({"map", "imprt", "a", "b"},
+               "tavrixctl map: there is no command \"imprt\"; did you mean \"import\"?");
+  expect_wrong({"events", "buffer", "shwo"},
+               "tavrixctl events buffer: there is no command \"shwo\"; did you mean \"show\"?");
+  expect_wrong({"conf"}, "tavrixctl: there is no command \"conf\"; did you mean \"config\"?");
+  expect_wrong({"elephant"}, "tavrixctl: there is no command \"elephant\"");
+}
+
+TEST_F(CommandLine, NamesAnUnknownOptionAndTheOneThatWasMeant) {
+  expect_wrong({"map", "info", "--jsn"},
+               "tavrixctl map info: there is no option \"--jsn\"; did you mean \"--json\"?");
+  expect_wrong({"map", "tree", "--dept=3"},
+               "tavrixctl map tree: there is no option \"--dept\"; did you mean \"--depth\"?");
+}
+
+TEST_F(CommandLine, SaysThatAWordIsNotANumber) {
+  expect_wrong({"check", "--uid", "anna", "STAT", "Shared"},
+               "tavrixctl check: --uid: \"anna\" is not a number");
+  expect_wrong({"map", "tree", "--depth", "deep"},
+               "tavrixctl map tree: --depth: \"deep\" is not a number");
+}
+
+TEST_F(CommandLine, SaysThatAFolderIsNoDumpFile) {
+  expect_wrong({"events", "decode", "/scratch"},
+               "tavrixctl: /scratch is a directory; give its dump files, or --follow /scratch");
+}
+
+TEST_F(CommandLine, SaysThatAFolderToFollowIsMissing) {
+  expect_wrong({"events", "decode", "--follow", "/scratch/none"},
+               "tavrixctl: /scratch/none: No such file or directory");
+}
+
+TEST(NearestWord, IsTheOneWithTheFewestMistakes) {
+  const std::vector<std::string> known = {"map", "config", "check", "events", "status"};
+  EXPECT_EQ("map", cli::nearest("mpa", known));
+  EXPECT_EQ("check", cli::nearest("chek", known));
+  EXPECT_EQ("config", cli::nearest("conifg", known));
+  EXPECT_EQ("events", cli::nearest("ev", known));
+  EXPECT_EQ("", cli::nearest("x", known));
+  EXPECT_EQ("", cli::nearest("historian", known));
+  EXPECT_EQ("", cli::nearest("map", {}));
+}
+
+}  // namespace
+}  // namespace tavrix::test

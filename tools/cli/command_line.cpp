@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+#include "tools/cli/command_line.hpp"
+
+#include <fmt/format.h>
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <numeric>
+#include <regex>
+
+namespace tavrix::cli {
+namespace {
+
+using Words = std::vector<std::string>;
+
+// The number of single characters to insert, remove, replace or exchange with the next one.
+std::size_t distance(const std::string& from, const std::string& to) {
+  std::vector<std::vector<std::size_t>> cost(from.size() + 1,
+                                             std::vector<std::size_t>(to.size() + 1));
+  for (std::size_t i = 0; i <= from.size(); ++i) cost[i][0] = i;
+  std::iota(cost[0].begin(), cost[0].end(), 0U);
+  for (std::size_t i = 1; i <= from.size(); ++i) {
+    for (std::size_t j = 1; j <= to.size(); ++j) {
+      const std::size_t replaced = cost[i - 1][j - 1] + (from[i - 1] == to[j - 1] ? 0 : 1);
+      cost[i][j] = std::min({replaced, cost[i - 1][j] + 1, cost[i][j - 1] + 1});
+      const bool exchanged = i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1];
+      if (exchanged) cost[i][j] = std::min(cost[i][j], cost[i - 2][j - 2] + 1);
+    }
+  }
+  return cost[from.size()][to.size()];
+}
+
+std::vector<CLI::App*> commands_of(CLI::App& app) {
+  return app.get_subcommands([](CLI::App*) { return true; });
+}
+
+Words command_names(CLI::App& app) {
+  Words names;
+  for (const CLI::App* command : commands_of(app)) names.push_back(command->get_name());
+  return names;
+}
+
+Words option_names(const CLI::App& app) {
+  Words names;
+  for (const CLI::App* at = &app; at != nullptr; at = at->get_parent()) {
+    for (const CLI::Option* option : at->get_options()) {
+      for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+    }
+  }
+  return names;
+}
+
+// "tavrixctl map"
+std::string full_name(const CLI::App& app) {
+  const CLI::App* parent = app.get_parent();
+  return parent == nullptr ? app.get_name() : full_name(*parent) + " " + app.get_name();
+}
+
+int complain(const CLI::App& app, const std::string& sentence, const std::string& meant = "") {
+  std::string line = fmt::format("{}: {}", full_name(app), sentence);
+  if (!meant.empty()) line += fmt::format("; did you mean \"{}\"?", meant);
+  fmt::print(stderr, "{}\n\"{} --help\" says more.\n", line, full_name(app));
+  return kWrongUsage;
+}
+
+// The command that the words name, as far as they name one. Where commands are expected, all
+// options are flags, so each word without a dash is a command's.
+struct Chosen {
+  CLI::App* app;
+  std::string unknown;  // the word that is no command; empty for none
+};
+Chosen chosen(CLI::App& app, const Words& words) {
+  CLI::App* at = &app;
+  for (const std::string& word : words) {
+    const auto commands = commands_of(*at);
+    if (commands.empty()) break;
+    if (word.starts_with('-')) continue;
+    const auto next = std::ranges::find_if(
+        commands, [&word](const CLI::App* command) { return command->get_name() == word; });
+    if (next == commands.end()) return {at, word};
+    at = *next;
+  }
+  return {at, {}};
+}
+
+// "help map import" asks for the same as "map import --help".
+void turn_help_around(CLI::App& app, Words& words) {
+  if (words.empty() || words[0] != "help" || commands_of(app).empty()) return;
+  words.erase(words.begin());
+  words.emplace_back("--help");
+}
+
+// "Could not convert: --uid = anna" or "--uid: Value anna not in range 0 to 9"; all values that are
+// converted, and all that have a range, are numbers.
+std::string sentence_of(const CLI::ParseError& error) {
+  const std::string text = error.what();
+  std::smatch found;
+  const bool is_no_number =
+      std::regex_match(text, found, std::regex("Could not convert: (.*) = (.*)")) ||
+      std::regex_match(text, found, std::regex("(.*): Value (.*[^-0-9].*) not in range .*"));
+  if (is_no_number) {
+    return fmt::format("{}: \"{}\" is not a number", found[1].str(), found[2].str());
+  }
+  return text;
+}
+
+int explain(CLI::App& app, const Words& words, const CLI::ParseError& error) {
+  CLI::App& at = *chosen(app, words).app;
+  for (const std::string& word : app.remaining(true)) {
+    if (!word.starts_with('-')) continue;
+    const std::string name = word.substr(0, word.find('='));
+    return complain(at, fmt::format("there is no option \"{}\"", name),
+                    nearest(name, option_names(at)));
+  }
+  return complain(at, sentence_of(error));
+}
+
+}  // namespace
+
+std::string nearest(const std::string& word, const std::vector<std::string>& known) {
+  std::string best;
+  std::size_t least = 1 + word.size() / 3;  // a word that differs more is another one
+  for (const std::string& name : known) {
+    const std::size_t steps = name.starts_with(word) && word.size() > 1 ? 1 : distance(word, name);
+    if (steps > least || (steps == least && !best.empty())) continue;
+    least = steps;
+    best = name;
+  }
+  return best;
+}
+
+std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+  app.name(std::filesystem::path(argv[0]).filename());
+  app.set_version_flag("--version", app.get_name() + " " TAVRIX_VERSION, "print the version");
+  Words words(argv + 1, argv + argc);
+  turn_help_around(app, words);
+  if (const Chosen found = chosen(app, words); !found.unknown.empty()) {
+    return complain(*found.app, fmt::format("there is no command \"{}\"", found.unknown),
+                    nearest(found.unknown, command_names(*found.app)));
+  }
+  try {
+    Words backwards(words.rbegin(), words.rend());  // as CLI11 takes them
+    app.parse(backwards);
+  } catch (const CLI::Success& asked) {
+    return app.exit(asked);
+  } catch (const CLI::ParseError& error) {
+    return explain(app, words, error);
+  }
+  return std::nullopt;
+}
+
+}  // namespace tavrix::cli
