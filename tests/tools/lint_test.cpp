@@ -27,6 +27,11 @@ void* operator new(std::size_t size) {
   if (heap_bytes > heap_peak) heap_peak = heap_bytes.load();
   return block;
 }
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  void* block = std::malloc(size);
+  if (block != nullptr) heap_bytes += static_cast<long>(malloc_usable_size(block));
+  return block;
+}
 void operator delete(void* block) noexcept {
   heap_bytes -= static_cast<long>(malloc_usable_size(block));
   std::free(block);

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <numeric>
-#include <regex>
 
 namespace tavrix::cli {
 namespace {
@@ -90,16 +89,31 @@ void turn_help_around(CLI::App& app, Words& words) {
   words.emplace_back("--help");
 }
 
-// "Could not convert: --uid = anna" or "--uid: Value anna not in range 0 to 9"; all values that are
+// The texts before, between and behind two marks; empty where the marks are not.
+Words between(const std::string& text, const std::string& first, const std::string& second) {
+  const auto begin = text.find(first);
+  if (begin == std::string::npos) return {};
+  const auto end = text.find(second, begin + first.size());
+  if (end == std::string::npos) return {};
+  return {text.substr(0, begin), text.substr(begin + first.size(), end - begin - first.size()),
+          text.substr(end + second.size())};
+}
+
+bool is_number(const std::string& word) {
+  return word.find_first_not_of("-0123456789") == std::string::npos;
+}
+
+// "Could not convert: --uid = anna" or "--uid: Value anna not in range 0 to 9": all values that are
 // converted, and all that have a range, are numbers.
 std::string sentence_of(const CLI::ParseError& error) {
   const std::string text = error.what();
-  std::smatch found;
-  const bool is_no_number =
-      std::regex_match(text, found, std::regex("Could not convert: (.*) = (.*)")) ||
-      std::regex_match(text, found, std::regex("(.*): Value (.*[^-0-9].*) not in range .*"));
-  if (is_no_number) {
-    return fmt::format("{}: \"{}\" is not a number", found[1].str(), found[2].str());
+  const Words unconverted = between(text, "Could not convert: ", " = ");
+  if (!unconverted.empty()) {
+    return fmt::format("{}: \"{}\" is not a number", unconverted[1], unconverted[2]);
+  }
+  const Words out_of_range = between(text, ": Value ", " not in range ");
+  if (!out_of_range.empty() && !is_number(out_of_range[1])) {
+    return fmt::format("{}: \"{}\" is not a number", out_of_range[0], out_of_range[1]);
   }
   return text;
 }
