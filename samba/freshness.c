@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-/* Whether something that was decided earlier still holds: the number of the client's request that
- * is under way, and the generation of the client's identity. Neither costs a system call. */
+/* Two numbers that say how long a verdict holds: that of the client's request under way, and the
+ * generation of the client's identity. Neither costs a system call. */
 #include "tavrix_module.h"
 
 /* --- requests --------------------------------------------------------------------------------- */

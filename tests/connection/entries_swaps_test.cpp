@@ -82,8 +82,8 @@ bool all_from(uint32_t map, e_fsop_type op, const std::vector<Asked>& batch) {
 
 // --- the processes ------------------------------------------------------------------------------
 
-// Which maps may answer: a map is current from some moment after `begun` names it, and alone
-// current once `done` does.
+// The maps that may answer: one may from some moment after `begun` names it, and no other may once
+// `done` does.
 struct Progress {
   std::atomic<uint32_t> begun{0};
   std::atomic<uint32_t> done{0};

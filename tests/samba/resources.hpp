@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a server process holds: attached segments, descriptors, memory; and how often it has waited.
+// The resources of a server process: attached segments, descriptors, memory, and how often it has
+// waited.
 #pragma once
 
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What a server process keeps attached: between requests the map and the staging buffer, in rest
+// A server process keeps the map and the staging buffer attached between requests, and in rest
 // nothing. A new map is seen by the next request, whatever is kept.
 
 #include <fcntl.h>

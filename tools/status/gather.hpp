@@ -2,7 +2,8 @@
 // Finds the facts, one function a topic.
 //
 // Pure reading: nothing here makes or changes an object, waits for a semaphore or takes a lock.
-// What this user may not see is told in `unread`. A segment is attached for reading, for a moment.
+// `unread` names the topics that this user may not see. A segment is attached for reading, for a
+// moment.
 #pragma once
 
 #include "tools/status/facts.hpp"

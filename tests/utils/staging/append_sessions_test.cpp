@@ -63,7 +63,7 @@ class SessionAppend : public Staging {
     }
   }
 
-  // What a sweeper does when the size of the buffer changes. It keeps the semaphore meanwhile.
+  // Does as a sweeper when the size of the buffer changes. It keeps the semaphore meanwhile.
   static Payloads replace_buffer() {
     const Payloads events = payloads_of(content());
     EXPECT_EQ(0, remove_staging_buffers());
