@@ -274,7 +274,7 @@ TEST_F(MapSafety, ACallThatFailsOnceIsTriedAgain) {
                             "fork:12:2",
                             "open@data.json:24:1",
                             "fopen@data.json:24:1",
-                            "fopen@data.json:5:2",
+                            "open@data.json:5:2",
                             "fopen@size.json:23:1",
                             "stat@.work/data.json:5:2",
                             "semget:12:1",
@@ -298,7 +298,9 @@ TEST_F(MapSafety, ACallThatFailsOnceIsTriedAgain) {
                             "flock:4:1"}) {
     SCOPED_TRACE(fault);
     hand_over(wide(static_cast<uint32_t>(++folders)));
+    reached();
     const Outcome outcome = once_with(fault);
+    EXPECT_NE("", reached()) << "no call to fail";
     EXPECT_EQ(folders, folders_of_current()) << outcome.err;
     EXPECT_TRUE(refused().empty()) << outcome.err;
     EXPECT_EQ(2, segments_in_use()) << "the table and the settings";

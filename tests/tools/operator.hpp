@@ -25,12 +25,21 @@ inline bool contains(const std::string& text, const std::string& part) {
 
 class Operator : public Isolated {
  protected:
+  static constexpr const char* kReached = "/scratch/reached";
   using Environment = std::vector<std::pair<std::string, std::string>>;
   // For a program whose calls fail: "CALL[@PART OF A PATH]:ERRNO:NTH[:TIMES],..."
   static Environment with_faults(const std::string& faults) {
     return {{"LD_PRELOAD", TAVRIX_BUILD_DIR "/tests/libtavrix_faults.so"},
             {"ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0"},
-            {"TAVRIX_FAULTS", faults}};
+            {"TAVRIX_FAULTS", faults},
+            {"TAVRIX_FAULTS_REACHED", kReached}};
+  }
+  // The calls that rules have reached since the last look, a line each. A rule that no call reaches
+  // tests nothing.
+  static std::string reached() {
+    std::string calls = exists(kReached) ? read_file(kReached) : "";
+    unlink(kReached);
+    return calls;
   }
   // For a program whose time runs that many times faster: its periods, pauses and deadlines.
   static Environment in_haste(int times, const std::string& faults = "") {
