@@ -1,20 +1,47 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Makes the Debian packages libtavrix1, libtavrix-dev, tavrix-tools and samba-vfs-tavrix, the last one for
-# the installed version of Samba.
+# Makes the Debian packages of debian/control, with the module for the installed version of Samba, and shows
+# what is in them. It builds a copy of the sources, so that nothing of the working folder gets in.
+# The packages are in build/packages/packages afterwards.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
+source scripts/lib/samba_headers.sh
 require_root
-install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}" dpkg-dev file
+install_packages "${tavrix_packages[@]}" "${tavrix_samba_packages[@]}" "${tavrix_debian_packages[@]}"
 
 build=$PWD/build/packages
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-  -DTAVRIX_SAMBA_VERSION="$(dpkg-query -W -f='${Version}' samba)" >/dev/null
-cmake --build "$build" | tail -n 1
-scripts/build-samba-module.sh "$build"
-(cd "$build" && cpack >"$build/cpack.log" 2>&1) || { cat "$build/cpack.log"; exit 1; }
+version=$(dpkg-parsechangelog -S Version)
+upstream=libtavrix-${version%-*}
+TAVRIX_SAMBA_HEADERS=$PWD/build/samba-headers
+prepare_samba_headers "$TAVRIX_SAMBA_HEADERS"
+
+# The files that git knows, or would take, as they are now.
+copy_sources() {
+  rm -rf "$build"
+  mkdir -p "$build/packages"
+  git ls-files -z --cached --others --exclude-standard |
+    tar -c --null --files-from=- --ignore-failed-read --transform "s|^|$upstream/|" 2>/dev/null |
+    tar -x -C "$build"
+  tar -cJf "$build/libtavrix_${version%-*}.orig.tar.xz" -C "$build" --exclude="$upstream/debian" "$upstream"
+}
+
+# The helpers hide the home folder, so the compiler's cache is named here.
+build_packages() {
+  export TAVRIX_SAMBA_HEADERS
+  CCACHE_DIR=$(ccache -k cache_dir)
+  export CCACHE_DIR DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-parallel=$(nproc) nocheck}"
+  (cd "$build/$upstream" && dpkg-buildpackage -us -uc) >"$build/build.log" 2>&1 || {
+    tail -n 40 "$build/build.log" >&2
+    return 1
+  }
+  mv "$build"/libtavrix_* "$build"/*.deb "$build/packages/"
+}
+
+copy_sources
+build_packages
 for package in "$build"/packages/*.deb; do
+  case $package in *-dbgsym_*) continue ;; esac
   dpkg-deb --field "$package" Package Version Depends | paste -sd' '
   dpkg-deb --contents "$package" | awk '$6 !~ /\/$/ { print "  " $6, $7, $8 }'
 done

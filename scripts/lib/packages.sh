@@ -17,6 +17,9 @@ tavrix_samba_packages=(
   libparse-yapp-perl rclone xz-utils
 )
 
+# Packages that only scripts/make-packages.sh needs.
+tavrix_debian_packages=(debhelper dpkg-dev fakeroot lintian)
+
 install_packages() {
   local missing=()
   for package in "$@"; do
