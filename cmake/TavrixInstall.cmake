@@ -50,6 +50,8 @@ install(FILES packaging/tavrix-loader.service packaging/tavrix-sweeper.service
   DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT tools)
 install(FILES packaging/smbd.service.d/tavrix.conf DESTINATION ${TAVRIX_UNIT_DIR}/smbd.service.d
   COMPONENT tools)
+install(PROGRAMS packaging/sessions.sh DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/tavrix RENAME sessions
+  COMPONENT tools)
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf
   COMPONENT tools)
 
