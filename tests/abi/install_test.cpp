@@ -44,6 +44,7 @@ TEST_F(Installed, HasEverythingInItsPlace) {
                            "/sbin/tavrix-sweeper",
                            "/sbin/tavrix-loader",
                            "/share/man/man8/tavrix-loader.8",
+                           "/share/man/man8/tavrix-sample-tree.8",
                            "/share/man/man8/vfs_tavrix.8",
                            "/lib/systemd/system/tavrix-loader.service",
                            "/lib/systemd/system/tavrix-sweeper.service",

@@ -63,6 +63,15 @@ TEST_F(Manual, KnowsTheServicesOptions) {
   }
 }
 
+TEST_F(Manual, KnowsTheSampleTreesOptions) {
+  const auto names =
+      options(run_program({TAVRIX_BUILD_DIR "/tools/tavrix-sample-tree", "--help"}).out);
+  EXPECT_EQ(6U, names.size());
+  for (const std::string& name : names) {
+    EXPECT_TRUE(contains(page("tavrix-sample-tree"), ".It Fl " + name)) << name;
+  }
+}
+
 TEST_F(Manual, OfTheSweepersUnitNamesFlagsThatItHas) {
   const std::string unit = read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix-sweeper.service");
   EXPECT_TRUE(contains(unit,
