@@ -4,6 +4,7 @@
 
 conf=/tavrix/.conf
 link=/usr/lib/x86_64-linux-gnu/samba/libsamdb-common.so.0
+metrics=/var/lib/prometheus/node-exporter/tavrix.prom
 export DEBIAN_FRONTEND=noninteractive
 
 wrong() {
@@ -53,15 +54,17 @@ expect_services() {
   tavrixctl config show >/dev/null || wrong "no settings are loaded"
 }
 
-# The timer starts where the folder of node_exporter is, and its service writes the metrics there.
+# The timer starts when the folder of node_exporter comes, and its service writes the metrics there.
 expect_timer_with_its_folder_only() {
   ! systemctl is-active -q tavrix-metrics.timer || wrong "the timer runs without node_exporter"
-  mkdir -p /var/lib/prometheus/node-exporter
-  systemctl start tavrix-metrics.timer tavrix-metrics.service || wrong "the metrics do not start"
-  grep -q '^tavrix_status' /var/lib/prometheus/node-exporter/tavrix.prom || wrong "there are no metrics"
+  mkdir -p /root/exporter/DEBIAN /root/exporter/var/lib/prometheus/node-exporter
+  printf '%s\n' 'Package: exporter' 'Version: 1' 'Architecture: all' 'Maintainer: nobody' 'Description: a folder' \
+    >/root/exporter/DEBIAN/control
+  dpkg-deb -b /root/exporter >/dev/null
+  dpkg -i /root/exporter.deb >/dev/null
   expect_active tavrix-metrics.timer
-  systemctl stop tavrix-metrics.timer
-  rm -r /var/lib/prometheus
+  systemctl start tavrix-metrics.service || wrong "the metrics are not written"
+  grep -q '^tavrix_status' $metrics || wrong "there are no metrics"
 }
 
 expect_link() {  # TARGET
@@ -81,6 +84,20 @@ expect_exposure() {  # MOST: systemd's own judgement of each unit
 }
 
 map_segment() { ipcs -m | awk '/^0x7065726/ { print $1, $2 }'; }
+
+# Warnings and errors of the services, but for the session that was killed.
+expect_no_complaint() {
+  local lines
+  lines=$(journalctl -q -u tavrix-sweeper -u tavrix-loader -p warning -o cat |
+    grep -v '^recorded 1 file.* that ended processes had changed$' || true)
+  [ -z "$lines" ] || wrong "$lines"
+}
+
+# Runs a command as in a container: no systemd to talk to.
+without_systemd() {
+  export -f apt
+  unshare --mount bash -euc 'mount -t tmpfs tmpfs /run; "$@"' without_systemd "$@"
+}
 
 # --- a share with a client ---
 
@@ -161,4 +178,25 @@ close_session() {
     sleep 0.1
   done
   wrong "the session did not end"
+}
+
+# A client writes a file and has not closed it when its server process is killed.
+kill_a_session_that_writes() {
+  rm -f /root/slow
+  mkfifo /root/slow
+  setsid bash -c '(head -c 64000000 /dev/zero; sleep 30) >/root/slow' >/dev/null 2>&1 &
+  setsid smbclient //127.0.0.1/tavrix -U anna%anna -c 'cd Shared\Design; put /root/slow slow.txt' >/dev/null 2>&1 &
+  local try
+  for try in {1..100}; do
+    [ ! -s /tavrix/Shared/Design/slow.txt ] || break
+    sleep 0.1
+  done
+  [ -s /tavrix/Shared/Design/slow.txt ] || wrong "the client does not write"
+  local session
+  session=$(holder_of /tavrix/Shared/Design/slow.txt)
+  kill -KILL $session
+}
+
+holder_of() {  # FILE: the processes that have it open
+  find /proc/[0-9]*/fd -lname "$1" 2>/dev/null | cut -d/ -f3 | sort -u
 }
