@@ -155,6 +155,7 @@ static void settle_notes(void) {
 }
 
 int tavrix_connect(struct vfs_handle_struct* handle, const char* service, const char* user) {
+  tavrix_settle_share(SNUM(handle->conn));
   void* data = new_connection(handle);
   struct tavrix_connection* tavrix = data;
   if (tavrix == NULL || SMB_VFS_NEXT_CONNECT(handle, service, user) != 0) {

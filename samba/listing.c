@@ -145,14 +145,16 @@ static bool begin_request(struct vfs_handle_struct* handle, struct tavrix_listin
 
 struct dirent* tavrix_readdir(struct vfs_handle_struct* handle, struct files_struct* dirfsp,
                               DIR* dirp, SMB_STRUCT_STAT* sbuf) {
+  SMB_STRUCT_STAT unwanted;
   struct tavrix_listing* listing = listing_of(handle, dirp);
-  if (listing == NULL) return SMB_VFS_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
+  if (listing == NULL) return TAVRIX_NEXT_READDIR(handle, dirfsp, dirp, sbuf);
   TAVRIX_ENTER(handle);
   if (!begin_request(handle, listing)) return NULL;
   for (;;) {
     const struct tavrix_read_entry* entry = tavrix_next_visible(handle, listing);
     if (entry == NULL) return NULL;
-    if (sbuf == NULL || show(handle, listing, entry, sbuf)) return entry->dirent;
+    /* The look decides an object again that has taken the entry's place, wanted or not. */
+    if (show(handle, listing, entry, sbuf != NULL ? sbuf : &unwanted)) return entry->dirent;
   }
 }
 
@@ -172,13 +174,13 @@ bool tavrix_is_shown(struct vfs_handle_struct* handle, const struct files_struct
 
 long tavrix_telldir(struct vfs_handle_struct* handle, DIR* dirp) {
   const struct tavrix_listing* listing = listing_of(handle, dirp);
-  return listing != NULL ? tavrix_position(handle, listing) : SMB_VFS_NEXT_TELLDIR(handle, dirp);
+  return listing != NULL ? tavrix_position(handle, listing) : TAVRIX_NEXT_TELLDIR(handle, dirp);
 }
 
 void tavrix_seekdir(struct vfs_handle_struct* handle, DIR* dirp, long offset) {
   struct tavrix_listing* listing = listing_of(handle, dirp);
   if (listing != NULL) tavrix_drop_batch(listing);
-  SMB_VFS_NEXT_SEEKDIR(handle, dirp, offset);
+  TAVRIX_NEXT_SEEKDIR(handle, dirp, offset);
 }
 
 void tavrix_rewinddir(struct vfs_handle_struct* handle, DIR* dirp) {

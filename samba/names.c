@@ -59,6 +59,8 @@ int tavrix_name_at(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                    const struct files_struct* dirfsp, const struct smb_filename* smb_fname,
                    struct tavrix_name* out) {
   if (tavrix_connection_of(handle) == NULL || dirfsp == NULL) return refuse(EACCES);
+  /* A server may name a folder that it could not open; it ends when it works below such a folder. */
+  if (fsp_get_pathref_fd(dirfsp) == -1 && smb_fname->base_name[0] != '/') return refuse(EACCES);
   const struct smb_filename* whole = full_path_from_dirfsp_atname(ctx, dirfsp, smb_fname);
   if (whole == NULL) return refuse(ENOMEM);
   return tavrix_name_of(ctx, handle, whole->base_name, out);

@@ -55,9 +55,9 @@ static void read_entries(struct vfs_handle_struct* handle, struct tavrix_listing
   batch->count = batch->next = batch->used = 0;
   while (batch->count < batch->wanted && batch->used <= ROOM) {
     /* Without a status: it would be as old as the batch when the entry is handed out. */
-    const struct dirent* entry = SMB_VFS_NEXT_READDIR(handle, listing->fsp, listing->dirp, NULL);
+    const struct dirent* entry = TAVRIX_NEXT_READDIR(handle, listing->fsp, listing->dirp, NULL);
     if (entry == NULL) break;
-    add_entry(batch, entry, SMB_VFS_NEXT_TELLDIR(handle, listing->dirp));
+    add_entry(batch, entry, TAVRIX_NEXT_TELLDIR(handle, listing->dirp));
   }
   if (batch->wanted < LARGEST_BATCH) batch->wanted *= 2;
 }
@@ -135,9 +135,9 @@ static const struct tavrix_read_entry* next_of_batch(struct vfs_handle_struct* h
 static const struct tavrix_read_entry* next_by_itself(struct vfs_handle_struct* handle,
                                                       struct tavrix_listing* listing) {
   for (;;) {
-    struct dirent* entry = SMB_VFS_NEXT_READDIR(handle, listing->fsp, listing->dirp, NULL);
+    struct dirent* entry = TAVRIX_NEXT_READDIR(handle, listing->fsp, listing->dirp, NULL);
     if (entry == NULL) return NULL;
-    listing->single = read_entry(entry, SMB_VFS_NEXT_TELLDIR(handle, listing->dirp));
+    listing->single = read_entry(entry, TAVRIX_NEXT_TELLDIR(handle, listing->dirp));
     decide(tavrix_connection_of(handle), listing, &listing->single, 1);
     if (is_visible(&listing->single)) return &listing->single;
   }
@@ -156,7 +156,7 @@ const struct tavrix_read_entry* tavrix_next_visible(struct vfs_handle_struct* ha
 
 long tavrix_position(struct vfs_handle_struct* handle, const struct tavrix_listing* listing) {
   const struct tavrix_batch* batch = listing->batch;
-  if (batch == NULL || batch->next == 0) return SMB_VFS_NEXT_TELLDIR(handle, listing->dirp);
+  if (batch == NULL || batch->next == 0) return TAVRIX_NEXT_TELLDIR(handle, listing->dirp);
   return batch->entries[batch->next - 1].after;
 }
 

@@ -37,7 +37,7 @@ static bool may_rename(struct tavrix_connection* tavrix, const struct tavrix_nam
 
 int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdir_fsp,
                     const struct smb_filename* smb_fname_src, struct files_struct* dstdir_fsp,
-                    const struct smb_filename* smb_fname_dst) {
+                    const struct smb_filename* smb_fname_dst, const struct vfs_rename_how* how) {
   TAVRIX_ENTER(handle);
   struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   struct tavrix_name from;
@@ -58,7 +58,7 @@ int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdi
     return -1;
   }
   const int result =
-      SMB_VFS_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst);
+      TAVRIX_NEXT_RENAMEAT(handle, srcdir_fsp, smb_fname_src, dstdir_fsp, smb_fname_dst, how);
   tavrix_give_back(tavrix);
   if (result == 0) rename_postprocess(to.full, from.full, isdir, tavrix->record);
   return result;

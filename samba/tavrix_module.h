@@ -24,6 +24,12 @@
 #ifndef TAVRIX_MODULE_NAME
 #define TAVRIX_MODULE_NAME "tavrix"
 #endif
+/* The build script names the series. */
+#ifndef TAVRIX_INTERFACE_VERSION
+#define TAVRIX_INTERFACE_VERSION SMB_VFS_INTERFACE_VERSION
+#endif
+
+struct vfs_rename_how; /* smbd has it since version 50 of its interface */
 
 /* One connection of a client to a share. */
 struct tavrix_connection {
@@ -87,6 +93,10 @@ const char* tavrix_option(struct vfs_handle_struct* handle, const char* name,
 
 /* Writes a line for the operator into the server's log and the system log. */
 void tavrix_complain(const char* format, ...) PRINTF_ATTRIBUTE(1, 2);
+
+/* Registers the table with a server of the series that the module is built for. Any other server
+ * gets an error, after a line that says why nobody may connect. */
+NTSTATUS tavrix_register(const struct vfs_fn_pointers* functions);
 
 /* --- a connection begins -----------------------------------------------------------------------
  * 0, or -1 after a line that says why nobody may connect. */
@@ -384,7 +394,7 @@ struct smb_filename* tavrix_realpath(struct vfs_handle_struct* handle, TALLOC_CT
 
 int tavrix_renameat(struct vfs_handle_struct* handle, struct files_struct* srcdir_fsp,
                     const struct smb_filename* smb_fname_src, struct files_struct* dstdir_fsp,
-                    const struct smb_filename* smb_fname_dst);
+                    const struct smb_filename* smb_fname_dst, const struct vfs_rename_how* how);
 
 int tavrix_stat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname);
 int tavrix_lstat(struct vfs_handle_struct* handle, struct smb_filename* smb_fname);
@@ -427,5 +437,7 @@ NTSTATUS tavrix_fget_nt_acl(struct vfs_handle_struct* handle, struct files_struc
                             struct security_descriptor** ppdesc);
 NTSTATUS tavrix_fset_nt_acl(struct vfs_handle_struct* handle, struct files_struct* fsp,
                             uint32_t security_info_sent, const struct security_descriptor* psd);
+
+#include "compatibility.h"
 
 #endif

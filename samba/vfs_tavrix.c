@@ -10,10 +10,8 @@ static struct vfs_fn_pointers tavrix_functions = {
     .set_quota_fn = tavrix_set_quota,
     .statvfs_fn = tavrix_statvfs,
     .fdopendir_fn = tavrix_fdopendir,
-    .readdir_fn = tavrix_readdir,
-    .telldir_fn = tavrix_telldir,
-    .seekdir_fn = tavrix_seekdir,
-    .rewind_dir_fn = tavrix_rewinddir,
+    .readdir_fn = tavrix_compatible_readdir,
+    TAVRIX_TABLE_OF_POSITIONS.rewind_dir_fn = tavrix_rewinddir,
     .closedir_fn = tavrix_closedir,
     .mkdirat_fn = tavrix_mkdirat,
     .openat_fn = tavrix_openat,
@@ -23,7 +21,7 @@ static struct vfs_fn_pointers tavrix_functions = {
     .pwrite_send_fn = tavrix_pwrite_send,
     .pwrite_recv_fn = tavrix_pwrite_recv,
     .recvfile_fn = tavrix_recvfile,
-    .renameat_fn = tavrix_renameat,
+    .renameat_fn = tavrix_compatible_renameat,
     .stat_fn = tavrix_stat,
     .lstat_fn = tavrix_lstat,
     .fstatat_fn = tavrix_fstatat,
@@ -63,6 +61,4 @@ struct vfs_handle_struct* tavrix_handle_of(const struct connection_struct* conn)
 }
 
 _PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx);
-_PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx) {
-  return smb_register_vfs(SMB_VFS_INTERFACE_VERSION, TAVRIX_MODULE_NAME, &tavrix_functions);
-}
+_PUBLIC_ NTSTATUS samba_init_module(TALLOC_CTX* ctx) { return tavrix_register(&tavrix_functions); }

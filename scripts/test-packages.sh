@@ -146,6 +146,11 @@ try_upgrade() {
     for name in during old new; do expect_event $name.txt; done
     close_session'
   step "the confined services complain of nothing" 'expect_no_complaint'
+  step "an upgrade starts no service that the operator disabled" '
+    systemctl disable -q --now tavrix-loader
+    apt install --reinstall /root/current/*.deb
+    ! systemctl is-active -q tavrix-loader || wrong "the loader runs"
+    systemctl enable -q --now tavrix-loader'
   step "an upgrade without old sessions names none" '
     apt install --reinstall /root/current/*.deb
     ! grep -q "keep the previous library" /root/apt.log || wrong "a session is named"'

@@ -1,18 +1,18 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
-# Makes the headers of Samba that a module needs, from the source package of the installed version.
+# Makes the headers of Samba that a module needs, from the source package of the version that it is built for.
 # Source it.
 
-samba_version() { dpkg-query -W -f='${Version}' samba; }
+source "$(dirname "${BASH_SOURCE[0]}")/samba_root.sh"
 
-# usage: prepare_samba_headers FOLDER   (does nothing when the folder has this version's headers)
+# Without ROOT, of the installed Samba. Does nothing when the folder has this version's headers, made by this
+# script as it is.
+# usage: prepare_samba_headers FOLDER [ROOT]
 prepare_samba_headers() {
-  local folder=$1
-  local version
-  version=$(samba_version)
-  if [ "$(cat "$folder/version" 2>/dev/null)" = "$version" ]; then
-    [ -e "$folder/gen/librpc/gen_ndr/ndr_messaging.h" ] || (cd "$folder" && generate_ndr_headers)
-    return 0
-  fi
+  local folder=$1 root=${2:-}
+  local version made
+  version=$(samba_version "$root")
+  made="$version $(sha256sum <"${BASH_SOURCE[0]}")"
+  [ "$(cat "$folder/version" 2>/dev/null)" != "$made" ] || return 0
   rm -rf "$folder"
   mkdir -p "$folder"
   echo "making the headers of samba $version"
@@ -20,40 +20,19 @@ prepare_samba_headers() {
     cd "$folder"
     fetch_samba_source "$version"
     unpack_samba_headers
-    generate_config_header
+    generate_config_header "$root"
     generate_error_headers
     generate_parameter_headers
     generate_ndr_headers
     rm -rf apt parts ./*.tar.xz ./*.dsc
   )
-  echo "$version" >"$folder/version"
+  echo "$made" >"$folder/version"
 }
 
-# Writes source lists to parts/, from the mirrors of Debian that this machine's own lists name. Those
-# lists stay as they are.
-write_source_lists() {
-  mkdir -p parts
-  local file
-  for file in /etc/apt/sources.list.d/*.sources; do
-    [ -e "$file" ] || continue
-    # The paragraphs that name Debian. Empty lines separate paragraphs, and comments do not.
-    grep -v '^#' "$file" | awk -v RS= -v ORS='\n\n' '/URIs:[^\n]*debian/' |
-      sed -E 's/^Types:.*/Types: deb-src/' >"parts/$(basename "$file")"
-  done
-  cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list 2>/dev/null |
-    sed -n '/^deb .*debian/s/^deb /deb-src /p' >parts/lists.list || true
-  [ -z "$(cat parts/*)" ] || return 0
-  echo "this machine has no list of Debian's packages to take the sources of samba from" >&2
-  return 1
-}
-
+# The headers need no patches of Debian. A mirror may have lost those of an older package.
 fetch_samba_source() {
-  write_source_lists || return 1
-  mkdir -p apt/lists/partial
-  local options=(-o Dir::Etc::sourcelist=/dev/null -o "Dir::Etc::sourceparts=$PWD/parts"
-    -o "Dir::State::lists=$PWD/apt/lists" -o APT::Sandbox::User=root)
-  apt-get "${options[@]}" update -q >/dev/null
-  apt-get "${options[@]}" source -q --download-only "samba=$1" >/dev/null
+  update_apt_here
+  apt_here apt-get source -q --download-only --tar-only "samba=$1" >/dev/null
 }
 
 unpack_samba_headers() {
@@ -63,7 +42,7 @@ unpack_samba_headers() {
     '*/libcli/util/*.txt'
 }
 
-# Makes config.h from the installed server's list of build options, without those that pull in
+# Makes config.h from the server's list of build options, without those that pull in
 # headers of packages that a module does not need.
 generate_config_header() {
   mkdir -p gen/include
@@ -73,7 +52,7 @@ generate_config_header() {
     echo '#define LIBREPLACE_NETWORK_CHECKS 1'
     echo '#define offset_t loff_t'
     echo '#define uint_t unsigned int'
-    smbd -b | grep -oE '^   (HAVE|WITH|USE|SIZEOF|STAT|REALPATH|SYSCONF|STRING|TIME)_[A-Z0-9_a-z]+$' |
+    in_samba_root "$1" smbd -b | grep -oE '^   (HAVE|WITH|USE|SIZEOF|STAT|REALPATH|SYSCONF|STRING|TIME)_[A-Z0-9_a-z]+$' |
       tr -d ' ' | sort -u |
       grep -vE '^(HAVE_SYS_ACL_H|HAVE_ACL_LIBACL_H|HAVE_SYS_CAPABILITY_H|HAVE_BSD_|HAVE_LIBBSD)' |
       grep -vE 'KRB5|GSSAPI|DBUS|VALGRIND|^SIZEOF_' | sed 's/.*/#define & 1/'
@@ -91,13 +70,26 @@ generate_config_header() {
   done
 }
 
+# The generators write a header first and then as many other files as their series has; a generator that is
+# called with another number of names writes nothing.
+# usage: generate_error_header GENERATOR TABLE HEADER
+generate_error_header() {
+  local others
+  for others in '/dev/null /dev/null' '/dev/null /dev/null /dev/null'; do
+    # shellcheck disable=SC2086  # one word a file
+    /usr/bin/python3 "src/source4/scripting/bin/$1" "src/libcli/util/$2" "gen/libcli/util/$3" $others >/dev/null
+    [ ! -e "gen/libcli/util/$3" ] || return 0
+  done
+  echo "$1 made no header" >&2
+  return 1
+}
+
 generate_error_headers() {
   mkdir -p gen/libcli/util
-  local bin=src/source4/scripting/bin
-  /usr/bin/python3 $bin/gen_ntstatus.py src/libcli/util/ntstatus_err_table.txt \
-    gen/libcli/util/ntstatus_gen.h /dev/null /dev/null >/dev/null
-  /usr/bin/python3 $bin/gen_werror.py src/libcli/util/werror_err_table.txt \
-    gen/libcli/util/werror_gen.h /dev/null /dev/null >/dev/null
+  generate_error_header gen_ntstatus.py ntstatus_err_table.txt ntstatus_gen.h
+  generate_error_header gen_werror.py werror_err_table.txt werror_gen.h
+  [ -e src/libcli/util/hresult.h ] ||
+    generate_error_header gen_hresult.py hresult_err_table.txt hresult.h
 }
 
 generate_parameter_headers() {
@@ -122,11 +114,12 @@ generate_ndr_headers() {
     export srcdir=../src/source3 PATH=/usr/bin:$PATH
     local pidl=(perl ../src/pidl/pidl --quiet --outputdir librpc/gen_ndr
       --includedir ../src/librpc/idl --includedir ../src/source3/librpc/idl)
-    local name
+    local name file
     for name in misc security server_id smb2_lease_struct file_id smb_acl smbXsrv auth lsa krb5pac \
-      netlogon samr notify messaging; do
-      "${pidl[@]}" --header -- \
-        "$(find ../src/librpc/idl ../src/source3/librpc/idl -name "$name.idl")" 2>/dev/null
+      netlogon samr notify messaging smb3posix nbt conditional_ace; do
+      file=$(find ../src/librpc/idl ../src/source3/librpc/idl -name "$name.idl")
+      [ -n "$file" ] || continue  # not every series has each of them
+      "${pidl[@]}" --header -- "$file" 2>/dev/null
     done
     "${pidl[@]}" --ndr-parser -- ../src/librpc/idl/misc.idl
     "${pidl[@]}" --ndr-parser -- ../src/librpc/idl/messaging.idl

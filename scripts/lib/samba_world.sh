@@ -52,7 +52,7 @@ write_smb_conf() {
   pid directory = $samba_folder/pid
   ncalrpc dir = $samba_folder/ncalrpc
   log file = $samba_folder/log/smbd.log
-  log level = 0
+  log level = ${samba_log_level:-0}
   debug uid = yes
   max log size = 0
 

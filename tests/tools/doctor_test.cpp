@@ -25,20 +25,25 @@ class Doctor : public Appliance {
     }
     settings(65536, 1, "auditing dir = /scratch/staging\n");
     give_samba_library_its_name();
-    install_module("SAMBA_" + samba_version() + "_X");
+    install_module(samba_series());
     set_huge_pages("always within_size [advise] never deny force");
     share("");
   }
   // The folder of the server's modules, of this world's own.
-  static void install_module(const std::string& version) {
+  static void install_module(const std::string& series) {
     const std::string folder = std::string(kSamba) + "/vfs";
     if (!exists(folder + "/tavrix.so")) {
       remove_all(folder);
       make_dirs(folder);
     }
-    write_file(folder + "/tavrix.so", std::string("ELF\0", 4) + version + std::string(1, '\0'));
+    write_file(folder + "/tavrix.so",
+               std::string("ELF\0", 4) + "TAVRIX_MODULE_FOR=Samba " + series + ", and so on");
   }
   static std::string samba_version() { return json({"status"})["versions"]["samba"]; }
+  static std::string samba_series() {
+    const std::string version = samba_version();
+    return version.substr(0, version.rfind('.'));
+  }
   static void set_huge_pages(const std::string& setting) {
     write_file("/scratch/huge", setting + "\n");
     ASSERT_EQ(0, mount("/scratch/huge", "/sys/kernel/mm/transparent_hugepage/shmem_enabled",
@@ -144,12 +149,14 @@ TEST_F(Doctor, FindsSmallPages) {
 TEST_F(Doctor, FindsThatTheComparisonOfNamesIsMissing) {
   remove_all(std::string(kSamba) + "/libsamdb-common.so.0");
   expect("critical comparison-library: Samba's comparison of names is missing");
+  EXPECT_TRUE(contains(found()[0], "-> ln -sf libsamdb-common-"));
+  EXPECT_TRUE(contains(found()[0], ".so.0 " + std::string(kSamba) + "/libsamdb-common.so.0"));
 }
 
 TEST_F(Doctor, FindsAModuleForAnotherServer) {
-  install_module("SAMBA_4.1.1_X");
-  expect("critical module-version: the module was built for Samba 4.1.1, and " + samba_version() +
-         " is installed: no client can connect");
+  install_module("4.1");
+  expect("critical module-version: the module is built for Samba 4.1, and " + samba_version() +
+         " is installed: no client can connect -> install or build the module for this Samba");
   EXPECT_TRUE(is_a_problem("module-version"));
   remove_all(std::string(kSamba) + "/vfs/tavrix.so");
   expect("warning module-version: the module is not installed: ");

@@ -90,9 +90,16 @@ TEST(Judge, ComparesVersions) {
   facts.versions = {.tools = "1.0.0", .library = "1.0.1"};
   EXPECT_EQ("warning:library-version", judged(facts));
   facts.versions.has_module = true;
-  facts.versions.samba = facts.versions.module_samba = "4.17.12";
-  EXPECT_EQ("warning:library-version", judged(facts));
-  facts.versions.samba = "4.17.13";
+  facts.versions.module_samba = "4.17";
+  for (const char* fitting : {"4.17.12", "4.17.13", "4.17"}) {
+    facts.versions.samba = fitting;
+    EXPECT_EQ("warning:library-version", judged(facts)) << fitting;
+  }
+  for (const char* other : {"4.18.1", "4.1.7", "4.170.1", "5.17.12"}) {
+    facts.versions.samba = other;
+    EXPECT_EQ("critical:module-version warning:library-version", judged(facts)) << other;
+  }
+  facts.versions.module_samba = "";
   EXPECT_EQ("critical:module-version warning:library-version", judged(facts));
 }
 

@@ -21,6 +21,7 @@
 #include "tavrix_api.h"
 #include "tools/doctor/checks.hpp"
 #include "tools/status/samba.hpp"
+#include "tools/status/series.hpp"
 
 namespace tavrix::doctor {
 namespace {
@@ -184,7 +185,7 @@ Check check_comparison_library() {
           fmt::format("Samba's comparison of names is missing: a server process that compares a "
                       "name beyond ASCII ends ({})",
                       error == nullptr ? file : error),
-          fmt::format("ln -sf libsamdb-common-samba4.so.0 {}", file)};
+          fmt::format("ln -sf {} {}", status::samba_name_of_comparison_library(), file)};
 }
 
 Check check_module() {
@@ -196,15 +197,13 @@ Check check_module() {
     return {id, Level::kWarning, "the module is not installed: " + file,
             "install the package samba-vfs-tavrix, or build the module"};
   }
-  const std::string built_for = status::samba_version_in(file);
-  if (built_for == samba) {
-    return {id, Level::kWell, "the module was built for Samba " + samba + ", which is installed",
+  const std::string series = status::samba_series_of_module(file);
+  if (status::is_of_series(samba, series)) {
+    return {id, Level::kWell,
+            fmt::format("the module is built for Samba {}, and {} is installed", series, samba),
             ""};
   }
-  return {id, Level::kCritical,
-          fmt::format("the module was built for Samba {}, and {} is installed: no client can "
-                      "connect",
-                      built_for.empty() ? "of an unknown version" : built_for, samba),
+  return {id, Level::kCritical, status::sentence_about_module(series, samba),
           "install or build the module for this Samba"};
 }
 

@@ -143,8 +143,8 @@ struct Versions {
   std::string tools, library;
   std::string module_file;
   bool has_module = false;
-  std::string module_samba;  // the Samba that the module was built for
-  std::string samba;         // the installed one; empty: none
+  std::string module_samba;  // the series of Samba that the module is built for
+  std::string samba;         // the installed version; empty: none
 };
 
 struct Unread {

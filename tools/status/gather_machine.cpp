@@ -210,7 +210,7 @@ Versions look_at_versions() {
   versions.library = library_version();
   versions.module_file = samba_module();
   versions.has_module = access(versions.module_file.c_str(), F_OK) == 0;
-  versions.module_samba = samba_version_in(versions.module_file);
+  versions.module_samba = samba_series_of_module(versions.module_file);
   versions.samba = samba_version_in(samba_library());
   return versions;
 }

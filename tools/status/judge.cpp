@@ -7,6 +7,7 @@
 
 #include "eventstore.h"
 #include "tools/status/sentences.hpp"
+#include "tools/status/series.hpp"
 
 namespace tavrix::status {
 namespace {
@@ -293,13 +294,9 @@ class Judge {
 
   void versions() {
     const Versions& versions = facts_.versions;
-    if (versions.has_module && !versions.samba.empty() && versions.module_samba != versions.samba) {
-      critical("module-version",
-               fmt::format(
-                   "the module was built for Samba {}, and {} is installed: no client can "
-                   "connect",
-                   versions.module_samba.empty() ? "of an unknown version" : versions.module_samba,
-                   versions.samba),
+    if (versions.has_module && !versions.samba.empty() &&
+        !is_of_series(versions.samba, versions.module_samba)) {
+      critical("module-version", sentence_about_module(versions.module_samba, versions.samba),
                "install or build the module for this Samba");
     }
     if (!versions.library.empty() && versions.library != versions.tools) {
