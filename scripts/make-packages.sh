@@ -31,7 +31,7 @@ build_packages() {
   export TAVRIX_SAMBA_HEADERS
   CCACHE_DIR=$(ccache -k cache_dir)
   export CCACHE_DIR DEB_BUILD_OPTIONS="${DEB_BUILD_OPTIONS:-parallel=$(nproc) nocheck}"
-  (cd "$build/$upstream" && dpkg-buildpackage -us -uc) >"$build/build.log" 2>&1 || {
+  (cd "$build/$upstream" && dpkg-buildpackage -us -uc -sa) >"$build/build.log" 2>&1 || {
     tail -n 40 "$build/build.log" >&2
     return 1
   }
