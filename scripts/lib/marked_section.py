@@ -9,7 +9,7 @@ from pathlib import Path
 
 
 def comment(path, text):
-    return f'.\\" {text}' if path.suffix == ".8" else f"<!-- {text} -->"
+    return f'.\\" {text}' if path.suffix in (".1", ".5", ".8") else f"<!-- {text} -->"
 
 
 def replace(document, name, text):

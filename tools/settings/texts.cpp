@@ -51,6 +51,19 @@ std::string limits_of(const Setting& setting) {
   return least + between + std::to_string(setting.most) + ".";
 }
 
+// "whole number of seconds, 1 to 86400".
+std::string kind_of(const Setting& setting) {
+  if (setting.type == PARAM_VAL_TYPE_BOOLEAN) return "yes or no";
+  if (setting.type != PARAM_VAL_TYPE_INT) {
+    return "text of at most " + std::to_string(TAVRIX_PARAM_STRVAL_SIZE - 1) + " bytes";
+  }
+  std::string kind = "whole number";
+  if (*setting.unit != '\0') kind += std::string(", ") + setting.unit;
+  const std::string limits = limits_of(setting);
+  constexpr std::string_view kBefore = "Values: ";
+  return kind + "; " + limits.substr(kBefore.size(), limits.size() - kBefore.size() - 1);
+}
+
 std::string explanation(const Setting& setting) {
   std::string text = setting.meaning;
   if (*setting.advice != '\0') text += std::string(" ") + setting.advice;
@@ -113,6 +126,25 @@ std::string manual_items() {
           .append("\n");
       items += sentences(explanation(setting)) + sentences(limits_of(setting));
     }
+  }
+  return items;
+}
+
+std::string page_items() {
+  std::string items;
+  for (const std::string_view section : sections()) {
+    items.append(".Ss The section [").append(section).append("]\n.Bl -tag -width Ds\n");
+    for (const Setting& setting : kSettings) {
+      if (section_of(setting) != section) continue;
+      items.append(".It Li ").append(key_of(setting)).append("\n");
+      items += sentences(explanation(setting));
+      items += ".Bl -tag -width \"a change counts\" -compact\n";
+      items += ".It values\n" + kind_of(setting) + "\n";
+      items.append(".It shipped\n").append(setting.shipped).append("\n");
+      items.append(".It read by\n").append(setting.use.readers).append("\n");
+      items.append(".It a change counts\n").append(setting.use.counts).append("\n.El\n");
+    }
+    items += ".El\n";
   }
   return items;
 }
