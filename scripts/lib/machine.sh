@@ -4,7 +4,7 @@
 # from a mirror on this machine, so that it always finds the same versions.
 # Source it as root after packages.sh, in the folder of the project.
 #
-#   prepare_machines samba smbclient     the base and the mirror with these packages and all they need; once
+#   prepare_machines samba a.deb         the base and a mirror with all that these packages need; made once
 #   machine_create office                a new, empty machine; one of that name is thrown away
 #   machine_start office                 boots it, and waits until its services run
 #   machine_run office apt-get update    a command in it, as root; its output and exit status
@@ -18,17 +18,24 @@ machine_suite=bookworm
 
 # --- the base and the mirror, made once ---
 
-# usage: prepare_machines PACKAGE...   (packages of Debian that the machines can install)
+# usage: prepare_machines NAME...   makes what the machines can install: packages of Debian, what a file NAME.deb
+# needs of Debian, and the source of a package as src:NAME
 prepare_machines() {
   install_packages debootstrap systemd-container dpkg-dev apt-utils
   mkdir -p "$machines"
   [ -e "$machines/base/ready" ] || make_machine_base
-  local missing=()
-  local package
-  for package in "$@"; do
-    grep -qxF "$package" "$machines/mirror/names" 2>/dev/null || missing+=("$package")
+  local name
+  for name in "$@"; do
+    mirrored_name "$name" | grep -qxFf - "$machines/mirror/names" 2>/dev/null || { extend_machine_mirror "$@"; break; }
   done
-  [ ${#missing[@]} -eq 0 ] || extend_machine_mirror "${missing[@]}"
+}
+
+# The line of mirror/names for a name; for a file, with what it needs.
+mirrored_name() {
+  case $1 in
+    *.deb) dpkg-deb --field "$1" Package Depends | paste -sd' ' ;;
+    *) echo "$1" ;;
+  esac
 }
 
 # The lines "URL SUITE COMPONENT" of Debian 12's archives in this machine's own lists.
@@ -58,10 +65,10 @@ make_machine_base() {
   touch "$machines/base/ready"
 }
 
-# Downloads packages with all that they need beyond the base, and their sources where the name is
-# src:NAME. It works in a copy of the base with this machine's network.
+# Downloads packages and sources with all that they need beyond the base. It works in a copy of the base with this
+# machine's network.
 extend_machine_mirror() {
-  echo "downloading to the machines' mirror: $*"
+  echo "filling the machines' mirror"
   mkdir -p "$machines/mirror" "$machines/download"
   unshare --mount --propagation private bash -euo pipefail -c '
     machines=$1
@@ -76,13 +83,17 @@ extend_machine_mirror() {
     mount -t proc proc "$root/proc"
     in_root() { chroot "$root" env DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"; }
     in_root apt-get update -q
+    packages=()
     for name in "$@"; do
-      if [ "${name#src:}" != "$name" ]; then
-        in_root sh -c "cd /srv && apt-get source -q --download-only -o APT::Sandbox::User=root ${name#src:}"
-      else
-        in_root apt-get install -q -y --download-only -o Dir::Cache::archives=/srv -o APT::Sandbox::User=root "$name"
-      fi
+      case $name in
+        src:*) in_root sh -c "cd /srv && apt-get source -q --download-only -o APT::Sandbox::User=root ${name#src:}" ;;
+        *.deb) cp "$name" "$root/opt/" && packages+=("/opt/${name##*/}") ;;
+        *) packages+=("$name") ;;
+      esac
     done
+    mkdir -p "$root/srv/partial"
+    in_root apt-get install -q -y --download-only -o Dir::Cache::archives=/srv -o APT::Sandbox::User=root \
+      "${packages[@]}"
     rm -rf "$root"/srv/partial "$root"/srv/lock
   ' prepare "$machines" "$@" >"$machines/mirror.log" 2>&1 || { tail -n 20 "$machines/mirror.log" >&2; return 1; }
   (
@@ -93,7 +104,8 @@ extend_machine_mirror() {
     apt-ftparchive release . >.Release
     mv .Release Release
   ) 2>>"$machines/mirror.log"
-  printf '%s\n' "$@" >>"$machines/mirror/names"
+  local name
+  for name in "$@"; do mirrored_name "$name"; done >>"$machines/mirror/names"
 }
 
 # --- a machine ---
