@@ -59,7 +59,7 @@ make_newer() {  # FILE
   local version
   version=$(dpkg-deb --field "$1" Version)
   dpkg-deb --raw-extract "$1" "$run/unpacked"
-  sed -i "s/${version//./\\.}/$version+newer/" "$run/unpacked/DEBIAN/control"
+  sed -i "s/${version//./\\.}/$version+newer/g" "$run/unpacked/DEBIAN/control"
   dpkg-deb --build "$run/unpacked" "$run/newer" >/dev/null
   rm -rf "$run/unpacked"
 }

@@ -71,12 +71,24 @@ def pattern(shown):
     return re.compile("".join(parts))
 
 
+def with_sorted_listings(text):
+    """Sorts the entries of each listing of a folder: a server sends them in the order of the disk."""
+    lines, listing = [], []
+    for line in [*text.splitlines(), None]:
+        if line is not None and re.match(r"  \S.* [ADHNRS]+ +\d+  ", line):
+            listing.append(line)
+            continue
+        lines += sorted(listing)
+        listing = []
+        if line is not None:
+            lines.append(line)
+    return "".join(line + "\n" for line in lines)
+
+
 def compare(shown, said):
-    """Returns 0, or 1 after printing the first lines that cannot be found."""
+    """Returns 0, or 1 after printing the first line that cannot be found."""
+    shown, said = with_sorted_listings(shown), with_sorted_listings(said.replace("\r", ""))
     lines = shown.splitlines()
-    said = re.sub(r"\r", "", said)
-    if said and not said.endswith("\n"):
-        said += "\n"
     if pattern(shown).fullmatch(said):
         return 0
     fitting = 0

@@ -7,7 +7,7 @@ tavrix_packages=(
   libcli11-dev libfmt-dev nlohmann-json3-dev libiniparser-dev libsystemd-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
   clang libclang-rt-dev clang-format clang-tidy
-  samba-libs systemd util-linux procps strace gnuplot-nox abigail-tools python3-jsonschema
+  samba-libs systemd util-linux procps strace mandoc gnuplot-nox abigail-tools python3-jsonschema
   python3-prometheus-client
 )
 

@@ -110,7 +110,7 @@ TEST_F(Logs, OfRefusalsHaveALineForEachRequest) {
 
 // The log filter of the manual drops the ordinary lines and keeps the errors.
 TEST_F(Logs, TheFilterOfTheManualLeavesErrorsOnly) {
-  const std::string guide = read_file(TAVRIX_SOURCE_DIR "/docs/appliance.md");
+  const std::string guide = read_file(TAVRIX_SOURCE_DIR "/docs/troubleshooting.md");
   std::smatch filter;
   ASSERT_TRUE(std::regex_search(guide, filter, std::regex("--grep='([^']*)'")));
   write_file("/scratch/filter", filter[1].str() + "\n");
