@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/xattr.h>
+#include <sstream>
+#include <stdexcept>
 
 #include "tests/support/stops.hpp"
 #include "tests/tools/sweeper.hpp"
@@ -43,6 +45,33 @@ class Stranded : public SweeperWorld {
     EXPECT_FALSE(exists(kSyncOff)) << where;
   }
 };
+
+// "+dac_override,..." for "CapabilityBoundingSet=CAP_DAC_OVERRIDE ..."
+std::string rights_in(const std::string& unit) {
+  const std::string key = "\nCapabilityBoundingSet=";
+  const auto start = unit.find(key);
+  if (start == std::string::npos) throw std::runtime_error("the unit leaves every right");
+  std::istringstream words(
+      unit.substr(start + key.size(), unit.find('\n', start + 1) - start - key.size()));
+  std::string rights = "-all";
+  for (std::string word; words >> word;) {
+    std::string name = word.substr(std::string("CAP_").size());
+    std::transform(name.begin(), name.end(), name.begin(), ::tolower);
+    rights += ",+" + name;
+  }
+  return rights;
+}
+
+// Without its mark a flush that is killed may leave its records twice, and nobody is told.
+TEST_F(Stranded, AFlushIsMarkedWithTheRightsThatTheUnitLeaves) {
+  send("a");
+  const std::string unit = read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix-sweeper.service");
+  const Outcome outcome =
+      run_program({"setpriv", "--bounding-set=" + rights_in(unit), "--", kSweeper, "--once"}, {},
+                  with_faults("fdatasync@txtemp:kill:1"));
+  EXPECT_EQ(SIGKILL, outcome.signal) << outcome.err;
+  EXPECT_TRUE(is_marked());
+}
 
 // --- one file ------------------------------------------------------------------------------------
 
