@@ -66,30 +66,33 @@ make_newer() {  # FILE
 
 # --- machines ---
 
-declare -A machine_of=(
-  ["the first one"]=guide-first ["the new one"]=guide-new ["one with the sources"]=guide-sources
-)
+# The roles of machines by their names in the guide. A machine has the number of this process behind its role, so
+# that two runs do not meet.
+declare -A role_of=(["the first one"]=first ["the new one"]=new ["one with the sources"]=sources)
 
 # Starts the machine when the guide first comes to it, with what the guide says is there.
 use_machine() {  # NAME IN THE GUIDE
   local previous=${machine:-}
-  machine=${machine_of[$1]:-}
-  [ -n "$machine" ] || { echo "no machine is \"$1\"" >&2; exit 1; }
+  role=${role_of[$1]:-}
+  [ -n "$role" ] || { echo "no machine is \"$1\"" >&2; exit 1; }
+  machine=$role-$$
   printf '\nmachine %s: %s\n' "$machine" "$1"
   [[ " ${started[*]} " != *" $machine "* ]] || return 0
-  [ "$machine" != guide-sources ] || [ -n "$with_source" ] || return 0
+  ! is_left_out || return 0
   machine_create "$machine"
   begin=$(date +%s)
   started+=("$machine")
   machine_start "$machine"
-  case $machine in
-    guide-sources) copy_sources ;;
+  case $role in
+    sources) copy_sources ;;
     *) machine_copy "$machine" "$run/tavrix" "$run/newer" /root ;;
   esac
-  if [ "$machine" = guide-new ]; then
+  if [ "$role" = new ]; then
     machine_run "$previous" tar -C /root -cf - backup | machine_run "$machine" tar -C /root -xf -
   fi
 }
+
+is_left_out() { [ "$role" = sources ] && [ -z "$with_source" ]; }
 
 copy_sources() {
   git ls-files -z --cached --others --exclude-standard |
@@ -140,7 +143,7 @@ while IFS= read -r -d '' kind && IFS= read -r -d '' line && IFS= read -r -d '' t
     machine) use_machine "$text" ;;
     block) : >"$run/block" ;;
     *)
-      [ "$machine" != guide-sources ] || [ -n "$with_source" ] || continue
+      ! is_left_out || continue
       if [ "$kind" = command ]; then run_command "$line" "$text"; else check_output "$line" "$text"; fi
       ;;
   esac
