@@ -111,6 +111,19 @@ static int ask_to_name(struct vfs_handle_struct* handle, const struct tavrix_nam
   return -1;
 }
 
+/* Refuses a name. Where case does not matter smbd looks for a name in other letters only when it
+ * does not exist as it is spelled, so there a missing one is called missing, whatever the map says
+ * of it. */
+static int refuse_to_name(struct vfs_handle_struct* handle, const struct tavrix_name* name) {
+  struct stat st;
+  const int keep = errno;
+  TAVRIX_AS_ROOT_IF(!handle->conn->case_sensitive);
+  const bool is_missing =
+      !handle->conn->case_sensitive && lstat(name->full, &st) != 0 && errno == ENOENT;
+  errno = is_missing ? ENOENT : keep;
+  return -1;
+}
+
 static int open_to_name(struct vfs_handle_struct* handle, const struct files_struct* dirfsp,
                         const struct smb_filename* smb_fname, struct files_struct* fsp,
                         const struct vfs_open_how* how) {
@@ -128,12 +141,13 @@ int tavrix_openat(struct vfs_handle_struct* handle, const struct files_struct* d
   TAVRIX_ENTER(handle);
   struct tavrix_name name;
   const bool only_named = only_names(fsp, how);
-  if (only_named && tavrix_is_shown(handle, dirfsp, smb_fname)) {
+  if (only_named && (tavrix_is_shown(handle, dirfsp, smb_fname) ||
+                     tavrix_is_above_tree(talloc_tos(), handle, dirfsp, smb_fname))) {
     return open_to_name(handle, dirfsp, smb_fname, fsp, how);
   }
   if (name_of_open(talloc_tos(), handle, dirfsp, smb_fname, fsp, &name) != 0) return -1;
   if (!only_named) return open_for_client(handle, dirfsp, smb_fname, fsp, how, &name);
-  if (ask_to_name(handle, &name) != 0) return -1;
+  if (ask_to_name(handle, &name) != 0) return refuse_to_name(handle, &name);
   return open_to_name(handle, dirfsp, smb_fname, fsp, how);
 }
 

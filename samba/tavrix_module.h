@@ -168,6 +168,10 @@ int tavrix_name_behind_link(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
 struct smb_filename* tavrix_follow(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                                    const struct smb_filename* link,
                                    const struct tavrix_name* target);
+/* True for a folder above the tree, named by its absolute path: no client can name it, but smbd
+ * passes it on the way from the root folder to the share. */
+bool tavrix_is_above_tree(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
+                          const struct files_struct* dirfsp, const struct smb_filename* smb_fname);
 /* True for the tree's root. */
 int tavrix_is_tree(const struct tavrix_connection* tavrix, const struct tavrix_name* name);
 
