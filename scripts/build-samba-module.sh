@@ -88,7 +88,7 @@ weaken() {
     sed 's/.*/    {"&", &},/' "$1"
     echo '    {0, 0}};'
   } >"$objects/private_symbols.c"
-  gcc "${flags[@]}" -c "$objects/private_symbols.c" -o "$objects/private_symbols.o"
+  gcc "${flags[@]}" "-ffile-prefix-map=$objects=." -c "$objects/private_symbols.c" -o "$objects/private_symbols.o"
 }
 
 mkdir -p "$output"

@@ -126,6 +126,11 @@ TEST_F(Operations, Removing) {
 
 TEST_F(Operations, Renaming) {
   const char* file = "Shared\\Team\\file.txt";
+  // Newer servers rename only what was opened to be removed; older ones do so with files.
+  const bool any_handle = samba_minor() < 18;
+  const auto by_any_handle = [any_handle](const Roles& roles) {
+    return any_handle ? roles : who::kNobody;
+  };
   check({
       {"rename a file",
        who::kWriters,
@@ -160,7 +165,7 @@ TEST_F(Operations, Renaming) {
        {create("Shared\\Team\\Fixed", kDelete), rename_to("Shared\\Team\\New"), kClose},
        {"RENAME Shared/Team/Fixed -> Shared/Team/New"}},
       {"rename a fixed folder that was opened to look",
-       who::kAdministrator,
+       by_any_handle(who::kAdministrator),
        {create("Shared\\Team\\Fixed", kLook), rename_to("Shared\\Team\\New"), kClose},
        {"RENAME Shared/Team/Fixed -> Shared/Team/New"}},
       {"rename over a fixed folder",
@@ -168,11 +173,11 @@ TEST_F(Operations, Renaming) {
        {create("Shared\\Team\\Empty", kDelete), rename_to("Shared\\Team\\Fixed", 1), kClose},
        {"RENAME Shared/Team/Empty -> Shared/Team/Fixed"}},
       {"rename a folder to a desktop's name",
-       who::kDeleters,
+       by_any_handle(who::kDeleters),
        {create("Shared\\Team\\Docs", kLook), rename_to("Shared\\Team\\x.sb-y"), kClose},
        {"RENAME Shared/Team/Docs -> Shared/Team/x.sb-y"}},
       {"rename Shared to a desktop's name",
-       {"reserved"},
+       by_any_handle({"reserved"}),
        {create("Shared", kLook), rename_to(".DS_Store"), kClose},
        {}},
       {"rename Private to a desktop's name",
@@ -180,7 +185,7 @@ TEST_F(Operations, Renaming) {
        {create("Private", kLook), rename_to(".Trash"), kClose},
        {}},
       {"rename a team's folder to a desktop's name",
-       who::kAdmins,
+       by_any_handle(who::kAdmins),
        {create("Shared\\Team", kLook), rename_to("Shared\\Team.sb-y"), kClose},
        {"RENAME Shared/Team -> Shared/Team.sb-y"}},
       {"rename one's own top folder",

@@ -289,14 +289,29 @@ TEST_F(Links, AreRecordedByWhereTheyEnd) {
 
 TEST_F(Links, AreNobodysToRemoveOrRename) {
   start_smbd();
-  for (const char* commands : {"rm plan", "rename plan other", "rm secret", "rmdir closed",
-                               "rename closed other", "rm outside"}) {
+  for (const char* commands : {"rm secret", "rmdir closed", "rename closed other", "rm outside"}) {
     EXPECT_FALSE(succeeded(team("Anna", commands))) << commands;
   }
+  const bool is_followed = follows_links_itself();
+  EXPECT_EQ(is_followed, succeeded(team("Anna", "rename plan other")));
+  EXPECT_EQ(is_followed, succeeded(team("Anna", "rm other")));
   for (const char* name : {"plan", "secret", "closed", "outside"}) {
     EXPECT_TRUE(std::filesystem::is_symlink(full(std::string("Shared/Team/") + name))) << name;
   }
-  EXPECT_EQ(Lines{}, new_events());
+  EXPECT_EQ(is_followed ? Lines({"RENAME Shared/Team/Docs/plan.txt -> Shared/Team/other",
+                                 "UNLINK Shared/Team/other"})
+                        : Lines{},
+            new_events());
+}
+
+TEST_F(Links, WithoutATargetMakeItInTheTreeOrNothing) {
+  start_smbd();
+  const bool is_followed = follows_links_itself();
+  EXPECT_EQ(is_followed, succeeded(team("Anna", "put /scratch/data.txt dangling")));
+  EXPECT_EQ(is_followed, exists(full("Shared/Team/nothing")));
+  const Lines told = new_events();
+  EXPECT_EQ(is_followed, !told.empty() && told[0] == "CREATE Shared/Team/nothing");
+  EXPECT_EQ(is_followed, !told.empty());
 }
 
 class LinksOut : public Links, public testing::WithParamInterface<const char*> {};
@@ -311,8 +326,7 @@ TEST_P(LinksOut, ReachNothing) {
     for (const char* commands :
          {"get outside /scratch/got", "put /scratch/data.txt out\\victim",
           "get out\\data.txt /scratch/got", "ls out\\*", "mkdir out\\folder\\new", "rm out\\victim",
-          "rename report.txt out\\folder\\x", "get dangling /scratch/got",
-          "put /scratch/data.txt dangling"}) {
+          "rename report.txt out\\folder\\x", "get dangling /scratch/got"}) {
       EXPECT_FALSE(succeeded(team(user, commands))) << user << " " << commands;
     }
   }
