@@ -105,6 +105,10 @@ bool tavrix_is_above_tree(TALLOC_CTX* ctx, struct vfs_handle_struct* handle,
                           const struct files_struct* dirfsp, const struct smb_filename* smb_fname) {
   const struct tavrix_connection* tavrix = tavrix_connection_of(handle);
   if (tavrix == NULL || dirfsp == NULL) return false;
+  const bool is_absolute =
+      smb_fname->base_name[0] == '/' ||
+      (dirfsp != handle->conn->cwd_fsp && dirfsp->fsp_name->base_name[0] == '/');
+  if (!is_absolute) return false;
   const struct smb_filename* whole = full_path_from_dirfsp_atname(ctx, dirfsp, smb_fname);
   if (whole == NULL || whole->base_name[0] != '/') return false;
   const char* path = tidy_path(ctx, whole->base_name);

@@ -29,6 +29,8 @@ modules=$build/samba
 if [ -n "$root" ]; then
   modules=$build/samba-$series
   scripts/build-samba-module.sh --root "$root" --output "$modules" "$build"
+  # The server must refuse the module for the installed Samba: a test tries it.
+  cp "$build/samba/tavrix.so" "$modules/tavrix_of_series.so"
 fi
 
 # The slow ones repeat what the others show, and the bounds of call counts are measured with one series.

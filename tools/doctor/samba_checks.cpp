@@ -181,11 +181,12 @@ Check check_comparison_library() {
     return {id, Level::kWell, "names are compared as Samba compares them", ""};
   }
   const char* error = dlerror();
+  const std::string name = status::samba_name_of_comparison_library();
   return {id, Level::kCritical,
           fmt::format("Samba's comparison of names is missing: a server process that compares a "
                       "name beyond ASCII ends ({})",
                       error == nullptr ? file : error),
-          fmt::format("ln -sf {} {}", status::samba_name_of_comparison_library(), file)};
+          name.empty() ? "install samba-libs" : fmt::format("ln -sf {} {}", name, file)};
 }
 
 Check check_module() {
