@@ -75,6 +75,7 @@ make_samba_root() {
     version=$(newest_samba_of "$series")
     if [ -z "$version" ]; then
       echo "the archive has no samba of series $series" >&2
+      rm -rf "$folder"
       exit 1
     fi
     echo "unpacking samba $version"
