@@ -51,7 +51,7 @@ TEST_F(Status, IsWellWhenAllIsInOrder) {
        {"\nsettings     loaded from /scratch/conf ",
         "\nmap          table 1 is current: 5 folders, ", "the local copy is the current map\n",
         "\ninbox        no map waits\n", "\ngroups       2 users, 0 reserved groups, written ",
-        "\nsweeper      runs, process ", "flushing every 1 seconds; last work ",
+        "\nsweeper      runs, process ", "flushing every second; last work ",
         "\nloader       runs, process ", ": Successfully processed permission map\n",
         "\nbuffer       0 records wait, 16 B of 64.0 KiB",
         "\ndumps        0 files wait for the agent\n", "\nalarms       none\n", "\nspace        ",
@@ -98,7 +98,7 @@ TEST_F(Status, TellsOfSettings) {
   write_file(kConf, "[VFS]\ndebug level = high\n");
   EXPECT_TRUE(contains(status().out, "degraded: the previous settings hold: /scratch/conf:2: "));
   EXPECT_TRUE(is_a_problem("settings-degraded"));
-  ctl({"config", "remove"});
+  ctl({"config", "remove", "--yes"});
   EXPECT_TRUE(is_a_problem("settings-missing"));
   const int id = shmget(ftok("/dev/null", 3456), 100, IPC_CREAT | 0666);
   EXPECT_TRUE(is_a_problem("settings-size"));
@@ -219,7 +219,7 @@ TEST_F(Status, TellsThatTheAgentIsNotCollecting) {
   EXPECT_FALSE(is_a_problem("agent-not-collecting"));
   make_older(dump, 7200);
   EXPECT_TRUE(contains(status().out,
-                       "the agent is not collecting: 1 dump files wait, the oldest for 2 hours"));
+                       "the agent is not collecting: 1 dump file waits, the oldest for 2 hours"));
   write_file(std::string(kStaging) + "/aside_txtempAAAAAA", "");
   EXPECT_TRUE(is_a_problem("dumps-set-aside"));
   remove_all(kStaging);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "eventstore.h"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::events {
 namespace {
@@ -19,7 +20,9 @@ std::optional<std::string_view> DumpReader::next() {
   if (at_ == bytes_.size() || !damage_.empty()) return std::nullopt;
   staging_data_s head{};
   if (bytes_.size() - at_ < sizeof head) {
-    damage_ = fmt::format("byte {}: {} bytes are no record", at_, bytes_.size() - at_);
+    damage_ =
+        fmt::format("byte {}: {} {} no record", at_, text::counted(bytes_.size() - at_, "byte"),
+                    text::verb(bytes_.size() - at_, "is", "are"));
     return std::nullopt;
   }
   std::memcpy(&head, bytes_.data() + at_, sizeof head);
@@ -29,7 +32,8 @@ std::optional<std::string_view> DumpReader::next() {
   }
   const std::size_t left = bytes_.size() - at_ - sizeof head;
   if (head.size == 0 || head.size > left) {
-    damage_ = fmt::format("byte {}: a record of {} bytes, and {} are left", at_, head.size, left);
+    damage_ = fmt::format("byte {}: a record of {}, and {} {} left", at_,
+                          text::counted(head.size, "byte"), left, text::verb(left, "is", "are"));
     return std::nullopt;
   }
   const std::string_view payload = bytes_.substr(at_ + sizeof head, head.size);

@@ -6,6 +6,7 @@
 #include "tavrix_vfs_utils.h"
 #include "tools/files/durable.hpp"
 #include "tools/groupmap/group_map.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::loader {
 
@@ -25,9 +26,10 @@ mapload::Report GroupMapWatch::look() {
   const bool is_unchecked = findings.warnings() != warnings;
   mapload::Report report;
   if (findings.errors() > 0) {
-    report.push_back({mapload::Weight::kError,
-                      fmt::format("{} has {} errors; \"tavrixctl groupmap verify\" lists them",
-                                  TAVRIX_GROUPMAP_MARKER_PATH, findings.errors())});
+    report.push_back(
+        {mapload::Weight::kError,
+         fmt::format("{} has {}; \"tavrixctl groupmap verify\" lists them",
+                     TAVRIX_GROUPMAP_MARKER_PATH, text::counted(findings.errors(), "error"))});
   } else if (is_unchecked && !missing_was_told_) {
     missing_was_told_ = true;
     report.push_back(

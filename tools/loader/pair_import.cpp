@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "tools/mapcheck/lint.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::loader {
 namespace {
@@ -35,7 +36,7 @@ Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop) {
     // failed import all the same.
     mapload::log_refused();
     return {mapload::Result::kRefused,
-            fmt::format("{} errors{}", checked->findings.errors(), text_of(checked->findings)),
+            text::counted(checked->findings.errors(), "error") + text_of(checked->findings),
             {}};
   }
   mapload::Request request{pair.size.c_str(), pair.data.c_str(), false, {}, should_stop};

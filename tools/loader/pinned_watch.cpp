@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <ctime>
 
+#include "tools/text/counted.hpp"
+
 namespace tavrix::loader {
 namespace {
 
@@ -14,15 +16,15 @@ constexpr std::chrono::seconds kPatience{5};
 
 std::string told(const PinnedTable& table) {
   return fmt::format(
-      "an old map is still in memory: {} bytes, made {} seconds ago, attached by {} process{} "
-      "(shared memory {})",
-      table.segment.bytes, std::time(nullptr) - table.segment.created, table.attachments,
-      table.attachments == 1 ? "" : "es", table.segment.id);
+      "an old map is still in memory: {}, made {} ago, attached by {} (shared memory {})",
+      text::counted(table.segment.bytes, "byte"),
+      text::counted(std::time(nullptr) - table.segment.created, "second"),
+      text::counted(table.attachments, "process"), table.segment.id);
 }
 
 std::string told_gone(const PinnedTable& table) {
-  return fmt::format("the old map of {} bytes is no longer in memory (shared memory {})",
-                     table.segment.bytes, table.segment.id);
+  return fmt::format("the old map of {} is no longer in memory (shared memory {})",
+                     text::counted(table.segment.bytes, "byte"), table.segment.id);
 }
 
 }  // namespace

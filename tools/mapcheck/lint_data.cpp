@@ -12,6 +12,7 @@
 #include "mkperms_shm.h"
 #include "tools/mapcheck/json_stream.hpp"
 #include "tools/mapcheck/lint_size.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::mapcheck {
 namespace {
@@ -165,7 +166,9 @@ class DataLinter : public JsonEvents {
     }
     if (!frame.has_count) return stop("an array of children without its count");
     if (frame.found != frame.declared) {
-      error(fmt::format("NUMCHILDREN is {}, and {} folders follow", frame.declared, frame.found));
+      error(fmt::format("NUMCHILDREN is {}, and {} {}", frame.declared,
+                        text::counted(frame.found, "folder"),
+                        text::verb(frame.found, "follows", "follow")));
     }
     result_.data.widest = std::max(result_.data.widest, frame.found);
     return true;
@@ -279,8 +282,9 @@ class DataLinter : public JsonEvents {
     const bool is_groups = frames_.back().keys.count("GROUPS") != 0;
     const uint64_t declared = counts_of_acl_[is_groups ? 1 : 0];
     if (declared != ids.found) {
-      warn(fmt::format("{} is {}, and there are {} entries; the import does not use it",
-                       is_groups ? "NUMGROUPS" : "NUMUSERS", declared, ids.found));
+      warn(fmt::format("{} is {}, and there {} {}; the import does not use it",
+                       is_groups ? "NUMGROUPS" : "NUMUSERS", declared,
+                       text::verb(ids.found, "is", "are"), text::counted(ids.found, "entry")));
     }
     return true;
   }

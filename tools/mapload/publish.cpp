@@ -12,6 +12,7 @@
 #include "tavrix_vfs_utils.h"
 #include "tools/files/durable.hpp"
 #include "tools/mapload/paths.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::mapload {
 namespace {
@@ -36,7 +37,8 @@ std::string NextTable::create(int table, uint32_t bytes) {
     return fmt::format("table {} (key 0x{:x}) is there already, and cannot be removed", table,
                        key_of(table));
   }
-  return fmt::format("cannot make a table of {} bytes: {}", bytes, std::strerror(errno));
+  return fmt::format("cannot make a table of {}: {}", text::counted(bytes, "byte"),
+                     std::strerror(errno));
 }
 
 NextTable::~NextTable() {

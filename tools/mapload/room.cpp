@@ -10,6 +10,7 @@
 
 #include "internal/scoped.hpp"
 #include "tools/mapload/paths.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::mapload {
 namespace {
@@ -23,12 +24,13 @@ std::string lack_of_disk(uint64_t image_bytes) {
   if (statvfs(kFolder, &disk) != 0) return {};  // unknown: the writes will show it
   const uint64_t free = uint64_t{disk.f_bfree} * disk.f_frsize;
   if (free < image_bytes + kSlack) {
-    return fmt::format("no space in {}: the local copy needs {} bytes, {} are free", kFolder,
-                       image_bytes + kSlack, free);
+    return fmt::format("no space in {}: the local copy needs {}, {} {} free", kFolder,
+                       text::counted(image_bytes + kSlack, "byte"), free,
+                       text::verb(free, "is", "are"));
   }
   if (disk.f_files != 0 && disk.f_ffree < kFiles) {
-    return fmt::format("no space in {}: {} more files are needed, {} are free", kFolder, kFiles,
-                       uint64_t{disk.f_ffree});
+    return fmt::format("no space in {}: {} more files are needed, {} {} free", kFolder, kFiles,
+                       uint64_t{disk.f_ffree}, text::verb(disk.f_ffree, "is", "are"));
   }
   return {};
 }

@@ -8,6 +8,7 @@
 #include "eventstore.h"
 #include "tools/status/sentences.hpp"
 #include "tools/status/series.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::status {
 namespace {
@@ -142,7 +143,8 @@ class Judge {
     if (!groups.exists) {
       critical("groups-missing", "the group list map is missing: nobody is let in", build);
     } else if (groups.errors > 0) {
-      critical("groups-broken", fmt::format("the group list map has {} errors", groups.errors),
+      critical("groups-broken",
+               fmt::format("the group list map has {}", text::counted(groups.errors, "error")),
                build + "; \"tavrixctl groupmap verify\" lists them");
     } else if (groups.checksum == Groups::Checksum::kDiffers) {
       critical("groups-checksum",
@@ -193,8 +195,9 @@ class Judge {
                "the semaphore of events is missing: a server that changes something ends", restart);
     } else if (buffer.is_holder_dead) {
       critical("buffer-semaphore-held",
-               fmt::format("process {} died with the semaphore of events: {} processes wait",
-                           buffer.holder, buffer.waiting),
+               fmt::format("process {} died with the semaphore of events: {} {}", buffer.holder,
+                           text::counted(buffer.waiting, "process"),
+                           text::verb(buffer.waiting, "waits", "wait")),
                restart);
     }
     waiting_events();
@@ -228,15 +231,17 @@ class Judge {
                "make it, or correct \"SWEEPER:staging dir\"");
     }
     if (events.set_aside > 0) {
-      warning("dumps-set-aside",
-              fmt::format("{} files in {} were not written by a flush", events.set_aside,
-                          events.folder),
-              "look at the files aside_txtemp*, and remove them");
+      warning(
+          "dumps-set-aside",
+          fmt::format("{} in {} {} not written by a flush", text::counted(events.set_aside, "file"),
+                      events.folder, text::verb(events.set_aside, "was", "were")),
+          "look at the files aside_txtemp*, and remove them");
     }
     if (!events.oldest || age(*events.oldest) <= kDumpsMayWait) return;
     const std::string sentence =
-        fmt::format("the agent is not collecting: {} dump files wait, the oldest for {}",
-                    events.count, since(*events.oldest));
+        fmt::format("the agent is not collecting: {} {}, the oldest for {}",
+                    text::counted(events.count, "dump file"),
+                    text::verb(events.count, "waits", "wait"), since(*events.oldest));
     const std::string advice = "look at the synchronisation agent";
     if (age(*events.oldest) > kDumpsMustNotWait) {
       critical("agent-not-collecting", sentence, advice);

@@ -9,6 +9,7 @@
 
 #include "tools/status/report.hpp"
 #include "tools/status/sentences.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::status {
 namespace {
@@ -98,8 +99,8 @@ class Screen {
       line("", fmt::format("name \"{}\", version \"{}\", generation {}; made {} ago", header.name,
                            header.version, header.generation, since(table->created)));
     } else {
-      line("map", fmt::format("table {} is current: {} bytes; made {} ago", *map.current,
-                              table->bytes, since(table->created)));
+      line("map", fmt::format("table {} is current: {}; made {} ago", *map.current,
+                              text::counted(table->bytes, "byte"), since(table->created)));
     }
     if (map.is_import_running) line("", "a map is being imported, or removed");
     if (map.is_copy_equal == true) line("", "the local copy is the current map");
@@ -113,7 +114,9 @@ class Screen {
     if (inbox.in_work_since) {
       text = fmt::format("a map of {} ago is being loaded", since(*inbox.in_work_since));
     }
-    if (inbox.refused > 0) text += fmt::format("; {} refused ones are kept", inbox.refused);
+    if (inbox.refused > 0)
+      text += fmt::format("; {} {} kept", text::counted(inbox.refused, "refused one"),
+                          text::verb(inbox.refused, "is", "are"));
     if (inbox.last_refused) text += fmt::format(", the last of {} ago", since(*inbox.last_refused));
     line("inbox", text);
   }
@@ -123,7 +126,8 @@ class Screen {
     if (!groups.exists) return line("groups", "none");
     std::string text = fmt::format("written {} ago", since(*groups.written));
     if (groups.users) {
-      text = fmt::format("{} users, {} reserved groups, {}", *groups.users, *groups.reserved, text);
+      text = fmt::format("{}, {}, {}", text::counted(*groups.users, "user"),
+                         text::counted(*groups.reserved, "reserved group"), text);
     }
     line("groups", text);
   }
@@ -153,7 +157,8 @@ class Screen {
 
   void dumps(const char* topic, const Dumps& dumps) {
     if (!dumps.is_readable) return;
-    std::string text = fmt::format("{} files wait for the agent", dumps.count);
+    std::string text = fmt::format("{} {} for the agent", text::counted(dumps.count, "file"),
+                                   text::verb(dumps.count, "waits", "wait"));
     if (dumps.count > 0) text += fmt::format(", {}", size_text(dumps.bytes));
     if (dumps.oldest) text += fmt::format(", the oldest for {}", since(*dumps.oldest));
     line(topic, text);
@@ -181,16 +186,17 @@ class Screen {
   void connections() {
     const Connections& connections = facts_.connections;
     std::string text;
-    if (connections.count) text = fmt::format("{} server processes; ", *connections.count);
+    if (connections.count) text = text::counted(*connections.count, "server process") + "; ";
     const Segment* table = facts_.map.table();
-    text +=
-        fmt::format("the current map is attached {} times", table == nullptr ? 0 : table->attached);
+    text += "the current map is attached " +
+            text::counted(table == nullptr ? 0 : table->attached, "time");
     line("connections", text);
     if (connections.pinned.empty()) return;
     const Pinned& oldest = connections.pinned.front();
-    line("", fmt::format("{} earlier maps are attached, the oldest made {} ago, by {}",
-                         connections.pinned.size(), since(oldest.segment.created),
-                         holders_text(oldest.holders)));
+    line("", fmt::format("{} {} attached, the oldest made {} ago, by {}",
+                         text::counted(connections.pinned.size(), "earlier map"),
+                         text::verb(connections.pinned.size(), "is", "are"),
+                         since(oldest.segment.created), holders_text(oldest.holders)));
   }
 
   void huge_pages() {

@@ -5,19 +5,23 @@
 #include <algorithm>
 #include <iterator>
 
+#include "tools/text/counted.hpp"
+
 namespace tavrix::status {
 
 std::string current_map_text(int table, uint32_t folders, uint32_t entries, uint64_t bytes) {
-  return fmt::format("table {} is current: {} folders, {} entries, {} bytes", table, folders,
-                     entries, bytes);
+  return fmt::format("table {} is current: {}, {}, {}", table, text::counted(folders, "folder"),
+                     text::counted(entries, "entry"), text::counted(bytes, "byte"));
 }
 
 std::string flushing_text(bool is_disabled, int period) {
-  return is_disabled ? "flushing is disabled" : fmt::format("flushing every {} seconds", period);
+  if (is_disabled) return "flushing is disabled";
+  return period == 1 ? "flushing every second" : fmt::format("flushing every {} seconds", period);
 }
 
 std::string buffer_text(uint64_t records, uint64_t used, uint64_t bytes) {
-  return fmt::format("{} records wait, {} of {} used", records, size_text(used), size_text(bytes));
+  return fmt::format("{} {}, {} of {} used", text::counted(records, "record"),
+                     text::verb(records, "waits", "wait"), size_text(used), size_text(bytes));
 }
 
 std::string duration_text(int64_t seconds) {
@@ -31,7 +35,7 @@ std::string duration_text(int64_t seconds) {
     if (seconds >= 2 * unit.seconds) return fmt::format("{} {}", seconds / unit.seconds, unit.name);
   }
   const int64_t shown = std::max<int64_t>(seconds, 0);
-  return fmt::format("{} {}", shown, shown == 1 ? "second" : "seconds");
+  return text::counted(shown, "second");
 }
 
 std::string size_text(uint64_t bytes) {

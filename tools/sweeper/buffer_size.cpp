@@ -5,6 +5,7 @@
 
 #include "tools/sweeper/connections.hpp"
 #include "tools/sweeper/staging_owner.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::sweeper {
 
@@ -19,9 +20,9 @@ bool offer_buffer_size(int32_t bytes, global_param_s* block, std::string& why_no
   if (size > 0) {
     if (const int count = live_connections(); count > 0) {
       why_not = fmt::format(
-          "{} connections work with a staging buffer of {} bytes; the size becomes {} "
-          "bytes when none of them is left",
-          count, size, bytes);
+          "{} {} with a staging buffer of {}; the size becomes {} when none of them is left",
+          text::counted(count, "connection"), text::verb(count, "works", "work"),
+          text::counted(size, "byte"), text::counted(bytes, "byte"));
       return false;
     }
   }

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "internal/scoped.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::sweeper {
 namespace {
@@ -20,7 +21,8 @@ std::string no_space(const std::string& folder, uint64_t bytes) {
   if (statvfs(folder.c_str(), &disk) != 0) return fmt::format("{}: the disk is full", folder);
   const uint64_t free = uint64_t{disk.f_bavail} * disk.f_frsize;
   const uint64_t missing = free < bytes ? bytes - free : disk.f_frsize;
-  return fmt::format("{}: {} bytes of space are missing ({} are free)", folder, missing, free);
+  return fmt::format("{}: {} of space {} missing ({} free)", folder, text::counted(missing, "byte"),
+                     text::verb(missing, "is", "are"), free);
 }
 
 }  // namespace
@@ -45,7 +47,8 @@ std::string lack_of_room(const std::string& folder, uint64_t bytes) {
     case ENOSPC:
       return no_space(folder, bytes);
     default:
-      return fmt::format("{}: {} bytes cannot be written: {}", folder, bytes, std::strerror(error));
+      return fmt::format("{}: {} cannot be written: {}", folder, text::counted(bytes, "byte"),
+                         std::strerror(error));
   }
 }
 
