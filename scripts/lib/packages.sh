@@ -8,7 +8,7 @@ tavrix_packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
   clang libclang-rt-dev clang-format clang-tidy
   samba-libs systemd util-linux procps strace mandoc gnuplot-nox abigail-tools python3-jsonschema
-  python3-prometheus-client
+  python3-prometheus-client bash-completion zsh fish
 )
 
 # Packages that only the reference module and a real server with it need.

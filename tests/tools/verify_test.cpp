@@ -54,7 +54,7 @@ TEST(Verify, FindsEachKindOfDamage) {
   const Damage damages[] = {
       {172, 1, "the header's signature is 0x00000001"},
       {112, 9, "the header counts 9 folders, 4 are there"},
-      {116, 1, "the header counts 1 entries, 2 are there"},
+      {116, 1, "the header counts 1 entry, 2 are there"},
       {124, 170, "the folders begin at 170, not at 176"},
       {136, 0xFFFFFFFF, "the names begin at 4294967295"},
       {164, 0xFFFFFFFF, "beyond the image"},

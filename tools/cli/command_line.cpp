@@ -4,8 +4,13 @@
 #include <fmt/format.h>
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <numeric>
+#include <sstream>
+
+#include "tools/cli/completion.hpp"
+#include "tools/cli/help.hpp"
 
 namespace tavrix::cli {
 namespace {
@@ -103,19 +108,50 @@ bool is_number(const std::string& word) {
   return word.find_first_not_of("-0123456789") == std::string::npos;
 }
 
-// "Could not convert: --uid = anna" or "--uid: Value anna not in range 0 to 9": all values that are
+std::string number_sentence(const std::string& option, const std::string& value) {
+  return fmt::format("{}: \"{}\" is {}", option, value,
+                     is_number(value) ? "out of range" : "not a number");
+}
+
+// The first of several values, between commas, that is no number; all of them if each is one.
+std::string wrong_part(const std::string& values) {
+  std::istringstream in(values);
+  for (std::string value; std::getline(in, value, ',');) {
+    if (!is_number(value)) return value;
+  }
+  return values;
+}
+
+// CLI11's sentences about values, with the option and the value first. All values that are
 // converted, and all that have a range, are numbers.
 std::string sentence_of(const CLI::ParseError& error) {
   const std::string text = error.what();
-  const Words unconverted = between(text, "Could not convert: ", " = ");
-  if (!unconverted.empty()) {
-    return fmt::format("{}: \"{}\" is not a number", unconverted[1], unconverted[2]);
+  // "Could not convert: --uid = anna"
+  if (const Words parts = between(text, "Could not convert: ", " = "); !parts.empty()) {
+    return number_sentence(parts[1], wrong_part(parts[2]));
   }
-  const Words out_of_range = between(text, ": Value ", " not in range ");
-  if (!out_of_range.empty() && !is_number(out_of_range[1])) {
-    return fmt::format("{}: \"{}\" is not a number", out_of_range[0], out_of_range[1]);
+  // "--uid: Value anna not in range 0 to 9"
+  if (const Words parts = between(text, ": Value ", " not in range "); !parts.empty()) {
+    if (!is_number(parts[1])) return number_sentence(parts[0], parts[1]);
+    return fmt::format("{}: {} is not in the range {}", parts[0], parts[1], parts[2]);
+  }
+  // "--uid: 1 required INT missing"
+  if (const Words parts = between(text, ": 1 required ", " missing"); !parts.empty()) {
+    return parts[0] + " needs a value";
+  }
+  for (const char* begin : {"The following argument was not expected: ",
+                            "The following arguments were not expected: "}) {
+    if (!text.starts_with(begin)) continue;
+    return fmt::format("\"{}\" is more than the command takes", text.substr(std::strlen(begin)));
   }
   return text;
+}
+
+// A command line that ends where a command is expected gets the help of the command that it names.
+int list_commands(CLI::App& at) {
+  const CLI::App* above = at.get_parent();
+  fmt::print(stderr, "{}", at.help(above == nullptr ? "" : full_name(*above)));
+  return kWrongUsage;
 }
 
 int explain(CLI::App& app, const Words& words, const CLI::ParseError& error) {
@@ -126,7 +162,15 @@ int explain(CLI::App& app, const Words& words, const CLI::ParseError& error) {
     return complain(at, fmt::format("there is no option \"{}\"", name),
                     nearest(name, option_names(at)));
   }
+  if (!commands_of(at).empty() && app.remaining(true).empty()) return list_commands(at);
   return complain(at, sentence_of(error));
+}
+
+int print_completions(CLI::App& app, const Words& words) {
+  for (const Candidate& candidate : completions(app, {words.begin() + 1, words.end()})) {
+    fmt::print("{}\t{}\n", candidate.word, candidate.explanation);
+  }
+  return 0;
 }
 
 }  // namespace
@@ -146,7 +190,9 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
 std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   app.name(std::filesystem::path(argv[0]).filename());
   app.set_version_flag("--version", app.get_name() + " " TAVRIX_VERSION, "print the version");
+  lay_out_help(app);
   Words words(argv + 1, argv + argc);
+  if (!words.empty() && words[0] == kCompleteOption) return print_completions(app, words);
   turn_help_around(app, words);
   if (const Chosen found = chosen(app, words); !found.unknown.empty()) {
     return complain(*found.app, fmt::format("there is no command \"{}\"", found.unknown),

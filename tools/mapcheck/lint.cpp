@@ -2,6 +2,7 @@
 #include "tools/mapcheck/lint.hpp"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "mkperms_shm.h"
 #include "tools/mapcheck/lint_data.hpp"
 #include "tools/mapcheck/lint_size.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::mapcheck {
 namespace {
@@ -38,8 +40,8 @@ void check_fit(LintResult& result) {
   const uint64_t list_room = (sizeof(child_list_s) + sizeof(uint32_t)) * result.size.folders;
   if (result.data.list_bytes > list_room) {
     result.findings.add({Severity::kError, "data file", "", 0,
-                         fmt::format("the child lists need {} bytes; the image has {}",
-                                     result.data.list_bytes, list_room)});
+                         fmt::format("the child lists need {}; the image has {}",
+                                     text::counted(result.data.list_bytes, "byte"), list_room)});
   }
 }
 
@@ -48,8 +50,18 @@ class FileSource : public Source {
   explicit FileSource(const std::string& path) : file_(std::fopen(path.c_str(), "re")) {}
   [[nodiscard]] bool is_open() const { return file_ != nullptr; }
   [[nodiscard]] bool failed() const { return std::ferror(file_.get()) != 0; }
+  // Tells the progress of the reads that follow.
+  void tell(const Progress& progress) {
+    struct stat info {};
+    if (fstat(fileno(file_.get()), &info) != 0 || info.st_size <= 0) return;
+    size_ = static_cast<uint64_t>(info.st_size);
+    progress_ = progress;
+  }
   std::size_t read(char* buffer, std::size_t room) override {
-    return std::fread(buffer, 1, room, file_.get());
+    if (progress_) progress_(done_, size_);
+    const std::size_t length = std::fread(buffer, 1, room, file_.get());
+    done_ += length;
+    return length;
   }
 
  private:
@@ -57,6 +69,8 @@ class FileSource : public Source {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
   std::unique_ptr<std::FILE, Close> file_;
+  Progress progress_;
+  uint64_t done_ = 0, size_ = 0;
 };
 
 }  // namespace
@@ -82,7 +96,7 @@ LintResult lint(Source& size_file, Source& data_file) {
 }
 
 std::optional<LintResult> lint_files(const std::string& size_path, const std::string& data_path,
-                                     std::string& error) {
+                                     std::string& error, const Progress& progress) {
   FileSource size(size_path);
   FileSource data(data_path);
   for (const auto& [source, path] : {std::pair{&size, &size_path}, std::pair{&data, &data_path}}) {
@@ -90,6 +104,7 @@ std::optional<LintResult> lint_files(const std::string& size_path, const std::st
     error = fmt::format("cannot open {}: {}", *path, std::strerror(errno));
     return std::nullopt;
   }
+  data.tell(progress);
   LintResult result = lint(size, data);
   if (size.failed() || data.failed()) {
     error = fmt::format("cannot read {}", size.failed() ? size_path : data_path);

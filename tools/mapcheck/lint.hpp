@@ -11,6 +11,7 @@
 #include <string>
 
 #include "tools/mapcheck/findings.hpp"
+#include "tools/mapcheck/progress.hpp"
 
 namespace tavrix::mapcheck {
 
@@ -52,7 +53,8 @@ class Source {
 LintResult lint(Source& size_file, Source& data_file);
 
 // Does the same with paths. Returns nothing, and a message in `error`, when a file cannot be read.
+// The progress is told in bytes of the data file.
 std::optional<LintResult> lint_files(const std::string& size_path, const std::string& data_path,
-                                     std::string& error);
+                                     std::string& error, const Progress& progress = {});
 
 }  // namespace tavrix::mapcheck

@@ -10,11 +10,13 @@
 
 #include "mkperms_shm.h"
 #include "perm_utils.h"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::mapcheck {
 namespace {
 
 constexpr uint64_t kFolder = sizeof(fs_elem_s);
+constexpr uint64_t kFoldersInAStep = 4096;  // between two reports of progress
 
 struct Region {
   const char* name;
@@ -25,13 +27,17 @@ struct Region {
 
 class Verifier {
  public:
-  explicit Verifier(std::span<const std::byte> image) : image_(image) {}
+  Verifier(std::span<const std::byte> image, const Progress& progress)
+      : image_(image), progress_(progress) {}
 
   Findings run() {
     if (!check_header() || !check_regions()) return findings_;
     const uint64_t folders = folders_.used / kFolder;
     listed_.assign(folders, 0);
-    for (uint64_t index = 0; index < folders; ++index) check_folder(index * kFolder);
+    for (uint64_t index = 0; index < folders; ++index) {
+      if (progress_ && index % kFoldersInAStep == 0) progress_(index, folders);
+      check_folder(index * kFolder);
+    }
     check_links(folders);
     check_totals(folders);
     return findings_;
@@ -52,7 +58,8 @@ class Verifier {
 
   bool check_header() {
     if (image_.size() < sizeof header_) {
-      error(0, fmt::format("{} bytes hold no header", image_.size()));
+      error(0, fmt::format("{} {} no header", text::counted(image_.size(), "byte"),
+                           text::verb(image_.size(), "holds", "hold")));
       return false;
     }
     std::memcpy(&header_, image_.data(), sizeof header_);
@@ -83,12 +90,12 @@ class Verifier {
         good = error(124, fmt::format("the {} end at {}, beyond the image", region->name, end));
       }
       if (region->used > region->size) {
-        good = error(124, fmt::format("the {} use {} bytes of {}", region->name, region->used,
-                                      region->size));
+        good = error(124, fmt::format("the {} use {} of {}", region->name,
+                                      text::counted(region->used, "byte"), region->size));
       }
     }
     if (folders_.used == 0 || folders_.used % kFolder != 0) {
-      good = error(132, fmt::format("the folders use {} bytes", folders_.used));
+      good = error(132, fmt::format("the folders use {}", text::counted(folders_.used, "byte")));
     }
     return good;
   }
@@ -128,7 +135,7 @@ class Verifier {
     const uint64_t text_at = uint64_t{folder.name_elem_offset} + sizeof(name_elem_s);
     const uint16_t length = name->name_len;
     if (text_at + length + 1 > names_.used) {
-      error(at, fmt::format("a name of {} bytes ends beyond the names", length));
+      error(at, fmt::format("a name of {} ends beyond the names", text::counted(length, "byte")));
       return;
     }
     const char* text = bytes(names_, text_at);
@@ -152,7 +159,8 @@ class Verifier {
     }
     const uint64_t first = uint64_t{folder.acl_offset} + sizeof(beacl_s);
     if (first + uint64_t{acl->num_aces} * sizeof(beace_s) > acls_.used) {
-      error(at, fmt::format("an ACL of {} entries ends beyond the ACLs", uint32_t{acl->num_aces}));
+      error(at, fmt::format("an ACL of {} ends beyond the ACLs",
+                            text::counted(uint32_t{acl->num_aces}, "entry")));
       return;
     }
     aces_ += acl->num_aces;
@@ -176,13 +184,13 @@ class Verifier {
     if ((folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) return;
     const uint64_t first = uint64_t{folder.clist_offset} + sizeof(child_list_s);
     if (first + uint64_t{list->num_children} * sizeof(uint32_t) > lists_.used) {
-      error(at, fmt::format("a list of {} children ends beyond the child lists",
-                            uint32_t{list->num_children}));
+      error(at, fmt::format("a list of {} ends beyond the child lists",
+                            text::counted(uint32_t{list->num_children}, "child")));
       return;
     }
     if (list->next_index != list->num_children) {
-      error(at, fmt::format("a list has {} of {} children", uint32_t{list->next_index},
-                            uint32_t{list->num_children}));
+      error(at, fmt::format("a list has {} of {}", uint32_t{list->next_index},
+                            text::counted(uint32_t{list->num_children}, "child")));
     }
     // Lists may overlap in a damaged image. This limit bounds the work: without overlaps there are
     // fewer slots than the region has bytes.
@@ -220,12 +228,14 @@ class Verifier {
 
   void check_totals(uint64_t folders) {
     if (header_.total_fselems != folders) {
-      error(112, fmt::format("the header counts {} folders, {} are there",
-                             uint32_t{header_.total_fselems}, folders));
+      error(112, fmt::format("the header counts {}, {} {} there",
+                             text::counted(uint32_t{header_.total_fselems}, "folder"), folders,
+                             text::verb(folders, "is", "are")));
     }
     if (header_.total_aces < aces_) {
-      error(116, fmt::format("the header counts {} entries, {} are there",
-                             uint32_t{header_.total_aces}, aces_));
+      error(116, fmt::format("the header counts {}, {} {} there",
+                             text::counted(uint32_t{header_.total_aces}, "entry"), aces_,
+                             text::verb(aces_, "is", "are")));
     }
   }
 
@@ -246,6 +256,7 @@ class Verifier {
   }
 
   std::span<const std::byte> image_;
+  const Progress& progress_;
   tavrix_be_header header_{};
   Region folders_{}, names_{}, acls_{}, lists_{};
   std::vector<uint8_t> listed_;
@@ -257,6 +268,8 @@ class Verifier {
 
 }  // namespace
 
-Findings verify(std::span<const std::byte> image) { return Verifier(image).run(); }
+Findings verify(std::span<const std::byte> image, const Progress& progress) {
+  return Verifier(image, progress).run();
+}
 
 }  // namespace tavrix::mapcheck

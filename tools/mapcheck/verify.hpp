@@ -7,9 +7,11 @@
 #include <span>
 
 #include "tools/mapcheck/findings.hpp"
+#include "tools/mapcheck/progress.hpp"
 
 namespace tavrix::mapcheck {
 
-Findings verify(std::span<const std::byte> image);
+// The progress is told in folders.
+Findings verify(std::span<const std::byte> image, const Progress& progress = {});
 
 }  // namespace tavrix::mapcheck
