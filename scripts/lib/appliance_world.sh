@@ -78,9 +78,9 @@ stop_everything() {
   stop_smbd
   kill "$(cat /scratch/loader.pid)" "$(cat /scratch/sweeper.pid)" 2>/dev/null || true
   while kill -0 "$(cat /scratch/sweeper.pid)" 2>/dev/null; do sleep 0.05; done
-  tavrixctl map remove || true
-  tavrixctl events buffer remove || true
-  tavrixctl config remove || true
+  tavrixctl map remove --yes || true
+  tavrixctl events buffer remove --yes || true
+  tavrixctl config remove --yes || true
 }
 
 # --- the tour ---

@@ -15,7 +15,6 @@ listed_when_counting=1000  # as many as a connection's verdict cache holds
 
 # --- maps and trees ---
 
-# Its files stay in /scratch/map, though an import removes those that it is given.
 publish_map() {  # NAME
   rm -rf /scratch/map
   mkdir /scratch/map
@@ -24,8 +23,7 @@ publish_map() {  # NAME
   else
     tavrix-sample-tree --folders 1000000 /scratch/map/size.json /scratch/map/data.json >/dev/null
   fi
-  ln /scratch/map/*.json /scratch/
-  tavrixctl map import --trust /scratch/size.json /scratch/data.json >/dev/null
+  tavrixctl map import --trust /scratch/map/size.json /scratch/map/data.json >/dev/null
   # A folder of the map that also has folders of the map in it.
   team=$(tavrixctl map tree --depth 2 | sed -n '3s/^ *\(.*\)  (.*/\1/p')
 }

@@ -121,7 +121,7 @@ run tavrixctl map info
 run cat /var/log/tavrix_perms.log
 
 title "8. Nothing stays behind"
-run tavrixctl map remove
-run tavrixctl events buffer remove
-run tavrixctl config remove
+run tavrixctl map remove --yes
+run tavrixctl events buffer remove --yes
+run tavrixctl config remove --yes
 echo "segments left: $(ipcs -m | grep -c '^0x' || true), semaphores left: $(ipcs -s | grep -c '^0x' || true)"

@@ -94,7 +94,7 @@ TEST_F(MapFlipStorm, OfTheTableIsKnownAndHealed) {
                 : answer == "assertion's end" ? "assertion's end; verify tells"
                                               : "other answers; verify tells");
     EXPECT_TRUE(copy == read_file(kCopy)) << where;
-    ctl({"map", "remove"});
+    ctl({"map", "remove", "--yes"});
     EXPECT_EQ(0, once().exit_code) << where;
     EXPECT_EQ(right, answers()) << where;
     EXPECT_EQ(kNumber, number_by_verdicts()) << where;
@@ -115,7 +115,7 @@ TEST_F(MapFlipStorm, OfTheCopyIsHealedOrRefused) {
     flip_in_file(storm, file);
     const std::string where = storm.where() + ", " + file;
     const bool has_table = storm.below(2) == 0;
-    if (!has_table) ctl({"map", "remove"});
+    if (!has_table) ctl({"map", "remove", "--yes"});
     const Outcome outcome = once();
     EXPECT_EQ(0, outcome.signal) << where << outcome.err;
     const std::string answer = answers();
@@ -129,7 +129,7 @@ TEST_F(MapFlipStorm, OfTheCopyIsHealedOrRefused) {
     storm.count(file.substr(kCopy.rfind('/') + 1) +
                 (has_table ? ", with the table: " : ", alone: ") +
                 (answer.empty() ? "refused with a message" : "healed"));
-    ctl({"map", "remove"});
+    ctl({"map", "remove", "--yes"});
     for (const auto& [path, bytes] : whole) write_file(path, bytes);
     ASSERT_EQ(0, once().exit_code) << where;
     for (const std::string& path : files) whole[path] = read_file(path);

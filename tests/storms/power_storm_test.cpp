@@ -117,7 +117,7 @@ TEST_F(MapPowerStorm, OfImportsLosesNoMap) {
     ASSERT_FALSE(operations.empty());
     for (int cut = 0; cut < 8 && !HasFailure(); ++cut) {
       const State state = any_state(storm, disk, operations);
-      ctl({"map", "remove"});
+      ctl({"map", "remove", "--yes"});
       put_back(state, folders);
       const Outcome after = once();
       const std::string where = storm.where() + "\n" + text_of(state) + after.err;

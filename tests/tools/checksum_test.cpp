@@ -64,7 +64,7 @@ TEST_F(Checksums, AFlippedCopyIsNotRestored) {
   for (int i = 0; i < 20; ++i) {
     const std::size_t bit = random() % bits;
     flip(kCopy, bit);
-    ctl({"map", "remove"});
+    ctl({"map", "remove", "--yes"});
     EXPECT_EQ(1, once().exit_code) << bit;
     EXPECT_EQ(2, ctl({"map", "restore"}).exit_code) << bit;
     EXPECT_EQ(0, folders_of_current()) << bit;
@@ -85,7 +85,7 @@ TEST_F(Checksums, AFlippedCopyIsWrittenAgainWhileTheTableIsThere) {
 
 TEST_F(Checksums, ACopyOfAnEarlierReleaseIsTakenWithAWarning) {
   import(team());
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   remove_all(kCopy + ".sha256");
   remove_all(kCopy + ".mark");
   const Outcome outcome = once();

@@ -76,6 +76,57 @@ TEST_F(CommandLine, SaysThatAWordIsNotANumber) {
                "tavrixctl map tree: --depth: \"deep\" is not a number");
 }
 
+TEST_F(CommandLine, NamesTheWrongOneOfSeveralNumbers) {
+  expect_wrong({"check", "--uid", "1", "--groups", "5,x,y", "stat", "Shared"},
+               "tavrixctl check: --groups: \"x\" is not a number");
+  expect_wrong({"check", "--uid", "1", "--groups", "4294967296", "stat", "Shared"},
+               "tavrixctl check: --groups: \"4294967296\" is out of range");
+}
+
+TEST_F(CommandLine, NamesEachWrongValueOfACheck) {
+  for (const std::string option :
+       {"--uid", "--gid", "--groups", "--admins-gid", "--powerusers-gid", "--trace-level"}) {
+    expect_wrong({"check", option, "anna", "stat", "Shared"},
+                 "tavrixctl check: " + option + ": \"anna\" is not a number");
+  }
+  for (const std::string option : {"--uid", "--gid", "--admins-gid", "--powerusers-gid"}) {
+    expect_wrong({"check", option, "-7", "stat", "Shared"},
+                 "tavrixctl check: " + option + ": -7 is not in the range 0 to 4294967294");
+  }
+  expect_wrong({"check", "--uid"}, "tavrixctl check: --uid needs a value");
+  expect_wrong({"check", "--uid", "5", "stat"}, "tavrixctl check: PATH is required");
+  expect_wrong({"check", "--uid", "5", "stat", "a", "b"},
+               "tavrixctl check: \"b\" is more than the command takes");
+}
+
+TEST_F(CommandLine, SaysWhatMakesTheGroupMap) {
+  expect_wrong({"groupmap", "show"},
+               "tavrixctl: /etc/tavrix/groupmap_refresh: No such file or directory; \"tavrixctl "
+               "groupmap build\" makes it");
+  expect_wrong({"groupmap", "show", "--file", "/none"},
+               "tavrixctl: /none: No such file or directory");
+}
+
+TEST_F(CommandLine, SaysThatThereIsNoBuffer) {
+  make_dirs("/tavrix/.conf");
+  ASSERT_EQ(0, ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"}).exit_code);
+  expect_wrong({"events", "buffer", "flush"},
+               "tavrixctl: there is no staging buffer of the size in the settings: nothing to "
+               "flush");
+  ASSERT_EQ(0, ctl({"events", "buffer", "create"}).exit_code);
+  expect_wrong({"events", "buffer", "create"},
+               "tavrixctl: cannot make the semaphore: there is one already");
+}
+
+TEST_F(CommandLine, NamesTheSettingThatWasMeant) {
+  const Outcome outcome = ctl({"config", "set", "VFS:debug levle", "1"});
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_EQ(
+      "tavrixctl: VFS:debug levle: no such setting; did you mean \"VFS:debug level\"? \"tavrixctl "
+      "config show\" lists them\n",
+      outcome.err);
+}
+
 TEST_F(CommandLine, SaysThatAFolderIsNoDumpFile) {
   expect_wrong({"events", "decode", "/scratch"},
                "tavrixctl: /scratch is a directory; give its dump files, or --follow /scratch");

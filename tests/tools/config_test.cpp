@@ -38,7 +38,7 @@ TEST_F(Config, LoadsWhatIsShipped) {
 // scripts/generate.sh writes both from the table.
 TEST_F(Config, IsDocumentedAsItsTableSays) {
   EXPECT_EQ(settings_text::shipped_file(), read_file(TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"));
-  EXPECT_TRUE(contains(read_file(TAVRIX_SOURCE_DIR "/docs/man/tavrixctl.8"),
+  EXPECT_TRUE(contains(read_file(TAVRIX_SOURCE_DIR "/docs/man/tavrixctl.1"),
                        ".\\\" the list of settings\n" + settings_text::manual_items() +
                            ".\\\" end of the list of settings\n"));
 }
@@ -53,7 +53,7 @@ TEST_F(Config, TakesEveryShippedValue) {
 TEST_F(Config, ShipsTheValuesThatMissingKeysTake) {
   ASSERT_EQ(0, ctl({"config", "load", TAVRIX_SOURCE_DIR "/packaging/tavrix.conf"}).exit_code);
   const auto shipped = json({"config", "show"});
-  ctl({"config", "remove"});
+  ctl({"config", "remove", "--yes"});
   load("");
   EXPECT_EQ(shipped, json({"config", "show"}));
 }
@@ -100,7 +100,7 @@ TEST_F(Config, LoadsWhileClientsConnect) {
 
 TEST_F(Config, ReplacesABlockOfAnotherSize) {
   for (const std::size_t size : {std::size_t{100}, std::size_t{40000}}) {
-    ctl({"config", "remove"});
+    ctl({"config", "remove", "--yes"});
     ASSERT_NE(-1, shmget(ftok("/dev/null", 3456), size, IPC_CREAT | 0666));
     EXPECT_EQ(0, load("").exit_code);
     EXPECT_EQ(1048576, block()[4].value.intval);
@@ -139,7 +139,7 @@ TEST_F(Config, TakesTheLongestText) {
 
 TEST_F(Config, TakesTheWordsForYesAndNo) {
   for (const char* yes : {"yes", "TRUE", "on", "1"}) {
-    ctl({"config", "remove"});
+    ctl({"config", "remove", "--yes"});
     EXPECT_EQ(0, load(std::string("[SWEEPER]\ndisable sweeper flush = ") + yes + "\n").exit_code);
     EXPECT_EQ(1, block()[3].value.intval) << yes;
   }
@@ -256,7 +256,7 @@ TEST_F(Config, SetsOneSetting) {
 TEST_F(Config, WithoutABlockSaysSo) {
   for (const std::vector<std::string>& words : {std::vector<std::string>{"config", "show"},
                                                 {"config", "set", "VFS:debug level", "1"},
-                                                {"config", "remove"}}) {
+                                                {"config", "remove", "--yes"}}) {
     const Outcome outcome = ctl(words);
     EXPECT_EQ(2, outcome.exit_code);
     EXPECT_TRUE(contains(outcome.err, "there is no parameter block")) << outcome.err;
@@ -274,7 +274,7 @@ TEST_F(Config, RefusesABlockOfAnotherSize) {
 
 TEST_F(Config, Removes) {
   load("");
-  EXPECT_EQ(0, ctl({"config", "remove"}).exit_code);
+  EXPECT_EQ(0, ctl({"config", "remove", "--yes"}).exit_code);
   EXPECT_FALSE(exists_block());
 }
 

@@ -80,10 +80,10 @@ std::vector<Example> silent_commands() {
       {{"config", "set"}, {"VFS:debug level", "0"}, {}},
       {{"config", "load"}, {"/scratch/conf"}, {}},
       {{"events", "buffer", "flush"}, {}, {}},
-      {{"events", "buffer", "remove"}, {}, {}},
+      {{"events", "buffer", "remove"}, {"--yes"}, {}},
       {{"events", "buffer", "create"}, {}, {}},
-      {{"map", "remove"}, {}, {}},
-      {{"config", "remove"}, {}, {}},
+      {{"map", "remove"}, {"--yes"}, {}},
+      {{"config", "remove"}, {"--yes"}, {}},
   };
 }
 

@@ -69,7 +69,7 @@ TEST_F(Loader, TwoRefusalsLieSideBySide) {
 TEST_F(Loader, RestoresTheMapAfterARestart) {
   hand_over(team());
   once();
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   EXPECT_EQ(0, folders_of_current());
   const Outcome outcome = once();
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
@@ -80,7 +80,7 @@ TEST_F(Loader, RestoresTheMapAfterARestart) {
 TEST_F(Loader, PrefersAPairToTheLocalCopy) {
   hand_over(team());
   once();
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   hand_over(wide(9));
   EXPECT_EQ(0, once().exit_code);
   EXPECT_EQ(9, folders_of_current());
@@ -304,7 +304,7 @@ TEST_F(Loader, WatchesItsFolderUntilItIsToldToEnd) {
 }
 
 TEST_F(Loader, IsForTheSuperuserAndNeedsSettings) {
-  ctl({"config", "remove"});
+  ctl({"config", "remove", "--yes"});
   EXPECT_EQ(2, run_program({kLoader, "--once", "--dir", "/dev/null/x"}).exit_code);
   EXPECT_EQ(0, run_program({kLoader, "--help"}).exit_code);
 }

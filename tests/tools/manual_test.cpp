@@ -14,7 +14,7 @@ namespace {
 class Manual : public Operator {
  protected:
   static std::string page(const std::string& name) {
-    return read_file(TAVRIX_SOURCE_DIR "/docs/man/" + name + ".8");
+    return read_file(TAVRIX_SOURCE_DIR "/docs/man/" + name + (name == "tavrixctl" ? ".1" : ".8"));
   }
   // The long options in a help text, but "--help", which the page describes once.
   static std::set<std::string> options(const std::string& help) {

@@ -114,7 +114,7 @@ TEST_F(MapHealing, BringsBackWhatIsLost) {
   for (const Damage& damage : kDamages) {
     for (const int swaps : {1, 2}) {
       SCOPED_TRACE(std::string(damage.name) + " after " + std::to_string(swaps));
-      ctl({"map", "remove"});
+      ctl({"map", "remove", "--yes"});
       remove_all(kCopy + ".mark");
       remove_all(kCopy);
       remove_all(kCopy + ".sha256");
@@ -152,7 +152,7 @@ TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
     for (const char* moment : {"symlink:stop:1", "fsync@.permbe_map:stop:1", "setall:stop:1",
                                "shmrm:stop:1", "open@permission_refresh:stop:1"}) {
       SCOPED_TRACE(std::string(damage.name) + " at " + moment);
-      ctl({"map", "remove"});
+      ctl({"map", "remove", "--yes"});
       for (const char* end : {"", ".mark", ".sha256"}) remove_all(kCopy + end);
       remove_all("/scratch/stop");
       hand_over_generation(1);
@@ -225,7 +225,7 @@ TEST_F(MapHealing, AnOlderCopyIsNotMadeCurrentByItself) {
   const std::string old_copy = read_file(kCopy);
   hand_over_generation(2);
   ASSERT_EQ(0, once().exit_code);
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   write_file(kCopy, old_copy);
   remove_all(kCopy + ".sha256");
   const Outcome outcome = once();

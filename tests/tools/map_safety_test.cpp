@@ -126,7 +126,7 @@ TEST_F(MapSafety, AnImportThatIsKilledIsRecoveredByEverybody) {
                               "/scratch/size.json", "/scratch/data.json"},
                              {}, with_faults("fsync@.permbe_map:kill:1"))
                      .signal);
-    ctl({"map", "remove"});  // as a restart of the machine does
+    ctl({"map", "remove", "--yes"});  // as a restart of the machine does
     if (who == "loader") {
       EXPECT_EQ(0, once().exit_code);
     } else if (who == "restore") {
@@ -145,7 +145,7 @@ TEST_F(MapSafety, AnImportThatIsKilledIsRecoveredByEverybody) {
 TEST_F(MapSafety, RemovingWaitsForAnImport) {
   import(team());
   for (const std::vector<std::string>& words :
-       {std::vector<std::string>{"map", "remove", "--stale"}, {"map", "remove"}}) {
+       {std::vector<std::string>{"map", "remove", "--stale"}, {"map", "remove", "--yes"}}) {
     write_json_pair(wide(30));
     Child importing([&] {
       for (const auto& [name, value] : with_faults("setall:stop:1")) {
@@ -161,7 +161,7 @@ TEST_F(MapSafety, RemovingWaitsForAnImport) {
     kill(importing.pid(), SIGCONT);
     EXPECT_EQ(0, importing.wait().exit_code);
     EXPECT_EQ(0, removing.wait().exit_code);
-    const bool all = words.size() == 2;
+    const bool all = words.back() == "--yes";
     EXPECT_EQ(all ? 0 : 30, folders_of_current());
   }
 }
@@ -192,7 +192,7 @@ TEST_F(MapSafety, ALockThatCannotBeTakenIsAnError) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"map", "import", "/scratch/size.json", "/scratch/data.json"},
         {"map", "restore"},
-        {"map", "remove"},
+        {"map", "remove", "--yes"},
         {"map", "remove", "--stale"}}) {
     std::vector<std::string> argv = words;
     argv.insert(argv.begin(), TAVRIX_BUILD_DIR "/tools/tavrixctl");
@@ -342,7 +342,7 @@ TEST_F(MapSafety, APublishThatFailsLeavesTheCopyOfTheCurrentMap) {
   EXPECT_EQ(1, once_with("setall:1:1:99").exit_code);
   expect_refused_and_kept(5, copy);
   expect_one_refusal_in_log();
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   EXPECT_EQ(0, once().exit_code);
   EXPECT_EQ(5, folders_of_current()) << "a restart makes nothing current that was refused";
 }

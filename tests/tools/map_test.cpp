@@ -18,16 +18,45 @@ TEST_F(Map, ImportsAndMakesTheMapCurrent) {
   const Outcome outcome = import(team());
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
   EXPECT_EQ("table 1 is current: 5 folders, 5 entries, 562 B\n", outcome.out);
-  EXPECT_FALSE(exists("/scratch/size.json"));
   EXPECT_TRUE(exists("/etc/tavrix/.permbe_map"));
   EXPECT_EQ(1, segments_in_use());
+}
+
+TEST_F(Map, KeepsTheFilesOfTheOperator) {
+  ASSERT_EQ(0, import(team()).exit_code);
+  EXPECT_TRUE(exists("/scratch/size.json") && exists("/scratch/data.json"));
+  const Outcome again =
+      ctl({"map", "import", "--trust", "/scratch/size.json", "/scratch/data.json"});
+  EXPECT_EQ(0, again.exit_code) << again.err;
+  EXPECT_TRUE(exists("/scratch/size.json") && exists("/scratch/data.json"));
+}
+
+TEST_F(Map, ConsumesTheFilesOnRequest) {
+  write_json_pair(team());
+  const Outcome outcome =
+      ctl({"map", "import", "--consume", "/scratch/size.json", "/scratch/data.json"});
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_FALSE(exists("/scratch/size.json") || exists("/scratch/data.json"));
+}
+
+TEST_F(Map, ConsumesNothingThatDidNotBecomeCurrent) {
+  write_json_pair(team());
+  write_file("/scratch/data.json", "garbage");
+  const std::vector<std::string> words = {"map", "import", "--consume", "/scratch/size.json",
+                                          "/scratch/data.json"};
+  for (const bool is_trusted : {false, true}) {
+    std::vector<std::string> line = words;
+    if (is_trusted) line.emplace_back("--trust");
+    EXPECT_NE(0, ctl(line).exit_code);
+    EXPECT_TRUE(exists("/scratch/size.json") && exists("/scratch/data.json"));
+  }
 }
 
 TEST_F(Map, ImportsAgainInTheOtherTable) {
   import(team());
   const Outcome outcome = import({.name = "/"});
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
-  EXPECT_TRUE(contains(outcome.out, "table 0 is current: 1 folders"));
+  EXPECT_TRUE(contains(outcome.out, "table 0 is current: 1 folder, "));
   EXPECT_EQ(1, segments_in_use());
   EXPECT_EQ(1, json({"map", "info"})["map"]["folders"]);
 }
@@ -96,7 +125,7 @@ TEST_F(Map, NeedsItsFiles) {
 
 TEST_F(Map, RestoresTheLocalCopy) {
   import(team());
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   EXPECT_EQ(0, segments_in_use());
   const Outcome outcome = ctl({"map", "restore"});
   EXPECT_EQ(0, outcome.exit_code) << outcome.err;
@@ -109,7 +138,7 @@ TEST_F(Map, RestoresNothingThatIsBroken) {
   std::string copy = read_file("/etc/tavrix/.permbe_map");
   copy[200] = 'x';
   write_file("/etc/tavrix/.permbe_map", copy);
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   const Outcome outcome = ctl({"map", "restore"});
   EXPECT_EQ(2, outcome.exit_code);
   EXPECT_TRUE(contains(outcome.err, "is not a sound image")) << outcome.err;
@@ -149,9 +178,8 @@ TEST_F(Map, ShowsATreeThatIsDeeperThanAStack) {
 
 TEST_F(Map, ShowsItsTree) {
   import(team());
-  EXPECT_EQ(
-      "/  (1 entries)\n  Shared\n    Team  (3 entries)\n      Docs\n      Secret  (1 entries)\n",
-      ctl({"map", "tree", "--depth", "9"}).out);
+  EXPECT_EQ("/  (1 entry)\n  Shared\n    Team  (3 entries)\n      Docs\n      Secret  (1 entry)\n",
+            ctl({"map", "tree", "--depth", "9"}).out);
   EXPECT_EQ("Team  (3 entries)\n", ctl({"map", "tree", "shared/TEAM", "--depth", "0"}).out);
   EXPECT_EQ("Docs", json({"map", "tree", "Shared/Team"})["children"][0]["name"]);
   EXPECT_EQ(1, ctl({"map", "tree", "Nowhere"}).exit_code);
@@ -191,7 +219,7 @@ TEST_F(Map, ShowsNamesOfAnyBytes) {
 
 TEST_F(Map, LooksAtFilesToo) {
   import(team());
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   EXPECT_EQ(5, json({"map", "info", "--file", "/etc/tavrix/.permbe_map"})["map"]["folders"]);
   EXPECT_EQ(0, ctl({"map", "verify", "/etc/tavrix/.permbe_map"}).exit_code);
   EXPECT_EQ(
@@ -237,10 +265,10 @@ TEST_F(Map, LintsWithExitCodes) {
 
 TEST_F(Map, RemovesEverything) {
   import(team());
-  EXPECT_EQ(0, ctl({"map", "remove"}).exit_code);
+  EXPECT_EQ(0, ctl({"map", "remove", "--yes"}).exit_code);
   EXPECT_EQ(0, segments_in_use());
   EXPECT_EQ(-1, semget(ftok("/dev/null", 7065), 0, 0));
-  EXPECT_EQ(0, ctl({"map", "remove"}).exit_code);
+  EXPECT_EQ(0, ctl({"map", "remove", "--yes"}).exit_code);
 }
 
 // --- check ---------------------------------------------------------------------------------------
@@ -321,7 +349,7 @@ TEST_F(Check, RefusesToAskWhatHasNoRule) {
 }
 
 TEST_F(Check, WithoutAMapFails) {
-  ctl({"map", "remove"});
+  ctl({"map", "remove", "--yes"});
   const Outcome outcome = ask({"--uid", "1001", "--groups", "9002", "stat", "Shared/Team"});
   EXPECT_EQ(2, outcome.exit_code);
   EXPECT_EQ("system error\n", outcome.out);

@@ -64,15 +64,17 @@ class Operator : public Isolated {
     words.insert(words.begin(), "--json");
     return nlohmann::json::parse(ctl(words).out);
   }
-  // The names under "Subcommands:" of a help text.
+  // The names under the headings of commands in a help text.
   static std::set<std::string> subcommands(std::vector<std::string> words) {
     words.emplace_back("--help");
     std::istringstream in(ctl(words).out);
     std::set<std::string> names;
     bool is_list = false;
     for (std::string line; std::getline(in, line);) {
-      if (line == "Subcommands:") {
-        is_list = true;
+      if (!line.starts_with(' ')) {
+        static const std::set<std::string> kOthers = {
+            "Arguments:", "Options:", "Options of all commands:", "Examples:"};
+        is_list = line.ends_with(':') && !kOthers.contains(line);
       } else if (is_list) {
         std::smatch part;
         if (std::regex_search(line, part, std::regex("^  ([a-z]+)"))) names.insert(part[1]);

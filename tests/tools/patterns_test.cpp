@@ -43,7 +43,7 @@ TEST_F(Patterns, ALineThatMatchesEveryNameIsAnError) {
     const Outcome outcome = check("^a$\n" + line + "\n^b$\n");
     EXPECT_EQ(1, outcome.exit_code) << line;
     EXPECT_TRUE(outcome.out.starts_with(kFile + ":2: error: ")) << outcome.out;
-    EXPECT_TRUE(contains(outcome.out, "1 errors, 0 warnings; the server uses none of them"))
+    EXPECT_TRUE(contains(outcome.out, "1 error, 0 warnings; the server uses none of them"))
         << outcome.out;
   }
 }

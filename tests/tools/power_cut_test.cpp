@@ -33,7 +33,7 @@ class PowerCut : public Loader {
 
   // The state after a boot: the files of the disk, and nothing in memory but the settings.
   static void boot(const State& state) {
-    ctl({"map", "remove"});
+    ctl({"map", "remove", "--yes"});
     for (const std::string& folder : {std::string("/etc/tavrix"), kInbox}) {
       remove_all(folder);
       make_dirs(folder);

@@ -87,7 +87,7 @@ TEST_F(Sweeper, AsksForARescanWhenTheBufferIsDamaged) {
 }
 
 TEST_F(Sweeper, NeedsSettings) {
-  ctl({"config", "remove"});
+  ctl({"config", "remove", "--yes"});
   const Outcome outcome = once();
   EXPECT_EQ(2, outcome.exit_code);
   EXPECT_TRUE(contains(outcome.err, "there are no settings")) << outcome.err;
@@ -114,9 +114,9 @@ TEST_F(Sweeper, BufferCommandsMakeFlushAndRemove) {
   send("a");
   EXPECT_EQ(0, ctl({"events", "buffer", "flush"}).exit_code);
   EXPECT_EQ(Paths{"a"}, dumped());
-  EXPECT_EQ(0, ctl({"events", "buffer", "remove"}).exit_code);
-  EXPECT_EQ(2, ctl({"events", "buffer", "remove"}).exit_code);
-  ctl({"config", "remove"});
+  EXPECT_EQ(0, ctl({"events", "buffer", "remove", "--yes"}).exit_code);
+  EXPECT_EQ(2, ctl({"events", "buffer", "remove", "--yes"}).exit_code);
+  ctl({"config", "remove", "--yes"});
   EXPECT_EQ(2, ctl({"events", "buffer", "show"}).exit_code);
 }
 
@@ -263,7 +263,7 @@ TEST_F(Sweeper, LeavesASemaphoreAloneThatSomebodyHolds) {
 // --- settings from a file ------------------------------------------------------------------------
 
 TEST_F(Sweeper, ReadsItsFileAtTheStartAndOnReload) {
-  ctl({"config", "remove"});
+  ctl({"config", "remove", "--yes"});
   write_settings(65536, 3600);
   const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   use_settings();
@@ -287,7 +287,7 @@ TEST_F(Sweeper, GoesOnWithTheSettingsOfBeforeWhenItsFileHasAMistake) {
 }
 
 TEST_F(Sweeper, BeginsWithTheLastGoodFileAfterABoot) {
-  ctl({"config", "remove"});
+  ctl({"config", "remove", "--yes"});
   write_file(kConf, "[SWEEPER]\nflush perood = 3\n");
   const auto sweeper = daemon({.with_file = true, .haste = kHaste});
   use_settings();

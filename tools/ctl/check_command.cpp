@@ -13,9 +13,12 @@
 
 #include "perm_enforcer.h"
 #include "tavrix_getgrouplist.h"
+#include "tools/cli/completion.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/survive.hpp"
 #include "tools/groupmap/group_map.hpp"
 
 namespace tavrix::ctl {
@@ -230,11 +233,17 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
   std::string names;
   for (const Operation& operation : kOperations)
     names += std::string(names.empty() ? "" : ", ") + operation.name;
-  check_command->add_option("OP", question.operation, names)->required();
+  cli::complete_with(check_command->add_option("OP", question.operation, names)->required(), [] {
+    std::vector<std::string> words;
+    for (const Operation& operation : kOperations) words.emplace_back(operation.name);
+    return words;
+  });
   check_command
       ->add_option("PATH", question.path, "relative to the share, as in Shared/Team/plan.txt")
       ->required();
-  auto* user = check_command->add_option("--user", question.user, "a user of this machine");
+  auto* user = check_command->add_option("--user", question.user, "a user of this machine")
+                   ->type_name("USER");
+  cli::complete_with(user, groupmap::known_users);
   auto* uid = check_command->add_option("--uid", question.uid, "any user id, instead of a user")
                   ->check(CLI::Range(0L, 4294967294L));
   user->excludes(uid);
@@ -244,20 +253,36 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
                      ->add_option("--groups", question.groups,
                                   "the user's other groups (default: by the group list map)")
                      ->delimiter(',')
+                     ->type_name("N,...")
                      ->allow_extra_args(false);
-  check_command->add_option("--admins-gid", question.admins,
-                            "the administrators' group (default: tavrix-admins)");
-  check_command->add_option("--powerusers-gid", question.power_users,
-                            "the power users' group (default: tavrix-powerusers)");
-  check_command->add_option("--root", question.root, "the share's root")->capture_default_str();
+  check_command
+      ->add_option("--admins-gid", question.admins,
+                   "the administrators' group (default: tavrix-admins)")
+      ->check(CLI::Range(0L, 4294967294L));
+  check_command
+      ->add_option("--powerusers-gid", question.power_users,
+                   "the power users' group (default: tavrix-powerusers)")
+      ->check(CLI::Range(0L, 4294967294L));
+  check_command->add_option("--root", question.root, "the share's root")
+      ->type_name("DIR")
+      ->capture_default_str();
   check_command->add_flag("--trace", question.trace, "show how the verdict is reached");
   check_command->add_option("--trace-level", question.trace_level, "debug level of --trace")
+      ->check(CLI::Range(-1, 10))
       ->capture_default_str();
   check_command->callback([&options, &action, groups, user, uid] {
     if (user->count() + uid->count() == 0) throw CLI::RequiredError("--user or --uid");
     question.groups_given = groups->count() > 0;
-    action = [&options] { return check(options, question); };
+    action = [&options] {
+      return survive("the check", [&options] { return check(options, question); });
+    };
   });
+  cli::add_examples(
+      *check_command,
+      {{"tavrixctl check --user anna open-write Shared/Team/plan.txt", "may anna write the file?"},
+       {"tavrixctl check --uid 1001 --groups 2000,2001 readdir Shared/Team --trace",
+        "how is the verdict reached?"},
+       {"tavrixctl --json check --user anna stat Shared", "for a program"}});
 }
 
 const Command registered(30, add_check_command);

@@ -17,6 +17,7 @@ constexpr int kFailure = 2;  // wrong usage, or the answer is not known
 struct Options {
   bool json = false;
   bool verbose = false;
+  bool no_progress = false;
   bool needs_root = true;  // the command that the user chose may clear it
 };
 
@@ -24,7 +25,8 @@ struct Options {
 using Action = std::function<int()>;
 
 // A command at the top level, such as "config". The file of a command defines one of these, and
-// main() finds it: there is no list to add it to. Commands stand in the help text by their place.
+// main() finds it: there is no list to add it to. Commands stand in the help text by their place,
+// under the heading that commands.cpp has for it.
 class Command {
  public:
   using Add = void (*)(CLI::App& app, Options& options, Action& action);

@@ -4,9 +4,15 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "tavrix_vfs_utils.h"
+#include "tools/cli/command_line.hpp"
+#include "tools/cli/completion.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
+#include "tools/ctl/confirm.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/parameter_block.hpp"
@@ -81,10 +87,18 @@ int show(const Options& options, bool explain) {
   return kYes;
 }
 
+std::vector<std::string> setting_names() {
+  std::vector<std::string> names;
+  for (const Setting& setting : settings()) names.emplace_back(setting.name);
+  return names;
+}
+
 int set(const std::string& name, const std::string& text) {
   const Setting* setting = find_setting(name);
   if (setting == nullptr) {
-    complain("{}: no such setting; \"tavrixctl config show\" lists them", name);
+    const std::string meant = cli::nearest(name, setting_names());
+    complain("{}: no such setting; {}\"tavrixctl config show\" lists them", name,
+             meant.empty() ? "" : fmt::format("did you mean \"{}\"? ", meant));
     return kFailure;
   }
   std::string reason;
@@ -100,7 +114,12 @@ int set(const std::string& name, const std::string& text) {
   return kYes;
 }
 
-int remove() {
+int remove(const Confirmation& confirmation) {
+  if (const auto refusal = confirmation.refusal(
+          "Nobody can connect without the settings. Remove the parameter block?");
+      refusal) {
+    return *refusal;
+  }
   set_debug_level(-1);
   if (remove_config_buffer() == 0) return kYes;
   complain("there is no parameter block");
@@ -114,7 +133,7 @@ void add_config_commands(CLI::App& app, Options& options, Action& action) {
   static std::string file, key, value;
   CLI::App* load_command = config->add_subcommand(
       "load", "Fill the parameter block from an INI file, and make the block if there is none");
-  load_command->add_option("FILE", file, "the settings file")->required();
+  load_command->add_option("FILE", file, "the settings file")->required()->type_name("FILE");
   load_command->callback([&action] { action = [] { return load(file); }; });
 
   static bool explain = false;
@@ -125,13 +144,29 @@ void add_config_commands(CLI::App& app, Options& options, Action& action) {
 
   CLI::App* set_command =
       config->add_subcommand("set", "Change one setting; processes see it at their next snapshot");
-  set_command->add_option("KEY", key, "\"SECTION:key\", as in \"VFS:debug level\"")->required();
+  CLI::Option* key_option =
+      set_command->add_option("KEY", key, "\"SECTION:key\", as in \"VFS:debug level\"")->required();
   set_command->add_option("VALUE", value, "the value")->required();
+  cli::complete_with(key_option, setting_names);
   set_command->callback([&action] { action = [] { return set(key, value); }; });
 
-  config->add_subcommand("remove", "Remove the parameter block")->callback([&action] {
-    action = [] { return remove(); };
-  });
+  static Confirmation confirmation;
+  CLI::App* remove_command = config->add_subcommand("remove", "Remove the parameter block");
+  confirmation.add_to(*remove_command);
+  remove_command->callback([&action] { action = [] { return remove(confirmation); }; });
+
+  cli::add_examples(*config, {{"tavrixctl config show", "the settings in force"},
+                              {"tavrixctl config set 'VFS:debug level' 3", "log more"}});
+  cli::add_examples(*load_command, {{"tavrixctl config load /etc/tavrix/tavrix.conf",
+                                     "put the settings of the file in force"}});
+  cli::add_examples(*show_command,
+                    {{"tavrixctl config show --explain", "each setting, and what it is for"},
+                     {"tavrixctl --json config show", "the settings, for a program"}});
+  cli::add_examples(*set_command, {{"tavrixctl config set 'VFS:debug level' 3",
+                                    "log more, until the settings are loaded again"}});
+  cli::add_examples(*remove_command,
+                    {{"tavrixctl config remove", "asks first"},
+                     {"tavrixctl config remove --yes", "in a script, where nobody can answer"}});
 }
 
 const Command registered(10, add_config_commands);

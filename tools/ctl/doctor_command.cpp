@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
@@ -51,9 +52,13 @@ void add_doctor_command(CLI::App& app, Options& options, Action& action) {
   static doctor::Places places;
   CLI::App* command = app.add_subcommand(
       "doctor", "Find what breaks shares (exit 0: nothing, 1: a warning, 2: critical)");
-  command->add_option("--smb-conf", places.smb_conf, "the server's settings file");
+  command->add_option("--smb-conf", places.smb_conf, "the server's settings file")
+      ->type_name("FILE");
   command->add_option("--dir", places.inbox, "the folder in which maps are handed over")
+      ->type_name("DIR")
       ->capture_default_str();
+  cli::add_examples(*command, {{"tavrixctl doctor", "what breaks shares, and what to do"},
+                               {"tavrixctl --json doctor", "the same, for a program"}});
   command->callback([&options, &action] {
     options.needs_root = false;
     action = [&options] { return examine(options, places); };

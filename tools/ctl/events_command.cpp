@@ -21,12 +21,15 @@
 #include <vector>
 
 #include "eventstore.h"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
+#include "tools/ctl/confirm.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/shared_settings.hpp"
 #include "tools/events/dump_reader.hpp"
 #include "tools/events/record_fields.hpp"
+#include "tools/text/counted.hpp"
 #include "utils/staging/staging.hpp"
 
 namespace tavrix::ctl {
@@ -123,6 +126,7 @@ struct Sink {
 // Puts one payload into the sink; false when it is no record of the kind.
 struct Kind {
   const char* schema;
+  const char* folder;  // of the dump files, by the shipped settings
   bool (*decode)(std::string_view payload, const Sink& sink);
 };
 constexpr const char* kEventSchema = "events-decode";
@@ -240,13 +244,25 @@ void add_decode(CLI::App& parent, DecodeArguments& arguments, const Kind& kind, 
                 Action& action) {
   CLI::App* command = parent.add_subcommand(
       "decode", "Print dump files as JSON, one line per record (exit 1: a torn record)");
-  command->add_option("FILE", arguments.files, "dump files");
-  command->add_option("--follow", arguments.folder,
-                      "print the dump files that come into a folder, until interrupted");
+  command->add_option("FILE", arguments.files, "dump files")->type_name("FILE");
+  command
+      ->add_option("--follow", arguments.folder,
+                   "print the dump files that come into a folder, until interrupted")
+      ->type_name("DIR");
   command->add_flag("--stats", arguments.stats, "print counts instead");
   command->callback([&action, &options, &arguments, kind] {
     action = [&options, &arguments, kind] { return decode_all(options, arguments, kind); };
   });
+  const std::string name = "tavrixctl " + parent.get_name() + " decode ";
+  const std::string folder = kind.folder;
+  cli::add_examples(*command,
+                    {{name + folder + "/pending_*", "all records that wait for the agent"},
+                     {name + "--stats " + folder + "/pending_*", "how many of which kind"},
+                     {name + "--follow " + folder, "each new record, until Ctrl-C"},
+                     {"tavrixctl --json " + parent.get_name() + " decode " + folder + "/pending_*",
+                      "with the name of its schema in each line"}});
+  cli::add_examples(parent,
+                    {{name + folder + "/pending_*", "all records that wait for the agent"}});
 }
 
 // --- the staging buffer --------------------------------------------------------------------------
@@ -273,7 +289,8 @@ int show_buffer(const Options& options) {
   } else if (!buffer) {
     fmt::print("there is no staging buffer of the size in the settings\n");
   } else {
-    fmt::print("{} records, {} of {} used; writers flush at {}\n", json["records"].get<uint32_t>(),
+    fmt::print("{}, {} of {} used; writers flush at {}\n",
+               text::counted(json["records"].get<uint32_t>(), "record"),
                human_bytes(json["used"].get<uint32_t>()),
                human_bytes(json["bytes"].get<uint32_t>()),
                human_bytes(json["threshold"].get<uint32_t>()));
@@ -292,7 +309,8 @@ int show_buffer(const Options& options) {
 
 int create_buffer() {
   if (create_eventstore_staging_semaphore() != 1) {
-    complain("cannot make the semaphore: {}", std::strerror(errno));
+    complain("cannot make the semaphore: {}",
+             errno == EEXIST ? "there is one already" : std::strerror(errno));
     return kFailure;
   }
   if (create_staging_buffer() == 0) return kYes;
@@ -303,12 +321,21 @@ int create_buffer() {
 // Flushes as a disconnecting client does, because that context tolerates the most failures: records
 // that cannot be flushed stay in the buffer.
 int flush_buffer() {
+  if (!StagingAttachment(get_eventstore_staging_buffer())) {
+    complain("there is no staging buffer of the size in the settings: nothing to flush");
+    return kFailure;
+  }
   if (flush_staging_buffer(FB_CTX_DISCON) == 1) return kYes;
   complain("the records could not be flushed and stay in the buffer");
   return kFailure;
 }
 
-int remove_buffer() {
+int remove_buffer(const Confirmation& confirmation) {
+  if (const auto refusal = confirmation.refusal(
+          "Events in the staging buffer and new ones are lost. Remove the buffer?");
+      refusal) {
+    return *refusal;
+  }
   const bool semaphore = destroy_eventstore_staging_buffer_semaphore() == 1;
   const bool segment = remove_staging_buffers() == 0;
   if (!segment) complain("no segment of 20800 bytes or more was found");
@@ -320,28 +347,47 @@ void add_events_commands(CLI::App& app, Options& options, Action& action) {
   static DecodeArguments event_arguments, audit_arguments;
   CLI::App* events = app.add_subcommand("events", "Events: dump files and the staging buffer");
   events->require_subcommand(1);
-  add_decode(*events, event_arguments, {kEventSchema, decode_event}, options, action);
+  add_decode(*events, event_arguments, {kEventSchema, "/tavrix/.conf/staging", decode_event},
+             options, action);
 
   CLI::App* audit = app.add_subcommand("audit", "Audit records");
   audit->require_subcommand(1);
-  add_decode(*audit, audit_arguments, {kAuditSchema, decode_audit}, options, action);
+  add_decode(*audit, audit_arguments, {kAuditSchema, "/tavrix/.conf/auditing", decode_audit},
+             options, action);
 
   CLI::App* buffer = events->add_subcommand("buffer", "The staging buffer");
   buffer->require_subcommand(1);
-  const auto add = [&](const char* name, const char* help, const std::function<int()>& work) {
-    buffer->add_subcommand(name, help)->callback([&action, &options, work] {
+  const auto add = [&](const char* name, const char* help, const char* purpose,
+                       const std::function<int()>& work) {
+    CLI::App* command = buffer->add_subcommand(name, help);
+    cli::add_examples(*command, {{std::string("tavrixctl events buffer ") + name, purpose}});
+    command->callback([&action, &options, work] {
       action = [&options, work] {
         if (!use_shared_settings()) return kFailure;
         if (!options.verbose) set_debug_level(-1);
         return work();
       };
     });
+    return command;
   };
-  add("show", "Show fill level, records and semaphore (exit 1: something is missing)",
-      [&options] { return show_buffer(options); });
-  add("create", "Make the semaphore and the segment, as the sweeper does", create_buffer);
-  add("flush", "Write the records to a dump file", flush_buffer);
-  add("remove", "Remove the semaphore and the segment, with its records", remove_buffer);
+  static Confirmation confirmation;
+  CLI::App* show =
+      add("show", "Show fill level, records and semaphore (exit 1: something is missing)",
+          "how much waits for the next flush?", [&options] { return show_buffer(options); });
+  add("create", "Make the semaphore and the segment, as the sweeper does",
+      "make what is missing, if no sweeper runs", create_buffer);
+  add("flush", "Write the records to a dump file", "hand the records to the agent now",
+      flush_buffer);
+  CLI::App* remove = add("remove", "Remove the semaphore and the segment, with its records",
+                         "asks first", [] { return remove_buffer(confirmation); });
+  confirmation.add_to(*remove);
+  cli::add_examples(*show, {{"tavrixctl events buffer show", "how much waits for the next flush?"},
+                            {"tavrixctl --json events buffer show", "the same, for a program"}});
+  cli::add_examples(
+      *remove, {{"tavrixctl events buffer remove", "asks first"},
+                {"tavrixctl events buffer remove --yes", "in a script, where nobody can answer"}});
+  cli::add_examples(*buffer,
+                    {{"tavrixctl events buffer show", "how much waits for the next flush?"}});
 }
 
 const Command registered(50, add_events_commands);

@@ -12,9 +12,12 @@
 #include <stdexcept>
 
 #include "tavrix_getgrouplist.h"
+#include "tools/cli/completion.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/groupmap/group_map.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -24,7 +27,9 @@ using groupmap::GroupMap;
 std::optional<std::string> content_of(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (in) return std::string{std::istreambuf_iterator<char>(in), {}};
-  complain("{}: {}", path, std::strerror(errno));
+  const bool is_none_made = errno == ENOENT && path == TAVRIX_GROUPMAP_PATH;
+  complain("{}: {}{}", path, std::strerror(errno),
+           is_none_made ? "; \"tavrixctl groupmap build\" makes it" : "");
   return std::nullopt;
 }
 
@@ -79,7 +84,8 @@ int build(const Options& options, const std::string& source, bool from_system,
     json["reserved_groups"] = map.reserved.size();
     print(json);
   } else {
-    fmt::print("{}: {} users, {} reserved groups\n", target, map.users.size(), map.reserved.size());
+    fmt::print("{}: {}, {}\n", target, text::counted(map.users.size(), "user"),
+               text::counted(map.reserved.size(), "reserved group"));
   }
   return kYes;
 }
@@ -138,7 +144,7 @@ int verify(const Options& options, const std::string& path) {
     print(json);
   } else {
     print_findings(findings);
-    fmt::print("{}: {} errors, {} warnings\n", path, findings.errors(), findings.warnings());
+    fmt::print("{}: {}\n", path, counts(findings));
   }
   return findings.errors() == 0 ? kYes : kNo;
 }
@@ -151,24 +157,42 @@ void add_groupmap_commands(CLI::App& app, Options& options, Action& action) {
   static bool from_system = false;
 
   CLI::App* build_command = groupmap->add_subcommand("build", "Write a group list map file");
-  build_command->add_option("FILE", source,
-                            "JSON: {\"reserved\": {NAME: GID}, \"users\": {NAME: [GID, ...]}}");
+  build_command
+      ->add_option("FILE", source,
+                   "JSON: {\"reserved\": {NAME: GID}, \"users\": {NAME: [GID, ...]}}")
+      ->type_name("FILE");
   build_command->add_flag("--from-system", from_system,
                           "take the users and groups of this machine");
-  build_command->add_option("-o,--output", target, "the file to replace")->required();
+  build_command->add_option("-o,--output", target, "the file to replace")
+      ->required()
+      ->type_name("FILE");
   build_command->callback(
       [&] { action = [&options] { return build(options, source, from_system, target); }; });
 
   CLI::App* show_command =
       groupmap->add_subcommand("show", "Print users and their groups (exit 1: no such user)");
-  show_command->add_option("USER", user, "only this user");
-  show_command->add_option("--file", path, "the map")->capture_default_str();
+  cli::complete_with(show_command->add_option("USER", user, "only this user"),
+                     groupmap::known_users);
+  show_command->add_option("--file", path, "the map")->capture_default_str()->type_name("FILE");
   show_command->callback([&] { action = [&options] { return show(options, path, user); }; });
 
   CLI::App* verify_command =
       groupmap->add_subcommand("verify", "Check every offset and sum (exit 1: the map is broken)");
-  verify_command->add_option("FILE", path, "the map")->capture_default_str();
+  verify_command->add_option("FILE", path, "the map")->capture_default_str()->type_name("FILE");
   verify_command->callback([&] { action = [&options] { return verify(options, path); }; });
+
+  cli::add_examples(*groupmap, {{"tavrixctl groupmap show anna", "the groups of a user"},
+                                {"tavrixctl groupmap verify", "is the map in force sound?"}});
+  cli::add_examples(
+      *build_command,
+      {{"tavrixctl groupmap build --from-system -o /etc/tavrix/groupmap_refresh",
+        "from the users and groups of this machine"},
+       {"tavrixctl --json groupmap build groups.json -o groupmap", "from a file, into another"}});
+  cli::add_examples(*show_command, {{"tavrixctl groupmap show", "all users"},
+                                    {"tavrixctl groupmap show anna", "one user"},
+                                    {"tavrixctl --json groupmap show", "for a program"}});
+  cli::add_examples(*verify_command, {{"tavrixctl groupmap verify", "is the map in force sound?"},
+                                      {"tavrixctl --json groupmap verify", "for a program"}});
 }
 
 const Command registered(40, add_groupmap_commands);

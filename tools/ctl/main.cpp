@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "tools/cli/command_line.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
@@ -15,12 +16,17 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(
       "Exit codes: 0 yes or done; 1 no, refused or broken; 2 wrong usage or failure.\n"
-      "Run it as root: the map is closed to everybody else. \"status\" and \"doctor\" tell others "
-      "what\n"
-      "they may see.");
+      "Run it as root; \"status\" and \"doctor\" tell others what they may see.\n"
+      "\"tavrixctl help COMMAND\" says more, and so does tavrixctl(1).");
+  tavrix::cli::add_examples(
+      app,
+      {{"tavrixctl status", "is it well, and what is to be done?"},
+       {"tavrixctl check --user anna open-write Shared/Team/plan.txt", "may anna write the file?"},
+       {"tavrixctl --json map info", "the map in force, for a program"}});
   Options options;
   app.add_flag("--json", options.json, "print data as JSON");
   app.add_flag("-v,--verbose", options.verbose, "show what the library prints and logs");
+  app.add_flag("--no-progress", options.no_progress, "draw no progress bars on the terminal");
   app.fallthrough();
 
   Action action;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map lint and map verify: checks that change nothing.
 
+#include "tools/cli/help.hpp"
+#include "tools/cli/progress.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
@@ -8,13 +10,18 @@
 #include "tools/mapcheck/verify.hpp"
 #include "tools/mapload/mark.hpp"
 #include "tools/mapload/paths.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
 
 int lint(const Options& options, const std::string& size_path, const std::string& data_path) {
   std::string error;
-  const auto result = mapcheck::lint_files(size_path, data_path, error);
+  cli::ProgressBar bar(!options.no_progress);
+  const auto result = mapcheck::lint_files(
+      size_path, data_path, error,
+      [&bar](uint64_t done, uint64_t bytes) { bar.show("checking", done, bytes); });
+  bar.clear();
   if (!result) {
     complain("{}", error);
     return kFailure;
@@ -35,10 +42,11 @@ int lint(const Options& options, const std::string& size_path, const std::string
     print(json);
   } else {
     print_findings(result->findings);
-    fmt::print("{} folders, {} entries, {} bytes of names; {} deep, {} wide; image {}\n",
-               found.folders, found.aces, found.name_bytes, found.deepest, found.widest,
+    fmt::print("{}, {}, {} of names; {} deep, {} wide; image {}\n",
+               text::counted(found.folders, "folder"), text::counted(found.aces, "entry"),
+               text::counted(found.name_bytes, "byte"), found.deepest, found.widest,
                human_bytes(result->image_bytes));
-    fmt::print("{} errors, {} warnings\n", result->findings.errors(), result->findings.warnings());
+    fmt::print("{}\n", counts(result->findings));
   }
   return result->findings.errors() == 0 ? kYes : kNo;
 }
@@ -75,7 +83,11 @@ void check_checksum(const std::string& path, const Image& image, mapcheck::Findi
 int verify(const Options& options, const std::string& path) {
   const auto image = path.empty() ? Image::current() : Image::file(path);
   if (!image) return kFailure;
-  mapcheck::Findings findings = mapcheck::verify(image->bytes());
+  cli::ProgressBar bar(!options.no_progress);
+  mapcheck::Findings findings = mapcheck::verify(
+      image->bytes(),
+      [&bar](uint64_t done, uint64_t folders) { bar.show("verifying", done, folders); });
+  bar.clear();
   check_checksum(path, *image, findings);
   if (options.json) {
     Json json = document("map-verify");
@@ -85,8 +97,8 @@ int verify(const Options& options, const std::string& path) {
     print(json);
   } else {
     print_findings(findings);
-    fmt::print("{}: {}, {} errors, {} warnings\n", image->origin(),
-               human_bytes(image->bytes().size()), findings.errors(), findings.warnings());
+    fmt::print("{}: {}, {}\n", image->origin(), human_bytes(image->bytes().size()),
+               counts(findings));
   }
   return findings.errors() == 0 ? kYes : kNo;
 }
@@ -97,15 +109,24 @@ void add_map_check_commands(CLI::App& map, Options& options, Action& action) {
   static std::string size_path, data_path, image_path;
   CLI::App* lint_command = map.add_subcommand(
       "lint", "Check a size file and a data file without importing them (exit 1: errors)");
-  lint_command->add_option("SIZE", size_path, "the size file")->required();
-  lint_command->add_option("DATA", data_path, "the data file")->required();
+  lint_command->add_option("SIZE", size_path, "the size file")->required()->type_name("FILE");
+  lint_command->add_option("DATA", data_path, "the data file")->required()->type_name("FILE");
   lint_command->callback(
       [&] { action = [&options] { return lint(options, size_path, data_path); }; });
 
   CLI::App* verify_command = map.add_subcommand(
       "verify", "Check every record and link of an image (exit 1: it is broken)");
-  verify_command->add_option("FILE", image_path, "a local copy; without it, the current table");
+  verify_command->add_option("FILE", image_path, "a local copy; without it, the current table")
+      ->type_name("FILE");
   verify_command->callback([&] { action = [&options] { return verify(options, image_path); }; });
+
+  cli::add_examples(*lint_command,
+                    {{"tavrixctl map lint size.json data.json", "are the files fit for an import?"},
+                     {"tavrixctl --json map lint size.json data.json", "the same, for a program"}});
+  cli::add_examples(*verify_command,
+                    {{"tavrixctl map verify", "is the map in force sound?"},
+                     {"tavrixctl map verify /etc/tavrix/.permbe_map", "is the local copy sound?"},
+                     {"tavrixctl --json map verify", "the same, for a program"}});
 }
 
 }  // namespace tavrix::ctl

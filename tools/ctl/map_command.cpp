@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
+#include "tools/ctl/confirm.hpp"
 #include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapload/recovery.hpp"
@@ -30,7 +32,14 @@ int remove_stale() {
   return removed < 0 ? kFailure : kYes;
 }
 
-int remove(bool only_stale) {
+int remove(bool only_stale, const Confirmation& confirmation) {
+  if (!only_stale) {
+    if (const auto refusal =
+            confirmation.refusal("Nobody can see the share without a map. Remove the current one?");
+        refusal) {
+      return *refusal;
+    }
+  }
   // With the lock no import is running: one would lose its table, or publish a map afterwards.
   const Fd lock = lock_or_complain();
   if (!lock) return kFailure;
@@ -57,7 +66,18 @@ void add_map_commands(CLI::App& app, Options& options, Action& action) {
       "remove", "Remove the tables and the semaphores; readers keep what they have attached");
   remove_command->add_flag("--stale", only_stale,
                            "only the table that is not the published one, left by a failed import");
-  remove_command->callback([&action] { action = [] { return remove(only_stale); }; });
+  static Confirmation confirmation;
+  confirmation.add_to(*remove_command);
+  remove_command->callback([&action] { action = [] { return remove(only_stale, confirmation); }; });
+
+  cli::add_examples(*map,
+                    {{"tavrixctl map info", "the map in force"},
+                     {"tavrixctl map lint size.json data.json", "are the files fit for an import?"},
+                     {"tavrixctl map acl Shared/Team", "who may do what in a folder"}});
+  cli::add_examples(*remove_command,
+                    {{"tavrixctl map remove --stale", "the table that a failed import left"},
+                     {"tavrixctl map remove", "the map in force; asks first"},
+                     {"tavrixctl map remove --yes", "in a script, where nobody can answer"}});
 }
 
 const Command registered(20, add_map_commands);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map import and map restore: the work of the loader, by hand.
 
-#include <unistd.h>
-#include <algorithm>
-#include <cstdio>
+#include <string>
 
+#include "tools/cli/help.hpp"
+#include "tools/cli/progress.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/map_view.hpp"
@@ -14,17 +14,10 @@
 #include "tools/mapload/local_copy.hpp"
 #include "tools/mapload/paths.hpp"
 #include "tools/mapload/recovery.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
-
-void draw_progress(uint64_t done, uint32_t folders) {
-  constexpr unsigned kWidth = 40;
-  const auto filled = folders == 0 ? kWidth : static_cast<unsigned>(done * kWidth / folders);
-  std::fprintf(stderr, "\r[%-*s] %lu of %u folders", static_cast<int>(kWidth),
-               std::string(std::min(filled, kWidth), '=').c_str(), static_cast<unsigned long>(done),
-               folders);
-}
 
 void print_refusal(const Options& options, const char* name, const mapcheck::Findings& findings) {
   if (!options.json) return print_findings(findings);
@@ -36,11 +29,14 @@ void print_refusal(const Options& options, const char* name, const mapcheck::Fin
 
 // Loads the two files, or the local copy when there are no paths, after the same recovery as in the
 // loader.
-int load(const Options& options, const char* size_path, const char* data_path) {
+int load(const Options& options, const char* size_path, const char* data_path,
+         mapload::Files files) {
   set_debug_level(0);
-  mapload::Request request{size_path, data_path, options.verbose, {}, {}};
-  const bool draws = isatty(STDERR_FILENO) == 1 && !options.verbose;
-  if (draws) request.progress = draw_progress;
+  cli::ProgressBar bar(!options.no_progress && !options.verbose);
+  const auto show = [&bar](mapload::Phase phase, uint64_t done, uint64_t folders) {
+    bar.show(phase == mapload::Phase::kImporting ? "importing" : "verifying", done, folders);
+  };
+  mapload::Request request{size_path, data_path, options.verbose, show, {}, files};
   const Fd lock = lock_or_complain();
   if (!lock) return kFailure;
   const mapload::Recovery recovery = mapload::recover(mapload::Restore::kNo);
@@ -50,8 +46,8 @@ int load(const Options& options, const char* size_path, const char* data_path) {
   const mapload::Loaded loaded =
       restores ? mapload::load_copy(request, mapload::look_at_copy(mapload::kLocalCopy))
                : mapload::load(request);
+  bar.clear();
   tell(loaded.report);
-  if (draws) std::fprintf(stderr, "\r\033[K");
   if (!loaded.ok()) {
     if (loaded.findings.errors() > 0) {
       print_refusal(options, restores ? "map-restore" : "map-import", loaded.findings);
@@ -68,17 +64,22 @@ int load(const Options& options, const char* size_path, const char* data_path) {
     json["bytes"] = loaded.bytes;
     print(json);
   } else {
-    fmt::print("table {} is current: {} folders, {} entries, {}\n", loaded.table, loaded.folders,
-               loaded.entries, human_bytes(loaded.bytes));
+    fmt::print("table {} is current: {}, {}, {}\n", loaded.table,
+               text::counted(loaded.folders, "folder"), text::counted(loaded.entries, "entry"),
+               human_bytes(loaded.bytes));
   }
   return kYes;
 }
 
 int import(const Options& options, const std::string& size_path, const std::string& data_path,
-           bool trust) {
+           bool trust, mapload::Files files) {
   if (!trust) {
     std::string error;
-    const auto result = mapcheck::lint_files(size_path, data_path, error);
+    cli::ProgressBar bar(!options.no_progress);
+    const auto result = mapcheck::lint_files(
+        size_path, data_path, error,
+        [&bar](uint64_t done, uint64_t bytes) { bar.show("checking", done, bytes); });
+    bar.clear();
     if (!result) {
       complain("{}", error);
       return kFailure;
@@ -86,11 +87,12 @@ int import(const Options& options, const std::string& size_path, const std::stri
     if (result->findings.errors() > 0) {
       print_refusal(options, "map-import", result->findings);
       mapload::log_refused();
-      complain("not imported: {} errors; --trust skips this check", result->findings.errors());
+      complain("not imported: {}; --trust skips this check",
+               text::counted(result->findings.errors(), "error"));
       return kNo;
     }
   }
-  return load(options, size_path.c_str(), data_path.c_str());
+  return load(options, size_path.c_str(), data_path.c_str(), files);
 }
 
 }  // namespace
@@ -98,16 +100,35 @@ int import(const Options& options, const std::string& size_path, const std::stri
 void add_map_import_commands(CLI::App& map, Options& options, Action& action) {
   static std::string size_path, data_path;
   static bool trust = false;
+  static bool consume = false;
   CLI::App* import_command = map.add_subcommand(
-      "import", "Import a size file and a data file and make the map current (removes both files)");
-  import_command->add_option("SIZE", size_path, "the size file")->required();
-  import_command->add_option("DATA", data_path, "the data file")->required();
+      "import", "Import a size file and a data file and make the map current (keeps both files)");
+  import_command->add_option("SIZE", size_path, "the size file")->required()->type_name("FILE");
+  import_command->add_option("DATA", data_path, "the data file")->required()->type_name("FILE");
   import_command->add_flag("--trust", trust, "do not lint the files first");
-  import_command->callback(
-      [&] { action = [&options] { return import(options, size_path, data_path, trust); }; });
+  import_command->add_flag("--consume", consume, "remove both files when their map is current");
+  import_command->callback([&] {
+    action = [&options] {
+      const auto files = consume ? mapload::Files::kRemoved : mapload::Files::kKept;
+      return import(options, size_path, data_path, trust, files);
+    };
+  });
 
-  map.add_subcommand("restore", "Make the local copy the current map, as after a restart")
-      ->callback([&] { action = [&options] { return load(options, nullptr, nullptr); }; });
+  CLI::App* restore_command =
+      map.add_subcommand("restore", "Make the local copy the current map, as after a restart");
+  restore_command->callback([&] {
+    action = [&options] { return load(options, nullptr, nullptr, mapload::Files::kKept); };
+  });
+
+  cli::add_examples(
+      *import_command,
+      {{"tavrixctl map import size.json data.json", "make the map of the two files current"},
+       {"tavrixctl map import --consume size.json data.json",
+        "and remove the files, as the loader does"},
+       {"tavrixctl --json map import size.json data.json", "with the result for a program"}});
+  cli::add_examples(*restore_command,
+                    {{"tavrixctl map restore", "bring the map back from the local copy"},
+                     {"tavrixctl --json map restore", "with the result for a program"}});
 }
 
 }  // namespace tavrix::ctl

@@ -11,9 +11,12 @@
 
 #include "perm_utils.h"
 #include "permissions/map/image.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/survive.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -67,8 +70,8 @@ int info(const Options& options, const std::string& path) {
   fmt::print("map \"{}\", version \"{}\", generation {}, time {}\n",
              shown(map["name"].get<std::string>()), shown(map["version"].get<std::string>()),
              map["generation"].get<uint32_t>(), map["timestamp"].get<int64_t>());
-  fmt::print("{} folders, {} entries\n", map["folders"].get<uint32_t>(),
-             map["aces"].get<uint32_t>());
+  fmt::print("{}, {}\n", text::counted(map["folders"].get<uint32_t>(), "folder"),
+             text::counted(map["aces"].get<uint32_t>(), "entry"));
   if (!path.empty()) return kYes;
   for (int index = 0; index < 2; ++index) {
     const TableState& table = state.tables[index];
@@ -185,7 +188,7 @@ class Tree {
       const fs_elem_s& folder = view_.fselem(offset);
       const uint32_t entries = view_.acl_of(folder).num_aces;
       fmt::print("{:{}}{}{}\n", "", level * 2, shown(ImageView::text_of(view_.name_of(folder))),
-                 entries == 0 ? "" : fmt::format("  ({} entries)", entries));
+                 entries == 0 ? "" : fmt::format("  ({})", text::counted(entries, "entry")));
     });
   }
 
@@ -275,7 +278,8 @@ void add_map_inspect_commands(CLI::App& map, Options& options, Action& action) {
   static std::string path, file;
   static int depth = 2;
   CLI::App* info_command = map.add_subcommand("info", "The map's header and its tables");
-  info_command->add_option("--file", file, "look at a local copy instead of the current table");
+  info_command->add_option("--file", file, "look at a local copy instead of the current table")
+      ->type_name("FILE");
   info_command->callback([&] { action = [&options] { return info(options, file); }; });
 
   CLI::App* tree_command = map.add_subcommand("tree", "The folders of the map");
@@ -283,15 +287,36 @@ void add_map_inspect_commands(CLI::App& map, Options& options, Action& action) {
   tree_command->add_option("--depth", depth, "levels below it")
       ->check(CLI::Range(0, 10000))
       ->capture_default_str();
-  tree_command->add_option("--file", file, "look at a local copy instead of the current table");
+  tree_command->add_option("--file", file, "look at a local copy instead of the current table")
+      ->type_name("FILE");
   tree_command->callback([&] {
-    action = [&options] { return tree(options, path.empty() ? "/" : path, depth, file); };
+    action = [&options] {
+      return survive("the walk through the map",
+                     [&options] { return tree(options, path.empty() ? "/" : path, depth, file); });
+    };
   });
 
   CLI::App* acl_command = map.add_subcommand("acl", "The entries that govern a path");
   acl_command->add_option("PATH", path, "relative to the share, as in Shared/Team")->required();
-  acl_command->add_option("--file", file, "look at a local copy instead of the current table");
-  acl_command->callback([&] { action = [&options] { return acl(options, path, file); }; });
+  acl_command->add_option("--file", file, "look at a local copy instead of the current table")
+      ->type_name("FILE");
+  acl_command->callback([&] {
+    action = [&options] {
+      return survive("the look into the map", [&options] { return acl(options, path, file); });
+    };
+  });
+
+  cli::add_examples(*info_command,
+                    {{"tavrixctl map info", "the map in force, and its tables"},
+                     {"tavrixctl map info --file /etc/tavrix/.permbe_map", "the local copy"},
+                     {"tavrixctl --json map info", "the same, for a program"}});
+  cli::add_examples(*tree_command,
+                    {{"tavrixctl map tree", "the topmost folders"},
+                     {"tavrixctl map tree Shared --depth 1", "the folders in Shared"},
+                     {"tavrixctl --json map tree Shared", "the same, for a program"}});
+  cli::add_examples(*acl_command,
+                    {{"tavrixctl map acl Shared/Team", "who may do what in a folder"},
+                     {"tavrixctl --json map acl Shared/Team", "the same, for a program"}});
 }
 
 }  // namespace tavrix::ctl

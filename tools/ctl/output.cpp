@@ -9,6 +9,7 @@
 
 #include "tools/service/journal.hpp"
 #include "tools/status/sentences.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -87,6 +88,11 @@ void print_findings(const mapcheck::Findings& findings) {
   if (total > findings.kept().size()) {
     fmt::print("... and {} more\n", total - findings.kept().size());
   }
+}
+
+std::string counts(const mapcheck::Findings& findings) {
+  return text::counted(findings.errors(), "error") + ", " +
+         text::counted(findings.warnings(), "warning");
 }
 
 void set_findings(Json& object, const mapcheck::Findings& findings) {

@@ -39,6 +39,8 @@ std::string group_name(uint32_t gid);
 std::string rights(uint32_t mask);
 
 void print_findings(const mapcheck::Findings& findings);
+// "1 error, 2 warnings"
+std::string counts(const mapcheck::Findings& findings);
 // Adds the counts of the findings and the findings themselves.
 void set_findings(Json& object, const mapcheck::Findings& findings);
 

@@ -13,6 +13,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "tools/text/counted.hpp"
+
 namespace tavrix::ctl {
 namespace {
 
@@ -64,9 +66,9 @@ std::optional<ParameterBlock> ParameterBlock::find(std::string& problem) {
     return std::nullopt;
   }
   if (const std::size_t size = size_of(shmid); size != TAVRIX_PARAM_BLOCK_SIZE) {
-    problem = fmt::format(
-        "the parameter block has {} bytes, not {}: another program's, or another version's", size,
-        TAVRIX_PARAM_BLOCK_SIZE);
+    problem =
+        fmt::format("the parameter block has {}, not {}: another program's, or another version's",
+                    text::counted(size, "byte"), TAVRIX_PARAM_BLOCK_SIZE);
     return std::nullopt;
   }
   ShmAttachment segment(shmat(shmid, nullptr, 0));

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl patterns: checks and tests the file of names that everybody may delete.
 
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/patterns/pattern_file.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -47,8 +49,9 @@ int check(const Options& options, const std::string& path) {
     for (const Finding& finding : file->findings()) {
       fmt::print("{}\n", shown(line_of(path, finding)));
     }
-    fmt::print("{}: {} patterns, {} errors, {} warnings{}\n", path, file->patterns().size(),
-               file->errors(), warnings, is_used ? "" : "; the server uses none of them");
+    fmt::print("{}: {}, {}, {}{}\n", path, text::counted(file->patterns().size(), "pattern"),
+               text::counted(file->errors(), "error"), text::counted(warnings, "warning"),
+               is_used ? "" : "; the server uses none of them");
   }
   return file->errors() == 0 ? kYes : kNo;
 }
@@ -96,17 +99,34 @@ void add_patterns_commands(CLI::App& app, Options& options, Action& action) {
 
   CLI::App* check_command = patterns->add_subcommand(
       "check", "List lines that match everything or do not do what they seem to (exit 1: errors)");
-  check_command->add_option("FILE", path, "the patterns, one per line")->required();
+  check_command->add_option("FILE", path, "the patterns, one per line")
+      ->required()
+      ->type_name("FILE");
   check_command->callback([&] { action = [&options] { return check(options, path); }; });
 
   CLI::App* test_command = patterns->add_subcommand(
       "test", "Show the pattern that matches each name (exit 1: a name without one)");
-  test_command->add_option("FILE", path, "the patterns, one per line")->required();
+  test_command->add_option("FILE", path, "the patterns, one per line")
+      ->required()
+      ->type_name("FILE");
   test_command->add_option("NAME", names, "names of files")->required();
   test_command->callback([&] { action = [&options] { return test(options, path, names); }; });
+
+  cli::add_examples(*patterns, {{"tavrixctl patterns check /etc/tavrix/exception_patterns",
+                                 "look for lines that do not do what they seem to"}});
+  cli::add_examples(*check_command,
+                    {{"tavrixctl patterns check /etc/tavrix/exception_patterns",
+                      "look for lines that do not do what they seem to"},
+                     {"tavrixctl --json patterns check /etc/tavrix/exception_patterns",
+                      "the same, for a program"}});
+  cli::add_examples(*test_command,
+                    {{"tavrixctl patterns test /etc/tavrix/exception_patterns '~$plan.docx'",
+                      "may everybody delete a file of this name?"},
+                     {"tavrixctl --json patterns test /etc/tavrix/exception_patterns a.tmp b",
+                      "the same for two names, for a program"}});
 }
 
-const Command registered(60, add_patterns_commands);
+const Command registered(15, add_patterns_commands);
 
 }  // namespace
 }  // namespace tavrix::ctl

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "internal/scoped.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
@@ -106,11 +107,12 @@ int watch(const Options& options, const Question& question) {
 
 void add_status_command(CLI::App& app, Options& options, Action& action) {
   static Question question;
-  CLI::App* command =
-      app.add_subcommand("status", "Is it well? (exit 0: well, 1: a warning, 2: critical)");
+  CLI::App* command = app.add_subcommand(
+      "status", "Is it well, and what is to be done? (exit 0: well, 1: a warning, 2: critical)");
   auto* metrics = command->add_flag("--metrics", question.metrics,
                                     "print metrics in the text format of Prometheus");
   command->add_option("--output", question.output, "replace this file by the metrics")
+      ->type_name("FILE")
       ->needs(metrics);
   command->add_option("--watch", question.watch, "show it again every so many seconds, until q")
       ->expected(0, 1)
@@ -118,9 +120,15 @@ void add_status_command(CLI::App& app, Options& options, Action& action) {
       ->force_callback(false)
       ->check(CLI::Range(1, 86400));
   command->add_option("--settings", question.places.settings, "the settings file")
+      ->type_name("FILE")
       ->capture_default_str();
   command->add_option("--dir", question.places.inbox, "the folder in which maps are handed over")
+      ->type_name("DIR")
       ->capture_default_str();
+  cli::add_examples(*command, {{"tavrixctl status", "is it well?"},
+                               {"tavrixctl status --watch 5", "again every five seconds, until q"},
+                               {"tavrixctl --json status", "the same, for a program"},
+                               {"tavrixctl status --metrics", "for a monitoring system"}});
   command->callback([&options, &action, command] {
     options.needs_root = false;
     if (command->count("--watch") == 0) question.watch = 0;

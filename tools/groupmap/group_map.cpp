@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <stdexcept>
@@ -21,6 +23,7 @@
 #include "tavrix_getgrouplist.h"
 #include "tools/files/checksum.hpp"
 #include "tools/files/durable.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::groupmap {
 namespace {
@@ -49,8 +52,8 @@ class Verifier {
   Findings run() {
     if (bytes_.size() < TAVRIX_GROUPMAP_MIN_SIZE ||
         bytes_.size() % TAVRIX_GROUPMAP_ALIGNMENT != 0) {
-      error(0, fmt::format("{} bytes: at least {} and whole pages are needed", bytes_.size(),
-                           TAVRIX_GROUPMAP_MIN_SIZE));
+      error(0, fmt::format("{}: at least {} and whole pages are needed",
+                           text::counted(bytes_.size(), "byte"), TAVRIX_GROUPMAP_MIN_SIZE));
       return findings_;
     }
     const auto header = get<mapheader>(bytes_, 0);
@@ -96,7 +99,8 @@ class Verifier {
     }
     if (name->empty()) error(at, "a user without a name");
     if (name->size() != item.nlen) {
-      error(at, fmt::format("\"{}\" has {} bytes, not {}", *name, name->size(), item.nlen));
+      error(at, fmt::format("\"{}\" has {}, not {}", *name, text::counted(name->size(), "byte"),
+                            uint32_t{item.nlen}));
     }
     // Readers measure the length of the list from the name, but copy it from its own offset.
     if (uint64_t{item.noffs} + uint64_t{item.glen} * 4 > limit) {
@@ -203,6 +207,15 @@ std::optional<GroupMap> decode(std::string_view bytes) {
     map.users.push_back(std::move(user));
   }
   return map;
+}
+
+std::vector<std::string> known_users() {
+  std::ifstream in(TAVRIX_GROUPMAP_PATH, std::ios::binary);
+  const auto map = decode(std::string{std::istreambuf_iterator<char>(in), {}});
+  std::vector<std::string> names;
+  if (!map) return names;
+  for (const User& user : map->users) names.push_back(user.name);
+  return names;
 }
 
 GroupMap from_system() {

@@ -36,6 +36,9 @@ mapcheck::Findings verify(std::string_view bytes);
 // The map as readers see it; nothing when verify() finds errors.
 std::optional<GroupMap> decode(std::string_view bytes);
 
+// The names of the users in the map in force; none when it cannot be read or is broken.
+std::vector<std::string> known_users();
+
 // Lists the machine's users with their groups, and the two reserved groups if they exist.
 GroupMap from_system();
 

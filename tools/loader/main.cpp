@@ -16,6 +16,7 @@
 #include "eventstore.h"
 #include "tavrix_vfs_utils.h"
 #include "tools/cli/command_line.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/loader/group_map_watch.hpp"
 #include "tools/loader/inbox.hpp"
 #include "tools/loader/pinned_watch.hpp"
@@ -150,6 +151,7 @@ int main(int argc, char** argv) {
   unsigned keep_refused = kDefaultKeptRefusals;
   bool once = false;
   app.add_option("--dir", folder, "the folder in which maps are handed over")
+      ->type_name("DIR")
       ->capture_default_str();
   app.add_option("--keep-refused", keep_refused, "keep the newest N refused pairs; 0 keeps all")
       ->capture_default_str();
@@ -158,6 +160,10 @@ int main(int argc, char** argv) {
   app.footer(
       "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is complete.\n"
       "A refused pair is kept in DIR/refused, with the reason in reason.txt beside it.");
+  tavrix::cli::add_examples(
+      app, {{"tavrix-loader", "as the service does: load each pair that comes, and do not end"},
+            {"tavrix-loader --once", "load what is there, and exit"},
+            {"tavrix-loader --once --dir /var/lib/tavrix/maps", "from that folder"}});
   if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
   if (geteuid() != 0) {
     tell(Tone::kError, "run this as root");

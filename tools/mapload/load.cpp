@@ -136,6 +136,7 @@ class Loading {
     copy.keep();
     // The map is current from here on, whatever fails; the next recovery does the rest again.
     if (!settle_copy(digest_)) warn("cannot remove the previous local copy", errno);
+    if (request_.files == Files::kKept) return true;
     remove_file(request_.data_path, "data", loaded_.report);
     remove_file(request_.size_path, "size", loaded_.report);
     return true;
@@ -162,7 +163,8 @@ class Loading {
   bool fill() {
     if (request_.progress) {
       how_.progress = [this] {
-        request_.progress(folders_done(table_.address()), summary_.total_fselems);
+        request_.progress(Phase::kImporting, folders_done(table_.address()),
+                          summary_.total_fselems);
       };
     }
     const PassEnd end = run_data_pass(summary_, how_);
@@ -170,7 +172,13 @@ class Loading {
   }
 
   bool check_table() {
-    loaded_.findings = mapcheck::verify(table_.image());
+    mapcheck::Progress progress;
+    if (request_.progress) {
+      progress = [this](uint64_t done, uint64_t folders) {
+        request_.progress(Phase::kVerifying, done, folders);
+      };
+    }
+    loaded_.findings = mapcheck::verify(table_.image(), progress);
     if (loaded_.findings.errors() > 0) {
       return refuse("the image is broken and was not published; the previous map stays");
     }

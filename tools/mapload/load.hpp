@@ -18,15 +18,20 @@
 
 namespace tavrix::mapload {
 
-// Progress of the import child: folders done, folders in all.
-using Progress = std::function<void(uint64_t done, uint32_t folders)>;
+// Progress in folders, of those in all.
+enum class Phase { kImporting, kVerifying };
+using Progress = std::function<void(Phase phase, uint64_t done, uint64_t folders)>;
+
+// The two files after their map became current.
+enum class Files { kRemoved, kKept };
 
 struct Request {
   const char* size_path = nullptr;
   const char* data_path = nullptr;
   bool verbose = false;               // lets the library's own output through
-  Progress progress;                  // called every 50 ms; may be empty
+  Progress progress;                  // called every 50 ms or more often; may be empty
   std::function<bool()> should_stop;  // asked every 50 ms; may be empty
+  Files files = Files::kRemoved;
 };
 
 enum class Result {
@@ -57,7 +62,8 @@ struct Loaded {
 // Call the following under the lock, after a recovery (recovery.hpp). Whatever ends them, either
 // the previous or the new map is current.
 
-// Imports a pair. Removes the two files when the map is current, and leaves them alone otherwise.
+// Imports a pair. Removes the two files when the map is current, unless the request keeps them, and
+// leaves them alone otherwise.
 Loaded load(const Request& request);
 // Makes the local copy current, unless `copy`, a look at it, found damage.
 Loaded load_copy(const Request& request, const Copy& copy);

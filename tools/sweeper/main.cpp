@@ -15,6 +15,7 @@
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "tools/cli/command_line.hpp"
+#include "tools/cli/help.hpp"
 #include "tools/notes/open_notes.h"
 #include "tools/service/service.hpp"
 #include "tools/status/sentences.hpp"
@@ -25,6 +26,7 @@
 #include "tools/sweeper/staging_owner.hpp"
 #include "tools/sweeper/stranded_files.hpp"
 #include "tools/sweeper/trouble.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::sweeper {
 
@@ -44,12 +46,19 @@ int period() {
 
 bool is_disabled() { return global_params[PARAM_DISABLE_SWEEPER_FLUSH].value.intval != 0; }
 
+// "3 records stay in memory"
+std::string staying(uint32_t records) {
+  return fmt::format("{} {} in memory", text::counted(records, "record"),
+                     text::verb(records, "stays", "stay"));
+}
+
 // Records the changes of server processes that were killed with changed files open.
 void record_changed_files() {
   const int settled = settle_open_notes();
   if (settled < 0) say(Tone::kError, fmt::format("{}: {}", OPEN_NOTES_FOLDER, strerror(errno)));
   if (settled > 0)
-    say(Tone::kWarning, fmt::format("recorded {} files that ended processes had changed", settled));
+    say(Tone::kWarning, fmt::format("recorded {} that ended processes had changed",
+                                    text::counted(settled, "file")));
 }
 
 // Owns the buffer and does the work of each period.
@@ -100,12 +109,10 @@ class Sweeper {
     if (fill.records > 0) {
       lack = lack_of_room(folder, fill.used + std::min(fill.bytes - fill.used, kMostToCome));
     }
-    room_.set(lack.empty()
-                  ? ""
-                  : fmt::format("waiting: {}; {} records stay in memory", lack, fill.records));
+    room_.set(lack.empty() ? "" : fmt::format("waiting: {}; {}", lack, staying(fill.records)));
     if (fill.records == 0 || !lack.empty()) return;
     if (flush_staging_buffer(FB_CTX_SWPR) == 1)
-      say(Tone::kInfo, fmt::format("{}: {} records flushed", why, fill.records));
+      say(Tone::kInfo, fmt::format("{}: {} flushed", why, text::counted(fill.records, "record")));
   }
 
   // Flushes for the last time. The mark on the disk stays while events are in memory or a
@@ -115,7 +122,7 @@ class Sweeper {
     const uint32_t records = buffer_fill().records;
     if (records == 0 && live_connections() == 0) clear_running_mark();
     if (room_.text().empty()) return true;
-    say(Tone::kError, fmt::format("{} records stay in memory", records));
+    say(Tone::kError, staying(records));
     return false;
   }
 
@@ -160,7 +167,7 @@ int wait_for_signal(const Fd& fd, int seconds) {
 }
 
 int run(Sweeper& sweeper, const Fd& fd) {
-  say(Tone::kInfo, fmt::format("flushing every {} seconds", period()));
+  say(Tone::kInfo, status::flushing_text(false, period()));
   sweeper.notify("READY=1\n");
   for (;;) {
     switch (wait_for_signal(fd, period())) {
@@ -171,9 +178,7 @@ int run(Sweeper& sweeper, const Fd& fd) {
       case SIGHUP:
         sd_notify(0, "RELOADING=1");
         sweeper.reload();
-        say(Tone::kInfo, is_disabled()
-                             ? "settings read: flushing is disabled"
-                             : fmt::format("settings read: flushing every {} seconds", period()));
+        say(Tone::kInfo, "settings read: " + status::flushing_text(is_disabled(), period()));
         sweeper.notify("READY=1\n");
         break;
       default:
@@ -197,11 +202,15 @@ int main(int argc, char** argv) {
   app.add_flag("--once", once, "make the buffer if there is none, flush it, and exit");
   app.add_flag("--foreground", foreground,
                "do not go to the background, as service managers want it");
-  app.add_option("--settings", settings, "fill the parameter block from this file");
+  app.add_option("--settings", settings, "fill the parameter block from this file")
+      ->type_name("FILE");
   app.footer(
       "SIGHUP reads the settings again; SIGTERM flushes once more and exits.\n"
       "Settings: \"SWEEPER:flush period\", \"disable sweeper flush\", \"staging dir\" and\n"
       "\"staging buffer size\".");
+  tavrix::cli::add_examples(app, {{"tavrix-sweeper --foreground --settings /etc/tavrix/tavrix.conf",
+                                   "as the service does: flush on a period, and do not end"},
+                                  {"tavrix-sweeper --once", "flush what is there, and exit"}});
   if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
   if (geteuid() != 0) {
     say(tavrix::service::Tone::kError, "run this as root");
