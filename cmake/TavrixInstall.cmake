@@ -31,6 +31,12 @@ foreach(section 1 5 7 8)
   list(FILTER pages EXCLUDE REGEX "/vfs_tavrix\\.8$")
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools)
 endforeach()
+install(FILES tools/shells/tavrixctl.bash
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tavrixctl COMPONENT tools)
+install(FILES tools/shells/_tavrixctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+install(FILES tools/shells/tavrixctl.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
 install(DIRECTORY docs/json DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-tools COMPONENT tools)
 install(FILES packaging/examples/tavrix-alerts.yml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-tools/examples COMPONENT tools)

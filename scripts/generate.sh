@@ -17,8 +17,8 @@ trap 'rm -rf "$scratch"' EXIT
 "${CXX:-c++}" -std=c++20 -I include -I . tools/settings/{main,texts}.cpp -o "$scratch/settings-text"
 "$scratch/settings-text" file >"$scratch/tavrix.conf"
 cat "$scratch/tavrix.conf" >"$folder/packaging/tavrix.conf"
-[[ $folder == "$tree" ]] || cp docs/man/tavrixctl.8 docs/man/tavrix.conf.5 "$folder/docs/man/"
+[[ $folder == "$tree" ]] || cp docs/man/tavrixctl.1 docs/man/tavrix.conf.5 "$folder/docs/man/"
 "$scratch/settings-text" manual |
-  python3 scripts/lib/marked_section.py "$folder/docs/man/tavrixctl.8" "the list of settings"
+  python3 scripts/lib/marked_section.py "$folder/docs/man/tavrixctl.1" "the list of settings"
 "$scratch/settings-text" page |
   python3 scripts/lib/marked_section.py "$folder/docs/man/tavrix.conf.5" "the list of settings"

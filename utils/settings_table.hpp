@@ -2,7 +2,7 @@
 // The settings: the one description of each entry of the global parameter block that operators
 // know by name. The library names the entries of a new block from it; tavrixctl and the sweeper
 // parse, check and explain values with it; scripts/generate.sh writes packaging/tavrix.conf and the
-// lists in tavrixctl(8) and tavrix.conf(5) from it.
+// lists in tavrixctl(1) and tavrix.conf(5) from it.
 //
 // The table is for compile time: a program that uses an entry's name does not carry the texts.
 #pragma once

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Prints the table of settings as a document: "file" for packaging/tavrix.conf, "manual" for the
-// list in tavrixctl(8), "page" for the one in tavrix.conf(5). scripts/generate.sh compiles and runs
+// list in tavrixctl(1), "page" for the one in tavrix.conf(5). scripts/generate.sh compiles and runs
 // it; it is not installed.
 
 #include <cstdio>

@@ -10,7 +10,7 @@ namespace tavrix::settings_text {
 // packaging/tavrix.conf: every setting with its shipped value, under a comment.
 std::string shipped_file();
 
-// The items of the list of settings in tavrixctl(8), in mdoc.
+// The items of the list of settings in tavrixctl(1), in mdoc.
 std::string manual_items();
 
 // The sections of tavrix.conf(5), in mdoc: each setting with its values, its readers, and when a
