@@ -126,6 +126,13 @@ TEST_F(Completion, LeavesFilesAndFoldersToTheShell) {
   EXPECT_EQ((std::set<std::string>{":folders"}), words({"events", "decode", "--follow", ""}));
 }
 
+TEST_F(Completion, KnowsValuesBehindAnEqualSign) {
+  EXPECT_EQ((std::set<std::string>{":files"}), words({"map", "info", "--file", "="}));
+  EXPECT_EQ((std::set<std::string>{"andrea", "anna"}), words({"check", "--user", "=", "an"}));
+  EXPECT_EQ("tavrixctl check --user=anna ", bash("tavrixctl check --user=ann"));
+  EXPECT_EQ("tavrixctl check --user=bert ", bash("tavrixctl check --user=b"));
+}
+
 TEST_F(Completion, NeedsNoRootAndNoMap) {
   const Outcome outcome =
       run_program({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",

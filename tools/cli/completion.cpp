@@ -11,6 +11,9 @@ namespace {
 
 using Words = std::vector<std::string>;
 
+// Bash makes three words of "--file=map".
+constexpr const char* kEqualSign = "=";
+
 std::map<const CLI::Option*, Values>& values_by_option() {
   static std::map<const CLI::Option*, Values> values;
   return values;
@@ -26,6 +29,7 @@ class Reader {
   explicit Reader(CLI::App& app) : at_(&app) {}
 
   void read(const std::string& word) {
+    if (pending_ != nullptr && word == kEqualSign) return;
     if (pending_ != nullptr && !(takes_none() && word.starts_with('-'))) {
       pending_ = nullptr;
       return;
@@ -146,7 +150,7 @@ void complete_with(CLI::Option* option, Values values) {
 }
 
 std::vector<Candidate> completions(CLI::App& app, const Words& words) {
-  const std::string begin = words.empty() ? "" : words.back();
+  const std::string begin = words.empty() || words.back() == kEqualSign ? "" : words.back();
   Reader reader(app);
   for (std::size_t i = 0; i + 1 < words.size(); ++i) reader.read(words[i]);
   std::vector<Candidate> found = reader.candidates(begin);
