@@ -38,6 +38,10 @@ const char* const kImage = "/etc/tavrix/.permbe_map";
 const char* const kGroups = "/scratch/groups";
 const char* const kPatterns = "/scratch/patterns";
 
+Words power_user(const std::string& operation, const std::string& path) {
+  return {"--uid", "1003", "--groups", "9002,2001", "--powerusers-gid", "9002", operation, path};
+}
+
 // In this order: what an import removes is made again for the next.
 std::vector<Example> examples() {
   return {
@@ -59,6 +63,12 @@ std::vector<Example> examples() {
       {{"map", "verify"}, {}, {}},
       {{"map", "verify"}, {"/scratch/broken.json"}, {}},
       {{"check"}, {"--uid", "1001", "--groups", "5,6", "stat", "Shared/Team"}, {}},
+      {{"check"}, power_user("open-write", "Shared/Team/none"), {}},
+      {{"check"}, power_user("read", "Shared/caf\xe9/x"), {}},
+      {{"check"}, power_user("create", "../x"), {}},
+      {{"check"},
+       {"--uid", "1001", "--groups", "9001", "--admins-gid", "9001", "list", "Private"},
+       {}},
       {{"groupmap", "build"}, {"/scratch/groups.json", "-o", kGroups}, {}},
       {{"groupmap", "show"}, {"--file", kGroups}, {}},
       {{"groupmap", "verify"}, {kGroups}, {}},

@@ -14,6 +14,7 @@
 #include "tools/explain/report.hpp"
 #include "tools/explain/sentences.hpp"
 #include "tools/explain/share_path.hpp"
+#include "tools/status/samba.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -26,10 +27,21 @@ struct Request {
   bool groups_given = false;
   int64_t admins = -1, power_users = -1;
   std::string root = TAVRIX_TREE;
+  std::string smb_conf = "/etc/samba/smb.conf";
   bool explain = false;
   bool trace = false;
   int trace_level = 4;
 };
+
+// The module knows the reserved user by the uid of the account that the share names.
+bool is_reserved(uint32_t uid, const std::string& smb_conf) {
+  if (!explain::may_name_reserved_user(smb_conf)) return false;
+  const auto names = explain::reserved_users_in(status::testparm(smb_conf).value_or(""));
+  return std::any_of(names.begin(), names.end(), [uid](const std::string& name) {
+    const auto account = explain::person_named(name, {});
+    return account && account->person.uid == uid;
+  });
+}
 
 // Finds the person and its groups. Complains and returns nothing when there is no such user.
 std::optional<explain::Identity> identify(const Request& request, const explain::Groups& groups) {
@@ -53,12 +65,7 @@ std::optional<explain::Identity> identify(const Request& request, const explain:
     identity->person.groups = request.groups;
     identity->source = explain::GroupSource::kGiven;
   }
-  for (const std::string& name : explain::reserved_users()) {
-    const auto reserved = explain::person_named(name, groups);
-    if (reserved && reserved->person.uid == identity->person.uid) {
-      identity->person.is_reserved = true;
-    }
-  }
+  identity->person.is_reserved = is_reserved(identity->person.uid, request.smb_conf);
   return identity;
 }
 
@@ -226,6 +233,10 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
   check_command->add_option("--powerusers-gid", request.power_users,
                             "the power users' group (default: tavrix-powerusers)");
   check_command->add_option("--root", request.root, "the share's root")->capture_default_str();
+  check_command
+      ->add_option("--smb-conf", request.smb_conf,
+                   "the server's settings, which name the reserved user")
+      ->capture_default_str();
   check_command->add_flag("--explain", request.explain,
                           "show the whole way to the verdict, and what would turn it");
   check_command->add_flag("--trace", request.trace, "show the library's own log lines");

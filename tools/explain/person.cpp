@@ -5,10 +5,8 @@
 #include <pwd.h>
 #include <strings.h>
 #include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <sstream>
 
 #include "tavrix_getgrouplist.h"
@@ -17,7 +15,8 @@
 namespace tavrix::explain {
 namespace {
 
-constexpr const char* kServerSettings = "/etc/samba/smb.conf";
+// A settings file without these words names no reserved user, directly or elsewhere.
+constexpr const char* kNamers[] = {"reserved user", "include", "registry"};
 
 std::optional<uint32_t> reserved(const groupmap::GroupMap& map, const char* name) {
   for (const groupmap::ReservedGroup& group : map.reserved) {
@@ -56,32 +55,6 @@ std::string trimmed(const std::string& text) {
   const auto first = text.find_first_not_of(" \t");
   if (first == std::string::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t\n") - first + 1);
-}
-
-// False when no setting of the server can name a reserved user: then testparm, which takes a while,
-// need not be asked.
-bool may_name_reserved_user() {
-  std::ifstream in(kServerSettings);
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
-  for (const char* word : {"reserved user", "include", "registry"}) {
-    if (text.find(word) != std::string::npos) return true;
-  }
-  return false;
-}
-
-struct ClosePipe {
-  void operator()(std::FILE* pipe) const { pclose(pipe); }
-};
-
-std::string settings_as_testparm_tells_them() {
-  const std::unique_ptr<std::FILE, ClosePipe> pipe(popen("testparm -s 2>/dev/null", "re"));
-  if (pipe == nullptr) return {};
-  std::string text;
-  char chunk[4096];
-  for (std::size_t got = 0; (got = std::fread(chunk, 1, sizeof chunk, pipe.get())) > 0;) {
-    text.append(chunk, got);
-  }
-  return text;
 }
 
 }  // namespace
@@ -123,18 +96,23 @@ std::optional<uint32_t> machine_group(const std::string& name) {
   return entry->gr_gid;
 }
 
-std::vector<std::string> reserved_users() {
+std::vector<std::string> reserved_users_in(const std::string& settings) {
   std::vector<std::string> names;
-  if (!may_name_reserved_user()) return names;
-  std::istringstream in(settings_as_testparm_tells_them());
+  std::istringstream in(settings);
   for (std::string line; std::getline(in, line);) {
     const auto equals = line.find('=');
-    if (equals == std::string::npos || trimmed(line.substr(0, equals)) != "tavrix:reserved user") {
-      continue;
+    if (equals != std::string::npos && trimmed(line.substr(0, equals)) == "tavrix:reserved user") {
+      names.push_back(trimmed(line.substr(equals + 1)));
     }
-    names.push_back(trimmed(line.substr(equals + 1)));
   }
   return names;
+}
+
+bool may_name_reserved_user(const std::string& smb_conf) {
+  std::ifstream in(smb_conf);
+  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  return std::any_of(std::begin(kNamers), std::end(kNamers),
+                     [&text](const char* word) { return text.find(word) != std::string::npos; });
 }
 
 }  // namespace tavrix::explain

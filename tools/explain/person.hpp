@@ -39,7 +39,9 @@ struct Identity {
 // The gid of a group of the machine; nothing when there is none.
 [[nodiscard]] std::optional<uint32_t> machine_group(const std::string& name);
 
-// The accounts that shares with the module name as their reserved user.
-[[nodiscard]] std::vector<std::string> reserved_users();
+// The reserved users of the shares, by the server's settings as testparm tells them.
+[[nodiscard]] std::vector<std::string> reserved_users_in(const std::string& settings);
+// False if the settings file cannot name one: testparm, which takes a while, need not be asked.
+[[nodiscard]] bool may_name_reserved_user(const std::string& smb_conf);
 
 }  // namespace tavrix::explain

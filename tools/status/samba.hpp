@@ -2,6 +2,7 @@
 // The installed Samba, and the Samba that the module was built for.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace tavrix::status {
@@ -16,5 +17,9 @@ std::string samba_comparison_library();
 // of each symbol of its private libraries, and a module asks for symbols of that version. Empty
 // when the file is not there or has none.
 std::string samba_version_in(const std::string& file);
+
+// The server's settings as testparm tells them, defaults included; those of the installed server
+// when the name of the file is empty. Nothing when testparm cannot be run or refuses the file.
+std::optional<std::string> testparm(const std::string& smb_conf);
 
 }  // namespace tavrix::status
