@@ -145,6 +145,41 @@ refused: daemon may only read Shared/Design (group man); open-write needs write 
       out);
 }
 
+// The document's examples are about accounts that no machine of ours has.
+TEST_F(CheckExplained, ReadsAsTheDocumentSays) {
+  const Folder design{.name = "Design", .users = {{4711, 7}}, .groups = {{kMan, 1}}};
+  import({.name = "/",
+          .groups = {{
+            2000,
+            1
+          }},
+          .children = {
+            {.name = "Shared",
+             .children =
+             { design } }
+          }});
+  const auto as_documented = [](std::string text) {
+    for (const auto& [ours, documents] : {std::pair{"uid 1,", "uid 1006,"},
+                                          {"primary group daemon", "primary group people"},
+                                          {"9002 and man", "tavrix-powerusers and readers"},
+                                          {"daemon", "ben"},
+                                          {"group man", "group readers"},
+                                          {"user 4711", "user anna"}}) {
+      text = std::regex_replace(text, std::regex(ours), documents);
+    }
+    return std::regex_replace(text, std::regex(" +"), " ");
+  };
+  const std::string document =
+      std::regex_replace(read_file(TAVRIX_SOURCE_DIR "/docs/decision.md"), std::regex(" +"), " ");
+  for (const std::string word : {"write", "read"}) {
+    const std::string command = "check --explain --user daemon " + word + " Shared/Design/plan.txt";
+    const Outcome outcome =
+        ctl({"check", "--explain", "--user", "daemon", word, "Shared/Design/plan.txt"});
+    const std::string expected = as_documented("$ tavrixctl " + command + "\n" + outcome.out);
+    EXPECT_TRUE(contains(document, expected)) << expected;
+  }
+}
+
 TEST_F(CheckExplained, SaysWhyAnEntryDoesNotCount) {
   const auto entries = told("daemon", "stat", "Shared/Lobby/inside")["object"]["entries"];
   ASSERT_EQ(1U, entries.size());
