@@ -88,26 +88,22 @@ void take_user_entry(const process_trustees_s& caller, const tavrix_acl_t& acl, 
   }
 }
 
-void trace_group_entry(const tavrix_ace_s& ace, Subject subject) {
-  if (subject == Subject::kObject) {
-    TAVRIX_LOG(4, "Found Group ACE");
-  } else {
-    TAVRIX_LOG(4, "Found Parent Group ACE");
-  }
-  TAVRIX_LOG(4, "ace perm: %o", ace.perm_mask);
-  if (ace.ace_type == TAVRIX_ACE_INHERITED) {
-    TAVRIX_LOG(4, "ACE is INHERITED");
-  } else {
-    TAVRIX_LOG(4, "ACE is NOT INHERITED");
-  }
-}
-
 template <typename Tell>
 void add_group_entries(const process_trustees_s& caller, const tavrix_acl_t& acl, Subject subject,
                        Tell tell, Rights& rights) {
   for (const tavrix_ace_s& ace : aces_of(acl)) {
     if (ace.trustee_type != ACE_TYPE_GROUP) continue;
-    trace_group_entry(ace, subject);
+    if (subject == Subject::kObject) {
+      TAVRIX_LOG(4, "Found Group ACE");
+    } else {
+      TAVRIX_LOG(4, "Found Parent Group ACE");
+    }
+    TAVRIX_LOG(4, "ace perm: %o", ace.perm_mask);
+    if (ace.ace_type == TAVRIX_ACE_INHERITED) {
+      TAVRIX_LOG(4, "ACE is INHERITED");
+    } else {
+      TAVRIX_LOG(4, "ACE is NOT INHERITED");
+    }
     if (is_inherited_navigation(ace)) {
       tell(ace, EntryUse::kInheritedNavigation);
       continue;

@@ -59,7 +59,9 @@ using Ruling = std::optional<Verdict>;  // none: the next step rules
 constexpr Ruling kGoOn = std::nullopt;
 
 // The working values of one decision, and its steps in their order. The first step that returns a
-// verdict ends the decision.
+// verdict ends the decision. Servers use the one without an observer, which is compiled without a
+// trace of it.
+template <bool kIsObserved>
 class Decision {
  public:
   Decision(const char* share_root, const char* in_path, e_fsop_type op, process_trustees_s& caller,
@@ -116,8 +118,7 @@ class Decision {
                  strerror(errno));
       return fail(Ground::kBadShareRoot);
     }
-    if (is_observed()) [[unlikely]]
-      observer_->on_path(real_path_.get());
+    if (is_observed()) observer_->on_path(real_path_.get());
     return kGoOn;
   }
 
@@ -151,8 +152,7 @@ class Decision {
                  getpid(), static_cast<int>(caller_.euid), static_cast<int>(op_));
       return fail(Ground::kBadGroups);
     }
-    if (is_observed()) [[unlikely]]
-      observer_->on_caller(caller_);
+    if (is_observed()) observer_->on_caller(caller_);
     if (is_admin() || is_poweruser()) return kGoOn;
     TAVRIX_LOG(2, "ENFORCE_PERMS DENIED permission to standard user");
     TAVRIX_LOG(2, "ENFORCE_PERMS DENIED standard usr pid:(%d) uid:(%d) op:(%d)", getpid(),
@@ -163,8 +163,7 @@ class Decision {
 
   Ruling find_path_type() {
     const Ruling failed = look_at_object();
-    if (!failed && is_observed()) [[unlikely]]
-      observer_->on_object(path_type_);
+    if (!failed && is_observed()) observer_->on_object(path_type_);
     return failed;
   }
 
@@ -308,8 +307,7 @@ class Decision {
       perm_mask_ = rights_of(caller_, *acl, Subject::kObject, observer_).mask;
     }
     p_perm_mask_ = rights_of(caller_, *parent_acl, Subject::kParent, observer_).mask;
-    if (is_observed()) [[unlikely]]
-      observer_->on_masks(perm_mask_, p_perm_mask_);
+    if (is_observed()) observer_->on_masks(perm_mask_, p_perm_mask_);
     return kGoOn;
   }
 
@@ -330,16 +328,19 @@ class Decision {
   Ruling look_up(const void* perm_buf, AclPtr& acl, AclPtr& parent_acl) {
     TAVRIX_LOG(4, "ENFORCE_PERMS get_tavrix_acl perm_buf=%p, real_path=%s", perm_buf,
                real_path_.get());
-    AclSources sources;
-    const int failure = governing_acls(perm_buf, {real_path_.get(), path_length()}, acl, parent_acl,
-                                       is_observed() ? &sources : nullptr);
-    if (failure == 0) {
-      if (is_observed()) [[unlikely]] {
+    const std::string_view path(real_path_.get(), path_length());
+    int failure = 0;
+    if constexpr (kIsObserved) {
+      AclSources sources;
+      failure = governing_acls(perm_buf, path, acl, parent_acl, &sources);
+      if (failure == 0) {
         observer_->on_acl(Subject::kObject, perm_buf, sources.self, *acl);
         observer_->on_acl(Subject::kParent, perm_buf, sources.parent, *parent_acl);
       }
-      return kGoOn;
+    } else {
+      failure = governing_acls(perm_buf, path, acl, parent_acl);
     }
+    if (failure == 0) return kGoOn;
     if (acl == nullptr) {
       TAVRIX_LOG(0, "ENFORCE_PERMS ERROR Cannot read tavrix ACL");
     } else {
@@ -430,10 +431,9 @@ class Decision {
 
   // --- verdicts ---------------------------------------------------------------------------------
 
-  [[nodiscard]] bool is_observed() const { return observer_ != nullptr; }
+  [[nodiscard]] static constexpr bool is_observed() { return kIsObserved; }
   void tell(Ground ground) const {
-    if (is_observed()) [[unlikely]]
-      observer_->on_ground(ground);
+    if (is_observed()) observer_->on_ground(ground);
   }
 
   Verdict fail(Ground ground, Verdict verdict = TXPERMS_SYSTEM_ERR) const {
@@ -464,8 +464,7 @@ class Decision {
   Verdict refuse(Ground ground) const {
     if (is_special_folder_file(real_path_.get()) != 0) {
       TAVRIX_LOG(2, "ENFORCE_PERMS got NO PERM but path is a special path so overturn verdict");
-      if (is_observed()) [[unlikely]]
-        observer_->on_special_path();
+      if (is_observed()) observer_->on_special_path();
       return grant(ground);
     }
     tell(ground);
@@ -506,7 +505,7 @@ class Decision {
   process_trustees_s& caller_;
   int force_path_type_;
   int& is_nav_;
-  Observer* observer_;  // null in servers
+  Observer* observer_;
 
   CString real_path_;  // relative to the share root
   CString real_root_;
@@ -532,7 +531,11 @@ e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_t
     return TXPERMS_INVALID_ARGS;
   }
   *is_nav = 0;
-  return Decision(share_root, in_path, op, *in_pts, force_path_type, *is_nav, observer).run();
+  if (observer == nullptr) {
+    return Decision<false>(share_root, in_path, op, *in_pts, force_path_type, *is_nav, nullptr)
+        .run();
+  }
+  return Decision<true>(share_root, in_path, op, *in_pts, force_path_type, *is_nav, observer).run();
 }
 
 }  // namespace tavrix

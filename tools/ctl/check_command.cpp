@@ -173,6 +173,7 @@ int check(const Options& options, const Request& request) {
   auto question = question_of(request, is_about_new_file);
   if (!question) return kFailure;
   const explain::Groups groups = explain::current_groups();
+  explain::know_groups(groups.map.reserved);
   const auto identity = identify(request, groups);
   if (!identity) return kFailure;
   question->person = identity->person;

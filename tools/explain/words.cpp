@@ -5,8 +5,18 @@
 #include <grp.h>
 #include <pwd.h>
 #include <array>
+#include <map>
 
 namespace tavrix::explain {
+namespace {
+
+std::map<uint32_t, std::string> known_groups;
+
+}  // namespace
+
+void know_groups(const std::vector<groupmap::ReservedGroup>& groups) {
+  for (const groupmap::ReservedGroup& group : groups) known_groups[group.gid] = group.name;
+}
 
 std::vector<std::string> rights_of(uint32_t mask) {
   static constexpr std::array<const char*, 5> kNames = {"read", "write", "delete", "navigate",
@@ -37,8 +47,9 @@ std::string name_of(const Trustee& trustee) {
     const passwd* account = getpwuid(trustee.id);
     return account == nullptr ? "" : account->pw_name;
   }
-  const group* entry = getgrgid(trustee.id);
-  return entry == nullptr ? "" : entry->gr_name;
+  if (const group* entry = getgrgid(trustee.id); entry != nullptr) return entry->gr_name;
+  const auto found = known_groups.find(trustee.id);
+  return found == known_groups.end() ? "" : found->second;
 }
 
 std::string text_of(const Trustee& trustee) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/explain/changes.hpp"
+#include "tools/groupmap/group_map.hpp"
 
 namespace tavrix::explain {
 
@@ -14,7 +15,9 @@ namespace tavrix::explain {
 // "read", "write", "delete", "navigate", "view": one for each bit.
 [[nodiscard]] std::vector<std::string> rights_of(uint32_t mask);
 
-// Empty when the machine does not know the id.
+// Names of groups that the machine need not know: the reserved ones of the group list map.
+void know_groups(const std::vector<groupmap::ReservedGroup>& groups);
+// Empty for an id that nobody knows.
 [[nodiscard]] std::string name_of(const Trustee& trustee);
 // "Ben", or "user 1006".
 [[nodiscard]] std::string text_of(const Person& person);
