@@ -299,6 +299,48 @@ TEST_F(CheckExplained, KnowsTheReservedUser) {
   EXPECT_TRUE(ask_of("daemon").starts_with("refused: "));
 }
 
+TEST_F(CheckExplained, WhoNamesTheUsersByTheirEntries) {
+  EXPECT_EQ(R"(open-read /tavrix/Shared/Design/plan.txt: 2 of 4 users may
+  administrator: sys
+  group man: daemon
+)",
+            ctl({"who", "Shared/Design/plan.txt"}).out);
+  EXPECT_EQ(R"(opendir /tavrix/Shared/Lobby: 2 of 4 users may
+  administrator: sys
+  own entry (to see, not to open): daemon
+refused:
+  bin has no rights on Shared/Lobby (no entry counts); opendir needs one of read, navigate and view there
+  games is neither administrator nor power user
+)",
+            ctl({"who", "list", "\\Shared\\Lobby", "--refused"}).out);
+}
+
+TEST_F(CheckExplained, WhoAnswersAsCheckDoes) {
+  for (const std::string operation : {"read", "write", "delete", "list"}) {
+    for (const std::string path : {"Shared", "Shared/Design/plan.txt", "Shared/Lobby/inside",
+                                   "Private/daemon", "Private/daemon/x", "Other"}) {
+      std::set<std::string> granted, expected;
+      const auto report = json({"who", operation, path});
+      for (const auto& user : report["granted"]) granted.insert(user["user"].get<std::string>());
+      for (const std::string user : {"daemon", "bin", "sys", "games"}) {
+        if (ask(user, operation, path).exit_code == 0) expected.insert(user);
+      }
+      EXPECT_EQ(expected, granted) << operation << " " << path;
+    }
+  }
+}
+
+TEST_F(CheckExplained, WhoNeedsTheGroupMapAndTheMap) {
+  ctl({"map", "remove"});
+  EXPECT_EQ(2, ctl({"who", "Shared/Design"}).exit_code);
+  unlink("/etc/tavrix/groupmap_refresh");
+  const Outcome outcome = ctl({"who", "Shared/Design"});
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_TRUE(outcome.err.starts_with("tavrixctl: there is no group list map")) << outcome.err;
+  EXPECT_EQ(2, ctl({"who"}).exit_code);
+  EXPECT_EQ(2, ctl({"who", "nonsense", "Shared"}).exit_code);
+}
+
 TEST_F(CheckExplained, KnowsTheExitCodes) {
   EXPECT_EQ(0, ask("daemon", "read", "Shared/Design/plan.txt").exit_code);
   EXPECT_EQ(1, ask("daemon", "write", "Shared/Design/plan.txt").exit_code);

@@ -72,6 +72,7 @@ std::vector<Example> examples() {
       {{"groupmap", "build"}, {"/scratch/groups.json", "-o", kGroups}, {}},
       {{"groupmap", "show"}, {"--file", kGroups}, {}},
       {{"groupmap", "verify"}, {kGroups}, {}},
+      {{"who"}, {"--refused", "list", "Shared/Team"}, {}},
       {{"groupmap", "verify"}, {"/scratch/broken.json"}, {}},
       {{"events", "decode"}, {"/scratch/dump"}, {}},
       {{"events", "decode"}, {"--stats", "/scratch/dump"}, "events-decode-stats"},
@@ -107,6 +108,10 @@ class JsonOutput : public SweeperWorld {
     write_json_pair(team());
     write_file("/scratch/broken.json", "{\"broken\": ");
     write_file("/scratch/groups.json", R"({"reserved": {"admins": 9001}, "users": {"anna": [1]}})");
+    write_file(
+        "/scratch/people.json",
+        R"({"reserved": {"tavrix-powerusers": 9002}, "users": {"bin": [9002], "nobody here": []}})");
+    ctl({"groupmap", "build", "/scratch/people.json", "-o", "/etc/tavrix/groupmap_refresh"});
     write_file(kPatterns, "^~\n#comment\n[.]tmp$\n");
     write_file("/scratch/dump", event() + event());
     write_file("/scratch/audits", audit());

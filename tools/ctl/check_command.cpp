@@ -1,20 +1,17 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl check prints the verdict for a user, an operation and a path, and the reason.
 
-#include <sys/stat.h>
-#include <algorithm>
 #include <optional>
 #include <vector>
 
-#include "perm_enforcer.h"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/reserved_user.hpp"
 #include "tools/explain/operations.hpp"
 #include "tools/explain/report.hpp"
+#include "tools/explain/request.hpp"
 #include "tools/explain/sentences.hpp"
-#include "tools/explain/share_path.hpp"
-#include "tools/status/samba.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -32,16 +29,6 @@ struct Request {
   bool trace = false;
   int trace_level = 4;
 };
-
-// The module knows the reserved user by the uid of the account that the share names.
-bool is_reserved(uint32_t uid, const std::string& smb_conf) {
-  if (!explain::may_name_reserved_user(smb_conf)) return false;
-  const auto names = explain::reserved_users_in(status::testparm(smb_conf).value_or(""));
-  return std::any_of(names.begin(), names.end(), [uid](const std::string& name) {
-    const auto account = explain::person_named(name, {});
-    return account && account->person.uid == uid;
-  });
-}
 
 // Finds the person and its groups. Complains and returns nothing when there is no such user.
 std::optional<explain::Identity> identify(const Request& request, const explain::Groups& groups) {
@@ -65,41 +52,8 @@ std::optional<explain::Identity> identify(const Request& request, const explain:
     identity->person.groups = request.groups;
     identity->source = explain::GroupSource::kGiven;
   }
-  identity->person.is_reserved = is_reserved(identity->person.uid, request.smb_conf);
+  identity->person.is_reserved = reserved_uids(request.smb_conf).contains(identity->person.uid);
   return identity;
-}
-
-// The id that the operator gave, else that of the group list map, as a connection takes it at its
-// start, else the machine's.
-gid_t reserved_gid(int64_t given, std::optional<uint32_t> in_map, const char* name) {
-  if (given >= 0) return static_cast<gid_t>(given);
-  if (in_map) return *in_map;
-  return explain::machine_group(name).value_or(static_cast<gid_t>(-1));
-}
-
-e_file_type type_at(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return FSTYPE_DOES_NOT_EXIST;
-  return S_ISDIR(status.st_mode) ? FSTYPE_FOLDER : FSTYPE_FILE;
-}
-
-// The question as a server process asks it: below the tree even if the operator gave another root,
-// because a decision skips the length of the tree's own name. Complains about an unknown operation.
-std::optional<explain::Question> question_of(const Request& request, bool& is_about_new_file) {
-  std::string path = explain::share_path(request.path, request.root);
-  const auto asked = explain::operation_for(request.operation, type_at(request.root + "/" + path));
-  if (!asked) {
-    complain("\"{}\" is not an operation; \"tavrixctl check --help\" lists them",
-             request.operation);
-    return std::nullopt;
-  }
-  is_about_new_file = !asked->name_below.empty();
-  if (is_about_new_file) path += (path.empty() ? "" : "/") + asked->name_below;
-  explain::Question question;
-  question.root = request.root;
-  question.path = path.empty() ? request.root : TAVRIX_TREE "/" + path;
-  question.op = asked->op;
-  return question;
 }
 
 const char* verdict_name(int verdict) {
@@ -169,26 +123,26 @@ void print_text(const explain::Report& report, const Request& request) {
 }
 
 int check(const Options& options, const Request& request) {
-  bool is_about_new_file = false;
-  auto question = question_of(request, is_about_new_file);
-  if (!question) return kFailure;
+  auto asked = explain::request_for(request.operation, request.path, request.root);
+  if (!asked) {
+    complain("\"{}\" is not an operation; \"tavrixctl check --help\" lists them",
+             request.operation);
+    return kFailure;
+  }
   const explain::Groups groups = explain::current_groups();
-  explain::know_groups(groups.map.reserved);
   const auto identity = identify(request, groups);
   if (!identity) return kFailure;
-  question->person = identity->person;
+  asked->question.person = identity->person;
 
   if (request.trace) send_library_log(LogTo::kStandardError);
   set_debug_level(request.trace ? request.trace_level : (options.verbose ? 0 : -1));
-  vfs_set_admins_powerusers(
-      reserved_gid(request.admins, groups.administrators(), "tavrix-admins"),
-      reserved_gid(request.power_users, groups.power_users(), "tavrix-powerusers"));
-  explain::Answer answer = explain::ask(*question);
+  explain::take_reserved_groups(groups, request.admins, request.power_users);
+  explain::Answer answer = explain::ask(asked->question);
   set_debug_level(-1);  // the questions about what would turn the verdict are nobody's to watch
-  explain::Report report = explain::explain(*question, std::move(answer));
+  explain::Report report = explain::explain(asked->question, std::move(answer));
   report.group_map = groups.state;
   report.source = identity->source;
-  report.is_about_new_file = is_about_new_file;
+  report.is_about_new_file = asked->is_about_new_file;
 
   if (options.json) {
     print_json(report);
@@ -198,21 +152,12 @@ int check(const Options& options, const Request& request) {
   return code_of(report.answer.facts);
 }
 
-std::string list_of_operations() {
-  std::string text;
-  for (const auto& names : {explain::words_of_people(), explain::exact_operations()}) {
-    text += text.empty() ? "" : "; exactly: ";
-    for (const std::string& name : names) text += (&name == names.data() ? "" : ", ") + name;
-  }
-  return text;
-}
-
 void add_check_command(CLI::App& app, Options& options, Action& action) {
   static Request request;
   CLI::App* check_command = app.add_subcommand(
       "check",
       "Print the verdict for a user, an operation and a path (exit 0: granted, 1: refused)");
-  check_command->add_option("OP", request.operation, list_of_operations())->required();
+  check_command->add_option("OP", request.operation, explain::list_of_operations())->required();
   check_command
       ->add_option("PATH", request.path,
                    "as in Shared/Team/plan.txt; \\Shared\\Team and /tavrix/Shared/Team will do too")

@@ -210,6 +210,25 @@ std::string reason(const Question& question, const Facts& facts) {
   return text;
 }
 
+std::string through(const Question& question, const Facts& facts) {
+  if (question.person.is_reserved) return "reserved user";
+  const bool is_by_map =
+      facts.ground == Ground::kTeamFolder || facts.ground == Ground::kBelowTeamFolder;
+  if (is_by_map && !facts.is_special_path) {
+    const Side parent = side_of_parent(facts);
+    const Side object = side_of_object(facts);
+    if (parent.asks() && facts.ground == Ground::kBelowTeamFolder) {
+      return source_of(*parent.governing);
+    }
+    return object.asks() ? source_of(*object.governing) : "needs no right";
+  }
+  if (facts.is_administrator) return "administrator";
+  if (facts.ground == Ground::kOwnUserFolder || facts.ground == Ground::kBelowOwnUserFolder) {
+    return "owner of the folder";
+  }
+  return reason(question, facts);
+}
+
 std::string class_of(const Question& question, const Facts& facts) {
   if (question.person.is_reserved) return "reserved";
   if (!facts.is_classified) return "";

@@ -11,6 +11,10 @@ namespace tavrix::explain {
 // One sentence without a full stop: why the verdict is as it is.
 [[nodiscard]] std::string reason(const Question& question, const Facts& facts);
 
+// What a granted caller owes the grant to: "administrator", "group Readers", "own entry", or a
+// reason.
+[[nodiscard]] std::string through(const Question& question, const Facts& facts);
+
 // "administrator", "power user", "standard user" or "reserved"; empty when the decision ended
 // before it looked at the caller.
 [[nodiscard]] std::string class_of(const Question& question, const Facts& facts);
