@@ -341,6 +341,66 @@ TEST_F(CheckExplained, WhoNeedsTheGroupMapAndTheMap) {
   EXPECT_EQ(2, ctl({"who", "nonsense", "Shared"}).exit_code);
 }
 
+TEST_F(CheckExplained, EffectiveShowsTheTreeAsAUserMeetsIt) {
+  EXPECT_EQ(R"(r----  Shared
+r----    Design
+r----      Drawings
+---n-    Lobby
+)",
+            ctl({"effective", "--user", "daemon"}).out);
+  EXPECT_EQ(R"(r----  Shared
+rwd--    Design
+rwd--      Drawings
+rwd--      Vault
+rwd--    Lobby
+)",
+            ctl({"effective", "--user", "sys"}).out);
+  EXPECT_EQ("rwd--  Shared/Design\nrwd--    Drawings\n",
+            ctl({"effective", "--group", "proxy", "\\Shared\\Design"}).out);
+  EXPECT_EQ("r----  Shared\nrwd--    Design\n",
+            ctl({"effective", "--group", "proxy", "--only-writable", "--depth", "1"}).out);
+}
+
+TEST_F(CheckExplained, EffectiveKnowsNothingToShow) {
+  EXPECT_EQ(1, ctl({"effective", "--user", "games"}).exit_code);
+  EXPECT_EQ(1, ctl({"effective", "--user", "daemon", "--only-writable"}).exit_code);
+  EXPECT_EQ(1, ctl({"effective", "--user", "daemon", "Shared/None"}).exit_code);
+  EXPECT_EQ(2, ctl({"effective", "--user", "nobody of this name"}).exit_code);
+  EXPECT_EQ(2, ctl({"effective", "--group", "no such group"}).exit_code);
+  EXPECT_EQ(2, ctl({"effective"}).exit_code);
+}
+
+TEST_F(CheckExplained, EffectiveMarksAFolderOnTheWay) {
+  const Folder inner{.name = "Inner", .users = {{kDaemon, 1}}};
+  const Folder closed{.name = "Closed", .users = {{4711, 7}}, .children = {inner}};
+  import({.name = "/",
+          .groups = {{
+            2000,
+            1
+          }},
+          .children = {
+            {.name = "Shared",
+             .children =
+             { closed } }
+          }});
+  // Seeing a folder takes a right on the folder above it too.
+  EXPECT_EQ("r----  Shared\n", ctl({"effective", "--user", "daemon"}).out);
+  const Folder open{.name = "Inner", .users = {{kDaemon, 3}}};
+  const Folder again{.name = "Closed", .users = {{4711, 7}}, .children = {open}};
+  import({.name = "/",
+          .groups = {{
+            2000,
+            1
+          }},
+          .children = {
+            {.name = "Shared",
+             .children =
+             { again } }
+          }});
+  EXPECT_EQ("r----  Shared\n-----    Closed  (not seen)\nrw---      Inner  (not seen)\n",
+            ctl({"effective", "--user", "daemon"}).out);
+}
+
 TEST_F(CheckExplained, KnowsTheExitCodes) {
   EXPECT_EQ(0, ask("daemon", "read", "Shared/Design/plan.txt").exit_code);
   EXPECT_EQ(1, ask("daemon", "write", "Shared/Design/plan.txt").exit_code);

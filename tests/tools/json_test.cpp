@@ -73,6 +73,8 @@ std::vector<Example> examples() {
       {{"groupmap", "show"}, {"--file", kGroups}, {}},
       {{"groupmap", "verify"}, {kGroups}, {}},
       {{"who"}, {"--refused", "list", "Shared/Team"}, {}},
+      {{"effective"}, {"--user", "bin"}, {}},
+      {{"effective"}, {"--group", "2001", "\\Shared"}, {}},
       {{"groupmap", "verify"}, {"/scratch/broken.json"}, {}},
       {{"events", "decode"}, {"/scratch/dump"}, {}},
       {{"events", "decode"}, {"--stats", "/scratch/dump"}, "events-decode-stats"},
