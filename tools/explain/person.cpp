@@ -110,9 +110,15 @@ std::vector<std::string> reserved_users_in(const std::string& settings) {
 
 bool may_name_reserved_user(const std::string& smb_conf) {
   std::ifstream in(smb_conf);
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
-  return std::any_of(std::begin(kNamers), std::end(kNamers),
-                     [&text](const char* word) { return text.find(word) != std::string::npos; });
+  for (std::string line; std::getline(in, line);) {
+    line = trimmed(line);
+    if (line.starts_with('#') || line.starts_with(';')) continue;
+    if (std::any_of(std::begin(kNamers), std::end(kNamers),
+                    [&line](const char* word) { return line.find(word) != std::string::npos; })) {
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace tavrix::explain
