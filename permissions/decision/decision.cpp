@@ -442,7 +442,8 @@ class Decision {
   }
 
   Verdict judge(Ground ground, uint32_t self, uint32_t parent) const {
-    const Verdict verdict = ask_rule(op_, path_type_, self, parent, observer_);
+    const Verdict verdict = kIsObserved ? ask_rule(op_, path_type_, self, parent, observer_)
+                                        : enforce_tavrix_permissions(op_, path_type_, self, parent);
     if (verdict == TXPERMS_HAS_PERMS) return grant(ground);
     if (verdict == TXPERMS_NO_PERM) return refuse(ground);
     return verdict;
@@ -516,11 +517,10 @@ class Decision {
   LazyRoot root_;  // looks at objects and attaches the table
 };
 
-}  // namespace
-
-e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_type op,
-                           process_trustees_s* in_pts, int force_path_type, int* is_nav,
-                           Observer* observer) {
+template <bool kIsObserved>
+Verdict decide_with(const char* share_root, const char* in_path, e_fsop_type op,
+                    process_trustees_s* in_pts, int force_path_type, int* is_nav,
+                    Observer* observer) {
   TAVRIX_LOG(2, "ENFORCE_PERMS op=(%d) root=(%s) \n path=(%s) pid=(%d) uid=(%d)",
              static_cast<int>(op), shown(share_root), shown(in_path), getpid(),
              in_pts != nullptr ? static_cast<int>(in_pts->euid) : -1);
@@ -531,11 +531,18 @@ e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_t
     return TXPERMS_INVALID_ARGS;
   }
   *is_nav = 0;
-  if (observer == nullptr) {
-    return Decision<false>(share_root, in_path, op, *in_pts, force_path_type, *is_nav, nullptr)
-        .run();
-  }
-  return Decision<true>(share_root, in_path, op, *in_pts, force_path_type, *is_nav, observer).run();
+  return Decision<kIsObserved>(share_root, in_path, op, *in_pts, force_path_type, *is_nav, observer)
+      .run();
+}
+
+}  // namespace
+
+e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_type op,
+                           process_trustees_s* in_pts, int force_path_type, int* is_nav,
+                           Observer* observer) {
+  if (observer == nullptr)
+    return vfs_enforce_perms(share_root, in_path, op, in_pts, force_path_type, is_nav);
+  return decide_with<true>(share_root, in_path, op, in_pts, force_path_type, is_nav, observer);
 }
 
 }  // namespace tavrix
@@ -543,5 +550,6 @@ e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_t
 e_vfs_enforce_perms vfs_enforce_perms(const char* share_root, const char* in_path, e_fsop_type op,
                                       process_trustees_s* in_pts, int force_path_type,
                                       int* is_nav) {
-  return tavrix::decide(share_root, in_path, op, in_pts, force_path_type, is_nav, nullptr);
+  return tavrix::decide_with<false>(share_root, in_path, op, in_pts, force_path_type, is_nav,
+                                    nullptr);
 }

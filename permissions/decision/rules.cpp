@@ -138,10 +138,9 @@ const Answer& answer_for(e_fsop_type op, e_file_type type) {
   return answer != nullptr ? *answer : answer_for_type(op, type);
 }
 
-}  // namespace
-
-e_vfs_enforce_perms ask_rule(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
-                             Observer* observer) {
+template <bool kIsObserved>
+e_vfs_enforce_perms judge(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
+                          Observer* observer) {
   TAVRIX_LOG(4, "Checking op %d against path perm %d parent perm %d", static_cast<int>(op),
              static_cast<int>(self), static_cast<int>(parent));
   if (op < FSOP_CREATE || op > FSOP_FGETNTACL) {
@@ -154,16 +153,22 @@ e_vfs_enforce_perms ask_rule(e_fsop_type op, e_file_type type, uint32_t self, ui
   // A caller that asks for an operation without a rule has a fault in its code. No answer is safe.
   TAVRIX_REQUIRE(answer.has_rule, "0");
   const bool allowed = answer.needs.hold(self, parent);
-  if (observer != nullptr) [[unlikely]]
-    observer->on_rule(answer.needs, self, parent, allowed);
+  if constexpr (kIsObserved) observer->on_rule(answer.needs, self, parent, allowed);
   const char* message = allowed ? answer.allow : answer.deny;
   if (message != nullptr) TAVRIX_LOG(2, "%s", message);
   return allowed ? TXPERMS_HAS_PERMS : TXPERMS_NO_PERM;
+}
+
+}  // namespace
+
+e_vfs_enforce_perms ask_rule(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
+                             Observer* observer) {
+  return judge<true>(op, type, self, parent, observer);
 }
 
 }  // namespace tavrix
 
 e_vfs_enforce_perms enforce_tavrix_permissions(e_fsop_type op, e_file_type type, uint32_t self,
                                                uint32_t parent) {
-  return tavrix::ask_rule(op, type, self, parent, nullptr);
+  return tavrix::judge<false>(op, type, self, parent, nullptr);
 }
