@@ -97,6 +97,18 @@ TEST_F(CheckExplained, EndsWithOneSentence) {
             answer("sys", "create", "Shared/new.txt"));
 }
 
+TEST_F(CheckExplained, NamesTheFolderThatTheEntriesComeFrom) {
+  write_file("/tavrix/Shared/Design/Drawings/a.dwg", "");
+  EXPECT_EQ(
+      "granted: daemon may read Shared/Design/Drawings (group man, inherited from "
+      "Shared/Design); open-read needs no more\n",
+      answer("daemon", "read", "Shared/Design/Drawings/a.dwg"));
+  EXPECT_EQ(
+      "refused: bin has no rights on Shared/Design/Drawings (no entry of Shared/Design "
+      "counts); open-read needs read there\n",
+      answer("bin", "read", "Shared/Design/Drawings/a.dwg"));
+}
+
 TEST_F(CheckExplained, KnowsPrivateAndTheTopLevel) {
   EXPECT_EQ("refused: Private/daemon belongs to another user, and bin is no administrator\n",
             answer("bin", "opendir", "Private/daemon"));

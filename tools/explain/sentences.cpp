@@ -42,16 +42,18 @@ Side side_of_parent(const Facts& facts) {
           row.parent};
 }
 
-// "group Readers", "own entry and group Staff", "no entry".
+// "group Readers", "own entry and group Staff, inherited from Shared/Design", "no entry counts".
 std::string source_of(const Governing& governing) {
   std::vector<std::string> parts;
   for (const Entry& entry : governing.entries) {
     if (!entry.counts()) continue;
     parts.push_back(entry.trustee.is_user ? "own entry" : text_of(entry.trustee));
   }
-  std::string text = parts.empty() ? "no entry counts" : joined(parts);
-  if (governing.holder != governing.path) text += ", from " + governing.holder;
-  return text;
+  const bool is_inherited = governing.holder != governing.path;
+  if (parts.empty()) {
+    return is_inherited ? "no entry of " + governing.holder + " counts" : "no entry counts";
+  }
+  return joined(parts) + (is_inherited ? ", inherited from " + governing.holder : "");
 }
 
 std::string may(const Person& person, const Side& side) {
