@@ -60,9 +60,18 @@ void remember(const char* clean, e_fsop_type op, e_vfs_enforce_perms verdict,
 
 }  // namespace
 
+std::optional<e_vfs_enforce_perms> verdict_on_account(const connection_private_data_s& connection,
+                                                      Observer* observer) {
+  const bool is_computer = connection.groupmap.is_computer_acct != 0;
+  if (!is_computer && connection.reserved_user == 0) return std::nullopt;
+  if (observer != nullptr)
+    observer->on_ground(is_computer ? Ground::kComputerAccount : Ground::kReservedUser);
+  return is_computer ? TXPERMS_NO_PERM : TXPERMS_HAS_PERMS;
+}
+
 e_vfs_enforce_perms verdict_on_clean(const char* shareroot, const char* clean, e_fsop_type op,
                                      connection_private_data_s& connection, int force_path_type) {
-  if (connection.reserved_user != 0) return TXPERMS_HAS_PERMS;
+  if (const auto ruled = verdict_on_account(connection); ruled) return *ruled;
   const CString full(get_full_path(shareroot, clean));
   if (full == nullptr) return TXPERMS_MALLOC_ERR;
   TAVRIX_LOG(1, "Calling vfs_enforce_perms path=(%s) op=(%d), full_path=[%s]\n", clean,

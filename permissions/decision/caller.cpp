@@ -9,6 +9,7 @@
 
 #include "logging.h"
 #include "perm_enforcer.h"
+#include "permissions/decision/observer.hpp"
 #include "permissions/map/ace_list.hpp"
 
 namespace tavrix {
@@ -49,17 +50,47 @@ bool is_inherited_navigation(const tavrix_ace_s& ace) {
   return ace.ace_type == TAVRIX_ACE_INHERITED && (ace.perm_mask & TAVRIX_PERM_MASK_NAVIGATE) != 0;
 }
 
-void take_user_entry(const process_trustees_s& caller, const tavrix_acl_t& acl, Rights& rights) {
+// The two listeners of an evaluation. A server's hears nothing, and its evaluation is compiled
+// without a trace of it.
+struct Nobody {
+  static constexpr bool kHears = false;
+  void operator()(const tavrix_ace_s& /*ace*/, EntryUse /*use*/) const noexcept {}
+};
+struct Listener {
+  static constexpr bool kHears = true;
+  Observer& observer;
+  Subject subject;
+  void operator()(const tavrix_ace_s& ace, EntryUse use) const {
+    observer.on_entry(subject, ace, use);
+  }
+};
+
+template <typename Tell>
+void take_user_entry(const process_trustees_s& caller, const tavrix_acl_t& acl, Tell tell,
+                     Rights& rights) {
   for (const tavrix_ace_s& ace : aces_of(acl)) {
-    if (ace.trustee_type != ACE_TYPE_USER || ace.trustee.uid != caller.euid) continue;
-    if (is_inherited_navigation(ace)) continue;
+    if (ace.trustee_type != ACE_TYPE_USER) continue;
+    if (ace.trustee.uid != caller.euid) {
+      tell(ace, EntryUse::kAnotherUser);
+      continue;
+    }
+    if (is_inherited_navigation(ace)) {
+      tell(ace, EntryUse::kInheritedNavigation);
+      continue;
+    }
+    if (Tell::kHears && rights.user_found) {
+      tell(ace, EntryUse::kLaterEntry);
+      continue;
+    }
     rights = {.mask = ace.perm_mask, .user_found = true};
-    return;
+    tell(ace, EntryUse::kCounts);
+    if (!Tell::kHears) return;
   }
 }
 
+template <typename Tell>
 void add_group_entries(const process_trustees_s& caller, const tavrix_acl_t& acl, Subject subject,
-                       Rights& rights) {
+                       Tell tell, Rights& rights) {
   for (const tavrix_ace_s& ace : aces_of(acl)) {
     if (ace.trustee_type != ACE_TYPE_GROUP) continue;
     if (subject == Subject::kObject) {
@@ -73,8 +104,15 @@ void add_group_entries(const process_trustees_s& caller, const tavrix_acl_t& acl
     } else {
       TAVRIX_LOG(4, "ACE is NOT INHERITED");
     }
-    if (is_inherited_navigation(ace)) continue;
-    if (ace.trustee.gid != caller.egid && !is_member(caller, ace.trustee.gid)) continue;
+    if (is_inherited_navigation(ace)) {
+      tell(ace, EntryUse::kInheritedNavigation);
+      continue;
+    }
+    if (ace.trustee.gid != caller.egid && !is_member(caller, ace.trustee.gid)) {
+      tell(ace, EntryUse::kNotAMember);
+      continue;
+    }
+    tell(ace, EntryUse::kCounts);
     rights.mask |= ace.perm_mask;
     if (subject == Subject::kObject) {
       TAVRIX_LOG(4, "Group is found, perm is now: %o", rights.mask);
@@ -82,6 +120,28 @@ void add_group_entries(const process_trustees_s& caller, const tavrix_acl_t& acl
       TAVRIX_LOG(4, "Parent Group is found, perm is now: %o", rights.mask);
     }
   }
+}
+
+template <typename Tell>
+Rights evaluate(const process_trustees_s& caller, const tavrix_acl_t& acl, Subject subject,
+                Tell tell) {
+  Rights rights;
+  take_user_entry(caller, acl, tell, rights);
+  if (subject == Subject::kObject) {
+    TAVRIX_LOG(4, "ENFORCE_PERMS perm is: %o", rights.mask);
+  } else {
+    TAVRIX_LOG(4, "ENFORCE_PERMS parent perm is: %o", rights.mask);
+  }
+  const bool groups_count =
+      !rights.user_found || rights.mask == 0 || (rights.mask & TAVRIX_PERM_MASK_NAVIGATE) != 0;
+  if (groups_count) {
+    add_group_entries(caller, acl, subject, tell, rights);
+  } else if (Tell::kHears) {
+    for (const tavrix_ace_s& ace : aces_of(acl)) {
+      if (ace.trustee_type == ACE_TYPE_GROUP) tell(ace, EntryUse::kSilenced);
+    }
+  }
+  return rights;
 }
 
 }  // namespace
@@ -98,18 +158,10 @@ bool classify(process_trustees_s& caller) {
   return true;
 }
 
-Rights rights_of(const process_trustees_s& caller, const tavrix_acl_t& acl, Subject subject) {
-  Rights rights;
-  take_user_entry(caller, acl, rights);
-  if (subject == Subject::kObject) {
-    TAVRIX_LOG(4, "ENFORCE_PERMS perm is: %o", rights.mask);
-  } else {
-    TAVRIX_LOG(4, "ENFORCE_PERMS parent perm is: %o", rights.mask);
-  }
-  const bool groups_count =
-      !rights.user_found || rights.mask == 0 || (rights.mask & TAVRIX_PERM_MASK_NAVIGATE) != 0;
-  if (groups_count) add_group_entries(caller, acl, subject, rights);
-  return rights;
+Rights rights_of(const process_trustees_s& caller, const tavrix_acl_t& acl, Subject subject,
+                 Observer* observer) {
+  if (observer == nullptr) return evaluate(caller, acl, subject, Nobody{});
+  return evaluate(caller, acl, subject, Listener{*observer, subject});
 }
 
 }  // namespace tavrix

@@ -9,6 +9,8 @@
 
 namespace tavrix {
 
+class Observer;
+
 // Writes the caller's admin and poweruser fields. false when its supplementary groups are missing.
 [[nodiscard]] bool classify(process_trustees_s& caller);
 
@@ -23,8 +25,8 @@ enum class Subject { kObject, kParent };
 
 // Takes the first entry of the user, and adds the entries of its groups when there is none, or when
 // it has no rights or the right to navigate. Navigation does not pass down the tree: an inherited
-// entry with it does not count.
+// entry with it does not count. `observer` may be null.
 [[nodiscard]] Rights rights_of(const process_trustees_s& caller, const tavrix_acl_t& acl,
-                               Subject subject);
+                               Subject subject, Observer* observer = nullptr);
 
 }  // namespace tavrix

@@ -8,6 +8,7 @@
 #include "internal/assert.hpp"
 #include "logging.h"
 #include "perm_enforcer.h"
+#include "permissions/decision/decision.hpp"
 
 namespace tavrix {
 namespace {
@@ -18,53 +19,21 @@ constexpr uint32_t kReadWriteDelete = TAVRIX_PERM_MASK_RDWRDEL;
 constexpr uint32_t kSeeing =  // one of these bits lets a client see a folder
     TAVRIX_PERM_MASK_RDONLY | TAVRIX_PERM_MASK_NAVIGATE | TAVRIX_PERM_MASK_VIEWER_ONLY;
 
-constexpr bool has_all(uint32_t mask, uint32_t bits) { return (mask & bits) == bits; }
-constexpr bool has_any(uint32_t mask, uint32_t bits) { return (mask & bits) != 0; }
-
-enum class Needs {
-  kNothing,
-  kReadParent,
-  kWriteParent,   // read and write
-  kDeleteParent,  // read, write and delete
-  kReadSelfWriteParent,
-  kReadSelfDeleteParent,
-  kSeeSelf,
-  kSeeSelfAndParent,
-  kNoRule,  // callers decide such operations without the map
-};
-
-bool holds(Needs needs, uint32_t self, uint32_t parent) {
-  switch (needs) {
-    case Needs::kNothing:
-      return true;
-    case Needs::kReadParent:
-      return has_all(parent, kRead);
-    case Needs::kWriteParent:
-      return has_all(parent, kReadWrite);
-    case Needs::kDeleteParent:
-      return has_all(parent, kReadWriteDelete);
-    case Needs::kReadSelfWriteParent:
-      return has_all(self, kRead) && has_all(parent, kReadWrite);
-    case Needs::kReadSelfDeleteParent:
-      return has_all(self, kRead) && has_all(parent, kReadWriteDelete);
-    case Needs::kSeeSelf:
-      return has_any(self, kSeeing);
-    case Needs::kSeeSelfAndParent:
-      return has_any(self, kSeeing) && has_any(parent, kSeeing);
-    case Needs::kNoRule:
-      break;
-  }
-  // A caller that asks for an operation without a rule has a fault in its code. No answer is safe.
-  TAVRIX_REQUIRE(false, "0");
-  return false;
-}
+constexpr Needs kReadParent{.parent_all = kRead};
+constexpr Needs kWriteParent{.parent_all = kReadWrite};
+constexpr Needs kDeleteParent{.parent_all = kReadWriteDelete};
+constexpr Needs kReadSelfWriteParent{.self_all = kRead, .parent_all = kReadWrite};
+constexpr Needs kReadSelfDeleteParent{.self_all = kRead, .parent_all = kReadWriteDelete};
+constexpr Needs kSeeSelf{.self_any = kSeeing};
+constexpr Needs kSeeSelfAndParent{.self_any = kSeeing, .parent_any = kSeeing};
 
 // The rights that an operation needs, and the messages for both answers. Operators know the
 // wording, "preventsdrive" included.
 struct Answer {
-  Needs needs = Needs::kNothing;
+  Needs needs{};
   const char* allow = nullptr;
   const char* deny = nullptr;
+  bool has_rule = true;  // false: callers decide such operations without the map
 };
 struct Rule {
   e_fsop_type op;
@@ -74,22 +43,22 @@ struct Rule {
 constexpr Answer kForAnyPermission{.allow = "Allow op for any permission"};
 constexpr Answer kInAllCases{.allow = "Allow op in all cases"};
 constexpr Answer kForMissing{.allow = "Allow for non-existent file"};
-constexpr Answer kMustRead{Needs::kReadParent, "Allow for Read on parent",
+constexpr Answer kMustRead{kReadParent, "Allow for Read on parent",
                            "Deny due to no Read on parent"};
-constexpr Answer kMustWrite{Needs::kWriteParent, "Allow for Read/Write on parent",
+constexpr Answer kMustWrite{kWriteParent, "Allow for Read/Write on parent",
                             "Deny due to no Read/Write on parent"};
-constexpr Answer kMustDelete{Needs::kDeleteParent, "Allow for Read/Write/Delete on parent",
+constexpr Answer kMustDelete{kDeleteParent, "Allow for Read/Write/Delete on parent",
                              "Deny due to no Read/Write/Delete on parent"};
-constexpr Answer kMustSee{Needs::kSeeSelf, "Allow for Nav on self", "Deny due to no NAV on self"};
-constexpr Answer kMustSeeBoth{Needs::kSeeSelfAndParent, "Allow for NAV on self and NAV on parent",
+constexpr Answer kMustSee{kSeeSelf, "Allow for Nav on self", "Deny due to no NAV on self"};
+constexpr Answer kMustSeeBoth{kSeeSelfAndParent, "Allow for NAV on self and NAV on parent",
                               "Deny due to no NAV on both self and parent"};
-constexpr Answer kMustReadAndWrite{Needs::kReadSelfWriteParent,
+constexpr Answer kMustReadAndWrite{kReadSelfWriteParent,
                                    "Allow for Read/Write on parent and Read on self",
                                    "Deny due to no Read/Write on parent or Read on self"};
-constexpr Answer kMustReadAndDelete{Needs::kReadSelfDeleteParent,
+constexpr Answer kMustReadAndDelete{kReadSelfDeleteParent,
                                     "Allow for Read/Write/Delete on parent and Read on self",
                                     "Deny due to no Read/Write/Delete on parent or Read on self"};
-constexpr Answer kHasNoRule{.needs = Needs::kNoRule};
+constexpr Answer kHasNoRule{.has_rule = false};
 
 // --- objects of any type -----------------------------------------------------------------------
 constexpr Rule kAnyTypeRules[] = {
@@ -119,7 +88,7 @@ constexpr Rule kFolderRules[] = {
     {FSOP_STAT, kMustSeeBoth},
     {FSOP_LSTAT, kMustSeeBoth},
     {FSOP_RMDIR,
-     {Needs::kDeleteParent, "Allowed for Read/Write/Delete on parent",
+     {kDeleteParent, "Allowed for Read/Write/Delete on parent",
       "Deny due to no Read/Write/Delete on parent op=21"}},
 };
 
@@ -169,11 +138,9 @@ const Answer& answer_for(e_fsop_type op, e_file_type type) {
   return answer != nullptr ? *answer : answer_for_type(op, type);
 }
 
-}  // namespace
-}  // namespace tavrix
-
-e_vfs_enforce_perms enforce_tavrix_permissions(e_fsop_type op, e_file_type type, uint32_t self,
-                                               uint32_t parent) {
+template <bool kIsObserved>
+e_vfs_enforce_perms judge(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
+                          Observer* observer) {
   TAVRIX_LOG(4, "Checking op %d against path perm %d parent perm %d", static_cast<int>(op),
              static_cast<int>(self), static_cast<int>(parent));
   if (op < FSOP_CREATE || op > FSOP_FGETNTACL) {
@@ -182,9 +149,26 @@ e_vfs_enforce_perms enforce_tavrix_permissions(e_fsop_type op, e_file_type type,
   }
   if (op == FSOP_CHOWN) TAVRIX_LOG(4, "CHOWN op trapped, but code is not in place");
 
-  const tavrix::Answer& answer = tavrix::answer_for(op, type);
-  const bool allowed = tavrix::holds(answer.needs, self, parent);
+  const Answer& answer = answer_for(op, type);
+  // A caller that asks for an operation without a rule has a fault in its code. No answer is safe.
+  TAVRIX_REQUIRE(answer.has_rule, "0");
+  const bool allowed = answer.needs.hold(self, parent);
+  if constexpr (kIsObserved) observer->on_rule(answer.needs, self, parent, allowed);
   const char* message = allowed ? answer.allow : answer.deny;
   if (message != nullptr) TAVRIX_LOG(2, "%s", message);
   return allowed ? TXPERMS_HAS_PERMS : TXPERMS_NO_PERM;
+}
+
+}  // namespace
+
+e_vfs_enforce_perms ask_rule(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
+                             Observer* observer) {
+  return judge<true>(op, type, self, parent, observer);
+}
+
+}  // namespace tavrix
+
+e_vfs_enforce_perms enforce_tavrix_permissions(e_fsop_type op, e_file_type type, uint32_t self,
+                                               uint32_t parent) {
+  return tavrix::judge<false>(op, type, self, parent, nullptr);
 }

@@ -231,8 +231,10 @@ bool has_sound_header(const void* map) {
 }
 
 // The folder's own ACL if it has entries, else the ACL of the nearest ancestor that has entries, or
-// the root's, even when that is empty.
-membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavrix_acl_t** acl) {
+// the root's, even when that is empty. `holder` becomes the offset of the folder whose ACL it is.
+membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavrix_acl_t** acl,
+                            uint32_t& holder) {
+  holder = fselem_offset;
   const fs_elem_s* folder = &image.fselem(fselem_offset);
   uint32_t inherited = TAVRIX_ACE_EXPLICIT;
   uint32_t folders_left = image.header().total_fselems;
@@ -244,7 +246,8 @@ membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavr
     if (image.acl_of(*folder).num_aces > 0) break;
     // More steps than folders mean that the parents of a damaged image form a circle.
     TAVRIX_REQUIRE(folders_left-- > 0, "parents end at the root");
-    folder = &image.fselem(folder->parent_offset);
+    holder = folder->parent_offset;
+    folder = &image.fselem(holder);
     inherited = TAVRIX_ACE_INHERITED;
   }
   return membuf_2_ACL(&image.acl_of(*folder), TAVRIX_ACL_VERSION, inherited, acl);
@@ -252,8 +255,9 @@ membe_shm_err governing_acl(const ImageView& image, uint32_t fselem_offset, tavr
 
 // The ACL for a lookup's result. All entries count as inherited when the path goes on below the
 // folder that was found.
-void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t** acl) {
-  const membe_shm_err result = governing_acl(image, match.offset, acl);
+void acl_of_match(const ImageView& image, const FolderMatch& match, tavrix_acl_t** acl,
+                  uint32_t& holder) {
+  const membe_shm_err result = governing_acl(image, match.offset, acl, holder);
   if (result != SHM_MEMBE_OK) {
     TAVRIX_LOG(0, "ENFORCE_PERMS Cannot get Tavrix ACL %d", static_cast<int>(result));
     TAVRIX_REQUIRE(result == SHM_MEMBE_OK, "ret == SHM_MEMBE_OK");
@@ -369,15 +373,19 @@ int require_lookup(const void* map, std::string_view path) {
 
 }  // namespace
 
-int governing_acls(void* map, std::string_view path, AclPtr& self, AclPtr& parent) {
+int governing_acls(const void* map, std::string_view path, AclPtr& self, AclPtr& parent,
+                   AclSources* sources) {
   if (const int refused = require_lookup(map, path); refused != 0) return refused;
   const Sight sight(map);
   const PathMatch match = match_of(sight, map, path);
   tavrix_acl_t* acl = nullptr;
-  acl_of_match(sight.image, match.self, &acl);
+  uint32_t holder = 0;
+  uint32_t parent_holder = 0;
+  acl_of_match(sight.image, match.self, &acl, holder);
   self.reset(std::exchange(acl, nullptr));
-  acl_of_match(sight.image, match.parent, &acl);
+  acl_of_match(sight.image, match.parent, &acl, parent_holder);
   parent.reset(acl);
+  if (sources != nullptr) *sources = {{match.self, holder}, {match.parent, parent_holder}};
   return 0;
 }
 
@@ -433,7 +441,8 @@ membe_shm_err get_nonempty_tavrixacl_fromfselemoffset(void* map, uint32_t fselem
     TAVRIX_LOG(0, "Invalid perm map");
     return SHM_MEMBE_ERR_BADARGS;
   }
-  return tavrix::governing_acl(tavrix::view_of(map), fselem_offset, acl);
+  uint32_t holder = 0;
+  return tavrix::governing_acl(tavrix::view_of(map), fselem_offset, acl, holder);
 }
 
 int get_tavrix_acl(void* map, const char* path, tavrix_acl_t** acl) {
@@ -445,7 +454,8 @@ int get_tavrix_acl(void* map, const char* path, tavrix_acl_t** acl) {
   const std::string_view text(path != nullptr ? path : "");
   if (const int refused = tavrix::require_lookup(map, text); refused != 0) return refused;
   const tavrix::Sight sight(map);
-  tavrix::acl_of_match(sight.image, tavrix::walk_path<tavrix::Access::kWarm>(sight, text).self,
-                       acl);
+  uint32_t holder = 0;
+  tavrix::acl_of_match(sight.image, tavrix::walk_path<tavrix::Access::kWarm>(sight, text).self, acl,
+                       holder);
   return 0;
 }

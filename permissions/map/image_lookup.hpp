@@ -23,6 +23,17 @@ struct PathMatch {
   FolderMatch parent;
 };
 
+// The folder of the map that stands for a path, and the folder whose ACL governs it: the same, or
+// the nearest ancestor that has entries.
+struct AclSource {
+  FolderMatch match;
+  uint32_t holder = 0;
+};
+struct AclSources {
+  AclSource self;
+  AclSource parent;
+};
+
 struct AclDeleter {
   void operator()(tavrix_acl_t* acl) const noexcept {
     free_ACL(acl);
@@ -33,7 +44,9 @@ using AclPtr = std::unique_ptr<tavrix_acl_t, AclDeleter>;
 
 // Reads the ACLs that govern a relative path and its parent folder; the parent of a top-level name
 // is the root. Returns 0, or 3 as get_tavrix_acl() does. Expects an image that has just been
-// attached, where each page costs a fault, and touches only the pages that it needs.
-[[nodiscard]] int governing_acls(void* map, std::string_view path, AclPtr& self, AclPtr& parent);
+// attached, where each page costs a fault, and touches only the pages that it needs. `sources`, if
+// not null, says where the ACLs come from.
+[[nodiscard]] int governing_acls(const void* map, std::string_view path, AclPtr& self,
+                                 AclPtr& parent, AclSources* sources = nullptr);
 
 }  // namespace tavrix

@@ -88,6 +88,22 @@ TEST_F(ExitCodes, OfACheckAreTheVerdict) {
   expect(2, {"check", "--user", "nobody-of-this-name", "stat", "Shared/Team"});
 }
 
+TEST_F(ExitCodes, OfQuestionsAboutManyAreTwoWithoutTheMaps) {
+  write_file("/scratch/groups.json",
+             R"({"reserved": {"tavrix-powerusers": 9002}, "users": {"daemon": [9002, 2001]}})");
+  expect(2, {"who", "Shared/Team"});
+  expect(2, {"effective", "--user", "daemon"});
+  expect(0, {"groupmap", "build", "/scratch/groups.json", "-o", "/etc/tavrix/groupmap_refresh"});
+  expect(0, {"who", "Shared/Team"});
+  expect(0, {"effective", "--user", "daemon"});
+  expect(1, {"effective", "--user", "daemon", "Private/Other"});
+  expect(2, {"effective", "--user", "nobody-of-this-name"});
+  expect(2, {"who", "fly", "Shared/Team"});
+  expect(0, {"map", "remove", "--yes"});
+  expect(2, {"who", "Shared/Team"});
+  expect(2, {"effective", "--user", "daemon"});
+}
+
 TEST_F(ExitCodes, OfChecksOfMapsAreOneForErrors) {
   write_json_pair(team());
   expect(0, {"map", "lint", "/scratch/size.json", "/scratch/data.json"});

@@ -25,7 +25,8 @@ class Help : public Operator {
       write_file(std::string("/etc/tavrix/") + name,
                  read_file(std::string(TAVRIX_SOURCE_DIR "/packaging/") + name));
     }
-    write_file("/scratch/groups.json", R"({"users": {"anna": [2001]}})");
+    write_file("/scratch/groups.json",
+               R"({"reserved": {"tavrix-powerusers": 9002}, "users": {"anna": [9002, 2001]}})");
     ASSERT_EQ(0, ctl({"config", "load", "/etc/tavrix/tavrix.conf"}).exit_code);
     ASSERT_EQ(
         0, ctl({"groupmap", "build", "/scratch/groups.json", "-o", "/etc/tavrix/groupmap_refresh"})

@@ -38,6 +38,10 @@ const char* const kImage = "/etc/tavrix/.permbe_map";
 const char* const kGroups = "/scratch/groups";
 const char* const kPatterns = "/scratch/patterns";
 
+Words power_user(const std::string& operation, const std::string& path) {
+  return {"--uid", "1003", "--groups", "9002,2001", "--powerusers-gid", "9002", operation, path};
+}
+
 // In this order: what an import removes is made again for the next.
 std::vector<Example> examples() {
   return {
@@ -59,9 +63,18 @@ std::vector<Example> examples() {
       {{"map", "verify"}, {}, {}},
       {{"map", "verify"}, {"/scratch/broken.json"}, {}},
       {{"check"}, {"--uid", "1001", "--groups", "5,6", "stat", "Shared/Team"}, {}},
+      {{"check"}, power_user("open-write", "Shared/Team/none"), {}},
+      {{"check"}, power_user("read", "Shared/caf\xe9/x"), {}},
+      {{"check"}, power_user("create", "../x"), {}},
+      {{"check"},
+       {"--uid", "1001", "--groups", "9001", "--admins-gid", "9001", "list", "Private"},
+       {}},
       {{"groupmap", "build"}, {"/scratch/groups.json", "-o", kGroups}, {}},
       {{"groupmap", "show"}, {"--file", kGroups}, {}},
       {{"groupmap", "verify"}, {kGroups}, {}},
+      {{"who"}, {"--refused", "list", "Shared/Team"}, {}},
+      {{"effective"}, {"--user", "bin"}, {}},
+      {{"effective"}, {"--group", "2001", "\\Shared"}, {}},
       {{"groupmap", "verify"}, {"/scratch/broken.json"}, {}},
       {{"events", "decode"}, {"/scratch/dump"}, {}},
       {{"events", "decode"}, {"--stats", "/scratch/dump"}, "events-decode-stats"},
@@ -97,6 +110,10 @@ class JsonOutput : public SweeperWorld {
     write_json_pair(team());
     write_file("/scratch/broken.json", "{\"broken\": ");
     write_file("/scratch/groups.json", R"({"reserved": {"admins": 9001}, "users": {"anna": [1]}})");
+    write_file(
+        "/scratch/people.json",
+        R"({"reserved": {"tavrix-powerusers": 9002}, "users": {"bin": [9002], "nobody here": []}})");
+    ctl({"groupmap", "build", "/scratch/people.json", "-o", "/etc/tavrix/groupmap_refresh"});
     write_file(kPatterns, "^~\n#comment\n[.]tmp$\n");
     write_file("/scratch/dump", event() + event());
     write_file("/scratch/audits", audit());

@@ -16,6 +16,7 @@
 #include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/survive.hpp"
+#include "tools/explain/share_path.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
@@ -131,10 +132,11 @@ std::string path_of(const ImageView& view, uint32_t offset) {
   return path.empty() ? "/" : path;
 }
 
-int acl(const Options& options, const std::string& path, const std::string& file) {
+int acl(const Options& options, const std::string& given, const std::string& file) {
   const auto image = Image::sound(file);
   if (!image) return kFailure;
   const std::byte* map = image->bytes().data();
+  const std::string path = "/" + explain::share_path(given, TAVRIX_TREE);
   const Found found = find(map, path);
   const ImageView view(map);
   // Entries are inherited from the nearest folder above that has some.
@@ -145,13 +147,18 @@ int acl(const Options& options, const std::string& path, const std::string& file
   const Acl governing(map, path);
   const bool is_inherited = !found.exact || source != found.offset;
   Json json = document("map-acl");
-  set_bytes(json, "path", path);
+  set_bytes(json, "path", given);
   json["in_map"] = found.exact;
+  set_bytes(json, "folder", path_of(view, found.offset));
   json["inherited"] = is_inherited;
   set_bytes(json, "from", path_of(view, source));
   json["entries"] = Json::array();
   if (!options.json) {
-    fmt::print("{}: {} {}\n", shown(path), is_inherited ? "inherited from" : "explicit at",
+    if (!found.exact) {
+      fmt::print("{}: not in the map; {} stands in for it\n", shown(given),
+                 shown(path_of(view, found.offset)));
+    }
+    fmt::print("{}: {} {}\n", shown(given), is_inherited ? "inherited from" : "explicit at",
                shown(path_of(view, source)));
   }
   governing.each([&](const tavrix_ace_s& ace) {
@@ -248,7 +255,7 @@ class Tree {
 int tree(const Options& options, const std::string& path, int depth, const std::string& file) {
   const auto image = Image::sound(file);
   if (!image) return kFailure;
-  const Found found = find(image->bytes().data(), path);
+  const Found found = find(image->bytes().data(), "/" + explain::share_path(path, TAVRIX_TREE));
   if (!found.exact) {
     complain("{}: not in the map", path);
     return kNo;

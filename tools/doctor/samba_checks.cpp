@@ -2,19 +2,14 @@
 // Checks of the Samba server: its libraries, the module, and the settings of the shares.
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
-#include <optional>
 #include <sstream>
 
 #include "internal/scoped.hpp"
@@ -39,35 +34,6 @@ std::string trimmed(const std::string& text) {
   const auto first = text.find_first_not_of(" \t");
   if (first == std::string::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-// The output of testparm; nothing when it cannot be run or refuses the file.
-std::optional<std::string> testparm(const std::string& smb_conf) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return std::nullopt;
-  const Fd output(ends[0]);
-  Fd input(ends[1]);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  std::array<const char*, 5> arguments = {"testparm", "-s", "-v",
-                                          smb_conf.empty() ? nullptr : smb_conf.c_str(), nullptr};
-  pid_t child = 0;
-  const int error = posix_spawnp(&child, "testparm", &actions, nullptr,
-                                 const_cast<char* const*>(arguments.data()), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  input.reset();
-  if (error != 0) return std::nullopt;
-  std::string text;
-  std::array<char, 4096> chunk{};
-  for (ssize_t got = 0; (got = read(output.get(), chunk.data(), chunk.size())) > 0;) {
-    text.append(chunk.data(), static_cast<std::size_t>(got));
-  }
-  int end = 0;
-  waitpid(child, &end, 0);
-  if (!WIFEXITED(end) || WEXITSTATUS(end) != 0) return std::nullopt;
-  return text;
 }
 
 Sections sections_of(const std::string& text) {
@@ -209,7 +175,7 @@ Check check_module() {
 }
 
 Checks check_server_settings(const std::string& smb_conf) {
-  const auto text = testparm(smb_conf);
+  const auto text = status::testparm(smb_conf);
   if (!text) {
     return {{"server-settings", Level::kWarning, "testparm cannot read the server's settings",
              "run \"testparm -s " + smb_conf + "\" and correct what it says"}};

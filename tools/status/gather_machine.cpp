@@ -101,15 +101,35 @@ std::optional<uint64_t> memory_value(const char* name) {
   return std::nullopt;
 }
 
-// "1.0.0" of libtavrix.so.1.0.0, the file behind a function of it.
+// The folders in which the dynamic linker looks for a library of this program.
+std::vector<std::string> library_folders() {
+  std::vector<std::string> folders;
+  void* self = dlopen(nullptr, RTLD_LAZY);
+  Dl_serinfo head{};
+  if (self != nullptr && dlinfo(self, RTLD_DI_SERINFOSIZE, &head) == 0) {
+    std::vector<std::byte> block(head.dls_size);
+    auto* info = reinterpret_cast<Dl_serinfo*>(block.data());
+    *info = head;
+    if (dlinfo(self, RTLD_DI_SERINFO, info) == 0) {
+      for (unsigned i = 0; i < info->dls_cnt; ++i)
+        folders.emplace_back(info->dls_serpath[i].dls_name);
+    }
+  }
+  folders.emplace_back(TAVRIX_LIBRARY_FOLDER);
+  return folders;
+}
+
+// "1.0.0" of libtavrix.so.1.0.0, the library that server processes load. It is not loaded here: a
+// process that maps it counts as a connection.
 std::string library_version() {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&get_perm_map_addr), &info) == 0) return {};
-  std::error_code none;
-  const std::string file = fs::canonical(info.dli_fname, none).filename();
   const std::string mark = ".so.";
-  const auto at = file.find(mark);
-  return at == std::string::npos ? "" : file.substr(at + mark.size());
+  for (const std::string& folder : library_folders()) {
+    std::error_code none;
+    const std::string file = fs::canonical(folder + "/libtavrix.so.1", none).filename();
+    if (const auto at = file.find(mark); at != std::string::npos)
+      return file.substr(at + mark.size());
+  }
+  return {};
 }
 
 }  // namespace

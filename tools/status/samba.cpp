@@ -1,10 +1,17 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/status/samba.hpp"
 
+#include <fcntl.h>
 #include <glob.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <array>
 #include <fstream>
 #include <iterator>
 #include <string_view>
+
+#include "internal/scoped.hpp"
 
 namespace tavrix::status {
 namespace {
@@ -61,6 +68,34 @@ std::string samba_version_in(const std::string& file) {
 
 std::string samba_series_of_module(const std::string& file) {
   return number_behind(content_of(file), "TAVRIX_MODULE_FOR=Samba ");
+}
+
+std::optional<std::string> testparm(const std::string& smb_conf) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return std::nullopt;
+  const Fd output(ends[0]);
+  Fd input(ends[1]);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, input.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  std::array<const char*, 5> arguments = {"testparm", "-s", "-v",
+                                          smb_conf.empty() ? nullptr : smb_conf.c_str(), nullptr};
+  pid_t child = 0;
+  const int error = posix_spawnp(&child, "testparm", &actions, nullptr,
+                                 const_cast<char* const*>(arguments.data()), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  input.reset();
+  if (error != 0) return std::nullopt;
+  std::string text;
+  std::array<char, 4096> chunk{};
+  for (ssize_t got = 0; (got = read(output.get(), chunk.data(), chunk.size())) > 0;) {
+    text.append(chunk.data(), static_cast<std::size_t>(got));
+  }
+  int end = 0;
+  waitpid(child, &end, 0);
+  if (!WIFEXITED(end) || WEXITSTATUS(end) != 0) return std::nullopt;
+  return text;
 }
 
 }  // namespace tavrix::status

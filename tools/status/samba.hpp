@@ -2,6 +2,7 @@
 // The installed Samba, and the Samba that the module is built for.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace tavrix::status {
@@ -23,5 +24,9 @@ std::string samba_version_in(const std::string& file);
 // The series that a module is built for, such as "4.17": it says so in a text of its own. Empty
 // when the file is not there or says nothing.
 std::string samba_series_of_module(const std::string& file);
+
+// The server's settings as testparm tells them, defaults included; those of the installed server
+// when the name of the file is empty. Nothing when testparm cannot be run or refuses the file.
+std::optional<std::string> testparm(const std::string& smb_conf);
 
 }  // namespace tavrix::status

@@ -20,6 +20,8 @@ class Judge {
 
   // True if the caller may do the operation on the path; "" is the share itself.
   [[nodiscard]] bool may(e_fsop_type op, const std::string& path) const;
+  // The rights of the caller on a path of the map; all of them if there is no such object.
+  [[nodiscard]] uint32_t mask_on(const std::string& path) const;
   [[nodiscard]] bool sees(const std::string& path) const { return may(FSOP_STAT, path); }
 
   // The changes that the disk may show afterwards.
@@ -40,7 +42,6 @@ class Judge {
   [[nodiscard]] bool is_admin() const;
   [[nodiscard]] bool is_standard() const;
   [[nodiscard]] e_file_type type_of(const std::string& path) const;
-  [[nodiscard]] uint32_t mask_on(const std::string& path) const;
   [[nodiscard]] bool ruled(e_fsop_type op, const std::string& path, uint32_t self,
                            uint32_t parent) const;
   [[nodiscard]] bool in_private(e_fsop_type op, const std::string& path) const;

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// The folders of the map as one user or group meets them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/explain/witness.hpp"
+
+namespace tavrix::explain {
+
+struct SeenFolder {
+  std::string path;
+  int level = 0;      // below the folder where the tree begins
+  uint32_t mask = 0;  // the rights on it
+  bool is_visible = false;
+};
+
+struct TreeWish {
+  std::string path = "Shared";
+  int depth = 3;
+  bool only_writable = false;
+};
+
+// The folders that the person sees or may write, and those on the way to them, in the order of the
+// map. The image must be sound.
+[[nodiscard]] std::vector<SeenFolder> tree_for(const Person& person, const void* map,
+                                               const TreeWish& wish);
+
+// A member of one group, and of the power users, who has no entry of its own.
+[[nodiscard]] Person member_of(uint32_t gid, uint32_t power_users);
+
+// "rwdnv", with "-" for each right that is missing.
+[[nodiscard]] std::string letters(uint32_t mask);
+
+}  // namespace tavrix::explain
