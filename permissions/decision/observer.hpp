@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The steps of a decision, told while they happen. A server has no observer, and a step tells
-// nothing but for one comparison with null. tavrixctl explains verdicts with it, so that no second
-// implementation of the rules can differ from this one.
+// The steps of a decision, told while they happen. tavrixctl explains verdicts with them, so that no
+// second implementation of the rules can differ from this one. Servers run a copy of the same
+// template that is compiled without an observer.
 #pragma once
 
 #include <cstdint>
