@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// The steps of a decision, told while they happen. tavrixctl explains verdicts with them, so that no
-// second implementation of the rules can differ from this one. Servers run a copy of the same
+// The steps of a decision, told while they happen. tavrixctl explains verdicts with them, so that
+// no second implementation of the rules can differ from this one. Servers run a copy of the same
 // template that is compiled without an observer.
 #pragma once
 

@@ -202,7 +202,7 @@ TEST_P(Storm, EventsEqualTheDiskAndNothingIsLeft) {
     }
     clients.push_back(std::make_unique<Child>(work_in_secret));
     const time_t end = time(nullptr) + GetParam().seconds;
-    while (time(nullptr) < end || event_lines().size() <= kFewestEvents) witness->work();
+    while (time(nullptr) < end || events_at_a_glance() <= kFewestEvents) witness->work();
     write_file("/scratch/stop", "");
     for (auto& client : clients) EXPECT_TRUE(client->wait().ok());
     EXPECT_TRUE(loader.wait().ok());

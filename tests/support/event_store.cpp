@@ -125,6 +125,8 @@ std::vector<Event> events() {
   return all;
 }
 
+std::size_t events_at_a_glance() { return events_now().size(); }
+
 std::vector<std::string> lines_of(const std::vector<Event>& events) {
   std::vector<std::string> lines;
   for (const Event& event : events) lines.push_back(event.what);

@@ -37,6 +37,8 @@ void share_settings();
 std::vector<Event> events();
 std::vector<std::string> lines_of(const std::vector<Event>& events);
 std::vector<std::string> event_lines();
+// Their number while others write and flush. A flush that runs hides the events that it moves.
+std::size_t events_at_a_glance();
 // The records of the audit dump files; each process flushes its own buffer.
 std::vector<AuditRecord> audit_records();
 
