@@ -83,7 +83,7 @@ make_samba_root() {
     for package in samba samba-common samba-common-bin samba-libs samba-vfs-modules smbclient samba-testsuite; do
       packages+=("$package=$version")
     done
-    # What these packages need newer comes from their own release; apt counts what is installed as there.
+    # Newer packages that these need come from their own release; apt counts what is installed as there.
     apt_here apt-get -q -y --download-only --no-install-recommends \
       -t "$(. /etc/os-release && echo "$VERSION_CODENAME")-backports" install "${packages[@]}" >/dev/null
     for package in apt/archives/*.deb; do dpkg-deb -x "$package" .; done

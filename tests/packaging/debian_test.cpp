@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What the folder debian says, compared with the sources and the library.
+// The folder debian, compared with the sources and the library.
 
 #include <gtest/gtest.h>
 #include <algorithm>

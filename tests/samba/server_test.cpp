@@ -34,7 +34,7 @@ std::vector<Symbol> undefined_symbols() {
   return symbols;
 }
 
-// What the compiler asks for in every shared object.
+// Names that the compiler asks for in every shared object.
 bool is_of_the_compiler(const std::string& name) {
   return name == "__gmon_start__" || name.starts_with("_ITM_");
 }

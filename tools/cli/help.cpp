@@ -56,7 +56,7 @@ std::string names_of(const std::set<CLI::Option*>& options) {
   return names;
 }
 
-// What stands behind the description in brackets.
+// The notes in brackets behind the description.
 std::string notes_of(const CLI::Option& option) {
   std::vector<std::string> notes;
   if (const std::string range = range_of(option); !range.empty()) notes.push_back(range);

@@ -24,7 +24,7 @@ struct Groups {
 };
 [[nodiscard]] Groups current_groups();
 
-// Where the groups of a person come from.
+// The source of a person's groups.
 enum class GroupSource { kGroupMap, kMachine, kGiven, kNowhere };
 
 struct Identity {

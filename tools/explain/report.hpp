@@ -25,7 +25,8 @@ struct Report {
 // Adds to an answer what would turn its verdict.
 [[nodiscard]] Report explain(const Question& question, Answer answer);
 
-// What must be known before the verdict is believed, a line each: no group map, no such object.
+// The sentences that stand before the verdict, because it is worth less without them: no group map,
+// no such object.
 [[nodiscard]] std::vector<std::string> warnings(const Report& report);
 
 // The whole way to the verdict, in lines.

@@ -11,8 +11,7 @@ namespace tavrix::explain {
 // One sentence without a full stop: why the verdict is as it is.
 [[nodiscard]] std::string reason(const Question& question, const Facts& facts);
 
-// What a granted caller owes the grant to: "administrator", "group Readers", "own entry", or a
-// reason.
+// The source of a grant: "administrator", "group Readers", "own entry", or a reason.
 [[nodiscard]] std::string through(const Question& question, const Facts& facts);
 
 // "administrator", "power user", "standard user" or "reserved"; empty when the decision ended
