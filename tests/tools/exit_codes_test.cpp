@@ -104,6 +104,13 @@ TEST_F(ExitCodes, OfQuestionsAboutManyAreTwoWithoutTheMaps) {
   expect(2, {"effective", "--user", "daemon"});
 }
 
+TEST_F(ExitCodes, OfAComparisonOfMapsAreOneForADifference) {
+  write_json_pair({.name = "/"});
+  expect(0, {"map", "diff", "current", "/etc/tavrix/.permbe_map"});
+  expect(1, {"map", "diff", "current", "/scratch/size.json,/scratch/data.json"});
+  expect(2, {"map", "diff", "current", "/none"});
+}
+
 TEST_F(ExitCodes, OfChecksOfMapsAreOneForErrors) {
   write_json_pair(team());
   expect(0, {"map", "lint", "/scratch/size.json", "/scratch/data.json"});

@@ -57,6 +57,8 @@ std::vector<Example> examples() {
       {{"map", "tree"}, {"Shared", "--depth", "0"}, {}},
       {{"map", "acl"}, {"/Shared/Team/Docs"}, {}},
       {{"map", "acl"}, {"/caf\xe9"}, {}},
+      {{"map", "diff"}, {"current", kImage}, {}},
+      {{"map", "diff"}, {"current", "/scratch/other"}, {}},
       {{"status"}, {}, {}},
       {{"status"}, {"--settings", "/scratch/broken.json"}, {}},
       {{"doctor"}, {}, {}},
@@ -109,6 +111,7 @@ class JsonOutput : public SweeperWorld {
     import(team());
     write_json_pair(team());
     write_file("/scratch/broken.json", "{\"broken\": ");
+    write_other_map();
     write_file("/scratch/groups.json", R"({"reserved": {"admins": 9001}, "users": {"anna": [1]}})");
     write_file(
         "/scratch/people.json",
@@ -117,6 +120,17 @@ class JsonOutput : public SweeperWorld {
     write_file(kPatterns, "^~\n#comment\n[.]tmp$\n");
     write_file("/scratch/dump", event() + event());
     write_file("/scratch/audits", audit());
+  }
+  // A map that differs from the one in force in every way.
+  static void write_other_map() {
+    Folder other = team();
+    Folder& shared = other.children[0];
+    shared.groups = {{2000, 3}};
+    shared.children.push_back({.name = "caf\xe9", .users = {{0, 3}}});
+    shared.children.push_back(shared.children[0].children[1]);
+    shared.children[0].children = {};
+    const auto image = build_image(other);
+    write_file("/scratch/other", {reinterpret_cast<const char*>(image.data()), image.size()});
   }
   static std::string framed(const staging_data_s& record) {
     return {reinterpret_cast<const char*>(&record), sizeof record + record.size};

@@ -6,6 +6,7 @@
 #include <sys/shm.h>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -88,6 +89,15 @@ std::optional<Image> Image::file(const std::string& path) {
   }
   Image image;
   image.origin_ = path;
+  // A file that tells its size is read in one piece, without a second copy of a large image.
+  std::error_code error;
+  const auto size = std::filesystem::file_size(path, error);
+  if (!error) {
+    image.content_.resize(size);
+    in.read(reinterpret_cast<char*>(image.content_.data()), static_cast<std::streamsize>(size));
+    image.content_.resize(static_cast<std::size_t>(in.gcount()));
+    return image;
+  }
   const std::string content{std::istreambuf_iterator<char>(in), {}};
   image.content_.resize(content.size());
   if (!content.empty()) std::memcpy(image.content_.data(), content.data(), content.size());
@@ -105,6 +115,7 @@ std::optional<Image> Image::sound(const std::string& path) {
 }
 
 std::span<const std::byte> Image::bytes() const {
+  if (imported_) return imported_.bytes();
   if (table_) return {static_cast<const std::byte*>(table_.get()), table_bytes_};
   return content_;
 }

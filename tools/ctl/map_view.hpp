@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "internal/scoped.hpp"
+#include "tools/mapload/private_import.hpp"
 #include "tools/mapload/report.hpp"
 
 namespace tavrix::ctl {
@@ -35,9 +36,11 @@ Fd lock_or_complain();
 // Prints the messages of a load on standard error.
 void tell(const mapload::Report& report);
 
-// An image: the current table, or a file.
+// An image: the current table, a file, or two files imported for this process alone.
 class Image {
  public:
+  Image(mapload::SharedMemory imported, std::string origin)
+      : origin_(std::move(origin)), imported_(std::move(imported)) {}
   // These two complain and return nothing when there is no image.
   static std::optional<Image> current();
   static std::optional<Image> file(const std::string& path);
@@ -49,7 +52,9 @@ class Image {
   [[nodiscard]] const std::string& origin() const { return origin_; }
 
  private:
+  Image() = default;
   std::string origin_;
+  mapload::SharedMemory imported_;
   ShmAttachment table_;
   std::size_t table_bytes_ = 0;
   std::vector<std::byte> content_;

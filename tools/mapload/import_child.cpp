@@ -11,6 +11,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -22,6 +23,8 @@ namespace tavrix::mapload {
 namespace {
 
 constexpr int kPollMilliseconds = 50;
+// Exit codes from here on are the errno of a preparation. Those of a pass are smaller.
+constexpr int kNotPrepared = 100;
 
 // The library prints enough traces of an import to fill a terminal.
 void silence_output() {
@@ -29,12 +32,14 @@ void silence_output() {
   if (null) dup2(null.get(), STDOUT_FILENO);
 }
 
-[[noreturn]] void be_the_child(pid_t parent, const std::function<int()>& pass, bool verbose) {
+[[noreturn]] void be_the_child(pid_t parent, const std::function<int()>& pass,
+                               const Supervision& how) {
   // The import must end with its parent: nobody would publish its image, and the child holds the
   // lock.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(0);
-  if (!verbose) silence_output();
+  if (!how.verbose) silence_output();
+  if (const int error = how.prepare ? how.prepare() : 0; error != 0) _exit(kNotPrepared + error);
   const int code = pass();
   std::fflush(nullptr);
   _exit(code);
@@ -42,7 +47,10 @@ void silence_output() {
 
 PassEnd end_of(int status) {
   PassEnd end;
-  if (WIFEXITED(status)) {
+  if (WIFEXITED(status) && WEXITSTATUS(status) > kNotPrepared) {
+    end.kind = PassEnd::Kind::kNotStarted;
+    end.error = WEXITSTATUS(status) - kNotPrepared;
+  } else if (WIFEXITED(status)) {
     end.code = WEXITSTATUS(status);
   } else if (WTERMSIG(status) == SIGABRT) {
     end.kind = PassEnd::Kind::kAborted;
@@ -78,7 +86,7 @@ PassEnd run(const std::function<int()>& pass, const Supervision& how) {
   std::fflush(nullptr);
   const pid_t parent = getpid();
   const pid_t child = fork();
-  if (child == 0) be_the_child(parent, pass, how.verbose);
+  if (child == 0) be_the_child(parent, pass, how);
   if (child > 0) return supervise(child, how);
   PassEnd end;
   end.kind = PassEnd::Kind::kNotStarted;
@@ -165,6 +173,12 @@ PassEnd run_data_pass(const memsummary_s& summary, const Supervision& how) {
         return err == SHM_MEMBE_OK ? process_permmap(&own) : err;
       },
       how);
+}
+
+uint64_t folders_done(const void* image) {
+  const auto* offset = reinterpret_cast<const uint32_t*>(
+      static_cast<const char*>(image) + offsetof(tavrix_be_header, next_free_fselem));
+  return __atomic_load_n(offset, __ATOMIC_RELAXED) / sizeof(fs_elem_s);
 }
 
 }  // namespace tavrix::mapload

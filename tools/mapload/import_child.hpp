@@ -27,6 +27,7 @@ struct Supervision {
   bool verbose = false;               // lets the library's own output through
   std::function<void()> progress;     // called while a pass runs, about every 50 ms
   std::function<bool()> should_stop;  // likewise; true ends the pass
+  std::function<int()> prepare;       // called in the child; an errno keeps the pass from starting
 };
 
 // Reads the counts of the size file, or of the local copy when both paths are null.
@@ -39,5 +40,8 @@ SizePass run_size_pass(const char* size_path, const char* data_path, const Super
 // Fills the image at summary.membuf from the data file and writes the local copy; without file
 // names in the summary, fills it from the local copy.
 PassEnd run_data_pass(const memsummary_s& summary, const Supervision& how);
+
+// The number of folders that a running data pass has filled so far.
+[[nodiscard]] uint64_t folders_done(const void* image);
 
 }  // namespace tavrix::mapload

@@ -24,9 +24,6 @@
 namespace tavrix::mapload {
 namespace {
 
-// Offset of the field in the image's header that holds the offset of the next folder.
-constexpr std::size_t kFolderOffsetAt = 132;
-
 // Symbolic links to the two files. The library's import removes the names that it is given, also
 // when it fails, so it gets these and the files stay.
 class NamesToRemove {
@@ -58,13 +55,6 @@ class NamesToRemove {
   std::string size_ = std::string(kImportFolder) + "/size.json";
   std::string data_ = std::string(kImportFolder) + "/data.json";
 };
-
-// The number of folders that the child has filled so far.
-uint64_t folders_done(const void* image) {
-  const auto* offset =
-      reinterpret_cast<const uint32_t*>(static_cast<const char*>(image) + kFolderOffsetAt);
-  return __atomic_load_n(offset, __ATOMIC_RELAXED) / sizeof(fs_elem_s);
-}
 
 uint64_t size_of(const char* path) {
   struct stat info {};

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+#include "tools/ctl/map_diff_output.hpp"
+
+#include <cstring>
+#include <map>
+#include <utility>
+
+#include "tools/ctl/output.hpp"
+#include "tools/text/counted.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+using mapdiff::EntryChange;
+using mapdiff::has_entries;
+using mapdiff::path_of;
+
+bool is_user(uint32_t type) { return type == IDTYPE_UID; }
+
+// Looks a name up once: a difference may name the same group a million times.
+const std::string& name_of(uint32_t type, uint32_t id) {
+  static std::map<std::pair<uint32_t, uint32_t>, std::string> known;
+  const auto [place, is_new] = known.try_emplace({type, id});
+  if (is_new) place->second = is_user(type) ? user_name(id) : group_name(id);
+  return place->second;
+}
+
+std::vector<EntryChange> changes_of(const Compared& maps, const mapdiff::FolderPair& pair) {
+  std::vector<mapdiff::Entry> old_entries, new_entries;
+  mapdiff::read_entries(maps.old_map, pair.old_folder, old_entries);
+  mapdiff::read_entries(maps.new_map, pair.new_folder, new_entries);
+  return changed_entries(old_entries, new_entries);
+}
+
+// --- for people --------------------------------------------------------------------------------
+
+std::string text_of(const EntryChange& change) {
+  const std::string& name = name_of(change.type, change.id);
+  const std::string whom = fmt::format("{} {}", is_user(change.type) ? "user" : "group",
+                                       name.empty() ? std::to_string(change.id) : shown(name));
+  if (!change.old_mask) return fmt::format("+ {}: {}", whom, rights(*change.new_mask));
+  if (!change.new_mask) return fmt::format("- {}: {}", whom, rights(*change.old_mask));
+  return fmt::format("  {}: {} -> {}", whom, rights(*change.old_mask), rights(*change.new_mask));
+}
+
+// A folder without entries has those of the nearest folder above that has some.
+const char* turn_of(const Compared& maps, const mapdiff::FolderPair& pair) {
+  if (!has_entries(maps.new_map, pair.new_folder)) return "  (inherits now)";
+  if (!has_entries(maps.old_map, pair.old_folder)) return "  (inherited before)";
+  return "";
+}
+
+void print_subtrees(const char* what, const ImageView& map,
+                    const std::vector<mapdiff::Subtree>& subtrees) {
+  for (const mapdiff::Subtree& subtree : subtrees) {
+    fmt::print("{:<7}  {}{}\n", what, shown(path_of(map, subtree.folder)),
+               subtree.folders == 1
+                   ? ""
+                   : fmt::format("  ({})", text::counted(subtree.folders, "folder")));
+  }
+}
+
+template <typename List>
+uint64_t folders_in(const List& list) {
+  uint64_t folders = 0;
+  for (const auto& item : list) folders += item.folders;
+  return folders;
+}
+
+void print_sum(const mapdiff::Difference& difference) {
+  if (difference.is_empty()) {
+    fmt::print("the same folders with the same entries\n");
+    return;
+  }
+  fmt::print("{} removed, {} added, {} moved, {} with other entries\n",
+             text::counted(folders_in(difference.removed), "folder"), folders_in(difference.added),
+             folders_in(difference.moved), difference.changed.size());
+}
+
+// --- for programs ------------------------------------------------------------------------------
+
+std::string dumped(const Json& json, int indent = -1) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
+Json json_of(const Image& image, const ImageView& map) {
+  const tavrix_be_header& header = map.header();
+  const auto text = [](const char* field, std::size_t size) {
+    return std::string(field, strnlen(field, size));
+  };
+  Json json;
+  set_bytes(json, "image", image.origin());
+  set_bytes(json, "name", text(header.mapname, sizeof header.mapname));
+  set_bytes(json, "version", text(header.version, sizeof header.version));
+  json["generation"] = uint32_t{header.generationnum};
+  json["timestamp"] = int64_t{header.timestamp};
+  json::set_time(json, "time", header.timestamp);
+  json["folders"] = uint32_t{header.total_fselems};
+  json["aces"] = uint32_t{header.total_aces};
+  return json;
+}
+
+Json json_of(const EntryChange& change) {
+  Json json;
+  json["type"] = is_user(change.type) ? "user" : "group";
+  json["id"] = change.id;
+  if (const std::string& name = name_of(change.type, change.id); !name.empty()) {
+    set_bytes(json, "name", name);
+  }
+  if (change.old_mask) {
+    json["old_mask"] = *change.old_mask;
+    json["old_rights"] = rights(*change.old_mask);
+  }
+  if (change.new_mask) {
+    json["new_mask"] = *change.new_mask;
+    json["new_rights"] = rights(*change.new_mask);
+  }
+  return json;
+}
+
+Json json_of(const ImageView& map, const mapdiff::Subtree& subtree) {
+  Json json;
+  set_bytes(json, "path", path_of(map, subtree.folder));
+  json["folders"] = subtree.folders;
+  return json;
+}
+
+Json json_of(const Compared& maps, const mapdiff::Move& move) {
+  Json json;
+  set_bytes(json, "from", path_of(maps.old_map, move.old_folder));
+  set_bytes(json, "to", path_of(maps.new_map, move.new_folder));
+  json["folders"] = move.folders;
+  return json;
+}
+
+Json json_of(const Compared& maps, const mapdiff::FolderPair& pair) {
+  Json json;
+  set_bytes(json, "path", path_of(maps.new_map, pair.new_folder));
+  json["inherited_before"] = !has_entries(maps.old_map, pair.old_folder);
+  json["inherits_now"] = !has_entries(maps.new_map, pair.new_folder);
+  json["entries"] = Json::array();
+  for (const EntryChange& change : changes_of(maps, pair))
+    json["entries"].push_back(json_of(change));
+  return json;
+}
+
+// A key of the document with a list, an item a line.
+template <typename Items, typename Convert>
+void print_list(const char* key, const Items& items, Convert convert) {
+  fmt::print(",\n  \"{}\": [", key);
+  const char* before = "\n    ";
+  for (const auto& item : items) {
+    fmt::print("{}{}", before, dumped(convert(item)));
+    before = ",\n    ";
+  }
+  fmt::print("{}]", items.empty() ? "" : "\n  ");
+}
+
+}  // namespace
+
+void print_difference(const Compared& maps, const mapdiff::Difference& difference) {
+  print_subtrees("removed", maps.old_map, difference.removed);
+  print_subtrees("added", maps.new_map, difference.added);
+  for (const mapdiff::Move& move : difference.moved) {
+    fmt::print(
+        "moved    {} -> {}{}\n", shown(path_of(maps.old_map, move.old_folder)),
+        shown(path_of(maps.new_map, move.new_folder)),
+        move.folders == 1 ? "" : fmt::format("  ({})", text::counted(move.folders, "folder")));
+  }
+  for (const mapdiff::FolderPair& pair : difference.changed) {
+    fmt::print("changed  {}{}\n", shown(path_of(maps.new_map, pair.new_folder)),
+               turn_of(maps, pair));
+    for (const EntryChange& change : changes_of(maps, pair)) {
+      fmt::print("           {}\n", text_of(change));
+    }
+  }
+  print_sum(difference);
+}
+
+void print_difference_json(const Compared& maps, const mapdiff::Difference& difference) {
+  Json head = document("map-diff");
+  head["old"] = json_of(maps.old_image, maps.old_map);
+  head["new"] = json_of(maps.new_image, maps.new_map);
+  head["same"] = difference.is_empty();
+  std::string text = dumped(head, 2);
+  text.resize(text.rfind('\n'));  // before the last bracket
+  fmt::print("{}", text);
+  const auto subtree_in = [](const ImageView& map) {
+    return [&map](const mapdiff::Subtree& subtree) { return json_of(map, subtree); };
+  };
+  const auto item = [&maps](const auto& found) { return json_of(maps, found); };
+  print_list("removed", difference.removed, subtree_in(maps.old_map));
+  print_list("added", difference.added, subtree_in(maps.new_map));
+  print_list("moved", difference.moved, item);
+  print_list("changed", difference.changed, item);
+  fmt::print("\n}}\n");
+}
+
+}  // namespace tavrix::ctl

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// The difference of two maps for people and for programs.
+#pragma once
+
+#include "tools/ctl/map_view.hpp"
+#include "tools/mapdiff/difference.hpp"
+
+namespace tavrix::ctl {
+
+// The two maps that were compared.
+struct Compared {
+  const Image& old_image;
+  const Image& new_image;
+  ImageView old_map, new_map;
+};
+
+void print_difference(const Compared& maps, const mapdiff::Difference& difference);
+// Printed piece by piece: a document of a million folders would need many times the memory of the
+// images.
+void print_difference_json(const Compared& maps, const mapdiff::Difference& difference);
+
+}  // namespace tavrix::ctl
