@@ -109,6 +109,10 @@ TEST_F(ExitCodes, OfAComparisonOfMapsAreOneForADifference) {
   expect(0, {"map", "diff", "current", "/etc/tavrix/.permbe_map"});
   expect(1, {"map", "diff", "current", "/scratch/size.json,/scratch/data.json"});
   expect(2, {"map", "diff", "current", "/none"});
+  expect(2, {"map", "diff", "current", "current", "--effective"});  // there is no group list map
+  expect(2, {"map", "diff", "current", "current", "--user", "bin"});
+  expect(0, {"groupmap", "build", "/scratch/groups.json", "-o", "/etc/tavrix/groupmap_refresh"});
+  expect(0, {"map", "diff", "current", "current", "--effective"});
 }
 
 TEST_F(ExitCodes, OfChecksOfMapsAreOneForErrors) {

@@ -59,6 +59,7 @@ std::vector<Example> examples() {
       {{"map", "acl"}, {"/caf\xe9"}, {}},
       {{"map", "diff"}, {"current", kImage}, {}},
       {{"map", "diff"}, {"current", "/scratch/other"}, {}},
+      {{"map", "diff"}, {"current", "/scratch/other", "--effective"}, {}},
       {{"status"}, {}, {}},
       {{"status"}, {"--settings", "/scratch/broken.json"}, {}},
       {{"doctor"}, {}, {}},

@@ -83,7 +83,7 @@ TEST_F(MapDiff, SeesNoDifferenceInTheOrderOfFoldersAndTrustees) {
   EXPECT_EQ(0, diff(before, after).exit_code);
 }
 
-// The first of two entries for a user is the one that counts.
+// Of two entries for a user only one counts, by its place.
 TEST_F(MapDiff, SeesADifferenceInTheOrderOfEntriesForOneUser) {
   const Folder before = share({folder("a", {}, {{70001, 1}, {70001, 3}})});
   const Folder after = share({folder("a", {}, {{70001, 3}, {70001, 1}})});
@@ -179,6 +179,90 @@ TEST_F(MapDiff, SaysWhyThereIsNothingToCompare) {
     EXPECT_EQ("", outcome.out) << name;
     EXPECT_TRUE(contains(outcome.err, sentence)) << name << ": " << outcome.err;
   }
+}
+
+// --- who gains, who loses ------------------------------------------------------------------------
+
+class MapDiffEffective : public MapDiff {
+ protected:
+  void SetUp() override {
+    MapDiff::SetUp();
+    write_file("/scratch/people.json",
+               R"({"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002},
+                   "users": {"daemon": [9002, 70001], "bin": [9002, 70001], "sys": [9002],
+                             "sync": [9001, 70001], "games": [70001]}})");
+    EXPECT_EQ(
+        0, ctl({"groupmap", "build", "/scratch/people.json", "-o", "/etc/tavrix/groupmap_refresh"})
+               .exit_code);
+  }
+  static Outcome effective(const Folder& before, const Folder& after,
+                           const std::vector<std::string>& more = {}) {
+    write_image("/scratch/old", before);
+    write_image("/scratch/new", after);
+    std::vector<std::string> words = {"map", "diff", "/scratch/old", "/scratch/new", "--effective"};
+    words.insert(words.end(), more.begin(), more.end());
+    return ctl(words);
+  }
+  static Folder team_for(std::vector<Ace> users, std::vector<Ace> groups) {
+    return share({{.name = "Team",
+                   .users = std::move(users),
+                   .groups = std::move(groups),
+                   .children = {folder("a", {folder("b")})}}});
+  }
+  static constexpr uint32_t kDaemon = 1, kBin = 2;  // users of every machine
+};
+
+TEST_F(MapDiffEffective, SaysInOneLineWhatASubtreeInherits) {
+  const Outcome outcome =
+      effective(team_for({{kBin, 1}}, {}), team_for({{kBin, 3}, {kDaemon, 1}}, {}));
+  EXPECT_EQ(1, outcome.exit_code) << outcome.err;
+  EXPECT_EQ(
+      "Shared/Team and below: user daemon gains read\n"
+      "Shared/Team and below: user bin gains write\n",
+      outcome.out);
+}
+
+TEST_F(MapDiffEffective, TellsAFolderFromWhatIsBelowItForNavigation) {
+  EXPECT_EQ("Shared/Team: user bin gains navigate\n",
+            effective(team_for({{kDaemon, 1}}, {}), team_for({{kDaemon, 1}, {kBin, 8}}, {})).out);
+}
+
+TEST_F(MapDiffEffective, FoldsAllUsersOfAGroup) {
+  write_file("/scratch/people.json",
+             R"({"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002},
+                 "users": {"daemon": [9002, 70001], "bin": [9002, 70001], "sys": [9002]}})");
+  ASSERT_EQ(0,
+            ctl({"groupmap", "build", "/scratch/people.json", "-o", "/etc/tavrix/groupmap_refresh"})
+                .exit_code);
+  EXPECT_EQ("Shared/Team and below: group 70001 loses read and write\n",
+            effective(team_for({{70009, 1}}, {{70001, 3}}), team_for({{70009, 1}}, {})).out);
+  EXPECT_EQ("Shared/Team and below: user bin gains write; loses delete\n",
+            effective(team_for({{kBin, 5}}, {}), team_for({{kBin, 3}}, {}), {"--user", "bin"}).out);
+}
+
+// The administrators may everything in Shared, and standard users nothing, whatever the map says.
+TEST_F(MapDiffEffective, KnowsWhomTheMapDoesNotConcern) {
+  EXPECT_EQ("Shared/Team and below: user daemon and user bin gain read\n",
+            effective(team_for({{70009, 1}}, {}), team_for({{70009, 1}}, {{70001, 1}})).out);
+}
+
+TEST_F(MapDiffEffective, IsSilentWhenNobodyGainsOrLoses) {
+  const Outcome outcome = effective(team_for({{70009, 1}}, {}), team_for({{70009, 3}}, {}));
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_EQ("nobody gains or loses a right\n", outcome.out);
+}
+
+TEST_F(MapDiffEffective, FollowsTheEntriesOfTheRoot) {
+  const Folder before{.name = "/", .users = {{kBin, 1}}, .children = {folder("Shared")}};
+  const Folder after{.name = "/", .users = {{kBin, 7}}, .children = {folder("Shared")}};
+  EXPECT_EQ("below Shared: user bin gains write and delete\n", effective(before, after).out);
+}
+
+TEST_F(MapDiffEffective, NeedsTheGroupListMapAndAKnownUser) {
+  const Folder map = team_for({{kBin, 1}}, {});
+  EXPECT_EQ(2, effective(map, map, {"--user", "nobody-of-this-name"}).exit_code);
+  unlink("/etc/tavrix/groupmap_refresh");
+  EXPECT_EQ(2, effective(map, map).exit_code);
 }
 
 // --- a simple model: two lists of paths with entries -------------------------------------------

@@ -1,52 +1,119 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map diff: what changed between two maps.
 
+#include <fmt/format.h>
+#include <optional>
+#include <set>
+#include <vector>
+
 #include "tools/cli/completion.hpp"
 #include "tools/cli/help.hpp"
 #include "tools/cli/progress.hpp"
 #include "tools/ctl/commands.hpp"
+#include "tools/ctl/library_log.hpp"
 #include "tools/ctl/map_diff_output.hpp"
 #include "tools/ctl/map_operand.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/survive.hpp"
+#include "tools/explain/request.hpp"
+#include "tools/groupmap/group_map.hpp"
+#include "tools/mapdiff/crowd.hpp"
 #include "tools/mapdiff/difference.hpp"
+#include "tools/mapdiff/rights.hpp"
+#include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
 
-int diff(const Options& options, const std::string& old_name, const std::string& new_name) {
+struct Wish {
+  std::string old_name, new_name;
+  bool wants_rights = false;
+  std::string user;  // empty: every user of the group list map
+};
+
+// The people whose rights are compared. Complains and returns nothing when they are not known.
+std::optional<mapdiff::Crowd> crowd_for(const Wish& wish) {
+  const explain::Groups groups = explain::current_groups();
+  if (groups.state != explain::Groups::State::kRead) {
+    complain(
+        "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
+    return std::nullopt;
+  }
+  std::vector<explain::Person> people;
+  std::size_t without_account = 0;
+  if (!wish.user.empty()) {
+    const auto identity = explain::person_named(wish.user, groups);
+    if (!identity) {
+      complain("there is no user \"{}\"", wish.user);
+      return std::nullopt;
+    }
+    people.push_back(identity->person);
+  } else {
+    for (const groupmap::User& user : groups.map.users) {
+      const auto identity = explain::person_named(user.name, groups);
+      if (!identity) ++without_account;
+      if (identity) people.push_back(identity->person);
+    }
+  }
+  if (without_account > 0) {
+    warn(fmt::format("{} of the group list map {} no account and {} left out",
+                     text::counted(without_account, "user"),
+                     text::verb(without_account, "has", "have"),
+                     text::verb(without_account, "is", "are")));
+  }
+  explain::take_reserved_groups(groups);
+  std::set<uint32_t> classes;
+  for (const auto gid : {groups.administrators(), groups.power_users()}) {
+    if (gid) classes.insert(*gid);
+  }
+  return mapdiff::Crowd(std::move(people), std::move(classes), wish.user.empty());
+}
+
+int diff(const Options& options, const Wish& wish) {
   cli::ProgressBar bar(!options.no_progress);
-  const auto old_image = map_named(old_name, bar);
+  const auto crowd = wish.wants_rights ? crowd_for(wish) : std::nullopt;
+  if (wish.wants_rights && !crowd) return kFailure;
+  const auto old_image = map_named(wish.old_name, bar);
   if (!old_image) return kFailure;
-  const auto new_image = map_named(new_name, bar);
+  const auto new_image = map_named(wish.new_name, bar);
   if (!new_image) return kFailure;
   const Compared maps{*old_image, *new_image, ImageView(old_image->bytes().data()),
                       ImageView(new_image->bytes().data())};
-  const mapdiff::Difference difference = mapdiff::compare(
-      maps.old_map, maps.new_map,
-      [&bar](uint64_t done, uint64_t folders) { bar.show("comparing", done, folders); });
+  set_debug_level(options.verbose ? 0 : -1);
+  const auto show = [&bar](uint64_t done, uint64_t all) { bar.show("comparing", done, all); };
+  const mapdiff::Difference difference = mapdiff::compare(maps.old_map, maps.new_map, show);
+  std::optional<std::vector<mapdiff::RightsChange>> rights;
+  if (crowd) {
+    rights = mapdiff::changed_rights(maps.old_map, maps.new_map, difference, *crowd, show);
+  }
   bar.clear();
   if (options.json) {
-    print_difference_json(maps, difference);
+    print_difference_json(maps, difference, rights ? &*rights : nullptr);
+  } else if (rights) {
+    print_rights(*rights);
   } else {
     print_difference(maps, difference);
   }
-  return difference.is_empty() ? kYes : kNo;
+  return (rights ? rights->empty() : difference.is_empty()) ? kYes : kNo;
 }
 
 }  // namespace
 
 void add_map_diff_command(CLI::App& map, Options& options, Action& action) {
-  static std::string old_name, new_name;
+  static Wish wish;
   CLI::App* command =
       map.add_subcommand("diff", "Show what changed between two maps (exit 1: they differ)");
-  command->add_option("OLD", old_name, "\"current\", an image, or two files as SIZE,DATA")
+  command->add_option("OLD", wish.old_name, "\"current\", an image, or two files as SIZE,DATA")
       ->required()
       ->type_name("FILE");
-  command->add_option("NEW", new_name, "likewise")->required()->type_name("FILE");
-  command->callback([&] {
+  command->add_option("NEW", wish.new_name, "likewise")->required()->type_name("FILE");
+  auto* effective = command->add_flag("--effective", wish.wants_rights,
+                                      "who gains and who loses which rights, and where");
+  auto* user = command->add_option("--user", wish.user, "only this user")->type_name("USER");
+  cli::complete_with(user->needs(effective), groupmap::known_users);
+  command->callback([&options, &action] {
     action = [&options] {
-      return survive("the comparison", [&options] { return diff(options, old_name, new_name); });
+      return survive("the comparison", [&options] { return diff(options, wish); });
     };
   });
   cli::add_examples(
@@ -54,6 +121,8 @@ void add_map_diff_command(CLI::App& map, Options& options, Action& action) {
       {{"tavrixctl map diff current size.json,data.json", "what would an import change?"},
        {"tavrixctl map diff /etc/tavrix/.permbe_map current",
         "is the local copy the map in force?"},
+       {"tavrixctl map diff current size.json,data.json --effective",
+        "who would gain and who would lose what, and where?"},
        {"tavrixctl --json map diff current size.json,data.json", "the same, for a program"}});
 }
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tools/ctl/output.hpp"
+#include "tools/explain/words.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
@@ -21,7 +22,8 @@ bool is_user(uint32_t type) { return type == IDTYPE_UID; }
 const std::string& name_of(uint32_t type, uint32_t id) {
   static std::map<std::pair<uint32_t, uint32_t>, std::string> known;
   const auto [place, is_new] = known.try_emplace({type, id});
-  if (is_new) place->second = is_user(type) ? user_name(id) : group_name(id);
+  // The reserved groups of the group list map need no name on the machine.
+  if (is_new) place->second = explain::name_of({is_user(type), id});
   return place->second;
 }
 
@@ -34,10 +36,14 @@ std::vector<EntryChange> changes_of(const Compared& maps, const mapdiff::FolderP
 
 // --- for people --------------------------------------------------------------------------------
 
+std::string whom_of(uint32_t type, uint32_t id) {
+  const std::string& name = name_of(type, id);
+  return fmt::format("{} {}", is_user(type) ? "user" : "group",
+                     name.empty() ? std::to_string(id) : shown(name));
+}
+
 std::string text_of(const EntryChange& change) {
-  const std::string& name = name_of(change.type, change.id);
-  const std::string whom = fmt::format("{} {}", is_user(change.type) ? "user" : "group",
-                                       name.empty() ? std::to_string(change.id) : shown(name));
+  const std::string whom = whom_of(change.type, change.id);
   if (!change.old_mask) return fmt::format("+ {}: {}", whom, rights(*change.new_mask));
   if (!change.new_mask) return fmt::format("- {}: {}", whom, rights(*change.old_mask));
   return fmt::format("  {}: {} -> {}", whom, rights(*change.old_mask), rights(*change.new_mask));
@@ -75,6 +81,26 @@ void print_sum(const mapdiff::Difference& difference) {
   fmt::print("{} removed, {} added, {} moved, {} with other entries\n",
              text::counted(folders_in(difference.removed), "folder"), folders_in(difference.added),
              folders_in(difference.moved), difference.changed.size());
+}
+
+std::string text_of(const mapdiff::RightsChange& change) {
+  std::vector<std::string> whom;
+  for (const explain::Trustee& trustee : change.whom) {
+    const uint32_t type = trustee.is_user ? IDTYPE_UID : IDTYPE_GID;
+    whom.push_back(whom_of(type, trustee.id));
+  }
+  std::vector<std::string> what;
+  const auto tell = [&](uint32_t mask, const char* for_one, const char* for_more) {
+    if (mask == 0) return;
+    what.push_back(fmt::format("{} {}", text::verb(whom.size(), for_one, for_more),
+                               explain::rights_text(mask)));
+  };
+  tell(change.gained, "gains", "gain");
+  tell(change.lost, "loses", "lose");
+  const bool is_below = change.reach == mapdiff::Reach::kBelow;
+  const bool is_both = change.reach == mapdiff::Reach::kFolderAndBelow;
+  return fmt::format("{}{}{}: {} {}", is_below ? "below " : "", shown(change.path),
+                     is_both ? " and below" : "", explain::joined(whom), fmt::join(what, "; "));
 }
 
 // --- for programs ------------------------------------------------------------------------------
@@ -115,6 +141,23 @@ Json json_of(const EntryChange& change) {
     json["new_mask"] = *change.new_mask;
     json["new_rights"] = rights(*change.new_mask);
   }
+  return json;
+}
+
+Json json_of(const mapdiff::RightsChange& change) {
+  static constexpr const char* kReaches[] = {"folder", "below", "folder and below"};
+  Json json;
+  set_bytes(json, "path", change.path);
+  json["reach"] = kReaches[static_cast<int>(change.reach)];
+  json["whom"] = Json::array();
+  for (const explain::Trustee& trustee : change.whom) {
+    const uint32_t type = trustee.is_user ? IDTYPE_UID : IDTYPE_GID;
+    json["whom"].push_back(json_of(EntryChange{type, trustee.id, {}, {}}));
+  }
+  json["gained"] = change.gained;
+  json["gained_rights"] = explain::rights_of(change.gained);
+  json["lost"] = change.lost;
+  json["lost_rights"] = explain::rights_of(change.lost);
   return json;
 }
 
@@ -177,7 +220,13 @@ void print_difference(const Compared& maps, const mapdiff::Difference& differenc
   print_sum(difference);
 }
 
-void print_difference_json(const Compared& maps, const mapdiff::Difference& difference) {
+void print_rights(const std::vector<mapdiff::RightsChange>& changes) {
+  if (changes.empty()) fmt::print("nobody gains or loses a right\n");
+  for (const mapdiff::RightsChange& change : changes) fmt::print("{}\n", text_of(change));
+}
+
+void print_difference_json(const Compared& maps, const mapdiff::Difference& difference,
+                           const std::vector<mapdiff::RightsChange>* rights) {
   Json head = document("map-diff");
   head["old"] = json_of(maps.old_image, maps.old_map);
   head["new"] = json_of(maps.new_image, maps.new_map);
@@ -193,6 +242,10 @@ void print_difference_json(const Compared& maps, const mapdiff::Difference& diff
   print_list("added", difference.added, subtree_in(maps.new_map));
   print_list("moved", difference.moved, item);
   print_list("changed", difference.changed, item);
+  if (rights != nullptr) {
+    print_list("effective", *rights,
+               [](const mapdiff::RightsChange& change) { return json_of(change); });
+  }
   fmt::print("\n}}\n");
 }
 

@@ -4,6 +4,7 @@
 
 #include "tools/ctl/map_view.hpp"
 #include "tools/mapdiff/difference.hpp"
+#include "tools/mapdiff/rights.hpp"
 
 namespace tavrix::ctl {
 
@@ -15,8 +16,10 @@ struct Compared {
 };
 
 void print_difference(const Compared& maps, const mapdiff::Difference& difference);
-// Printed piece by piece: a document of a million folders would need many times the memory of the
-// images.
-void print_difference_json(const Compared& maps, const mapdiff::Difference& difference);
+void print_rights(const std::vector<mapdiff::RightsChange>& changes);
+// `rights` is null when nobody asked for the changes of rights. Printed piece by piece: a document
+// of a million folders would need many times the memory of the images.
+void print_difference_json(const Compared& maps, const mapdiff::Difference& difference,
+                           const std::vector<mapdiff::RightsChange>* rights);
 
 }  // namespace tavrix::ctl

@@ -45,8 +45,8 @@ struct Entry {
   }
 };
 
-// The entries of the folder itself, users before groups, each by number. Of several entries for
-// one user the first counts, so these keep their order.
+// The entries of the folder itself, users before groups, each by number. Of several entries for one
+// user only one counts, by its place, so these keep their order.
 void read_entries(const ImageView& map, uint32_t folder, std::vector<Entry>& entries);
 [[nodiscard]] bool has_entries(const ImageView& map, uint32_t folder);
 

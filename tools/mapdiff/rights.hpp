@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// Who gains and who loses what, where: the decision is asked about both maps.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/mapdiff/crowd.hpp"
+#include "tools/mapdiff/difference.hpp"
+
+namespace tavrix::mapdiff {
+
+// A folder, or what inherits from it, or both: below a folder the right to navigate counts no more.
+enum class Reach { kFolder, kBelow, kFolderAndBelow };
+
+struct RightsChange {
+  std::string path;  // relative to the share
+  Reach reach = Reach::kFolder;
+  std::vector<explain::Trustee> whom;
+  uint32_t gained = 0, lost = 0;
+};
+
+// By path. The rights on folders are those of the decision; a path that a map does not have is
+// governed by the folder that stands in for it. Only Shared is ruled by the map.
+[[nodiscard]] std::vector<RightsChange> changed_rights(const ImageView& old_map,
+                                                       const ImageView& new_map,
+                                                       const Difference& difference,
+                                                       const Crowd& crowd,
+                                                       const mapcheck::Progress& progress = {});
+
+}  // namespace tavrix::mapdiff
