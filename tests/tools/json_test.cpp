@@ -59,7 +59,7 @@ std::vector<Example> examples() {
       {{"map", "acl"}, {"/caf\xe9"}, {}},
       {{"map", "diff"}, {"current", kImage}, {}},
       {{"map", "diff"}, {"current", "/scratch/other"}, {}},
-      {{"map", "diff"}, {"current", "/scratch/other", "--effective"}, {}},
+      {{"map", "diff"}, {"current", "/scratch/opened", "--effective"}, {}},
       {{"status"}, {}, {}},
       {{"status"}, {"--settings", "/scratch/broken.json"}, {}},
       {{"doctor"}, {}, {}},
@@ -112,7 +112,7 @@ class JsonOutput : public SweeperWorld {
     import(team());
     write_json_pair(team());
     write_file("/scratch/broken.json", "{\"broken\": ");
-    write_other_map();
+    write_other_maps();
     write_file("/scratch/groups.json", R"({"reserved": {"admins": 9001}, "users": {"anna": [1]}})");
     write_file(
         "/scratch/people.json",
@@ -122,16 +122,22 @@ class JsonOutput : public SweeperWorld {
     write_file("/scratch/dump", event() + event());
     write_file("/scratch/audits", audit());
   }
-  // A map that differs from the one in force in every way.
-  static void write_other_map() {
+  static void write_map(const std::string& path, const Folder& root) {
+    const auto image = build_image(root);
+    write_file(path, {reinterpret_cast<const char*>(image.data()), image.size()});
+  }
+  // Maps that differ from the one in force: one in every way, and one in what a user may.
+  static void write_other_maps() {
+    Folder opened = team();
+    opened.children[0].children[0].users = {{2, 7}};
+    write_map("/scratch/opened", opened);
     Folder other = team();
     Folder& shared = other.children[0];
     shared.groups = {{2000, 3}};
     shared.children.push_back({.name = "caf\xe9", .users = {{0, 3}}});
     shared.children.push_back(shared.children[0].children[1]);
     shared.children[0].children = {};
-    const auto image = build_image(other);
-    write_file("/scratch/other", {reinterpret_cast<const char*>(image.data()), image.size()});
+    write_map("/scratch/other", other);
   }
   static std::string framed(const staging_data_s& record) {
     return {reinterpret_cast<const char*>(&record), sizeof record + record.size};

@@ -132,6 +132,12 @@ TEST_F(MapDiff, TakesAFolderForMovedOnlyIfItsContentIsTheSame) {
   const Folder before = share({folder("A", {folder("x", {}, {{70001, 3}})})});
   const Folder after = share({folder("B", {folder("x", {}, {{70001, 7}})})});
   EXPECT_EQ(0U, json_diff(before, after)["moved"].size());
+  // A folder with one entry below a new one is not the one below a folder that is gone.
+  const auto nested = [](const std::string& outer, const std::string& inner) {
+    return share({folder(outer, {folder(inner, {}, {{70001, 3}}), folder(outer + "2")})});
+  };
+  EXPECT_EQ(0U, json_diff(nested("A", "x"), nested("B", "y"))["moved"].size());
+  EXPECT_EQ(1U, json_diff(nested("A", "x"), nested("B", "x"))["moved"].size());
   // Empty folders are alike: only the name tells that one is the other.
   EXPECT_EQ(0U, json_diff(share({folder("A")}), share({folder("B")}))["moved"].size());
 }

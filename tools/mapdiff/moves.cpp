@@ -163,17 +163,22 @@ class MoveSearch {
  private:
   [[nodiscard]] uint32_t target_of(const Node& node) {
     const uint32_t same_name = named_.first(mixed(node.content ^ removed_.name_hash(node)));
-    if (is_target(node, same_name)) return same_name;
-    if (node.size == 1 && !node.is_with_entries) return kNone;
+    if (same_name != kNone) {
+      const bool is_known = node.is_with_entries || are_tops(node, same_name);
+      return is_known && is_same(node, same_name) ? same_name : kNone;
+    }
     const uint32_t other_name = any_.first(node.content);
-    return is_target(node, other_name) ? other_name : kNone;
+    if (other_name == kNone) return kNone;
+    const bool is_known = are_tops(node, other_name) ? node.size > 1 || node.is_with_entries
+                                                     : node.size > 1 && node.is_with_entries;
+    return is_known && is_same(node, other_name) ? other_name : kNone;
   }
-  [[nodiscard]] bool is_target(const Node& node, uint32_t place) {
-    if (place == kNone) return false;
-    const Node& target = added_.nodes[place];
-    const bool are_tops = node.parent == kNone && target.parent == kNone;
-    return (node.is_with_entries || are_tops) && target.size == node.size &&
-           comparison_.is_same(node.folder, target.folder);
+  [[nodiscard]] bool are_tops(const Node& node, uint32_t target) const {
+    return node.parent == kNone && added_.nodes[target].parent == kNone;
+  }
+  [[nodiscard]] bool is_same(const Node& node, uint32_t target) {
+    return added_.nodes[target].size == node.size &&
+           comparison_.is_same(node.folder, added_.nodes[target].folder);
   }
 
   Forest removed_, added_;
