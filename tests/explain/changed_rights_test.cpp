@@ -139,7 +139,7 @@ class ChangedRights : public Isolated {
     uint32_t lost = 0;
     for (const RightsChange& change : changes_) {
       if (change.path != place || change.reach == other) continue;
-      if (!std::ranges::any_of(change.whom, [&](const Trustee& trustee) {
+      if (!std::ranges::any_of(*change.whom, [&](const Trustee& trustee) {
             return trustee.is_user ? trustee.id == person.uid
                                    : std::ranges::count(person.groups, trustee.id) != 0;
           })) {

@@ -85,7 +85,7 @@ void print_sum(const mapdiff::Difference& difference) {
 
 std::string text_of(const mapdiff::RightsChange& change) {
   std::vector<std::string> whom;
-  for (const explain::Trustee& trustee : change.whom) {
+  for (const explain::Trustee& trustee : *change.whom) {
     const uint32_t type = trustee.is_user ? IDTYPE_UID : IDTYPE_GID;
     whom.push_back(whom_of(type, trustee.id));
   }
@@ -150,7 +150,7 @@ Json json_of(const mapdiff::RightsChange& change) {
   set_bytes(json, "path", change.path);
   json["reach"] = kReaches[static_cast<int>(change.reach)];
   json["whom"] = Json::array();
-  for (const explain::Trustee& trustee : change.whom) {
+  for (const explain::Trustee& trustee : *change.whom) {
     const uint32_t type = trustee.is_user ? IDTYPE_UID : IDTYPE_GID;
     json["whom"].push_back(json_of(EntryChange{type, trustee.id, {}, {}}));
   }

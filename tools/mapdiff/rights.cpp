@@ -54,8 +54,11 @@ Governing governing(const void* map, const std::string& path) {
 // What changes for whom, without a place.
 struct Change {
   uint32_t gained = 0, lost = 0;
-  std::vector<Trustee> whom;
-  bool operator==(const Change&) const = default;
+  std::shared_ptr<const std::vector<Trustee>> whom;
+  bool operator==(const Change& other) const {
+    return gained == other.gained && lost == other.lost &&
+           (whom == other.whom || *whom == *other.whom);
+  }
 };
 using Changes = std::vector<Change>;
 
@@ -88,7 +91,8 @@ class Evaluation {
     }
     Changes changes;
     for (auto& [masks, members] : found) {
-      changes.push_back({masks.first, masks.second, crowd_.folded(std::move(members))});
+      auto whom = std::make_shared<const std::vector<Trustee>>(crowd_.folded(std::move(members)));
+      changes.push_back({masks.first, masks.second, std::move(whom)});
     }
     return changes;
   }

@@ -2,6 +2,7 @@
 // Who gains and who loses what, where: the decision is asked about both maps.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,8 @@ enum class Reach { kFolder, kBelow, kFolderAndBelow };
 struct RightsChange {
   std::string path;  // relative to the share
   Reach reach = Reach::kFolder;
-  std::vector<explain::Trustee> whom;
+  // Shared, because few lists of people stand for many places.
+  std::shared_ptr<const std::vector<explain::Trustee>> whom;
   uint32_t gained = 0, lost = 0;
 };
 
