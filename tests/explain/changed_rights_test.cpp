@@ -126,7 +126,7 @@ class ChangedRights : public Isolated {
     Isolated::SetUp();
     vfs_set_admins_powerusers(9001, kPowerUsers);
   }
-  // What the changes say about a path: the lines of the folder, or of the one it inherits from.
+  // The changes of a path: the lines of the folder, or of the one it inherits from.
   std::pair<uint32_t, uint32_t> told(const Person& person, const std::string& path) const {
     std::string place = path;
     while (!place.empty() && !is_explicit(place)) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What differs between two maps. Folders are offsets in the image of their side, so that a million
-// of them need little memory; paths and entries are read when they are told.
+// The difference between two maps. Folders are offsets in the image of their side, so that a
+// million of them need little memory; paths and entries are read when they are told.
 #pragma once
 
 #include <cstdint>
@@ -46,7 +46,7 @@ struct Difference {
 [[nodiscard]] Difference compare(const ImageView& old_map, const ImageView& new_map,
                                  const mapcheck::Progress& progress = {});
 
-// What happened to the entry of one user or group.
+// The change of the entry of one user or group.
 struct EntryChange {
   uint32_t type;  // IDTYPE_UID or IDTYPE_GID
   uint32_t id;

@@ -51,7 +51,7 @@ Governing governing(const void* map, const std::string& path) {
   return result;
 }
 
-// What changes for whom, without a place.
+// A change of somebody's rights, without a place.
 struct Change {
   uint32_t gained = 0, lost = 0;
   std::shared_ptr<const std::vector<Trustee>> whom;
