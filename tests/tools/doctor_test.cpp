@@ -135,7 +135,10 @@ TEST_F(Doctor, FindsFoldersOfOthers) {
 
 TEST_F(Doctor, FindsFoldersThatAreMissing) {
   remove_all("/tavrix/Private");
-  expect("critical folder: /tavrix/Private (the tree): No such file or directory");
+  expect(
+      "critical folder: /tavrix/Private (the tree): No such file or directory -> install -d -m "
+      "0700 "
+      "/tavrix/Private");
   write_file("/tavrix/Private", "");
   expect("critical folder: /tavrix/Private is not a folder");
 }

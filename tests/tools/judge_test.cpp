@@ -113,6 +113,16 @@ TEST(Judge, KnowsALackOfSpace) {
   EXPECT_EQ("critical:space-events", judged(facts));
 }
 
+// On a new machine the loader runs and has nothing to load.
+TEST(Judge, AsksForAMapWhereTheLoaderRuns) {
+  Facts facts = well();
+  facts.map.has_set = facts.map.has_copy = false;
+  EXPECT_EQ("hand a map over, or look into the journal of tavrix-loader",
+            judge(facts).front().advice);
+  facts.services[1].processes.clear();
+  EXPECT_EQ("start tavrix-loader, or look into its journal", judge(facts).front().advice);
+}
+
 TEST(Judge, ExcusesWhatItCouldNotRead) {
   Facts facts = well();
   facts.buffer.is_sound = false;

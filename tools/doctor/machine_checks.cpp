@@ -126,7 +126,7 @@ Check check_folder(const Folder& folder) {
     }
     check.level = Level::kCritical;
     check.sentence = fmt::format("{} ({}): {}", folder.path, folder.purpose, std::strerror(errno));
-    check.advice = "run \"systemd-tmpfiles --create\", or make it by hand";
+    check.advice = fmt::format("install -d -m {:04o} {}", 0700U | folder.most, folder.path);
     return check;
   }
   const mode_t excess = info.st_mode & ~folder.most & 0077U;

@@ -23,6 +23,8 @@ constexpr int64_t kDumpsMustNotWait = int64_t{24} * 60 * 60;
 constexpr int64_t kOldMapMayStay = int64_t{15} * 60;
 constexpr uint64_t kLeastFreePercent = 5;
 
+constexpr const char* kHandOver = "hand a map over, or look into the journal of tavrix-loader";
+
 class Judge {
  public:
   explicit Judge(const Facts& facts) : facts_(facts) {}
@@ -75,7 +77,9 @@ class Judge {
     const Map& map = facts_.map;
     const std::string loader = "start tavrix-loader, or look into its journal";
     if (!map.has_set) {
-      return critical("map-semaphores-missing", "the semaphores of the map are missing", loader);
+      return critical("map-semaphores-missing", "the semaphores of the map are missing",
+                      // The loader makes them with the first map.
+                      runs("loader") ? kHandOver : loader);
     }
     if (!map.current) return;  // unread
     if (*map.current != 0 && *map.current != 1) {
@@ -86,8 +90,7 @@ class Judge {
                       loader);
     }
     if (map.table() == nullptr || map.initialized != 1) {
-      return critical("map-missing", "there is no current map: nobody is let in",
-                      "hand a map over, or look into the journal of tavrix-loader");
+      return critical("map-missing", "there is no current map: nobody is let in", kHandOver);
     }
     if (map.marked && *map.marked != *map.current) {
       critical("map-not-published",
@@ -152,6 +155,12 @@ class Judge {
                "an administrator",
                build);
     }
+  }
+
+  [[nodiscard]] bool runs(const std::string& name) const {
+    return std::any_of(facts_.services.begin(), facts_.services.end(), [&](const Service& service) {
+      return service.name == name && !service.processes.empty();
+    });
   }
 
   void services() {
