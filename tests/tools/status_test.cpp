@@ -149,7 +149,8 @@ TEST_F(Status, TellsOfMapsOnTheirWay) {
   make_dirs(refused);
   write_file(refused + "/reason.txt", "3 errors\nerror byte 7\n");
   make_older(refused + "/reason.txt", -2);
-  EXPECT_TRUE(contains(status().out, "the newest map was refused 0 seconds ago: 3 errors\n"));
+  const std::string out = status().out;  // "0 seconds", or more on a busy machine
+  EXPECT_TRUE(contains(out, "the newest map was refused ") && contains(out, " ago: 3 errors\n"));
   make_older(refused + "/reason.txt", 1000);
   EXPECT_FALSE(is_a_problem("map-refused"));  // a map became current since then
   write_file(std::string(kInbox) + "/size.json", "");
@@ -228,7 +229,8 @@ TEST_F(Status, TellsThatTheAgentIsNotCollecting) {
 
 TEST_F(Status, TellsOfAlarms) {
   mark_event_db_as_rescan_needed("the machine stopped");
-  EXPECT_TRUE(contains(status().out, "asked for a rescan 0 seconds ago: the machine stopped\n"));
+  const std::string out = status().out;  // "0 seconds", or more on a busy machine
+  EXPECT_TRUE(contains(out, "asked for a rescan ") && contains(out, " ago: the machine stopped\n"));
   EXPECT_EQ((std::set<std::string>{"rescan", "sweeper-stopped", "loader-stopped"}), problems());
   write_sync_off();
   EXPECT_TRUE(is_a_problem("sync-off"));
