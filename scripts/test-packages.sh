@@ -176,7 +176,7 @@ try_updates_of_samba() {
 try_removal() {
   step "remove: the last events come to a file, and the share is named" '
     smb "cd Shared\\Design; put /etc/hostname last.txt" >/dev/null
-    cp /usr/sbin/tavrixctl /root/
+    cp /usr/bin/tavrixctl /root/
     apt remove samba-vfs-tavrix tavrix-tools
     said "cannot enter the shares"
     ls $conf/staging/pending_* >/dev/null

@@ -43,7 +43,7 @@ TEST_F(Installed, HasEverythingInItsPlace) {
                            "/share/bash-completion/completions/tavrixctl",
                            "/share/zsh/vendor-completions/_tavrixctl",
                            "/share/fish/vendor_completions.d/tavrixctl.fish",
-                           "/sbin/tavrixctl",
+                           "/bin/tavrixctl",
                            "/sbin/tavrix-sweeper",
                            "/sbin/tavrix-loader",
                            "/share/man/man8/tavrix-loader.8",

@@ -18,7 +18,7 @@ TEST_F(MetricsUnit, RunsACommandThatTheToolKnows) {
   const std::string unit = read_file(kPackaging + "tavrix-metrics.service");
   std::smatch part;
   ASSERT_TRUE(std::regex_search(
-      unit, part, std::regex("\nExecStart=/usr/sbin/tavrixctl (.*) (/\\S*)/tavrix.prom\n")));
+      unit, part, std::regex("\nExecStart=/usr/bin/tavrixctl (.*) (/\\S*)/tavrix.prom\n")));
   EXPECT_EQ("status --metrics --output", part[1]);
   const std::string folder = part[2];
   EXPECT_TRUE(contains(unit, "\nConditionPathIsDirectory=" + folder + "\n"));
