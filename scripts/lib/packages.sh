@@ -4,7 +4,7 @@
 tavrix_packages=(
   build-essential cmake ninja-build ccache pkg-config git python3
   libyajl-dev libprotobuf-c-dev protobuf-c-compiler
-  libcli11-dev libfmt-dev nlohmann-json3-dev libiniparser-dev libsystemd-dev libssl-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev libiniparser-dev libsystemd-dev libssl-dev libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev liblmdb-dev
   clang libclang-rt-dev clang-format clang-tidy
   samba-libs systemd util-linux procps strace mandoc gnuplot-nox abigail-tools python3-jsonschema
