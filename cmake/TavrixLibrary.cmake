@@ -65,6 +65,7 @@ set(TAVRIX_SOURCES
   utils/staging/dump_in_flight.cpp
   utils/staging/flush.cpp
   utils/staging/held_buffer.cpp
+  utils/staging/history_link.cpp
   utils/staging/segment.cpp
   utils/staging/semaphore.cpp
 )

@@ -14,6 +14,7 @@
 #include "logging.h"
 #include "utils/parameters.hpp"
 #include "utils/root_scope.hpp"
+#include "utils/staging/history_link.hpp"
 #include "vfs_common.h"
 
 staging_buffer_s* global_read_audit_buffer = nullptr;
@@ -118,6 +119,7 @@ int write_dump(const char* dir) {
   }
   file.reset();
   replace_buffer();
+  link_for_history(temp_name.get(), HistoryKind::kAudit, dump_name.get());
   if (rename(temp_name.get(), dump_name.get()) == -1) {
     TAVRIX_LOG(0, "cannot rename %s to %s, errno = %d", temp_name.get(), dump_name.get(), errno);
     unlink(temp_name.get());

@@ -17,6 +17,7 @@ using Payloads = std::vector<std::string>;
 class AuditBuffer : public Isolated {
  protected:
   static constexpr const char* kDir = "/scratch/audit";
+  static constexpr const char* kHistory = TAVRIX_HISTORY_FOLDER;
 
   void SetUp() override {
     Isolated::SetUp();
@@ -245,6 +246,25 @@ TEST_F(AuditBuffer, LosesItsRecordsWhenTheNameIsRefused) {
   EXPECT_TRUE(told("cannot rename /scratch/audit/adtemp"));
   EXPECT_TRUE(list(kDir).empty());
   EXPECT_TRUE(kept().empty());
+}
+
+TEST_F(AuditBuffer, LinksItsDumpForTheHistoryBeforeItsName) {
+  make_dirs(kHistory);
+  append("one");
+  run_before("rename", [] { EXPECT_EQ(1U, list(kHistory).size()); });
+  EXPECT_EQ(0, flush_audit_buffer());
+  ASSERT_EQ(1U, list(kDir).size());
+  EXPECT_EQ(std::vector<std::string>{"audit." + list(kDir).at(0)}, list(kHistory));
+  EXPECT_EQ(Payloads{"one"}, payloads_of(read_file(kHistory + ("/" + list(kHistory).at(0)))));
+}
+
+TEST_F(AuditBuffer, LeavesItsRecordsToTheHistoryWhenTheNameIsRefused) {
+  make_dirs(kHistory);
+  append("one");
+  fail_call("rename", EROFS);
+  EXPECT_EQ(0, flush_audit_buffer());
+  EXPECT_TRUE(list(kDir).empty());
+  EXPECT_EQ(1U, list(kHistory).size());
 }
 
 TEST_F(AuditBuffer, GoesOnAfterAFailedFlush) {

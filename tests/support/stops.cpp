@@ -41,11 +41,11 @@ pid_t start_traced(const std::function<void()>& body) {
 // Opening is left out: a read changes nothing, and a file that was just made is seen in front of
 // the next call.
 bool is_change(long call) {
-  constexpr long kChanges[] = {SYS_write,     SYS_ftruncate, SYS_fallocate,    SYS_fsync,
-                               SYS_fdatasync, SYS_flock,     SYS_rename,       SYS_renameat2,
-                               SYS_unlink,    SYS_lsetxattr, SYS_lremovexattr, SYS_shmget,
-                               SYS_shmat,     SYS_shmctl,    SYS_shmdt,        SYS_semget,
-                               SYS_semctl,    SYS_semop,     SYS_semtimedop};
+  constexpr long kChanges[] = {
+      SYS_write,      SYS_ftruncate, SYS_fallocate, SYS_fsync,     SYS_fdatasync,    SYS_flock,
+      SYS_rename,     SYS_renameat2, SYS_unlink,    SYS_lsetxattr, SYS_lremovexattr, SYS_shmget,
+      SYS_shmat,      SYS_shmctl,    SYS_shmdt,     SYS_semget,    SYS_semctl,       SYS_semop,
+      SYS_semtimedop, SYS_link,      SYS_mkdir,     SYS_pwrite64};
   return std::find(std::begin(kChanges), std::end(kChanges), call) != std::end(kChanges);
 }
 

@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/xattr.h>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -185,6 +187,33 @@ TEST_F(Stranded, NothingIsLostOrDoubledWhereverAFlushIsKilled) {
     }
   }
   EXPECT_GT(kills, 4 * 10);
+}
+
+// The files that have a name in the folder, by their inodes.
+std::set<ino_t> files_in(const std::string& folder, const std::string& start) {
+  std::set<ino_t> inodes;
+  for (const std::string& name : list(folder)) {
+    struct stat info {};
+    if (name.starts_with(start) && stat((folder + "/" + name).c_str(), &info) == 0) {
+      inodes.insert(info.st_ino);
+    }
+  }
+  return inodes;
+}
+
+TEST_F(Stranded, TheHistoryHasTheFilesOfTheAgentWhereverAFlushIsKilled) {
+  for (int change = 1;; ++change) {
+    remove_all(TAVRIX_HISTORY_FOLDER);
+    make_dirs(TAVRIX_HISTORY_FOLDER);
+    empty_staging_dir();
+    send("a");
+    const bool was_killed = killed_at_change(change, [] { flush_staging_buffer(FB_CTX_SWPR); });
+    ASSERT_EQ(0, once().exit_code);
+    EXPECT_EQ(Paths{"a"}, dumped()) << change;
+    EXPECT_EQ(files_in(kStaging, "pending_"), files_in(TAVRIX_HISTORY_FOLDER, "events.pending_"))
+        << change;
+    if (HasFailure() || !was_killed) break;
+  }
 }
 
 // After a killed sweeper a writer comes before the next sweeper. It may have to wait for the

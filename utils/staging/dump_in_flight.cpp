@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "eventstore.h"
+#include "utils/staging/history_link.hpp"
 #include "utils/staging/sync_folder.hpp"
 
 namespace tavrix {
@@ -143,6 +144,8 @@ class Leftover {
       char name[sizeof path_ + kMarkRoom];
       std::snprintf(name, sizeof name, "%s/%s%d_%lld.%06ld", dir_, TAVRIX_DUMP_FILE_PREFIX,
                     getpid(), seconds, micros);
+      // Its flusher may have linked it already. Who reads the links knows a file by its inode.
+      if (tries == 0) link_for_history(path_, HistoryKind::kEvents, name);
       if (renameat2(AT_FDCWD, path_, AT_FDCWD, name, RENAME_NOREPLACE) == 0) {
         sync_folder(dir_);
         return Settled::kPublished;

@@ -20,6 +20,7 @@
 #include "utils/parameters.hpp"
 #include "utils/root_scope.hpp"
 #include "utils/staging/dump_in_flight.hpp"
+#include "utils/staging/history_link.hpp"
 #include "utils/staging/staging.hpp"
 #include "utils/staging/sync_folder.hpp"
 
@@ -133,6 +134,7 @@ class FlushAttempt {
     empty_used_part(buffer, static_cast<std::size_t>(size));
     mark_.clear();
     hold_.release();
+    link_for_history(temp_.path(), HistoryKind::kEvents, dump_name_.get());
     if (!temp_.rename_to(dump_name_.get())) {
       return fail(FB_ERR_RENAME_FAILED, "cannot rename %s to %s. errno = %d(%s)\n", temp_.path(),
                   dump_name_.get(), errno, strerror(errno));
