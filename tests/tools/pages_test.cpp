@@ -10,6 +10,7 @@
 #include "perm_map.h"
 #include "tests/tools/operator.hpp"
 #include "tools/ctl/settings.hpp"
+#include "tools/settings/service_settings.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -65,11 +66,19 @@ std::string range_of(const Setting& setting) {
   return std::to_string(setting.least) + between + std::to_string(setting.most);
 }
 
+// The settings of the block and those of the services.
+std::vector<Setting> every_setting() {
+  std::vector<Setting> all(ctl::settings().begin(), ctl::settings().end());
+  all.insert(all.end(), std::begin(settings::kServiceSettings),
+             std::end(settings::kServiceSettings));
+  return all;
+}
+
 class Pages : public Operator {};
 
 TEST_F(Pages, OfTheSettingsHaveEachSettingOfTheProgramsAndNoOther) {
   auto page = settings_of_the_page();
-  for (const Setting& setting : ctl::settings()) {
+  for (const Setting& setting : every_setting()) {
     const Fields fields = page[setting.name];
     EXPECT_EQ(5U, fields.size()) << setting.name;
     page.erase(setting.name);
@@ -79,7 +88,7 @@ TEST_F(Pages, OfTheSettingsHaveEachSettingOfTheProgramsAndNoOther) {
 
 TEST_F(Pages, OfTheSettingsNameTypesAndRanges) {
   auto page = settings_of_the_page();
-  for (const Setting& setting : ctl::settings()) {
+  for (const Setting& setting : every_setting()) {
     const std::string values = page[setting.name]["values"];
     if (setting.type == PARAM_VAL_TYPE_BOOLEAN) {
       EXPECT_EQ("yes or no ", values) << setting.name;
@@ -100,7 +109,7 @@ TEST_F(Pages, OfTheSettingsHaveTheValuesOfTheShippedFile) {
   for (const auto& [name, value] : file) {
     EXPECT_EQ(value + " ", page[name]["shipped"]) << name;
   }
-  for (const Setting& setting : ctl::settings()) {
+  for (const Setting& setting : every_setting()) {
     EXPECT_EQ(std::string(setting.shipped) + " ", page[setting.name]["shipped"]) << setting.name;
   }
 }

@@ -17,6 +17,7 @@
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/parameter_block.hpp"
 #include "tools/patterns/complaints.hpp"
+#include "tools/settings/service_settings.hpp"
 #include "tools/sweeper/buffer_size.hpp"
 
 namespace tavrix::ctl {
@@ -45,6 +46,7 @@ int load(const std::string& path) {
   const SettingsFile file = read_settings_file(path);
   for (const std::string& error : file.errors) complain("{}", error);
   if (!file.errors.empty()) return kFailure;
+  for (const WrongValue& wrong : file.wrong_service_values) warn(wrong.text);
   std::string problem;
   const auto block = ParameterBlock::find_or_make(problem);
   if (!block) {
@@ -57,31 +59,45 @@ int load(const std::string& path) {
   return offer_buffer_size(buffer_size_in(file), *block);
 }
 
+void print_setting(const Setting& setting, const Value& value, bool explain) {
+  fmt::print("{:<34} {:<7} {}\n", setting.name, type_name(setting.type),
+             shown(value_text(setting, value)));
+  if (explain) fmt::print("    {}\n", setting.meaning);
+}
+
+void set_value(Json& entry, const Setting& setting, const Value& value) {
+  entry["type"] = type_name(setting.type);
+  if (setting.type == PARAM_VAL_TYPE_STRING) {
+    set_bytes(entry, "value", value.text);
+  } else if (setting.type == PARAM_VAL_TYPE_BOOLEAN) {
+    entry["value"] = value.number != 0;
+  } else {
+    entry["value"] = value.number;
+  }
+  entry["meaning"] = setting.meaning;
+}
+
+// The settings of the block, then those that one service reads from the file itself.
 int show(const Options& options, bool explain) {
   const auto block = shared_block();
   if (!block) return kFailure;
+  const auto of_services = settings::ServiceSettings::read(settings::kSettingsFile);
   Json json = document("config-show");
   json["settings"] = Json::array();
-  for (const Setting& setting : settings()) {
-    const std::string value = value_text(setting, block->get());
-    if (!options.json) {
-      fmt::print("{:<34} {:<7} {}\n", setting.name, type_name(setting.type), shown(value));
-      if (explain) fmt::print("    {}\n", setting.meaning);
-      continue;
-    }
-    Json entry;
-    entry["name"] = setting.name;
-    entry["index"] = static_cast<int>(setting.index);
-    entry["type"] = type_name(setting.type);
-    if (setting.type == PARAM_VAL_TYPE_STRING) {
-      set_bytes(entry, "value", value);
-    } else if (setting.type == PARAM_VAL_TYPE_BOOLEAN) {
-      entry["value"] = value == "yes";
-    } else {
-      entry["value"] = block->get()[setting.index].value.intval;
-    }
-    entry["meaning"] = setting.meaning;
+  for (const Setting& setting : ctl::settings()) {
+    const Value value = stored_value(setting, block->get());
+    if (!options.json) print_setting(setting, value, explain);
+    Json entry = {{"name", setting.name}, {"index", static_cast<int>(setting.index)}};
+    set_value(entry, setting, value);
     json["settings"].push_back(std::move(entry));
+  }
+  json["service_settings"] = Json::array();
+  for (const Setting& setting : settings::kServiceSettings) {
+    const Value& value = of_services.value(setting.name);
+    if (!options.json) print_setting(setting, value, explain);
+    Json entry = {{"name", setting.name}};
+    set_value(entry, setting, value);
+    json["service_settings"].push_back(std::move(entry));
   }
   if (options.json) print(json);
   return kYes;
@@ -89,12 +105,17 @@ int show(const Options& options, bool explain) {
 
 std::vector<std::string> setting_names() {
   std::vector<std::string> names;
-  for (const Setting& setting : settings()) names.emplace_back(setting.name);
+  for (const Setting& setting : ctl::settings()) names.emplace_back(setting.name);
   return names;
 }
 
 int set(const std::string& name, const std::string& text) {
   const Setting* setting = find_setting(name);
+  if (settings::find_service_setting(name) != nullptr) {
+    complain("{}: only its service reads it, from {}; change it there, then reload the service",
+             settings::find_service_setting(name)->name, settings::kSettingsFile);
+    return kFailure;
+  }
   if (setting == nullptr) {
     const std::string meant = cli::nearest(name, setting_names());
     complain("{}: no such setting; {}\"tavrixctl config show\" lists them", name,

@@ -38,9 +38,7 @@ int32_t buffer_size_in(const SettingsFile& file);
 // The names of the settings whose value in the block is not the one that fill() would write.
 std::vector<std::string> differing_settings(const SettingsFile& file, const global_param_s* block);
 
-// A copy of the last settings file without a mistake. The sweeper starts with it when the file has
-// one.
-constexpr const char* kSettingsOfBefore = "/etc/tavrix/.tavrix.conf";
+// Makes the file the last one without a mistake.
 bool keep_copy(const std::string& path);
 
 }  // namespace tavrix::ctl

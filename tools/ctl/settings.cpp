@@ -90,15 +90,24 @@ void store(const Setting& setting, const Value& value, global_param_s* block) {
   }
 }
 
-std::string value_text(const Setting& setting, const global_param_s* block) {
+Value stored_value(const Setting& setting, const global_param_s* block) {
   const auto& value = block[setting.index].value;
+  if (setting.type != PARAM_VAL_TYPE_STRING) return {{}, value.intval};
+  return {{value.strval, strnlen(value.strval, sizeof value.strval)}, 0};
+}
+
+std::string value_text(const Setting& setting, const global_param_s* block) {
+  return value_text(setting, stored_value(setting, block));
+}
+
+std::string value_text(const Setting& setting, const Value& value) {
   switch (setting.type) {
     case PARAM_VAL_TYPE_STRING:
-      return {value.strval, strnlen(value.strval, sizeof value.strval)};
+      return value.text;
     case PARAM_VAL_TYPE_BOOLEAN:
-      return value.intval != 0 ? "yes" : "no";
+      return value.number != 0 ? "yes" : "no";
     default:
-      return std::to_string(value.intval);
+      return std::to_string(value.number);
   }
 }
 

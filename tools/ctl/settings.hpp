@@ -32,7 +32,9 @@ std::optional<Value> parse_value(const Setting& setting, std::string_view text, 
 Value shipped_value(const Setting& setting);
 
 void store(const Setting& setting, const Value& value, global_param_s* block);
+Value stored_value(const Setting& setting, const global_param_s* block);
 std::string value_text(const Setting& setting, const global_param_s* block);
+std::string value_text(const Setting& setting, const Value& value);
 
 const char* type_name(e_param_val_type type);
 

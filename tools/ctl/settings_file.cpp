@@ -10,6 +10,8 @@
 #include <map>
 #include <memory>
 
+#include "tools/settings/service_settings.hpp"
+
 namespace tavrix::ctl {
 namespace {
 
@@ -70,9 +72,8 @@ class Lines {
 
   [[nodiscard]] const std::vector<Entry>& entries() const { return entries_; }
 
-  void error(int line, const std::string& what) {
-    result_.errors.push_back(fmt::format("{}:{}: {}", path_, line, what));
-  }
+  void error(int line, const std::string& what) { result_.errors.push_back(place(line) + what); }
+  [[nodiscard]] std::string place(int line) const { return fmt::format("{}:{}: ", path_, line); }
 
  private:
   void take(const std::string& raw, std::string& section) {
@@ -107,7 +108,8 @@ class Lines {
 };
 
 void take_entry(const Lines::Entry& entry, dictionary* parsed, Lines& lines, SettingsFile& result) {
-  const Setting* setting = find_setting(entry.name);
+  const Setting* own = settings::find_service_setting(entry.name);
+  const Setting* setting = own != nullptr ? own : find_setting(entry.name);
   if (setting == nullptr) return lines.error(entry.line, entry.name + ": no such setting");
   const std::string key = lower(entry.name);
   const char* value = iniparser_getstring(parsed, key.c_str(), nullptr);
@@ -118,7 +120,11 @@ void take_entry(const Lines::Entry& entry, dictionary* parsed, Lines& lines, Set
   }
   std::string reason;
   if (auto parsed_value = parse_value(*setting, value, reason)) {
-    result.values.emplace_back(setting, std::move(*parsed_value));
+    auto& values = own != nullptr ? result.service_values : result.values;
+    values.emplace_back(setting, std::move(*parsed_value));
+  } else if (own != nullptr) {
+    result.wrong_service_values.push_back(
+        {own, lines.place(entry.line) + own->name + ": " + reason});
   } else {
     lines.error(entry.line, entry.name + ": " + reason);
   }

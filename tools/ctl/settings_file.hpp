@@ -10,12 +10,25 @@
 
 namespace tavrix::ctl {
 
+// A value of a service's own setting that is none. It is no error of the file: the other settings
+// are not the service's.
+struct WrongValue {
+  const Setting* setting;
+  std::string text;  // "file:line: key: what is wrong"
+};
+
 struct SettingsFile {
-  std::vector<std::pair<const Setting*, Value>> values;
+  std::vector<std::pair<const Setting*, Value>> values;          // of the block
+  std::vector<std::pair<const Setting*, Value>> service_values;  // of the services alone
+  std::vector<WrongValue> wrong_service_values;
   std::vector<std::string> errors;  // "file:line: key: what is wrong"
 };
 
 // Reads the file and finds every error in it. If there are errors, the values must not be used.
 SettingsFile read_settings_file(const std::string& path);
+
+// A copy of the last settings file without a mistake. The services start with it when the file has
+// one.
+constexpr const char* kSettingsOfBefore = "/etc/tavrix/.tavrix.conf";
 
 }  // namespace tavrix::ctl

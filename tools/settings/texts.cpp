@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/settings/service_settings.hpp"
 #include "utils/settings_table.hpp"
 
 namespace tavrix::settings_text {
@@ -17,7 +18,16 @@ constexpr std::string_view kHead =
     "reads "
     "them. Server processes take a copy when a client connects, tavrix-sweeper and tavrix-loader "
     "when they start and at \"systemctl reload\". A value that holds ; or # needs quotes. "
+    "The loader reads the section LOADER of this file itself. "
     "\"tavrixctl config show --explain\" shows the values that are loaded, and what each is for.";
+
+// The settings of the block, then those of the services.
+std::vector<Setting> all_settings() {
+  std::vector<Setting> all(std::begin(kSettings), std::end(kSettings));
+  all.insert(all.end(), std::begin(settings::kServiceSettings),
+             std::end(settings::kServiceSettings));
+  return all;
+}
 
 std::string_view section_of(const Setting& setting) {
   const std::string_view name = setting.name;
@@ -29,10 +39,10 @@ std::string_view key_of(const Setting& setting) {
   return name.substr(name.find(':') + 1);
 }
 
-// The sections, in the order in which the table first names them.
+// The sections, in the order in which the tables first name them.
 std::vector<std::string_view> sections() {
   std::vector<std::string_view> all;
-  for (const Setting& setting : kSettings) {
+  for (const Setting& setting : all_settings()) {
     const std::string_view section = section_of(setting);
     bool is_known = false;
     for (const std::string_view known : all) is_known = is_known || known == section;
@@ -103,7 +113,7 @@ std::string shipped_file() {
   for (const std::string_view section : sections()) {
     file.append("\n[").append(section).append("]\n");
     bool is_first = true;
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : all_settings()) {
       if (section_of(setting) != section) continue;
       if (!is_first) file += "\n";
       is_first = false;
@@ -117,7 +127,7 @@ std::string shipped_file() {
 std::string manual_items() {
   std::string items;
   for (const std::string_view section : sections()) {
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : all_settings()) {
       if (section_of(setting) != section) continue;
       items.append(".It Li ")
           .append(setting.name)
@@ -134,7 +144,7 @@ std::string page_items() {
   std::string items;
   for (const std::string_view section : sections()) {
     items.append(".Ss The section [").append(section).append("]\n.Bl -tag -width Ds\n");
-    for (const Setting& setting : kSettings) {
+    for (const Setting& setting : all_settings()) {
       if (section_of(setting) != section) continue;
       items.append(".It Li ").append(key_of(setting)).append("\n");
       items += sentences(explanation(setting));

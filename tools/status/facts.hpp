@@ -20,8 +20,9 @@ struct Settings {
   bool is_loaded = false;  // somebody has filled it
   std::string file;
   bool has_file = false;
-  std::optional<int64_t> read_at;       // when the last file without a mistake was loaded
-  std::vector<std::string> mistakes;    // in the file
+  std::optional<int64_t> read_at;                 // when the last file without a mistake was loaded
+  std::vector<std::string> mistakes;              // in the file
+  std::vector<std::string> wrong_service_values;  // in the file: the shipped ones hold
   std::vector<std::string> differing;   // settings with another value in the block than in the file
   std::vector<std::string> complaints;  // about the pattern file
   // Values for the other topics.

@@ -55,6 +55,9 @@ void look_at_file(const std::string& path, const Block* block, Settings& setting
   }
   const ctl::SettingsFile file = ctl::read_settings_file(path);
   settings.mistakes = file.errors;
+  for (const ctl::WrongValue& wrong : file.wrong_service_values) {
+    settings.wrong_service_values.push_back(wrong.text);
+  }
   if (block == nullptr || !settings.is_loaded || !file.errors.empty()) return;
   settings.differing = ctl::differing_settings(file, block->data());
 }

@@ -67,6 +67,12 @@ class Judge {
               "degraded: the previous settings hold: " + settings.mistakes.front(),
               "correct the file, then \"systemctl reload tavrix-sweeper\"");
     }
+    if (!settings.wrong_service_values.empty()) {
+      warning("service-setting",
+              "a wrong value does not count, and the shipped one holds: " +
+                  settings.wrong_service_values.front(),
+              "correct the file, then reload the service");
+    }
     if (!settings.complaints.empty()) {
       warning("pattern-file", "the pattern file needs a look: " + settings.complaints.back(),
               "run \"tavrixctl patterns check FILE\"");

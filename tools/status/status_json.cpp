@@ -32,6 +32,7 @@ Json json_of(const Settings& settings) {
   set_time(json, "read", settings.read_at);
   json["degraded"] = !settings.mistakes.empty();
   json["mistakes"] = list_of(settings.mistakes);
+  json["wrong_service_values"] = list_of(settings.wrong_service_values);
   json["differing"] = list_of(settings.differing);
   json["pattern_findings"] = list_of(settings.complaints);
   if (settings.is_loaded) json["flushing"] = !settings.is_flush_disabled;

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// The settings that one service alone reads. They stand in tavrix.conf in a section of that
+// service, and not in the shared block, whose layout other programs know.
+//
+// A wrong value never keeps a service down: it says so, and the shipped value counts.
+#pragma once
+
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/ctl/settings.hpp"
+
+namespace tavrix::settings {
+
+namespace service_settings {
+
+// The index of a row that has no place in the block.
+inline constexpr auto kNotInBlock = PARAM_MAX_INDEX;
+inline constexpr Use kLoader = {"tavrix-loader, tavrixctl map", "when the loader is reloaded"};
+
+}  // namespace service_settings
+
+// A row makes the entry in tavrix.conf, in the manual pages, and in "tavrixctl config show".
+inline constexpr Setting kServiceSettings[] = {
+    settings_table::number(
+        service_settings::kNotInBlock, "LOADER:kept maps", {0, 1000, "maps"}, "10",
+        service_settings::kLoader,
+        "The number of maps that are kept in /etc/tavrix/maps, the current one among them; 0 keeps "
+        "none.",
+        "The oldest goes first. \"tavrixctl map history\" lists them."),
+    settings_table::number(
+        service_settings::kNotInBlock, "LOADER:hold removed folders pct", {0, 100, "per cent"},
+        "100", service_settings::kLoader,
+        "A map that removes more than this share of the folders is held until somebody approves "
+        "it; 100 holds none.",
+        "A folder that moves is not removed."),
+    settings_table::number(
+        service_settings::kNotInBlock, "LOADER:hold changed users pct", {0, 100, "per cent"}, "100",
+        service_settings::kLoader,
+        "A map by which more than this share of the users gain or lose a right is held until "
+        "somebody approves it; 100 holds none.",
+        "The users are those of the group list map who have an account."),
+};
+
+// Finds a row by its name, in any case; null when there is none.
+const Setting* find_service_setting(std::string_view name);
+
+// The values that count for a service.
+class ServiceSettings {
+ public:
+  // Those of the file. A file with a mistake in another setting counts no more than it does for the
+  // block: the last file without one is read instead. A missing file has the shipped values.
+  static ServiceSettings read(const std::string& path);
+
+  // `name` is that of a row.
+  [[nodiscard]] int32_t number(std::string_view name) const { return value(name).number; }
+  [[nodiscard]] bool is_on(std::string_view name) const { return value(name).number != 0; }
+  [[nodiscard]] const std::string& text(std::string_view name) const { return value(name).text; }
+  [[nodiscard]] const ctl::Value& value(std::string_view name) const;
+
+  // A line for each wrong value of a section, such as "LOADER": file, line, key, what is wrong.
+  // Mistakes that keep the file from being read belong to every section.
+  [[nodiscard]] std::vector<std::string> warnings(std::string_view section) const;
+
+ private:
+  std::vector<std::pair<const Setting*, ctl::Value>> values_;  // a value for each row
+  // A null setting stands for the whole file.
+  std::vector<std::pair<const Setting*, std::string>> wrong_values_;
+};
+
+// The file that the services and tavrixctl read.
+inline constexpr const char* kSettingsFile = "/etc/tavrix/tavrix.conf";
+
+}  // namespace tavrix::settings
