@@ -50,6 +50,7 @@ CREATE TABLE dumps (
   newest INTEGER NOT NULL,   -- the greatest `time` of its records
   UNIQUE (inode, mtime, size, hash)
 );
+CREATE INDEX dumps_by_taken ON dumps (taken);
 
 -- Events in the life of the history itself: gaps, refused dumps, mass changes.
 CREATE TABLE notices (

@@ -20,6 +20,7 @@ namespace service_settings {
 // The index of a row that has no place in the block.
 inline constexpr auto kNotInBlock = PARAM_MAX_INDEX;
 inline constexpr Use kLoader = {"tavrix-loader, tavrixctl map", "when the loader is reloaded"};
+inline constexpr Use kHistorian = {"tavrix-historian", "when the historian is reloaded"};
 
 }  // namespace service_settings
 
@@ -43,6 +44,35 @@ inline constexpr Setting kServiceSettings[] = {
         "A map by which more than this share of the users gain or lose a right is held until "
         "somebody approves it; 100 holds none.",
         "The users are those of the group list map who have an account."),
+    settings_table::text(service_settings::kNotInBlock, "HISTORIAN:database",
+                         "/var/lib/tavrix/history/history.db", service_settings::kHistorian,
+                         "The database of the history.",
+                         "Its folder is made. A database that exists stays where it is."),
+    settings_table::text(
+        service_settings::kNotInBlock, "HISTORIAN:group", "", service_settings::kHistorian,
+        "The group whose members may read the history; without one root alone may."),
+    settings_table::number(service_settings::kNotInBlock, "HISTORIAN:keep days", {0, 36500, "days"},
+                           "365", service_settings::kHistorian,
+                           "Older records are removed; 0 keeps them whatever their age."),
+    settings_table::number(
+        service_settings::kNotInBlock, "HISTORIAN:keep megabytes", {0, kNoLimit, "MiB"}, "4096",
+        service_settings::kHistorian,
+        "The oldest records are removed while the database is larger; 0 sets no limit.",
+        "Ten million records take about 4 GiB."),
+    settings_table::number(service_settings::kNotInBlock, "HISTORIAN:mass deletions",
+                           {0, kNoLimit, "files and folders"}, "1000", service_settings::kHistorian,
+                           "More deletions than this by one user, within the seconds below, are "
+                           "reported; 0 reports none."),
+    settings_table::number(service_settings::kNotInBlock, "HISTORIAN:mass deletions seconds",
+                           {1, 86400, "seconds"}, "60", service_settings::kHistorian,
+                           "The time in which those deletions are counted."),
+    settings_table::number(service_settings::kNotInBlock, "HISTORIAN:mass renames",
+                           {0, kNoLimit, "files"}, "200", service_settings::kHistorian,
+                           "More files than this that one user gives the same new ending, within "
+                           "the seconds below, are reported; 0 reports none."),
+    settings_table::number(service_settings::kNotInBlock, "HISTORIAN:mass renames seconds",
+                           {1, 86400, "seconds"}, "60", service_settings::kHistorian,
+                           "The time in which those renames are counted."),
 };
 
 // Finds a row by its name, in any case; null when there is none.
