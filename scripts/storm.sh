@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 # Lets storms of kills, failing calls, power cuts and flipped bits loose on the real programs, in
 # private worlds, and shows how they ended. Fails when an event or a map was lost untold.
-# usage: scripts/storm.sh [kill|fault|power|flip|all] [--seed N] [--seconds N] [--sessions on|off|mixed]
+# usage: scripts/storm.sh [kill|fault|power|flip|history|all] [--seed N] [--seconds N] [--sessions on|off|mixed]
 #   --seconds: for each kind, 30 by default. The same seed makes the same choices; the moments of
 #   kills and the order of processes are the machine's.
 #   --sessions: who has a session, of the writers and deciders: mixed, every other one, by default.
@@ -16,7 +16,7 @@ seconds=30
 sessions=mixed
 while [ $# -gt 0 ]; do
   case $1 in
-    kill | fault | power | flip | all) kind=$1 ;;
+    kill | fault | power | flip | history | all) kind=$1 ;;
     --seed) seed=${2:?--seed takes a number} && shift ;;
     --seconds) seconds=${2:?--seconds takes a number} && shift ;;
     --sessions)
@@ -41,7 +41,7 @@ tests_of() {
 }
 
 failed=0
-for one in kill fault power flip; do
+for one in kill fault power flip history; do
   [ "$kind" = all ] || [ "$kind" = $one ] || continue
   mapfile -t tests < <(tests_of $one)
   for test in "${tests[@]}"; do

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// Everything that brings a record into the history is killed at random moments, while the agent
+// takes each dump file as soon as it sees it.
+
+#include <fcntl.h>
+
+#include "tests/historian/historian.hpp"
+#include "tests/storms/sessions.hpp"
+#include "tests/storms/storm.hpp"
+
+namespace tavrix::test {
+namespace {
+
+class HistoryStorm : public HistorianWorld {
+ protected:
+  static constexpr int kWriters = 16;
+  static constexpr int kReadEvery = 40;  // events between two reads of a writer
+  static constexpr std::size_t kEnough = 1000;
+  static constexpr int kMostRounds = 5000;
+
+  static std::string list_of(int writer) {
+    return "/scratch/acknowledged" + std::to_string(writer);
+  }
+
+  // A read is acknowledged when the flush of the audit buffer is done.
+  static bool append_read(const std::string& path) {
+    AuditEvent audit = AUDIT_EVENT__INIT;
+    audit.path = const_cast<char*>(path.c_str());
+    pop_audit_event(&audit);
+    return send_audit_vfs_event(&audit, 1001) == 0 && flush_audit_buffer() == 0;
+  }
+
+  [[noreturn]] static void write(int round, int writer, bool has_session) {
+    StormSession session(has_session, static_cast<unsigned>(round * kWriters + writer));
+    init_audit_buffer();
+    const Fd log(open(list_of(writer).c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
+    for (int number = 0;; ++number) {
+      const bool is_read = number % kReadEvery == 1;
+      const std::string path = std::string(is_read ? "read" : "event") + std::to_string(round) +
+                               "-" + std::to_string(writer) + "-" + std::to_string(number);
+      const std::string line = path + "\n";
+      const bool is_kept = is_read ? append_read(path) : append(path) == 0;
+      if (is_kept && ::write(log.get(), line.data(), line.size()) < 0) _exit(1);
+    }
+  }
+  [[noreturn]] static void be_the_agent() {
+    for (;;) {
+      for (const char* folder : {kStaging, kAuditing}) {
+        for (const std::string& name : list(folder)) {
+          if (name.starts_with("pending_")) unlink((folder + ("/" + name)).c_str());
+        }
+      }
+    }
+  }
+  void collect() {
+    for (int writer = 0; writer < kWriters; ++writer) {
+      if (!exists(list_of(writer))) continue;
+      const auto lines = lines_of(list_of(writer));
+      acknowledged_.insert(lines.begin(), lines.end());
+      remove_all(list_of(writer));
+    }
+  }
+
+  void round(Storm& storm) {
+    std::vector<std::unique_ptr<Child>> processes;
+    const auto add = [&processes](const std::function<void()>& body) {
+      processes.push_back(std::make_unique<Child>(body));
+    };
+    for (int writer = 0; writer < kWriters; ++writer) {
+      add([round = storm.rounds(), writer, has_session = storm.gives_session()] {
+        write(round, writer, has_session);
+      });
+    }
+    for (const FB_CTX ctx : {FB_CTX_SWPR, FB_CTX_DISCON}) {
+      add([ctx] {
+        for (;;) flush_staging_buffer(ctx);
+      });
+    }
+    add([] { execl(kSweeper, "tavrix-sweeper", "--foreground", nullptr); });
+    for (int i = 0; i < 2; ++i) {
+      add([] { execl(kHistorian, "tavrix-historian", "--settings", kConf, nullptr); });
+    }
+    add([] { be_the_agent(); });
+    std::shuffle(processes.begin(), processes.end(), storm.random);
+    for (auto& process : processes) {
+      usleep(storm.below(8000));
+      process->kill();
+    }
+    for (auto& process : processes) {
+      const Outcome outcome = process->wait();
+      EXPECT_EQ(SIGKILL, outcome.signal)
+          << storm.where() << ": exit " << outcome.exit_code << ": " << outcome.err;
+      storm.count("process killed");
+    }
+    storm.count("dump file that waits at the end of a round", static_cast<int>(links().size()));
+    collect();
+  }
+
+  void expect_each_kept_once(Storm& storm) {
+    std::map<std::string, int> times;
+    for (const std::string& path : kept()) ++times[path];
+    int missing = 0;
+    int doubled = 0;
+    for (const std::string& path : acknowledged_) missing += times[path] == 0;
+    for (const auto& [path, count] : times) doubled += count > 1;
+    EXPECT_EQ(0, missing) << storm.where();
+    EXPECT_EQ(0, doubled) << storm.where();
+    storm.count("record acknowledged", static_cast<int>(acknowledged_.size()));
+    storm.count("record in the history", static_cast<int>(times.size()));
+  }
+
+  std::set<std::string> acknowledged_;
+};
+
+TEST_F(HistoryStorm, OfKillsKeepsEachRecordOnce) {
+  Storm storm("history.kill", 1);
+  ASSERT_EQ(0, keep().exit_code);
+  while (storm.goes_on() || (acknowledged_.size() < kEnough && storm.rounds() < kMostRounds)) {
+    ASSERT_NO_FATAL_FAILURE(round(storm));
+    if (HasFailure()) break;
+  }
+  EXPECT_EQ(0, once().exit_code);
+  const Outcome last = keep();
+  EXPECT_EQ(0, last.exit_code) << last.err;
+  EXPECT_TRUE(links().empty());
+  EXPECT_FALSE(exists(kRefused));
+  EXPECT_EQ(Paths{}, notices("gap"));
+  EXPECT_GE(acknowledged_.size(), kEnough);
+  expect_each_kept_once(storm);
+}
+
+}  // namespace
+}  // namespace tavrix::test
