@@ -137,6 +137,20 @@ TEST(Judge, KnowsAHistorianThatStopped) {
   EXPECT_EQ("warning:historian-stopped", judged(facts));
 }
 
+TEST(Judge, LooksAtTheHistory) {
+  Facts facts = well();
+  facts.services.push_back({"historian", {{3, "tavrix-historian"}}, {}, {}, {}});
+  facts.history = {.folder = "/f", .is_readable = true, .is_on = true, .waiting = 2};
+  facts.history->oldest = kNow - 60;
+  EXPECT_EQ("", judged(facts));
+  facts.history->oldest = kNow - kHour;
+  EXPECT_EQ("warning:history-waits", judged(facts));
+  facts.history->refused = 1;
+  EXPECT_EQ("warning:history-refused warning:history-waits", judged(facts));
+  facts.history = {.folder = "/f", .is_readable = true};
+  EXPECT_EQ("warning:history-off", judged(facts));
+}
+
 TEST(Sentences, RoundDurations) {
   EXPECT_EQ("1 second", duration_text(1));
   EXPECT_EQ("119 seconds", duration_text(119));

@@ -109,6 +109,18 @@ struct Dumps {
   uint64_t set_aside = 0;  // files that no flush wrote
 };
 
+// The history, where the historian is installed.
+struct History {
+  std::string folder;  // of the dump files that wait for the historian
+  bool is_readable = false;
+  bool is_on = false;  // the folder is there
+  uint64_t waiting = 0, bytes = 0;
+  std::optional<int64_t> oldest;  // the time since which one waits
+  uint64_t refused = 0;           // files that no flush wrote
+  std::string database;
+  std::optional<uint64_t> database_bytes;
+};
+
 struct Alarm {
   std::string name, path;
   std::optional<bool> is_raised;
@@ -160,6 +172,7 @@ struct Facts {
   std::vector<Service> services;
   Buffer buffer;
   Dumps events, audits;
+  std::optional<History> history;
   std::vector<Alarm> alarms;
   std::vector<Disk> disks;
   Connections connections;

@@ -14,6 +14,8 @@
 #include "eventstore.h"
 #include "internal/scoped.hpp"
 #include "tools/events/dump_reader.hpp"
+#include "tools/historian/paths.hpp"
+#include "tools/settings/service_settings.hpp"
 #include "tools/status/gather.hpp"
 
 namespace tavrix::status {
@@ -146,6 +148,36 @@ Dumps look_at_dumps(const std::string& folder, std::vector<Unread>& unread) {
     dumps.oldest = std::min(dumps.oldest.value_or(*written), *written);
   }
   return dumps;
+}
+
+History look_at_history(const std::string& settings_file, std::vector<Unread>& unread) {
+  History history;
+  history.folder = historian::kLinks;
+  history.database = settings::ServiceSettings::read(settings_file).text("HISTORIAN:database");
+  std::error_code error;
+  if (const auto bytes = fs::file_size(history.database, error); !error) {
+    history.database_bytes = bytes;
+  }
+  fs::directory_iterator entries(history.folder, error);
+  history.is_on = !error;
+  history.is_readable = !error || !is_hidden(error.value());
+  if (!history.is_readable) unread.push_back({"history", history.folder, error.message()});
+  for (const auto& entry : entries) {
+    const std::string name = entry.path().filename();
+    if (name == fs::path(historian::kRefused).filename()) {
+      for (const auto& refused : fs::directory_iterator(entry.path(), error)) {
+        history.refused += refused.path().extension() != ".reason";
+      }
+    }
+    const bool is_dump =
+        name.starts_with(historian::kEventsPrefix) || name.starts_with(historian::kAuditPrefix);
+    const auto written = is_dump ? time_of(entry.path()) : std::nullopt;
+    if (!written) continue;  // the historian has just taken it
+    ++history.waiting;
+    if (const auto bytes = entry.file_size(error); !error) history.bytes += bytes;
+    history.oldest = std::min(history.oldest.value_or(*written), *written);
+  }
+  return history;
 }
 
 std::vector<Alarm> look_at_alarms(std::vector<Unread>& unread) {

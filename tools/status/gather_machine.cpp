@@ -20,6 +20,7 @@
 #include "tavrix_getgrouplist.h"
 #include "tools/files/checksum.hpp"
 #include "tools/groupmap/group_map.hpp"
+#include "tools/historian/paths.hpp"
 #include "tools/mapload/paths.hpp"
 #include "tools/status/gather.hpp"
 #include "tools/status/samba.hpp"
@@ -32,7 +33,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kOperatorsLog = "/var/log/tavrix_perms.log";
-constexpr const char* kHistoriansMark = TAVRIX_CONF_FOLDER "/historian.running";
 constexpr const char* kHistoriansUnits[] = {"/lib/systemd/system/tavrix-historian.service",
                                             "/etc/systemd/system/tavrix-historian.service"};
 constexpr const char* kHugePages = "/sys/kernel/mm/transparent_hugepage/shmem_enabled";
@@ -68,7 +68,7 @@ void take_import(const std::string& line, Service& loader) {
 }
 
 bool has_historian() {
-  return access(kHistoriansMark, F_OK) == 0 ||
+  return access(historian::kMark, F_OK) == 0 ||
          std::any_of(std::begin(kHistoriansUnits), std::end(kHistoriansUnits),
                      [](const char* unit) { return access(unit, F_OK) == 0; });
 }
@@ -174,7 +174,7 @@ std::vector<Service> look_at_services() {
   services[0].last_work = time_of(sweeper::kRunningMark);
   take_import(last_line(kOperatorsLog), services[1]);
   if (Service historian = service("historian"); has_historian() || !historian.processes.empty()) {
-    historian.last_work = time_of(kHistoriansMark);
+    historian.last_work = time_of(historian::kMark);
     services.push_back(std::move(historian));
   }
   return services;
@@ -246,6 +246,9 @@ Facts gather(const Places& places) {
   facts.buffer = look_at_buffer(all, facts.settings, facts.unread);
   facts.events = look_at_dumps(facts.settings.staging_dir, facts.unread);
   facts.audits = look_at_dumps(facts.settings.auditing_dir, facts.unread);
+  if (facts.services.size() > 2) {
+    facts.history = look_at_history(places.settings, facts.unread);
+  }
   facts.alarms = look_at_alarms(facts.unread);
   facts.disks = look_at_disks(facts);
   facts.connections = look_at_connections(all, facts.unread);

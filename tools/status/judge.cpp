@@ -20,6 +20,7 @@ constexpr int64_t kEventsMayWait = 60;  // or three periods, if that is longer
 constexpr int64_t kEventsMustNotWait = int64_t{15} * 60;
 constexpr int64_t kDumpsMayWait = int64_t{15} * 60;
 constexpr int64_t kDumpsMustNotWait = int64_t{24} * 60 * 60;
+constexpr int64_t kHistoryMayWait = int64_t{2} * 60;
 constexpr int64_t kOldMapMayStay = int64_t{15} * 60;
 constexpr uint64_t kLeastFreePercent = 5;
 
@@ -38,6 +39,7 @@ class Judge {
     services();
     buffer();
     dumps();
+    history();
     alarms();
     for (const Disk& disk : facts_.disks) space(disk);
     connections();
@@ -262,6 +264,30 @@ class Judge {
       critical("agent-not-collecting", sentence, advice);
     } else {
       warning("agent-not-collecting", sentence, advice);
+    }
+  }
+
+  void history() {
+    if (!facts_.history || !facts_.history->is_readable) return;
+    const History& history = *facts_.history;
+    const std::string journal = "look into the journal of tavrix-historian";
+    if (!history.is_on && runs("historian")) {
+      warning("history-off", "nothing is kept: there is no folder " + history.folder,
+              "\"systemctl reload tavrix-historian\" makes it");
+    }
+    if (history.refused > 0) {
+      warning("history-refused",
+              fmt::format("{} for the history {} not written by a flush",
+                          text::counted(history.refused, "file"),
+                          text::verb(history.refused, "was", "were")),
+              fmt::format("look into {}/refused, and remove what is there", history.folder));
+    }
+    if (history.oldest && age(*history.oldest) > kHistoryMayWait) {
+      warning("history-waits",
+              fmt::format("{} {} for the history, the oldest for {}",
+                          text::counted(history.waiting, "dump file"),
+                          text::verb(history.waiting, "waits", "wait"), since(*history.oldest)),
+              runs("historian") ? journal : "start tavrix-historian, or remove the package");
     }
   }
 

@@ -70,6 +70,7 @@ class Metrics {
     services();
     buffer();
     dumps();
+    history();
     alarms();
     space();
     connections();
@@ -160,6 +161,18 @@ class Metrics {
         .sample_if(buffer.oldest);
     metric("tavrix_buffer_waiting_processes", "Processes that wait for the buffer.")
         .sample(buffer.waiting);
+  }
+
+  void history() {
+    if (!facts_.history || !facts_.history->is_readable) return;
+    const History& history = *facts_.history;
+    metric("tavrix_history_waiting_files", "Dump files that wait for the historian.")
+        .sample(history.waiting);
+    metric("tavrix_history_oldest_timestamp_seconds", "The time since which one waits.")
+        .sample_if(history.oldest);
+    metric("tavrix_history_refused_files", "Files that no flush wrote.").sample(history.refused);
+    metric("tavrix_history_database_bytes", "The size of the database of the history.")
+        .sample_if(history.database_bytes);
   }
 
   void dumps() {

@@ -51,6 +51,7 @@ class Screen {
     buffer();
     dumps("dumps", facts_.events);
     dumps("audits", facts_.audits);
+    history();
     alarms();
     for (const Disk& disk : facts_.disks) space(disk);
     connections();
@@ -162,6 +163,20 @@ class Screen {
     if (dumps.count > 0) text += fmt::format(", {}", size_text(dumps.bytes));
     if (dumps.oldest) text += fmt::format(", the oldest for {}", since(*dumps.oldest));
     line(topic, text);
+  }
+
+  void history() {
+    if (!facts_.history || !facts_.history->is_readable) return;
+    const History& history = *facts_.history;
+    std::string text = history.is_on ? fmt::format("{} {} for the historian",
+                                                   text::counted(history.waiting, "dump file"),
+                                                   text::verb(history.waiting, "waits", "wait"))
+                                     : "off";
+    if (history.oldest) text += fmt::format(", the oldest for {}", since(*history.oldest));
+    if (history.database_bytes) {
+      text += fmt::format("; the database has {}", size_text(*history.database_bytes));
+    }
+    line("history", text);
   }
 
   void alarms() {

@@ -163,6 +163,19 @@ Json json_of(const Dumps& dumps) {
   return json;
 }
 
+Json json_of(const History& history) {
+  Json json;
+  set_bytes(json, "folder", history.folder);
+  json["on"] = history.is_on;
+  json["waiting"] = history.waiting;
+  json["bytes"] = history.bytes;
+  set_time(json, "oldest", history.oldest);
+  json["refused"] = history.refused;
+  set_bytes(json, "database", history.database);
+  set(json, "database_bytes", history.database_bytes);
+  return json;
+}
+
 Json json_of(const Alarm& alarm) {
   Json json;
   json["name"] = alarm.name;
@@ -255,6 +268,7 @@ Json json_of(const Facts& facts, const std::vector<Finding>& findings) {
   json["buffer"] = json_of(facts.buffer);
   json["events"] = json_of(facts.events);
   json["audits"] = json_of(facts.audits);
+  if (facts.history) json["history"] = json_of(*facts.history);
   json["alarms"] = all_of(facts.alarms);
   json["disks"] = all_of(facts.disks);
   json["connections"] = json_of(facts.connections);
