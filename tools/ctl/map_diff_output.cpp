@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/ctl/map_diff_output.hpp"
 
-#include <cstring>
 #include <map>
 #include <utility>
 
@@ -110,19 +109,9 @@ std::string dumped(const Json& json, int indent = -1) {
 }
 
 Json json_of(const Image& image, const ImageView& map) {
-  const tavrix_be_header& header = map.header();
-  const auto text = [](const char* field, std::size_t size) {
-    return std::string(field, strnlen(field, size));
-  };
   Json json;
   set_bytes(json, "image", image.origin());
-  set_bytes(json, "name", text(header.mapname, sizeof header.mapname));
-  set_bytes(json, "version", text(header.version, sizeof header.version));
-  json["generation"] = uint32_t{header.generationnum};
-  json["timestamp"] = int64_t{header.timestamp};
-  json::set_time(json, "time", header.timestamp);
-  json["folders"] = uint32_t{header.total_fselems};
-  json["aces"] = uint32_t{header.total_aces};
+  json.update(json_of_header(map.header()));
   return json;
 }
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -22,8 +21,6 @@
 namespace tavrix::ctl {
 namespace {
 
-std::string text_of(const char* field, std::size_t size) { return {field, strnlen(field, size)}; }
-
 Json json_of_table(const TableState& table) {
   Json json;
   json["key"] = table.key;
@@ -32,18 +29,6 @@ Json json_of_table(const TableState& table) {
   json["bytes"] = table.bytes;
   json["attached"] = table.readers;
   json["creator"] = table.creator;
-  return json;
-}
-
-Json json_of_header(const tavrix_be_header& header) {
-  Json json;
-  set_bytes(json, "name", text_of(header.mapname, sizeof header.mapname));
-  set_bytes(json, "version", text_of(header.version, sizeof header.version));
-  json["generation"] = uint32_t{header.generationnum};
-  json["timestamp"] = int64_t{header.timestamp};
-  json::set_time(json, "time", header.timestamp);
-  json["folders"] = uint32_t{header.total_fselems};
-  json["aces"] = uint32_t{header.total_aces};
   return json;
 }
 

@@ -29,6 +29,8 @@ TableState table_state(int key) {
   return state;
 }
 
+std::string text_of(const char* field, std::size_t size) { return {field, strnlen(field, size)}; }
+
 }  // namespace
 
 MapState map_state() {
@@ -118,6 +120,18 @@ std::span<const std::byte> Image::bytes() const {
   if (imported_) return imported_.bytes();
   if (table_) return {static_cast<const std::byte*>(table_.get()), table_bytes_};
   return content_;
+}
+
+Json json_of_header(const tavrix_be_header& header) {
+  Json json;
+  set_bytes(json, "name", text_of(header.mapname, sizeof header.mapname));
+  set_bytes(json, "version", text_of(header.version, sizeof header.version));
+  json["generation"] = uint32_t{header.generationnum};
+  json["timestamp"] = int64_t{header.timestamp};
+  json::set_time(json, "time", header.timestamp);
+  json["folders"] = uint32_t{header.total_fselems};
+  json["aces"] = uint32_t{header.total_aces};
+  return json;
 }
 
 }  // namespace tavrix::ctl

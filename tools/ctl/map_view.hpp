@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "internal/scoped.hpp"
+#include "permissions/map/image.hpp"
+#include "tools/json/document.hpp"
 #include "tools/mapload/private_import.hpp"
 #include "tools/mapload/report.hpp"
 
@@ -59,5 +61,8 @@ class Image {
   std::size_t table_bytes_ = 0;
   std::vector<std::byte> content_;
 };
+
+// The header of an image for the documents of --json.
+json::Json json_of_header(const tavrix_be_header& header);
 
 }  // namespace tavrix::ctl
