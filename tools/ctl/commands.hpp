@@ -39,6 +39,7 @@ class Command {
 void add_map_import_commands(CLI::App& map, Options& options, Action& action);
 void add_map_inspect_commands(CLI::App& map, Options& options, Action& action);
 void add_map_check_commands(CLI::App& map, Options& options, Action& action);
+void add_map_history_commands(CLI::App& map, Options& options, Action& action);
 void add_map_diff_command(CLI::App& map, Options& options, Action& action);
 
 }  // namespace tavrix::ctl

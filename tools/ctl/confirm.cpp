@@ -15,16 +15,25 @@ void Confirmation::add_to(CLI::App& command) {
 }
 
 std::optional<int> Confirmation::refusal(const std::string& question) const {
+  return ask(question, "this destroys something", "nothing is removed");
+}
+
+std::optional<int> Confirmation::refusal_of_change(const std::string& question) const {
+  return ask(question, "this changes the map in force", "nothing is changed");
+}
+
+std::optional<int> Confirmation::ask(const std::string& question, const char* what,
+                                     const char* nothing) const {
   if (yes_) return std::nullopt;
   if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
-    complain("this destroys something, and there is no terminal to ask on; give --yes to do it");
+    complain("{}, and there is no terminal to ask on; give --yes to do it", what);
     return kFailure;
   }
   fmt::print(stderr, "{} [y/N] ", question);
   std::string answer;
   if (!std::getline(std::cin, answer)) fmt::print(stderr, "\n");
   if (answer == "y" || answer == "Y" || answer == "yes" || answer == "Yes") return std::nullopt;
-  complain("nothing is removed");
+  complain("{}", nothing);
   return kNo;
 }
 

@@ -3,7 +3,6 @@
 
 #include <fmt/format.h>
 #include <optional>
-#include <set>
 #include <vector>
 
 #include "tools/cli/completion.hpp"
@@ -15,11 +14,9 @@
 #include "tools/ctl/map_operand.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/ctl/survive.hpp"
-#include "tools/explain/request.hpp"
 #include "tools/groupmap/group_map.hpp"
-#include "tools/mapdiff/crowd.hpp"
 #include "tools/mapdiff/difference.hpp"
-#include "tools/mapdiff/rights.hpp"
+#include "tools/mapdiff/people.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
@@ -39,34 +36,20 @@ std::optional<mapdiff::Crowd> crowd_for(const Wish& wish) {
         "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
     return std::nullopt;
   }
-  std::vector<explain::Person> people;
-  std::size_t without_account = 0;
   if (!wish.user.empty()) {
     const auto identity = explain::person_named(wish.user, groups);
-    if (!identity) {
-      complain("there is no user \"{}\"", wish.user);
-      return std::nullopt;
-    }
-    people.push_back(identity->person);
-  } else {
-    for (const groupmap::User& user : groups.map.users) {
-      const auto identity = explain::person_named(user.name, groups);
-      if (!identity) ++without_account;
-      if (identity) people.push_back(identity->person);
-    }
+    if (identity) return mapdiff::only(identity->person, groups);
+    complain("there is no user \"{}\"", wish.user);
+    return std::nullopt;
   }
-  if (without_account > 0) {
+  mapdiff::People people = mapdiff::everybody(groups);
+  if (people.without_account > 0) {
     warn(fmt::format("{} of the group list map {} no account and {} left out",
-                     text::counted(without_account, "user"),
-                     text::verb(without_account, "has", "have"),
-                     text::verb(without_account, "is", "are")));
+                     text::counted(people.without_account, "user"),
+                     text::verb(people.without_account, "has", "have"),
+                     text::verb(people.without_account, "is", "are")));
   }
-  explain::take_reserved_groups(groups);
-  std::set<uint32_t> classes;
-  for (const auto gid : {groups.administrators(), groups.power_users()}) {
-    if (gid) classes.insert(*gid);
-  }
-  return mapdiff::Crowd(std::move(people), std::move(classes), wish.user.empty());
+  return std::move(people.crowd);
 }
 
 int diff(const Options& options, const Wish& wish) {
@@ -103,10 +86,14 @@ void add_map_diff_command(CLI::App& map, Options& options, Action& action) {
   static Wish wish;
   CLI::App* command =
       map.add_subcommand("diff", "Show what changed between two maps (exit 1: they differ)");
-  command->add_option("OLD", wish.old_name, "\"current\", an image, or two files as SIZE,DATA")
-      ->required()
-      ->type_name("FILE");
-  command->add_option("NEW", wish.new_name, "likewise")->required()->type_name("FILE");
+  auto* old_map =
+      command->add_option("OLD", wish.old_name,
+                          "\"current\", \"held\", a kept map as kept-N, an image, or two "
+                          "files as SIZE,DATA");
+  auto* new_map = command->add_option("NEW", wish.new_name, "likewise");
+  for (CLI::Option* operand : {old_map, new_map}) {
+    cli::complete_with(operand->required()->type_name("FILE"), known_operands);
+  }
   auto* effective = command->add_flag("--effective", wish.wants_rights,
                                       "who gains and who loses which rights, and where");
   auto* user = command->add_option("--user", wish.user, "only this user")->type_name("USER");
@@ -121,6 +108,7 @@ void add_map_diff_command(CLI::App& map, Options& options, Action& action) {
       {{"tavrixctl map diff current size.json,data.json", "what would an import change?"},
        {"tavrixctl map diff /etc/tavrix/.permbe_map current",
         "is the local copy the map in force?"},
+       {"tavrixctl map diff kept-1 current", "what changed since that map was in force?"},
        {"tavrixctl map diff current size.json,data.json --effective",
         "who would gain and who would lose what, and where?"},
        {"tavrixctl --json map diff current size.json,data.json", "the same, for a program"}});

@@ -6,70 +6,16 @@
 #include "tools/cli/help.hpp"
 #include "tools/cli/progress.hpp"
 #include "tools/ctl/commands.hpp"
-#include "tools/ctl/library_log.hpp"
-#include "tools/ctl/map_view.hpp"
+#include "tools/ctl/map_publish.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/lint.hpp"
 #include "tools/mapload/load.hpp"
 #include "tools/mapload/local_copy.hpp"
 #include "tools/mapload/paths.hpp"
-#include "tools/mapload/recovery.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
-
-void print_refusal(const Options& options, const char* name, const mapcheck::Findings& findings) {
-  if (!options.json) return print_findings(findings);
-  Json json = document(name);
-  json["published"] = false;
-  set_findings(json, findings);
-  print(json);
-}
-
-// Loads the two files, or the local copy when there are no paths, after the same recovery as in the
-// loader.
-int load(const Options& options, const char* size_path, const char* data_path,
-         mapload::Files files) {
-  set_debug_level(0);
-  cli::ProgressBar bar(!options.no_progress && !options.verbose);
-  const auto show = [&bar](mapload::Phase phase, uint64_t done, uint64_t folders) {
-    bar.show(phase == mapload::Phase::kImporting ? "importing" : "verifying", done, folders);
-  };
-  mapload::Request request{size_path, data_path, options.verbose, show, {}, files};
-  const Fd lock = lock_or_complain();
-  if (!lock) return kFailure;
-  const mapload::Recovery recovery = mapload::recover(mapload::Restore::kNo);
-  tell(recovery.report);
-  if (recovery.try_again) return kFailure;
-  const bool restores = size_path == nullptr;
-  const mapload::Loaded loaded =
-      restores ? mapload::load_copy(request, mapload::look_at_copy(mapload::kLocalCopy))
-               : mapload::load(request);
-  bar.clear();
-  tell(loaded.report);
-  if (!loaded.ok()) {
-    if (loaded.findings.errors() > 0) {
-      print_refusal(options, restores ? "map-restore" : "map-import", loaded.findings);
-    }
-    complain("{}", loaded.error);
-    return kFailure;
-  }
-  if (options.json) {
-    Json json = document(restores ? "map-restore" : "map-import");
-    json["published"] = true;
-    json["table"] = loaded.table;
-    json["folders"] = loaded.folders;
-    json["aces"] = loaded.entries;
-    json["bytes"] = loaded.bytes;
-    print(json);
-  } else {
-    fmt::print("table {} is current: {}, {}, {}\n", loaded.table,
-               text::counted(loaded.folders, "folder"), text::counted(loaded.entries, "entry"),
-               human_bytes(loaded.bytes));
-  }
-  return kYes;
-}
 
 int import(const Options& options, const std::string& size_path, const std::string& data_path,
            bool trust, mapload::Files files) {
@@ -92,7 +38,27 @@ int import(const Options& options, const std::string& size_path, const std::stri
       return kNo;
     }
   }
-  return load(options, size_path.c_str(), data_path.c_str(), files);
+  Publication publication{.name = "map-import",
+                          .origin = {mapkeep::kByImport, "", {}},
+                          .request = {},
+                          .load = mapload::load,
+                          .afterwards = {}};
+  publication.request.size_path = size_path.c_str();
+  publication.request.data_path = data_path.c_str();
+  publication.request.files = files;
+  return publish(options, std::move(publication));
+}
+
+int restore(const Options& options) {
+  return publish(options, {.name = "map-restore",
+                           .origin = {mapkeep::kByRestore, "", {}},
+                           .request = {},
+                           .load =
+                               [](const mapload::Request& request) {
+                                 return mapload::load_copy(
+                                     request, mapload::look_at_copy(mapload::kLocalCopy));
+                               },
+                           .afterwards = {}});
 }
 
 }  // namespace
@@ -116,9 +82,7 @@ void add_map_import_commands(CLI::App& map, Options& options, Action& action) {
 
   CLI::App* restore_command =
       map.add_subcommand("restore", "Make the local copy the current map, as after a restart");
-  restore_command->callback([&] {
-    action = [&options] { return load(options, nullptr, nullptr, mapload::Files::kKept); };
-  });
+  restore_command->callback([&] { action = [&options] { return restore(options); }; });
 
   cli::add_examples(
       *import_command,

@@ -116,7 +116,15 @@ std::optional<Image> Image::sound(const std::string& path) {
   return image;
 }
 
+Image Image::view(std::span<const std::byte> bytes, std::string origin) {
+  Image image;
+  image.origin_ = std::move(origin);
+  image.viewed_ = bytes;
+  return image;
+}
+
 std::span<const std::byte> Image::bytes() const {
+  if (!viewed_.empty()) return viewed_;
   if (imported_) return imported_.bytes();
   if (table_) return {static_cast<const std::byte*>(table_.get()), table_bytes_};
   return content_;

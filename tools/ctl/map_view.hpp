@@ -50,6 +50,9 @@ class Image {
   // can be walked.
   static std::optional<Image> sound(const std::string& path);
 
+  // An image in memory that somebody else has, and keeps for longer.
+  static Image view(std::span<const std::byte> bytes, std::string origin);
+
   [[nodiscard]] std::span<const std::byte> bytes() const;
   [[nodiscard]] const std::string& origin() const { return origin_; }
 
@@ -60,6 +63,7 @@ class Image {
   ShmAttachment table_;
   std::size_t table_bytes_ = 0;
   std::vector<std::byte> content_;
+  std::span<const std::byte> viewed_;
 };
 
 // The header of an image for the documents of --json.

@@ -70,8 +70,10 @@ const groupmap::User* Groups::find(const std::string& user) const {
   return found == map.users.end() ? nullptr : &*found;
 }
 
-Groups current_groups() {
-  std::ifstream in(TAVRIX_GROUPMAP_PATH, std::ios::binary);
+Groups current_groups() { return groups_in(TAVRIX_GROUPMAP_PATH); }
+
+Groups groups_in(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
   if (!in) return {};
   auto map = groupmap::decode(std::string{std::istreambuf_iterator<char>(in), {}});
   if (!map) return {Groups::State::kBroken, {}};

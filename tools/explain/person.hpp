@@ -23,6 +23,8 @@ struct Groups {
   [[nodiscard]] const groupmap::User* find(const std::string& user) const;
 };
 [[nodiscard]] Groups current_groups();
+// The same of another file.
+[[nodiscard]] Groups groups_in(const std::string& path);
 
 // The source of a person's groups.
 enum class GroupSource { kGroupMap, kMachine, kGiven, kNowhere };

@@ -79,6 +79,7 @@ Inbox::Inbox(std::string folder, unsigned keep_refused)
     : folder_(std::move(folder)),
       work_(folder_ + "/.work"),
       refused_(folder_ + "/refused"),
+      held_(folder_ + "/held"),
       keep_refused_(keep_refused) {}
 
 Pair Inbox::in(const std::string& folder) const {
@@ -178,6 +179,16 @@ std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {
   mkdir(files::folder_of(pair.size).c_str(), 0755);
   prune();
   return where;
+}
+
+// The map is stored already, so a pair that cannot be put aside is removed.
+void Inbox::hold(const Pair& pair) const {
+  std::error_code none;
+  fs::remove_all(held_, none);
+  forget_starts();
+  if (rename(work_.c_str(), held_.c_str()) != 0) return finish(pair);
+  static_cast<void>(files::sync_folder(folder_));
+  mkdir(work_.c_str(), 0755);
 }
 
 void Inbox::prune() const {

@@ -6,6 +6,7 @@
 //   DIR/.work/                     the pair that is being loaded, until its map is current, and
 //                                  "starts", which counts the runs that began to load it
 //   DIR/refused/<time>/            a pair that was not loaded, and reason.txt beside it
+//   DIR/held/                      the pair of a map that waits until an operator approves it
 #pragma once
 
 #include <sys/stat.h>
@@ -46,6 +47,9 @@ class Inbox {
   // Sets the pair aside with the reason and returns the folder where it lies. Returns an empty text
   // and sets errno when it cannot be set aside; then it stays in the work folder.
   std::string refuse(const Pair& pair, const std::string& reason) const;
+  // Puts the pair of a held map where it is not loaded again, in the place of an earlier one.
+  void hold(const Pair& pair) const;
+  [[nodiscard]] const std::string& held_folder() const { return held_; }
   // Removes what is left of a pair that was loaded.
   void finish(const Pair& pair) const;
 
@@ -65,7 +69,7 @@ class Inbox {
   [[nodiscard]] bool leave(const Pair& taken);
   void prune() const;
 
-  std::string folder_, work_, refused_;
+  std::string folder_, work_, refused_, held_;
   unsigned keep_refused_;
   // The data file of a pair whose names cannot be removed from the folder: such a pair is loaded
   // once, not again and again.

@@ -19,6 +19,7 @@
 #include "tools/cli/help.hpp"
 #include "tools/loader/group_map_watch.hpp"
 #include "tools/loader/inbox.hpp"
+#include "tools/loader/keeper.hpp"
 #include "tools/loader/pinned_watch.hpp"
 #include "tools/loader/watch.hpp"
 #include "tools/loader/words.hpp"
@@ -37,12 +38,12 @@ constexpr std::chrono::milliseconds kWatchPeriod{1000};
 void look_at_patterns() {
   const auto complaints = patterns::complaints(global_params);
   for (const std::string& line : complaints) service::say(Tone::kWarning, line);
-  set_standing_warning(complaints.empty() ? ""
-                                          : "; look at the pattern file: " + complaints.back());
+  set_standing_warning(
+      "patterns", complaints.empty() ? "" : "; look at the pattern file: " + complaints.back());
 }
 
 // Repairs what an earlier run or a restart of the machine left.
-bool settle() {
+bool settle(Keeper& keeper) {
   const Fd lock = mapload::lock_maps();
   if (!lock) {
     tell(Tone::kError, std::string("cannot take the lock of the maps: ") + std::strerror(errno));
@@ -51,14 +52,15 @@ bool settle() {
   const mapload::Recovery recovery = mapload::recover(mapload::Restore::kYes);
   tell(recovery.report);
   set_status(recovery.status);
+  if (recovery.good) keeper.keep(mapkeep::kFound);
   return recovery.good;
 }
 
-bool run_once(Inbox& inbox) {
+bool run_once(Inbox& inbox, Keeper& keeper) {
   tell(GroupMapWatch().look());
-  bool is_settled = settle();
+  bool is_settled = settle(keeper);
   bool refused = false;
-  Worker worker(inbox);
+  Worker worker(inbox, keeper);
   for (;;) {
     switch (worker.step(true, {})) {
       case Worker::Step::kNothing:
@@ -67,6 +69,7 @@ bool run_once(Inbox& inbox) {
         is_settled = true;
         break;
       case Worker::Step::kRefused:
+      case Worker::Step::kHeld:
         refused = true;
         break;
       default:
@@ -77,10 +80,10 @@ bool run_once(Inbox& inbox) {
 
 class Service {
  public:
-  explicit Service(Inbox& inbox) : inbox_(inbox), worker_(inbox) {}
+  Service(Inbox& inbox, Keeper& keeper) : inbox_(inbox), keeper_(keeper), worker_(inbox, keeper) {}
 
   int run() {
-    settle();
+    settle(keeper_);
     stop_ = service::take_signals();
     const Fd changes = inbox_.watch();
     if (!stop_ || !changes) {
@@ -106,6 +109,7 @@ class Service {
   void keep_in_place() {
     tell(group_map_.look());
     tell(pinned_.look());
+    keeper_.look();
     const auto recovery = watch_.look();
     if (!recovery) return;
     tell(recovery->report);
@@ -125,6 +129,7 @@ class Service {
     while (const int signal = service::next_signal(stop_)) {
       if (signal == SIGHUP) {
         if (read_tavrix_config() == 0) look_at_patterns();
+        keeper_.read();
       } else {
         stops_ = true;
       }
@@ -133,6 +138,7 @@ class Service {
   }
 
   Inbox& inbox_;
+  Keeper& keeper_;
   Worker worker_;
   Watch watch_;
   GroupMapWatch group_map_;
@@ -149,17 +155,22 @@ int main(int argc, char** argv) {
   CLI::App app{"Makes the permission maps that are handed over in a folder current."};
   std::string folder = kDefaultFolder;
   unsigned keep_refused = kDefaultKeptRefusals;
+  std::string settings_file = tavrix::settings::kSettingsFile;
   bool once = false;
   app.add_option("--dir", folder, "the folder in which maps are handed over")
       ->type_name("DIR")
       ->capture_default_str();
   app.add_option("--keep-refused", keep_refused, "keep the newest N refused pairs; 0 keeps all")
       ->capture_default_str();
+  app.add_option("--settings", settings_file, "the settings file, for the section LOADER")
+      ->type_name("FILE")
+      ->capture_default_str();
   app.add_flag("--once", once,
                "load the pairs that are there, restore the map if it is missing, and exit");
   app.footer(
       "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is complete.\n"
-      "A refused pair is kept in DIR/refused, with the reason in reason.txt beside it.");
+      "A refused pair is kept in DIR/refused, with the reason in reason.txt beside it. A map past\n"
+      "the limits of the settings is held: \"tavrixctl map approve\" makes it current.");
   tavrix::cli::add_examples(
       app, {{"tavrix-loader", "as the service does: load each pair that comes, and do not end"},
             {"tavrix-loader --once", "load what is there, and exit"},
@@ -180,6 +191,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   look_at_patterns();
-  if (!once) return Service(inbox).run();
-  return run_once(inbox) ? 0 : 1;
+  Keeper keeper(settings_file);
+  if (!once) return Service(inbox, keeper).run();
+  return run_once(inbox, keeper) ? 0 : 1;
 }

@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 
 #include "tools/mapcheck/lint.hpp"
+#include "tools/mapkeep/guard.hpp"
+#include "tools/mapkeep/keep.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::loader {
@@ -27,7 +29,7 @@ std::string text_of(const mapcheck::Findings& findings) {
 
 }  // namespace
 
-Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop) {
+Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool()>& should_stop) {
   std::string error;
   const auto checked = mapcheck::lint_files(pair.size, pair.data, error);
   if (!checked) return {mapload::Result::kTryAgain, error, {}};
@@ -39,8 +41,17 @@ Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop) {
             text::counted(checked->findings.errors(), "error") + text_of(checked->findings),
             {}};
   }
-  mapload::Request request{pair.size.c_str(), pair.data.c_str(), false, {}, should_stop};
+  mapload::Request request;
+  request.size_path = pair.size.c_str();
+  request.data_path = pair.data.c_str();
+  request.should_stop = should_stop;
+  mapload::Report room;
+  request.make_room = [&room] { return mapkeep::give_way(room); };
+  request.guard = [&](std::span<const std::byte> image) {
+    return mapkeep::judge(image, guard.limits, guard.held_folder, should_stop);
+  };
   mapload::Loaded loaded = mapload::load(request);
+  loaded.report.insert(loaded.report.begin(), room.begin(), room.end());
   return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report)};
 }
 

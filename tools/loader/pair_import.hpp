@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tools/loader/inbox.hpp"
+#include "tools/mapkeep/settings.hpp"
 #include "tools/mapload/load.hpp"
 
 namespace tavrix::loader {
@@ -16,7 +17,13 @@ struct Outcome {
   mapload::Report report;
 };
 
+// Limits past which a map is held, and the folder where its pair will be then.
+struct Guard {
+  mapkeep::Limits limits;
+  std::string held_folder;
+};
+
 // Call it under the lock of the maps. A pair that does not pass changes nothing and stays in place.
-Outcome load_pair(const Pair& pair, const std::function<bool()>& should_stop);
+Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool()>& should_stop);
 
 }  // namespace tavrix::loader

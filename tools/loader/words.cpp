@@ -11,9 +11,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::minutes kSilence{1};
 
-std::string status, standing_warning;
+std::string status;
+std::map<std::string, std::string> standing_warnings;  // by topic
 
-void send_status() { sd_notifyf(0, "STATUS=%s%s", status.c_str(), standing_warning.c_str()); }
+void send_status() {
+  std::string warnings;
+  for (const auto& [topic, text] : standing_warnings) warnings += text;
+  sd_notifyf(0, "STATUS=%s%s", status.c_str(), warnings.c_str());
+}
 
 bool was_said_lately(const std::string& text) {
   static std::map<std::string, Clock::time_point> said;
@@ -50,8 +55,8 @@ void set_status(const std::string& text) {
   send_status();
 }
 
-void set_standing_warning(const std::string& text) {
-  standing_warning = text;
+void set_standing_warning(const std::string& topic, const std::string& text) {
+  standing_warnings[topic] = text;
   if (!status.empty()) send_status();
 }
 

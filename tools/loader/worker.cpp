@@ -67,16 +67,21 @@ Worker::Step Worker::load(const std::function<bool()>& should_stop) {
     tell(recovery.report);
     if (recovery.try_again) return try_again(recovery.status);
   }
-  const Outcome outcome = load_pair(*pair_, should_stop);
+  // The map of a run that died before it kept it.
+  keeper_.keep(mapkeep::kFound);
+  const Outcome outcome = load_pair(*pair_, {keeper_.limits(), inbox_.held_folder()}, should_stop);
   tell(outcome.report);
   switch (outcome.result) {
     case mapload::Result::kPublished:
       inbox_.finish(*pair_);
-      pair_.reset();
-      tries_ = 0;
+      end_pair();
       tell(Tone::kInfo, outcome.text);
       set_status(outcome.text);
+      keeper_.keep(mapkeep::kByLoader);
+      keeper_.drop_held();
       return Step::kPublished;
+    case mapload::Result::kHeld:
+      return hold(outcome.text);
     case mapload::Result::kTryAgain:
       return try_again(outcome.text);
     case mapload::Result::kStopped:
@@ -110,9 +115,22 @@ Worker::Step Worker::refuse(const std::string& reason) {
   service::say(Tone::kWarning, text);
   set_status(text);
   reason_.clear();
+  end_pair();
+  return Step::kRefused;
+}
+
+Worker::Step Worker::hold(const std::string& reason) {
+  inbox_.hold(*pair_);
+  end_pair();
+  const std::string text = "held: " + reason;
+  service::say(Tone::kWarning, text);
+  set_status(text);
+  return Step::kHeld;
+}
+
+void Worker::end_pair() {
   pair_.reset();
   tries_ = 0;
-  return Step::kRefused;
 }
 
 }  // namespace tavrix::loader

@@ -9,18 +9,20 @@
 #include <string>
 
 #include "tools/loader/inbox.hpp"
+#include "tools/loader/keeper.hpp"
 #include "tools/loader/pair_import.hpp"
 
 namespace tavrix::loader {
 
 class Worker {
  public:
-  explicit Worker(Inbox& inbox) : inbox_(inbox) {}
+  Worker(Inbox& inbox, Keeper& keeper) : inbox_(inbox), keeper_(keeper) {}
 
   enum class Step {
     kNothing,    // there is no pair
     kPublished,  // a map became current
     kRefused,    // a pair was set aside
+    kHeld,       // a map waits until an operator approves it
     kWaiting,    // a pair waits for its next try, or for the lock
     kStopped
   };
@@ -33,10 +35,13 @@ class Worker {
   using Clock = std::chrono::steady_clock;
   Step load(const std::function<bool()>& should_stop);
   Step try_again(const std::string& text);
+  Step hold(const std::string& reason);
+  void end_pair();
   Step refuse(const std::string& reason);
   void wait(std::chrono::milliseconds time) { next_ = Clock::now() + time; }
 
   Inbox& inbox_;
+  Keeper& keeper_;
   bool is_resumed_ = false;
   std::optional<Pair> pair_;
   std::string reason_;  // why the pair was refused, while it cannot be set aside

@@ -24,6 +24,13 @@ Crowd::Crowd(std::vector<explain::Person> people, std::set<uint32_t> classes, bo
   }
 }
 
+const Members& Crowd::members_of(const Trustee& trustee) const {
+  static const Members kNobody;
+  const auto& index = trustee.is_user ? of_uid_ : of_group_;
+  const auto found = index.find(trustee.id);
+  return found == index.end() ? kNobody : found->second;
+}
+
 std::vector<Members> Crowd::alike(const std::vector<Trustee>& trustees) const {
   // The trustees that concern a person tell the sets apart.
   std::map<uint32_t, std::vector<std::size_t>> concerned;

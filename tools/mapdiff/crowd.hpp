@@ -21,6 +21,9 @@ class Crowd {
 
   [[nodiscard]] const explain::Person& operator[](uint32_t place) const { return people_[place]; }
 
+  // The people of a group, or the one of a user id.
+  [[nodiscard]] const Members& members_of(const explain::Trustee& trustee) const;
+
   // Those whom entries for these trustees concern, in sets of people for whom they are alike: the
   // first of a set answers for all of it.
   [[nodiscard]] std::vector<Members> alike(const std::vector<explain::Trustee>& trustees) const;

@@ -141,6 +141,10 @@ std::string PassEnd::text() const {
   return {};
 }
 
+PassEnd run_apart(const std::function<int()>& work, const Supervision& how) {
+  return run(work, how);
+}
+
 SizePass run_size_pass(const char* size_path, const char* data_path, const Supervision& how) {
   SizePass result;
   constexpr std::size_t kSize = sizeof(memsummary_s);

@@ -30,6 +30,9 @@ struct Supervision {
   std::function<int()> prepare;       // called in the child; an errno keeps the pass from starting
 };
 
+// Runs other work in a process of its own; its code is what it returns.
+PassEnd run_apart(const std::function<int()>& work, const Supervision& how);
+
 // Reads the counts of the size file, or of the local copy when both paths are null.
 struct SizePass {
   PassEnd end;

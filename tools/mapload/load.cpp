@@ -95,6 +95,15 @@ class Loading {
     return std::move(loaded_);
   }
 
+  Loaded bring_back(const std::string& path, const files::Digest& digest) {
+    if (run_bring_back(path, digest)) {
+      log_published();
+    } else if (loaded_.result == Result::kRefused) {
+      log_refused();
+    }
+    return std::move(loaded_);
+  }
+
  private:
   bool run_restore(const Copy& copy) {
     // The library itself reports a missing copy.
@@ -107,9 +116,25 @@ class Loading {
     return true;
   }
 
+  // The local copy becomes that image, and the table is filled from it as at a restart. Until the
+  // map is published the old copy has its second name, as during an import.
+  bool run_bring_back(const std::string& path, const files::Digest& digest) {
+    const auto found = files::digest_of_file(path);
+    if (!found) return fail(path.c_str(), errno);
+    if (*found != digest) {
+      return refuse(fmt::format("{} is damaged: its checksum is not the one that was noted", path));
+    }
+    CopyReplacement copy;
+    if (!copy.begin()) return fail("cannot set the local copy aside", errno);
+    if (!copy.put(path)) return fail("cannot make the image the local copy", errno);
+    if (!prepare(nullptr, nullptr) || !fill() || !check_table()) return false;
+    if (digest_ != digest) return fail_with("the table differs from the image", EIO);
+    return copy.confirm(digest_) ? finish(copy) : fail("cannot sync the local copy", errno);
+  }
+
   bool run_import() {
     if (!prepare(request_.size_path, request_.data_path)) return false;
-    const std::string lack = lack_of_room(summary_.memsize, size_of(request_.data_path));
+    const std::string lack = lack_after_making_room();
     if (!lack.empty()) return refuse(lack);
     NamesToRemove names;
     if (!names.make(request_)) return fail("cannot make names for the two files", errno);
@@ -117,8 +142,16 @@ class Loading {
     summary_.perm_map_name_data = names.data();
     CopyReplacement copy;
     if (!copy.begin()) return fail("cannot set the local copy aside", errno);
-    if (!fill() || !check_table() || !check_copy()) return false;
+    if (!fill() || !check_table() || !check_copy() || !passes_guard()) return false;
     if (!copy.confirm(digest_)) return fail("cannot sync the local copy", errno);
+    if (!finish(copy)) return false;
+    if (request_.files == Files::kKept) return true;
+    remove_file(request_.data_path, "data", loaded_.report);
+    remove_file(request_.size_path, "size", loaded_.report);
+    return true;
+  }
+
+  bool finish(CopyReplacement& copy) {
     if (!publish()) return false;
     if (!table_.is_in_place() || !files::exists(kLocalCopy)) {
       return fail_with("the table or the local copy vanished while it was published", EAGAIN);
@@ -126,10 +159,25 @@ class Loading {
     copy.keep();
     // The map is current from here on, whatever fails; the next recovery does the rest again.
     if (!settle_copy(digest_)) warn("cannot remove the previous local copy", errno);
-    if (request_.files == Files::kKept) return true;
-    remove_file(request_.data_path, "data", loaded_.report);
-    remove_file(request_.size_path, "size", loaded_.report);
     return true;
+  }
+
+  bool passes_guard() {
+    if (!request_.guard) return true;
+    Guarded answer = request_.guard(table_.image());
+    if (answer.result == Result::kPublished) return true;
+    loaded_.result = answer.result;
+    loaded_.error = std::move(answer.text);
+    return false;
+  }
+
+  std::string lack_after_making_room() {
+    std::string lack;
+    do {
+      lack = lack_of_room(summary_.memsize, size_of(request_.data_path));
+    } while (!lack.empty() && is_lack_of_disk(summary_.memsize) && request_.make_room &&
+             request_.make_room());
+    return lack;
   }
 
   // Runs the size pass and makes an empty table of that size.
@@ -140,7 +188,7 @@ class Loading {
     const Tables tables = look_at_tables();
     if (tables.error != 0) return fail("cannot look at the tables", tables.error);
     if (size_path != nullptr) {
-      const std::string lack = lack_of_room(summary_.memsize, size_of(data_path));
+      const std::string lack = lack_after_making_room();
       if (!lack.empty()) return refuse(lack);
     }
     const int current = tables.set == -1 || tables.current != 1 ? 0 : 1;
@@ -249,6 +297,9 @@ Fd try_lock_maps() { return lock(LOCK_EX | LOCK_NB); }
 Loaded load(const Request& request) { return Loading(request).import(); }
 Loaded load_copy(const Request& request, const Copy& copy) {
   return Loading(request).restore(copy);
+}
+Loaded load_image(const Request& request, const std::string& path, const files::Digest& digest) {
+  return Loading(request).bring_back(path, digest);
 }
 
 void log_published() {

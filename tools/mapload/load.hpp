@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 
 #include "internal/scoped.hpp"
@@ -25,6 +26,21 @@ using Progress = std::function<void(Phase phase, uint64_t done, uint64_t folders
 // The two files after their map became current.
 enum class Files { kRemoved, kKept };
 
+enum class Result {
+  kPublished,
+  kRefused,   // the pair, or the copy, cannot become current
+  kTryAgain,  // a call failed in a way that passes by itself
+  kStopped,
+  kHeld  // the guard held it back; the previous map stays
+};
+
+// The answer of a guard: kPublished lets the map pass, and any other result ends the load with the
+// text.
+struct Guarded {
+  Result result = Result::kPublished;
+  std::string text;
+};
+
 struct Request {
   const char* size_path = nullptr;
   const char* data_path = nullptr;
@@ -32,13 +48,11 @@ struct Request {
   Progress progress;                  // called every 50 ms or more often; may be empty
   std::function<bool()> should_stop;  // asked every 50 ms; may be empty
   Files files = Files::kRemoved;
-};
-
-enum class Result {
-  kPublished,
-  kRefused,   // the pair, or the copy, cannot become current
-  kTryAgain,  // a call failed in a way that passes by itself
-  kStopped
+  // Asked about the finished image before it is published; may be empty.
+  std::function<Guarded(std::span<const std::byte> image)> guard;
+  // Called when an import lacks disk space, until it has enough or the call returns false. May be
+  // empty.
+  std::function<bool()> make_room;
 };
 
 struct Loaded {
@@ -67,6 +81,9 @@ struct Loaded {
 Loaded load(const Request& request);
 // Makes the local copy current, unless `copy`, a look at it, found damage.
 Loaded load_copy(const Request& request, const Copy& copy);
+// Makes an image of the disk current, which has this digest, and with it the local copy. The file
+// stays; it is on the file system of the local copy.
+Loaded load_image(const Request& request, const std::string& path, const files::Digest& digest);
 
 // Write the last line of an import to the operator's log.
 void log_published();

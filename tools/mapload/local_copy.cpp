@@ -105,6 +105,14 @@ bool CopyReplacement::begin() {
   return false;
 }
 
+bool CopyReplacement::put(const std::string& path) {
+  if (!files::remove(kCopyToFill)) return false;
+  if (link(path.c_str(), kCopyToFill) == 0) return rename(kCopyToFill, kLocalCopy) == 0;
+  if (errno != EPERM && errno != EOPNOTSUPP && errno != EXDEV && errno != EMLINK) return false;
+  const auto content = files::read_whole(path);
+  return content && files::replace(kLocalCopy, *content, kPrivate);
+}
+
 bool CopyReplacement::confirm(const files::Digest& digest) {
   std::vector<files::Digest> both = {digest};
   both.insert(both.end(), checksums_.begin(), checksums_.end());

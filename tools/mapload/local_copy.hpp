@@ -39,9 +39,9 @@ struct Copy {
 // Removes the previous copy, and leaves the copy's checksum as the only one.
 [[nodiscard]] bool settle_copy(const files::Digest& digest);
 
-// Guards the copy while an import writes it in place: the old copy keeps a second name, and the
-// import gets a file of its own. The end of the scope puts the old copy back unless keep() was
-// called.
+// Guards the copy while an import writes it in place, or while another image takes its place: the
+// old copy keeps a second name, and the import gets a file of its own. The end of the scope puts
+// the old copy back unless keep() was called.
 class CopyReplacement {
  public:
   CopyReplacement() = default;
@@ -51,6 +51,8 @@ class CopyReplacement {
 
   // When this fails, nothing has changed.
   [[nodiscard]] bool begin();
+  // Makes a file of the disk the new copy; the file keeps its own name.
+  [[nodiscard]] bool put(const std::string& path);
   // Syncs the new copy, which has this digest, and lets the old and the new checksums count.
   [[nodiscard]] bool confirm(const files::Digest& digest);
   void keep() { is_open_ = false; }

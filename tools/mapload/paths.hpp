@@ -18,6 +18,8 @@ constexpr const char* kCopyToFill = TAVRIX_PERMBE_MAP_PATH ".fill";
 constexpr const char* kMark = TAVRIX_PERMBE_MAP_PATH ".mark";
 // Holds links to the two files while a map is imported; the import may remove them.
 constexpr const char* kImportFolder = "/etc/tavrix/.import";
+// The maps that are kept, and one that waits for approval; see tools/mapkeep.
+constexpr const char* kKeptFolder = "/etc/tavrix/maps";
 constexpr const char* kLock = "/etc/tavrix/.map.lock";
 // The mode of these files: the copy holds every folder name and every permission.
 constexpr unsigned kPrivate = 0600;

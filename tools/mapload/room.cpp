@@ -65,4 +65,6 @@ std::string lack_of_room(uint64_t image_bytes, uint64_t data_file_bytes) {
   return lack;
 }
 
+bool is_lack_of_disk(uint64_t image_bytes) { return !lack_of_disk(image_bytes).empty(); }
+
 }  // namespace tavrix::mapload
