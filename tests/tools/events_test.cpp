@@ -21,14 +21,14 @@ std::string frame(const Malloced<staging_data_s>& record) {
 
 std::string event_bytes(const std::string& path, uid_t uid = 1001,
                         VFSEvent__OpType type = VFSEVENT__OP_TYPE__OPTYPE_CLOSE,
-                        const char* rename = nullptr) {
+                        const char* rename = nullptr, int time_sec = 1700000000) {
   VFSEvent event = VFSEVENT__INIT;
   event.path = const_cast<char*>(path.c_str());
   event.rename_path = const_cast<char*>(rename);
   event.uid = uid;
   event.optype = type;
   event.client_pid = 42;
-  event.time_sec = 1700000000;
+  event.time_sec = time_sec;
   event.time_usec = 123;
   return frame(Malloced<staging_data_s>(create_staging_data_buf(&event)));
 }
@@ -188,6 +188,180 @@ TEST_F(EventsCommand, DecodesAudits) {
   EXPECT_EQ(123456789012ULL, all.at(0)["size"]);
   EXPECT_EQ("10.0.0.1", all[0]["ip_address"]);
   EXPECT_EQ("2023-11-14T22:13:20Z", all[0]["time"]);
+}
+
+std::string audit_bytes(const std::string& path, uid_t uid, int time_sec) {
+  AuditEvent event = AUDIT_EVENT__INIT;
+  event.path = const_cast<char*>(path.c_str());
+  event.uid = uid;
+  event.time_sec = time_sec;
+  return frame(Malloced<staging_data_s>(create_audit_data_buf(&event)));
+}
+
+constexpr auto kUnlink = VFSEVENT__OP_TYPE__OPTYPE_UNLINK;
+constexpr auto kMkdir = VFSEVENT__OP_TYPE__OPTYPE_MKDIR;
+constexpr auto kRename = VFSEVENT__OP_TYPE__OPTYPE_RENAME;
+
+// The paths of the lines.
+std::string paths(const Outcome& outcome) {
+  std::string text;
+  std::istringstream in(outcome.out);
+  for (std::string line; std::getline(in, line);) {
+    text += (text.empty() ? "" : " ") + nlohmann::json::parse(line)["path"].get<std::string>();
+  }
+  return text;
+}
+
+// Process 20 flushed before process 3 and after it.
+TEST_F(EventsCommand, PutsSeveralDumpsInOrderOfTime) {
+  const auto at = [](const char* path, int time) {
+    return event_bytes(path, 1, kUnlink, nullptr, time);
+  };
+  write_file("/scratch/pending_20_1", at("first", 100) + at("third", 300));
+  write_file("/scratch/pending_20_4", at("fifth", 500));
+  write_file("/scratch/pending_3_2", at("second", 200) + at("fourth", 400));
+  EXPECT_EQ("first second third fourth fifth",
+            paths(ctl({"events", "decode", "/scratch/pending_20_1", "/scratch/pending_20_4",
+                       "/scratch/pending_3_2"})));
+}
+
+TEST_F(EventsCommand, KeepsTheOrderOfRecordsOfTheSameTime) {
+  write_file("/scratch/a", event_bytes("1") + event_bytes("2"));
+  write_file("/scratch/b", event_bytes("3"));
+  EXPECT_EQ("1 2 3", paths(ctl({"events", "decode", "/scratch/a", "/scratch/b"})));
+}
+
+TEST_F(EventsCommand, PrintsTheSoundDumpsBesideABrokenOne) {
+  write_file("/scratch/a", event_bytes("a", 1, kUnlink, nullptr, 2) + "torn");
+  write_file("/scratch/b", event_bytes("b", 1, kUnlink, nullptr, 1));
+  const Outcome outcome = ctl({"events", "decode", "/scratch/a", "/none", "/scratch/b"});
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_EQ("b a", paths(outcome));
+  EXPECT_TRUE(contains(outcome.err, "/scratch/a: byte ")) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "/none: No such file")) << outcome.err;
+}
+
+TEST_F(EventsCommand, NamesTheUsers) {
+  write_file("/scratch/dump", event_bytes("a", 2) + event_bytes("b", 2) + event_bytes("c", 4001));
+  const auto all = lines(ctl({"events", "decode", "/scratch/dump"}));
+  EXPECT_EQ("bin", all.at(0)["user_name"]);
+  EXPECT_FALSE(all.at(2).contains("user_name"));
+  const auto stats =
+      nlohmann::json::parse(ctl({"events", "decode", "--stats", "/scratch/dump"}).out);
+  EXPECT_EQ(nlohmann::json({{"bin", 2}}), stats["by_user_name"]);
+  EXPECT_EQ(1, stats["by_user"]["4001"]);
+}
+
+TEST_F(EventsCommand, Filters) {
+  write_file(
+      "/scratch/dump",
+      event_bytes("/tavrix/Shared/Team/plan.txt", 2, kUnlink, nullptr, 1700000000) +
+          event_bytes("/tavrix/Shared/Teams/x.doc", 2, kMkdir, nullptr, 1700000001) +
+          event_bytes("/tavrix/Shared/a", 4001, kRename, "/tavrix/Shared/Team/a", 1700000002) +
+          event_bytes("/tavrix/Private/anna/Plan b", 4001, kUnlink, nullptr, 1700086400));
+  const auto found = [](const std::vector<std::string>& filter) {
+    std::vector<std::string> words{"events", "decode", "/scratch/dump"};
+    words.insert(words.end(), filter.begin(), filter.end());
+    const Outcome outcome = ctl(words);
+    EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+    std::string names;
+    std::istringstream in(outcome.out);
+    for (std::string line; std::getline(in, line);) {
+      const std::string path = nlohmann::json::parse(line)["path"];
+      names += (names.empty() ? "" : ", ") + path.substr(path.rfind('/') + 1);
+    }
+    return names;
+  };
+  EXPECT_EQ("plan.txt, a", found({"--path", "Shared/Team"}));
+  EXPECT_EQ("plan.txt, a", found({"--path", "\\Shared\\Team\\"}));
+  EXPECT_EQ("plan.txt, a", found({"--path", "/tavrix/Shared/Team"}));
+  EXPECT_EQ("plan.txt, Plan b", found({"--path", "PLAN"}));
+  EXPECT_EQ("plan.txt, x.doc", found({"--path", "*.[dt]*"}));
+  EXPECT_EQ("plan.txt, x.doc, a", found({"--path", "Shared/T*"}));
+  EXPECT_EQ("plan.txt, x.doc", found({"--user", "bin"}));
+  EXPECT_EQ("a, Plan b", found({"--user", "4001"}));
+  EXPECT_EQ("plan.txt, Plan b", found({"--op", "delete"}));
+  EXPECT_EQ("x.doc, a", found({"--op", "MKDIR,rename"}));
+  EXPECT_EQ("plan.txt", found({"--until", "1700000000.5"}));
+  EXPECT_EQ("a, Plan b", found({"--since", "1700000002"}));
+  EXPECT_EQ("x.doc, a", found({"--since", "2023-11-14T22:13:21Z", "--until", "@1700000003"}));
+  EXPECT_EQ("", found({"--since", "-2h"}));
+  EXPECT_EQ("Plan b", found({"--path", "plan", "--user", "4001", "--op", "UNLINK"}));
+}
+
+TEST_F(EventsCommand, RefusesFiltersWithoutAMeaning) {
+  write_file("/scratch/dump", "");
+  const auto complaint = [](const char* option, const char* value) {
+    const Outcome outcome = ctl({"events", "decode", "/scratch/dump", option, value});
+    EXPECT_EQ(2, outcome.exit_code);
+    return outcome.err;
+  };
+  EXPECT_EQ(
+      "tavrixctl: there is no user \"nobody-of-this-name\" on this machine; give the number of "
+      "one that is gone\n",
+      complaint("--user", "nobody-of-this-name"));
+  EXPECT_EQ("tavrixctl: \"delte\" is not an operation; did you mean \"delete\"?\n",
+            complaint("--op", "delte"));
+  EXPECT_EQ(
+      "tavrixctl: \"soon\" is not a time; give one such as \"2026-11-20 14:00\", "
+      "\"yesterday\", \"7d\" or \"2h ago\"\n",
+      complaint("--since", "soon"));
+}
+
+TEST_F(EventsCommand, FollowsInOrderOfTimeThroughTheFilter) {
+  make_dirs("/scratch/staging");
+  write_file("/scratch/staging/pending_20", event_bytes("early", 1, kUnlink, nullptr, 100));
+  write_file("/scratch/staging/pending_3",
+             event_bytes("late", 1, kUnlink, nullptr, 200) + event_bytes("other", 2));
+  Child follower([] {
+    execl(TAVRIX_BUILD_DIR "/tools/tavrixctl", "tavrixctl", "events", "decode", "--follow",
+          "/scratch/staging", "--user", "1", nullptr);
+  });
+  EXPECT_TRUE(comes([&] { return contains(follower.out_so_far(), "late"); }));
+  ::kill(follower.pid(), SIGTERM);
+  EXPECT_EQ("early late", paths(follower.wait()));
+}
+
+TEST_F(EventsCommand, FollowsNoMissingOrWrongFolder) {
+  make_dirs("/scratch/other");
+  write_file("/scratch/other/letter.txt", "");
+  const auto complaint = [](const char* kind, const char* folder) {
+    const Outcome outcome = run_program(
+        {"timeout", "20", TAVRIX_BUILD_DIR "/tools/tavrixctl", kind, "decode", "--follow", folder});
+    EXPECT_EQ(2, outcome.exit_code);
+    return outcome.err;
+  };
+  EXPECT_EQ("tavrixctl: /none: No such file or directory\n", complaint("events", "/none"));
+  EXPECT_EQ("tavrixctl: /scratch/other/letter.txt: Not a directory\n",
+            complaint("events", "/scratch/other/letter.txt"));
+  EXPECT_EQ(
+      "tavrixctl: /scratch/other has other files and no dump files; dump files of this kind "
+      "come to /tavrix/.conf/auditing\n",
+      complaint("audit", "/scratch/other"));
+}
+
+TEST_F(EventsCommand, EndsWhenTheFolderThatItFollowsGoes) {
+  make_dirs("/scratch/staging");
+  write_file("/scratch/staging/pending_1", event_bytes("first"));
+  Child follower([] {
+    execl(TAVRIX_BUILD_DIR "/tools/tavrixctl", "tavrixctl", "events", "decode", "--follow",
+          "/scratch/staging", nullptr);
+  });
+  EXPECT_TRUE(comes([&] { return contains(follower.out_so_far(), "first"); }));
+  remove_all("/scratch/staging");
+  const Outcome outcome = follower.wait();
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_EQ("tavrixctl: /scratch/staging: No such file or directory\n", outcome.err);
+}
+
+TEST_F(EventsCommand, FiltersAndOrdersAuditsAlike) {
+  write_file("/scratch/a", audit_bytes("/tavrix/Shared/late", 2, 1700000200));
+  write_file("/scratch/b", audit_bytes("/tavrix/Shared/early", 2, 1700000100) +
+                               audit_bytes("/tavrix/Shared/other", 3, 1700000100));
+  const Outcome outcome = ctl({"audit", "decode", "/scratch/a", "/scratch/b", "--user", "bin",
+                               "--path", "Shared", "--since", "1700000000"});
+  EXPECT_EQ("/tavrix/Shared/early /tavrix/Shared/late", paths(outcome));
+  EXPECT_EQ("bin", lines(outcome).at(0)["user_name"]);
 }
 
 }  // namespace

@@ -42,4 +42,7 @@ void add_map_check_commands(CLI::App& map, Options& options, Action& action);
 void add_map_history_commands(CLI::App& map, Options& options, Action& action);
 void add_map_diff_command(CLI::App& map, Options& options, Action& action);
 
+// The commands below "events buffer".
+void add_events_buffer_commands(CLI::App& events, Options& options, Action& action);
+
 }  // namespace tavrix::ctl
