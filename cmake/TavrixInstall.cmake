@@ -25,10 +25,10 @@ install(FILES ${CMAKE_BINARY_DIR}/tavrix-config.cmake ${CMAKE_BINARY_DIR}/tavrix
   DESTINATION ${TAVRIX_PACKAGE_DIR} COMPONENT dev)
 install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DIR} COMPONENT dev)
 
-# Every page but the module's belongs to the tools.
+# Every page but the module's and the historian's belongs to the tools.
 foreach(section 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/*.${section})
-  list(FILTER pages EXCLUDE REGEX "/vfs_tavrix\\.8$")
+  list(FILTER pages EXCLUDE REGEX "/(vfs_tavrix|tavrix-historian)\\.8$")
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools)
 endforeach()
 install(FILES tools/shells/tavrixctl.bash
@@ -61,6 +61,11 @@ install(PROGRAMS packaging/sessions.sh DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/t
 install(FILES packaging/tavrix.tmpfiles DESTINATION lib/tmpfiles.d RENAME tavrix.conf
   COMPONENT tools)
 
+install(FILES docs/man/tavrix-historian.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT historian)
+install(FILES packaging/tavrix-historian.service DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT historian)
+install(FILES docs/history.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-historian
+  COMPONENT historian)
+
 # scripts/build-samba-module.sh builds the module; without it the package has the manual page alone.
 install(FILES docs/man/vfs_tavrix.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT samba)
 install(FILES ${CMAKE_BINARY_DIR}/samba/tavrix.so DESTINATION lib/x86_64-linux-gnu/samba/vfs
@@ -68,7 +73,7 @@ install(FILES ${CMAKE_BINARY_DIR}/samba/tavrix.so DESTINATION lib/x86_64-linux-g
 
 # Each package has the licences in the place that Debian wants.
 foreach(package library:libtavrix${PROJECT_VERSION_MAJOR} dev:libtavrix-dev tools:tavrix-tools
-    samba:samba-vfs-tavrix)
+    historian:tavrix-historian samba:samba-vfs-tavrix)
   string(REPLACE : ";" package ${package})
   list(POP_FRONT package component)
   install(FILES debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}

@@ -30,7 +30,7 @@ TEST(Units, AreExposedByFourAtMost) {
     ASSERT_NE(std::string::npos, at) << name << analysis.out << analysis.err;
     EXPECT_LE(std::strtod(analysis.out.c_str() + at + before.size(), nullptr), 4.0) << name;
   }
-  EXPECT_EQ(3U, services().size());
+  EXPECT_EQ(4U, services().size());
 }
 
 // A private IPC namespace hides the shared memory, a private /dev changes its keys, and without
@@ -40,6 +40,7 @@ TEST(Units, LeaveOpenWhatTheServicesWorkOn) {
     const std::string text = read_file(kPackaging + name);
     EXPECT_NE(std::string::npos, text.find("\nPrivateIPC=no\n")) << name;
     EXPECT_NE(std::string::npos, text.find("\nPrivateDevices=no\n")) << name;
+    if (name == "tavrix-historian.service") continue;  // it looks at no process
     EXPECT_NE(std::string::npos, text.find("CAP_SYS_PTRACE")) << name;
     EXPECT_EQ(std::string::npos, text.find("ProtectProc=")) << name;
   }

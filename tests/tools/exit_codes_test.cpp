@@ -218,7 +218,12 @@ TEST_F(ExitCodes, OfTheServices) {
   EXPECT_EQ(1, code({"tavrix-loader", "--once", "--dir", "/scratch/maps"}));
   EXPECT_EQ(2, code({"tavrix-loader", "--once", "--dir", "/scratch/dump"}));
   EXPECT_EQ(0, code({"tavrix-sweeper", "--once"}));
-  for (const std::string service : {"tavrix-loader", "tavrix-sweeper"}) {
+  write_file("/scratch/conf", "[HISTORIAN]\ndatabase = /scratch/history/history.db\n");
+  const Words historian = {"tavrix-historian", "--once", "--settings", "/scratch/conf"};
+  EXPECT_EQ(0, code(historian));
+  write_file("/scratch/conf", "[HISTORIAN]\ndatabase = /proc/history/history.db\n");
+  EXPECT_EQ(1, code(historian));
+  for (const std::string service : {"tavrix-loader", "tavrix-sweeper", "tavrix-historian"}) {
     EXPECT_EQ(2, run_program({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                               TAVRIX_BUILD_DIR "/tools/" + service, "--once"})
                      .exit_code);

@@ -54,9 +54,9 @@ TEST_F(Manual, KnowsEveryCommandAndOption) {
 }
 
 TEST_F(Manual, KnowsTheServicesOptions) {
-  for (const std::string program : {"tavrix-loader", "tavrix-sweeper"}) {
+  for (const std::string program : {"tavrix-loader", "tavrix-sweeper", "tavrix-historian"}) {
     const auto names = options(run_program({TAVRIX_BUILD_DIR "/tools/" + program, "--help"}).out);
-    EXPECT_EQ(4U, names.size()) << program;
+    EXPECT_EQ(program == "tavrix-historian" ? 3U : 4U, names.size()) << program;
     for (const std::string& name : names) {
       EXPECT_TRUE(contains(page(program), ".It Fl " + name)) << program << " -" << name;
     }
@@ -83,7 +83,7 @@ TEST_F(Manual, OfTheSweepersUnitNamesFlagsThatItHas) {
 // systemd gives up on a service that ends five times in ten seconds, unless the unit says
 // otherwise.
 TEST_F(Manual, TheUnitsAreStartedAgainHoweverOftenTheyEnd) {
-  for (const char* name : {"tavrix-sweeper", "tavrix-loader"}) {
+  for (const char* name : {"tavrix-sweeper", "tavrix-loader", "tavrix-historian"}) {
     const std::string unit =
         read_file(TAVRIX_SOURCE_DIR "/packaging/" + std::string(name) + ".service");
     EXPECT_TRUE(contains(unit, "\nRestart=always\n")) << name;

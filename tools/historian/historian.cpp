@@ -116,13 +116,24 @@ bool Historian::open_store() {
   group_.set(store_.group_problem());
   if (is_open && session_) return true;
   session_.emplace(store_.get(), settings_);
+  // A database that was made anew may get back what still waits for the agent.
+  is_adopted_ = false;
   return session_->mass_changes.resume(store_.get()) || fail();
 }
 
-// Gives up this look. The next one opens the database again.
+// Remembers the failure of the connection. Transactions and statements end before it is dealt with.
 bool Historian::fail() {
+  if (!failure_) failure_ = history::problem_of(store_.get(), store_.file());
+  return false;
+}
+
+// Closes the database after a failure; the next look opens it again. True when it was damaged and a
+// new one is open.
+bool Historian::recover() {
+  const history::Problem problem = *std::exchange(failure_, std::nullopt);
   session_.reset();
-  trouble_.set(store_.failed().sentence);
+  if (store_.replace_damaged(problem)) return true;
+  trouble_.set(problem.sentence);
   return false;
 }
 
@@ -175,14 +186,15 @@ bool Historian::take_into(Batch& batch, const Link& link) {
   return true;
 }
 
-bool Historian::take(std::span<const Link> links) {
+bool Historian::take(std::span<const Link> links, std::size_t& used) {
   Batch batch;
   {
     history::Transaction transaction(store_.get());
     if (!transaction.begun()) return fail();
     for (const Link& link : links) {
-      if (batch.bytes >= kMostBytes) break;
+      if (used == kMostDumps || batch.bytes >= kMostBytes) break;
       if (!take_into(batch, link)) return fail();
+      ++used;
     }
     if (!transaction.commit()) return fail();
   }
@@ -193,15 +205,16 @@ bool Historian::take(std::span<const Link> links) {
 bool Historian::finish(const Batch& batch) {
   if (!store_.is_in_place()) return false;
   taken_ += batch.records;
-  std::string stuck = batch.unreadable;
+  if (!batch.unreadable.empty()) stuck_ = batch.unreadable;
   for (const std::string& name : batch.done) {
-    if (!remove_link(name)) stuck = fmt::format("{}/{}: {}", kLinks, name, std::strerror(errno));
+    if (!remove_link(name)) stuck_ = fmt::format("{}/{}: {}", kLinks, name, std::strerror(errno));
   }
   for (const auto& [name, reason] : batch.foreign) {
-    if (!refuse(name, reason)) stuck = fmt::format("{}/{}: {}", kLinks, name, std::strerror(errno));
+    if (!refuse(name, reason)) {
+      stuck_ = fmt::format("{}/{}: {}", kLinks, name, std::strerror(errno));
+    }
   }
   for (const MassChange& change : batch.mass_changes) say(Tone::kWarning, change.sentence());
-  unreadable_.set(stuck);
   return true;
 }
 
@@ -215,12 +228,14 @@ bool Historian::refuse(const std::string& name, const std::string& reason) {
 
 bool Historian::take_all(const std::function<bool()>& should_stop) {
   const std::vector<Link> links = waiting_links();
+  stuck_.clear();
   for (std::size_t at = 0; at < links.size();) {
-    const std::size_t count = std::min(links.size() - at, kMostDumps);
-    if (!take(std::span(links).subspan(at, count))) return false;
-    at += count;
+    std::size_t used = 0;
+    if (!take(std::span(links).subspan(at), used)) return false;
+    at += used;
     if (should_stop()) break;
   }
+  stuck_trouble_.set(stuck_);
   return true;
 }
 
@@ -244,6 +259,11 @@ bool Historian::prune_when_due() {
 
 bool Historian::look(const std::function<bool()>& should_stop) {
   set_mark();
+  if (work(should_stop)) return true;
+  return failure_ && recover() && work(should_stop);
+}
+
+bool Historian::work(const std::function<bool()>& should_stop) {
   if (!hold_folders() || !open_store()) return false;
   if (!is_adopted_) adopt();
   if (!note_alarms(store_.get())) return fail();
@@ -259,7 +279,7 @@ void Historian::drain_changes() const {
 }
 
 std::string Historian::status() const {
-  for (const auto* trouble : {&trouble_, &waiting_, &unreadable_, &group_}) {
+  for (const auto* trouble : {&trouble_, &waiting_, &stuck_trouble_, &group_}) {
     if (!trouble->text().empty()) return trouble->text();
   }
   return fmt::format("keeping the history; {} taken since the start",

@@ -53,28 +53,33 @@ class Historian {
   bool open_store();
   void adopt();
   bool take_all(const std::function<bool()>& should_stop);
-  bool take(std::span<const Link> links);
+  // `used` becomes the number of links that the transaction had room for.
+  bool take(std::span<const Link> links, std::size_t& used);
   bool take_into(Batch& batch, const Link& link);
   bool finish(const Batch& batch);
   bool refuse(const std::string& name, const std::string& reason);
   bool prune_when_due();
+  bool work(const std::function<bool()>& should_stop);
   bool fail();
+  bool recover();
   void set_mark() const;
 
   Settings settings_;
   Store store_;
   std::optional<Session> session_;
+  std::optional<history::Problem> failure_;  // of the connection, in this look
   Fd database_lock_, links_lock_, changes_;
   bool is_switched_on_ = false;
   bool was_made_ = false;  // the folder of links, by this run
   bool is_adopted_ = false;
   bool is_pruning_ = false;
   uint64_t taken_ = 0;  // records, since the start
+  std::string stuck_;   // a link of this look that could not be read or removed
   std::chrono::steady_clock::time_point next_prune_;
   TrustedClock clock_;
   sweeper::Trouble trouble_{service::Tone::kError};
   sweeper::Trouble waiting_{service::Tone::kInfo};
-  sweeper::Trouble unreadable_{service::Tone::kError};
+  sweeper::Trouble stuck_trouble_{service::Tone::kError};
   sweeper::Trouble group_{service::Tone::kWarning};
 };
 

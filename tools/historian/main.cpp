@@ -31,6 +31,7 @@ class Service {
   int run() {
     signals_ = service::take_signals();
     if (!signals_) return 2;
+    say(Tone::kInfo, "keeping the history");
     notify("READY=1\n");
     while (!stops_) {
       historian_->look([this] { return look_for_signals(); });

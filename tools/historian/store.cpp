@@ -142,14 +142,13 @@ bool Store::open(Problem& problem) {
   return true;
 }
 
-Problem Store::failed() {
-  Problem problem = history::problem_of(get(), file_);
+bool Store::replace_damaged(const Problem& problem) {
   close();
-  if (problem.reason != Reason::kDamaged || !set_aside(problem.sentence)) return problem;
+  if (problem.reason != Reason::kDamaged || !set_aside(problem.sentence)) return false;
   Problem next;
-  if (!open(next)) return next;
+  if (!open(next)) return false;
   note_beginning(problem.sentence);
-  return problem;
+  return true;
 }
 
 bool Store::is_in_place() const {

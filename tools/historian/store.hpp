@@ -18,9 +18,9 @@ class Store {
   // a new database is begun.
   [[nodiscard]] bool open(history::Problem& problem);
   void close() { database_.reset(); }
-  // For a failure on the connection: its problem. A database that turns out to be damaged is closed
-  // and set aside.
-  [[nodiscard]] history::Problem failed();
+  // Closes the database after a failure. If it is damaged, sets it aside and begins a new one: true
+  // when that is open.
+  [[nodiscard]] bool replace_damaged(const history::Problem& problem);
   // True while the open files are those that readers find.
   [[nodiscard]] bool is_in_place() const;
 

@@ -108,6 +108,23 @@ bool make_file(const std::string& file, Problem& problem) {
   return true;
 }
 
+struct Failure {
+  sqlite3* database = nullptr;
+  int code = SQLITE_OK;
+  int error = 0;  // of the system
+  std::string message;
+};
+
+// A rollback makes the connection forget the failure that called for it. The transaction keeps it.
+thread_local Failure rolled_back;
+
+Failure failure_of(sqlite3* database) {
+  return {database, sqlite3_extended_errcode(database), sqlite3_system_errno(database),
+          sqlite3_errmsg(database)};
+}
+
+bool is_good(int code) { return code == SQLITE_OK || code == SQLITE_ROW || code == SQLITE_DONE; }
+
 bool prepare_to_write(sqlite3* database) {
   // The WAL stays when the writer closes: a reader without the right to make it needs it.
   int is_kept = 1;
@@ -142,9 +159,10 @@ Reason reason_of(int code) {
 }
 
 Problem problem_of(sqlite3* database, const std::string& file) {
-  Reason reason = reason_of(sqlite3_extended_errcode(database));
-  if (sqlite3_system_errno(database) == ENOSPC) reason = Reason::kFull;
-  return make(reason, file, sqlite3_errmsg(database));
+  Failure failure = failure_of(database);
+  if (is_good(failure.code) && rolled_back.database == database) failure = rolled_back;
+  return make(failure.error == ENOSPC ? Reason::kFull : reason_of(failure.code), file,
+              failure.message);
 }
 
 Database open_to_read(const std::string& file, Problem& problem) {
@@ -182,11 +200,15 @@ bool execute(sqlite3* database, const char* sql) {
 }
 
 Transaction::Transaction(sqlite3* database)
-    : database_(database), is_open_(execute(database, "BEGIN IMMEDIATE")) {}
+    : database_(database), is_open_(execute(database, "BEGIN IMMEDIATE")) {
+  rolled_back = {};
+}
 
 Transaction::~Transaction() {
-  if (is_open_ && sqlite3_get_autocommit(database_) == 0)
-    static_cast<void>(execute(database_, "ROLLBACK"));
+  if (!is_open_) return;
+  rolled_back = failure_of(database_);
+  // A failure may have rolled it back already.
+  if (sqlite3_get_autocommit(database_) == 0) static_cast<void>(execute(database_, "ROLLBACK"));
 }
 
 bool Transaction::commit() {

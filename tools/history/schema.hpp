@@ -31,7 +31,7 @@ CREATE TABLE records (
   size INTEGER,              -- the file's size; reads only
   dump INTEGER NOT NULL      -- the row of `dumps`
 );
-CREATE INDEX records_by_path ON records (path, time);
+CREATE INDEX records_by_path ON records (path, time, op, uid);
 CREATE INDEX records_by_target ON records (target, time) WHERE target IS NOT NULL;
 CREATE INDEX records_by_time ON records (time);
 CREATE INDEX records_by_uid ON records (uid, time);

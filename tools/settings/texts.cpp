@@ -18,7 +18,7 @@ constexpr std::string_view kHead =
     "reads "
     "them. Server processes take a copy when a client connects, tavrix-sweeper and tavrix-loader "
     "when they start and at \"systemctl reload\". A value that holds ; or # needs quotes. "
-    "The loader reads the section LOADER of this file itself. "
+    "tavrix-loader and tavrix-historian read the sections LOADER and HISTORIAN themselves. "
     "\"tavrixctl config show --explain\" shows the values that are loaded, and what each is for.";
 
 // The settings of the block, then those of the services.
