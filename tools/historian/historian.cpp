@@ -28,8 +28,8 @@ using service::Tone;
 using Steady = std::chrono::steady_clock;
 
 // Limits of one transaction.
-constexpr std::size_t kMostDumps = 256;
-constexpr std::size_t kMostBytes = 8 << 20;
+constexpr std::size_t kMostDumps = 1024;
+constexpr std::size_t kMostBytes = 32 << 20;
 constexpr auto kPruneEvery = std::chrono::hours(1);
 
 bool is_that_folder(const Fd& fd, const std::string& folder) {
