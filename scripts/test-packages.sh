@@ -23,8 +23,8 @@ else
 fi
 parts=("$@")
 [ ${#parts[@]} -gt 0 ] || parts=(lintian life piuparts autopkgtest)
-names=(libtavrix1 tavrix-tools samba-vfs-tavrix)
-needed=(samba smbclient libyajl2 libprotobuf-c1 libfmt9 libiniparser1)
+names=(libtavrix1 tavrix-tools tavrix-historian samba-vfs-tavrix)
+needed=(samba smbclient libyajl2 libprotobuf-c1 libfmt9 libiniparser1 libsqlite3-0)
 
 scratch=$(mktemp -d)
 trap 'machine_kill office; rm -rf "$scratch"' EXIT
@@ -100,19 +100,24 @@ try_life() {
 try_install_and_purge() {
   step "install: sweeper and loader run, in order, with settings" \
     'apt install /root/current/*.deb; expect_services'
+  step "install: the historian runs and keeps the history" '
+    expect_active tavrix-historian
+    [ -d /tavrix/.conf/history ] && [ -e /var/lib/tavrix/history/history.db ] || wrong "nothing is kept"'
   step "install: the comparison library is linked" 'expect_link libsamdb-common-samba4.so.0'
   step "install: each unit's exposure is 4.0 or better" 'expect_exposure 4.0'
   step "install: the metrics run when node_exporter's folder comes" 'expect_timer_with_its_folder_only'
   step "remove: services, programs and link are gone, settings and state stay" '
-    apt remove libtavrix1 tavrix-tools samba-vfs-tavrix
-    ! systemctl is-active -q tavrix-sweeper tavrix-loader || wrong "a service runs"
+    apt remove libtavrix1 tavrix-tools tavrix-historian samba-vfs-tavrix
+    ! systemctl is-active -q tavrix-sweeper tavrix-loader tavrix-historian || wrong "a service runs"
+    [ ! -e /tavrix/.conf/history ] || wrong "flushes still link their files"
+    [ -e /var/lib/tavrix/history/history.db ] || wrong "the history is gone"
     ! pgrep tavrix || wrong "a program runs"
     [ ! -L $link ] || wrong "the link is left"
     [ ! -e $metrics ] || wrong "metrics are left that nobody renews"
     dpkg -P exporter >/dev/null
     [ -e /etc/tavrix/tavrix.conf ] && [ -d /var/lib/tavrix/maps ] || wrong "settings or state are gone"'
   step "purge: the machine is as before" '
-    apt purge libtavrix1 tavrix-tools samba-vfs-tavrix
+    apt purge libtavrix1 tavrix-tools tavrix-historian samba-vfs-tavrix
     expect_no_memory
     expect_snapshot /root/before'
 }
@@ -177,7 +182,7 @@ try_removal() {
   step "remove: the last events come to a file, and the share is named" '
     smb "cd Shared\\Design; put /etc/hostname last.txt" >/dev/null
     cp /usr/bin/tavrixctl /root/
-    apt remove samba-vfs-tavrix tavrix-tools
+    apt remove samba-vfs-tavrix tavrix-historian tavrix-tools
     said "cannot enter the shares"
     ls $conf/staging/pending_* >/dev/null
     ! smb "ls Shared" >/dev/null || wrong "the share is served without the module"'
@@ -188,7 +193,7 @@ try_removal() {
     systemctl restart smbd
     smb "ls Shared\\Design\\*" | grep -q last.txt || wrong "the share does not work"'
   step "purge: what nobody collected stays, with a sentence; so does the tree" '
-    apt purge samba-vfs-tavrix tavrix-tools libtavrix1
+    apt purge samba-vfs-tavrix tavrix-historian tavrix-tools libtavrix1
     said "has not collected"
     ls $conf/staging/pending_* >/dev/null
     [ -e /tavrix/Shared/Design/last.txt ] || wrong "the tree is gone"
@@ -200,7 +205,7 @@ try_removal() {
     apt install /root/current/*.deb
     make_share
     open_session
-    apt purge samba-vfs-tavrix tavrix-tools libtavrix1
+    apt purge samba-vfs-tavrix tavrix-historian tavrix-tools libtavrix1
     said "Nobody writes their events"
     [ -s $conf/tavrix_event_status.dirty ] || wrong "there is no request for a rescan"
     close_session'
@@ -214,7 +219,7 @@ try_without_systemd() {
     without_systemd apt install /root/current/*.deb
     [ -d $conf/staging ] && [ -d /var/lib/tavrix/maps ] || wrong "a folder is missing"
     ! pgrep tavrix || wrong "a program runs"
-    without_systemd apt purge samba-vfs-tavrix tavrix-tools libtavrix1
+    without_systemd apt purge samba-vfs-tavrix tavrix-historian tavrix-tools libtavrix1
     [ ! -e /tavrix ] || wrong "/tavrix is left"
     mv /usr/bin/.systemd-tmpfiles /usr/bin/systemd-tmpfiles'
 }
@@ -245,7 +250,7 @@ run_piuparts() {
   echo 'deb [trusted=yes] file:/srv/debian-mirror ./' >"$scratch/chroot/etc/apt/sources.list"
   unshare --ipc --mount --pid --fork --kill-child piuparts --existing-chroot "$scratch/chroot" \
     --distribution bookworm --keep-sources-list --no-adequate --ignore /var/lib/logrotate/status \
-    "$folder"/{libtavrix1,tavrix-tools,samba-vfs-tavrix}_*.deb
+    "$folder"/{libtavrix1,tavrix-tools,tavrix-historian,samba-vfs-tavrix}_*.deb
 }
 
 try_autopkgtest() {

@@ -77,7 +77,7 @@ expect_no_memory() {
 
 expect_exposure() {  # MOST: systemd's own judgement of each unit
   local unit score
-  for unit in tavrix-sweeper tavrix-loader tavrix-metrics; do
+  for unit in tavrix-sweeper tavrix-loader tavrix-historian tavrix-metrics; do
     score=$(systemd-analyze security --no-pager "$unit.service" | sed -nE 's/.*exposure level.*: ([0-9.]+) .*/\1/p')
     awk -v score="$score" -v most="$1" 'BEGIN { exit !(score != "" && score <= most) }' || wrong "$unit: $score"
   done
@@ -88,7 +88,7 @@ map_segment() { ipcs -m | awk '/^0x7065726/ { print $1, $2 }'; }
 # Warnings and errors of the services, but for the session that was killed.
 expect_no_complaint() {
   local lines
-  lines=$(journalctl -q -u tavrix-sweeper -u tavrix-loader -p warning -o cat |
+  lines=$(journalctl -q -u tavrix-sweeper -u tavrix-loader -u tavrix-historian -p warning -o cat |
     grep -v '^recorded 1 file.* that ended processes had changed$' || true)
   [ -z "$lines" ] || wrong "$lines"
 }

@@ -2,11 +2,16 @@
 // The historian takes every dump file, and each one once.
 
 #include <grp.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <cstdio>
+#include <cstring>
+#include <regex>
 
 #include "tests/historian/historian.hpp"
 #include "tests/support/stops.hpp"
+#include "tests/tools/disk_model.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -315,6 +320,105 @@ TEST_F(Historian, NotesEachAlarmOnce) {
   EXPECT_EQ(2U, notices("gap").size());
 }
 
+// --- the service ---------------------------------------------------------------------------------
+
+TEST_F(Historian, TellsTheServiceManagerWhenItIsReadyAndWhatIsWrong) {
+  const Fd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, "/scratch/notify");
+  ASSERT_EQ(0, bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+  make_dirs("/scratch/db");
+  write_file(kDatabase, "");
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(kDatabase, &raw));
+  const history::Database database(raw);
+  ASSERT_TRUE(history::execute(raw, "PRAGMA user_version = 99"));
+  setenv("NOTIFY_SOCKET", "/scratch/notify", 1);
+  const auto child = keeper();
+  unsetenv("NOTIFY_SOCKET");
+  std::string told;
+  while (!contains(told, "newer version")) {
+    char text[1024] = "";
+    ASSERT_GT(recv(manager.get(), text, sizeof text - 1, 0), 0);
+    told += text;
+  }
+  EXPECT_TRUE(told.starts_with("READY=1\n")) << told;
+  EXPECT_EQ(0, stop(*child).exit_code);
+}
+
+TEST_F(Historian, TakesNewSettingsOnAReload) {
+  auto child = keeper();
+  ASSERT_TRUE(comes([] { return exists(kLinks) && exists(kDatabase); }));
+  configure_history();
+  write_file(kConf,
+             std::regex_replace(read_file(kConf), std::regex("/scratch/db"), "/scratch/new"));
+  ::kill(child->pid(), SIGHUP);
+  ASSERT_TRUE(comes([] { return exists("/scratch/new/history.db"); }));
+  empty_staging_dir();
+  dump({"a"});
+  ASSERT_TRUE(comes(
+      [] { return ask("SELECT path FROM records", "/scratch/new/history.db") == Paths{"a"}; }));
+  EXPECT_EQ(0, stop(*child).exit_code);
+  EXPECT_EQ(Paths{}, kept());
+}
+
+TEST_F(Historian, WarnsOfAWrongSettingAndGoesOn) {
+  configure_history("keep days = never\n");
+  const Outcome outcome = keep();
+  EXPECT_EQ(0, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "keep days")) << outcome.err;
+}
+
+TEST_F(Historian, IsInTheStatusOfTheAppliance) {
+  EXPECT_FALSE(json({"status", "--settings", kConf}).contains("history"));
+  ASSERT_EQ(0, keep().exit_code);
+  dump({"a"});
+  const auto history = json({"status", "--settings", kConf})["history"];
+  EXPECT_EQ(true, history["on"]);
+  EXPECT_EQ(1, history["waiting"]);
+  EXPECT_EQ(kDatabase, history["database"]);
+  EXPECT_GT(history["database_bytes"], 0);
+  EXPECT_TRUE(
+      contains(ctl({"status", "--settings", kConf}).out, "1 dump file waits for the historian"));
+  EXPECT_TRUE(contains(ctl({"status", "--settings", kConf, "--metrics"}).out,
+                       "tavrix_history_waiting_files 1\n"));
+}
+
+// --- power cuts ----------------------------------------------------------------------------------
+
+// On a file system that keeps the order of names: what the agent finds after a cut, the history
+// has.
+TEST_F(Historian, HasEachDumpOfTheAgentAfterAPowerCut) {
+  ASSERT_EQ(0, keep().exit_code);
+  send("a");
+  Disk disk;
+  disk.put_folder(kStaging);
+  Environment environment = with_faults("");
+  environment.emplace_back("TAVRIX_TRACE", "/scratch/trace");
+  ASSERT_EQ(0, run_program({kSweeper, "--once"}, {}, environment).exit_code);
+  std::mt19937 random(1604);
+  std::set<State> states;
+  for (const Operation& operation : read_trace("/scratch/trace")) {
+    disk.apply(operation);
+    disk.add_states(true, random, states);
+  }
+  int with_dump = 0;
+  for (const State& state : states) {
+    std::set<std::string> kept;
+    for (const auto& [path, bytes] : state) {
+      if (path.starts_with(kLinks)) kept.insert(bytes);
+    }
+    for (const auto& [path, bytes] : state) {
+      if (!path.starts_with(kStaging + std::string("/pending_"))) continue;
+      EXPECT_TRUE(kept.contains(bytes)) << text_of(state);
+      EXPECT_EQ(Paths{"a"}, paths_in(bytes));
+      ++with_dump;
+    }
+  }
+  EXPECT_GT(with_dump, 0);
+}
+
 // --- kills ---------------------------------------------------------------------------------------
 
 class KilledHistorian : public HistorianWorld {
@@ -356,6 +460,34 @@ TEST_F(KilledHistorian, AtEachCallOfItsFirstStart) {
     const bool was_killed = run_killed(call);
     ASSERT_EQ(0, keep().exit_code);
     ASSERT_EQ(Paths{"a"}, kept()) << call;
+    if (!was_killed) break;
+  }
+}
+
+TEST_F(KilledHistorian, AtEachCallWhileItRemovesOldRecords) {
+  configure_history("keep days = 10\n");
+  ASSERT_EQ(0, keep().exit_code);
+  dump({"a"});
+  ASSERT_EQ(0, keep().exit_code);
+  for (int call = 150;; call += 2) {
+    history::Problem problem;
+    {
+      const auto database = history::open_to_write(kDatabase, problem);
+      ASSERT_TRUE(history::execute(
+          database.get(),
+          ("UPDATE dumps SET id = 1000000 + id; INSERT INTO dumps SELECT 1, 0, 'old', " +
+           std::to_string(call) +
+           ", 0, 0, x'', 1000, 5000, 1000;"
+           "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 5000) "
+           "INSERT INTO records (time, op, folder, uid, path, dump) "
+           "SELECT 1000, 5, 0, 1, 'old', 1 FROM n")
+              .c_str()))
+          << sqlite3_errmsg(database.get());
+    }
+    const bool was_killed = run_killed(call);
+    ASSERT_EQ(0, keep().exit_code);
+    ASSERT_EQ(Paths{"a"}, kept()) << call;
+    ASSERT_EQ(Paths{"1"}, ask("SELECT count(*) FROM dumps")) << call;
     if (!was_killed) break;
   }
 }

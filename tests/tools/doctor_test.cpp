@@ -143,6 +143,13 @@ TEST_F(Doctor, FindsFoldersThatAreMissing) {
   expect("critical folder: /tavrix/Private is not a folder");
 }
 
+TEST_F(Doctor, KnowsWhenNothingCanComeIntoTheHistory) {
+  make_dirs("/tavrix/.conf/history");
+  EXPECT_TRUE(found().empty());
+  ASSERT_EQ(0, mount("tmpfs", "/tavrix/.conf/history", "tmpfs", 0, "mode=0700"));
+  expect("critical history: /scratch/staging and /tavrix/.conf/history are on two file systems");
+}
+
 TEST_F(Doctor, FindsSmallPages) {
   set_huge_pages("always within_size advise [never] deny force");
   expect("warning huge-pages: maps use small pages (\"never\"), which makes decisions slower");

@@ -33,6 +33,9 @@ TEST_F(MetricsUnit, RunsACommandThatTheToolKnows) {
 TEST_F(MetricsUnit, AlertsAskForMetricsThatThereAre) {
   mark_event_db_as_rescan_needed("");
   write_file(std::string(kStaging) + "/pending_1_2.3", "");
+  write_file("/tavrix/.conf/historian.running", "");
+  make_dirs("/tavrix/.conf/history");
+  write_file("/tavrix/.conf/history/events.pending_1_2.3", "");
   const std::string metrics = status("--metrics").out;
   const std::string alerts = read_file(kPackaging + "examples/tavrix-alerts.yml");
   const std::regex name("tavrix_[a-z_]+");

@@ -33,6 +33,8 @@ Check check_private_ipc();
 Check check_attributes();
 // Are the folders there, and closed to others? One check a folder that is not in order.
 Checks check_folders(const std::string& inbox);
+// Can a flush link its dump files for the history? Only files of one file system can be linked.
+Check check_history();
 // May a map use huge pages?
 Check check_huge_pages();
 // Is Samba's library of name comparisons there, under the name that is opened?

@@ -225,6 +225,25 @@ Checks check_folders(const std::string& inbox) {
   return found;
 }
 
+Check check_history() {
+  const std::string id = "history";
+  struct stat links {};
+  if (stat(TAVRIX_HISTORY_FOLDER, &links) != 0) {
+    return {id, Level::kWell, "the history is off: there is no " TAVRIX_HISTORY_FOLDER, ""};
+  }
+  std::vector<status::Unread> unread;
+  const auto settings = status::look_at_settings("", unread);
+  for (const std::string& folder : {settings.staging_dir, settings.auditing_dir}) {
+    struct stat info {};
+    if (folder.empty() || stat(folder.c_str(), &info) != 0 || info.st_dev == links.st_dev) continue;
+    return {id, Level::kCritical,
+            folder + " and " TAVRIX_HISTORY_FOLDER
+                     " are on two file systems: nothing comes into the history",
+            "keep both on one file system"};
+  }
+  return {id, Level::kWell, "dump files can be linked for the history", ""};
+}
+
 Check check_huge_pages() {
   const std::string id = "huge-pages";
   const auto pages = status::look_at_huge_pages();
@@ -245,6 +264,7 @@ Checks check_all(const Places& places) {
     checks.insert(checks.end(), more.begin(), more.end());
   };
   add(check_folders(places.inbox));
+  checks.push_back(check_history());
   checks.push_back(check_huge_pages());
   checks.push_back(check_comparison_library());
   checks.push_back(check_module());

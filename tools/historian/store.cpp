@@ -41,6 +41,14 @@ std::optional<gid_t> gid_of(const std::string& name) {
   return entry.gr_gid;
 }
 
+// True for a folder as the historian makes it. The mode of any other is its owner's choice.
+bool is_closed(const std::string& folder) {
+  struct stat info {};
+  if (stat(folder.c_str(), &info) != 0 || info.st_uid != 0) return false;
+  const mode_t mode = info.st_mode & 0777;
+  return mode == 0700 || mode == 0750;
+}
+
 // "history.db.damaged-20261122T130501Z", or with a number behind it.
 std::string free_name(const std::string& file) {
   const std::time_t now = std::time(nullptr);
@@ -100,7 +108,7 @@ void Store::give_to_group() {
     }
   }
   const std::string folder = files::folder_of(file_);
-  if (folder != "/var/lib/tavrix" && gid != 0 &&
+  if (gid != 0 && is_closed(folder) &&
       (chown(folder.c_str(), 0, gid) != 0 || chmod(folder.c_str(), 0750) != 0)) {
     group_problem_ = fmt::format("{}: {}", folder, std::strerror(errno));
   }
