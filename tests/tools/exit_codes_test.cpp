@@ -115,6 +115,18 @@ TEST_F(ExitCodes, OfAComparisonOfMapsAreOneForADifference) {
   expect(0, {"map", "diff", "current", "current", "--effective"});
 }
 
+TEST_F(ExitCodes, OfTheWayBackAreOneWhereNothingIsDone) {
+  expect(0, {"map", "history"});
+  expect(1, {"map", "rollback", "1", "--yes"});  // in force
+  expect(2, {"map", "rollback", "2", "--yes"});
+  expect(1, {"map", "approve", "--yes"});
+  expect(1, {"map", "reject", "--yes"});
+  write_json_pair({.name = "/"});
+  expect(0, {"map", "import", "--trust", "/scratch/size.json", "/scratch/data.json"});
+  expect(0, {"map", "rollback", "1", "--yes"});
+  expect(2, {"check", "--uid", "1001", "stat", "Shared", "--at", "2001-01-01"});
+}
+
 TEST_F(ExitCodes, OfChecksOfMapsAreOneForErrors) {
   write_json_pair(team());
   expect(0, {"map", "lint", "/scratch/size.json", "/scratch/data.json"});

@@ -86,6 +86,13 @@ std::vector<Example> examples() {
       {{"events", "buffer", "show"}, {}, {}},
       {{"patterns", "check"}, {kPatterns}, {}},
       {{"patterns", "test"}, {kPatterns, "a.tmp", "b"}, {}},
+      {{"check"}, {"--uid", "1001", "stat", "Shared/Team", "--at", "now"}, {}},
+      {{"who"}, {"Shared/Team", "--at", "now"}, {}},
+      {{"effective"}, {"--user", "bin", "--at", "now"}, {}},
+      {{"map", "history"}, {}, {}},
+      {{"map", "rollback"}, {"1", "--yes"}, {}},
+      {{"map", "history"}, {}, {}},
+      {{"map", "approve"}, {"--force", "--yes"}, {}},
   };
 }
 
@@ -98,6 +105,7 @@ std::vector<Example> silent_commands() {
       {{"events", "buffer", "flush"}, {}, {}},
       {{"events", "buffer", "remove"}, {"--yes"}, {}},
       {{"events", "buffer", "create"}, {}, {}},
+      {{"map", "reject"}, {"--yes"}, {}},
       {{"map", "remove"}, {"--yes"}, {}},
       {{"config", "remove"}, {"--yes"}, {}},
   };
@@ -109,7 +117,9 @@ class JsonOutput : public SweeperWorld {
     SweeperWorld::SetUp();
     once();
     ASSERT_EQ(0, append("/tavrix/waits"));
+    import({.name = "/"});
     import(team());
+    hold_a_map();
     write_json_pair(team());
     write_file("/scratch/broken.json", "{\"broken\": ");
     write_other_maps();
@@ -125,6 +135,17 @@ class JsonOutput : public SweeperWorld {
   static void write_map(const std::string& path, const Folder& root) {
     const auto image = build_image(root);
     write_file(path, {reinterpret_cast<const char*>(image.data()), image.size()});
+  }
+  static void hold_a_map() {
+    make_dirs("/scratch/maps");
+    write_file("/scratch/hold.conf", "[LOADER]\nhold removed folders pct = 0\n");
+    write_json_pair({.name = "/"});
+    for (const std::string name : {"size.json", "data.json"}) {
+      ASSERT_EQ(0, rename(("/scratch/" + name).c_str(), ("/scratch/maps/" + name).c_str()));
+    }
+    run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--once", "--dir", "/scratch/maps",
+                 "--settings", "/scratch/hold.conf"});
+    ASSERT_TRUE(exists("/etc/tavrix/maps/held.json"));
   }
   // Maps that differ from the one in force: one in every way, and one in what a user may.
   static void write_other_maps() {

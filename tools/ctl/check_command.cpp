@@ -10,6 +10,7 @@
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/operation_word.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/past_map.hpp"
 #include "tools/ctl/reserved_user.hpp"
 #include "tools/ctl/survive.hpp"
 #include "tools/explain/operations.hpp"
@@ -30,6 +31,7 @@ struct Request {
   int64_t admins = -1, power_users = -1;
   std::string root = TAVRIX_TREE;
   std::string smb_conf = "/etc/samba/smb.conf";
+  std::string at;  // empty: now
   bool explain = false;
   bool trace = false;
   int trace_level = 4;
@@ -96,7 +98,7 @@ const char* verdict_word(const explain::Facts& facts) {
   }
 }
 
-void print_json(const explain::Report& report) {
+void print_json(const explain::Report& report, const PastMap* past) {
   const explain::Facts& facts = report.answer.facts;
   const explain::Person& person = report.question.person;
   Json json = document("check");
@@ -112,11 +114,13 @@ void print_json(const explain::Report& report) {
   json["gid"] = person.gid;
   json["groups"] = person.groups;
   explain::set_explanation(json, report);
+  if (past != nullptr) past->add_to(json);
   print(json);
 }
 
-void print_text(const explain::Report& report, const Request& request) {
+void print_text(const explain::Report& report, const Request& request, const PastMap* past) {
   const explain::Facts& facts = report.answer.facts;
+  if (past != nullptr) fmt::print("{}\n", past->text());
   for (const std::string& line : explain::warnings(report)) fmt::print("{}\n", shown(line));
   if (request.explain) {
     for (const std::string& line : explain::screen(report)) fmt::print("{}\n", shown(line));
@@ -130,7 +134,10 @@ void print_text(const explain::Report& report, const Request& request) {
 int check(const Options& options, const Request& request) {
   auto asked = explain::request_for(request.operation, request.path, request.root);
   if (!asked) return refuse_operation(request.operation, "check");
-  const explain::Groups groups = explain::current_groups();
+  const auto past = request.at.empty() ? std::nullopt : map_at(request.at);
+  if (!request.at.empty() && !past) return kFailure;
+  const explain::Groups groups = past ? past->groups : explain::current_groups();
+  if (past) asked->question.map = past->image.bytes().data();
   const auto identity = identify(request, groups);
   if (!identity) return kFailure;
   asked->question.person = identity->person;
@@ -146,9 +153,9 @@ int check(const Options& options, const Request& request) {
   report.is_about_new_file = asked->is_about_new_file;
 
   if (options.json) {
-    print_json(report);
+    print_json(report, past ? &*past : nullptr);
   } else {
-    print_text(report, request);
+    print_text(report, request, past ? &*past : nullptr);
   }
   return code_of(report.answer.facts);
 }
@@ -194,6 +201,7 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
                    "the server's settings, which name the reserved user")
       ->type_name("FILE")
       ->capture_default_str();
+  add_at_option(*check_command, request.at);
   check_command->add_flag("--explain", request.explain,
                           "show the whole way to the verdict, and what would turn it");
   check_command->add_flag("--trace", request.trace, "show the library's own log lines");
@@ -212,6 +220,8 @@ void add_check_command(CLI::App& app, Options& options, Action& action) {
       {{"tavrixctl check --user anna write Shared/Team/plan.txt", "may anna write the file?"},
        {"tavrixctl check --user anna --explain write Shared/Team/plan.txt",
         "why, and what would turn the verdict?"},
+       {"tavrixctl check --user anna read Shared/Team --at 'yesterday 14:00'",
+        "could anna read it then?"},
        {"tavrixctl check --uid 1001 --groups 2000,2001 readdir Shared/Team --trace",
         "the library's own log of the verdict"},
        {"tavrixctl --json check --user anna stat Shared", "for a program"}});

@@ -13,6 +13,7 @@
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/past_map.hpp"
 #include "tools/ctl/survive.hpp"
 #include "tools/explain/effective.hpp"
 #include "tools/explain/request.hpp"
@@ -26,6 +27,7 @@ namespace {
 struct Wish {
   std::string user, group;
   explain::TreeWish tree;
+  std::string at;  // empty: now
 };
 
 std::optional<uint32_t> gid_of(const std::string& name, const explain::Groups& groups) {
@@ -81,7 +83,8 @@ void print_text(const std::vector<explain::SeenFolder>& tree) {
   }
 }
 
-void print_json(const Wish& wish, const std::vector<explain::SeenFolder>& tree) {
+void print_json(const Wish& wish, const std::vector<explain::SeenFolder>& tree,
+                const PastMap* past) {
   Json json = document("effective");
   set_bytes(json, wish.user.empty() ? "group" : "user", wish.user.empty() ? wish.group : wish.user);
   set_bytes(json, "path", wish.tree.path);
@@ -94,29 +97,33 @@ void print_json(const Wish& wish, const std::vector<explain::SeenFolder>& tree) 
     entry["visible"] = folder.is_visible;
     json["folders"].push_back(std::move(entry));
   }
+  if (past != nullptr) past->add_to(json);
   print(json);
 }
 
 int effective(const Options& options, Wish wish) {
-  const explain::Groups groups = explain::current_groups();
+  const auto past = wish.at.empty() ? std::nullopt : map_at(wish.at);
+  if (!wish.at.empty() && !past) return kFailure;
+  const explain::Groups groups = past ? past->groups : explain::current_groups();
   if (groups.state != explain::Groups::State::kRead) {
     complain(
         "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
     return kFailure;
   }
   const auto person = person_of(wish, groups);
-  const auto image = person ? Image::sound("") : std::nullopt;
-  if (!image) return kFailure;
+  const auto current = person && !past ? Image::sound("") : std::nullopt;
+  if (!person || (!past && !current)) return kFailure;
+  const Image& image = past ? past->image : *current;
   set_debug_level(options.verbose ? 0 : -1);
   explain::take_reserved_groups(groups);
   wish.tree.path = explain::share_path(wish.tree.path, TAVRIX_TREE);
   while (wish.tree.path.ends_with('/')) wish.tree.path.pop_back();
-  const auto tree = explain::tree_for(*person, image->bytes().data(), wish.tree);
+  const auto tree = explain::tree_for(*person, image.bytes().data(), wish.tree);
   if (options.json) {
-    print_json(wish, tree);
-  } else if (tree.empty()) {
-    fmt::print("nothing\n");
+    print_json(wish, tree, past ? &*past : nullptr);
   } else {
+    if (past) fmt::print("{}\n", past->text());
+    if (tree.empty()) fmt::print("nothing\n");
     print_text(tree);
   }
   return tree.empty() ? kNo : kYes;
@@ -137,6 +144,7 @@ void add_effective_command(CLI::App& app, Options& options, Action& action) {
   command->add_option("--depth", wish.tree.depth, "levels below it")
       ->check(CLI::Range(0, 1000))
       ->capture_default_str();
+  add_at_option(*command, wish.at);
   command->add_flag("--only-writable", wish.tree.only_writable,
                     "only folders that may be read and written");
   command->footer(

@@ -285,11 +285,10 @@ void add_map_history_commands(CLI::App& map, Options& options, Action& action) {
                      {"tavrixctl --json map history", "the same, for a program"}});
   cli::add_examples(*rollback_command,
                     {{"tavrixctl map rollback 1", "the map with that number; asks first"},
-                     {"tavrixctl map rollback 1 --yes", "in a script, where nobody can answer"}});
+                     {"tavrixctl --json map rollback 1 --yes", "for a program; does not ask"}});
   cli::add_examples(*approve_command,
-                    {{"tavrixctl map diff current held", "look at it first"},
-                     {"tavrixctl map approve", "makes it current; asks first"},
-                     {"tavrixctl map approve --yes", "in a script, where nobody can answer"}});
+                    {{"tavrixctl map approve", "makes it current; asks first"},
+                     {"tavrixctl --json map approve --yes", "for a program; does not ask"}});
   cli::add_examples(*reject_command, {{"tavrixctl map reject", "asks first"},
                                       {"tavrixctl map reject --yes", "without a question"}});
 }

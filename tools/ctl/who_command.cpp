@@ -8,6 +8,7 @@
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/operation_word.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/past_map.hpp"
 #include "tools/ctl/reserved_user.hpp"
 #include "tools/ctl/survive.hpp"
 #include "tools/explain/operations.hpp"
@@ -24,6 +25,7 @@ struct Words {
   std::string path;
   std::string smb_conf = "/etc/samba/smb.conf";
   bool with_refused = false;
+  std::string at;  // empty: now
 };
 
 void print_text(const explain::Everybody& everybody, const Words& words) {
@@ -48,9 +50,12 @@ void print_text(const explain::Everybody& everybody, const Words& words) {
 }
 
 int who(const Options& options, const Words& words) {
-  const auto asked = explain::request_for(words.operation, words.path, TAVRIX_TREE);
+  auto asked = explain::request_for(words.operation, words.path, TAVRIX_TREE);
   if (!asked) return refuse_operation(words.operation, "who");
-  const explain::Groups groups = explain::current_groups();
+  const auto past = words.at.empty() ? std::nullopt : map_at(words.at);
+  if (!words.at.empty() && !past) return kFailure;
+  const explain::Groups groups = past ? past->groups : explain::current_groups();
+  if (past) asked->question.map = past->image.bytes().data();
   if (groups.state != explain::Groups::State::kRead) {
     complain(
         "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
@@ -72,8 +77,10 @@ int who(const Options& options, const Words& words) {
     json["operation"] = explain::name_of(asked->question.op);
     set_bytes(json, "path", asked->question.path);
     explain::set_everybody(json, everybody, words.with_refused);
+    if (past) past->add_to(json);
     print(json);
   } else {
+    if (past) fmt::print("{}\n", past->text());
     print_text(everybody, words);
   }
   return kYes;
@@ -93,6 +100,7 @@ void add_who_command(CLI::App& app, Options& options, Action& action) {
                    "the server's settings, which name the reserved user")
       ->type_name("FILE")
       ->capture_default_str();
+  add_at_option(*command, words.at);
   command->add_flag("--refused", words.with_refused, "print the others too, and why");
   command->callback([&options, &action, first, second] {
     if (first->count() == 0) throw CLI::RequiredError("PATH");
@@ -104,6 +112,7 @@ void add_who_command(CLI::App& app, Options& options, Action& action) {
   cli::add_examples(*command, {{"tavrixctl who Shared/Team", "who may read the folder?"},
                                {"tavrixctl who delete Shared/Team/plan.txt --refused",
                                 "who may delete the file, and why may the others not?"},
+                               {"tavrixctl who Shared/Team --at -2h", "who could, two hours ago?"},
                                {"tavrixctl --json who write Shared/Team", "for a program"}});
 }
 

@@ -50,6 +50,15 @@ struct Inbox {
   std::string last_reason;  // its first line
 };
 
+// The maps that are kept, and one that waits for approval.
+struct KeptMaps {
+  bool is_readable = false;
+  uint64_t count = 0, bytes = 0;  // of images; the current one shares its room with the local copy
+  std::optional<int64_t> oldest;  // came into force
+  std::optional<int64_t> held_since;  // a map waits
+  std::string held_reason;
+};
+
 struct Map {
   bool has_set = false;  // the semaphores
   std::optional<int> current, initialized;
@@ -63,6 +72,7 @@ struct Map {
   uint64_t copy_bytes = 0;
   std::optional<bool> is_copy_equal;  // to the current table
   Inbox inbox;
+  KeptMaps kept;
 
   // The current table; null when there is none.
   [[nodiscard]] const Segment* table() const {

@@ -15,6 +15,7 @@
 
 #include "mkperms_shm.h"
 #include "perm_map.h"
+#include "tools/mapkeep/held.hpp"
 #include "tools/mapload/mark.hpp"
 #include "tools/mapload/paths.hpp"
 #include "tools/status/gather.hpp"
@@ -125,6 +126,23 @@ Inbox look_at_inbox(const std::string& folder, std::vector<Unread>& unread) {
   return inbox;
 }
 
+KeptMaps look_at_kept(std::vector<Unread>& unread) {
+  constexpr int64_t kMicroseconds = 1'000'000;
+  KeptMaps kept;
+  int error = 0;
+  const auto maps = mapkeep::kept_maps(error);
+  kept.is_readable = error == 0;
+  if (error != 0) unread.push_back({"map", mapload::kKeptFolder, std::strerror(error)});
+  kept.count = maps.size();
+  for (const mapkeep::KeptMap& map : maps) kept.bytes += map.image.bytes;
+  if (!maps.empty()) kept.oldest = maps.front().since / kMicroseconds;
+  if (const auto held = mapkeep::held_map()) {
+    kept.held_since = held->since / kMicroseconds;
+    kept.held_reason = held->reason;
+  }
+  return kept;
+}
+
 }  // namespace
 
 Map look_at_map(const std::vector<Segment>& all, const std::string& inbox,
@@ -140,6 +158,7 @@ Map look_at_map(const std::vector<Segment>& all, const std::string& inbox,
   look_at_mark(map, unread);
   look_into_table(map, unread);
   map.inbox = look_at_inbox(inbox, unread);
+  map.kept = look_at_kept(unread);
   return map;
 }
 

@@ -35,6 +35,7 @@ class Judge {
     map();
     copy();
     inbox();
+    held();
     groups();
     services();
     buffer();
@@ -146,6 +147,15 @@ class Judge {
               fmt::format("a map of {} ago is still being imported", since(*inbox.in_work_since)),
               "look into the journal of tavrix-loader");
     }
+  }
+
+  void held() {
+    const KeptMaps& kept = facts_.map.kept;
+    if (!kept.held_since) return;
+    warning("map-held",
+            fmt::format("a map is held for {}: {}", since(*kept.held_since), kept.held_reason),
+            "look at \"tavrixctl map diff current held\", then run \"tavrixctl map approve\" or "
+            "\"tavrixctl map reject\"");
   }
 
   void groups() {

@@ -124,6 +124,11 @@ class Metrics {
       metric("tavrix_map_copy_equal", "1 if the local copy is the current map.")
           .sample(*map.is_copy_equal ? 1 : 0);
     }
+    if (map.kept.is_readable) {
+      metric("tavrix_map_kept", "Maps that are kept.").sample(map.kept.count);
+      metric("tavrix_map_held", "1 if a map waits for approval.")
+          .sample(map.kept.held_since ? 1 : 0);
+    }
     if (!map.inbox.is_readable) return;
     metric("tavrix_map_waiting", "1 if a map waits for the loader.")
         .sample(map.inbox.waits_since ? 1 : 0);

@@ -46,6 +46,7 @@ class Screen {
     settings();
     map();
     inbox();
+    kept();
     groups();
     for (const Service& service : facts_.services) this->service(service);
     buffer();
@@ -120,6 +121,15 @@ class Screen {
                           text::verb(inbox.refused, "is", "are"));
     if (inbox.last_refused) text += fmt::format(", the last of {} ago", since(*inbox.last_refused));
     line("inbox", text);
+  }
+
+  void kept() {
+    const KeptMaps& kept = facts_.map.kept;
+    if (!kept.is_readable) return;
+    std::string text = kept.count == 0 ? "no map" : text::counted(kept.count, "map");
+    if (kept.oldest) text += fmt::format(", the oldest of {} ago", since(*kept.oldest));
+    if (kept.held_since) text += fmt::format("; one is held for {}", since(*kept.held_since));
+    line("kept", text);
   }
 
   void groups() {

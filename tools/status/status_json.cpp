@@ -75,6 +75,17 @@ Json json_of(const Inbox& inbox) {
   return json;
 }
 
+Json json_of(const KeptMaps& kept) {
+  Json json;
+  json["readable"] = kept.is_readable;
+  json["count"] = kept.count;
+  json["bytes"] = kept.bytes;
+  set_time(json, "oldest", kept.oldest);
+  set_time(json, "held_since", kept.held_since);
+  if (kept.held_since) set_bytes(json, "held_reason", kept.held_reason);
+  return json;
+}
+
 Json json_of(const Map& map) {
   Json json;
   json["semaphores"] = map.has_set;
@@ -87,6 +98,7 @@ Json json_of(const Map& map) {
   json["local_copy"] = map.has_copy;
   set(json, "local_copy_equal", map.is_copy_equal);
   json["inbox"] = json_of(map.inbox);
+  json["kept"] = json_of(map.kept);
   return json;
 }
 
