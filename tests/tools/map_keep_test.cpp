@@ -291,13 +291,15 @@ TEST_F(MapKeep, ARollbackThatIsKilledLeavesOneWholeMap) {
 }
 
 TEST_F(MapKeep, TheLoaderSaysWhatAnOperatorMadeCurrent) {
-  load(3);
-  load(4);
   auto loader = service(in_haste(kHaste));
-  ASSERT_TRUE(comes([] { return !refused().empty() || exists(kInbox + "/.work"); }));
-  usleep(300'000);  // six looks
+  for (const uint32_t folders : {3U, 4U}) {
+    hand_over(wide(folders));
+    wait_for_folders(static_cast<int>(folders));
+  }
+  ASSERT_TRUE(comes([] { return kept().size() == 2; }));
   ASSERT_EQ(0, ctl({"map", "rollback", "1", "--yes"}).exit_code);
-  usleep(300'000);
+  hand_over(wide(5));
+  wait_for_folders(5);
   kill(loader->pid(), SIGTERM);
   const std::string said = loader->wait().err;
   EXPECT_TRUE(contains(said, "map 3 is in force: rolled back to map 1 by root")) << said;

@@ -28,11 +28,13 @@ void Keeper::read() {
 }
 
 void Keeper::keep(const char* how) {
+  if (newest_) tell_others_map();
   mapload::Report report;
   is_behind_ = !mapkeep::keep_current(most_, {how, "", {}}, report);
   tried_ = Clock::now();
   tell(report);
-  if (const auto maps = mapkeep::kept_maps(); !maps.empty()) newest_ = maps.back().number;
+  const auto maps = mapkeep::kept_maps();
+  newest_ = maps.empty() ? 0 : maps.back().number;
 }
 
 void Keeper::drop_held() {

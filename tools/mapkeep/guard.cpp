@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "permissions/map/image.hpp"
 #include "tools/ctl/map_diff_output.hpp"
@@ -39,23 +40,22 @@ uint64_t folders_in(const List& list) {
   return folders;
 }
 
-// What the child prints goes to a file that is whole and synced when the call returns true.
+// What the child prints goes to a file, which is whole and synced when the call returns true.
 template <typename Print>
 bool print_to(const std::string& path, Print print) {
-  if (std::freopen((path + ".new").c_str(), "we", stdout) == nullptr) return false;
+  if (std::freopen(path.c_str(), "we", stdout) == nullptr) return false;
+  if (fchmod(fileno(stdout), mapload::kPrivate) != 0) return false;
   print();
-  const bool is_good =
-      std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && fsync(fileno(stdout)) == 0;
-  return is_good && std::rename((path + ".new").c_str(), path.c_str()) == 0;
+  return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && fsync(fileno(stdout)) == 0;
 }
 
 bool write_diff(const ctl::Compared& maps, const mapdiff::Difference& difference,
                 const std::vector<mapdiff::RightsChange>* rights) {
-  const bool is_text_good = print_to(HeldMap::text_path(), [&] {
+  const bool is_text_good = print_to(staged(HeldMap::text_path()), [&] {
     ctl::print_difference(maps, difference);
     if (rights != nullptr) ctl::print_rights(*rights);
   });
-  return is_text_good && print_to(HeldMap::diff_path(),
+  return is_text_good && print_to(staged(HeldMap::diff_path()),
                                   [&] { ctl::print_difference_json(maps, difference, rights); });
 }
 
@@ -97,7 +97,7 @@ std::string end_of(const mapload::PassEnd& end) {
   if (end.kind == mapload::PassEnd::Kind::kNotStarted) return std::strerror(end.error);
   if (end.kind == mapload::PassEnd::Kind::kKilled) return strsignal(end.signal);
   if (end.kind == mapload::PassEnd::Kind::kAborted) return "an assertion ended it";
-  return "it was stopped";
+  return "it ended before its answer";
 }
 
 std::string share(uint64_t part, uint64_t whole, const char* of_what) {
@@ -154,7 +154,10 @@ mapload::Guarded judge(std::span<const std::byte> image, const Limits& limits,
   if (!mark->is(mark->table, segment)) return {};
   const mapload::Attached current(segment);
   const bool has_folder = mkdir(mapload::kKeptFolder, 0700) == 0 || errno == EEXIST;
-  if (!current || !has_folder) return {Result::kTryAgain, std::strerror(errno)};
+  if (!current || !has_folder) {
+    return {Result::kTryAgain,
+            fmt::format("cannot compare the map with the one in force: {}", std::strerror(errno))};
+  }
   std::string error;
   HeldMap map;
   map.counts =
@@ -162,11 +165,15 @@ mapload::Guarded judge(std::span<const std::byte> image, const Limits& limits,
   if (!map.counts && should_stop && should_stop()) return {Result::kStopped, "stopped"};
   map.reason = map.counts ? excess(*map.counts, limits)
                           : "it cannot be compared with the map in force: " + error;
-  if (map.reason.empty()) return {};
+  if (map.reason.empty()) {
+    clear_held_leftovers();
+    return {};
+  }
+  if (!map.counts) clear_held_leftovers();  // of the comparison that ended
   const bool is_later = is_map_held();
   map.since = text::now_in_microseconds();
   map.base = mark->digest;
-  map.pair = pair;
+  map.pair = std::filesystem::absolute(pair);
   map.image = facts_of(image, files::digest_of(image));
   if (!hold(map, image)) {
     return {Result::kRefused,

@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
+#include <vector>
 
 #include "internal/scoped.hpp"
 #include "tools/files/durable.hpp"
@@ -59,6 +61,8 @@ Counts counts_in(const json::Json& json) {
   return counts;
 }
 
+std::string staged(const std::string& path) { return path + ".next"; }
+
 std::string HeldMap::image_path() { return in_folder("held.map"); }
 std::string HeldMap::text_path() { return in_folder("held.txt"); }
 std::string HeldMap::diff_path() { return in_folder("held.diff.json"); }
@@ -85,16 +89,18 @@ std::optional<HeldMap> held_map() {
 bool is_map_held() { return files::exists(HeldMap::facts_path()); }
 
 bool hold(const HeldMap& map, std::span<const std::byte> image) {
-  // Facts of an earlier held map must not stand beside this image for a moment.
-  if (!files::remove(HeldMap::facts_path()) || !files::sync_folder(mapload::kKeptFolder)) {
+  const std::string_view content(reinterpret_cast<const char*>(image.data()), image.size());
+  if (!files::replace(staged(HeldMap::image_path()), content, mapload::kPrivate)) {
+    const ErrnoKeeper keep;
+    remove_staged();
     return false;
   }
-  const std::string_view content(reinterpret_cast<const char*>(image.data()), image.size());
   const auto text = json_of(map).dump(2, ' ', false, json::Json::error_handler_t::replace) + "\n";
-  if (files::replace(HeldMap::image_path(), content, mapload::kPrivate) &&
-      files::replace(HeldMap::facts_path(), text, mapload::kPrivate)) {
-    return true;
-  }
+  // Facts of an earlier held map must not stand beside this image for a moment.
+  const bool is_held = files::remove(HeldMap::facts_path()) &&
+                       files::sync_folder(mapload::kKeptFolder) && name_staged() &&
+                       files::replace(HeldMap::facts_path(), text, mapload::kPrivate);
+  if (is_held) return true;
   const ErrnoKeeper keep;
   remove_files();
   return false;
@@ -111,6 +117,7 @@ bool drop_held() {
 }
 
 void clear_held_leftovers() {
+  remove_staged();
   if (!is_map_held()) remove_files();
 }
 

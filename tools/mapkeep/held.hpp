@@ -36,6 +36,8 @@ struct HeldMap {
   static std::string diff_path();
   static std::string facts_path();
 };
+// A file of a map that is about to be held; it gets its own name when the map is stored.
+[[nodiscard]] std::string staged(const std::string& path);
 
 // Nothing when no map is held, or when its facts cannot be read.
 [[nodiscard]] std::optional<HeldMap> held_map();
@@ -44,12 +46,12 @@ struct HeldMap {
 
 // The following are called under the lock of the maps.
 
-// Stores the image and the facts; the two files of the difference are there already. Returns false
-// and sets errno when it fails; then no map is held.
+// Stores the image and the facts, and gives the staged files of the difference their names. Returns
+// false and sets errno when it fails; an earlier held map stays when there is no room for this one.
 [[nodiscard]] bool hold(const HeldMap& map, std::span<const std::byte> image);
 // Removes the held map and its pair. Returns false when there was none.
 bool drop_held();
-// Removes what a death left of a held map. Does nothing while one is held.
+// Removes what a death left of a map that was about to be held.
 void clear_held_leftovers();
 
 }  // namespace tavrix::mapkeep

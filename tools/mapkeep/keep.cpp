@@ -116,7 +116,10 @@ bool add(const files::Digest& digest, const Origin& origin, const std::vector<Ke
   map.since = text::now_in_microseconds();
   map.origin = origin;
   const auto facts = facts_of_copy(digest);
-  if (!facts) return false;
+  if (!facts || (origin.how == kFound && files::digest_of_file(mapload::kLocalCopy) != digest)) {
+    if (facts) errno = EIO;  // a damaged copy is not the map in force
+    return false;
+  }
   map.image = *facts;
   map.has_groups = keep_groups(map, maps.empty() ? nullptr : &maps.back());
   const auto text = json_of(map).dump(2, ' ', false, json::Json::error_handler_t::replace) + "\n";
