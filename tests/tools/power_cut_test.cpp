@@ -7,17 +7,18 @@
 #include "perm_map.h"
 #include "read_perms.h"
 #include "tests/tools/disk_model.hpp"
-#include "tests/tools/loader.hpp"
+#include "tests/tools/keeping.hpp"
 
 namespace tavrix::test {
 namespace {
 
-class PowerCut : public Loader {
+class PowerCut : public Keeping {
  protected:
   // The states that an import of the waiting pair may leave behind.
   static std::set<State> states_of_an_import() {
     Disk disk;
     for (const std::string& folder : {std::string("/etc/tavrix"), kInbox}) disk.put_folder(folder);
+    if (exists(kKept)) disk.put_folder(kKept);
     Environment environment = with_faults("");
     environment.emplace_back("TAVRIX_TRACE", "/scratch/trace");
     EXPECT_EQ(0, once(environment).exit_code);
@@ -52,6 +53,16 @@ class PowerCut : public Loader {
     return folders;
   }
 
+  // The map in force is the newest that is kept, with its own image.
+  static void expect_it_is_kept(const State& state) {
+    const auto history = json({"map", "history"});
+    ASSERT_FALSE(history["maps"].empty()) << text_of(state);
+    const auto& newest = history["maps"].back();
+    ASSERT_TRUE(newest["in_force"]) << text_of(state);
+    const std::string number = std::to_string(newest["map"].get<int>());
+    ASSERT_EQ(0, ctl({"map", "diff", "kept-" + number, "current"}).exit_code) << text_of(state);
+  }
+
   static void expect_the_new_map_after_each(const std::set<State>& states, uint32_t folders) {
     EXPECT_GT(states.size(), 20U);
     for (const State& state : states) {
@@ -60,6 +71,7 @@ class PowerCut : public Loader {
       ASSERT_EQ(folders, folders_for_a_reader()) << text_of(state) << outcome.err;
       ASSERT_FALSE(exists(kCopy + ".before")) << text_of(state);
       ASSERT_TRUE(refused().empty()) << text_of(state) << outcome.err;
+      expect_it_is_kept(state);
     }
   }
 };

@@ -27,12 +27,27 @@ json::Json json_of(const HeldMap& map) {
   return json;
 }
 
+std::vector<std::string> content_paths() {
+  return {HeldMap::image_path(), HeldMap::text_path(), HeldMap::diff_path()};
+}
+
+void remove_staged() {
+  for (const std::string& path : content_paths()) static_cast<void>(files::remove(staged(path)));
+}
+
 void remove_files() {
-  for (const std::string& path :
-       {HeldMap::facts_path(), HeldMap::image_path(), HeldMap::text_path(), HeldMap::diff_path()}) {
+  static_cast<void>(files::remove(HeldMap::facts_path()));
+  for (const std::string& path : content_paths()) static_cast<void>(files::remove(path));
+  remove_staged();
+}
+
+// The files of the difference may be missing: it can still be asked for.
+bool name_staged() {
+  for (const std::string& path : content_paths()) {
     static_cast<void>(files::remove(path));
-    static_cast<void>(files::remove(path + ".new"));
+    if (rename(staged(path).c_str(), path.c_str()) != 0 && errno != ENOENT) return false;
   }
+  return true;
 }
 
 }  // namespace
