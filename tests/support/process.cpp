@@ -135,6 +135,16 @@ Outcome Child::wait() {
   return outcome_of(pid_, out_, err_);
 }
 
+void become_program(const std::vector<std::string>& argv,
+                    const std::vector<std::pair<std::string, std::string>>& environment) {
+  for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
+  std::vector<char*> words;
+  for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
+  words.push_back(nullptr);
+  execvp(words[0], words.data());
+  std::perror(words[0]);
+}
+
 Outcome run_program(const std::vector<std::string>& argv, const std::string& input,
                     const std::vector<std::pair<std::string, std::string>>& environment) {
   const int in = capture_file();
@@ -144,12 +154,7 @@ Outcome run_program(const std::vector<std::string>& argv, const std::string& inp
   const int err = capture_file();
   const pid_t pid = start(out, err, [&] {
     dup2(in, STDIN_FILENO);
-    for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-    std::vector<char*> words;
-    for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
-    words.push_back(nullptr);
-    execvp(words[0], words.data());
-    std::perror(words[0]);
+    become_program(argv, environment);
   });
   ::close(in);
   return outcome_of(pid, out, err);

@@ -9,8 +9,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <system_error>
+
+#include "tests/support/process.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -29,12 +30,7 @@ TerminalOutcome run_on_terminal(
   const pid_t child = forkpty(&master, nullptr, nullptr, &kSize);
   if (child == -1) throw std::system_error(errno, std::generic_category(), "forkpty");
   if (child == 0) {
-    for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
-    std::vector<char*> words;
-    for (const std::string& word : argv) words.push_back(const_cast<char*>(word.c_str()));
-    words.push_back(nullptr);
-    execvp(words[0], words.data());
-    std::perror(words[0]);
+    become_program(argv, environment);
     _exit(127);
   }
   TerminalOutcome outcome;

@@ -382,33 +382,19 @@ TEST_F(CheckExplained, EffectiveKnowsNothingToShow) {
   EXPECT_EQ(2, ctl({"effective"}).exit_code);
 }
 
-TEST_F(CheckExplained, EffectiveMarksAFolderOnTheWay) {
-  const Folder inner{.name = "Inner", .users = {{kDaemon, 1}}};
+// A folder for the user in one that is not.
+Folder map_with_inner(const Ace& entry) {
+  const Folder inner{.name = "Inner", .users = {entry}};
   const Folder closed{.name = "Closed", .users = {{4711, 7}}, .children = {inner}};
-  import({.name = "/",
-          .groups = {{
-            2000,
-            1
-          }},
-          .children = {
-            {.name = "Shared",
-             .children =
-             { closed } }
-          }});
+  const Folder shared{.name = "Shared", .children = {closed}};
+  return {.name = "/", .groups = {{2000, 1}}, .children = {shared}};
+}
+
+TEST_F(CheckExplained, EffectiveMarksAFolderOnTheWay) {
+  import(map_with_inner({kDaemon, 1}));
   // Seeing a folder takes a right on the folder above it too.
   EXPECT_EQ("r----  Shared\n", ctl({"effective", "--user", "daemon"}).out);
-  const Folder open{.name = "Inner", .users = {{kDaemon, 3}}};
-  const Folder again{.name = "Closed", .users = {{4711, 7}}, .children = {open}};
-  import({.name = "/",
-          .groups = {{
-            2000,
-            1
-          }},
-          .children = {
-            {.name = "Shared",
-             .children =
-             { again } }
-          }});
+  import(map_with_inner({kDaemon, 3}));
   EXPECT_EQ("r----  Shared\n-----    Closed  (not seen)\nrw---      Inner  (not seen)\n",
             ctl({"effective", "--user", "daemon"}).out);
 }
