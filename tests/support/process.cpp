@@ -16,6 +16,8 @@
 #include <fstream>
 #include <system_error>
 
+#include "tests/support/become_program.hpp"
+
 namespace tavrix::test {
 namespace {
 

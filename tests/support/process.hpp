@@ -48,10 +48,6 @@ class Child {
 Outcome run_program(const std::vector<std::string>& argv, const std::string& input = {},
                     const std::vector<std::pair<std::string, std::string>>& environment = {});
 
-// Turns this process into a program of the path; returns only if there is none.
-void become_program(const std::vector<std::string>& argv,
-                    const std::vector<std::pair<std::string, std::string>>& environment);
-
 struct Ids {
   uid_t r, e, s;
   gid_t rg, eg, sg;

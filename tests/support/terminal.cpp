@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <system_error>
 
-#include "tests/support/process.hpp"
+#include "tests/support/become_program.hpp"
 
 namespace tavrix::test {
 namespace {
