@@ -517,10 +517,11 @@ class Decision {
   LazyRoot root_;  // looks at objects and attaches the table
 };
 
+// Both kinds of decision. Its messages carry its name, which is the exported function's.
 template <bool kIsObserved>
-Verdict decide_with(const char* share_root, const char* in_path, e_fsop_type op,
-                    process_trustees_s* in_pts, int force_path_type, int* is_nav,
-                    Observer* observer) {
+Verdict vfs_enforce_perms(const char* share_root, const char* in_path, e_fsop_type op,
+                          process_trustees_s* in_pts, int force_path_type, int* is_nav,
+                          Observer* observer) {
   TAVRIX_LOG(2, "ENFORCE_PERMS op=(%d) root=(%s) \n path=(%s) pid=(%d) uid=(%d)",
              static_cast<int>(op), shown(share_root), shown(in_path), getpid(),
              in_pts != nullptr ? static_cast<int>(in_pts->euid) : -1);
@@ -541,8 +542,9 @@ e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_t
                            process_trustees_s* in_pts, int force_path_type, int* is_nav,
                            Observer* observer) {
   if (observer == nullptr)
-    return vfs_enforce_perms(share_root, in_path, op, in_pts, force_path_type, is_nav);
-  return decide_with<true>(share_root, in_path, op, in_pts, force_path_type, is_nav, observer);
+    return ::vfs_enforce_perms(share_root, in_path, op, in_pts, force_path_type, is_nav);
+  return vfs_enforce_perms<true>(share_root, in_path, op, in_pts, force_path_type, is_nav,
+                                 observer);
 }
 
 }  // namespace tavrix
@@ -550,6 +552,6 @@ e_vfs_enforce_perms decide(const char* share_root, const char* in_path, e_fsop_t
 e_vfs_enforce_perms vfs_enforce_perms(const char* share_root, const char* in_path, e_fsop_type op,
                                       process_trustees_s* in_pts, int force_path_type,
                                       int* is_nav) {
-  return tavrix::decide_with<false>(share_root, in_path, op, in_pts, force_path_type, is_nav,
-                                    nullptr);
+  return tavrix::vfs_enforce_perms<false>(share_root, in_path, op, in_pts, force_path_type, is_nav,
+                                          nullptr);
 }

@@ -138,9 +138,10 @@ const Answer& answer_for(e_fsop_type op, e_file_type type) {
   return answer != nullptr ? *answer : answer_for_type(op, type);
 }
 
+// Both kinds of look at the rules. Its messages carry its name, which is the exported function's.
 template <bool kIsObserved>
-e_vfs_enforce_perms judge(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
-                          Observer* observer) {
+e_vfs_enforce_perms enforce_tavrix_permissions(e_fsop_type op, e_file_type type, uint32_t self,
+                                               uint32_t parent, Observer* observer) {
   TAVRIX_LOG(4, "Checking op %d against path perm %d parent perm %d", static_cast<int>(op),
              static_cast<int>(self), static_cast<int>(parent));
   if (op < FSOP_CREATE || op > FSOP_FGETNTACL) {
@@ -163,12 +164,12 @@ e_vfs_enforce_perms judge(e_fsop_type op, e_file_type type, uint32_t self, uint3
 
 e_vfs_enforce_perms ask_rule(e_fsop_type op, e_file_type type, uint32_t self, uint32_t parent,
                              Observer* observer) {
-  return judge<true>(op, type, self, parent, observer);
+  return enforce_tavrix_permissions<true>(op, type, self, parent, observer);
 }
 
 }  // namespace tavrix
 
 e_vfs_enforce_perms enforce_tavrix_permissions(e_fsop_type op, e_file_type type, uint32_t self,
                                                uint32_t parent) {
-  return tavrix::judge<false>(op, type, self, parent, nullptr);
+  return tavrix::enforce_tavrix_permissions<false>(op, type, self, parent, nullptr);
 }

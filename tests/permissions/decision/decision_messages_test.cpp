@@ -45,6 +45,27 @@ TEST_F(DecisionMessages, AboutAFileInATeamFolder) {
        {2, "Calling enforce_tavrix_permissions with op: 16, perm mask: 7, parent perm mask: 7"}});
 }
 
+// Filters outside look for a message of an exported function by the name in its prefix.
+TEST_F(DecisionMessages, NameTheExportedFunction) {
+  const auto function_of = [](const std::string& begin) {
+    for (const LogLine& line : log_lines()) {
+      if (line.message.starts_with(begin)) return line.function;
+    }
+    return "no message: " + begin;
+  };
+  as(kAnna, [&] {
+    set_debug_level(4);
+    clear_log();
+    ask_share(FSOP_STAT, "Shared/Team/report.txt");
+    EXPECT_EQ("vfs_enforce_perms", function_of("ENFORCE_PERMS op=(16)"));
+    EXPECT_EQ("enforce_tavrix_permissions", function_of("Checking op 16"));
+    EXPECT_EQ("enforce_tavrix_permissions", function_of("Allow for Read on parent"));
+    clear_log();
+    vfs_enforce_perms("/tavrix", nullptr, FSOP_STAT, nullptr, 0, nullptr);
+    EXPECT_EQ("vfs_enforce_perms", function_of("ENFORCE_PERMS Invalid argument"));
+  });
+}
+
 TEST_F(DecisionMessages, OfRightsThatAGroupGives) {
   expect(kBen, FSOP_STAT, "Shared/Team/report.txt",
          {{4, "ENFORCE_PERMS perm is: 0"},
