@@ -69,6 +69,16 @@ TEST_F(CommandLine, NamesAnUnknownOptionAndTheOneThatWasMeant) {
                "tavrixctl map tree: there is no option \"--dept\"; did you mean \"--depth\"?");
 }
 
+TEST_F(CommandLine, SaysWhereAnOptionOfACommandGoes) {
+  expect_wrong(
+      {"map", "--depth", "2", "tree"},
+      "tavrixctl map: \"--depth\" goes behind the command: \"tavrixctl map tree --depth\"");
+  expect_wrong({"--depth=2", "map", "tree", "Shared"},
+               "tavrixctl: \"--depth\" goes behind the command: \"tavrixctl map tree --depth\"");
+  expect_wrong({"map", "--elephant", "tree"},
+               "tavrixctl map tree: there is no option \"--elephant\"");
+}
+
 TEST_F(CommandLine, SaysThatAWordIsNotANumber) {
   expect_wrong({"check", "--uid", "anna", "STAT", "Shared"},
                "tavrixctl check: --uid: \"anna\" is not a number");

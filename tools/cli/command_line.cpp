@@ -87,6 +87,38 @@ Chosen chosen(CLI::App& app, const Words& words) {
   return {at, {}};
 }
 
+bool has_option(const CLI::App& app, const std::string& name) {
+  return std::ranges::count(option_names(app), name) != 0;
+}
+
+// The command that the words name, whatever stands between its names.
+CLI::App& named_by(CLI::App& app, const Words& words) {
+  CLI::App* at = &app;
+  for (const std::string& word : words) {
+    const auto commands = commands_of(*at);
+    const auto next = std::ranges::find(commands, word, &CLI::App::get_name);
+    if (next != commands.end()) at = *next;
+  }
+  return *at;
+}
+
+// The complaint about an option that stands before the command that it is for; empty if none does.
+std::string misplaced(CLI::App& app, const Words& words) {
+  CLI::App& command = named_by(app, words);
+  CLI::App* at = &app;
+  for (const std::string& word : words) {
+    if (at == &command) break;
+    const std::string name = word.substr(0, word.find('='));
+    if (!word.starts_with('-')) {
+      at = &named_by(*at, {word});
+    } else if (!has_option(*at, name) && has_option(command, name)) {
+      return fmt::format("\"{}\" goes behind the command: \"{} {}\"", name, full_name(command),
+                         name);
+    }
+  }
+  return {};
+}
+
 // "help map import" asks for the same as "map import --help".
 void turn_help_around(CLI::App& app, Words& words) {
   if (words.empty() || words[0] != "help" || commands_of(app).empty()) return;
@@ -194,6 +226,9 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   Words words(argv + 1, argv + argc);
   if (!words.empty() && words[0] == kCompleteOption) return print_completions(app, words);
   turn_help_around(app, words);
+  if (const std::string sentence = misplaced(app, words); !sentence.empty()) {
+    return complain(*chosen(app, words).app, sentence);
+  }
   if (const Chosen found = chosen(app, words); !found.unknown.empty()) {
     return complain(*found.app, fmt::format("there is no command \"{}\"", found.unknown),
                     nearest(found.unknown, command_names(*found.app)));
