@@ -122,7 +122,10 @@ std::vector<Range> ranges_of(const events::RecordFilter& filter) {
 // Reads the index entries of a part of the tree, by path and by the new paths of renames.
 class Gathering {
  public:
-  Gathering(sqlite3* database, const Task& task) : database_(database), task_(task) {
+  Gathering(sqlite3* database, const Task& task)
+      : database_(database),
+        task_(task),
+        is_exact_(task.filter.path && task.filter.path->kind() == PathPattern::Kind::kFolder) {
     for (const Range& range : ranges_of(task.filter)) {
       parts_.push_back({kByPath, range});
       parts_.push_back({kByTarget, range});
@@ -179,7 +182,7 @@ class Gathering {
     if (newest_.size() == task_.wanted && at < *newest_.begin()) return;
     const bool is_taken = task_.takes(at, static_cast<int>(entries_->number(3)),
                                       static_cast<uint32_t>(entries_->number(4))) &&
-                          task_.filter.path->matches(entries_->text(0));
+                          (is_exact_ || task_.filter.path->matches(entries_->text(0)));
     if (!is_taken) return;
     newest_.insert(at);  // once, also when both paths match
     if (newest_.size() > task_.wanted) newest_.erase(newest_.begin());
@@ -187,6 +190,7 @@ class Gathering {
 
   sqlite3* database_;
   const Task& task_;
+  bool is_exact_;  // every path between the bounds matches
   std::vector<Part> parts_;
   std::size_t next_ = 0;
   std::unique_ptr<Statement> entries_;
@@ -215,7 +219,8 @@ Page cut_page(Walk& walk, std::size_t limit) {
 }  // namespace
 
 std::optional<Page> search(sqlite3* database, const Search& search) {
-  constexpr std::size_t kMostTimes = 8;  // a transaction of a twentieth of a second
+  constexpr std::size_t kEntriesForARecord = 4;  // an entry of an index costs less
+  constexpr std::size_t kMostTimes = 8;          // a transaction of a twentieth of a second
   const Task task = task_of(search);
   if (search.limit == 0) return Page{};
   const auto begin = Clock::now();
@@ -224,8 +229,7 @@ std::optional<Page> search(sqlite3* database, const Search& search) {
   const std::size_t greatest = kMostTimes * search.turn;
   for (std::size_t budget = search.turn;; budget = std::min(2 * budget, greatest)) {
     if (gathering.is_possible()) {
-      // An entry of the index costs less than a record.
-      const Turn turn = gathering.run(2 * budget);
+      const Turn turn = gathering.run(kEntriesForARecord * budget);
       if (turn == Turn::kFailed) return std::nullopt;
       if (turn == Turn::kEnded) {
         auto records = gathering.records();

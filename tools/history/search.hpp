@@ -18,7 +18,7 @@ struct Search {
   std::size_t limit = 200;
   std::optional<Position> after;                      // where the page before ended
   std::optional<std::chrono::milliseconds> patience;  // then the page ends, full or not
-  std::size_t turn = 4096;  // records of the first turn of the work; later ones grow
+  std::size_t turn = 2048;  // records of the first turn of the work; later ones grow
 };
 
 struct Page {
