@@ -3,6 +3,7 @@
 
 #include <map>
 
+#include "tests/tools/history.hpp"
 #include "tests/tools/sweeper.hpp"
 
 namespace tavrix::test {
@@ -165,6 +166,33 @@ TEST_F(ExitCodes, OfSearchesAreOneWhereNothingIsFound) {
   expect(0, {"patterns", "test", "/scratch/good", "a.tmp"});
   expect(1, {"patterns", "test", "/scratch/good", "a.tmp", "b"});
   expect(2, {"patterns", "test", "/none", "b"});
+}
+
+TEST_F(ExitCodes, OfTheHistoryAreOneWhereNothingIsRecorded) {
+  write_history("/scratch/history.db");
+  write_file("/scratch/damaged.db", std::string(5000, 'x'));
+  const auto ask = [](int code, Words words, const char* file = "/scratch/history.db") {
+    words.insert(words.begin(), "history");
+    words.insert(words.end(), {"--database", file});
+    expect(code, words);
+  };
+  ask(0, {"search"});
+  ask(1, {"search", "--path", "Shared/none"});
+  ask(2, {"search", "--after", "nowhere"});
+  ask(2, {"search", "--limit", "0"});
+  ask(0, {"user", "1001"});
+  ask(1, {"user", "1003"});
+  ask(2, {"user", "nobody-of-this-name"});
+  ask(0, {"file", "Shared/Old"});
+  ask(1, {"file", "Shared/none"});
+  ask(0, {"report", "--since", "1700000000"});
+  ask(2, {"report", "--since", "now", "--until", "yesterday"});
+  ask(2, {"report", "--html", "/none/page"});
+  for (const Words& words :
+       {Words{"search"}, Words{"user", "1"}, Words{"file", "a"}, Words{"report"}}) {
+    ask(2, words, "/none");
+    ask(2, words, "/scratch/damaged.db");
+  }
 }
 
 TEST_F(ExitCodes, OfDecodesAreOneForATornRecord) {

@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/tools/history.hpp"
 #include "tests/tools/sweeper.hpp"
 
 namespace tavrix::test {
@@ -37,6 +38,7 @@ struct Example {
 const char* const kImage = "/etc/tavrix/.permbe_map";
 const char* const kGroups = "/scratch/groups";
 const char* const kPatterns = "/scratch/patterns";
+const char* const kHistory = "/scratch/history.db";
 
 Words power_user(const std::string& operation, const std::string& path) {
   return {"--uid", "1003", "--groups", "9002,2001", "--powerusers-gid", "9002", operation, path};
@@ -83,6 +85,12 @@ std::vector<Example> examples() {
       {{"events", "decode"}, {"--stats", "/scratch/dump"}, "events-decode-stats"},
       {{"audit", "decode"}, {"/scratch/audits"}, {}},
       {{"audit", "decode"}, {"--stats", "/scratch/audits"}, "audit-decode-stats"},
+      {{"history", "search"}, {"--database", kHistory, "--reads"}, {}},
+      {{"history", "search"}, {"--database", kHistory, "--limit", "1"}, {}},
+      {{"history", "user"}, {"--database", kHistory, "1001"}, {}},
+      {{"history", "file"}, {"--database", kHistory, "--reads", "Shared/caf\xe9"}, {}},
+      {{"history", "file"}, {"--database", kHistory, "Shared/none"}, {}},
+      {{"history", "report"}, {"--database", kHistory, "--since", "1700000000"}, {}},
       {{"events", "buffer", "show"}, {}, {}},
       {{"patterns", "check"}, {kPatterns}, {}},
       {{"patterns", "test"}, {kPatterns, "a.tmp", "b"}, {}},
@@ -130,6 +138,7 @@ class JsonOutput : public SweeperWorld {
     ctl({"groupmap", "build", "/scratch/people.json", "-o", "/etc/tavrix/groupmap_refresh"});
     write_file(kPatterns, "^~\n#comment\n[.]tmp$\n");
     write_file("/scratch/dump", event() + event());
+    write_history(kHistory);
     write_file("/scratch/audits", audit());
   }
   static void write_map(const std::string& path, const Folder& root) {
