@@ -27,10 +27,8 @@ class Help : public Operator {
                  read_file(std::string(TAVRIX_SOURCE_DIR "/packaging/") + name));
     }
     keep_the_history_here();
-    if (!exists("/scratch/history/history.db")) {
-      make_dirs("/scratch/history");
-      write_history("/scratch/history/history.db");
-    }
+    make_dirs("/scratch/history");
+    if (!exists("/scratch/history/history.db")) write_history("/scratch/history/history.db");
     write_file("/scratch/groups.json",
                R"({"reserved": {"tavrix-powerusers": 9002}, "users": {"anna": [9002, 2001]}})");
     ASSERT_EQ(0, ctl({"config", "load", "/etc/tavrix/tavrix.conf"}).exit_code);
