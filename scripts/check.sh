@@ -20,7 +20,8 @@ while read -r file; do
   head -n 2 "$file" | grep -qE "^(//|#) SPDX-License-Identifier: $licence\$" && continue
   echo "$file does not begin with SPDX-License-Identifier: $licence" >&2
   wrong=1
-done < <(git ls-files '*.cpp' '*.hpp' '*.c' '*.h' '*.proto' '*.sh' '*.py' '*.cmake' '*CMakeLists.txt' |
+done < <(git ls-files '*.cpp' '*.hpp' '*.c' '*.h' '*.proto' '*.sh' '*.py' '*.cmake' '*CMakeLists.txt' \
+  '*.ts' '*.tsx' '*.mjs' |
   grep -v '\.pb-c\.')
 [ $wrong = 0 ] || exit 1
 

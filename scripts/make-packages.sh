@@ -26,6 +26,12 @@ copy_sources() {
   tar -cJf "$build/libtavrix_${version%-*}.orig.tar.xz" -C "$build" --exclude="$upstream/debian" "$upstream"
 }
 
+# The package of the page is made of what scripts/build-page.sh has built, if it has.
+with_page() {
+  [ -f page/dist/index.js ] || return 0
+  export TAVRIX_PAGE=$PWD/page/dist DEB_BUILD_PROFILES="${DEB_BUILD_PROFILES:-} pkg.libtavrix.page"
+}
+
 # The helpers hide the home folder, so the compiler's cache is named here.
 build_packages() {
   export TAVRIX_SAMBA_HEADERS
@@ -39,6 +45,7 @@ build_packages() {
 }
 
 copy_sources
+with_page
 build_packages
 for package in "$build"/packages/*.deb; do
   case $package in *-dbgsym_*) continue ;; esac

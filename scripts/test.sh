@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 # Installs what is missing, checks the sources, builds twice (optimised; with sanitizers) and runs
 # every test in both, runs clang-tidy on the library, and one fuzz target for a moment.
-# usage: scripts/test.sh [release|asan|tidy|fuzz]...   (default: all of them)
+# usage: scripts/test.sh [release|asan|tidy|fuzz|page]...   (default: all but page, which fetches modules)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
@@ -42,7 +42,12 @@ for part in "${parts[@]}"; do
       scripts/tidy.sh
       ;;
     fuzz) scripts/fuzz.sh 5 map_verify ;;
-    *) echo "no part $part; there are: release asan tidy fuzz" >&2; exit 2 ;;
+    page)
+      echo "== page"
+      scripts/build-page.sh
+      scripts/test-page.sh
+      ;;
+    *) echo "no part $part; there are: release asan tidy fuzz page" >&2; exit 2 ;;
   esac
 done
 

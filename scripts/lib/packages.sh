@@ -17,6 +17,11 @@ tavrix_samba_packages=(
   libparse-yapp-perl rclone xz-utils
 )
 
+# Packages that only scripts/test-page.sh needs: the console, and a browser that tests drive.
+tavrix_page_packages=(
+  cockpit-bridge cockpit-system cockpit-ws chromium-headless-shell iproute2 openssl python3-websockets sudo
+)
+
 # Packages that only scripts/make-packages.sh needs.
 tavrix_debian_packages=(debhelper dpkg-dev fakeroot lintian)
 

@@ -105,6 +105,15 @@ TEST_F(ExitCodes, OfQuestionsAboutManyAreTwoWithoutTheMaps) {
   expect(2, {"effective", "--user", "daemon"});
 }
 
+TEST_F(ExitCodes, OfASearchInTheMapAreOneForNothing) {
+  expect(0, {"map", "find", "team"});
+  expect(1, {"map", "find", "nowhere"});
+  expect(2, {"map", "find", "team", "--file", "/none"});
+  expect(0, {"map", "tree", "Shared", "--children"});
+  expect(1, {"map", "tree", "Nowhere", "--children"});
+  expect(2, {"map", "tree", "--limit", "3"});
+}
+
 TEST_F(ExitCodes, OfAComparisonOfMapsAreOneForADifference) {
   write_json_pair({.name = "/"});
   expect(0, {"map", "diff", "current", "/etc/tavrix/.permbe_map"});

@@ -57,6 +57,12 @@ std::vector<Example> examples() {
       {{"map", "info"}, {"--file", kImage}, {}},
       {{"map", "tree"}, {}, {}},
       {{"map", "tree"}, {"Shared", "--depth", "0"}, {}},
+      {{"map", "tree"}, {"--children", "--limit", "1"}, {}},
+      {{"map", "tree"}, {"--children", "--file", kImage}, {}},
+      {{"map", "tree"}, {"Nowhere"}, "error"},
+      {{"map", "find"}, {"e", "--limit", "2"}, {}},
+      {{"map", "find"}, {"caf\xe9", "--file", kImage}, {}},
+      {{"check"}, {"--user", "\xe9", "stat", "Shared"}, "error"},
       {{"map", "acl"}, {"/Shared/Team/Docs"}, {}},
       {{"map", "acl"}, {"/caf\xe9"}, {}},
       {{"map", "diff"}, {"current", kImage}, {}},
@@ -79,6 +85,8 @@ std::vector<Example> examples() {
       {{"groupmap", "verify"}, {kGroups}, {}},
       {{"who"}, {"--refused", "list", "Shared/Team"}, {}},
       {{"effective"}, {"--user", "bin"}, {}},
+      {{"effective"}, {"--user", "bin", "--children", "--limit", "1"}, {}},
+      {{"effective"}, {"--user", "bin", "Nowhere"}, {}},
       {{"effective"}, {"--group", "2001", "\\Shared"}, {}},
       {{"groupmap", "verify"}, {"/scratch/broken.json"}, {}},
       {{"events", "decode"}, {"/scratch/dump"}, {}},
@@ -255,11 +263,22 @@ TEST_F(JsonOutput, IsEmptyForCommandsWithoutData) {
   }
 }
 
-TEST_F(JsonOutput, HasPlainErrors) {
+TEST_F(JsonOutput, OfAnErrorLeavesThePlainTextWhereItWas) {
   const Outcome outcome = ctl({"--json", "map", "info", "--file", "/none"});
   EXPECT_EQ(2, outcome.exit_code);
-  EXPECT_EQ("", outcome.out);
+  EXPECT_EQ("/none: No such file or directory",
+            nlohmann::json::parse(outcome.out)["error"]["message"]);
   EXPECT_EQ("tavrixctl: /none: No such file or directory\n", outcome.err);
+}
+
+// The records before the torn one are there, and the error behind them.
+TEST_F(JsonOutput, HasTheErrorAsItsLastLine) {
+  write_file("/scratch/torn", event() + event().substr(0, 30));
+  const Outcome outcome = ctl({"--json", "events", "decode", "/scratch/torn"});
+  EXPECT_EQ(1, outcome.exit_code);
+  EXPECT_EQ(2, std::count(outcome.out.begin(), outcome.out.end(), '\n')) << outcome.out;
+  EXPECT_EQ(0, validate(outcome.out).exit_code);
+  EXPECT_TRUE(contains(outcome.out, "\n{\"schema\":\"tavrix.error/1\"")) << outcome.out;
 }
 
 TEST_F(JsonOutput, OfDumpFilesNamesItsSchemaOnlyOnRequest) {

@@ -60,10 +60,12 @@ std::string full_name(const CLI::App& app) {
   return parent == nullptr ? app.get_name() : full_name(*parent) + " " + app.get_name();
 }
 
-int complain(const CLI::App& app, const std::string& sentence, const std::string& meant = "") {
-  std::string line = fmt::format("{}: {}", full_name(app), sentence);
-  if (!meant.empty()) line += fmt::format("; did you mean \"{}\"?", meant);
-  fmt::print(stderr, "{}\n\"{} --help\" says more.\n", line, full_name(app));
+int complain(const Refused& refused, const CLI::App& app, std::string sentence,
+             const std::string& meant = "") {
+  if (!meant.empty()) sentence += fmt::format("; did you mean \"{}\"?", meant);
+  fmt::print(stderr, "{}: {}\n\"{} --help\" says more.\n", full_name(app), sentence,
+             full_name(app));
+  if (refused) refused(sentence);
   return kWrongUsage;
 }
 
@@ -180,22 +182,24 @@ std::string sentence_of(const CLI::ParseError& error) {
 }
 
 // A command line that ends where a command is expected gets the help of the command that it names.
-int list_commands(CLI::App& at) {
+int list_commands(const Refused& refused, CLI::App& at) {
   const CLI::App* above = at.get_parent();
   fmt::print(stderr, "{}", at.help(above == nullptr ? "" : full_name(*above)));
+  if (refused) refused("a command is missing");
   return kWrongUsage;
 }
 
-int explain(CLI::App& app, const Words& words, const CLI::ParseError& error) {
+int explain(const Refused& refused, CLI::App& app, const Words& words,
+            const CLI::ParseError& error) {
   CLI::App& at = *chosen(app, words).app;
   for (const std::string& word : app.remaining(true)) {
     if (!word.starts_with('-')) continue;
     const std::string name = word.substr(0, word.find('='));
-    return complain(at, fmt::format("there is no option \"{}\"", name),
+    return complain(refused, at, fmt::format("there is no option \"{}\"", name),
                     nearest(name, option_names(at)));
   }
-  if (!commands_of(at).empty() && app.remaining(true).empty()) return list_commands(at);
-  return complain(at, sentence_of(error));
+  if (!commands_of(at).empty() && app.remaining(true).empty()) return list_commands(refused, at);
+  return complain(refused, at, sentence_of(error));
 }
 
 int print_completions(CLI::App& app, const Words& words) {
@@ -219,7 +223,7 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
   return best;
 }
 
-std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+std::optional<int> parse(CLI::App& app, int argc, char** argv, const Refused& refused) {
   app.name(std::filesystem::path(argv[0]).filename());
   app.set_version_flag("--version", app.get_name() + " " TAVRIX_VERSION, "print the version");
   lay_out_help(app);
@@ -230,7 +234,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
     return complain(*chosen(app, words).app, sentence);
   }
   if (const Chosen found = chosen(app, words); !found.unknown.empty()) {
-    return complain(*found.app, fmt::format("there is no command \"{}\"", found.unknown),
+    return complain(refused, *found.app, fmt::format("there is no command \"{}\"", found.unknown),
                     nearest(found.unknown, command_names(*found.app)));
   }
   try {
@@ -239,7 +243,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   } catch (const CLI::Success& asked) {
     return app.exit(asked);
   } catch (const CLI::ParseError& error) {
-    return explain(app, words, error);
+    return explain(refused, app, words, error);
   }
   return std::nullopt;
 }

@@ -43,7 +43,7 @@ std::optional<explain::Identity> identify(const Request& request, const explain:
   if (!request.user.empty()) {
     identity = explain::person_named(request.user, groups);
     if (!identity) {
-      complain("there is no user \"{}\"", request.user);
+      complain_as(code::kNoUser, "there is no user \"{}\"", request.user);
       return std::nullopt;
     }
   } else {

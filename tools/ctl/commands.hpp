@@ -38,6 +38,7 @@ class Command {
 // The commands below "map", which are in files of their own.
 void add_map_import_commands(CLI::App& map, Options& options, Action& action);
 void add_map_inspect_commands(CLI::App& map, Options& options, Action& action);
+void add_map_find_command(CLI::App& map, Options& options, Action& action);
 void add_map_check_commands(CLI::App& map, Options& options, Action& action);
 void add_map_history_commands(CLI::App& map, Options& options, Action& action);
 void add_map_diff_command(CLI::App& map, Options& options, Action& action);

@@ -26,7 +26,7 @@ namespace {
 std::optional<ParameterBlock> shared_block() {
   std::string problem;
   auto block = ParameterBlock::find(problem);
-  if (!block) complain("{}", problem);
+  if (!block) complain_as(code::kNoSettings, "{}", problem);
   return block;
 }
 
@@ -143,7 +143,7 @@ int remove(const Confirmation& confirmation) {
   }
   set_debug_level(-1);
   if (remove_config_buffer() == 0) return kYes;
-  complain("there is no parameter block");
+  complain_as(code::kNoSettings, "there is no parameter block");
   return kFailure;
 }
 

@@ -20,6 +20,7 @@
 #include "tools/explain/share_path.hpp"
 #include "tools/explain/words.hpp"
 #include "tools/groupmap/group_map.hpp"
+#include "tools/mapbrowse/children.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -27,7 +28,16 @@ namespace {
 struct Wish {
   std::string user, group;
   explain::TreeWish tree;
+  bool is_page = false;
+  std::optional<std::string> after;
+  uint32_t limit = 200;
   std::string at;  // empty: now
+};
+
+struct Answer {
+  std::vector<explain::SeenFolder> folders;
+  bool in_map = true;
+  bool more = false;
 };
 
 std::optional<uint32_t> gid_of(const std::string& name, const explain::Groups& groups) {
@@ -46,7 +56,7 @@ std::optional<explain::Person> person_of(const Wish& wish, const explain::Groups
   if (!wish.user.empty()) {
     const auto identity = explain::person_named(wish.user, groups);
     if (identity) return identity->person;
-    complain("there is no user \"{}\"", wish.user);
+    complain_as(code::kNoUser, "there is no user \"{}\"", wish.user);
     return std::nullopt;
   }
   const auto gid = gid_of(wish.group, groups);
@@ -56,7 +66,7 @@ std::optional<explain::Person> person_of(const Wish& wish, const explain::Groups
   if (gid) {
     complain("the group of the power users is not known");
   } else {
-    complain("there is no group \"{}\"", wish.group);
+    complain_as(code::kNoGroup, "there is no group \"{}\"", wish.group);
   }
   return std::nullopt;
 }
@@ -83,13 +93,15 @@ void print_text(const std::vector<explain::SeenFolder>& tree) {
   }
 }
 
-void print_json(const Wish& wish, const std::vector<explain::SeenFolder>& tree,
-                const PastMap* past) {
+Json json_of(const Wish& wish, const Answer& answer, const Image& image, const mapcheck::Walk& walk,
+             const PastMap* past) {
   Json json = document("effective");
   set_bytes(json, wish.user.empty() ? "group" : "user", wish.user.empty() ? wish.group : wish.user);
   set_bytes(json, "path", wish.tree.path);
+  json["in_map"] = answer.in_map;
+  set_map(json, image, walk);
   json["folders"] = Json::array();
-  for (const explain::SeenFolder& folder : tree) {
+  for (const explain::SeenFolder& folder : answer.folders) {
     Json entry;
     set_bytes(entry, "path", folder.path);
     entry["mask"] = folder.mask;
@@ -97,8 +109,42 @@ void print_json(const Wish& wish, const std::vector<explain::SeenFolder>& tree,
     entry["visible"] = folder.is_visible;
     json["folders"].push_back(std::move(entry));
   }
+  if (wish.is_page) json["more"] = answer.more;
   if (past != nullptr) past->add_to(json);
-  print(json);
+  return json;
+}
+
+// One page of the folders in a folder, also of those that are not met.
+Answer page_for(const explain::Person& person, const explain::Map& map, const Wish& wish) {
+  const auto found = map.walk.find(wish.tree.path);
+  if (!found.exact) return {{}, false, false};
+  const auto page = mapbrowse::page_of(map.walk, found.folder, wish.after, wish.limit);
+  std::vector<std::string_view> names;
+  for (const mapbrowse::Child& child : page.children) names.push_back(child.name);
+  return {explain::children_for(person, map, found.folder, names), true, page.more};
+}
+
+int answer(const Options& options, const explain::Person& person, const Wish& wish,
+           const Image& image, const mapcheck::Walk& walk, const PastMap* past) {
+  const explain::Map map{image.bytes().data(), walk};
+  Answer answer;
+  if (wish.is_page) {
+    answer = page_for(person, map, wish);
+  } else {
+    answer.in_map = walk.find(wish.tree.path).exact;
+    answer.folders = explain::tree_for(person, map, wish.tree);
+  }
+  if (options.json) {
+    print(json_of(wish, answer, image, walk, past));
+    return answer.folders.empty() ? kNo : kYes;
+  }
+  if (past != nullptr) fmt::print("{}\n", past->text());
+  if (answer.folders.empty()) {
+    fmt::print("nothing{}\n", answer.in_map ? "" : ": the map does not have this folder");
+  } else {
+    print_text(answer.folders);
+  }
+  return answer.folders.empty() ? kNo : kYes;
 }
 
 int effective(const Options& options, Wish wish) {
@@ -106,31 +152,27 @@ int effective(const Options& options, Wish wish) {
   if (!wish.at.empty() && !past) return kFailure;
   const explain::Groups groups = past ? past->groups : explain::current_groups();
   if (groups.state != explain::Groups::State::kRead) {
-    complain(
+    complain_as(
+        code::kNoGroupMap,
         "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
     return kFailure;
   }
   const auto person = person_of(wish, groups);
-  const auto current = person && !past ? Image::sound("") : std::nullopt;
+  const auto current = person && !past ? Image::to_walk("") : std::nullopt;
   if (!person || (!past && !current)) return kFailure;
   const Image& image = past ? past->image : *current;
   set_debug_level(options.verbose ? 0 : -1);
   explain::take_reserved_groups(groups);
   wish.tree.path = explain::share_path(wish.tree.path, TAVRIX_TREE);
   while (wish.tree.path.ends_with('/')) wish.tree.path.pop_back();
-  const auto tree = explain::tree_for(*person, image.bytes().data(), wish.tree);
-  if (options.json) {
-    print_json(wish, tree, past ? &*past : nullptr);
-  } else {
-    if (past) fmt::print("{}\n", past->text());
-    if (tree.empty()) fmt::print("nothing\n");
-    print_text(tree);
-  }
-  return tree.empty() ? kNo : kYes;
+  return walk_through(image, [&](const mapcheck::Walk& walk) {
+    return answer(options, *person, wish, image, walk, past ? &*past : nullptr);
+  });
 }
 
 void add_effective_command(CLI::App& app, Options& options, Action& action) {
   static Wish wish;
+  static std::string after;
   CLI::App* command = app.add_subcommand(
       "effective",
       "Print the folders of the map as a user or a group meets them (exit 1: it meets none)");
@@ -141,17 +183,28 @@ void add_effective_command(CLI::App& app, Options& options, Action& action) {
       "--group", wish.group, "a group, for a power user with no other group and no own entry");
   user->excludes(group);
   command->add_option("PATH", wish.tree.path, "where to begin")->capture_default_str();
-  command->add_option("--depth", wish.tree.depth, "levels below it")
-      ->check(CLI::Range(0, 1000))
-      ->capture_default_str();
+  auto* depth = command->add_option("--depth", wish.tree.depth, "levels below it")
+                    ->check(CLI::Range(0, 1000))
+                    ->capture_default_str();
+  auto* only_writable = command->add_flag("--only-writable", wish.tree.only_writable,
+                                          "only folders that may be read and written");
+  auto* page = command->add_flag("--children", wish.is_page,
+                                 "the folders in it, by name, also those that are not met");
+  page->excludes(depth)->excludes(only_writable);
+  auto* behind =
+      command->add_option("--after", after, "only those behind this name")->type_name("NAME");
+  behind->needs(page);
+  command->add_option("--limit", wish.limit, "folders of a page")
+      ->check(CLI::Range(1U, 100000U))
+      ->capture_default_str()
+      ->needs(page);
   add_at_option(*command, wish.at);
-  command->add_flag("--only-writable", wish.tree.only_writable,
-                    "only folders that may be read and written");
   command->footer(
       "The letters: read, write, delete, navigate (pass through), view.\n"
       "\"not seen\" is a folder on the way to one that may be reached by its name.");
-  command->callback([&options, &action, user, group] {
+  command->callback([&options, &action, user, group, behind] {
     if (user->count() + group->count() == 0) throw CLI::RequiredError("--user or --group");
+    if (behind->count() > 0) wish.after = after;
     action = [&options] {
       return survive("the question", [&options] { return effective(options, wish); });
     };

@@ -2,13 +2,36 @@
 // tavrixctl: shows and changes what the processes of the appliance share.
 
 #include <unistd.h>
+#include <algorithm>
 #include <exception>
+#include <string_view>
+#include <vector>
 
 #include "tools/cli/command_line.hpp"
 #include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/library_log.hpp"
 #include "tools/ctl/output.hpp"
+
+namespace tavrix::ctl {
+namespace {
+
+int run(const Options& options, const Action& action) {
+  try {
+    if (options.needs_root && geteuid() != 0) {
+      complain_as(code::kNotRoot, "run this as root");
+      return kFailure;
+    }
+    if (options.verbose) send_library_log(LogTo::kStandardError);
+    return action();
+  } catch (const std::exception& error) {
+    complain("{}", error.what());
+    return kFailure;
+  }
+}
+
+}  // namespace
+}  // namespace tavrix::ctl
 
 int main(int argc, char** argv) {
   using namespace tavrix::ctl;
@@ -31,16 +54,12 @@ int main(int argc, char** argv) {
 
   Action action;
   Command::add_all(app, options, action);
-  if (const auto ended = tavrix::cli::parse(app, argc, argv); ended) return *ended;
-  try {
-    if (options.needs_root && geteuid() != 0) {
-      complain("run this as root");
-      return kFailure;
-    }
-    if (options.verbose) send_library_log(LogTo::kStandardError);
-    return action();
-  } catch (const std::exception& error) {
-    complain("{}", error.what());
-    return kFailure;
-  }
+  // The flag is looked for here because a command line that is refused leaves no options.
+  const std::vector<std::string_view> words(argv + 1, argv + argc);
+  if (std::ranges::find(words, "--json") != words.end()) answer_errors_in_json();
+  const auto refused = [](const std::string& sentence) { note_error(code::kWrongUsage, sentence); };
+  const auto ended = tavrix::cli::parse(app, argc, argv, refused);
+  const int exit_code = ended ? *ended : run(options, action);
+  print_error_document(exit_code);
+  return exit_code;
 }

@@ -60,6 +60,7 @@ void add_map_commands(CLI::App& app, Options& options, Action& action) {
   add_map_check_commands(*map, options, action);
   add_map_import_commands(*map, options, action);
   add_map_inspect_commands(*map, options, action);
+  add_map_find_command(*map, options, action);
   add_map_diff_command(*map, options, action);
   add_map_history_commands(*map, options, action);
 

@@ -32,14 +32,15 @@ struct Wish {
 std::optional<mapdiff::Crowd> crowd_for(const Wish& wish) {
   const explain::Groups groups = explain::current_groups();
   if (groups.state != explain::Groups::State::kRead) {
-    complain(
+    complain_as(
+        code::kNoGroupMap,
         "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
     return std::nullopt;
   }
   if (!wish.user.empty()) {
     const auto identity = explain::person_named(wish.user, groups);
     if (identity) return mapdiff::only(identity->person, groups);
-    complain("there is no user \"{}\"", wish.user);
+    complain_as(code::kNoUser, "there is no user \"{}\"", wish.user);
     return std::nullopt;
   }
   mapdiff::People people = mapdiff::everybody(groups);

@@ -2,24 +2,25 @@
 // tavrixctl map info, map tree and map acl: the content of an image.
 
 #include <algorithm>
-#include <cstdlib>
-#include <functional>
+#include <cstring>
 #include <optional>
 #include <utility>
 #include <vector>
 
-#include "perm_utils.h"
-#include "permissions/map/image.hpp"
+#include "mkperms_shm.h"
 #include "tools/cli/help.hpp"
 #include "tools/ctl/commands.hpp"
-#include "tools/ctl/map_view.hpp"
+#include "tools/ctl/map_look.hpp"
 #include "tools/ctl/output.hpp"
-#include "tools/ctl/survive.hpp"
 #include "tools/explain/share_path.hpp"
+#include "tools/mapbrowse/children.hpp"
+#include "tools/mapcheck/walk.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
 namespace {
+
+using Folder = mapcheck::Walk::Folder;
 
 Json json_of_table(const TableState& table) {
   Json json;
@@ -32,15 +33,14 @@ Json json_of_table(const TableState& table) {
   return json;
 }
 
-int info(const Options& options, const std::string& path) {
+int info(const Options& options, const std::string& path, const Image& image,
+         const mapcheck::Walk& walk) {
   const MapState state = map_state();
-  const auto image = Image::sound(path);
-  if (!image) return kFailure;
-  const auto& header = *reinterpret_cast<const tavrix_be_header*>(image->bytes().data());
   Json json = document("map-info");
-  json["image"] = image->origin();
-  json["bytes"] = image->bytes().size();
-  json["map"] = json_of_header(header);
+  json["image"] = image.origin();
+  json["bytes"] = image.bytes().size();
+  json["map"] = json_of_header(walk.header());
+  if (image.table_id()) json["table_id"] = *image.table_id();
   if (path.empty()) {
     json["current"] = state.current;
     json["initialized"] = state.initialized == 1;
@@ -51,7 +51,7 @@ int info(const Options& options, const std::string& path) {
     return kYes;
   }
   const Json& map = json["map"];
-  fmt::print("{}: {} in {}\n", image->origin(), human_bytes(image->bytes().size()),
+  fmt::print("{}: {} in {}\n", image.origin(), human_bytes(image.bytes().size()),
              path.empty() ? "shared memory" : "a file");
   fmt::print("map \"{}\", version \"{}\", generation {}, time {}\n",
              shown(map["name"].get<std::string>()), shown(map["version"].get<std::string>()),
@@ -71,97 +71,51 @@ int info(const Options& options, const std::string& path) {
   return kYes;
 }
 
-struct Acl {
-  tavrix_acl_t* acl = nullptr;
-  Acl(const std::byte* map, const std::string& path) {
-    get_tavrix_acl(const_cast<std::byte*>(map), path.empty() ? "/" : path.c_str(), &acl);
+// Prints or adds one entry.
+void show_entry(const beace_s& ace, bool as_json, Json& entries) {
+  const bool is_user = ace.idtype == IDTYPE_UID;
+  const std::string name = is_user ? user_name(ace.id) : group_name(ace.id);
+  if (!as_json) {
+    fmt::print("  {:<5} {:<10} {:<20} {:>3}  {}\n", is_user ? "user" : "group", uint32_t{ace.id},
+               name.empty() ? "-" : name, uint16_t{ace.perm_mask}, rights(ace.perm_mask));
+    return;
   }
-  ~Acl() {
-    free_ACL(acl);
-    std::free(acl);
-  }
-  Acl(const Acl&) = delete;
-  Acl& operator=(const Acl&) = delete;
-
-  void each(const std::function<void(const tavrix_ace_s&)>& visit) const {
-    for (auto* elem = acl->ace_list_head.first_elem; elem != nullptr; elem = elem->next_elem) {
-      visit(*reinterpret_cast<const tavrix_ace_s*>(elem));
-    }
-  }
-};
-
-// The deepest folder of the map on a path. It answers for the path, and `exact` tells whether it is
-// the path itself.
-struct Found {
-  uint32_t offset = 0;
-  bool exact = false;
-};
-Found find(const std::byte* map, const std::string& path) {
-  path_array* parts = nullptr;
-  get_path_elem_smb4(path.c_str(), static_cast<uint32_t>(path.size() + 1), &parts);
-  Found found;
-  found.exact =
-      find_fselem_fromname(const_cast<std::byte*>(map), parts, &found.offset) == SHM_MEMBE_OK;
-  cleanup_path_array_smb4(&parts);
-  const bool is_root = path.find_first_not_of('/') == std::string::npos;
-  return {found.offset, found.exact || is_root};
+  Json entry;
+  entry["type"] = is_user ? "user" : "group";
+  entry["id"] = uint32_t{ace.id};
+  if (!name.empty()) set_bytes(entry, "name", name);
+  entry["mask"] = uint16_t{ace.perm_mask};
+  entry["rights"] = rights(ace.perm_mask);
+  entries.push_back(std::move(entry));
 }
 
-std::string path_of(const ImageView& view, uint32_t offset) {
-  std::string path;
-  while (offset != 0) {
-    const fs_elem_s& folder = view.fselem(offset);
-    path.insert(0, "/" + std::string(ImageView::text_of(view.name_of(folder))));
-    offset = folder.parent_offset;
-  }
-  return path.empty() ? "/" : path;
-}
-
-int acl(const Options& options, const std::string& given, const std::string& file) {
-  const auto image = Image::sound(file);
-  if (!image) return kFailure;
-  const std::byte* map = image->bytes().data();
-  const std::string path = "/" + explain::share_path(given, TAVRIX_TREE);
-  const Found found = find(map, path);
-  const ImageView view(map);
-  // Entries are inherited from the nearest folder above that has some.
-  uint32_t source = found.offset;
-  while (source != 0 && view.acl_of(view.fselem(source)).num_aces == 0) {
-    source = view.fselem(source).parent_offset;
-  }
-  const Acl governing(map, path);
-  const bool is_inherited = !found.exact || source != found.offset;
+int acl(const Options& options, const std::string& given, const Image& image,
+        const mapcheck::Walk& walk) {
+  const auto found = walk.find(explain::share_path(given, TAVRIX_TREE));
+  const std::string folder = walk.path_of(found.folder);
+  const auto source = walk.source_of(found.folder);
+  const std::string from = walk.path_of(source);
+  const bool is_inherited = !found.exact || source.offset != found.folder.offset;
   Json json = document("map-acl");
   set_bytes(json, "path", given);
   json["in_map"] = found.exact;
-  set_bytes(json, "folder", path_of(view, found.offset));
+  set_bytes(json, "folder", folder);
   json["inherited"] = is_inherited;
-  set_bytes(json, "from", path_of(view, source));
+  set_bytes(json, "from", from);
+  set_map(json, image, walk);
   json["entries"] = Json::array();
   if (!options.json) {
     if (!found.exact) {
-      fmt::print("{}: not in the map; {} stands in for it\n", shown(given),
-                 shown(path_of(view, found.offset)));
+      fmt::print("{}: not in the map; {} stands in for it\n", shown(given), shown(folder));
     }
     fmt::print("{}: {} {}\n", shown(given), is_inherited ? "inherited from" : "explicit at",
-               shown(path_of(view, source)));
+               shown(from));
   }
-  governing.each([&](const tavrix_ace_s& ace) {
-    const bool is_user = ace.trustee_type == ACE_TYPE_USER;
-    const std::string name = is_user ? user_name(ace.trustee.uid) : group_name(ace.trustee.gid);
-    if (!options.json) {
-      fmt::print("  {:<5} {:<10} {:<20} {:>3}  {}\n", is_user ? "user" : "group", ace.trustee.uid,
-                 name.empty() ? "-" : name, ace.perm_mask, rights(ace.perm_mask));
-      return;
-    }
-    Json entry;
-    entry["type"] = is_user ? "user" : "group";
-    entry["id"] = ace.trustee.uid;
-    if (!name.empty()) set_bytes(entry, "name", name);
-    entry["mask"] = ace.perm_mask;
-    entry["rights"] = rights(ace.perm_mask);
-    json["entries"].push_back(std::move(entry));
-  });
+  // The decision reads the entries from the last to the first.
+  const auto entries = walk.entries_of(source);
+  for (uint32_t left = entries.size; left > 0; --left) {
+    show_entry(entries[left - 1], options.json, json["entries"]);
+  }
   if (options.json) print(json);
   return kYes;
 }
@@ -173,19 +127,18 @@ constexpr int kMostJsonLevels = 1000;
 // be deeper than the stack allows.
 class Tree {
  public:
-  Tree(const ImageView& view, int depth) : view_(view), depth_(depth) {}
+  Tree(const mapcheck::Walk& walk, int depth) : walk_(walk), depth_(depth) {}
 
-  void print_text(uint32_t top) const {
-    walk(top, [this](uint32_t offset, int level) {
-      const fs_elem_s& folder = view_.fselem(offset);
-      const uint32_t entries = view_.acl_of(folder).num_aces;
-      fmt::print("{:{}}{}{}\n", "", level * 2, shown(ImageView::text_of(view_.name_of(folder))),
+  void print_text(const Folder& top) const {
+    each(top, [this](const Folder& folder, int level) {
+      const uint32_t entries = walk_.entries_of(folder).size;
+      fmt::print("{:{}}{}{}\n", "", level * 2, shown(walk_.name_of(folder)),
                  entries == 0 ? "" : fmt::format("  ({})", text::counted(entries, "entry")));
     });
   }
 
   // The tree as JSON; nothing when it has more than kMostJsonLevels levels.
-  [[nodiscard]] std::optional<Json> json(uint32_t top) const {
+  [[nodiscard]] std::optional<Json> json(const Folder& top) const {
     // A folder is added to its parent when everything below it is known.
     std::vector<Json> open;
     const auto close_down_to = [&open](std::size_t levels) {
@@ -196,13 +149,12 @@ class Tree {
       }
     };
     bool is_too_deep = false;
-    walk(top, [&](uint32_t offset, int level) {
+    each(top, [&](const Folder& folder, int level) {
       if (is_too_deep = is_too_deep || level > kMostJsonLevels; is_too_deep) return;
       close_down_to(static_cast<std::size_t>(std::max(level, 1)));
-      const fs_elem_s& folder = view_.fselem(offset);
       Json json;
-      set_bytes(json, "name", ImageView::text_of(view_.name_of(folder)));
-      json["entries"] = uint32_t{view_.acl_of(folder).num_aces};
+      set_bytes(json, "name", walk_.name_of(folder));
+      json["entries"] = walk_.entries_of(folder).size;
       if (level < depth_) json["children"] = Json::array();
       open.push_back(std::move(json));
     });
@@ -213,53 +165,115 @@ class Tree {
 
  private:
   struct Place {
-    uint32_t offset;
+    Folder folder;
     int level;
   };
 
   template <typename Visit>
-  void walk(uint32_t top, Visit visit) const {
+  void each(const Folder& top, Visit visit) const {
     std::vector<Place> to_come{{top, 0}};
-    while (!to_come.empty()) {
-      const auto [offset, level] = to_come.back();
+    // A damaged list may name a folder again and again.
+    for (uint64_t seen = 0; !to_come.empty(); ++seen) {
+      if (seen > walk_.folders()) throw mapcheck::Broken("child lists overlap");
+      const auto [folder, level] = to_come.back();
       to_come.pop_back();
-      visit(offset, level);
-      const fs_elem_s& folder = view_.fselem(offset);
-      if (level == depth_ || (folder.flags & FSELEM_FLAG_NO_CHILD_LIST) != 0) continue;
-      const child_list_s& list = view_.children_of(folder);
-      for (uint32_t slot = list.next_index; slot > 0; --slot) {
-        to_come.push_back({ImageView::child_at(list, slot - 1), level + 1});
+      visit(folder, level);
+      if (level == depth_) continue;
+      const auto children = walk_.children_of(folder);
+      if (children.size > walk_.folders()) throw mapcheck::Broken("child lists overlap");
+      for (uint32_t left = children.size; left > 0; --left) {
+        to_come.push_back({walk_.child(folder, children, left - 1), level + 1});
       }
     }
   }
 
-  const ImageView& view_;
+  const mapcheck::Walk& walk_;
   int depth_;
 };
 
-int tree(const Options& options, const std::string& path, int depth, const std::string& file) {
-  const auto image = Image::sound(file);
-  if (!image) return kFailure;
-  const Found found = find(image->bytes().data(), "/" + explain::share_path(path, TAVRIX_TREE));
+// The way to a page of the folders in one.
+struct PageWish {
+  bool is_wanted = false;
+  std::optional<std::string> after;
+  uint32_t limit = 200;
+};
+
+struct TreeWish {
+  std::string path;
+  int depth = 2;
+  PageWish page;
+};
+
+Json json_of_child(const mapcheck::Walk& walk, const mapbrowse::Child& child) {
+  const Folder folder = walk.at(child.offset);
+  const uint32_t entries = walk.entries_of(folder).size;
+  Json json;
+  set_bytes(json, "name", walk.name_of(folder));
+  json["entries"] = entries;
+  json["inherited"] = entries == 0;
+  json["child_count"] = walk.children_of(folder).size;
+  return json;
+}
+
+void print_child(const Json& child) {
+  const auto entries = child["entries"].get<uint32_t>();
+  const auto children = child["child_count"].get<uint32_t>();
+  fmt::print("{}  ({}{})\n", shown(child["name"].get<std::string>()),
+             entries == 0 ? "inherits" : text::counted(entries, "entry"),
+             children == 0 ? "" : ", " + text::counted(children, "folder"));
+}
+
+int children(const Options& options, const TreeWish& wish, const Image& image,
+             const mapcheck::Walk& walk, const Folder& top) {
+  const auto page = mapbrowse::page_of(walk, top, wish.page.after, wish.page.limit);
+  const uint32_t entries = walk.entries_of(top).size;
+  Json json = document("map-tree");
+  set_bytes(json, "path", wish.path);
+  set_bytes(json, "name", walk.name_of(top));
+  json["entries"] = entries;
+  json["inherited"] = entries == 0 && top.offset != 0;
+  json["child_count"] = page.total;
+  set_map(json, image, walk);
+  json["children"] = Json::array();
+  for (const mapbrowse::Child& child : page.children) {
+    json["children"].push_back(json_of_child(walk, child));
+  }
+  json["more"] = page.more;
+  if (options.json) {
+    print(json);
+    return kYes;
+  }
+  for (const Json& child : json["children"]) print_child(child);
+  if (page.more) {
+    fmt::print("{} in all; more follow behind --after \"{}\"\n",
+               text::counted(page.total, "folder"), shown(page.children.back().name));
+  }
+  return kYes;
+}
+
+int tree(const Options& options, const TreeWish& wish, const Image& image,
+         const mapcheck::Walk& walk) {
+  const auto found = walk.find(explain::share_path(wish.path, TAVRIX_TREE));
   if (!found.exact) {
-    complain("{}: not in the map", path);
+    complain_as(code::kNotInMap, "{}: not in the map", wish.path);
     return kNo;
   }
-  const ImageView view(image->bytes().data());
-  const Tree tree(view, depth);
+  if (wish.page.is_wanted) return children(options, wish, image, walk, found.folder);
+  const Tree tree(walk, wish.depth);
   if (options.json) {
-    const auto top = tree.json(found.offset);
+    const auto top = tree.json(found.folder);
     if (!top) {
-      complain("{}: more than {} levels below it; use a smaller --depth, or leave out --json", path,
-               kMostJsonLevels);
+      complain("{}: more than {} levels below it; use a smaller --depth, or leave out --json",
+               wish.path, kMostJsonLevels);
       return kFailure;
     }
     Json json = document("map-tree");
-    set_bytes(json, "path", path);
+    set_bytes(json, "path", wish.path);
     json.update(*top);
+    set_map(json, image, walk);
     print(json);
   } else {
-    tree.print_text(found.offset);
+    tree.print_text(found.folder);
   }
   return kYes;
 }
@@ -267,24 +281,45 @@ int tree(const Options& options, const std::string& path, int depth, const std::
 }  // namespace
 
 void add_map_inspect_commands(CLI::App& map, Options& options, Action& action) {
-  static std::string path, file;
-  static int depth = 2;
+  static std::string path, file, after;
+  static TreeWish wish;
   CLI::App* info_command = map.add_subcommand("info", "The map's header and its tables");
   info_command->add_option("--file", file, "look at a local copy instead of the current table")
       ->type_name("FILE");
-  info_command->callback([&] { action = [&options] { return info(options, file); }; });
+  info_command->callback([&] {
+    action = [&options] {
+      return look("the look into the map", file, [&](const Image& image, const auto& walk) {
+        return info(options, file, image, walk);
+      });
+    };
+  });
 
   CLI::App* tree_command = map.add_subcommand("tree", "The folders of the map");
-  tree_command->add_option("PATH", path, "where to begin, relative to the share")->default_str("/");
-  tree_command->add_option("--depth", depth, "levels below it")
-      ->check(CLI::Range(0, 10000))
-      ->capture_default_str();
+  tree_command->add_option("PATH", wish.path, "where to begin, relative to the share")
+      ->default_str("/");
+  auto* depth = tree_command->add_option("--depth", wish.depth, "levels below it")
+                    ->check(CLI::Range(0, 10000))
+                    ->capture_default_str();
+  auto* page = tree_command->add_flag(
+      "--children", wish.page.is_wanted,
+      "the folders in it, by name, with how many are in each and whether it has own entries");
+  auto* behind =
+      tree_command->add_option("--after", after, "only those behind this name")->type_name("NAME");
+  tree_command->add_option("--limit", wish.page.limit, "folders of a page")
+      ->check(CLI::Range(1U, 100000U))
+      ->capture_default_str()
+      ->needs(page);
+  behind->needs(page);
+  page->excludes(depth);
   tree_command->add_option("--file", file, "look at a local copy instead of the current table")
       ->type_name("FILE");
-  tree_command->callback([&] {
+  tree_command->callback([&, behind] {
+    if (behind->count() > 0) wish.page.after = after;
+    if (wish.path.empty()) wish.path = "/";
     action = [&options] {
-      return survive("the walk through the map",
-                     [&options] { return tree(options, path.empty() ? "/" : path, depth, file); });
+      return look("the walk through the map", file, [&](const Image& image, const auto& walk) {
+        return tree(options, wish, image, walk);
+      });
     };
   });
 
@@ -294,7 +329,9 @@ void add_map_inspect_commands(CLI::App& map, Options& options, Action& action) {
       ->type_name("FILE");
   acl_command->callback([&] {
     action = [&options] {
-      return survive("the look into the map", [&options] { return acl(options, path, file); });
+      return look("the look into the map", file, [&](const Image& image, const auto& walk) {
+        return acl(options, path, image, walk);
+      });
     };
   });
 
@@ -302,10 +339,12 @@ void add_map_inspect_commands(CLI::App& map, Options& options, Action& action) {
                     {{"tavrixctl map info", "the map in force, and its tables"},
                      {"tavrixctl map info --file /etc/tavrix/.permbe_map", "the local copy"},
                      {"tavrixctl --json map info", "the same, for a program"}});
-  cli::add_examples(*tree_command,
-                    {{"tavrixctl map tree", "the topmost folders"},
-                     {"tavrixctl map tree Shared --depth 1", "the folders in Shared"},
-                     {"tavrixctl --json map tree Shared", "the same, for a program"}});
+  cli::add_examples(
+      *tree_command,
+      {{"tavrixctl map tree", "the topmost folders"},
+       {"tavrixctl map tree Shared --depth 1", "the folders in Shared"},
+       {"tavrixctl map tree Shared --children --after M --limit 50", "fifty of them, behind M"},
+       {"tavrixctl --json map tree Shared", "the same, for a program"}});
   cli::add_examples(*acl_command,
                     {{"tavrixctl map acl Shared/Team", "who may do what in a folder"},
                      {"tavrixctl --json map acl Shared/Team", "the same, for a program"}});

@@ -20,7 +20,8 @@ bool is_sound(const Image& image, const std::string& advice, cli::ProgressBar& b
   });
   bar.clear();
   if (findings.errors() == 0) return true;
-  complain("{}: the image is broken; \"tavrixctl map {}\" shows why", image.origin(), advice);
+  complain_as(code::kMapBroken, "{}: the image is broken; \"tavrixctl map {}\" shows why",
+              image.origin(), advice);
   return false;
 }
 

@@ -11,6 +11,7 @@
 #include <iterator>
 
 #include "perm_map.h"
+#include "tools/ctl/commands.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/mapcheck/verify.hpp"
 #include "tools/mapload/load.hpp"
@@ -29,6 +30,10 @@ TableState table_state(int key) {
   return state;
 }
 
+void complain_broken(const Image& image) {
+  complain_as(code::kMapBroken, "{}: the image is broken; \"tavrixctl map verify{}\" shows why",
+              image.origin(), image.table_id() ? "" : " " + image.origin());
+}
 std::string text_of(const char* field, std::size_t size) { return {field, strnlen(field, size)}; }
 
 }  // namespace
@@ -57,7 +62,8 @@ void tell(const mapload::Report& report) {
 std::optional<Image> Image::current() {
   const MapState state = map_state();
   if (state.set == -1) {
-    complain("there is no map: the semaphores are missing; \"tavrixctl map import\" makes them");
+    complain_as(code::kNoMap,
+                "there is no map: the semaphores are missing; \"tavrixctl map import\" makes them");
     return std::nullopt;
   }
   if (state.current != 0 && state.current != 1) {
@@ -66,7 +72,8 @@ std::optional<Image> Image::current() {
   }
   const TableState& table = state.tables[state.current];
   if (table.shmid == -1) {
-    complain(
+    complain_as(
+        code::kNoMap,
         "there is no map: table {} is missing; \"tavrixctl map import\" or \"map restore\" makes "
         "one",
         state.current);
@@ -80,6 +87,7 @@ std::optional<Image> Image::current() {
     return std::nullopt;
   }
   image.table_bytes_ = table.bytes;
+  image.table_id_ = table.shmid;
   return image;
 }
 
@@ -109,11 +117,14 @@ std::optional<Image> Image::file(const std::string& path) {
 std::optional<Image> Image::sound(const std::string& path) {
   auto image = path.empty() ? current() : file(path);
   if (image && mapcheck::verify(image->bytes()).errors() > 0) {
-    complain("{}: the image is broken; \"tavrixctl map verify {}\" shows why", image->origin(),
-             path);
+    complain_broken(*image);
     return std::nullopt;
   }
   return image;
+}
+
+std::optional<Image> Image::to_walk(const std::string& path) {
+  return path.empty() ? current() : sound(path);
 }
 
 Image Image::view(std::span<const std::byte> bytes, std::string origin) {
@@ -128,6 +139,20 @@ std::span<const std::byte> Image::bytes() const {
   if (imported_) return imported_.bytes();
   if (table_) return {static_cast<const std::byte*>(table_.get()), table_bytes_};
   return content_;
+}
+
+int walk_through(const Image& image, const std::function<int(const mapcheck::Walk&)>& work) {
+  try {
+    return work(mapcheck::Walk(image.bytes()));
+  } catch (const mapcheck::Broken&) {
+    complain_broken(image);
+    return kFailure;
+  }
+}
+
+void set_map(json::Json& json, const Image& image, const mapcheck::Walk& walk) {
+  json["generation"] = uint32_t{walk.header().generationnum};
+  if (image.table_id()) json["table_id"] = *image.table_id();
 }
 
 Json json_of_header(const tavrix_be_header& header) {

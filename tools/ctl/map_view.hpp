@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -12,6 +13,7 @@
 #include "internal/scoped.hpp"
 #include "permissions/map/image.hpp"
 #include "tools/json/document.hpp"
+#include "tools/mapcheck/walk.hpp"
 #include "tools/mapload/private_import.hpp"
 #include "tools/mapload/report.hpp"
 
@@ -46,15 +48,21 @@ class Image {
   // These two complain and return nothing when there is no image.
   static std::optional<Image> current();
   static std::optional<Image> file(const std::string& path);
-  // The file, or the current table when the path is empty. The image is verified first, so that it
-  // can be walked.
+  // The file, or the current table when the path is empty. The image is verified first, so that the
+  // library may be asked about it.
   static std::optional<Image> sound(const std::string& path);
+  // The same for walk_through(). A file is verified first; of the current table, which may be
+  // large, the walk checks what it reads.
+  static std::optional<Image> to_walk(const std::string& path);
 
   // An image in memory that somebody else has, and keeps for longer.
   static Image view(std::span<const std::byte> bytes, std::string origin);
 
   [[nodiscard]] std::span<const std::byte> bytes() const;
   [[nodiscard]] const std::string& origin() const { return origin_; }
+  // The kernel's number of the table, by which a reader of several answers sees that the map is
+  // another one. Nothing for an image that is no table.
+  [[nodiscard]] std::optional<int> table_id() const { return table_id_; }
 
  private:
   Image() = default;
@@ -62,10 +70,16 @@ class Image {
   mapload::SharedMemory imported_;
   ShmAttachment table_;
   std::size_t table_bytes_ = 0;
+  std::optional<int> table_id_;
   std::vector<std::byte> content_;
   std::span<const std::byte> viewed_;
 };
 
+// Does work that walks through the image. Complains when the image is broken where the work looks.
+int walk_through(const Image& image, const std::function<int(const mapcheck::Walk&)>& work);
+
+// Adds what tells maps apart: "generation", and "table_id" for the current table.
+void set_map(json::Json& json, const Image& image, const mapcheck::Walk& walk);
 // The header of an image for the documents of --json.
 json::Json json_of_header(const tavrix_be_header& header);
 

@@ -25,9 +25,22 @@ std::string name_by_id(Lookup lookup, char* Entry::*name) {
 
 }  // namespace
 
-void complain(std::string_view text) {
+void print(const Json& json) {
+  note_document();
+  json::print(json);
+}
+
+void print_line(const Json& json) {
+  note_line();
+  json::print_line(json);
+}
+
+void complain_as(const char* code, std::string_view text) {
+  note_error(code, std::string(text));
   service::say(service::Tone::kError, "tavrixctl: " + std::string(text));
 }
+
+void complain(std::string_view text) { complain_as(code::kFailed, text); }
 
 void warn(std::string_view text) {
   service::say(service::Tone::kWarning, "tavrixctl: " + std::string(text));

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "tools/ctl/error_document.hpp"
 #include "tools/json/document.hpp"
 #include "tools/mapcheck/findings.hpp"
 
@@ -13,17 +14,28 @@ namespace tavrix::ctl {
 
 using json::document;
 using json::Json;
-using json::print;
 using json::set_bytes;
 
+// Print the answer of a command, or a line of one that answers in lines.
+void print(const Json& json);
+void print_line(const Json& json);
+
 // These print one line on standard error: an error, because of which the command did not do its
-// work, or a warning about something that it did all the same.
+// work, or a warning about something that it did all the same. The error is the one of the error
+// document, under its code.
+void complain_as(const char* code, std::string_view text);
 void complain(std::string_view text);
 void warn(std::string_view text);
 
 template <typename... Arguments>
 void complain(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
   complain(std::string_view(fmt::format(format, std::forward<Arguments>(arguments)...)));
+}
+
+template <typename... Arguments>
+void complain_as(const char* code, fmt::format_string<Arguments...> format,
+                 Arguments&&... arguments) {
+  complain_as(code, std::string_view(fmt::format(format, std::forward<Arguments>(arguments)...)));
 }
 
 // The text for a terminal, with escapes for control characters.

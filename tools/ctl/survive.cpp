@@ -28,6 +28,7 @@ namespace {
   } catch (const std::exception& error) {
     complain("{}", error.what());
   }
+  print_error_document(code);
   std::fflush(nullptr);
   const bool is_told = write(pipe_end, &code, sizeof code) == sizeof code;
   _exit(is_told ? code : kFailure);
@@ -77,7 +78,7 @@ int survive(const std::string& name, const Action& work) {
   int status = 0;
   while (waitpid(child, &status, 0) == -1 && errno == EINTR) continue;
   if (length == sizeof code) return code;
-  complain("{} ended before an answer, {}: {}", name, end_of(status), advice());
+  complain_as(code::kEnded, "{} ended before an answer, {}: {}", name, end_of(status), advice());
   return kFailure;
 }
 

@@ -57,7 +57,8 @@ int who(const Options& options, const Words& words) {
   const explain::Groups groups = past ? past->groups : explain::current_groups();
   if (past) asked->question.map = past->image.bytes().data();
   if (groups.state != explain::Groups::State::kRead) {
-    complain(
+    complain_as(
+        code::kNoGroupMap,
         "there is no group list map that can be read; \"tavrixctl groupmap verify\" says more");
     return kFailure;
   }

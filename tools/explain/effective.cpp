@@ -3,52 +3,54 @@
 
 #include <string_view>
 
-#include "perm_utils.h"
-#include "permissions/map/image.hpp"
-
 namespace tavrix::explain {
 namespace {
 
 constexpr uint32_t kNobody = 0xFFFFFFFEU;  // an id that no entry is about
 
+using mapcheck::Walk;
+
+std::string below(const std::string& path, std::string_view name) {
+  return path.empty() ? std::string(name) : path + "/" + std::string(name);
+}
+
 class Tree {
  public:
-  Tree(const Person& person, const void* map, const TreeWish& wish) : view_(map), wish_(wish) {
+  Tree(const Person& person, const Map& map, const TreeWish& wish) : map_(map), wish_(wish) {
     question_.person = person;
     question_.op = FSOP_STAT;
     question_.type = FSTYPE_FOLDER;
-    question_.map = map;
+    question_.map = map.image;
   }
 
-  [[nodiscard]] std::vector<SeenFolder> seen() {
-    uint32_t top = 0;
-    if (find_top(top)) visit(top, wish_.path, 0);
+  [[nodiscard]] std::vector<SeenFolder> seen(const Walk::Folder& top) {
+    map_.walk.vouch_for(top);
+    visit(top, wish_.path, 0);
+    return std::move(seen_);
+  }
+
+  [[nodiscard]] std::vector<SeenFolder> children(const Walk::Folder& top,
+                                                 const std::vector<std::string_view>& names) {
+    map_.walk.vouch_for(top);
+    for (const std::string_view name : names) seen_.push_back(look_at(below(wish_.path, name), 1));
     return std::move(seen_);
   }
 
  private:
-  [[nodiscard]] bool find_top(uint32_t& offset) const {
-    path_array* parts = nullptr;
-    get_path_elem_smb4(wish_.path.c_str(), static_cast<uint32_t>(wish_.path.size() + 1), &parts);
-    const bool is_found =
-        find_fselem_fromname(const_cast<void*>(question_.map), parts, &offset) == SHM_MEMBE_OK;
-    cleanup_path_array_smb4(&parts);
-    return is_found;
-  }
-
   // Adds the folder and what is below it; takes it back if nothing there is to be shown. The depth
   // of the tree that was asked for bounds the recursion.
-  bool visit(uint32_t offset, const std::string& path, int level) {
+  bool visit(const Walk::Folder& folder, const std::string& path, int level) {
+    const Walk& walk = map_.walk;
     const std::size_t place = seen_.size();
+    static_cast<void>(walk.entries_of(folder));  // which the decision reads
     seen_.push_back(look_at(path, level));
     bool is_shown = is_wanted(seen_.back());
-    const fs_elem_s& folder = view_.fselem(offset);
-    if (level < wish_.depth && (folder.flags & FSELEM_FLAG_NO_CHILD_LIST) == 0) {
-      const child_list_s& list = view_.children_of(folder);
-      for (uint32_t slot = 0; slot < list.num_children; ++slot) {
-        const uint32_t child = ImageView::child_at(list, slot);
-        const std::string_view name = ImageView::text_of(view_.name_of(view_.fselem(child)));
-        if (visit(child, path + "/" + std::string(name), level + 1)) is_shown = true;
+    if (level < wish_.depth) {
+      if (level > 0) walk.vouch_for_next(folder);
+      const auto children = walk.children_of(folder);
+      for (uint32_t slot = 0; slot < children.size; ++slot) {
+        const Walk::Folder child = walk.child(folder, children, slot);
+        if (visit(child, below(path, walk.name_of(child)), level + 1)) is_shown = true;
       }
     }
     if (!is_shown) seen_.resize(place);
@@ -66,7 +68,7 @@ class Tree {
     return wish_.only_writable ? is_writable : folder.is_visible || is_writable;
   }
 
-  const ImageView view_;
+  const Map& map_;
   const TreeWish& wish_;
   Question question_;
   std::vector<SeenFolder> seen_;
@@ -74,8 +76,23 @@ class Tree {
 
 }  // namespace
 
-std::vector<SeenFolder> tree_for(const Person& person, const void* map, const TreeWish& wish) {
-  return Tree(person, map, wish).seen();
+std::vector<SeenFolder> tree_for(const Person& person, const Map& map, const TreeWish& wish) {
+  const auto top = map.walk.find(wish.path);
+  if (!top.exact) return {};
+  return Tree(person, map, wish).seen(top.folder);
+}
+
+std::vector<SeenFolder> children_for(const Person& person, const Map& map,
+                                     const Walk::Folder& folder,
+                                     const std::vector<std::string_view>& names) {
+  TreeWish wish;
+  wish.path = map.walk.path_of(folder).substr(1);
+  // The decision reads the entries of each.
+  const auto children = map.walk.children_of(folder);
+  for (uint32_t slot = 0; slot < children.size; ++slot) {
+    static_cast<void>(map.walk.entries_of(map.walk.child(folder, children, slot)));
+  }
+  return Tree(person, map, wish).children(folder, names);
 }
 
 Person member_of(uint32_t gid, uint32_t power_users) {

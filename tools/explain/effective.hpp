@@ -3,9 +3,11 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools/explain/witness.hpp"
+#include "tools/mapcheck/walk.hpp"
 
 namespace tavrix::explain {
 
@@ -22,10 +24,22 @@ struct TreeWish {
   bool only_writable = false;
 };
 
+// An image and the walk through it. What the library reads of it is checked before; a record that
+// is not sound throws.
+struct Map {
+  const void* image;
+  const mapcheck::Walk& walk;
+};
+
 // The folders that the person sees or may write, and those on the way to them, in the order of the
-// map. The image must be sound.
-[[nodiscard]] std::vector<SeenFolder> tree_for(const Person& person, const void* map,
+// map. None if the map does not have the path.
+[[nodiscard]] std::vector<SeenFolder> tree_for(const Person& person, const Map& map,
                                                const TreeWish& wish);
+
+// Folders of these names in a folder, also those that the person does not meet.
+[[nodiscard]] std::vector<SeenFolder> children_for(const Person& person, const Map& map,
+                                                   const mapcheck::Walk::Folder& folder,
+                                                   const std::vector<std::string_view>& names);
 
 // A member of one group, and of the power users, who has no entry of its own.
 [[nodiscard]] Person member_of(uint32_t gid, uint32_t power_users);
