@@ -1,0 +1,571 @@
+# SPDX-License-Identifier: LGPL-3.0-or-later
+"""The page in Cockpit as people use it. world.sh runs this in its private world."""
+import json
+import os
+import shutil
+import subprocess
+import sys
+import time
+import unittest
+
+sys.path.insert(0, os.path.dirname(__file__))
+from browser import Browser  # noqa: E402
+
+SOURCES = os.environ["TAVRIX_SOURCES"]
+AXE = SOURCES + "/page/node_modules/axe-core/axe.min.js"
+PICTURES = SOURCES + "/docs/pictures"
+ROOT = "http://127.0.0.1:9090/cockpit/@localhost/tavrix/index.html#/"
+LOGIN = "http://127.0.0.1:9091/tavrix"
+TOOL = "/usr/local/sbin/tavrixctl"
+LOADER = "/usr/local/sbin/tavrix-loader"
+
+
+def ctl(*words, check=True):
+    done = subprocess.run(["tavrixctl", *words], capture_output=True, text=True)
+    if check and done.returncode == 2:
+        raise RuntimeError(done.stderr)
+    return done
+
+
+def team():
+    """The example's map, and who is in which group."""
+    ctl("map", "import", "/scratch/size.json", "/scratch/data.json")
+    groups = {"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002},
+              "users": {"anna": [9002, 9010], "ben": [9002, 9011], "carol": [9001]}}
+    with open("/scratch/groups.json", "w") as file:
+        json.dump(groups, file)
+    ctl("groupmap", "build", "/scratch/groups.json", "-o", "/etc/tavrix/groupmap_refresh")
+
+
+class PageTest(unittest.IsolatedAsyncioTestCase):
+    browser = None
+
+    @classmethod
+    def setUpClass(cls):
+        PageTest.browser = PageTest.browser or Browser()
+
+    def setUp(self):
+        team()
+
+    async def open(self, place):
+        self.page = await self.browser.page(ROOT + place)
+        self.addAsyncCleanup(self.leave, self.page)
+        return self.page
+
+    async def leave(self, page):
+        await page.close()
+        self.assertEqual([], page.exceptions)
+
+    async def select(self, path):
+        await self.page.click(f"document.querySelector('[data-path={json.dumps(path)}]')")
+
+    def rows(self):
+        return self.page.js("[...document.querySelectorAll('.tree [role=treeitem]')].map(e => e.dataset.path)")
+
+    def error(self):
+        return self.page.until("document.querySelector('.error-note')?.dataset.code")
+
+
+class StatusView(PageTest):
+    async def test_has_one_verdict_and_what_to_do(self):
+        page = await self.open("status")
+        await page.until("document.querySelector('#verdict')")
+        status = json.loads(ctl("--json", "status", check=False).stdout)
+        words = {"well": "All is well", "warning": "Something needs attention", "critical": "Something is wrong"}
+        self.assertIn(words[status["level"]], await page.text("#verdict"))
+        text = await page.text()
+        self.assertGreater(len(status["findings"]), 0)
+        for finding in status["findings"]:
+            self.assertIn(finding["advice"], text)
+
+    async def test_has_a_card_for_each_topic(self):
+        page = await self.open("status")
+        await page.until_text("Alarms to the agent")
+        text = await page.text()
+        for part in ("Map\n", "8 folders, 11 entries", "Services", "loader", "Event buffer", "Files that wait", "Space"):
+            self.assertIn(part, text)
+
+    async def test_follows_the_state(self):
+        page = await self.open("status")
+        await page.until_text("8 folders")
+        ctl("map", "remove", "--yes")
+        await page.until_text("No map is loaded.")
+
+    async def test_asks_nothing_while_nobody_looks(self):
+        page = await self.open("status")
+        await page.until_text("8 folders")
+        await page.js("(() => { window.asked = 0; const spawn = cockpit.spawn; cockpit.spawn = (...a) => { asked += 1; return spawn(...a); };"
+                      "Object.defineProperty(cockpit, 'hidden', { value: true, configurable: true });"
+                      "cockpit.dispatchEvent('visibilitychange'); })()")
+        await page.js("new Promise(done => setTimeout(done, 11000))")
+        self.assertEqual(0, await page.js("asked"))
+        await page.js("(() => { Object.defineProperty(cockpit, 'hidden', { value: false }); cockpit.dispatchEvent('visibilitychange'); })()")
+        await page.until("asked > 0")
+
+
+class PermissionsView(PageTest):
+    async def test_is_a_tree_that_keys_walk(self):
+        page = await self.open("permissions")
+        await page.until("document.querySelector('[data-path=Private]')")
+        await page.js("document.querySelector('.tree').focus()")
+        for key in ("Home", "ArrowDown", "ArrowRight"):
+            await page.press(key)
+        await page.until("document.querySelector('[data-path=\"Shared/Design\"]')")
+        self.assertEqual(["Private", "Shared", "Shared/Design", "Shared/Finance"], await self.rows())
+        await page.press("ArrowDown")
+        await page.press("Enter")
+        await page.until_text("Shared/Design", "#folder")
+        self.assertEqual("#/permissions?path=Shared%2FDesign", await page.js("location.hash"))
+        await page.press("ArrowRight")
+        await page.until("document.querySelector('[data-path=\"Shared/Design/Drafts\"]')")
+        self.assertEqual("true", await page.js("document.querySelector('[data-path=\"Shared/Design\"]').getAttribute('aria-expanded')"))
+        await page.press("ArrowLeft")
+        await page.until("!document.querySelector('[data-path=\"Shared/Design/Drafts\"]')")
+        await page.press("ArrowLeft")
+        await page.until("document.querySelector('.tree__row--active').dataset.path === 'Shared'")
+
+    async def test_says_how_many_folders_and_whose_entries(self):
+        page = await self.open("permissions?path=Shared/Design/Drafts")
+        await page.until("document.querySelector('[data-path=\"Shared/Design/Drafts\"]')")
+        row = "document.querySelector('[data-path=%s]').innerText"
+        self.assertIn("inherits", await page.js(row % '"Shared/Design/Drafts"'))
+        design = await page.js(row % '"Shared/Design"')
+        self.assertIn("3 own entries, 3 folders", design.replace("\n", " "))
+
+    async def test_shows_where_entries_come_from(self):
+        page = await self.open("permissions?path=Shared/Design/Drafts")
+        await page.until_text("/Shared/Design", ".source")
+        self.assertIn("anna (1005)", await page.text())
+        await page.click_text("/Shared/Design")
+        await page.until_text("own entries", ".source")
+        await page.until("location.hash === '#/permissions?path=Shared%2FDesign'")
+
+    async def test_takes_paths_as_people_type_them(self):
+        page = await self.open("permissions")
+        await page.fill("Path", "\\Shared\\Finance")
+        await page.until("location.hash.endsWith('path=Shared%2FFinance')")
+        await page.until("document.querySelector('[aria-selected=true]')?.dataset.path === 'Shared/Finance'")
+
+    async def test_says_that_a_folder_is_not_in_the_map(self):
+        page = await self.open("permissions?path=Shared/Design/Nowhere")
+        await page.until_text("The map does not have Shared/Design/Nowhere. /Shared/Design stands in for it")
+        self.assertEqual("not-in-map", await self.error())
+
+    async def test_finds_folders(self):
+        page = await self.open("permissions")
+        await page.fill("Find folders", "GALL")
+        await page.until_text("1 folder", "#matches")
+        await page.click_text("Shared/Design/Gallery")
+        await page.until("document.querySelector('[aria-selected=true]')?.dataset.path === 'Shared/Design/Gallery'")
+        await page.fill("Find folders", "no such thing")
+        await page.until_text("No folder has this in its name.")
+
+    async def test_shows_the_tree_as_a_user(self):
+        page = await self.open("permissions?path=Shared/Design/Board&as=ben")
+        await page.until_text("not seen", "[data-path=\"Shared/Design/Board\"]")
+        await page.until_text("r----", "[data-path=\"Shared/Design\"]")
+        await page.fill("As user", "anna")
+        await page.until_text("rwd--", "[data-path=\"Shared/Design\"]")
+        self.assertIn("as=anna", await page.js("location.hash"))
+
+    async def test_says_why(self):
+        page = await self.open("permissions?path=Shared/Design&tab=why&user=ben&op=write")
+        self.assertEqual("refused", await page.until("document.querySelector('[data-verdict]')?.dataset.verdict"))
+        answer = json.loads(ctl("--json", "check", "--user", "ben", "write", "Shared/Design", check=False).stdout)
+        text = await page.text(".why")
+        self.assertIn(answer["reason"], text)
+        self.assertIn("write for Group 9011 on", text)
+        self.assertIn("power user", text)
+        await page.choose("Operation", "read")
+        await page.until("document.querySelector('[data-verdict]')?.dataset.verdict === 'granted'")
+        self.assertIn("op=read", await page.js("location.hash"))
+
+    async def test_says_who_can(self):
+        page = await self.open("permissions?path=Shared/Design&tab=who&op=read")
+        await page.until_text("3 of 3 users may", ".who")
+        text = await page.text(".who")
+        for part in ("anna", "ben", "carol", "administrator", "9011"):
+            self.assertIn(part, text)
+        await page.choose("Operation", "write")
+        await page.until_text("May not: 1 user", ".who")
+
+    async def test_compares_two_users(self):
+        page = await self.open("permissions?path=Shared&tab=compare&user=anna&other=ben")
+        await page.until_text("differs")
+        rows = await page.js("[...document.querySelectorAll('[aria-label=Compare] tbody tr')].map(r => r.innerText)")
+        self.assertIn("rwd--", rows[0])
+        self.assertIn("r----", rows[0])
+        self.assertIn("differs", rows[0])
+
+    async def test_notices_another_map_and_keeps_the_path(self):
+        page = await self.open("permissions?path=Shared/Design")
+        await page.until("document.querySelector('[data-path=\"Shared/Finance\"]')")
+        ctl("map", "import", "/scratch/size.json", "/scratch/data.json")
+        await self.select("Shared/Finance")
+        await page.until("document.querySelector('#map-changed')")
+        await page.click_text("Reload")
+        await page.until("!document.querySelector('#map-changed')")
+        await page.until("document.querySelector('[aria-selected=true]')?.dataset.path === 'Shared/Finance'")
+
+    async def test_has_names_of_any_kind(self):
+        wide = [{"DIR": name} for name in ("<b>x<b>", "caf\u00e9", "a & b", "--children", "-x", "100%")]
+        make_map(wide)
+        page = await self.open("permissions")
+        await page.until("document.querySelectorAll('.tree [role=treeitem]').length === 6")
+        self.assertEqual(0, await page.js("document.querySelectorAll('.tree b').length"))
+        for name in ("<b>x<b>", "caf\u00e9", "a & b", "100%", "--children", "-x"):
+            await self.select(name)
+            await page.until_text(name, "#folder")
+            await page.until_text("Inherited from", ".source")
+        self.assertEqual("", await page.text(".error-note"))
+
+
+def make_map(children):
+    """Makes a map of these folders current."""
+    write_pair(children, "/scratch/s.json", "/scratch/d.json")
+    ctl("map", "import", "--trust", "/scratch/s.json", "/scratch/d.json")
+
+
+def write_pair(children, size_file, data_file):
+    sums = {"folders": 0, "aces": 0, "bytes": 0}
+
+    def item(folder):
+        users, groups = folder.get("users", {}), folder.get("groups", {})
+        below = folder.get("children", [])
+        sums["folders"] += 1
+        sums["aces"] += len(users) + len(groups)
+        sums["bytes"] += len(folder["DIR"].encode()) + 1
+        made = {"DIR": folder["DIR"], "ACL": [{"NUMUSERS": len(users)}, {"NUMGROUPS": len(groups)}, {"USERS": users}, {"GROUPS": groups}]}
+        made["CHILDREN"] = [{"NUMCHILDREN": len(below)}] + [item(each) for each in below]
+        return made
+
+    data = [{"NUMCHILDREN": 1}, item({"DIR": "/", "groups": {"9003": 1}, "children": children})]
+    size = {"MAPNAME": "test", "VERSION": "1.0", "GENERATIONNUM": 7, "TIMESTAMP": 1700000000,
+            "TOTALFSELEMS": sums["folders"], "TOTALACES": sums["aces"], "TOTALNAMELEN": sums["bytes"]}
+    for name, document in ((size_file, size), (data_file, data)):
+        with open(name, "w") as file:
+            json.dump(document, file)
+
+
+class WideFolders(PageTest):
+    async def test_load_page_by_page_as_they_are_scrolled(self):
+        make_map([{"DIR": f"folder {number:05}"} for number in range(1000)])
+        page = await self.open("permissions")
+        await page.until("document.querySelector('[data-path=\"folder 00000\"]')")
+        self.assertLess(await page.js("document.querySelectorAll('.tree [role=treeitem]').length"), 60)
+        await page.js("document.querySelector('.tree').focus()")
+        for _ in range(6):
+            await page.press("End")
+            await page.js("new Promise(done => setTimeout(done, 300))")
+        await page.until("(document.querySelector('.tree').dispatchEvent(new Event('scroll')), document.querySelector('[data-path=\"folder 00999\"]'))")
+        self.assertLess(await page.js("document.querySelectorAll('.tree [role=treeitem]').length"), 60)
+
+    async def test_show_a_folder_beyond_the_first_page(self):
+        make_map([{"DIR": f"folder {number:05}", "children": [{"DIR": "in"}]} for number in range(1000)])
+        page = await self.open("permissions?path=folder%2000900/in")
+        await page.until("document.querySelector('[aria-selected=true]')?.dataset.path === 'folder 00900/in'")
+
+
+def hand_over(children):
+    """A map comes from the agent; the loader holds one that removes more than a tenth of the folders."""
+    with open("/etc/tavrix/tavrix.conf", "w") as file:
+        file.write("[LOADER]\nhold removed folders pct = 10\n")
+    os.makedirs("/scratch/inbox", exist_ok=True)
+    write_pair(children, "/scratch/inbox/size.json", "/scratch/inbox/data.json")
+    loader = subprocess.run([LOADER, "--dir", "/scratch/inbox", "--settings", "/etc/tavrix/tavrix.conf", "--once"],
+                            capture_output=True, text=True)
+    return loader.stderr
+
+
+class Million(PageTest):
+    """A million folders. It prints how long answers take, beside the bare call of the tool."""
+
+    async def took(self, action, ready):
+        """Milliseconds from an action to what it shows, as the browser sees it."""
+        return await self.page.js(f"""new Promise(done => {{
+            const start = performance.now();
+            {action};
+            const look = () => {ready} ? done(performance.now() - start) : requestAnimationFrame(look);
+            look();
+        }})""")
+
+    @staticmethod
+    def told(name, times):
+        times = sorted(times)
+        print(f"  {name}: median {times[len(times) // 2]:.0f} ms, worst {times[-1]:.0f} ms of {len(times)}", file=sys.stderr)
+
+    @staticmethod
+    def bare(*words):
+        start = time.perf_counter()
+        ctl("--json", *words)
+        return (time.perf_counter() - start) * 1000
+
+    async def test_is_opened_scrolled_and_searched(self):
+        subprocess.run(["tavrix-sample-tree", "--folders", "1000000", "/scratch/s.json", "/scratch/d.json"], check=True, capture_output=True)
+        ctl("--no-progress", "map", "import", "--trust", "/scratch/s.json", "/scratch/d.json")
+        firsts = []
+        for _ in range(5):
+            page = await self.open("permissions?path=Shared")
+            await page.until("document.querySelector('[data-path=Shared]')")
+            firsts.append(await page.js("performance.getEntriesByName('first-rows')[0]?.startTime ?? performance.now()"))
+        self.told("first rows after the address", firsts)
+        names = [child["name"] for child in json.loads(ctl("--json", "map", "tree", "Shared", "--children").stdout)["children"]]
+        await page.js("document.querySelector('[data-path=Shared] .tree__toggle').click()")
+        await page.until(f"document.querySelector('[data-path={json.dumps('Shared/' + names[0])}]')")
+        opened, chosen, tool = [], [], []
+        path = "Shared"
+        for number in range(25):
+            path += "/" + names[number % len(names)]
+            row = f"document.querySelector('[data-path={json.dumps(path)}]')"
+            await page.until(row)
+            chosen.append(await self.took(f"{row}.click()", f"document.querySelector('#folder').innerText === {json.dumps(path)} && document.querySelector('[aria-selected=true]')"))
+            opened.append(await self.took(f"{row}.querySelector('.tree__toggle').click()", f"{row}?.getAttribute('aria-expanded') === 'true' && !document.querySelector('.tree [aria-busy=true]')"))
+            tool.append(self.bare("map", "tree", path, "--children"))
+            children = json.loads(ctl("--json", "map", "tree", path, "--children").stdout)["children"]
+            names = [child["name"] for child in children if child["child_count"] > 0]
+            if not names:
+                path, names = "Shared", [child["name"] for child in json.loads(ctl("--json", "map", "tree", "Shared", "--children").stdout)["children"]]
+        self.told("a folder is chosen", chosen)
+        self.told("a folder is opened", opened)
+        self.told("the tool's call for it", tool)
+        await page.fill("Find folders", "drawings")
+        await page.until_text("the first 200 are shown", "#matches")
+        self.told("the tool's search", [self.bare("map", "find", "drawings") for _ in range(10)])
+        self.assertEqual(200, await page.js("document.querySelectorAll('.results li').length"))
+
+
+class MapsView(PageTest):
+    def setUp(self):
+        shutil.rmtree("/etc/tavrix/maps", ignore_errors=True)
+        super().setUp()
+
+    async def test_shows_the_current_map_and_those_before(self):
+        make_map([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        await page.until_text("2 folders, 1 entry")
+        await page.until("document.querySelectorAll('[aria-label=\"Kept maps\"] tbody tr').length === 2")
+        text = await page.text("[aria-label='Kept maps']")
+        self.assertIn("in force", text)
+        self.assertIn("imported", text)
+        self.assertIn("No map was refused.", await page.text())
+
+    async def test_shows_what_changed_since(self):
+        number = json.loads(ctl("--json", "map", "history").stdout)["maps"][-1]["map"]
+        make_map([{"DIR": "Shared", "users": {"1005": 3}}])
+        page = await self.open("maps")
+        await page.click_text(f"Compare map {number}")
+        await page.until(f"location.hash === '#/maps?diff=kept-{number}'")
+        await page.until_text("Removed folders", ".difference")
+        await page.until_text("anna (1005)", ".difference")
+        await page.click_text("Close")
+        await page.until("!document.querySelector('.difference')")
+
+    async def test_goes_back_to_a_map_after_a_question(self):
+        number = json.loads(ctl("--json", "map", "history").stdout)["maps"][-1]["map"]
+        make_map([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        await page.click_text(f"Go back to map {number}")
+        await page.until_text("becomes the current map again", "[role=dialog]")
+        self.assertEqual([], await page.violations(AXE))
+        await page.click_text("Cancel")
+        await page.until("!document.querySelector('[role=dialog]')")
+        self.assertEqual(2, json.loads(ctl("--json", "map", "info").stdout)["map"]["folders"])
+        await page.click_text(f"Go back to map {number}")
+        await page.click(f"[...document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === 'Go back to map {number}')")
+        await page.until_text("8 folders, 11 entries")
+        self.assertEqual(8, json.loads(ctl("--json", "map", "info").stdout)["map"]["folders"])
+
+    async def test_shows_a_held_map_and_approves_it(self):
+        hand_over([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        await page.until_text("A map is held until somebody approves it", "#held")
+        held = json.loads(ctl("--json", "map", "history").stdout)["held"]
+        self.assertIn(held["reason"], await page.text("#held"))
+        for is_dark in (False, True):
+            if is_dark:
+                await page.dark()
+            self.assertEqual([], await page.violations(AXE))
+        await page.click_text("Show what it changes")
+        await page.until_text("Shared/Design", ".difference")
+        await page.click_text("Approve")
+        await page.click("[...document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === 'Approve')")
+        await page.until("!document.querySelector('#held')")
+        await page.until_text("2 folders, 1 entry")
+
+    async def test_rejects_a_held_map(self):
+        hand_over([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        await page.click_text("Reject")
+        await page.until_text("The current map stays.", "[role=dialog]")
+        await page.click("[...document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === 'Reject')")
+        await page.until("!document.querySelector('#held')")
+        self.assertEqual(8, json.loads(ctl("--json", "map", "info").stdout)["map"]["folders"])
+        self.assertNotIn("held", json.loads(ctl("--json", "map", "history").stdout))
+
+    async def test_approves_nothing_that_nobody_looked_at(self):
+        hand_over([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        await page.click_text("Approve")
+        await page.until("document.querySelector('[role=dialog]')")
+        hand_over([{"DIR": "Private"}])
+        await page.click("[...document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === 'Approve')")
+        await page.until_text("Another map is held by now.", "[role=dialog]")
+        self.assertEqual(8, json.loads(ctl("--json", "map", "info").stdout)["map"]["folders"])
+
+    async def test_says_why_a_map_was_refused(self):
+        os.makedirs("/var/lib/tavrix/maps", exist_ok=True)
+        self.addCleanup(shutil.rmtree, "/var/lib/tavrix")
+        for name in ("size", "data"):
+            with open(f"/var/lib/tavrix/maps/{name}.json", "w") as file:
+                file.write("{")
+        subprocess.run([LOADER, "--once"], capture_output=True)
+        page = await self.open("maps")
+        await page.until_text("1 refused map is kept.")
+        status = json.loads(ctl("--json", "status", check=False).stdout)
+        self.assertIn(status["map"]["inbox"]["last_reason"], await page.text())
+
+
+class Errors(PageTest):
+    async def test_the_tool_is_missing(self):
+        target = os.readlink(TOOL)
+        os.unlink(TOOL)
+        try:
+            page = await self.open("permissions")
+            self.assertEqual("tool-missing", await self.error())
+            self.assertIn("Install the package tavrix-tools", await page.text())
+        finally:
+            os.symlink(target, TOOL)
+        await page.click_text("Try again")
+        await page.until("document.querySelector('[data-path=Shared]')")
+        await page.until("!document.querySelector('.error-note')")
+
+    async def test_there_is_no_map(self):
+        ctl("map", "remove", "--yes")
+        page = await self.open("permissions")
+        self.assertEqual("no-map", await self.error())
+        await page.until_text("There is no permission map yet.")
+
+    async def test_there_is_no_group_map(self):
+        os.unlink("/etc/tavrix/groupmap_refresh")
+        page = await self.open("permissions?path=Shared&tab=who")
+        await page.until("[...document.querySelectorAll('.error-note')].some(e => e.dataset.code === 'no-group-map')")
+        await page.until("document.querySelector('[data-path=Shared]')")
+
+    async def test_the_settings_are_missing(self):
+        ctl("config", "remove", "--yes")
+        try:
+            page = await self.open("status")
+            await page.until("document.querySelector('#verdict')")
+            self.assertIn("Something is wrong", await page.text("#verdict"))
+            self.assertIn("settings", await page.text())
+        finally:
+            ctl("config", "load", SOURCES + "/packaging/tavrix.conf")
+
+    async def test_the_tool_is_killed(self):
+        with replaced_tool("#!/bin/sh\nkill -KILL $$\n"):
+            page = await self.open("maps")
+            self.assertEqual("killed", await self.error())
+            await page.until_text("The question ended before an answer.")
+
+    async def test_the_answer_is_no_document(self):
+        with replaced_tool("#!/bin/sh\necho '<html>'\n"):
+            page = await self.open("maps")
+            self.assertEqual("unreadable", await self.error())
+            await page.until_text("There is no answer.")
+
+    async def test_there_is_no_such_user(self):
+        page = await self.open("permissions?path=Shared&tab=why&user=nobody-of-this-name")
+        self.assertEqual("no-user", await self.error())
+        self.assertNotIn("Granted", await page.text())
+
+    async def test_a_slow_answer_can_be_cancelled(self):
+        with replaced_tool("#!/bin/sh\nexec sleep 60\n"):
+            page = await self.open("maps")
+            await page.click_text("Cancel")
+            await page.until("!document.querySelector('.pending') || document.querySelectorAll('.pending').length < 2")
+
+
+class replaced_tool:
+    """Another program in the place of tavrixctl."""
+
+    def __init__(self, text):
+        self.text = text
+
+    def __enter__(self):
+        self.target = os.readlink(TOOL)
+        os.unlink(TOOL)
+        with open(TOOL, "w") as file:
+            file.write(self.text)
+        os.chmod(TOOL, 0o755)
+
+    def __exit__(self, *_):
+        os.unlink(TOOL)
+        os.symlink(self.target, TOOL)
+
+
+class Everybody(PageTest):
+    PLACES = {
+        "status": "document.querySelector('#verdict')",
+        "permissions?path=Shared/Design&as=ben": "document.querySelector('.source') && document.querySelector('[data-path=\"Shared/Design\"] .rights')",
+        "permissions?path=Shared/Design&tab=why&user=ben&op=write": "document.querySelector('.why')",
+        "permissions?path=Shared/Design&tab=who": "document.querySelector('.who')",
+        "permissions?path=Shared&tab=compare&user=anna&other=ben": "document.querySelector('[aria-label=Compare]')",
+        "permissions?path=Shared/Nowhere": "document.querySelector('.error-note')",
+        "maps": "document.body?.innerText.includes('11 entries') && document.body.innerText.includes('No map was refused')",
+    }
+    NAMES = ["status", "permissions", "why", "who", "compare", "missing", "maps"]
+
+    async def test_can_use_every_view_dark_and_light(self):
+        for place, ready in self.PLACES.items():
+            page = await self.open(place)
+            await page.until(ready)
+            for is_dark in (False, True):
+                if is_dark:
+                    await page.dark()
+                with self.subTest(place=place, dark=is_dark):
+                    self.assertEqual([], await page.violations(AXE))
+
+    async def test_finds_pictures_of_the_views(self):
+        os.makedirs(PICTURES, exist_ok=True)
+        for name, (place, ready) in zip(self.NAMES, self.PLACES.items()):
+            page = await self.open(place)
+            await page.until(ready)
+            await page.until("!document.querySelector('.pending')")
+            if name in ("status", "permissions", "why", "who", "compare", "maps"):
+                await page.picture(f"{PICTURES}/page-{name}.png")
+            if name == "permissions":
+                await page.dark()
+                await page.picture(f"{PICTURES}/page-permissions-dark.png")
+
+
+class Login(PageTest):
+    async def enter(self, user, superuser):
+        before = ""
+        if superuser:
+            before = f"localStorage.setItem('superuser:{user}', '{superuser}'); localStorage.setItem('superuser-key', 'x');"
+        self.page = page = await self.browser.page(LOGIN, before)
+        self.addAsyncCleanup(self.leave, page)
+        await page.until("document.querySelector('#login-user-input')?.offsetParent")
+        for box, text in (("login-user-input", user), ("login-password-input", "secret")):
+            await page.js(f"document.getElementById('{box}').focus()")
+            await page.call("Input.insertText", text=text)
+        await page.click("document.getElementById('login-button')")
+        return page
+
+    FRAME = "[...document.querySelectorAll('iframe')].find(f => f.src.includes('/tavrix/'))?.contentDocument?.body?.innerText ?? ''"
+
+    async def test_of_an_administrator_shows_the_state(self):
+        page = await self.enter("carol", "sudo")
+        await page.until(f"({self.FRAME}).includes('8 folders, 11 entries')", 60)
+
+    async def test_of_another_says_so_and_shows_nothing_half(self):
+        page = await self.enter("dave", "")
+        await page.until(f"({self.FRAME}).includes('This page needs administrative access.')", 60)
+        self.assertNotIn("Event buffer", await page.js(self.FRAME))
+
+
+if __name__ == "__main__":
+    program = unittest.main(exit=False, verbosity=2)
+    if PageTest.browser:
+        PageTest.browser.stop()
+    sys.exit(not program.result.wasSuccessful())
