@@ -158,17 +158,35 @@ class ChangedRights : public Isolated {
     }
     return false;
   }
-  void compare() {
+  void compare(std::vector<Person> crowd_of = people()) {
     const auto old_image = build_image(before_);
     const auto new_image = build_image(after_);
     const ImageView old_map(old_image.data());
     const ImageView new_map(new_image.data());
-    const mapdiff::Crowd crowd(people(), {9001, kPowerUsers}, true);
-    changes_ = mapdiff::changed_rights(old_map, new_map, mapdiff::compare(old_map, new_map), crowd);
+    const mapdiff::Crowd crowd(std::move(crowd_of), {9001, kPowerUsers}, true);
+    changes_.clear();
+    mapdiff::tell_changed_rights(
+        old_map, new_map, mapdiff::compare(old_map, new_map), crowd,
+        [this](const RightsChange& change) { changes_.push_back(change); });
   }
   Folder before_, after_;
   std::vector<RightsChange> changes_;
 };
+
+// The map gives the account of a computer nothing, and its user the same as others.
+TEST_F(ChangedRights, TellAPersonFromAComputerOfTheSameGroups) {
+  std::vector<Person> both = people();
+  both.resize(2);
+  both[0].is_computer = true;
+  both[1].groups = both[0].groups;
+  const uint32_t gid = both[0].groups[1];
+  before_ = {.name = "/", .children = {{.name = "Shared", .children = {{.name = "Team"}}}}};
+  after_ = before_;
+  after_.children[0].children[0].groups = {{gid, 1}};
+  compare(both);
+  ASSERT_EQ(1U, changes_.size());
+  EXPECT_EQ((std::vector<Trustee>{{true, both[1].uid}}), *changes_[0].whom);
+}
 
 TEST_F(ChangedRights, AreThoseOfASimpleModelAtEveryPathForEverybody) {
   std::size_t differences = 0;

@@ -24,7 +24,7 @@ class CommandLine : public Operator {
 };
 
 const std::vector<std::string> kPrograms = {"tavrixctl", "tavrix-loader", "tavrix-sweeper",
-                                            "tavrix-historian", "tavrix-sample-tree"};
+                                            "tavrix-sample-tree"};
 
 TEST_F(CommandLine, TellsTheVersion) {
   for (const std::string& program : kPrograms) {
@@ -52,7 +52,7 @@ TEST_F(CommandLine, HelpsInTwoWays) {
 
 TEST_F(CommandLine, NamesAnUnknownCommandAndTheOneThatWasMeant) {
   expect_wrong({"mapp"}, "tavrixctl: there is no command \"mapp\"; did you mean \"map\"?");
-  expect_wrong({"stauts", "--verbose"},
+  expect_wrong({"--json", "stauts"},
                "tavrixctl: there is no command \"stauts\"; did you mean \"status\"?");
   expect_wrong({"map", "imprt", "a", "b"},
                "tavrixctl map: there is no command \"imprt\"; did you mean \"import\"?");
@@ -72,9 +72,10 @@ TEST_F(CommandLine, NamesAnUnknownOptionAndTheOneThatWasMeant) {
 TEST_F(CommandLine, SaysWhereAnOptionOfACommandGoes) {
   expect_wrong(
       {"map", "--depth", "2", "tree"},
-      "tavrixctl map: \"--depth\" goes behind the command: \"tavrixctl map tree --depth\"");
-  expect_wrong({"--depth=2", "map", "tree", "Shared"},
-               "tavrixctl: \"--depth\" goes behind the command: \"tavrixctl map tree --depth\"");
+      "tavrixctl map tree: \"--depth\" goes behind the command: \"tavrixctl map tree --depth\"");
+  expect_wrong(
+      {"--depth=2", "map", "tree", "Shared"},
+      "tavrixctl map tree: \"--depth\" goes behind the command: \"tavrixctl map tree --depth\"");
   expect_wrong({"map", "--elephant", "tree"},
                "tavrixctl map tree: there is no option \"--elephant\"");
 }

@@ -129,8 +129,6 @@ TEST_F(Completion, LeavesFilesAndFoldersToTheShell) {
 TEST_F(Completion, KnowsValuesBehindAnEqualSign) {
   EXPECT_EQ((std::set<std::string>{":files"}), words({"map", "info", "--file", "="}));
   EXPECT_EQ((std::set<std::string>{"andrea", "anna"}), words({"check", "--user", "=", "an"}));
-  EXPECT_EQ("tavrixctl check --user=anna ", bash("tavrixctl check --user=ann"));
-  EXPECT_EQ("tavrixctl check --user=bert ", bash("tavrixctl check --user=b"));
 }
 
 TEST_F(Completion, NeedsNoRootAndNoMap) {
@@ -140,39 +138,65 @@ TEST_F(Completion, NeedsNoRootAndNoMap) {
   EXPECT_TRUE(outcome.out.starts_with("lint\t")) << outcome.err;
 }
 
+TEST_F(Completion, OffersTheMapInForceBesideFiles) {
+  EXPECT_EQ((std::set<std::string>{":files", "current"}), words({"map", "diff", ""}));
+  EXPECT_EQ((std::set<std::string>{":files", "current"}), words({"map", "diff", "old", "cu"}));
+  EXPECT_EQ((std::set<std::string>{":files"}), words({"map", "diff", "current", "plan"}));
+  EXPECT_EQ("tavrixctl map diff current plan\\ one.json ",
+            bash("tavrixctl map diff current plan\\ "));
+}
+
 TEST_F(Completion, OfTheServicesIsAnsweredToo) {
   const Outcome outcome =
       run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--complete", "--on"});
   EXPECT_TRUE(outcome.out.starts_with("--once\t")) << outcome.out;
 }
 
-TEST_F(Completion, InBashCompletesCommandsOptionsAndValues) {
-  EXPECT_EQ("tavrixctl map import ", bash("tavrixctl map im"));
-  EXPECT_EQ("tavrixctl map tree --depth ", bash("tavrixctl map tree --de"));
-  EXPECT_EQ("tavrixctl check --user anna ", bash("tavrixctl check --user ann"));
+using Shell = std::string (*)(const std::string&);
+
+void expect_commands_options_and_values(Shell shell) {
+  EXPECT_EQ("tavrixctl map import ", shell("tavrixctl map im"));
+  EXPECT_EQ("tavrixctl map tree --depth ", shell("tavrixctl map tree --de"));
+  EXPECT_EQ("tavrixctl check --user anna ", shell("tavrixctl check --user ann"));
+  EXPECT_EQ("tavrixctl config set VFS:debug\\ level ", shell("tavrixctl config set VFS:deb"));
+  EXPECT_EQ("tavrixctl map diff current ", shell("tavrixctl map diff cur"));
+}
+void expect_values_behind_an_equal_sign(Shell shell) {
+  EXPECT_EQ("tavrixctl check --user=anna ", shell("tavrixctl check --user=ann"));
+  EXPECT_EQ("tavrixctl check --user=bert ", shell("tavrixctl check --user=b"));
+  EXPECT_EQ("tavrixctl map info --file=plan\\ one.json ",
+            shell("tavrixctl map info --file=plan\\ "));
+}
+void expect_files_and_folders(Shell shell) {
+  EXPECT_EQ("tavrixctl map lint plan\\ one.json ", shell("tavrixctl map lint plan\\ "));
+  EXPECT_EQ("tavrixctl events decode --follow plans/",
+            shell("tavrixctl events decode --follow pl"));
 }
 
+TEST_F(Completion, InBashCompletesCommandsOptionsAndValues) {
+  expect_commands_options_and_values(bash);
+}
+TEST_F(Completion, InBashCompletesValuesBehindAnEqualSign) {
+  expect_values_behind_an_equal_sign(bash);
+}
+TEST_F(Completion, InBashFindsFilesAndFolders) { expect_files_and_folders(bash); }
 TEST_F(Completion, InBashQuotesTheNamesOfSettings) {
-  EXPECT_EQ("tavrixctl config set VFS:debug\\ level ", bash("tavrixctl config set VFS:deb"));
   EXPECT_EQ("tavrixctl config set VFS:debug\\ level ", bash("tavrixctl config set VFS:debug\\ l"));
   EXPECT_EQ("tavrixctl config set 'VFS:debug level' ", bash("tavrixctl config set 'VFS:deb"));
 }
 
-TEST_F(Completion, InBashFindsFilesAndFolders) {
-  EXPECT_EQ("tavrixctl map lint plan\\ one.json ", bash("tavrixctl map lint plan\\ "));
-  EXPECT_EQ("tavrixctl events decode --follow plans/", bash("tavrixctl events decode --follow pl"));
-}
-
 TEST_F(Completion, InZshCompletesCommandsOptionsAndValues) {
-  EXPECT_EQ("tavrixctl map import ", zsh("tavrixctl map im"));
-  EXPECT_EQ("tavrixctl map tree --depth ", zsh("tavrixctl map tree --de"));
-  EXPECT_EQ("tavrixctl check --user anna ", zsh("tavrixctl check --user ann"));
-  EXPECT_EQ("tavrixctl config set VFS:debug\\ level ", zsh("tavrixctl config set VFS:deb"));
+  expect_commands_options_and_values(zsh);
 }
+TEST_F(Completion, InZshCompletesValuesBehindAnEqualSign) {
+  expect_values_behind_an_equal_sign(zsh);
+}
+TEST_F(Completion, InZshFindsFilesAndFolders) { expect_files_and_folders(zsh); }
 
-TEST_F(Completion, InZshFindsFilesAndFolders) {
-  EXPECT_EQ("tavrixctl map lint plan\\ one.json ", zsh("tavrixctl map lint plan\\ "));
-  EXPECT_EQ("tavrixctl events decode --follow plans/", zsh("tavrixctl events decode --follow pl"));
+TEST_F(Completion, InFishOffersValuesBehindAnEqualSign) {
+  EXPECT_EQ("--user=anna", fish("tavrixctl check --user=ann").substr(0, 11));
+  EXPECT_TRUE(contains(fish("tavrixctl map info --file=pl"), "--file=plan one.json"));
+  EXPECT_TRUE(contains(fish("tavrixctl map diff cur"), "current"));
 }
 
 TEST_F(Completion, InFishOffersCommandsOptionsAndFiles) {

@@ -215,6 +215,8 @@ class MapDiffEffective : public MapDiff {
                    .groups = std::move(groups),
                    .children = {folder("a", {folder("b")})}}});
   }
+
+ public:
   static constexpr uint32_t kDaemon = 1, kBin = 2;  // users of every machine
 };
 
@@ -262,6 +264,58 @@ TEST_F(MapDiffEffective, FollowsTheEntriesOfTheRoot) {
   const Folder before{.name = "/", .users = {{kBin, 1}}, .children = {folder("Shared")}};
   const Folder after{.name = "/", .users = {{kBin, 7}}, .children = {folder("Shared")}};
   EXPECT_EQ("below Shared: user bin gains write and delete\n", effective(before, after).out);
+}
+
+// Clients list folders with a wildcard, which is granted before the map is asked.
+TEST_F(MapDiffEffective, TellsOfAFolderNamedAsAWildcardOnlyWhatIsBelowIt) {
+  const auto map = [](uint16_t mask) {
+    return share({folder("*", {folder("a")}, {{kBin, mask}})});
+  };
+  EXPECT_EQ("below Shared/*: user bin gains write\n", effective(map(1), map(3)).out);
+}
+
+Folder one_folder(const std::string& name, uint16_t mask) {
+  return share({folder(name, {folder("\xc3\xa9t\xc3\xa9")}, {{MapDiffEffective::kBin, mask}})});
+}
+
+// Samba's comparison is for names of other bytes only.
+TEST_F(MapDiffEffective, KnowsNamesBeyondAsciiWithoutSamba) {
+  hide_samba_library();
+  const std::string name = "B\xc3\xbcro";
+  EXPECT_EQ("Shared/B\xc3\xbcro and below: user bin gains write\n",
+            effective(one_folder(name, 1), one_folder(name, 3)).out);
+  const std::string bytes = "B\xfcro";
+  const Outcome outcome = effective(one_folder(bytes, 1), one_folder(bytes, 3), {"--json"});
+  EXPECT_EQ("U2hhcmVkL0L8cm8=", Json::parse(outcome.out)["effective"][0]["path_base64"]);
+}
+
+TEST_F(MapDiffEffective, TakesNamesThatDifferInCaseBeyondAsciiForTheSame) {
+  give_samba_library_its_name();
+  EXPECT_EQ(
+      "Shared/B\xc3\x9cRO and below: user bin gains write\n"
+      "Shared/B\xc3\xbcro and below: user bin gains write\n",
+      effective(one_folder("B\xc3\xbcro", 1), one_folder("B\xc3\x9cRO", 3)).out);
+  // Samba tells these apart, so each is governed by the root where it is missing.
+  EXPECT_EQ(
+      "Shared/B\xc3\xa4ro and below: user daemon loses read, write and delete\n"
+      "Shared/B\xc3\xa4ro and below: user bin gains read and write\n"
+      "Shared/B\xc3\xbcro and below: user bin loses read\n"
+      "Shared/B\xc3\xbcro and below: user daemon gains read, write and delete\n",
+      effective(one_folder("B\xc3\xbcro", 1), one_folder("B\xc3\xa4ro", 3)).out);
+}
+
+TEST_F(MapDiffEffective, WarnsOfUsersWithoutAccount) {
+  write_file("/scratch/people.json",
+             R"({"reserved": {"tavrix-admins": 9001, "tavrix-powerusers": 9002},
+                 "users": {"bin": [9002], "gone": [9002], "left": [9002]}})");
+  ASSERT_EQ(0,
+            ctl({"groupmap", "build", "/scratch/people.json", "-o", "/etc/tavrix/groupmap_refresh"})
+                .exit_code);
+  const Outcome outcome = effective(team_for({{kBin, 1}}, {}), team_for({{kBin, 3}}, {}));
+  EXPECT_EQ("Shared/Team and below: user bin gains write\n", outcome.out);
+  EXPECT_TRUE(
+      contains(outcome.err, "2 users of the group list map have no account and are left out\n"))
+      << outcome.err;
 }
 
 TEST_F(MapDiffEffective, NeedsTheGroupListMapAndAKnownUser) {

@@ -53,6 +53,17 @@ TEST_F(Progress, NamesEachTaskOfAnImport) {
   EXPECT_TRUE(contains(shown({"map", "restore"}), "\rverifying ["));
 }
 
+TEST_F(Progress, NamesEachTaskOfAComparison) {
+  const std::string pair = "/scratch/size.json,/scratch/data.json";
+  const std::string text = shown({"map", "diff", pair, pair});
+  for (const char* task : {"\rimporting [", "\rverifying [", "\rcomparing ["}) {
+    EXPECT_TRUE(contains(text, task)) << text;
+  }
+  const auto last = text.rfind(kErase);
+  ASSERT_NE(std::string::npos, last);
+  EXPECT_EQ("the same folders with the same entries\r\n", text.substr(last + kErase.size()));
+}
+
 TEST_F(Progress, IsNotDrawnForShortWork) { EXPECT_FALSE(contains(shown(kLint, {}, 1), "[")); }
 
 TEST_F(Progress, IsNotDrawnWhereItIsNotWanted) {

@@ -231,7 +231,7 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv, const Refused& re
   if (!words.empty() && words[0] == kCompleteOption) return print_completions(app, words);
   turn_help_around(app, words);
   if (const std::string sentence = misplaced(app, words); !sentence.empty()) {
-    return complain(*chosen(app, words).app, sentence);
+    return complain(refused, named_by(app, words), sentence);
   }
   if (const Chosen found = chosen(app, words); !found.unknown.empty()) {
     return complain(refused, *found.app, fmt::format("there is no command \"{}\"", found.unknown),

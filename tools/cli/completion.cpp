@@ -128,7 +128,7 @@ class Reader {
     if (values != values_by_option().end()) {
       for (const std::string& value : values->second()) found.push_back({value, ""});
     } else if (value_name(option) == "FILE") {
-      found.push_back({":files", ""});
+      found.push_back({kFiles, ""});
     } else if (value_name(option) == "DIR") {
       found.push_back({":folders", ""});
     }

@@ -18,6 +18,9 @@ namespace tavrix::cli {
 
 constexpr const char* kCompleteOption = "--complete";
 
+// Stands for all files, among other values.
+constexpr const char* kFiles = ":files";
+
 struct Candidate {
   std::string word, explanation;
 };

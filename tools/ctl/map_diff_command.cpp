@@ -66,19 +66,20 @@ int diff(const Options& options, const Wish& wish) {
   set_debug_level(options.verbose ? 0 : -1);
   const auto show = [&bar](uint64_t done, uint64_t all) { bar.show("comparing", done, all); };
   const mapdiff::Difference difference = mapdiff::compare(maps.old_map, maps.new_map, show);
-  std::optional<std::vector<mapdiff::RightsChange>> rights;
-  if (crowd) {
-    rights = mapdiff::changed_rights(maps.old_map, maps.new_map, difference, *crowd, show);
-  }
   bar.clear();
+  const RightsSource rights = [&](const auto& tell) {
+    mapdiff::tell_changed_rights(maps.old_map, maps.new_map, difference, *crowd, tell);
+  };
+  bool is_different = !difference.is_empty();
   if (options.json) {
-    print_difference_json(maps, difference, rights ? &*rights : nullptr);
-  } else if (rights) {
-    print_rights(*rights);
+    const bool is_any = print_difference_json(maps, difference, crowd ? &rights : nullptr);
+    if (crowd) is_different = is_any;
+  } else if (crowd) {
+    is_different = print_rights(rights);
   } else {
     print_difference(maps, difference);
   }
-  return (rights ? rights->empty() : difference.is_empty()) ? kYes : kNo;
+  return is_different ? kNo : kYes;
 }
 
 }  // namespace

@@ -2,9 +2,9 @@
 // The difference of two maps for people and for programs.
 #pragma once
 
+#include "tools/ctl/map_rights_output.hpp"
 #include "tools/ctl/map_view.hpp"
 #include "tools/mapdiff/difference.hpp"
-#include "tools/mapdiff/rights.hpp"
 
 namespace tavrix::ctl {
 
@@ -16,10 +16,10 @@ struct Compared {
 };
 
 void print_difference(const Compared& maps, const mapdiff::Difference& difference);
-void print_rights(const std::vector<mapdiff::RightsChange>& changes);
 // `rights` is null when nobody asked for the changes of rights. Printed piece by piece: a document
-// of a million folders would need many times the memory of the images.
-void print_difference_json(const Compared& maps, const mapdiff::Difference& difference,
-                           const std::vector<mapdiff::RightsChange>* rights);
+// of a million folders would need many times the memory of the images. Returns true if somebody
+// gains or loses.
+bool print_difference_json(const Compared& maps, const mapdiff::Difference& difference,
+                           const RightsSource* rights);
 
 }  // namespace tavrix::ctl

@@ -79,6 +79,15 @@ Chain Chain::to(const void* map, uint32_t offset, const std::string& path) {
   return chain;
 }
 
+Chain Chain::to_team(std::vector<Entry> entries, bool is_inherited) {
+  Chain chain;
+  chain.names_ = {"Shared", "Team"};
+  chain.folders_ = {{"/", {}}, {"Shared", {}}};
+  if (!is_inherited) chain.folders_.push_back({"Team", {}});
+  chain.folders_.back().entries = std::move(entries);
+  return chain;
+}
+
 std::string Chain::path_of(std::size_t level) const {
   std::string path;
   for (std::size_t i = 1; i <= level; ++i) {

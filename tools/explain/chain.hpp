@@ -17,6 +17,10 @@ class Chain {
   // From the root to the folder at `offset`, which stands for `path`.
   static Chain to(const void* map, uint32_t offset, const std::string& path);
 
+  // To the folder "Shared/Team", whose entries these are; or to "Shared", whose entries
+  // "Shared/Team" inherits. The entries are in the order in which a reader meets them.
+  static Chain to_team(std::vector<Entry> entries, bool is_inherited);
+
   // Levels count from the root, which is 0. The path has folders_of_path() levels below it, of
   // which the map has the first folders() - 1.
   [[nodiscard]] std::size_t folders() const { return folders_.size(); }

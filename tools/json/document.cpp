@@ -44,14 +44,12 @@ Json document(std::string_view name) {
   return json;
 }
 
-void print(const Json& json) {
-  const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace);
-  fmt::print("{}\n", text);
+std::string text_of(const Json& json, int indent) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 
-void print_line(const Json& json) {
-  fmt::print("{}\n", json.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
+void print(const Json& json) { fmt::print("{}\n", text_of(json, 2)); }
+void print_line(const Json& json) { fmt::print("{}\n", text_of(json)); }
 
 void set_bytes(Json& object, const std::string& key, std::string_view bytes) {
   object[key] = bytes;

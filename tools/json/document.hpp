@@ -17,8 +17,10 @@ using Json = nlohmann::ordered_json;
 // by "-".
 Json document(std::string_view name);
 
-// Both print on standard output, with replacement characters for bytes that are not UTF-8: the
-// first indented, the second as one line.
+// The text of a document, with replacement characters for bytes that are not UTF-8: one line, or
+// indented by that many blanks.
+std::string text_of(const Json& json, int indent = -1);
+// Both print on standard output: the first indented, the second as one line.
 void print(const Json& json);
 void print_line(const Json& json);
 

@@ -5,74 +5,108 @@
 #include <utility>
 
 namespace tavrix::mapdiff {
-namespace {
 
+using explain::Person;
 using explain::Trustee;
 
-bool holds_all(const Members& whole, const Members& part) {
-  return std::includes(whole.begin(), whole.end(), part.begin(), part.end());
+Crowd::Crowd(std::vector<Person> people, const std::set<uint32_t>& classes, bool has_groups)
+    : people_(std::move(people)) {
+  for (uint32_t place = 0; place < people_.size(); ++place) {
+    const Person& person = people_[place];
+    of_uid_[person.uid].push_back(place);
+    std::set<uint32_t> gids(person.groups.begin(), person.groups.end());
+    gids.insert(person.gid);
+    for (const uint32_t gid : gids) of_group_[gid].push_back(place);
+  }
+  for (const uint32_t gid : classes) {
+    add_kind([gid](const Person& person) { return std::ranges::count(person.groups, gid) != 0; });
+  }
+  add_kind([](const Person& person) { return person.is_reserved; });
+  add_kind([](const Person& person) { return person.is_computer; });
+  led_by_.resize(people_.size());
+  if (has_groups) rank_groups();
 }
 
-}  // namespace
-
-Crowd::Crowd(std::vector<explain::Person> people, std::set<uint32_t> classes, bool has_groups)
-    : people_(std::move(people)), classes_(std::move(classes)), has_groups_(has_groups) {
+void Crowd::add_kind(const std::function<bool(const Person&)>& is_of_kind) {
+  Members kind(people_.size());
   for (uint32_t place = 0; place < people_.size(); ++place) {
-    of_uid_[people_[place].uid].insert(place);
-    for (const uint32_t gid : people_[place].groups) of_group_[gid].insert(place);
-    of_group_[people_[place].gid].insert(place);
+    if (is_of_kind(people_[place])) kind.add(place);
+  }
+  kinds_.push_back(std::move(kind));
+}
+
+void Crowd::rank_groups() {
+  for (const auto& [gid, members] : of_group_) {
+    if (members.size() > 1) ranked_.push_back({gid, &members});
+  }
+  std::ranges::stable_sort(ranked_, [](const Group& a, const Group& b) {
+    return a.members->size() > b.members->size();
+  });
+  for (uint32_t rank = 0; rank < ranked_.size(); ++rank) {
+    led_by_[ranked_[rank].members->front()].push_back(rank);
   }
 }
 
-const Members& Crowd::members_of(const Trustee& trustee) const {
-  static const Members kNobody;
+uint32_t Crowd::kinds_of(uint32_t place) const {
+  uint32_t bits = 0;
+  for (std::size_t kind = 0; kind < kinds_.size(); ++kind) {
+    if (kinds_[kind].has(place)) bits |= 1U << kind;
+  }
+  return bits;
+}
+
+void Crowd::add_concerned(const Trustee& trustee, Members& members) const {
   const auto& index = trustee.is_user ? of_uid_ : of_group_;
   const auto found = index.find(trustee.id);
-  return found == index.end() ? kNobody : found->second;
-}
-
-std::vector<Members> Crowd::alike(const std::vector<Trustee>& trustees) const {
-  // The trustees that concern a person tell the sets apart.
-  std::map<uint32_t, std::vector<std::size_t>> concerned;
-  for (std::size_t i = 0; i < trustees.size(); ++i) {
-    const auto& index = trustees[i].is_user ? of_uid_ : of_group_;
-    const auto found = index.find(trustees[i].id);
-    if (found == index.end()) continue;
-    for (const uint32_t place : found->second) concerned[place].push_back(i);
-  }
-  std::map<std::vector<std::size_t>, Members> sets;
-  for (auto& [place, which] : concerned) {
-    // Administrators and power users are told apart too, by the groups that make them so.
-    for (const uint32_t gid : people_[place].groups) {
-      if (classes_.contains(gid)) which.push_back(trustees.size() + gid);
-    }
-    sets[which].insert(place);
-  }
-  std::vector<Members> result;
-  for (auto& [which, members] : sets) result.push_back(std::move(members));
-  return result;
+  if (found == index.end()) return;
+  for (const uint32_t place : found->second) members.add(place);
 }
 
 std::vector<Trustee> Crowd::folded(Members members) const {
-  std::vector<Trustee> trustees;
-  std::vector<std::pair<uint32_t, const Members*>> groups;
-  if (has_groups_) {
-    for (const auto& [gid, of_group] : of_group_) {
-      if (of_group.size() > 1 && holds_all(members, of_group)) groups.emplace_back(gid, &of_group);
+  std::vector<uint32_t> ranks;
+  members.each([&](uint32_t place) {
+    for (const uint32_t rank : led_by_[place]) {
+      const auto& group = *ranked_[rank].members;
+      if (std::ranges::all_of(group, [&](uint32_t other) { return members.has(other); })) {
+        ranks.push_back(rank);
+      }
     }
-  }
-  std::stable_sort(groups.begin(), groups.end(), [](const auto& a, const auto& b) {
-    return a.second->size() > b.second->size();
   });
-  for (const auto& [gid, of_group] : groups) {
-    const bool is_new = std::any_of(of_group->begin(), of_group->end(),
-                                    [&members](uint32_t place) { return members.contains(place); });
-    if (!is_new) continue;
-    trustees.push_back({false, gid});
-    for (const uint32_t place : *of_group) members.erase(place);
+  std::ranges::sort(ranks);
+  std::vector<Trustee> trustees;
+  for (const uint32_t rank : ranks) {
+    const auto& group = *ranked_[rank].members;
+    if (std::ranges::none_of(group, [&](uint32_t place) { return members.has(place); })) continue;
+    trustees.push_back({false, ranked_[rank].gid});
+    for (const uint32_t place : group) members.remove(place);
   }
-  for (const uint32_t place : members) trustees.push_back({true, people_[place].uid});
+  members.each([&](uint32_t place) { trustees.push_back({true, people_[place].uid}); });
   return trustees;
+}
+
+void Audience::gather(const std::vector<Trustee>& trustees) {
+  Members all(crowd_.size());
+  concerned_.resize(std::max(concerned_.size(), trustees.size()), Members(crowd_.size()));
+  for (std::size_t i = 0; i < trustees.size(); ++i) {
+    concerned_[i].clear();
+    crowd_.add_concerned(trustees[i], concerned_[i]);
+    all |= concerned_[i];
+  }
+  sets_.clear();
+  if (all.is_empty()) return;
+  sets_.push_back(std::move(all));
+  for (const Members& kind : crowd_.kinds()) split_by(kind);
+  for (std::size_t i = 0; i < trustees.size(); ++i) split_by(concerned_[i]);
+}
+
+void Audience::split_by(const Members& others) {
+  for (std::size_t i = sets_.size(); i > 0; --i) {
+    Members both = sets_[i - 1];
+    both &= others;
+    if (both.is_empty() || both == sets_[i - 1]) continue;
+    sets_[i - 1] -= both;
+    sets_.push_back(std::move(both));
+  }
 }
 
 }  // namespace tavrix::mapdiff

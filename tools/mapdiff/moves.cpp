@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <functional>
 #include <tuple>
-#include <unordered_map>
 
 #include "tools/mapdiff/compare.hpp"
 
@@ -95,35 +94,36 @@ class Forest {
   const ImageView& map_;
 };
 
-// Added folders by a hash. Each hash has a place from which on they are still to be taken.
+// Added folders by a hash. The first of each hash knows how many of them are taken.
 class Candidates {
  public:
   using Hash = std::function<uint64_t(const Node&)>;
   Candidates(const Forest& forest, const Hash& hash) : forest_(forest) {
     order_.reserve(forest.nodes.size());
-    for (uint32_t i = 0; i < forest.nodes.size(); ++i) {
-      order_.emplace_back(hash(forest.nodes[i]), i);
-    }
-    std::sort(order_.begin(), order_.end());
-    for (std::size_t i = order_.size(); i > 0; --i) first_[order_[i - 1].first] = i - 1;
+    for (uint32_t i = 0; i < forest.nodes.size(); ++i) order_.push_back({hash(forest.nodes[i]), i});
+    std::ranges::sort(order_, [](const Place& a, const Place& b) {
+      return std::tie(a.hash, a.node) < std::tie(b.hash, b.node);
+    });
   }
   // The first that is not taken; kNone if there is none.
   [[nodiscard]] uint32_t first(uint64_t hash) {
-    const auto found = first_.find(hash);
-    if (found == first_.end()) return kNone;
-    std::size_t& place = found->second;
-    while (place < order_.size() && order_[place].first == hash) {
-      const uint32_t node = order_[place].second;
-      if (!forest_.nodes[node].is_taken) return node;
-      ++place;
+    const auto begin = std::ranges::lower_bound(order_, hash, {}, &Place::hash);
+    if (begin == order_.end() || begin->hash != hash) return kNone;
+    for (auto place = begin + begin->taken; place != order_.end() && place->hash == hash; ++place) {
+      if (!forest_.nodes[place->node].is_taken) return place->node;
+      ++begin->taken;
     }
     return kNone;
   }
 
  private:
+  struct Place {
+    uint64_t hash;
+    uint32_t node;
+    uint32_t taken = 0;
+  };
   const Forest& forest_;
-  std::vector<std::pair<uint64_t, uint32_t>> order_;
-  std::unordered_map<uint64_t, std::size_t> first_;
+  std::vector<Place> order_;
 };
 
 class MoveSearch {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/mapdiff/people.hpp"
 
+#include <memory>
 #include <set>
 #include <utility>
 
@@ -16,7 +17,7 @@ Crowd crowd_of(std::vector<explain::Person> people, const explain::Groups& group
   for (const auto gid : {groups.administrators(), groups.power_users()}) {
     if (gid) classes.insert(*gid);
   }
-  return {std::move(people), std::move(classes), has_groups};
+  return {std::move(people), classes, has_groups};
 }
 
 }  // namespace
@@ -37,18 +38,19 @@ Crowd only(const explain::Person& person, const explain::Groups& groups) {
   return crowd_of({person}, groups, false);
 }
 
-std::size_t count_touched(const std::vector<RightsChange>& changes, const Crowd& crowd) {
+std::size_t count_touched(const RightsSource& changes, const Crowd& crowd) {
   // Few lists of people stand for many places.
   std::set<const std::vector<explain::Trustee>*> lists;
-  Members touched;
-  for (const RightsChange& change : changes) {
-    if (!lists.insert(change.whom.get()).second) continue;
-    for (const explain::Trustee& trustee : *change.whom) {
-      const Members& members = crowd.members_of(trustee);
-      touched.insert(members.begin(), members.end());
-    }
-  }
-  return touched.size();
+  std::vector<std::shared_ptr<const std::vector<explain::Trustee>>> kept;  // no address comes twice
+  Members touched(crowd.size());
+  changes([&](const RightsChange& change) {
+    if (!lists.insert(change.whom.get()).second) return;
+    kept.push_back(change.whom);
+    for (const explain::Trustee& trustee : *change.whom) crowd.add_concerned(trustee, touched);
+  });
+  std::size_t count = 0;
+  touched.each([&count](uint32_t) { ++count; });
+  return count;
 }
 
 }  // namespace tavrix::mapdiff

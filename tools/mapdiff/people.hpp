@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <vector>
 
 #include "tools/mapdiff/crowd.hpp"
 #include "tools/mapdiff/rights.hpp"
@@ -22,7 +21,6 @@ struct People {
 [[nodiscard]] Crowd only(const explain::Person& person, const explain::Groups& groups);
 
 // The number of people of the crowd who gain or lose a right anywhere.
-[[nodiscard]] std::size_t count_touched(const std::vector<RightsChange>& changes,
-                                        const Crowd& crowd);
+[[nodiscard]] std::size_t count_touched(const RightsSource& changes, const Crowd& crowd);
 
 }  // namespace tavrix::mapdiff

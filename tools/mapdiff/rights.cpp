@@ -1,60 +1,53 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/mapdiff/rights.hpp"
 
-#include <strings.h>
 #include <algorithm>
-#include <cstdlib>
-#include <map>
-#include <set>
 #include <tuple>
+#include <unordered_map>
 
-#include "perm_utils.h"
-#include "tools/explain/witness.hpp"
+#include "tools/mapdiff/answers.hpp"
 #include "tools/mapdiff/places.hpp"
 
 namespace tavrix::mapdiff {
 namespace {
 
 using explain::Trustee;
+using Whom = std::shared_ptr<const std::vector<Trustee>>;
 
-constexpr std::size_t kMostKnown = 100'000;
-// A name that no folder has: it inherits from the folder that it is asked in.
-constexpr const char* kNewName = "/\x01\x02\x03";
+constexpr std::size_t kMostPairs = 100'000;
+constexpr std::size_t kMostBytesOfMembers = 32U << 20U;
 
-// The entries that govern a folder, with "inherited": two folders with the same ones give the same
-// rights.
-struct Governing {
-  std::vector<Entry> entries;  // in the order in which a reader meets them
-  bool is_inherited = false;
-  bool operator==(const Governing&) const = default;
-};
-bool operator<(const Governing& a, const Governing& b) {
-  const auto key = [](const Entry& entry) { return std::tuple(entry.type, entry.id, entry.mask); };
-  if (a.is_inherited != b.is_inherited) return b.is_inherited;
-  return std::lexicographical_compare(
-      a.entries.begin(), a.entries.end(), b.entries.begin(), b.entries.end(),
-      [&key](const Entry& x, const Entry& y) { return key(x) < key(y); });
-}
-
-Governing governing(const void* map, const std::string& path) {
-  Governing result;
-  tavrix_acl_t* acl = nullptr;
-  if (get_tavrix_acl(const_cast<void*>(map), path.c_str(), &acl) != 0) return result;
-  for (auto* elem = acl->ace_list_head.first_elem; elem != nullptr; elem = elem->next_elem) {
-    const auto& entry = *reinterpret_cast<const tavrix_ace_s*>(elem);
-    const uint32_t type = entry.trustee_type == ACE_TYPE_USER ? IDTYPE_UID : IDTYPE_GID;
-    result.entries.push_back({type, entry.trustee.uid, entry.perm_mask});
-    if (entry.ace_type == TAVRIX_ACE_INHERITED) result.is_inherited = true;
+// Lists of entries by their bytes: equal ones have one number.
+class Lists {
+ public:
+  [[nodiscard]] uint32_t number_of(const ImageView& map, uint32_t holder) {
+    const beacl_s& acl = map.acl_of(map.fselem(holder));
+    const std::string_view bytes(reinterpret_cast<const char*>(&acl + 1),
+                                 acl.num_aces * sizeof(beace_s));
+    const auto [place, is_new] = numbers_.try_emplace(bytes, static_cast<uint32_t>(lists_.size()));
+    if (is_new) lists_.push_back(bytes);
+    return place->second;
   }
-  free_ACL(acl);
-  std::free(acl);
-  return result;
-}
+  // In the order in which a reader meets them, the reverse of the stored one.
+  void read(uint32_t number, std::vector<explain::Entry>& entries) const {
+    const std::string_view bytes = lists_[number];
+    const auto* stored = reinterpret_cast<const beace_s*>(bytes.data());
+    entries.clear();
+    for (std::size_t i = bytes.size() / sizeof(beace_s); i > 0; --i) {
+      const beace_s& entry = stored[i - 1];
+      entries.push_back({{entry.idtype == IDTYPE_UID, entry.id}, entry.perm_mask});
+    }
+  }
+
+ private:
+  std::unordered_map<std::string_view, uint32_t> numbers_;
+  std::vector<std::string_view> lists_;
+};
 
 // A change of somebody's rights, without a place.
 struct Change {
   uint32_t gained = 0, lost = 0;
-  std::shared_ptr<const std::vector<Trustee>> whom;
+  Whom whom;
   bool operator==(const Change& other) const {
     return gained == other.gained && lost == other.lost &&
            (whom == other.whom || *whom == *other.whom);
@@ -62,107 +55,188 @@ struct Change {
 };
 using Changes = std::vector<Change>;
 
-class Evaluation {
- public:
-  Evaluation(const ImageView& old_map, const ImageView& new_map, const Crowd& crowd)
-      : old_map_(&old_map.header()), new_map_(&new_map.header()), crowd_(crowd) {}
+// Those who gain and lose the same.
+struct Affected {
+  uint32_t gained, lost;
+  Members members;
+};
 
-  // The path is below Shared. Remembers what two lists of entries give: few lists govern many
-  // folders.
-  [[nodiscard]] const Changes& at(const std::string& path) {
-    const std::pair key{governing(old_map_, path), governing(new_map_, path)};
-    static const Changes kNone;
-    if (key.first == key.second) return kNone;
-    if (const auto found = known_.find(key); found != known_.end()) return found->second;
-    if (known_.size() >= kMostKnown) known_.clear();
-    return known_[key] = ask_about(path, key.first, key.second);
+// The names of sets of people, which are the same at many places.
+class Names {
+ public:
+  explicit Names(const Crowd& crowd) : crowd_(crowd) {}
+  [[nodiscard]] Whom of(const Members& members) {
+    if (const auto found = known_.find(members); found != known_.end()) return found->second;
+    if (known_.size() * (crowd_.size() / 8 + 1) > kMostBytesOfMembers) known_.clear();
+    return known_[members] = std::make_shared<const std::vector<Trustee>>(crowd_.folded(members));
   }
 
  private:
-  [[nodiscard]] Changes ask_about(const std::string& path, const Governing& before,
-                                  const Governing& after) {
-    std::map<std::pair<uint32_t, uint32_t>, Members> found;
-    for (const Members& alike : crowd_.alike(trustees_of(before, after))) {
-      const explain::Person& person = crowd_[*alike.begin()];
-      const uint32_t old_mask = rights(person, path, old_map_);
-      const uint32_t new_mask = rights(person, path, new_map_);
-      if (old_mask == new_mask) continue;
-      found[{new_mask & ~old_mask, old_mask & ~new_mask}].insert(alike.begin(), alike.end());
+  const Crowd& crowd_;
+  std::unordered_map<Members, Whom, Members::Hash> known_;
+};
+
+// A list of entries that governs a path, and how.
+struct Governing {
+  uint32_t list;
+  bool is_own;
+  [[nodiscard]] uint64_t bits() const { return uint64_t{list} << 1U | (is_own ? 1U : 0U); }
+};
+
+// The changes at a place: on the folder, and on what inherits from it.
+struct Outcome {
+  Changes here, below;
+};
+
+class Evaluation {
+ public:
+  explicit Evaluation(const Crowd& crowd) : crowd_(crowd), audience_(crowd), names_(crowd) {}
+
+  [[nodiscard]] const Outcome& of(const ImageView& old_map, const ImageView& new_map,
+                                  const Place& place) {
+    const Governing before{lists_.number_of(old_map, place.old_map.holder), place.old_map.is_own};
+    const Governing after{lists_.number_of(new_map, place.new_map.holder), place.new_map.is_own};
+    static const Outcome kNone;
+    if (before.bits() == after.bits()) return kNone;
+    const uint64_t key = before.bits() << 32U | after.bits();
+    if (const auto found = known_.find(key); found != known_.end()) return found->second;
+    if (known_.size() >= kMostPairs) known_.clear();
+    return known_[key] = compare(before, after);
+  }
+
+ private:
+  // Some entries of a list, and the rights that they give.
+  struct Side {
+    std::vector<explain::Entry> entries;
+    std::vector<std::size_t> trustees;  // of each entry, its place among all trustees
+    std::vector<explain::Entry> concerning;
+  };
+
+  [[nodiscard]] Outcome compare(const Governing& before, const Governing& after) {
+    lists_.read(before.list, old_side_.entries);
+    lists_.read(after.list, new_side_.entries);
+    gather_trustees();
+    audience_.gather(trustees_);
+    here_.clear();
+    below_.clear();
+    for (const Members& alike : audience_.sets()) {
+      const Rights old_rights = rights_of(alike.first(), old_side_);
+      const Rights new_rights = rights_of(alike.first(), new_side_);
+      add(before.is_own ? old_rights.own : old_rights.inherited,
+          after.is_own ? new_rights.own : new_rights.inherited, alike, here_);
+      add(old_rights.inherited, new_rights.inherited, alike, below_);
     }
+    return {named(here_), named(below_)};
+  }
+
+  void gather_trustees() {
+    const auto key = [](const Trustee& trustee) { return std::tuple(trustee.is_user, trustee.id); };
+    trustees_.clear();
+    for (const Side* side : {&old_side_, &new_side_}) {
+      for (const explain::Entry& entry : side->entries) trustees_.push_back(entry.trustee);
+    }
+    std::ranges::sort(trustees_, {}, key);
+    const auto rest = std::ranges::unique(trustees_);
+    trustees_.erase(rest.begin(), rest.end());
+    for (Side* side : {&old_side_, &new_side_}) {
+      side->trustees.clear();
+      for (const explain::Entry& entry : side->entries) {
+        const auto place = std::ranges::lower_bound(trustees_, key(entry.trustee), {}, key);
+        side->trustees.push_back(static_cast<std::size_t>(place - trustees_.begin()));
+      }
+    }
+  }
+
+  [[nodiscard]] Rights rights_of(uint32_t person, Side& side) {
+    side.concerning.clear();
+    for (std::size_t i = 0; i < side.entries.size(); ++i) {
+      if (audience_.is_concerned(person, side.trustees[i])) {
+        side.concerning.push_back(side.entries[i]);
+      }
+    }
+    return answers_.rights_of(crowd_[person], crowd_.kinds_of(person), side.concerning);
+  }
+
+  static void add(uint32_t old_mask, uint32_t new_mask, const Members& alike,
+                  std::vector<Affected>& found) {
+    if (old_mask == new_mask) return;
+    const uint32_t gained = new_mask & ~old_mask;
+    const uint32_t lost = old_mask & ~new_mask;
+    const auto same = std::ranges::find_if(found, [&](const Affected& affected) {
+      return affected.gained == gained && affected.lost == lost;
+    });
+    if (same == found.end()) {
+      found.push_back({gained, lost, alike});
+    } else {
+      same->members |= alike;
+    }
+  }
+
+  [[nodiscard]] Changes named(std::vector<Affected>& found) {
+    std::ranges::sort(found, {}, [](const Affected& affected) {
+      return std::tuple(affected.gained, affected.lost);
+    });
     Changes changes;
-    for (auto& [masks, members] : found) {
-      auto whom = std::make_shared<const std::vector<Trustee>>(crowd_.folded(std::move(members)));
-      changes.push_back({masks.first, masks.second, std::move(whom)});
+    changes.reserve(found.size());
+    for (const Affected& affected : found) {
+      changes.push_back({affected.gained, affected.lost, names_.of(affected.members)});
     }
     return changes;
   }
 
-  static std::vector<Trustee> trustees_of(const Governing& before, const Governing& after) {
-    std::set<std::pair<bool, uint32_t>> seen;
-    std::vector<Trustee> trustees;
-    for (const auto* list : {&before.entries, &after.entries}) {
-      for (const Entry& entry : *list) {
-        const bool is_user = entry.type == IDTYPE_UID;
-        if (seen.emplace(is_user, entry.id).second) trustees.push_back({is_user, entry.id});
-      }
-    }
-    return trustees;
-  }
-
-  static uint32_t rights(const explain::Person& person, const std::string& path, const void* map) {
-    explain::Question question;
-    question.person = person;
-    question.path = TAVRIX_TREE "/" + path;
-    question.type = FSTYPE_FOLDER;
-    question.map = map;
-    const explain::Facts facts = explain::ask(question).facts;
-    return facts.row ? facts.row->self : 0;
-  }
-
-  const void* old_map_;
-  const void* new_map_;
   const Crowd& crowd_;
-  std::map<std::pair<Governing, Governing>, Changes> known_;
+  Lists lists_;
+  Audience audience_;
+  Answers answers_;
+  Names names_;
+  Side old_side_, new_side_;
+  std::vector<Trustee> trustees_;
+  std::vector<Affected> here_, below_;
+  std::unordered_map<uint64_t, Outcome> known_;  // few pairs of lists govern many folders
 };
 
-void add(const std::string& path, Reach reach, const Changes& changes,
-         std::vector<RightsChange>& found) {
-  for (const Change& change : changes) {
-    found.push_back({path, reach, change.whom, change.gained, change.lost});
+// Tells changes at one place after the other.
+class Teller {
+ public:
+  explicit Teller(const std::function<void(const RightsChange&)>& tell) : tell_(tell) {}
+  void go_to(const std::string& path) { change_.path = path; }
+  void tell(Reach reach, const Changes& changes) {
+    change_.reach = reach;
+    for (const Change& change : changes) {
+      change_.whom = change.whom;
+      change_.gained = change.gained;
+      change_.lost = change.lost;
+      tell_(change_);
+    }
   }
-}
 
-bool is_shared(const std::string& path) { return strcasecmp(path.c_str(), "shared") == 0; }
-bool is_below_shared(const std::string& path) {
-  return strncasecmp(path.c_str(), "shared/", 7) == 0;
-}
+ private:
+  const std::function<void(const RightsChange&)>& tell_;
+  RightsChange change_;
+};
 
 }  // namespace
 
-std::vector<RightsChange> changed_rights(const ImageView& old_map, const ImageView& new_map,
-                                         const Difference& difference, const Crowd& crowd,
-                                         const mapcheck::Progress& progress) {
-  std::vector<RightsChange> found;
-  Evaluation evaluation(old_map, new_map, crowd);
-  const std::vector<std::string> places = places_of(old_map, new_map, difference);
-  bool is_shared_done = false;
-  uint64_t done = 0;
-  for (const std::string& path : places) {
-    if (progress) progress(++done, places.size());
-    if (is_below_shared(path)) {
-      // A wildcard is granted before the map is asked.
-      const Changes here = path.ends_with("/*") ? Changes{} : evaluation.at(path);
-      const Changes below = evaluation.at(path + kNewName);
-      const bool is_one = here == below;
-      add(path, is_one ? Reach::kFolderAndBelow : Reach::kFolder, here, found);
-      if (!is_one) add(path, Reach::kBelow, below, found);
-    } else if ((path == "/" || is_shared(path)) && !is_shared_done) {
-      // Everybody may read Shared itself; the entries of the root pass down to what is in it.
-      is_shared_done = true;
-      add("Shared", Reach::kBelow, evaluation.at(std::string("Shared") + kNewName), found);
+void tell_changed_rights(const ImageView& old_map, const ImageView& new_map,
+                         const Difference& difference, const Crowd& crowd,
+                         const std::function<void(const RightsChange&)>& tell) {
+  Evaluation evaluation(crowd);
+  Teller teller(tell);
+  visit_places(old_map, new_map, difference, [&](const Place& place) {
+    const Outcome& outcome = evaluation.of(old_map, new_map, place);
+    teller.go_to(place.path);
+    const bool is_top = place.path.find('/') == std::string::npos;
+    // Everybody may read Shared, and a wildcard is granted before the map is asked.
+    const bool is_ruled = !is_top && !place.path.ends_with("/*");
+    static const Changes kNone;
+    const Changes& here = is_ruled ? outcome.here : kNone;
+    if (is_ruled && here == outcome.below) {
+      teller.tell(Reach::kFolderAndBelow, here);
+      return;
     }
-  }
-  return found;
+    teller.tell(Reach::kFolder, here);
+    teller.tell(Reach::kBelow, outcome.below);
+  });
 }
 
 }  // namespace tavrix::mapdiff

@@ -2,6 +2,7 @@
 // Who gains and who loses what, where: the decision is asked about both maps.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,12 +23,14 @@ struct RightsChange {
   uint32_t gained = 0, lost = 0;
 };
 
-// By path. The rights on folders are those of the decision; a path that a map does not have is
-// governed by the folder that stands in for it. Only Shared is ruled by the map.
-[[nodiscard]] std::vector<RightsChange> changed_rights(const ImageView& old_map,
-                                                       const ImageView& new_map,
-                                                       const Difference& difference,
-                                                       const Crowd& crowd,
-                                                       const mapcheck::Progress& progress = {});
+// Hands each change to its argument.
+using RightsSource = std::function<void(const std::function<void(const RightsChange&)>&)>;
+
+// Tells the changes by path, each as soon as it is known: millions of them need no memory. The
+// rights on folders are those of the decision; a path that a map does not have is governed by the
+// folder that stands in for it. Only Shared is ruled by the map.
+void tell_changed_rights(const ImageView& old_map, const ImageView& new_map,
+                         const Difference& difference, const Crowd& crowd,
+                         const std::function<void(const RightsChange&)>& tell);
 
 }  // namespace tavrix::mapdiff

@@ -50,13 +50,15 @@ bool print_to(const std::string& path, Print print) {
 }
 
 bool write_diff(const ctl::Compared& maps, const mapdiff::Difference& difference,
-                const std::vector<mapdiff::RightsChange>* rights) {
+                const ctl::RightsSource* rights) {
   const bool is_text_good = print_to(staged(HeldMap::text_path()), [&] {
     ctl::print_difference(maps, difference);
-    if (rights != nullptr) ctl::print_rights(*rights);
+    if (rights != nullptr) static_cast<void>(ctl::print_rights(*rights));
   });
   return is_text_good && print_to(staged(HeldMap::diff_path()),
-                                  [&] { ctl::print_difference_json(maps, difference, rights); });
+                                  [&] {
+           static_cast<void>(ctl::print_difference_json(maps, difference, rights));
+         });
 }
 
 Counts counts_of(const Answer& answer) {
@@ -77,11 +79,13 @@ int find_answer(const Comparison& comparison, Answer& answer) {
   answer.added = folders_in(difference.added);
   answer.moved = folders_in(difference.moved);
   answer.changed = difference.changed.size();
-  std::vector<mapdiff::RightsChange> rights;
+  // Asked again for each file: all changes of two large maps would take many times their memory.
+  const mapdiff::People people = mapdiff::everybody(comparison.groups);
+  const ctl::RightsSource rights = [&](const auto& tell) {
+    mapdiff::tell_changed_rights(maps.old_map, maps.new_map, difference, people.crowd, tell);
+  };
   answer.has_touched = comparison.groups.state == explain::Groups::State::kRead;
   if (answer.has_touched) {
-    const mapdiff::People people = mapdiff::everybody(comparison.groups);
-    rights = mapdiff::changed_rights(maps.old_map, maps.new_map, difference, people.crowd);
     answer.users = people.users;
     answer.touched = mapdiff::count_touched(rights, people.crowd);
   }
