@@ -24,7 +24,7 @@ class CommandLine : public Operator {
 };
 
 const std::vector<std::string> kPrograms = {"tavrixctl", "tavrix-loader", "tavrix-sweeper",
-                                            "tavrix-sample-tree"};
+                                            "tavrix-historian", "tavrix-sample-tree"};
 
 TEST_F(CommandLine, TellsTheVersion) {
   for (const std::string& program : kPrograms) {
