@@ -8,6 +8,7 @@ export PATH=$build/tools:$PATH
 source "$sources/scripts/lib/samba_world.sh"
 
 maps=/scratch/maps
+history=/scratch/history/history.db
 staging=/tavrix/.conf/staging
 users=(admin:1001 anna:1005 ben:1006 standard:1002 syncagent:1008)
 names=("${users[@]/:/=}")
@@ -34,6 +35,9 @@ start_services() {
  "users": {"admin": [9001], "anna": [9002, 9010], "ben": [9002, 9011], "standard": [9010]}}
 JSON
   tavrixctl groupmap build /scratch/groups.json -o /etc/tavrix/groupmap_refresh
+  sed "s|^database = .*|database = $history|" "$sources/packaging/tavrix.conf" >/scratch/historian.conf
+  setsid tavrix-historian --settings /scratch/historian.conf 2>/scratch/historian.log &
+  echo $! >/scratch/historian.pid
   setsid tavrix-sweeper --foreground 2>/scratch/sweeper.log &
   echo $! >/scratch/sweeper.pid
   setsid tavrix-loader --dir $maps 2>/scratch/loader.log &
@@ -76,7 +80,7 @@ start_server() {
 
 stop_everything() {
   stop_smbd
-  kill "$(cat /scratch/loader.pid)" "$(cat /scratch/sweeper.pid)" 2>/dev/null || true
+  kill "$(cat /scratch/loader.pid)" "$(cat /scratch/sweeper.pid)" "$(cat /scratch/historian.pid)" 2>/dev/null || true
   while kill -0 "$(cat /scratch/sweeper.pid)" 2>/dev/null; do sleep 0.05; done
   tavrixctl map remove --yes || true
   tavrixctl events buffer remove --yes || true
@@ -156,6 +160,24 @@ tour() {
   sed 's/"NUMCHILDREN": 2/"NUMCHILDREN": 7/' "$sources/examples/team/data.json" >/scratch/broken/data.json
   hand_over /scratch/broken | head -n 3 | sed 's/^/  loader: /'
   tavrixctl map info | sed 's/^/    /'
+
+  title "6. A file is gone: the history knows who deleted it, by the first name of the file"
+  show anna 'cd Shared\Design; mkdir Plans; put /scratch/today.txt Plans\summer.txt'
+  show ben 'cd Shared\Design; rename Plans Old; rename Old Older; rm Older\summer.txt'
+  until_the_history_has 'Shared\Design\Older\summer.txt'
+  printf '\033[2madministrator$\033[0m %s\n' 'tavrixctl history file "Shared\Design\Plans\summer.txt"'
+  tavrixctl history file 'Shared\Design\Plans\summer.txt' --database $history | sed 's/^/    /'
+  printf '\033[2madministrator$\033[0m %s\n' 'tavrixctl history search --user ben --op delete,rename'
+  tavrixctl history search --user ben --op delete,rename --database $history | sed 's/^/    /'
+}
+
+# Waits until a deletion has come through the sweeper's flush into the history.
+until_the_history_has() {
+  local try
+  for try in {1..100}; do
+    tavrixctl history search --path "$1" --op delete --database $history >/dev/null 2>&1 && return
+    sleep 0.1
+  done
 }
 
 # The readers of Design may write there.

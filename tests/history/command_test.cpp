@@ -81,7 +81,8 @@ TEST_F(HistoryCommand, TakesTimesOfTheZone) {
   const auto ids = [](Words words) {
     words.insert(words.begin(), "search");
     std::string text;
-    for (const auto& record : history_json(words)["records"])
+    const nlohmann::json page = history_json(words);
+    for (const auto& record : page["records"])
       text += std::to_string(record["id"].get<int>()) + " ";
     return text;
   };
