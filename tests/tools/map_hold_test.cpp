@@ -108,6 +108,32 @@ TEST_F(MapHold, AComparisonThatDiesHoldsTheMap) {
   EXPECT_EQ(40, folders_of_current());
 }
 
+// The size pass, the data pass and the comparison are a process each.
+TEST_F(MapHold, AComparisonThatCannotStartIsTriedAgain) {
+  settings("hold removed folders pct = 50\n");
+  load(100);
+  hand_over(wide(90));
+  reached();
+  const Outcome outcome = once_with("fork:11:3");
+  EXPECT_NE("", reached());
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_EQ(90, folders_of_current());
+  expect_nothing_held();
+}
+
+TEST_F(MapHold, AServiceThatEndsWhileItComparesLeavesThePairToTheNext) {
+  settings("hold removed folders pct = 50\n");
+  load(100);
+  auto loader = service(in_haste(kHaste, "fsync@/maps/held.txt:stop:1"));
+  hand_over(wide(40));
+  ASSERT_TRUE(comes([] { return exists(kReached); }));
+  kill(loader->pid(), SIGTERM);
+  EXPECT_EQ(0, loader->wait().exit_code);
+  EXPECT_FALSE(exists(kKept + "/held.json"));
+  EXPECT_EQ(kHeld, once().exit_code);
+  expect_held(100);
+}
+
 TEST_F(MapHold, ImportsByHandAreNotHeld) {
   settings("hold removed folders pct = 0\n");
   load(10);
@@ -221,6 +247,16 @@ TEST_F(MapHeld, StatusWarnsAndSaysWhatToDo) {
 
 TEST_F(MapHeld, ShellsCompleteItsName) {
   EXPECT_EQ("held\t\n", ctl({"--complete", "map", "diff", "current", "he"}).out.substr(0, 6));
+}
+
+TEST_F(MapHeld, ALaterMapWithoutRoomLeavesItAlone) {
+  hand_over(wide(40));
+  EXPECT_EQ(1, once_with("write@/maps/held.map:28:1:99").exit_code);
+  EXPECT_EQ(1U, refused().size());
+  EXPECT_EQ(50, json({"map", "history"})["held"]["image"]["folders"]);
+  EXPECT_TRUE(contains(read_file(kKept + "/held.txt"), "50 folders removed"));
+  EXPECT_EQ(0, ctl({"map", "approve", "--yes"}).exit_code);
+  EXPECT_EQ(50, folders_of_current());
 }
 
 // A loader that dies while it holds a map holds it again at its next start.

@@ -51,11 +51,11 @@ std::optional<Counts> changes(const KeptMap& before, const KeptMap& map) {
   const auto old_image = image_of(before);
   const auto new_image = old_image ? image_of(map) : std::nullopt;
   if (!new_image) return std::nullopt;
-  std::string error;
+  mapkeep::Failure failure;
   const auto counts =
-      mapkeep::compare({old_image->bytes(), new_image->bytes(), groups_of(map), {}}, {}, error);
+      mapkeep::compare({old_image->bytes(), new_image->bytes(), groups_of(map), {}}, {}, failure);
   if (!counts) {
-    complain("kept map {} cannot be compared with the one before it: {}", map.number, error);
+    complain("kept map {} cannot be compared with the one before it: {}", map.number, failure.why);
     return std::nullopt;
   }
   static_cast<void>(files::replace(map.changes_path(), mapkeep::json_of(*counts).dump() + "\n",

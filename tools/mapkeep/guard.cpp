@@ -104,6 +104,24 @@ std::string end_of(const mapload::PassEnd& end) {
   return "it ended before its answer";
 }
 
+mapload::Guarded try_again(const std::string& why) {
+  return {mapload::Result::kTryAgain, "cannot compare the map with the one in force: " + why};
+}
+
+mapload::Guarded hold_back(HeldMap map, std::span<const std::byte> image) {
+  const bool is_later = is_map_held();
+  map.since = text::now_in_microseconds();
+  map.image = facts_of(image, files::digest_of(image));
+  if (!hold(map, image)) {
+    return {mapload::Result::kRefused,
+            fmt::format("{}, and it cannot be stored until somebody approves it: {}", map.reason,
+                        std::strerror(errno))};
+  }
+  return {mapload::Result::kHeld,
+          fmt::format("{}{}{}", map.reason,
+                      is_later ? "; it takes the place of an earlier one" : "", kWhatToDo)};
+}
+
 std::string share(uint64_t part, uint64_t whole, const char* of_what) {
   return fmt::format("{} of {}", part, text::counted(whole, of_what));
 }
@@ -131,10 +149,10 @@ std::string excess(const Counts& counts, const Limits& limits) {
 }
 
 std::optional<Counts> compare(const Comparison& comparison,
-                              const std::function<bool()>& should_stop, std::string& error) {
+                              const std::function<bool()>& should_stop, Failure& failure) {
   const mapload::SharedMemory shared(sizeof(Answer));
   if (!shared) {
-    error = std::strerror(errno);
+    failure = {std::strerror(errno), true};
     return std::nullopt;
   }
   auto& answer = *static_cast<Answer*>(shared.address());
@@ -143,13 +161,12 @@ std::optional<Counts> compare(const Comparison& comparison,
   const mapload::PassEnd end =
       mapload::run_apart([&] { return find_answer(comparison, answer); }, how);
   if (answer.is_whole) return counts_of(answer);
-  error = end_of(end);
+  failure = {end_of(end), end.kind == mapload::PassEnd::Kind::kNotStarted};
   return std::nullopt;
 }
 
 mapload::Guarded judge(std::span<const std::byte> image, const Limits& limits,
                        const std::string& pair, const std::function<bool()>& should_stop) {
-  using mapload::Result;
   const auto mark = mapload::read_mark();
   if (!limits.hold_something() || !mark) return {};
   const mapload::Tables tables = mapload::look_at_tables();
@@ -158,35 +175,21 @@ mapload::Guarded judge(std::span<const std::byte> image, const Limits& limits,
   if (!mark->is(mark->table, segment)) return {};
   const mapload::Attached current(segment);
   const bool has_folder = mkdir(mapload::kKeptFolder, 0700) == 0 || errno == EEXIST;
-  if (!current || !has_folder) {
-    return {Result::kTryAgain,
-            fmt::format("cannot compare the map with the one in force: {}", std::strerror(errno))};
-  }
-  std::string error;
+  if (!current || !has_folder) return try_again(std::strerror(errno));
+  Failure failure;
   HeldMap map;
   map.counts =
-      compare({current.bytes(), image, explain::current_groups(), limits}, should_stop, error);
-  if (!map.counts && should_stop && should_stop()) return {Result::kStopped, "stopped"};
+      compare({current.bytes(), image, explain::current_groups(), limits}, should_stop, failure);
+  if (!map.counts && should_stop && should_stop()) return {mapload::Result::kStopped, "stopped"};
+  if (!map.counts && failure.may_pass) return try_again(failure.why);
   map.reason = map.counts ? excess(*map.counts, limits)
-                          : "it cannot be compared with the map in force: " + error;
-  if (map.reason.empty()) {
-    clear_held_leftovers();
-    return {};
-  }
-  if (!map.counts) clear_held_leftovers();  // of the comparison that ended
-  const bool is_later = is_map_held();
-  map.since = text::now_in_microseconds();
+                          : "it cannot be compared with the map in force: " + failure.why;
+  // The difference of a map that passes, or half a difference.
+  if (map.reason.empty() || !map.counts) clear_held_leftovers();
+  if (map.reason.empty()) return {};
   map.base = mark->digest;
   map.pair = std::filesystem::absolute(pair);
-  map.image = facts_of(image, files::digest_of(image));
-  if (!hold(map, image)) {
-    return {Result::kRefused,
-            fmt::format("{}, and it cannot be stored until somebody approves it: {}", map.reason,
-                        std::strerror(errno))};
-  }
-  return {Result::kHeld,
-          fmt::format("{}{}{}", map.reason,
-                      is_later ? "; it takes the place of an earlier one" : "", kWhatToDo)};
+  return hold_back(std::move(map), image);
 }
 
 }  // namespace tavrix::mapkeep

@@ -26,10 +26,14 @@ struct Comparison {
   explain::Groups groups;
   std::optional<Limits> limits;  // past them the files of a held map's difference are written too
 };
-// Nothing when the comparison ended before its answer; `error` says how.
+struct Failure {
+  std::string why;
+  bool may_pass = false;  // another attempt may succeed
+};
+// Nothing when the comparison ended before its answer.
 [[nodiscard]] std::optional<Counts> compare(const Comparison& comparison,
                                             const std::function<bool()>& should_stop,
-                                            std::string& error);
+                                            Failure& failure);
 
 // Asked about a finished image, under the lock of the maps. A map that is past the limits is stored
 // as held, with `pair` as the folder where its two files will be; the text says why, and what to
