@@ -60,10 +60,10 @@ class Places : public Isolated {
       const int order = strcasecmp(a.c_str(), b.c_str());
       return order != 0 ? order < 0 : a < b;
     });
-    const auto rest = std::ranges::unique(paths, [](const std::string& a, const std::string& b) {
+    const auto are_one = [](const std::string& a, const std::string& b) {
       return strcasecmp(a.c_str(), b.c_str()) == 0;
-    });
-    paths.erase(rest.begin(), rest.end());
+    };
+    paths.erase(std::unique(paths.begin(), paths.end(), are_one), paths.end());
     return paths;
   }
   static void expect_the_library_agrees(const std::vector<std::byte>& image,

@@ -136,8 +136,7 @@ class Evaluation {
       for (const explain::Entry& entry : side->entries) trustees_.push_back(entry.trustee);
     }
     std::ranges::sort(trustees_, {}, key);
-    const auto rest = std::ranges::unique(trustees_);
-    trustees_.erase(rest.begin(), rest.end());
+    trustees_.erase(std::unique(trustees_.begin(), trustees_.end()), trustees_.end());
     for (Side* side : {&old_side_, &new_side_}) {
       side->trustees.clear();
       for (const explain::Entry& entry : side->entries) {
