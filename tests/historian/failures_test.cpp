@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What the historian does with a database that it cannot use, a full disk, and calls that fail.
-// The links stay until their records are on the disk.
+// A database that cannot be used, a full disk, and calls that fail: the links stay until their
+// records are on the disk.
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -135,7 +135,7 @@ TEST_F(HistoryFailure, ADatabaseThatIsTakenAwayIsMadeAnew) {
   ASSERT_TRUE(comes([] { return kept() == Paths{"a"}; }));
   for (const std::string& name : list(kFolder)) remove_all(std::string(kFolder) + "/" + name);
   dump({"b"});
-  // What waits for the agent is taken again.
+  // The files that wait for the agent are taken again.
   ASSERT_TRUE(comes([] { return exists(kDatabase) && kept() == (Paths{"a", "b"}); }));
   EXPECT_EQ(0, stop(*child).exit_code);
 }

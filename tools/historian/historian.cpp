@@ -74,7 +74,6 @@ bool Historian::switch_on() {
   }
   was_made_ = was_made_ || folder == Folder::kMade;
   is_adopted_ = false;
-  is_switched_on_ = true;
   return true;
 }
 

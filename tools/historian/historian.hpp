@@ -40,7 +40,7 @@ class Historian {
   [[nodiscard]] bool is_pruning() const { return is_pruning_; }
 
  private:
-  // What belongs to one connection.
+  // Belongs to one connection.
   struct Session {
     Session(sqlite3* database, const Settings& settings)
         : taker(database), mass_changes(settings.deletions, settings.renames) {}
@@ -69,7 +69,6 @@ class Historian {
   std::optional<Session> session_;
   std::optional<history::Problem> failure_;  // of the connection, in this look
   Fd database_lock_, links_lock_, changes_;
-  bool is_switched_on_ = false;
   bool was_made_ = false;  // the folder of links, by this run
   bool is_adopted_ = false;
   bool is_pruning_ = false;

@@ -27,7 +27,7 @@ class Store {
   [[nodiscard]] sqlite3* get() const { return database_.get(); }
   [[nodiscard]] explicit operator bool() const { return database_ != nullptr; }
   [[nodiscard]] const std::string& file() const { return file_; }
-  // What is wrong with the group; empty when nothing is.
+  // The trouble with the group; empty when there is none.
   [[nodiscard]] const std::string& group_problem() const { return group_problem_; }
 
   // Makes the folder of the database when there is none.

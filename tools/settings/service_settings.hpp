@@ -48,9 +48,9 @@ inline constexpr Setting kServiceSettings[] = {
                          "/var/lib/tavrix/history/history.db", service_settings::kHistorian,
                          "The database of the history.",
                          "Its folder is made. A database that exists stays where it is."),
-    settings_table::text(
-        service_settings::kNotInBlock, "HISTORIAN:group", "", service_settings::kHistorian,
-        "The group whose members may read the history; without one root alone may."),
+    settings_table::text(service_settings::kNotInBlock, "HISTORIAN:group", "root",
+                         service_settings::kHistorian,
+                         "The group whose members may read the history, besides root."),
     settings_table::number(service_settings::kNotInBlock, "HISTORIAN:keep days", {0, 36500, "days"},
                            "365", service_settings::kHistorian,
                            "Older records are removed; 0 keeps them whatever their age."),
