@@ -70,6 +70,13 @@ TEST_F(MassChange, OfRenamesIsOfOneNewEnding) {
             found[0].sentence());
 }
 
+// A name is a client's choice: it must not begin a line of its own in the journal.
+TEST_F(MassChange, ShowsControlCharactersAsEscapes) {
+  const auto found = changes_.look(std::vector<Row>(4, rename(1, "a.x\nevil")));
+  ASSERT_EQ(1U, found.size());
+  EXPECT_TRUE(contains(found[0].sentence(), "\".x\\x0aevil\"")) << found[0].sentence();
+}
+
 TEST_F(MassChange, OfFoldersRenamesIsNone) {
   for (int i = 0; i < 30; ++i) {
     Row row = rename(i, "a.locked");

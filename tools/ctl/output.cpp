@@ -10,6 +10,7 @@
 #include "tools/service/journal.hpp"
 #include "tools/status/sentences.hpp"
 #include "tools/text/counted.hpp"
+#include "tools/text/shown.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -46,18 +47,7 @@ void warn(std::string_view text) {
   service::say(service::Tone::kWarning, "tavrixctl: " + std::string(text));
 }
 
-std::string shown(std::string_view bytes) {
-  std::string text;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      fmt::format_to(std::back_inserter(text), "\\x{:02x}", byte);
-    } else {
-      text += c;
-    }
-  }
-  return text;
-}
+std::string shown(std::string_view bytes) { return text::shown(bytes); }
 
 std::string human_bytes(uint64_t bytes) { return status::size_text(bytes); }
 

@@ -18,6 +18,7 @@
 #include "tools/history/schema.hpp"
 #include "tools/history/statement.hpp"
 #include "tools/text/counted.hpp"
+#include "tools/text/shown.hpp"
 
 namespace tavrix::historian {
 namespace {
@@ -219,7 +220,8 @@ bool Historian::finish(const Batch& batch) {
 
 bool Historian::refuse(const std::string& name, const std::string& reason) {
   if (!refuse_link(name, reason)) return false;
-  const std::string sentence = fmt::format("{} is set aside in {}: {}", name, kRefused, reason);
+  const std::string sentence =
+      fmt::format("{} is set aside in {}: {}", text::shown(name), kRefused, reason);
   say(Tone::kError, sentence);
   static_cast<void>(add_notice(store_.get(), history::kNoticeRefused, now_micros(), sentence));
   return true;

@@ -7,6 +7,7 @@
 #include "tools/history/schema.hpp"
 #include "tools/history/statement.hpp"
 #include "tools/text/counted.hpp"
+#include "tools/text/shown.hpp"
 
 namespace tavrix::historian {
 namespace {
@@ -35,11 +36,11 @@ std::string_view ending_of(std::string_view path) {
 
 std::string MassChange::sentence() const {
   const std::string who = user.empty() ? fmt::format("the user with the id {}", uid)
-                                       : fmt::format("{} (user id {})", user, uid);
+                                       : fmt::format("{} (user id {})", text::shown(user), uid);
   const std::string when = text::counted(seconds, "second");
   if (is_rename) {
     return fmt::format("{} gave {} the new ending \".{}\" within {}", who,
-                       text::counted(count, "file"), ending, when);
+                       text::counted(count, "file"), text::shown(ending), when);
   }
   return fmt::format("{} deleted {} files and folders within {}", who, count, when);
 }

@@ -10,9 +10,12 @@
 #include "tools/status/report.hpp"
 #include "tools/status/sentences.hpp"
 #include "tools/text/counted.hpp"
+#include "tools/text/shown.hpp"
 
 namespace tavrix::status {
 namespace {
+
+using text::shown;
 
 constexpr std::size_t kMostDiffering = 3;  // names of settings on one line
 
@@ -20,20 +23,6 @@ std::string upper(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return text;
-}
-
-// Names and reasons come from files: no control character reaches the terminal.
-std::string shown(const std::string& text) {
-  std::string safe;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      fmt::format_to(std::back_inserter(safe), "\\x{:02x}", byte);
-    } else {
-      safe += c;
-    }
-  }
-  return safe;
 }
 
 class Screen {
