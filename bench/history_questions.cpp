@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Asks a history that tavrix_history_sample wrote, and prints how long answers take:
 //
-//   tavrix_history_questions FILE
+//   tavrix_history_questions FILE [WORD]
+//
+// With a word, only the questions with it.
 //
 // Each question is asked 50 times, of other users, folders and times each time; the median and the
 // worst are printed. A page has 200 records.
@@ -25,6 +27,11 @@ namespace {
 using namespace tavrix::history;
 using tavrix::events::PathPattern;
 using Milliseconds = std::chrono::duration<double, std::milli>;
+
+const char* wanted_word = "";
+bool is_wanted(const char* name) {
+  return std::string(name).find(wanted_word) != std::string::npos;
+}
 
 // The time of the processor tells the work apart from the waiting on a busy machine.
 double processor_milliseconds() {
@@ -90,6 +97,7 @@ std::string folder_of(const std::string& path, int depth) {
 }
 
 void ask(sqlite3* database, const char* name, const std::function<Search()>& next) {
+  if (!is_wanted(name)) return;
   Watch watch;
   std::size_t records = 0;
   for (int i = 0; i < kTimes; ++i) {
@@ -104,6 +112,7 @@ void ask(sqlite3* database, const char* name, const std::function<Search()>& nex
 }
 
 void ask_lives(sqlite3* database, const char* name, const std::function<LifeQuestion()>& next) {
+  if (!is_wanted(name)) return;
   Watch watch;
   std::size_t steps = 0;
   for (int i = 0; i < kTimes; ++i) {
@@ -120,10 +129,11 @@ void ask_lives(sqlite3* database, const char* name, const std::function<LifeQues
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs("usage: tavrix_history_questions FILE\n", stderr);
+  if (argc < 2 || argc > 3) {
+    std::fputs("usage: tavrix_history_questions FILE [WORD]\n", stderr);
     return 2;
   }
+  if (argc == 3) wanted_word = argv[2];
   Problem problem;
   const Database database = open_to_read(argv[1], problem);
   if (database == nullptr) {

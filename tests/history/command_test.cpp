@@ -232,6 +232,30 @@ TEST_F(HistoryCommand, SaysWhatIsWrongWithTheDatabase) {
   };
   change("PRAGMA user_version = 99");
   EXPECT_TRUE(contains(complaint("/scratch/changed.db"), "newer version"));
+  change("PRAGMA journal_mode = DELETE");
+  history::Problem problem;
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open("/scratch/changed.db", &raw));
+  const history::Database holder(raw);
+  ASSERT_TRUE(history::execute(raw, "BEGIN EXCLUSIVE"));
+  EXPECT_TRUE(contains(complaint("/scratch/changed.db"), "keeps the history locked"));
+}
+
+TEST_F(HistoryCommand, EndsWithItsPatienceAndSaysWhereToGoOn) {
+  history::Problem problem;
+  {
+    const history::Database database = history::open_to_write(kFile, problem);
+    ASSERT_TRUE(history::execute(
+        database.get(),
+        "WITH RECURSIVE number(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM number WHERE n < "
+        "400000) "
+        "INSERT INTO records SELECT NULL, 1700000100000000 + n, 5, 0, 1001, 7, '/tavrix/Shared/x', "
+        "NULL, NULL, NULL, NULL, 1 FROM number"));
+  }
+  const Outcome outcome = history({"search", "--path", "nowhere", "--patience", "1"});
+  EXPECT_EQ(1, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "the search went back to 2023-11-14 23:15:0")) << outcome.err;
+  EXPECT_TRUE(contains(outcome.err, "; --after 1700000")) << outcome.err;
 }
 
 TEST_F(HistoryCommand, IsForRootAndTheGroupOfTheSettings) {

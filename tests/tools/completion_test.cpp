@@ -124,6 +124,8 @@ TEST_F(Completion, LeavesFilesAndFoldersToTheShell) {
   EXPECT_EQ((std::set<std::string>{}), words({"map", "lint", "size.json", "data.json", ""}));
   EXPECT_EQ((std::set<std::string>{":files"}), words({"events", "decode", "a", "b", ""}));
   EXPECT_EQ((std::set<std::string>{":folders"}), words({"events", "decode", "--follow", ""}));
+  EXPECT_EQ((std::set<std::string>{"search", "file", "user", "report"}), words({"history", ""}));
+  EXPECT_TRUE(words({"history", "search", "--op", "d"}).contains("delete"));
 }
 
 TEST_F(Completion, KnowsValuesBehindAnEqualSign) {

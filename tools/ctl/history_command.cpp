@@ -114,6 +114,11 @@ int print_all(sqlite3* database, const SearchArguments& arguments, history::Sear
     std::fflush(stdout);
     is_found |= !page->records.empty();
     left -= page->records.size();
+    if (page->is_cut) {
+      std::fflush(stdout);
+      warn(fmt::format("the search went back to {}; --after {} goes on",
+                       text::local_time(page->next->time), history::cursor_of(*page->next)));
+    }
     if (!page->next || page->is_cut) break;
     search.after = page->next;
   }

@@ -18,7 +18,8 @@ char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + '
 
 bool contains_in_any_case(std::string_view text, std::string_view part) {
   const auto same = [](char a, char b) { return lower(a) == lower(b); };
-  return std::ranges::search(text, part, same).begin() != text.end() || part.empty();
+  return std::search(text.begin(), text.end(), part.begin(), part.end(), same) != text.end() ||
+         part.empty();
 }
 
 bool is_at_or_below(std::string_view path, std::string_view folder) {

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000;
 constexpr int64_t kHour = 3600 * kSecond;
-constexpr int64_t kMostByHour = 14 * 24 * kHour;  // a longer time is shown by day
+constexpr int64_t kMostByHour = 14LL * 24 * kHour;  // a longer time is shown by day
 constexpr std::size_t kMostNotices = 100;
 
 // The beginning of the hour or the local day, and of the next one.
@@ -40,8 +40,9 @@ void add(Counts& counts, Doing doing) { ++counts[static_cast<std::size_t>(doing)
 
 class Counter {
  public:
-  explicit Counter(Report& report) : report_(report) {
-    for (int64_t step = step_of(report.since, report.by_day); step <= report.until;
+  // There are steps from `begin` on.
+  Counter(Report& report, int64_t begin) : report_(report) {
+    for (int64_t step = step_of(begin, report.by_day); step <= report.until;
          step = step_of(step, report.by_day, 1)) {
       report.steps.try_emplace(step);
     }
@@ -169,7 +170,9 @@ std::optional<Report> report_on(sqlite3* database, const ReportQuestion& questio
   report.since = question.since;
   report.until = question.until;
   report.by_day = question.until - question.since > kMostByHour;
-  Counter counter(report);
+  // Nothing was recorded before the first record, however long ago the time begins.
+  const auto first = number_of(database, "SELECT min(time) FROM records");
+  Counter counter(report, std::max(report.since, first.value_or(report.since)));
   if (!count_records(database, question, counter) || !read_notices(database, report))
     return std::nullopt;
   counter.finish(question.most);

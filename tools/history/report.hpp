@@ -34,7 +34,7 @@ struct Report {
   int64_t since = 0, until = 0;  // microseconds since 1970
   bool by_day = false;           // the steps are days, not hours
   Counts counts{};
-  std::map<int64_t, Counts> steps;  // by the beginning of each; those without records too
+  std::map<int64_t, Counts> steps;  // by the beginning of each, from the first record of all on
   struct User {
     uint32_t uid;
     Counts counts;

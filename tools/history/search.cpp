@@ -219,7 +219,7 @@ Page cut_page(Walk& walk, std::size_t limit) {
 }  // namespace
 
 std::optional<Page> search(sqlite3* database, const Search& search) {
-  constexpr std::size_t kEntriesForARecord = 4;  // an entry of an index costs less
+  constexpr std::size_t kEntriesForARecord = 8;  // an entry of an index costs less
   constexpr std::size_t kMostTimes = 8;          // a transaction of a twentieth of a second
   const Task task = task_of(search);
   if (search.limit == 0) return Page{};
