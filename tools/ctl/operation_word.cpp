@@ -30,8 +30,8 @@ CLI::Option* add_operation(CLI::App& command, std::string& word, const std::stri
 int refuse_operation(const std::string& word, const std::string& command) {
   const std::string meant = cli::nearest(word, all_operations());
   complain_as(code::kNoOperation, "\"{}\" is not an operation; {}", word,
-           meant.empty() ? fmt::format("\"tavrixctl {} --help\" lists them", command)
-                         : fmt::format("did you mean \"{}\"?", meant));
+              meant.empty() ? fmt::format("\"tavrixctl {} --help\" lists them", command)
+                            : fmt::format("did you mean \"{}\"?", meant));
   return kFailure;
 }
 

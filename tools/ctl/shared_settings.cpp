@@ -13,7 +13,8 @@ namespace tavrix::ctl {
 bool use_shared_settings() {
   const int shmid = shmget(ftok(TAVRIX_PARAM_KEY_PATH, TAVRIX_PARAM_KEY_ID), 0, 0);
   if (shmid == -1) {
-    complain_as(code::kNoSettings, "there is no parameter block; \"tavrixctl config load FILE\" makes one");
+    complain_as(code::kNoSettings,
+                "there is no parameter block; \"tavrixctl config load FILE\" makes one");
     return false;
   }
   if (read_tavrix_config() == 0) return true;
