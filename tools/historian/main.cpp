@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <exception>
 #include <memory>
 
 #include "tools/cli/command_line.hpp"
@@ -94,6 +95,17 @@ class Service {
   bool is_reload_wanted_ = false;
 };
 
+int run(const std::string& settings, bool once) {
+  try {
+    Service service(settings);
+    return once ? service.run_once() : service.run();
+  } catch (const std::exception& error) {
+    // The service manager starts it again; what waits is still there.
+    say(Tone::kError, error.what());
+    return 2;
+  }
+}
+
 }  // namespace
 }  // namespace tavrix::historian
 
@@ -116,6 +128,5 @@ int main(int argc, char** argv) {
     return 2;
   }
   openlog("tavrix-historian", LOG_PID, LOG_DAEMON);
-  tavrix::historian::Service service(settings);
-  return once ? service.run_once() : service.run();
+  return tavrix::historian::run(settings, once);
 }
