@@ -140,6 +140,7 @@ class Page:
     async def dark(self):
         await self.call("Emulation.setEmulatedMedia", features=[{"name": "prefers-color-scheme", "value": "dark"}])
         await self.until("document.documentElement.classList.contains('pf-v6-theme-dark')")
+        await self.until("document.getAnimations().every(each => !(each instanceof CSSTransition))")  # colours fade over
 
     async def violations(self, axe):
         await self.js(pathlib.Path(axe).read_text() + ";1")

@@ -40,7 +40,12 @@ export function useTree(selected: string): LoadedTree {
 
   const question = useCallback(
     async (key: string, words: string[]): Promise<ChildrenPage | undefined> => {
-      if (running.current.has(key)) return undefined;
+      // Somebody else has asked this, and takes the answer: what follows may need it.
+      const other = running.current.get(key);
+      if (other) {
+        await other.answer.catch(() => undefined);
+        return undefined;
+      }
       const asked = ask<ChildrenPage>(['map', 'tree', ...words]);
       running.current.set(key, asked);
       setLoading(new Set(running.current.keys()));
