@@ -15,7 +15,7 @@ shift || true
 [ -d page/dist ] && [ -d page/node_modules/axe-core ] || scripts/build-page.sh
 if [ ! -x "$build/tools/tavrixctl" ]; then
   cmake --preset release >/dev/null
-  cmake --build --preset release --target tavrixctl tavrix-loader tavrix-sample-tree tavrix-sweeper | tail -n 1
+  cmake --build --preset release --target tavrixctl tavrix-loader tavrix-sample-tree tavrix-sweeper tavrix_history_sample | tail -n 1
 fi
 
 # Each session of the console leaves a bus and an agent: they end with their PID namespace.

@@ -3,6 +3,7 @@
 import { Nav, NavItem, NavList, Page, PageSection } from '@patternfly/react-core';
 import { useCallback, useEffect, useState, type ReactElement } from 'react';
 import { usePlace, type Options, type Place, type View } from './location';
+import { HistoryView } from './history/HistoryView';
 import { MapsView } from './maps/MapsView';
 import { ErrorNote } from './parts/ErrorNote';
 import { PermissionsView } from './permissions/PermissionsView';
@@ -10,7 +11,7 @@ import { StatusView } from './status/StatusView';
 import { texts } from './texts';
 import { kDeniedEvent, type ToolError } from './tool/ask';
 
-const kViews: readonly View[] = ['status', 'permissions', 'maps'];
+const kViews: readonly View[] = ['status', 'permissions', 'maps', 'history'];
 
 // Without administrative access nothing can be asked, in no view.
 function useDenied(): [ToolError | undefined, () => void] {
@@ -30,6 +31,8 @@ function Views({ view, options, go }: Place & { go: (view: View, options: Option
       return <PermissionsView options={options} go={goTo} />;
     case 'maps':
       return <MapsView options={options} go={goTo} />;
+    case 'history':
+      return <HistoryView options={options} go={goTo} />;
     default:
       return <StatusView />;
   }

@@ -2,7 +2,7 @@
 // The view and what it shows, as the address has them: a link leads to the same place.
 import { useCallback, useEffect, useState } from 'react';
 
-export type View = 'status' | 'permissions' | 'maps';
+export type View = 'status' | 'permissions' | 'maps' | 'history';
 export type Options = Record<string, string>;
 
 export interface Place {
@@ -10,7 +10,7 @@ export interface Place {
   options: Options;
 }
 
-const kViews: readonly View[] = ['status', 'permissions', 'maps'];
+const kViews: readonly View[] = ['status', 'permissions', 'maps', 'history'];
 
 function currentPlace(): Place {
   const view = kViews.find((name) => name === cockpit.location.path[0]) ?? 'status';

@@ -6,7 +6,7 @@ const counted = (count: number, one: string, many: string): string =>
 
 export const texts = {
   title: 'File permissions',
-  views: { status: 'Status', permissions: 'Permissions', maps: 'Maps' },
+  views: { status: 'Status', permissions: 'Permissions', maps: 'Maps', history: 'History' },
   cancel: 'Cancel',
   again: 'Try again',
   technical: 'Technical details',
@@ -226,6 +226,32 @@ export const texts = {
     },
     heldChanged: 'Another map is held by now. Look at it first.',
   },
+};
+
+export const historyTexts = {
+  path: 'Path',
+  pathHint: 'a folder, *.docx, or a part of the path',
+  user: 'User',
+  operation: 'What',
+  operations: { '': 'Everything', create: 'Created', change: 'Changed', rename: 'Renamed', delete: 'Deleted', read: 'Read' } as Record<string, string>,
+  period: 'Period',
+  periods: { '2h': 'Last two hours', '1d': 'Last day', '7d': 'Last week', '30d': 'Last month', '365d': 'Last year' } as Record<string, string>,
+  columns: { time: 'Time', user: 'Who', done: 'What', path: 'Object', newPath: 'New path' },
+  done: { created: 'created', changed: 'changed', renamed: 'renamed', deleted: 'deleted', read: 'read', other: 'other' } as Record<string, string>,
+  nothing: 'Nothing happened that fits.',
+  more: 'Show more',
+  csv: 'Save as CSV',
+  life: (path: string) => `The life of ${path}`,
+  events: {
+    made: 'made', changed: 'changed', read: 'read', renamed: 'renamed', carried: 'carried along: a folder above was renamed',
+    replaced: 'replaced by another', deleted: 'deleted', 'deleted-above': 'deleted with a folder above',
+  } as Record<string, string>,
+  endings: { alive: 'It is still there.', deleted: 'It is deleted.', replaced: 'Another object took its name.', unknown: 'Its end is not recorded.' } as Record<string, string>,
+  leftOff: (count: number) => `${count} older steps are left out.`,
+  by: (user: string) => `by ${user}`,
+  close: 'Close',
+  activity: (count: string, step: string) => `${count} by ${step}`,
+  notices: 'What stands out',
 };
 
 // The rights of a mask, as the tool's words are.

@@ -8,6 +8,7 @@ import subprocess
 import sys
 import time
 import unittest
+import urllib.parse
 
 sys.path.insert(0, os.path.dirname(__file__))
 from browser import Browser  # noqa: E402
@@ -445,6 +446,87 @@ class MapsView(PageTest):
         await page.until_text("1 refused map is kept.")
         status = json.loads(ctl("--json", "status", check=False).stdout)
         self.assertIn(status["map"]["inbox"]["last_reason"], await page.text())
+
+
+class HistoryView(PageTest):
+    """The history has 20,000 records of the last year, which world.sh makes."""
+
+    ROWS = "[...document.querySelectorAll('[aria-label=History] tbody tr')]"
+
+    @staticmethod
+    def ask(*words):
+        return json.loads(ctl("--json", "history", *words).stdout)
+
+    async def test_shows_the_newest_first_and_goes_on(self):
+        page = await self.open("history?since=365d")
+        await page.until(f"{self.ROWS}.length === 200")
+        newest = self.ask("search", "--since", "365d", "--limit", "1")["records"][0]
+        self.assertIn(newest["path"], await page.js(f"{self.ROWS}[0].innerText"))
+        await page.click_text("Show more")
+        await page.until(f"{self.ROWS}.length === 400")
+
+    async def test_asks_for_a_short_period_at_first(self):
+        page = await self.open("history")
+        await page.until("document.body?.innerText.includes('Nothing happened that fits.') || document.querySelector('[aria-label=History]')")
+        self.assertEqual("1d", await page.js("document.querySelectorAll('select')[1].value"))
+
+    async def test_filters_by_path_user_and_operation(self):
+        some = self.ask("search", "--since", "365d", "--op", "delete", "--limit", "1")["records"][0]
+        folder = some["path"].rsplit("/", 1)[0].removeprefix("/tavrix/")
+        page = await self.open("history?since=365d")
+        await page.until(f"{self.ROWS}.length === 200")
+        await page.choose("What", "delete")
+        await page.until("location.hash.includes('op=delete')")
+        await page.fill("Path", folder)
+        await page.fill("User", str(some["uid"]))
+        expected = self.ask("search", "--since", "365d", "--op", "delete", "--path", folder, "--user", str(some["uid"]))["records"]
+        await page.until(f"{self.ROWS}.length === {len(expected)}")
+        self.assertTrue(all("deleted" in row for row in await page.js(f"{self.ROWS}.map(row => row.innerText)")))
+
+    async def test_shows_the_life_of_an_object(self):
+        record = self.ask("search", "--since", "365d", "--op", "rename", "--limit", "1")["records"][0]
+        page = await self.open("history?since=365d&op=rename")
+        await page.click(f"{self.ROWS}[0]?.querySelector('button')")
+        life = self.ask("file", record["path"])["lives"][0]
+        await page.until(f"document.querySelectorAll('.life li').length === {len(life['steps'])}")
+        text = await page.text(".life")
+        for step in life["steps"]:
+            self.assertIn(step["path"], text)
+        await page.click_text("Close")
+        await page.until("!document.querySelector('.life')")
+
+    async def test_shows_the_activity_as_a_picture(self):
+        page = await self.open("history?since=365d")
+        await page.until("document.querySelectorAll('.activity rect').length > 10")
+        self.assertIn("events by day", await page.js("document.querySelector('.activity').getAttribute('aria-label')"))
+
+    async def test_saves_exactly_what_is_filtered(self):
+        page = await self.open("history?since=365d&op=delete")
+        await page.until(f"{self.ROWS}.length > 0")
+        await page.js("(() => { const make = URL.createObjectURL; URL.createObjectURL = blob => { blob.text().then(text => window.saved = text); return make.call(URL, blob); }; })()")
+        await page.click_text("Save as CSV")
+        await page.until("window.saved")
+        self.assertEqual(ctl("history", "search", "--since=365d", "--op=delete", "--csv").stdout, await page.js("saved"))
+
+    async def test_says_that_there_is_no_history(self):
+        os.rename("/var/lib/tavrix/history", "/var/lib/tavrix/away")
+        try:
+            page = await self.open("history")
+            await self.error()
+            self.assertEqual(0, await page.js(f"{self.ROWS}.length"))
+        finally:
+            os.rename("/var/lib/tavrix/away", "/var/lib/tavrix/history")
+
+    async def test_can_be_used_dark_and_light(self):
+        record = self.ask("search", "--since", "365d", "--op", "rename", "--limit", "1")["records"][0]
+        page = await self.open("history?since=365d&file=" + urllib.parse.quote(record["path"], safe=""))
+        await page.until(f"{self.ROWS}.length === 200 && document.querySelector('.life li') && document.querySelector('.activity')")
+        await page.picture(f"{PICTURES}/page-history.png")
+        for is_dark in (False, True):
+            if is_dark:
+                await page.dark()
+            with self.subTest(dark=is_dark):
+                self.assertEqual([], await page.violations(AXE))
 
 
 class Errors(PageTest):

@@ -48,6 +48,10 @@ cp "$sources"/examples/team/*.json /scratch/
 mount -t tmpfs -o mode=0755 tmpfs /var/lib
 mkdir -p /tavrix/.conf/{staging,auditing} /tavrix/Shared/Design/{Drafts,Board,Gallery} /tavrix/Shared/Finance /tavrix/Private
 
+# The history has a year of records.
+mkdir -p /var/lib/tavrix/history
+"$tools/../bench/tavrix_history_sample" /var/lib/tavrix/history/history.db 20000 >/dev/null
+
 export HOME=/scratch/home/root XDG_DATA_HOME=/scratch/data XDG_CONFIG_HOME=/scratch/config
 mkdir -p "$HOME" "$XDG_DATA_HOME/cockpit" "$XDG_CONFIG_HOME"
 ln -s "$sources/page/dist" "$XDG_DATA_HOME/cockpit/tavrix"

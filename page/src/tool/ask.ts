@@ -93,6 +93,17 @@ export function tell(words: string[]): Promise<void> {
   });
 }
 
+// The text that a command prints, as it is.
+export function text(words: string[]): Promise<string> {
+  return new Promise<string>((done, failed) => {
+    cockpit.spawn(['tavrixctl', '--no-progress', ...words], { superuser: 'require', err: 'message' }).then(done, (problem, output) => {
+      // The exit code 1 says that there is no record, which is an answer.
+      if (problem.exit_status === 1) done(output ?? '');
+      else failed(errorOf(problem, output));
+    });
+  });
+}
+
 export function asToolError(error: unknown): ToolError {
   if (error instanceof ToolError) return error;
   return new ToolError(kUnreadable, '', String(error));

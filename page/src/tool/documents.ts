@@ -211,3 +211,49 @@ export interface MapDiff {
 export interface Published {
   published: boolean;
 }
+
+export interface EventRecord {
+  time: string;
+  id: number;
+  type: string;
+  done: 'created' | 'changed' | 'renamed' | 'deleted' | 'read' | 'other';
+  object: 'FILE' | 'DIR';
+  path: string;
+  new_path?: string;
+  uid: number;
+  user_name?: string;
+}
+
+export interface HistoryPage {
+  records: EventRecord[];
+  more: boolean;
+  next?: string;
+}
+
+export interface Life {
+  last_path: string;
+  beginning: 'made' | 'unknown';
+  ending: 'alive' | 'deleted' | 'replaced' | 'unknown';
+  steps_left_off: number;
+  steps: { event: string; path: string; new_path?: string; record: EventRecord }[];
+}
+
+export interface Lives {
+  lives: Life[];
+  more: boolean;
+}
+
+interface EventCounts {
+  records: number;
+  created: number;
+  changed: number;
+  renamed: number;
+  deleted: number;
+}
+
+export interface Activity {
+  step: 'hour' | 'day';
+  counts: EventCounts;
+  activity: (EventCounts & { time: string })[];
+  notices: { time: string; kind: string; text: string }[];
+}
