@@ -105,7 +105,7 @@ typedef enum FB_ERR FB_ERR;
 #define TAVRIX_SYNC_OFF_PATH TAVRIX_CONF_FOLDER "/sync.off"
 #define TAVRIX_RESCAN_PATH TAVRIX_CONF_FOLDER "/tavrix_event_status.dirty"
 #define TAVRIX_DUMP_FILE_PREFIX "pending_"
-/* Where this folder exists, each dump file gets a second name in it, "events.NAME" or "audit.NAME",
+/* Each dump file gets a second name in this folder if it exists, "events.NAME" or "audit.NAME",
  * before it gets its first one: for who keeps the records however fast the agent takes the files.
  */
 #define TAVRIX_HISTORY_FOLDER TAVRIX_CONF_FOLDER "/history"

@@ -16,7 +16,7 @@ using history::Position;
 using history::Record;
 using history::Search;
 
-// What a test asks for, as the tool's own filter and as plain values.
+// The question of a test, as the tool's own filter and as plain values.
 struct Question {
   Search search;
   std::string folder, text, ending;

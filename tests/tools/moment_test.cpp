@@ -19,7 +19,7 @@ class Moments : public testing::Test {
  protected:
   void SetUp() override { live_in("Europe/Berlin"); }
   static void live_in(const char* zone) { setenv("TZ", zone, 1); }
-  // What the text means, read aloud; a range where it is more than an instant.
+  // The meaning of the text, read aloud; a range where it is more than an instant.
   static std::string meaning(const std::string& text, int64_t now = kNow) {
     const auto moment = text::moment_of(text, now);
     if (!moment) return "nothing";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// Which records an operator asks for, in dump files and in the history alike.
+// The records that an operator asks for, in dump files and in the history alike.
 #pragma once
 
 #include <cstdint>

@@ -13,7 +13,7 @@
 
 namespace tavrix::history {
 
-// What a record means for the object.
+// The meaning of a record for the object.
 enum class Event {
   kMade,
   kChanged,

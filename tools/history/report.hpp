@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What happened in a time, in numbers: by hour or by day, by user and by folder.
+// The changes of a time in numbers: by hour or by day, by user and by folder.
 #pragma once
 
 #include <sqlite3.h>

@@ -40,7 +40,7 @@ uint64_t folders_in(const List& list) {
   return folders;
 }
 
-// What the child prints goes to a file, which is whole and synced when the call returns true.
+// Sends the child's output to a file, which is whole and synced when the call returns true.
 template <typename Print>
 bool print_to(const std::string& path, Print print) {
   if (std::freopen(path.c_str(), "we", stdout) == nullptr) return false;

@@ -11,7 +11,7 @@
 
 namespace tavrix::mapkeep {
 
-// What a map changes, compared with the map in force.
+// The changes that a map brings, compared with the map in force.
 struct Counts {
   uint64_t folders = 0;  // of the map in force
   uint64_t removed = 0, added = 0, moved = 0, changed = 0;
