@@ -39,10 +39,21 @@ class CallCounts : public Appliance, public testing::WithParamInterface<Bound> {
   }
 };
 
-TEST_P(CallCounts, OfOneOperationHoldTheirBound) {
+// The server of a busy machine begins a second thread at times, and each change of identity must be
+// told to it. A count of such a server says nothing.
+Outcome count_calls(const std::string& operation) {
   const std::string counter = TAVRIX_SOURCE_DIR "/scripts/lib/bench_samba_calls.py";
-  const Outcome outcome = run_program({"/usr/bin/python3", counter, "Administrator", "Team",
-                                       std::to_string(kEntries), GetParam().operation});
+  Outcome outcome;
+  for (int tries = 0; tries < 4; ++tries) {
+    outcome = run_program({"/usr/bin/python3", counter, "Administrator", "Team",
+                           std::to_string(kEntries), operation});
+    if (outcome.out.find("tgkill") == std::string::npos) break;
+  }
+  return outcome;
+}
+
+TEST_P(CallCounts, OfOneOperationHoldTheirBound) {
+  const Outcome outcome = count_calls(GetParam().operation);
   ASSERT_TRUE(outcome.ok()) << outcome.err;
   double calls = 0;
   std::istringstream lines(outcome.out);  // "put fstat 12.0000"

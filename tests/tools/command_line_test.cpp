@@ -52,7 +52,7 @@ TEST_F(CommandLine, HelpsInTwoWays) {
 
 TEST_F(CommandLine, NamesAnUnknownCommandAndTheOneThatWasMeant) {
   expect_wrong({"mapp"}, "tavrixctl: there is no command \"mapp\"; did you mean \"map\"?");
-  expect_wrong({"--json", "stauts"},
+  expect_wrong({"stauts", "--verbose"},
                "tavrixctl: there is no command \"stauts\"; did you mean \"status\"?");
   expect_wrong({"map", "imprt", "a", "b"},
                "tavrixctl map: there is no command \"imprt\"; did you mean \"import\"?");

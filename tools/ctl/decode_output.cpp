@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "tools/ctl/output.hpp"
 #include "tools/events/dump_reader.hpp"
 #include "tools/events/operations.hpp"
 #include "tools/events/record_fields.hpp"
@@ -134,7 +135,7 @@ Json DecodeSink::begin_line(const std::optional<std::string>& time) const {
 void DecodeSink::end_line(Json line, uint32_t uid) {
   if (const std::string& name = people_.name_of(uid); !name.empty())
     json::set_bytes(line, "user_name", name);
-  json::print_line(line);
+  print_line(line);
 }
 
 void DecodeSink::finish() {
@@ -146,7 +147,7 @@ void DecodeSink::finish() {
   json["by_user"] = by_user_;
   json["by_minute"] = by_minute_;
   if (!by_user_name_.empty()) json["by_user_name"] = by_user_name_;
-  json::print(json);
+  print(json);
 }
 
 }  // namespace tavrix::ctl
