@@ -55,8 +55,7 @@ bool write_diff(const ctl::Compared& maps, const mapdiff::Difference& difference
     ctl::print_difference(maps, difference);
     if (rights != nullptr) static_cast<void>(ctl::print_rights(*rights));
   });
-  return is_text_good && print_to(staged(HeldMap::diff_path()),
-                                  [&] {
+  return is_text_good && print_to(staged(HeldMap::diff_path()), [&] {
            static_cast<void>(ctl::print_difference_json(maps, difference, rights));
          });
 }
