@@ -335,12 +335,6 @@ int require_lookup(const void* map, std::string_view path) {
 
 }  // namespace
 
-bool is_same_name(std::string_view stored, std::string_view wanted) {
-  const auto length = static_cast<uint32_t>(wanted.size());
-  return stored.size() == wanted.size() &&
-         names_equal(stored.data(), {wanted.data(), length, 0}, tavrix_debug_level());
-}
-
 int governing_acls(const void* map, std::string_view path, AclPtr& self, AclPtr& parent,
                    AclSources* sources) {
   if (const int refused = require_lookup(map, path); refused != 0) return refused;

@@ -49,8 +49,4 @@ using AclPtr = std::unique_ptr<tavrix_acl_t, AclDeleter>;
 [[nodiscard]] int governing_acls(const void* map, std::string_view path, AclPtr& self,
                                  AclPtr& parent, AclSources* sources = nullptr);
 
-// Compares two names as a lookup does; names of another length are never the same. Names beyond
-// ASCII need Samba's comparison, and a process without it ends.
-[[nodiscard]] bool is_same_name(std::string_view stored, std::string_view wanted);
-
 }  // namespace tavrix

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "permissions/map/image_lookup.hpp"
+#include "permissions/map/name_equality.hpp"
 
 namespace tavrix::mapdiff {
 
@@ -22,11 +22,13 @@ void ChildIndex::fill(const ImageView& map, uint32_t folder) {
 }
 
 uint32_t ChildIndex::find(std::string_view name, uint32_t hash) const {
+  const PathComponent wanted{name.data(), static_cast<uint32_t>(name.size()), hash};
   for (auto slot = std::ranges::lower_bound(slots_, hash, {}, &Slot::hash);
        slot != slots_.end() && slot->hash == hash; ++slot) {
     const std::string_view other = name_of(*map_, slot->folder);
     // The same bytes are the same name; others of this hash differ in case, or beyond ASCII.
-    if (other == name || is_same_name(other, name)) return slot->folder;
+    if (other == name) return slot->folder;
+    if (other.size() == name.size() && names_equal(other.data(), wanted, 0)) return slot->folder;
   }
   return kNone;
 }
