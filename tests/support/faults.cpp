@@ -14,6 +14,7 @@
 #include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -103,14 +104,16 @@ bool fails(const char* call, const char* path = "") {
 }
 
 // The program's waits are that many times shorter, and its steady clock runs as much faster, so
-// that deadlines and the waits for them stay in step. Dates are true.
-int haste() {
+// that deadlines and the waits for them stay in step. Dates are true. With 0 the steady clock stands
+// still, and waits are true.
+int clock_haste() {
   static const int times = [] {
     const char* text = getenv("TAVRIX_HASTE");
-    return text != nullptr && atoi(text) > 1 ? atoi(text) : 1;
+    return text != nullptr && *text != '\0' ? std::max(atoi(text), 0) : 1;
   }();
   return times;
 }
+int haste() { return std::max(clock_haste(), 1); }
 
 // The program's dates are that many seconds ahead of the true ones.
 time_t seconds_ahead() {
@@ -330,7 +333,7 @@ int shmctl(int id, int command, struct shmid_ds* info) {
 
 int clock_gettime(clockid_t clock, struct timespec* now) {
   const int result = real<int (*)(clockid_t, timespec*)>("clock_gettime")(clock, now);
-  if (result == 0 && clock == CLOCK_MONOTONIC) *now = time_of(nanoseconds(*now) * haste());
+  if (result == 0 && clock == CLOCK_MONOTONIC) *now = time_of(nanoseconds(*now) * clock_haste());
   if (result == 0 && clock == CLOCK_REALTIME) now->tv_sec += seconds_ahead();
   return result;
 }

@@ -41,7 +41,8 @@ class Operator : public Isolated {
     unlink(kReached);
     return calls;
   }
-  // For a program whose time runs that many times faster: its periods, pauses and deadlines.
+  // For a program whose time runs that many times faster: its periods, pauses and deadlines. With 0
+  // its steady clock stands still.
   static Environment in_haste(int times, const std::string& faults = "") {
     Environment environment = with_faults(faults);
     environment.emplace_back("TAVRIX_HASTE", std::to_string(times));
