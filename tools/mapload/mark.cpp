@@ -7,24 +7,13 @@
 #include <tuple>
 
 #include "mkperms_shm.h"
+#include "tools/files/boot.hpp"
 #include "tools/files/durable.hpp"
 #include "tools/mapload/paths.hpp"
 
 namespace tavrix::mapload {
-namespace {
-
-std::string this_boot() {
-  const Stream file(std::fopen("/proc/sys/kernel/random/boot_id", "re"));
-  char line[64] = "unknown";
-  if (file && std::fgets(line, sizeof line, file.get()) != nullptr)
-    line[std::strcspn(line, "\n")] = 0;
-  return line;
-}
-
-}  // namespace
-
 bool Mark::is(int index, const Segment& other) const {
-  return table == index && other.id != -1 && segment == other && boot == this_boot();
+  return table == index && other.id != -1 && segment == other && boot == files::this_boot();
 }
 
 bool Mark::is_newer_than(uint32_t other_generation, int64_t other_timestamp) const {
@@ -35,7 +24,12 @@ Mark mark_of(int table, const Segment& segment, std::span<const std::byte> image
              files::Digest digest) {
   tavrix_be_header header{};
   std::memcpy(&header, image.data(), std::min(image.size(), sizeof header));
-  return {table, segment, this_boot(), header.generationnum, header.timestamp, std::move(digest)};
+  return {table,
+          segment,
+          files::this_boot(),
+          header.generationnum,
+          header.timestamp,
+          std::move(digest)};
 }
 
 std::optional<Mark> read_mark() {

@@ -21,6 +21,7 @@ namespace service_settings {
 inline constexpr auto kNotInBlock = PARAM_MAX_INDEX;
 inline constexpr Use kLoader = {"tavrix-loader, tavrixctl map", "when the loader is reloaded"};
 inline constexpr Use kHistorian = {"tavrix-historian", "when the historian is reloaded"};
+inline constexpr Use kCluster = {"the services, tavrixctl", "when the services are restarted"};
 
 }  // namespace service_settings
 
@@ -73,6 +74,20 @@ inline constexpr Setting kServiceSettings[] = {
     settings_table::number(service_settings::kNotInBlock, "HISTORIAN:mass renames seconds",
                            {1, 86400, "seconds"}, "60", service_settings::kHistorian,
                            "The time in which those renames are counted."),
+    settings_table::yes_or_no(
+        service_settings::kNotInBlock, "CLUSTER:enabled", "no", service_settings::kCluster,
+        "With yes, this machine is one of several nodes that serve one tree.",
+        "The nodes meet in /tavrix/.conf/cluster, and a node is known by its host name."),
+    settings_table::number(
+        service_settings::kNotInBlock, "CLUSTER:commit seconds", {1, 3600, "seconds"}, "30",
+        service_settings::kCluster,
+        "A map waits so long for nodes that are healthy and have not prepared it; then it becomes "
+        "current without them."),
+    settings_table::number(
+        service_settings::kNotInBlock, "CLUSTER:fence seconds", {1, 3600, "seconds"}, "10",
+        service_settings::kCluster,
+        "A node that has an older map than the cluster, or cannot reach the shared tree, for "
+        "longer than this refuses its clients."),
 };
 
 // Finds a row by its name, in any case; null when there is none.

@@ -18,7 +18,9 @@ constexpr std::string_view kHead =
     "reads "
     "them. Server processes take a copy when a client connects, tavrix-sweeper and tavrix-loader "
     "when they start and at \"systemctl reload\". A value that holds ; or # needs quotes. "
-    "tavrix-loader and tavrix-historian read the sections LOADER and HISTORIAN themselves. "
+    "tavrix-loader and tavrix-historian read the sections LOADER and HISTORIAN themselves, and "
+    "each "
+    "service reads the section CLUSTER. "
     "\"tavrixctl config show --explain\" shows the values that are loaded, and what each is for.";
 
 // The settings of the block, then those of the services.

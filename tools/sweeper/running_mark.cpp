@@ -11,6 +11,7 @@
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
+#include "tools/files/boot.hpp"
 #include "tools/service/service.hpp"
 #include "tools/sweeper/paths.hpp"
 #include "tools/sweeper/staging_owner.hpp"
@@ -29,8 +30,6 @@ std::string first_line(const char* path) {
   std::getline(in, line);
   return line;
 }
-
-std::string boot_id() { return first_line("/proc/sys/kernel/random/boot_id"); }
 
 bool is_there() { return access(kRunningMark, F_OK) == 0; }
 
@@ -54,19 +53,19 @@ std::string& unwritten_reason() {
 
 void look_for_lost_buffer() {
   if (!is_there() || !is_segment_missing()) return;
-  ask_for_rescan(first_line(kRunningMark) == boot_id()
+  ask_for_rescan(first_line(kRunningMark) == files::this_boot()
                      ? "the staging buffer was taken away while it was in use"
                      : "the machine stopped while events were in memory");
 }
 
 void set_running_mark() {
-  if (is_there() && first_line(kRunningMark) == boot_id()) {
+  if (is_there() && first_line(kRunningMark) == files::this_boot()) {
     // The time of the mark is that of the last period's work.
     utimensat(AT_FDCWD, kRunningMark, nullptr, 0);
     return;
   }
   const Fd file(open(kRunningMark, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-  const std::string text = boot_id() + "\n";
+  const std::string text = files::this_boot() + "\n";
   if (!file || write_all(file.get(), text.data(), text.size()) < 0 || fsync(file.get()) != 0) {
     return trouble_of_mark().set(
         fmt::format("{}: {}; if the machine stops now, nobody notices that events were lost",
