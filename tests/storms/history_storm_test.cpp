@@ -2,9 +2,8 @@
 // Everything that brings a record into the history is killed at random moments, while the agent
 // takes each dump file as soon as it sees it.
 
-#include <fcntl.h>
-
 #include "tests/historian/historian.hpp"
+#include "tests/storms/killed.hpp"
 #include "tests/storms/sessions.hpp"
 #include "tests/storms/storm.hpp"
 
@@ -18,10 +17,6 @@ class HistoryStorm : public HistorianWorld {
   static constexpr std::size_t kEnough = 1000;
   static constexpr int kMostRounds = 5000;
 
-  static std::string list_of(int writer) {
-    return "/scratch/acknowledged" + std::to_string(writer);
-  }
-
   // A read is acknowledged when the flush of the audit buffer is done.
   static bool append_read(const std::string& path) {
     AuditEvent audit = AUDIT_EVENT__INIT;
@@ -33,14 +28,12 @@ class HistoryStorm : public HistorianWorld {
   [[noreturn]] static void write(int round, int writer, bool has_session) {
     StormSession session(has_session, static_cast<unsigned>(round * kWriters + writer));
     init_audit_buffer();
-    const Fd log(open(list_of(writer).c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
+    AcknowledgedList log(writer);
     for (int number = 0;; ++number) {
       const bool is_read = number % kReadEvery == 1;
       const std::string path = std::string(is_read ? "read" : "event") + std::to_string(round) +
                                "-" + std::to_string(writer) + "-" + std::to_string(number);
-      const std::string line = path + "\n";
-      const bool is_kept = is_read ? append_read(path) : append(path) == 0;
-      if (is_kept && ::write(log.get(), line.data(), line.size()) < 0) _exit(1);
+      if (is_read ? append_read(path) : append(path) == 0) log.add(path);
     }
   }
   [[noreturn]] static void be_the_agent() {
@@ -52,48 +45,27 @@ class HistoryStorm : public HistorianWorld {
       }
     }
   }
-  void collect() {
-    for (int writer = 0; writer < kWriters; ++writer) {
-      if (!exists(list_of(writer))) continue;
-      const auto lines = lines_of(list_of(writer));
-      acknowledged_.insert(lines.begin(), lines.end());
-      remove_all(list_of(writer));
-    }
-  }
 
   void round(Storm& storm) {
-    std::vector<std::unique_ptr<Child>> processes;
-    const auto add = [&processes](const std::function<void()>& body) {
-      processes.push_back(std::make_unique<Child>(body));
-    };
+    KilledProcesses processes;
     for (int writer = 0; writer < kWriters; ++writer) {
-      add([round = storm.rounds(), writer, has_session = storm.gives_session()] {
+      processes.add([round = storm.rounds(), writer, has_session = storm.gives_session()] {
         write(round, writer, has_session);
       });
     }
     for (const FB_CTX ctx : {FB_CTX_SWPR, FB_CTX_DISCON}) {
-      add([ctx] {
+      processes.add([ctx] {
         for (;;) flush_staging_buffer(ctx);
       });
     }
-    add([] { execl(kSweeper, "tavrix-sweeper", "--foreground", nullptr); });
+    processes.add([] { execl(kSweeper, "tavrix-sweeper", "--foreground", nullptr); });
     for (int i = 0; i < 2; ++i) {
-      add([] { execl(kHistorian, "tavrix-historian", "--settings", kConf, nullptr); });
+      processes.add([] { execl(kHistorian, "tavrix-historian", "--settings", kConf, nullptr); });
     }
-    add([] { be_the_agent(); });
-    std::shuffle(processes.begin(), processes.end(), storm.random);
-    for (auto& process : processes) {
-      usleep(storm.below(8000));
-      process->kill();
-    }
-    for (auto& process : processes) {
-      const Outcome outcome = process->wait();
-      EXPECT_EQ(SIGKILL, outcome.signal)
-          << storm.where() << ": exit " << outcome.exit_code << ": " << outcome.err;
-      storm.count("process killed");
-    }
+    processes.add([] { be_the_agent(); });
+    processes.kill_all(storm);
     storm.count("dump file that waits at the end of a round", static_cast<int>(links().size()));
-    collect();
+    AcknowledgedList::collect(kWriters, acknowledged_);
   }
 
   void expect_each_kept_once(Storm& storm) {

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Processes that are killed at random moments, many at a time.
 
-#include <fcntl.h>
-
 #include "tests/storms/acknowledged.hpp"
+#include "tests/storms/killed.hpp"
 #include "tests/storms/sessions.hpp"
 #include "tests/storms/storm.hpp"
 #include "tests/tools/loader.hpp"
@@ -18,62 +17,38 @@ class KillStorm : public EventStorm {
   static constexpr std::size_t kEnough = 1000;  // acknowledged events, or the storm says little
   static constexpr int kMostRounds = 5000;      // of a machine that is too slow for that
 
-  static std::string list_of(int writer) {
-    return "/scratch/acknowledged" + std::to_string(writer);
-  }
-
   void round(Storm& storm) {
-    std::vector<std::unique_ptr<Child>> processes;
+    KilledProcesses processes;
     for (int writer = 0; writer < kWriters; ++writer) {
-      processes.push_back(std::make_unique<Child>(
-          [round = storm.rounds(), writer, has_session = storm.gives_session()] {
-            write(round, writer, has_session);
-          }));
+      processes.add([round = storm.rounds(), writer, has_session = storm.gives_session()] {
+        write(round, writer, has_session);
+      });
     }
     for (const FB_CTX ctx : {FB_CTX_SWPR, FB_CTX_DISCON}) {
-      processes.push_back(std::make_unique<Child>([ctx] {
+      processes.add([ctx] {
         for (;;) flush_staging_buffer(ctx);
-      }));
+      });
     }
-    processes.push_back(std::make_unique<Child>([] {
+    processes.add([] {
       execl(TAVRIX_BUILD_DIR "/tools/tavrix-sweeper", "tavrix-sweeper", "--foreground", nullptr);
-    }));
-    std::shuffle(processes.begin(), processes.end(), storm.random);
-    for (auto& process : processes) {
-      usleep(storm.below(8000));
-      process->kill();
-    }
-    for (auto& process : processes) {
-      const Outcome outcome = process->wait();
-      EXPECT_EQ(SIGKILL, outcome.signal)
-          << storm.where() << ": exit " << outcome.exit_code << ": " << outcome.err;
-      storm.count("process killed");
-    }
+    });
+    processes.kill_all(storm);
     for (const std::string& name : others()) {
       storm.count(name.starts_with("txtemp") ? "file of a killed flush left" : "other file left");
     }
-    collect();
+    AcknowledgedList::collect(kWriters, acknowledged_);
   }
 
   [[noreturn]] static void write(int round, int writer, bool has_session) {
     StormSession session(has_session, static_cast<unsigned>(round * kWriters + writer));
-    const Fd log(open(list_of(writer).c_str(), O_CREAT | O_WRONLY | O_APPEND | O_CLOEXEC, 0600));
+    AcknowledgedList log(writer);
     for (int number = 0;; ++number) {
       const std::string path =
           std::to_string(round) + "-" + std::to_string(writer) + "-" + std::to_string(number);
-      const std::string line = path + "\n";
       session.do_or_fork([&] {
-        if (append(path) == 0 && ::write(log.get(), line.data(), line.size()) < 0) _exit(1);
+        if (append(path) == 0) log.add(path);
       });
       session.rest_at_times();
-    }
-  }
-  void collect() {
-    for (int writer = 0; writer < kWriters; ++writer) {
-      if (!exists(list_of(writer))) continue;
-      const auto lines = lines_of(list_of(writer));
-      acknowledged_.insert(lines.begin(), lines.end());
-      remove_all(list_of(writer));
     }
   }
 
