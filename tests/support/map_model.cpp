@@ -271,6 +271,16 @@ std::vector<std::byte> build_image(const Folder& root, const MapName& name) {
   return Builder(root, name).take();
 }
 
+std::vector<std::byte> damaged(const std::vector<std::byte>& image, std::mt19937& random) {
+  constexpr std::size_t kFront = 400;
+  std::vector<std::byte> result = image;
+  for (int changes = static_cast<int>(random() % 8) + 1; changes > 0; --changes) {
+    const std::size_t at = random() % 2 == 0 ? random() % kFront : random() % result.size();
+    result[at] = static_cast<std::byte>(random());
+  }
+  return result;
+}
+
 std::ostream& operator<<(std::ostream& out, const Governing& acl) {
   out << (acl.inherited ? "inherited" : "explicit");
   for (const auto& entry : acl.entries) {

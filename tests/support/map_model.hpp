@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,10 @@ std::string data_json(const Folder& root);
 
 // The image that an import of the two documents has to make.
 std::vector<std::byte> build_image(const Folder& root, const MapName& name = {});
+
+// A copy with one to eight random bytes, about half of them where the header and the first records
+// are.
+std::vector<std::byte> damaged(const std::vector<std::byte>& image, std::mt19937& random);
 
 // The entries that govern a path, as a reader of the image has them: users, then groups, each in
 // document order.

@@ -114,14 +114,7 @@ TEST(Verify, FindsEveryTruncation) {
 TEST(Verify, TakesAnyBytes) {
   std::mt19937 random(5);
   const Image sound = build_image(random_tree(9, 100));
-  for (int round = 0; round < 20000; ++round) {
-    Image image = sound;
-    for (int changes = static_cast<int>(random() % 8) + 1; changes > 0; --changes) {
-      const std::size_t at = random() % 2 == 0 ? random() % 400 : random() % image.size();
-      image[at] = static_cast<std::byte>(random());
-    }
-    mapcheck::verify(image);
-  }
+  for (int round = 0; round < 20000; ++round) mapcheck::verify(damaged(sound, random));
 }
 
 // Every reader can walk an image that the check finds sound.
