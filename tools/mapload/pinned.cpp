@@ -16,11 +16,10 @@ int places() {
   return highest < 0 ? 0 : highest + 1;
 }
 
-// Only tables have no permission bits, and a removed segment is marked.
-bool may_be_old_table(const struct shmid_ds& info) {
+SegmentLook look_of(const struct shmid_ds& info) {
   constexpr unsigned kPermissionBits = 0777;
-  return (info.shm_perm.mode & SHM_DEST) != 0 && (info.shm_perm.mode & kPermissionBits) == 0 &&
-         info.shm_nattch > 0 && info.shm_segsz >= sizeof(tavrix_be_header);
+  return {(info.shm_perm.mode & SHM_DEST) != 0, info.shm_perm.mode & kPermissionBits,
+          info.shm_nattch, info.shm_segsz};
 }
 
 bool holds_a_map(const Segment& segment) {
@@ -33,13 +32,18 @@ bool holds_a_map(const Segment& segment) {
 
 }  // namespace
 
+bool may_be_old_table(const SegmentLook& look) {
+  return look.is_removed && look.permission_bits == 0 && look.attachments > 0 &&
+         look.bytes >= sizeof(tavrix_be_header);
+}
+
 std::vector<PinnedTable> pinned_tables() {
   std::vector<PinnedTable> found;
   const int end = places();
   for (int place = 0; place < end; ++place) {
     struct shmid_ds info {};
     const int id = shmctl(place, SHM_STAT, &info);
-    if (id == -1 || !may_be_old_table(info)) continue;
+    if (id == -1 || !may_be_old_table(look_of(info))) continue;
     const Segment segment{id, info.shm_ctime, info.shm_cpid, info.shm_segsz};
     if (holds_a_map(segment)) found.push_back({segment, info.shm_nattch});
   }

@@ -3,11 +3,23 @@
 // detaches, so a process that does not detach keeps the memory of a whole map.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "tools/mapload/tables.hpp"
 
 namespace tavrix::mapload {
+
+// A segment as the kernel tells of it to everybody.
+struct SegmentLook {
+  bool is_removed = false;
+  unsigned permission_bits = 0;
+  unsigned long attachments = 0;
+  std::size_t bytes = 0;
+};
+// True if the segment may be an old table: of the appliance's segments only tables have no
+// permission bits. The header, which only root can read, makes it sure.
+[[nodiscard]] bool may_be_old_table(const SegmentLook& look);
 
 struct PinnedTable {
   Segment segment;

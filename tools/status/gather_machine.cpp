@@ -22,6 +22,7 @@
 #include "tools/groupmap/group_map.hpp"
 #include "tools/historian/paths.hpp"
 #include "tools/mapload/paths.hpp"
+#include "tools/mapload/pinned.hpp"
 #include "tools/status/gather.hpp"
 #include "tools/status/samba.hpp"
 #include "tools/sweeper/connections.hpp"
@@ -203,8 +204,10 @@ Connections look_at_connections(const std::vector<Segment>& all, std::vector<Unr
     unread.push_back({"connections", "the server processes", "only root may look into them"});
   }
   for (const Segment& segment : all) {
-    // A removed table: its key is gone, and among our segments only tables have no permission bits.
-    if (!segment.is_removed || segment.mode != 0 || segment.attached == 0) continue;
+    if (!mapload::may_be_old_table({segment.is_removed, segment.mode,
+                                    static_cast<unsigned long>(segment.attached), segment.bytes})) {
+      continue;
+    }
     connections.pinned.push_back({segment, holders_of(segment)});
   }
   std::sort(connections.pinned.begin(), connections.pinned.end(),
