@@ -52,6 +52,8 @@ Worker::Step Worker::step(bool may_wait, const std::function<bool()>& should_sto
     tries_ = 0;
   }
   if (!pair_) return Step::kNothing;
+  // Settings that were read anew before the pair came count for it.
+  if (should_stop) should_stop();
   return reason_.empty() ? load(should_stop) : refuse(reason_);
 }
 
