@@ -62,6 +62,7 @@ export const texts = {
     'no-user': { title: 'There is no such user.', advice: 'Choose a user of this machine.' },
     'no-operation': { title: 'There is no such operation.', advice: 'Choose one of the list.' },
     'not-root': { title: 'This page needs administrative access.', advice: 'Log in as an administrator.' },
+    cancelled: { title: 'The question was cancelled.', advice: 'Try again, or ask about less.' },
     other: { title: 'There is no answer.', advice: 'Try again. The technical details say more.' },
   } as Record<string, { title: string; advice: string }>,
 
@@ -168,9 +169,18 @@ export const texts = {
     refused: 'Refused maps',
     noRefused: 'No map was refused.',
     refusedCount: (count: number) => `${counted(count, 'refused map is', 'refused maps are')} kept.`,
-    lastRefused: 'Last refusal',
-    reason: 'Reason',
-    waits: 'A map waits since',
+    refusedAdvice: 'The current map stays. The agent has to hand over files without these errors.',
+    newest: (shown: number) => `The newest ${shown} are shown.`,
+    folder: 'Folder',
+    files: 'Files',
+    noFiles: 'they are gone',
+    file: (name: string, size: string) => `${name}, ${size}`,
+    findings: (errors: number, warnings: number) =>
+      `What the checks found: ${counted(errors, 'error', 'errors')}, ${counted(warnings, 'warning', 'warnings')}`,
+    details: 'What the loader noted',
+    findingColumns: { severity: 'Kind', file: 'File', place: 'Place', text: 'Finding' },
+    severity: { error: 'Error', warning: 'Warning' },
+    place: (path: string | undefined, offset: number) => `${path === undefined ? '' : `${path}, `}byte ${offset}`,
     kept: 'Kept maps',
     noKept: 'No earlier map is kept.',
     cannotKeep: 'These tools keep no earlier maps.',
@@ -224,7 +234,6 @@ export const texts = {
       approve: (folders: string) => `The held map, with ${folders}, becomes the current map. All rights follow it at once.`,
       reject: 'The held map is removed. The current map stays.',
     },
-    heldChanged: 'Another map is held by now. Look at it first.',
   },
 };
 
@@ -251,6 +260,7 @@ export const historyTexts = {
   by: (user: string) => `by ${user}`,
   close: 'Close',
   activity: (count: string, step: string) => `${count} by ${step}`,
+  ofAll: 'Everything in the period, whatever the filter.',
   notices: 'What stands out',
 };
 

@@ -12,7 +12,7 @@ import urllib.request
 
 import websockets
 
-KEYS = {"ArrowDown": 40, "ArrowUp": 38, "ArrowRight": 39, "ArrowLeft": 37, "Enter": 13, "Home": 36, "End": 35, "Tab": 9}
+KEYS = {"ArrowDown": 40, "ArrowUp": 38, "ArrowRight": 39, "ArrowLeft": 37, "Enter": 13, "Home": 36, "End": 35, "Tab": 9, "Escape": 27, "PageDown": 34}
 
 
 class Browser:

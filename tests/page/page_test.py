@@ -1,9 +1,11 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 """The page in Cockpit as people use it. world.sh runs this in its private world."""
+import asyncio
 import json
 import logging
 import os
 import shutil
+import sqlite3
 import subprocess
 import sys
 import time
@@ -212,6 +214,54 @@ class PermissionsView(PageTest):
         await page.until("!document.querySelector('#map-changed')")
         await page.until("document.querySelector('[aria-selected=true]')?.dataset.path === 'Shared/Finance'")
 
+    async def test_notices_another_map_while_nobody_clicks_and_asks_anew(self):
+        page = await self.open("permissions?path=Shared/Design&tab=why&user=ben&op=read&as=ben")
+        await page.until("document.querySelector('[data-verdict=granted]')")
+        await page.until_text("r----", "[data-path=\"Shared/Design\"]")
+        make_map([{"DIR": "Shared", "children": [{"DIR": "Design", "users": {"1006": 2}}]}])
+        await page.until("document.querySelector('#map-changed')")
+        self.assertTrue(await page.js("!!document.querySelector('[data-verdict=granted]')"))
+        await page.click_text("Reload")
+        await page.until("document.querySelector('[data-verdict=refused]')")
+        seen = json.loads(ctl("--json", "effective", "--user", "ben", "Shared", "--children").stdout)["folders"][0]
+        self.assertNotEqual("r----", seen["rights"])
+        await page.until_text(seen["rights"], "[data-path=\"Shared/Design\"]")
+        await page.until("!document.querySelector('#map-changed')")
+
+    async def test_keeps_what_was_there_until_the_answer_comes(self):
+        page = await self.open("permissions?path=Shared/Design")
+        await page.until_text("own entries", ".source")
+        with slow_tool("map acl /Shared/Design/Drafts", "/scratch/go"):
+            await page.fill("Path", "Shared/Design/Drafts")
+            await page.until_text("Shared/Design/Drafts", "#folder")
+            await page.until("document.querySelector('.pending')")
+            self.assertIn("own entries", await page.text(".source"))
+            open("/scratch/go", "w").close()
+            await page.until_text("Inherited from", ".source")
+
+    async def test_drops_the_answer_to_an_earlier_question(self):
+        page = await self.open("permissions")
+        with slow_tool("map find -- Finance", "/scratch/go"):
+            await page.fill("Find folders", "Finance")
+            await page.until("document.querySelector('.find .pending')")
+            await page.fill("Find folders", "Gallery")
+            await page.until_text("Shared/Design/Gallery", ".results")
+            open("/scratch/go", "w").close()
+            while not os.path.exists("/scratch/go.answered"):
+                await asyncio.sleep(.02)
+        await page.fill("Find folders", "Board")
+        await page.until_text("Shared/Design/Board", ".results")
+        self.assertNotIn("Finance", await page.text(".results"))
+
+    async def test_cancels_a_tree_that_takes_long(self):
+        with slow_tool("map tree / --children", "/scratch/go"):
+            page = await self.open("permissions")
+            await page.click_text("Cancel")
+            await page.until("document.querySelector('.error-note[data-code=cancelled]')")
+        await page.click_text("Try again")
+        await page.until("document.querySelector('[data-path=Shared]')")
+        await page.until("!document.querySelector('.error-note')")
+
     async def test_has_names_of_any_kind(self):
         wide = [{"DIR": name} for name in ("<b>x<b>", "caf\u00e9", "a & b", "--children", "-x", "100%")]
         make_map(wide)
@@ -265,6 +315,22 @@ class WideFolders(PageTest):
         await page.until("(document.querySelector('.tree').dispatchEvent(new Event('scroll')), document.querySelector('[data-path=\"folder 00999\"]'))")
         self.assertLess(await page.js("document.querySelectorAll('.tree [role=treeitem]').length"), 60)
 
+    async def test_ask_once_when_the_next_page_fails(self):
+        make_map([{"DIR": f"folder {number:05}"} for number in range(1000)])
+        page = await self.open("permissions")
+        await page.until("document.querySelector('[data-path=\"folder 00000\"]')")
+        with replaced_tool(f"#!/bin/sh\ncase \"$*\" in *--after*) echo x >>/scratch/calls; exit 2;; esac\nexec {os.readlink(TOOL)} \"$@\"\n"):
+            await page.js("document.querySelector('.tree').focus()")
+            await page.press("End")
+            self.assertEqual("unreadable", await self.error())
+            # Another question, which is answered later than one more page would have been asked for.
+            await page.fill("Path", "folder 00001")
+            await page.until_text("Inherited from", ".source")
+            with open("/scratch/calls") as calls:
+                self.assertEqual(1, len(calls.readlines()))
+        await page.click_text("Try again")
+        await page.until("!document.querySelector('.error-note')")
+
     async def test_show_a_folder_beyond_the_first_page(self):
         make_map([{"DIR": f"folder {number:05}", "children": [{"DIR": "in"}]} for number in range(1000)])
         page = await self.open("permissions?path=folder%2000900/in")
@@ -283,7 +349,19 @@ def hand_over(children):
 
 
 class Million(PageTest):
-    """A million folders. It prints how long answers take, beside the bare call of the tool."""
+    """A million folders. It writes how long answers take, beside the bare call of the tool, as a table of docs/page.md."""
+
+    TIMES = 50
+    FIRST = {"status": ("#verdict", ["status"]),
+             "permissions?path=Shared": ("[data-path=Shared]", ["map", "tree", "/", "--children"]),
+             "maps": ("[aria-label='Kept maps']", ["map", "history"]),
+             "history?since=365d": ("[aria-label=History]", ["history", "search", "--since=365d"])}
+
+    def setUp(self):
+        super().setUp()
+        subprocess.run(["tavrix-sample-tree", "--folders", "1000000", "/scratch/s.json", "/scratch/d.json"], check=True, capture_output=True)
+        ctl("--no-progress", "map", "import", "--trust", "/scratch/s.json", "/scratch/d.json")
+        self.table = []
 
     async def took(self, action, ready):
         """Milliseconds from an action to what it shows, as the browser sees it."""
@@ -294,10 +372,13 @@ class Million(PageTest):
             look();
         }})""")
 
-    @staticmethod
-    def told(name, times):
-        times = sorted(times)
-        print(f"  {name}: median {times[len(times) // 2]:.0f} ms, worst {times[-1]:.0f} ms of {len(times)}", file=sys.stderr)
+    async def first_content(self, place, selector):
+        """Milliseconds from the address to what it shows."""
+        look = f"(function look() {{ if (document.querySelector({json.dumps(selector)})) window.firstAt = performance.now(); else requestAnimationFrame(look); }})()"
+        self.page = page = await self.browser.page(ROOT + place, look)
+        time_of_it = await page.until("window.firstAt")
+        await self.leave(page)
+        return time_of_it
 
     @staticmethod
     def bare(*words):
@@ -305,54 +386,147 @@ class Million(PageTest):
         ctl("--json", *words)
         return (time.perf_counter() - start) * 1000
 
+    def add_row(self, name, times, bare):
+        def told(values):
+            values = sorted(values)
+            return f"{values[len(values) // 2]:.0f} ms | {values[-1]:.0f} ms"
+        self.table.append(f"| {name} | {len(times)} | {told(times)} | {told(bare) if bare else ' | '} |")
+
     @staticmethod
     def row(path):
         return f"document.querySelector('[data-path={json.dumps(path)}]')"
 
-    # Chooses a folder and opens it for the first time.
-    async def open_folder(self, path):
-        row = self.row(path)
-        await self.page.until(row)
-        title = f"document.querySelector('#folder').innerText === {json.dumps(path)}"
-        self.chosen.append(await self.took(f"{row}.click()", f"{title} && {row}?.ariaSelected === 'true'"))
-        await self.page.until("!document.querySelector('.pending') && !document.querySelector('.tree [aria-busy=true]')")
-        below = f"document.querySelector({json.dumps('[data-path^=' + json.dumps(path + '/') + ']')})"
-        self.opened.append(await self.took(f"{row}.querySelector('.tree__toggle').click()", below))
-        self.tool.append(self.bare("map", "tree", path, "--children"))
+    @staticmethod
+    def children_of(path):
+        return json.loads(ctl("--json", "map", "tree", path, "--children").stdout)["children"]
 
-    async def close_folder(self, path):
+    async def parents(self):
+        """Folders with folders in them, each behind a click on the way to it, which is open meanwhile."""
+        count = 0
+        for top in self.children_of("Shared"):
+            await self.toggle(f"Shared/{top['name']}", "true")
+            for child in self.children_of(f"Shared/{top['name']}"):
+                if child["child_count"] > 0 and count < self.TIMES:
+                    count += 1
+                    path = f"Shared/{top['name']}/{child['name']}"
+                    await self.page.until(self.row(path))
+                    await self.quiet()
+                    yield path
+            await self.toggle(f"Shared/{top['name']}", "false")
+            if count == self.TIMES:
+                return
+
+    async def toggle(self, path, state):
+        await self.page.until(self.row(path))
         await self.page.js(f"{self.row(path)}.querySelector('.tree__toggle').click()")
-        await self.page.until(f"{self.row(path)}?.ariaExpanded === 'false'")
+        await self.page.until(f"{self.row(path)}?.ariaExpanded === '{state}'")
 
-    async def test_is_opened_scrolled_and_searched(self):
-        subprocess.run(["tavrix-sample-tree", "--folders", "1000000", "/scratch/s.json", "/scratch/d.json"], check=True, capture_output=True)
-        ctl("--no-progress", "map", "import", "--trust", "/scratch/s.json", "/scratch/d.json")
-        firsts = []
-        for _ in range(5):
-            page = await self.open("permissions?path=Shared")
-            await page.until("document.querySelector('[data-path=Shared]')")
-            firsts.append(await page.js("performance.getEntriesByName('first-rows')[0]?.startTime ?? performance.now()"))
-        self.told("first rows after the address", firsts)
-        names = [child["name"] for child in json.loads(ctl("--json", "map", "tree", "Shared", "--children").stdout)["children"]]
-        await page.js("document.querySelector('[data-path=Shared] .tree__toggle').click()")
-        await page.until(f"document.querySelector('[data-path={json.dumps('Shared/' + names[0])}]')")
-        self.opened, self.chosen, self.tool = [], [], []
-        for name in names[:3]:
-            await self.open_folder(f"Shared/{name}")
-            children = json.loads(ctl("--json", "map", "tree", f"Shared/{name}", "--children").stdout)["children"]
-            for child in children[:16]:
-                if child["child_count"] > 0:
-                    await self.open_folder(f"Shared/{name}/{child['name']}")
-                    await self.close_folder(f"Shared/{name}/{child['name']}")
-            await self.close_folder(f"Shared/{name}")
-        opened, chosen, tool = self.opened, self.chosen, self.tool
-        self.told("a folder is chosen", chosen)
-        self.told("a folder is opened", opened)
-        self.told("the tool's call for it", tool)
+    async def quiet(self):
+        await self.page.until("!document.querySelector('.pending') && !document.querySelector('.tree [aria-busy=true]')")
+
+    async def tree(self, options=""):
+        page = await self.open("permissions?path=Shared" + options)
+        await page.until(self.row("Shared"))
+        await self.toggle("Shared", "true")
+
+    async def measure_folders(self):
+        chosen, entries, opened, acl, tree = [], [], [], [], []
+        await self.tree()
+        async for path in self.parents():
+            row, quoted = self.row(path), json.dumps(path)
+            title = f"document.querySelector('#folder').innerText === {quoted} && {row}?.ariaSelected === 'true'"
+            chosen.append(await self.took(f"{row}.click()", title))
+            await self.quiet()
+            # Another one in between, so that the entries of this one are new.
+            await self.page.fill("Path", "Shared")
+            await self.page.until("document.querySelector('.source')?.dataset.of === '/Shared'")
+            entries.append(await self.took(f"{row}.click()", f"document.querySelector('.source')?.dataset.of === '/' + {quoted}"))
+            await self.quiet()
+            below = f"document.querySelector({json.dumps('[data-path^=' + json.dumps(path + '/') + ']')})"
+            opened.append(await self.took(f"{row}.querySelector('.tree__toggle').click()", below))
+            await self.toggle(path, "false")
+            acl.append(self.bare("map", "acl", "/" + path))
+            tree.append(self.bare("map", "tree", "/" + path, "--children"))
+        self.add_row("a folder is chosen, until its name stands", chosen, None)
+        self.add_row("its entries", entries, acl)
+        self.add_row("a folder is opened for the first time", opened, tree)
+
+    async def measure_why(self):
+        why, check = [], []
+        await self.tree("&tab=why&user=ben&op=write")
+        async for path in self.parents():
+            ready = f"document.querySelector('.why')?.dataset.of.endsWith({json.dumps(path)})"
+            why.append(await self.took(f"{self.row(path)}.click()", ready))
+            check.append(self.bare("check", "--explain", "--user=ben", "write", "/" + path))
+        self.add_row("why a user may or may not write in it", why, check)
+
+    async def measure_rights(self):
+        seen, effective = [], []
+        await self.tree("&as=ben")
+        async for path in self.parents():
+            rights = f"document.querySelector({json.dumps('[data-path^=' + json.dumps(path + '/') + '] .rights')})"
+            seen.append(await self.took(f"{self.row(path)}.querySelector('.tree__toggle').click()", rights))
+            await self.toggle(path, "false")
+            effective.append(self.bare("effective", "--user=ben", "/" + path, "--children"))
+        self.add_row("the rights of a user on the folders in it", seen, effective)
+
+    async def measure_search(self):
+        found, find = [], []
+        page = await self.open("permissions")
+        button = "[...document.querySelectorAll('.find button')].find(e => e.innerText.trim() === 'Search')"
+        for number in range(self.TIMES):
+            text = f"drawings {number}"
+            await page.until("document.querySelector('.find input')")
+            await page.js("(() => { const e = document.querySelector('.find input'); e.focus(); e.select(); })()")
+            await page.call("Input.insertText", text=text)
+            found.append(await self.took(f"{button}.click()", f"document.querySelector('#matches')?.dataset.of === {json.dumps(text)}"))
+            find.append(self.bare("map", "find", "--", text))
+        self.add_row("a search through all names", found, find)
+
+    async def test_is_answered_at_once(self):
+        for place, (selector, words) in self.FIRST.items():
+            times = [await self.first_content(place, selector) for _ in range(10)]
+            self.add_row(f"first content of {place.split('?')[0]}", times, [self.bare(*words) for _ in range(10)])
+        await self.measure_folders()
+        await self.measure_why()
+        await self.measure_rights()
+        await self.measure_search()
+        table = "\n".join(["| from the click, or the address, to the answer | times | median | worst | the tool alone, median | worst |",
+                           "|---|---|---|---|---|---|", *self.table]) + "\n"
+        print("\n" + table, file=sys.stderr)
+        with open(os.environ["TAVRIX_PAGE_TABLE"], "w") as file:
+            file.write(table)
+
+    async def test_is_scrolled_and_searched(self):
+        page = await self.open("permissions?path=Shared")
+        await page.until(self.row("Shared"))
+        await self.toggle("Shared", "true")
+        for top in self.children_of("Shared"):
+            await self.toggle(f"Shared/{top['name']}", "true")
+            await self.quiet()
+        await page.js("document.querySelector('.tree').focus()")
+        last = f"Shared/{top['name']}/{self.children_of('Shared/' + top['name'])[-1]['name']}"
+        while not await page.js(f"!!{self.row(last)}"):
+            await page.press("PageDown")
+        self.assertLess(await page.js("document.querySelectorAll('.tree [role=treeitem]').length"), 70)
         await page.fill("Find folders", "drawings")
         await page.until_text("the first 200 are shown", "#matches")
-        self.told("the tool's search", [self.bare("map", "find", "drawings") for _ in range(10)])
         self.assertEqual(200, await page.js("document.querySelectorAll('.results li').length"))
+
+    async def test_stand_in_one_folder(self):
+        subprocess.run(["tavrix-sample-tree", "--folders", "1000000", "--fan-out", "1000000", "/scratch/s.json", "/scratch/d.json"],
+                       check=True, capture_output=True)
+        ctl("--no-progress", "map", "import", "--trust", "/scratch/s.json", "/scratch/d.json")
+        page = await self.open("permissions?path=Shared&as=ben")
+        await page.until(self.row("Shared"))
+        await self.toggle("Shared", "true")
+        first = self.children_of("Shared")
+        await page.until(self.row(f"Shared/{first[0]['name']}"))
+        await page.js("document.querySelector('.tree').focus()")
+        await page.press("End")
+        behind = json.loads(ctl("--json", "map", "tree", "Shared", "--children", "--after", first[-1]["name"]).stdout)["children"]
+        await page.until(f"document.querySelector('.tree').scrollTop > 0 && {self.row('Shared/' + behind[0]['name'])}?.querySelector('.rights')")
+        self.assertLess(await page.js("document.querySelectorAll('.tree [role=treeitem]').length"), 70)
 
 
 class MapsView(PageTest):
@@ -432,20 +606,71 @@ class MapsView(PageTest):
         await page.until("document.querySelector('[role=dialog]')")
         hand_over([{"DIR": "Private"}])
         await page.click("[...document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === 'Approve')")
-        await page.until_text("Another map is held by now.", "[role=dialog]")
+        await page.until_text("another map is held: its checksum is", "[role=dialog]")
         self.assertEqual(8, json.loads(ctl("--json", "map", "info").stdout)["map"]["folders"])
 
     async def test_says_why_a_map_was_refused(self):
         os.makedirs("/var/lib/tavrix/maps", exist_ok=True)
-        self.addCleanup(shutil.rmtree, "/var/lib/tavrix")
+        self.addCleanup(shutil.rmtree, "/var/lib/tavrix/maps")
         for name in ("size", "data"):
             with open(f"/var/lib/tavrix/maps/{name}.json", "w") as file:
                 file.write("{")
         subprocess.run([LOADER, "--once"], capture_output=True)
         page = await self.open("maps")
-        await page.until_text("1 refused map is kept.")
-        status = json.loads(ctl("--json", "status", check=False).stdout)
-        self.assertIn(status["map"]["inbox"]["last_reason"], await page.text())
+        await page.until_text("1 refused map is kept. The current map stays.")
+        pair = json.loads(ctl("--json", "map", "refused").stdout)["pairs"][0]
+        text = await page.text()
+        for part in (pair["reason"], pair["folder"], "size.json, 1 B; data.json, 1 B"):
+            self.assertIn(part, text)
+        lint = json.loads(ctl("--json", "map", "lint", *(f"{pair['folder']}/{name}.json" for name in ("size", "data")), check=False).stdout)
+        rows = await page.js("[...document.querySelectorAll('.refused tbody tr')].map(row => row.innerText)")
+        self.assertEqual(len(lint["findings"]), len(rows))
+        for finding, row in zip(lint["findings"], rows):
+            for part in ("Error", finding["file"], f"byte {finding['offset']}", finding["text"]):
+                self.assertIn(part, row)
+        for is_dark in (False, True):
+            if is_dark:
+                await page.dark()
+            self.assertEqual([], await page.violations(AXE))
+
+    async def test_says_that_an_action_failed_and_keeps_the_map(self):
+        hand_over([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        for button in ("Approve", "Reject"):
+            await page.click_text(button)
+            await page.until("document.querySelector('[role=dialog]')")
+            with replaced_tool("#!/bin/sh\nkill -KILL $$\n"):
+                await page.click(self.in_dialog(button))
+                self.assertEqual("killed", await page.until("document.querySelector('[role=dialog] .error-note')?.dataset.code"))
+            await page.click(self.in_dialog("Cancel"))
+            await page.until("!document.querySelector('[role=dialog]')")
+        self.assertEqual(8, json.loads(ctl("--json", "map", "info").stdout)["map"]["folders"])
+
+    async def test_is_used_by_keys_alone(self):
+        hand_over([{"DIR": "Shared"}])
+        page = await self.open("maps")
+        await page.until("document.querySelector('#held')")
+        for wanted, then in (("Approve", "document.querySelector('[role=dialog]')"), ("Cancel", "!document.querySelector('[role=dialog]')"),
+                             ("Reject", "document.querySelector('[role=dialog]')")):
+            await self.reach(wanted)
+            await page.press("Enter")
+            await page.until(then)
+        self.assertTrue(await page.until("document.querySelector('[role=dialog]').contains(document.activeElement)"))
+        await page.press("Escape")
+        await page.until("!document.querySelector('[role=dialog]')")
+        self.assertIn("held", json.loads(ctl("--json", "map", "history").stdout))
+
+    async def reach(self, text):
+        """Presses Tab until the button has the focus."""
+        for _ in range(60):
+            await self.page.press("Tab")
+            if await self.page.js(f"document.activeElement.innerText?.trim() === {json.dumps(text)}"):
+                return
+        self.fail(f"Tab does not reach {text}")
+
+    @staticmethod
+    def in_dialog(text):
+        return f"[...document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === {json.dumps(text)})"
 
 
 class HistoryView(PageTest):
@@ -486,6 +711,7 @@ class HistoryView(PageTest):
     async def test_shows_the_life_of_an_object(self):
         record = self.ask("search", "--since", "365d", "--op", "rename", "--limit", "1")["records"][0]
         page = await self.open("history?since=365d&op=rename")
+        await page.until("document.querySelector('.activity') && !document.querySelector('.pending')")  # nothing moves any more
         await page.click(f"{self.ROWS}[0]?.querySelector('button')")
         life = self.ask("file", record["path"])["lives"][0]
         await page.until(f"document.querySelectorAll('.life li').length === {len(life['steps'])}")
@@ -499,6 +725,28 @@ class HistoryView(PageTest):
         page = await self.open("history?since=365d")
         await page.until("document.querySelectorAll('.activity rect').length > 10")
         self.assertIn("events by day", await page.js("document.querySelector('.activity').getAttribute('aria-label')"))
+
+    async def test_marks_mass_changes(self):
+        with sqlite3.connect("/var/lib/tavrix/history/history.db") as database:
+            place = database.execute("INSERT INTO notices (time, kind, uid, count, text) VALUES (?, 'mass-delete', 1005, 2000, ?)",
+                                     (time.time_ns() // 1000, "anna deleted 2000 files in 60 seconds")).lastrowid
+        database.close()
+        try:
+            page = await self.open("history")
+            await page.until_text("anna deleted 2000 files in 60 seconds", "[data-kind=mass-delete]")
+            self.assertEqual([], await page.violations(AXE))
+        finally:
+            with sqlite3.connect("/var/lib/tavrix/history/history.db") as database:
+                database.execute("DELETE FROM notices WHERE id = ?", (place,))
+            database.close()
+
+    async def test_cancels_a_search_that_takes_long(self):
+        with slow_tool("history search", "/scratch/go"):
+            page = await self.open("history?since=365d")
+            await page.click_text("Cancel")
+            await page.until("document.querySelector('.error-note[data-code=cancelled]')")
+        await page.click_text("Try again")
+        await page.until(f"{self.ROWS}.length === 200")
 
     async def test_saves_exactly_what_is_filtered(self):
         page = await self.open("history?since=365d&op=delete")
@@ -609,6 +857,25 @@ class replaced_tool:
         os.symlink(self.target, TOOL)
 
 
+class slow_tool(replaced_tool):
+    """The tool, but calls that begin like this wait until a file is there, even when they are told to end."""
+
+    def __init__(self, words, gate):
+        for name in (gate, gate + ".answered"):
+            if os.path.exists(name):
+                os.unlink(name)
+        super().__init__(f"""#!/bin/sh
+case "$*" in "--json --no-progress {words}"*)
+  trap '' TERM
+  while [ ! -e {gate} ]; do sleep .05; done
+  {os.readlink(TOOL)} "$@"
+  touch {gate}.answered
+  exit;;
+esac
+exec {os.readlink(TOOL)} "$@"
+""")
+
+
 class Everybody(PageTest):
     PLACES = {
         "status": "document.querySelector('#verdict')",
@@ -619,6 +886,9 @@ class Everybody(PageTest):
         "permissions?path=Shared/Nowhere": "document.querySelector('.error-note')",
         "maps": "document.body?.innerText.includes('11 entries') && document.body.innerText.includes('No map was refused')",
     }
+    # The only commands that may be asked without a question to the user: none changes anything.
+    QUESTIONS = {"status", "map tree", "map find", "map acl", "map info", "map history", "map refused", "map diff", "check", "who",
+                 "effective", "groupmap show", "history search", "history report", "history file"}
     NAMES = ["status", "permissions", "why", "who", "compare", "missing", "maps"]
 
     async def test_can_use_every_view_dark_and_light(self):
@@ -630,6 +900,21 @@ class Everybody(PageTest):
                     await page.dark()
                 with self.subTest(place=place, dark=is_dark):
                     self.assertEqual([], await page.violations(AXE))
+
+    async def test_changes_nothing_by_looking(self):
+        places = dict(self.PLACES)
+        places["history?since=365d"] = "document.querySelector('.activity')"
+        places["maps?diff=kept-1"] = "document.querySelector('.difference')"
+        with replaced_tool(f"#!/bin/sh\necho \"$(id -u) $*\" >>/scratch/asked\nexec {os.readlink(TOOL)} \"$@\"\n"):
+            for place, ready in places.items():
+                page = await self.open(place)
+                await page.until(ready)
+                await page.until("!document.querySelector('.pending')")
+        with open("/scratch/asked") as asked:
+            lines = asked.read().splitlines()
+        self.assertGreater(len(lines), len(places))
+        for line in lines:
+            self.assertTrue(any(line.startswith(f"0 --json --no-progress {words}") for words in self.QUESTIONS), line)
 
     async def test_finds_pictures_of_the_views(self):
         os.makedirs(PICTURES, exist_ok=True)
@@ -648,7 +933,9 @@ class Login(PageTest):
     async def enter(self, user, superuser):
         before = ""
         if superuser:
-            before = f"localStorage.setItem('superuser:{user}', '{superuser}'); localStorage.setItem('superuser-key', 'x');"
+            # An empty page has no store.
+            before = (f"if (location.protocol === 'http:') {{ localStorage.setItem('superuser:{user}', '{superuser}');"
+                      "localStorage.setItem('superuser-key', 'x'); }")
         self.page = page = await self.browser.page("about:blank", before)
         self.addAsyncCleanup(self.leave, page)
         await page.call("Network.clearBrowserCookies")  # of who was here before
@@ -662,14 +949,37 @@ class Login(PageTest):
 
     FRAME = "[...document.querySelectorAll('iframe')].find(f => f.src.includes('/tavrix/'))?.contentDocument?.body?.innerText ?? ''"
 
-    async def test_of_an_administrator_shows_the_state(self):
+    PAGE = "[...document.querySelectorAll('iframe')].find(f => f.src.includes('/tavrix/')).contentWindow"
+
+    async def go(self, place):
+        await self.page.js(f"{self.PAGE}.location.hash = {json.dumps('#/' + place)}; 1")
+
+    async def test_of_an_administrator_shows_every_view(self):
+        hand_over([{"DIR": "Shared"}])
         page = await self.enter("carol", "sudo")
         await page.until(f"({self.FRAME}).includes('8 folders, 11 entries')", 60)
+        for place, part in (("permissions?path=Shared/Design", "own entries"), ("permissions?path=Shared&tab=who", "3 of 3 users may"),
+                            ("permissions?path=Shared/Design&tab=why&user=ben&op=write", "Refused"),
+                            ("history?since=365d", "Save as CSV"), ("maps", "A map is held")):
+            await self.go(place)
+            await page.until(f"({self.FRAME}).includes({json.dumps(part)})", 60)
+        buttons = f"[...{self.PAGE}.document.querySelectorAll('button')]"
+        await page.js(f"{buttons}.find(e => e.innerText === 'Approve').click()")
+        await page.until(f"{self.PAGE}.document.querySelector('[role=dialog]')")
+        await page.js(f"[...{self.PAGE}.document.querySelectorAll('[role=dialog] button')].find(e => e.innerText === 'Approve').click()")
+        await page.until(f"({self.FRAME}).includes('2 folders, 1 entry') && !{self.PAGE}.document.querySelector('#held')", 60)
+        newest = json.loads(ctl("--json", "map", "history").stdout)["maps"][-1]
+        self.assertEqual(("approval", "carol"), (newest["how"], newest["who"]))
 
     async def test_of_another_says_so_and_shows_nothing_half(self):
         page = await self.enter("dave", "")
         await page.until(f"({self.FRAME}).includes('This page needs administrative access.')", 60)
         self.assertNotIn("Event buffer", await page.js(self.FRAME))
+        for place in ("permissions?path=Shared/Design", "maps", "history"):
+            await self.go(place)
+            await page.until(f"{self.PAGE}.document.querySelector('.error-note[data-code=access-denied]')", 60)
+            for selector in (".tree", "#held", "table", ".activity"):
+                self.assertFalse(await page.js(f"!!{self.PAGE}.document.querySelector({json.dumps(selector)})"), selector)
 
 
 if __name__ == "__main__":

@@ -66,4 +66,4 @@ for port in 9090 9091; do
     sleep .05
   done
 done
-TAVRIX_SOURCES=$sources /usr/bin/python3 -B "$sources/tests/page/page_test.py" "$@"
+TAVRIX_SOURCES=$sources TAVRIX_PAGE_TABLE=$tools/../page-latency.md /usr/bin/python3 -B "$sources/tests/page/page_test.py" "$@"

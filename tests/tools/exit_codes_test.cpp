@@ -131,6 +131,10 @@ TEST_F(ExitCodes, OfTheWayBackAreOneWhereNothingIsDone) {
   expect(2, {"map", "rollback", "2", "--yes"});
   expect(1, {"map", "approve", "--yes"});
   expect(1, {"map", "reject", "--yes"});
+  expect(2, {"map", "approve", "--yes", "--checksum", "1a2b3c"});
+  expect(0, {"map", "refused"});
+  write_file("/scratch/refused", "a file");
+  expect(2, {"map", "refused", "--dir", "/scratch"});
   write_json_pair({.name = "/"});
   expect(0, {"map", "import", "--trust", "/scratch/size.json", "/scratch/data.json"});
   expect(0, {"map", "rollback", "1", "--yes"});

@@ -108,7 +108,10 @@ std::vector<Example> examples() {
       {{"map", "history"}, {}, {}},
       {{"map", "rollback"}, {"1", "--yes"}, {}},
       {{"map", "history"}, {}, {}},
+      {{"map", "approve"}, {"--force", "--yes", "--checksum", "00000000"}, "error"},
       {{"map", "approve"}, {"--force", "--yes"}, {}},
+      {{"map", "refused"}, {"--dir", "/scratch/inbox"}, {}},
+      {{"map", "refused"}, {"--dir", "/scratch/inbox", "--limit", "1"}, {}},
   };
 }
 
@@ -148,6 +151,7 @@ class JsonOutput : public SweeperWorld {
     write_file("/scratch/dump", event() + event());
     write_history(kHistory);
     write_file("/scratch/audits", audit());
+    refuse_pairs();
   }
   static void write_map(const std::string& path, const Folder& root) {
     const auto image = build_image(root);
@@ -163,6 +167,16 @@ class JsonOutput : public SweeperWorld {
     run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--once", "--dir", "/scratch/maps",
                  "--settings", "/scratch/hold.conf"});
     ASSERT_TRUE(exists("/etc/tavrix/maps/held.json"));
+  }
+  // One that the checks refuse, and one of before, whose findings were not stored.
+  static void refuse_pairs() {
+    make_dirs("/scratch/inbox/refused/20260101T000000.000000Z");
+    write_file("/scratch/inbox/refused/20260101T000000.000000Z/reason.txt", "caf\xe9\nerror: x\n");
+    for (const char* name : {"size.json", "data.json"}) {
+      write_file(std::string("/scratch/inbox/") + name, "{\"caf\xe9\": ");
+    }
+    run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--once", "--dir", "/scratch/inbox"});
+    ASSERT_EQ(2U, list("/scratch/inbox/refused").size());
   }
   // Maps that differ from the one in force: one in every way, and one in what a user may.
   static void write_other_maps() {

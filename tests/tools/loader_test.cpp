@@ -50,7 +50,8 @@ TEST_F(Loader, SetsARefusedPairAsideAndKeepsTheMap) {
   EXPECT_EQ(before, refresh_time());
   ASSERT_EQ(1U, refused().size());
   const std::string folder = kInbox + "/refused/" + refused()[0];
-  EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}), list(folder));
+  EXPECT_EQ((std::vector<std::string>{"data.json", "findings.json", "reason.txt", "size.json"}),
+            list(folder));
   EXPECT_TRUE(contains(read_file(folder + "/reason.txt"), "TOTALFSELEMS is 4"))
       << read_file(folder + "/reason.txt");
   EXPECT_TRUE(contains(read_file("/var/log/tavrix_perms.log"), ",4,Failed processing"));

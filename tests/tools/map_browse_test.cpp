@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <algorithm>
+#include <map>
 #include <random>
 
 #include "tests/tools/operator.hpp"
@@ -183,6 +184,48 @@ TEST_F(Browse, EndsWhereListsOverlap) {
   publish(image);
   EXPECT_EQ(0, ctl({"map", "tree"}).exit_code);
   EXPECT_EQ(1, ctl({"map", "verify"}).exit_code);
+}
+
+// A page is asked about in an excerpt of the map, and the tree in the whole of it.
+TEST_F(Browse, AUsersPageHasTheRightsThatTheTreeHas) {
+  std::mt19937 random(5);
+  Folder shared{.name = "Shared", .users = {{2, 1}}};
+  for (int i = 0; i < 300; ++i) {
+    // Names that differ in case alone are one name for a lookup, which finds the first.
+    std::string name{static_cast<char>("aA"[random() % 2]), static_cast<char>('a' + random() % 26),
+                     static_cast<char>("xX"[random() % 2])};
+    Folder child{.name = std::move(name)};
+    if (random() % 3 == 0) child.users = {{2, static_cast<uint16_t>(random() % 32)}};
+    shared.children.push_back(std::move(child));
+  }
+  import({.name = "/", .children = { shared }});
+  write_file("/scratch/groups.json",
+             R"({"reserved": {"tavrix-powerusers": 9002}, "users": {"bin": [9002]}})");
+  ctl({"groupmap", "build", "/scratch/groups.json", "-o", "/etc/tavrix/groupmap_refresh"});
+  std::map<std::string, nlohmann::json> in_tree;
+  const auto tree = json({"effective", "--user", "bin", "Shared", "--depth", "1"});
+  for (const auto& folder : tree["folders"]) in_tree[folder["path"]] = folder;
+  ASSERT_LT(20U, in_tree.size());
+  std::size_t met = 1;  // Shared itself
+  std::vector<std::string> words{"effective",  "--user",  "bin", "Shared",
+                                 "--children", "--limit", "7"};
+  for (bool more = true; more;) {
+    const auto page = json(words);
+    more = page["more"];
+    for (const auto& folder : page["folders"]) {
+      const auto other = in_tree.find(folder["path"]);
+      if (other == in_tree.end()) {
+        EXPECT_FALSE(folder["visible"]) << folder;
+      } else {
+        EXPECT_EQ(other->second, folder);
+        ++met;
+      }
+    }
+    words.resize(7);
+    words.insert(words.end(),
+                 {"--after", page["folders"].back()["path"].get<std::string>().substr(7)});
+  }
+  EXPECT_LT(in_tree.size(), met + 1) << "each folder of the tree is on a page";
 }
 
 // --- errors as JSON ------------------------------------------------------------------------------

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Held maps: the limits at their borders, approval, rejection, and deaths on the way.
 
+#include <algorithm>
+#include <cctype>
 #include <csignal>
 
 #include "tests/tools/keeping.hpp"
@@ -223,6 +225,44 @@ TEST_F(MapHeld, ApprovalAgainstAnotherMapWantsForce) {
   EXPECT_EQ(7, folders_of_current());
   EXPECT_EQ(0, ctl({"map", "approve", "--force", "--yes"}).exit_code);
   EXPECT_EQ(50, folders_of_current());
+}
+
+// A later held map takes the place of the one that somebody has looked at.
+TEST_F(MapHeld, IsApprovedOrRejectedByItsChecksumAlone) {
+  const std::string looked_at = json({"map", "history"})["held"]["image"]["sha256"];
+  ASSERT_EQ(kHeld, hand_over_and_load(wide(40)).exit_code);
+  const std::string digest = json({"map", "history"})["held"]["image"]["sha256"];
+  for (const char* command : {"approve", "reject"}) {
+    for (const std::string& other : {looked_at, looked_at.substr(0, 8), digest + "0"}) {
+      const Outcome outcome = ctl({"map", command, "--yes", "--checksum", other});
+      EXPECT_NE(0, outcome.exit_code) << command << " " << other;
+    }
+    const Outcome outcome = ctl({"map", command, "--yes", "--checksum", looked_at});
+    EXPECT_EQ(1, outcome.exit_code);
+    EXPECT_TRUE(contains(outcome.err, "another map is held: its checksum is " + digest))
+        << outcome.err;
+  }
+  expect_held(100);
+  EXPECT_TRUE(contains(ctl({"map", "history"}).out, "--checksum " + digest.substr(0, 8)));
+  std::string capitals = digest.substr(0, 12);
+  std::ranges::transform(capitals, capitals.begin(), [](unsigned char c) { return toupper(c); });
+  EXPECT_EQ(0, ctl({"map", "approve", "--yes", "--checksum", capitals}).exit_code);
+  EXPECT_EQ(40, folders_of_current());
+}
+
+TEST_F(MapHeld, IsRejectedByItsChecksum) {
+  const std::string digest = json({"map", "history"})["held"]["image"]["sha256"];
+  EXPECT_EQ(0, ctl({"map", "reject", "--yes", "--checksum", digest}).exit_code);
+  expect_nothing_held();
+}
+
+TEST_F(MapHeld, AChecksumHasAtLeastEightDigits) {
+  for (const char* wrong : {"", "1a2b3c4", "1a2b3c4x"}) {
+    const Outcome outcome = ctl({"map", "approve", "--yes", "--checksum", wrong});
+    EXPECT_EQ(2, outcome.exit_code) << wrong;
+    EXPECT_TRUE(contains(outcome.err, "at least the first 8")) << outcome.err;
+  }
+  expect_held(100);
 }
 
 TEST_F(MapHeld, ADamagedImageIsNotApproved) {

@@ -41,6 +41,7 @@ void add_map_inspect_commands(CLI::App& map, Options& options, Action& action);
 void add_map_find_command(CLI::App& map, Options& options, Action& action);
 void add_map_check_commands(CLI::App& map, Options& options, Action& action);
 void add_map_history_commands(CLI::App& map, Options& options, Action& action);
+void add_map_refused_command(CLI::App& map, Options& options, Action& action);
 void add_map_diff_command(CLI::App& map, Options& options, Action& action);
 
 // The commands below "events buffer".

@@ -115,22 +115,22 @@ Json json_of(const Wish& wish, const Answer& answer, const Image& image, const m
 }
 
 // One page of the folders in a folder, also of those that are not met.
-Answer page_for(const explain::Person& person, const explain::Map& map, const Wish& wish) {
-  const auto found = map.walk.find(wish.tree.path);
+Answer page_for(const explain::Person& person, const mapcheck::Walk& walk, const Wish& wish) {
+  const auto found = walk.find(wish.tree.path);
   if (!found.exact) return {{}, false, false};
-  const auto page = mapbrowse::page_of(map.walk, found.folder, wish.after, wish.limit);
+  const auto page = mapbrowse::page_of(walk, found.folder, wish.after, wish.limit);
   std::vector<std::string_view> names;
   for (const mapbrowse::Child& child : page.children) names.push_back(child.name);
-  return {explain::children_for(person, map, found.folder, names), true, page.more};
+  return {explain::children_for(person, walk, found.folder, names), true, page.more};
 }
 
 int answer(const Options& options, const explain::Person& person, const Wish& wish,
            const Image& image, const mapcheck::Walk& walk, const PastMap* past) {
-  const explain::Map map{image.bytes().data(), walk};
   Answer answer;
   if (wish.is_page) {
-    answer = page_for(person, map, wish);
+    answer = page_for(person, walk, wish);
   } else {
+    const explain::Map map{image.bytes().data(), walk};
     answer.in_map = walk.find(wish.tree.path).exact;
     answer.folders = explain::tree_for(person, map, wish.tree);
   }

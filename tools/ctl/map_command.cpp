@@ -63,6 +63,7 @@ void add_map_commands(CLI::App& app, Options& options, Action& action) {
   add_map_find_command(*map, options, action);
   add_map_diff_command(*map, options, action);
   add_map_history_commands(*map, options, action);
+  add_map_refused_command(*map, options, action);
 
   static bool only_stale = false;
   CLI::App* remove_command = map->add_subcommand(

@@ -3,6 +3,7 @@
 // held.
 
 #include <algorithm>
+#include <cctype>
 #include <optional>
 #include <vector>
 
@@ -70,6 +71,8 @@ struct History {
   bool is_newest_in_force = false;
 };
 
+constexpr std::size_t kFewestDigits = 8;  // of a checksum, enough to tell two maps apart
+
 std::string time_of(int64_t microseconds) { return text::local_time(microseconds); }
 
 std::string held_text(const HeldMap& held) {
@@ -96,8 +99,9 @@ void print_text(const History& history) {
   if (!history.held) return;
   fmt::print(
       "{}\n\"tavrixctl map diff current held\" shows what it would change; \"map approve\" "
-      "makes it current, \"map reject\" removes it\n",
-      held_text(*history.held));
+      "makes it current, \"map reject\" removes it; \"--checksum {}\" with either means this map "
+      "and no other\n",
+      held_text(*history.held), history.held->image.digest.substr(0, kFewestDigits));
 }
 
 Json json_of(const History& history) {
@@ -201,9 +205,25 @@ std::optional<HeldMap> held_or_complain() {
   return std::nullopt;
 }
 
-int approve(const Options& options, bool is_forced, const Confirmation& confirmation) {
+// The checksum of the map that somebody has looked at, or its first digits; empty stands for any
+// map. Complains when it is not that of the held map.
+bool is_meant(const HeldMap& held, const std::string& checksum) {
+  const auto is_same = [](char wanted, char digit) {
+    return std::tolower(static_cast<unsigned char>(wanted)) == digit;
+  };
+  const files::Digest& digest = held.image.digest;
+  if (checksum.size() <= digest.size() &&
+      std::equal(checksum.begin(), checksum.end(), digest.begin(), is_same)) {
+    return true;
+  }
+  complain("another map is held: its checksum is {}; look at it first", digest);
+  return false;
+}
+
+int approve(const Options& options, bool is_forced, const std::string& checksum,
+            const Confirmation& confirmation) {
   const auto held = held_or_complain();
-  if (!held) return kNo;
+  if (!held || !is_meant(*held, checksum)) return kNo;
   if (!is_forced && !is_in_force(held->base)) {
     complain(
         "another map came into force after this one was held; look at \"tavrixctl map diff current "
@@ -229,7 +249,7 @@ int approve(const Options& options, bool is_forced, const Confirmation& confirma
                 .afterwards = [] { mapkeep::drop_held(); }});
 }
 
-int reject(const Confirmation& confirmation) {
+int reject(const std::string& checksum, const Confirmation& confirmation) {
   if (!mapkeep::is_map_held()) {
     complain("no map is held");
     return kNo;
@@ -241,7 +261,30 @@ int reject(const Confirmation& confirmation) {
   if (const auto refusal = confirmation.refusal(question); refusal) return *refusal;
   const Fd lock = lock_or_complain();
   if (!lock) return kFailure;
+  if (!checksum.empty()) {
+    // Nobody but a holder of the lock changes the held map.
+    const auto now = held_or_complain();
+    if (!now || !is_meant(*now, checksum)) return kNo;
+  }
   return mapkeep::drop_held() ? kYes : kNo;
+}
+
+std::string wrong_checksum(const std::string& text) {
+  constexpr std::size_t kAll = 64;
+  const bool is_right =
+      text.size() >= kFewestDigits && text.size() <= kAll &&
+      std::ranges::all_of(text, [](unsigned char digit) { return std::isxdigit(digit) != 0; });
+  return is_right ? ""
+                  : fmt::format("give the {} digits of the checksum, or at least the first {}",
+                                kAll, kFewestDigits);
+}
+
+void add_checksum_option(CLI::App& command, std::string& checksum) {
+  command
+      .add_option("--checksum", checksum,
+                  "only the held map with this checksum; its first eight digits are enough")
+      ->type_name("SHA256")
+      ->check(CLI::Validator(wrong_checksum, ""));
 }
 
 std::vector<std::string> kept_numbers() {
@@ -272,13 +315,16 @@ void add_map_history_commands(CLI::App& map, Options& options, Action& action) {
   CLI::App* approve_command = map.add_subcommand("approve", "Make the held map current");
   approve_command->add_flag("--force", is_forced,
                             "also if another map came into force after it was held");
+  static std::string checksum;
+  add_checksum_option(*approve_command, checksum);
   confirmation.add_to(*approve_command);
   approve_command->callback(
-      [&] { action = [&options] { return approve(options, is_forced, confirmation); }; });
+      [&] { action = [&options] { return approve(options, is_forced, checksum, confirmation); }; });
 
   CLI::App* reject_command = map.add_subcommand("reject", "Remove the held map");
+  add_checksum_option(*reject_command, checksum);
   confirmation.add_to(*reject_command);
-  reject_command->callback([&] { action = [] { return reject(confirmation); }; });
+  reject_command->callback([&] { action = [] { return reject(checksum, confirmation); }; });
 
   cli::add_examples(*history_command,
                     {{"tavrixctl map history", "which maps were in force, and since when?"},
@@ -288,6 +334,7 @@ void add_map_history_commands(CLI::App& map, Options& options, Action& action) {
                      {"tavrixctl --json map rollback 1 --yes", "for a program; does not ask"}});
   cli::add_examples(*approve_command,
                     {{"tavrixctl map approve", "makes it current; asks first"},
+                     {"tavrixctl map approve --checksum 1a2b3c4d", "this one and no other"},
                      {"tavrixctl --json map approve --yes", "for a program; does not ask"}});
   cli::add_examples(*reject_command, {{"tavrixctl map reject", "asks first"},
                                       {"tavrixctl map reject --yes", "without a question"}});

@@ -2,24 +2,14 @@
 #include "tools/explain/chain.hpp"
 
 #include <algorithm>
-#include <cstring>
 
 #include "mkperms_shm.h"
 #include "perm_utils.h"
 #include "permissions/map/image.hpp"
+#include "tools/explain/excerpt.hpp"
 
 namespace tavrix::explain {
 namespace {
-
-using Bytes = std::vector<std::byte>;
-
-template <typename Record>
-uint32_t append(Bytes& region, const Record& record) {
-  const auto at = static_cast<uint32_t>(region.size());
-  const auto* bytes = reinterpret_cast<const std::byte*>(&record);
-  region.insert(region.end(), bytes, bytes + sizeof record);
-  return at;
-}
 
 std::vector<std::string> components_of(const std::string& path) {
   std::vector<std::string> names;
@@ -42,24 +32,6 @@ std::vector<Entry> entries_of(const ImageView& view, const fs_elem_s& folder) {
     entries.push_back({{ace.idtype == IDTYPE_UID, ace.id}, ace.perm_mask});
   }
   return entries;
-}
-
-uint32_t append_name(Bytes& names, const std::string& name) {
-  const auto length = static_cast<uint16_t>(name.size());
-  const uint32_t at = append(
-      names, name_elem_s{length, 0, NAMESIG, process_namecomponent_4hash(name.data(), length)});
-  const auto* text = reinterpret_cast<const std::byte*>(name.c_str());
-  names.insert(names.end(), text, text + name.size() + 1);
-  return at;
-}
-
-uint32_t append_acl(Bytes& acls, const std::vector<Entry>& entries) {
-  const uint32_t at = append(acls, beacl_s{ACLSIG, static_cast<uint32_t>(entries.size())});
-  for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
-    append(acls, beace_s{static_cast<uint32_t>(entry->trustee.is_user ? IDTYPE_UID : IDTYPE_GID),
-                         entry->trustee.id, static_cast<uint16_t>(entry->mask), 0});
-  }
-  return at;
 }
 
 }  // namespace
@@ -125,37 +97,12 @@ void Chain::remove(std::size_t level, std::size_t index) {
   entries.erase(entries.begin() + static_cast<std::ptrdiff_t>(index));
 }
 
-Bytes Chain::image() const {
-  Bytes folders, names, acls, lists;
-  const auto count = static_cast<uint32_t>(folders_.size());
-  for (uint32_t level = 0; level < count; ++level) {
-    const Folder& folder = folders_[level];
-    const bool is_leaf = level + 1 == count;
-    const uint32_t children = is_leaf ? 0 : 1;
-    const uint32_t list = append(lists, child_list_s{LISTSIG, children, children});
-    const auto next = static_cast<uint32_t>((level + 1) * sizeof(fs_elem_s));
-    if (!is_leaf) append(lists, next);
-    const auto own = static_cast<uint32_t>(level * sizeof(fs_elem_s));
-    append(folders,
-           fs_elem_s{
-               FSELEMSIG,
-               level == 0 ? FSELEM_ROOT_OFFSET2 : static_cast<uint32_t>(own - sizeof(fs_elem_s)),
-               append_name(names, folder.name), list, append_acl(acls, folder.entries),
-               (level == 0 ? FSELEM_FLAG_ROOT : 0U) | (is_leaf ? FSELEM_FLAG_NO_CHILD_LIST : 0U)});
+std::vector<std::byte> Chain::image() const {
+  Excerpt excerpt(folders_.front().entries);
+  for (uint32_t level = 1; level < folders_.size(); ++level) {
+    excerpt.add(level - 1, folders_[level].name, folders_[level].entries);
   }
-  tavrix_be_header header{};
-  header.signature = TAVRIX_BE_HEADER_SIGNATURE;
-  header.total_fselems = count;
-  header.fselem_offset = sizeof header;
-  header.nameelem_offset = static_cast<uint32_t>(sizeof header + folders.size());
-  header.acl_offset = static_cast<uint32_t>(header.nameelem_offset + names.size());
-  header.list_offset = static_cast<uint32_t>(header.acl_offset + acls.size());
-  Bytes image;
-  append(image, header);
-  for (const Bytes* region : {&folders, &names, &acls, &lists}) {
-    image.insert(image.end(), region->begin(), region->end());
-  }
-  return image;
+  return excerpt.image();
 }
 
 }  // namespace tavrix::explain

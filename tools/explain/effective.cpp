@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/explain/effective.hpp"
 
+#include <algorithm>
 #include <string_view>
+#include <unordered_set>
+
+#include "permissions/map/path_elements.hpp"
+#include "tools/explain/excerpt.hpp"
 
 namespace tavrix::explain {
 namespace {
@@ -12,6 +17,44 @@ using mapcheck::Walk;
 
 std::string below(const std::string& path, std::string_view name) {
   return path.empty() ? std::string(name) : path + "/" + std::string(name);
+}
+
+// Readers meet the entries in the reverse of their stored order.
+std::vector<Entry> entries_of(const Walk& walk, const Walk::Folder& folder) {
+  const auto stored = walk.entries_of(folder);
+  std::vector<Entry> entries;
+  for (uint32_t i = stored.size; i > 0; --i) {
+    const beace_s entry = stored[i - 1];
+    entries.push_back({{entry.idtype == IDTYPE_UID, entry.id}, entry.perm_mask});
+  }
+  return entries;
+}
+
+std::vector<Walk::Folder> way_to(const Walk& walk, Walk::Folder folder) {
+  std::vector<Walk::Folder> way;
+  for (; folder.offset != 0; folder = walk.parent_of(folder)) way.push_back(folder);
+  std::reverse(way.begin(), way.end());
+  return way;
+}
+
+// The way to a folder, and of the folders in it those that a lookup may take for one of the names:
+// the first of them in the order of the map is the one that it finds.
+Excerpt excerpt_of(const Walk& walk, const Walk::Folder& folder,
+                   const std::vector<std::string_view>& names) {
+  Excerpt excerpt(entries_of(walk, walk.root()));
+  uint32_t top = 0;
+  for (const Walk::Folder& above : way_to(walk, folder)) {
+    top = excerpt.add(top, std::string(walk.name_of(above)), entries_of(walk, above));
+  }
+  std::unordered_set<uint32_t> hashes;
+  for (const std::string_view name : names) hashes.insert(hash_name(name));
+  const auto children = walk.children_of(folder);
+  for (uint32_t slot = 0; slot < children.size; ++slot) {
+    const Walk::Folder child = walk.child(folder, children, slot);
+    if (!hashes.contains(hash_name(walk.name_to_scan(child)))) continue;
+    excerpt.add(top, std::string(walk.name_of(child)), entries_of(walk, child));
+  }
+  return excerpt;
 }
 
 class Tree {
@@ -29,9 +72,7 @@ class Tree {
     return std::move(seen_);
   }
 
-  [[nodiscard]] std::vector<SeenFolder> children(const Walk::Folder& top,
-                                                 const std::vector<std::string_view>& names) {
-    map_.walk.vouch_for(top);
+  [[nodiscard]] std::vector<SeenFolder> children(const std::vector<std::string_view>& names) {
     for (const std::string_view name : names) seen_.push_back(look_at(below(wish_.path, name), 1));
     return std::move(seen_);
   }
@@ -68,7 +109,7 @@ class Tree {
     return wish_.only_writable ? is_writable : folder.is_visible || is_writable;
   }
 
-  const Map& map_;
+  const Map map_;
   const TreeWish& wish_;
   Question question_;
   std::vector<SeenFolder> seen_;
@@ -82,17 +123,15 @@ std::vector<SeenFolder> tree_for(const Person& person, const Map& map, const Tre
   return Tree(person, map, wish).seen(top.folder);
 }
 
-std::vector<SeenFolder> children_for(const Person& person, const Map& map,
+// A lookup goes through all folders of a folder, so a page of a folder with a million of them is
+// asked about in an excerpt, where they are few.
+std::vector<SeenFolder> children_for(const Person& person, const Walk& walk,
                                      const Walk::Folder& folder,
                                      const std::vector<std::string_view>& names) {
   TreeWish wish;
-  wish.path = map.walk.path_of(folder).substr(1);
-  // The decision reads the entries of each.
-  const auto children = map.walk.children_of(folder);
-  for (uint32_t slot = 0; slot < children.size; ++slot) {
-    static_cast<void>(map.walk.entries_of(map.walk.child(folder, children, slot)));
-  }
-  return Tree(person, map, wish).children(folder, names);
+  wish.path = walk.path_of(folder).substr(1);
+  const auto image = excerpt_of(walk, folder, names).image();
+  return Tree(person, {image.data(), walk}, wish).children(names);
 }
 
 Person member_of(uint32_t gid, uint32_t power_users) {

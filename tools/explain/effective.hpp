@@ -37,7 +37,7 @@ struct Map {
                                                const TreeWish& wish);
 
 // Folders of these names in a folder, also those that the person does not meet.
-[[nodiscard]] std::vector<SeenFolder> children_for(const Person& person, const Map& map,
+[[nodiscard]] std::vector<SeenFolder> children_for(const Person& person, const mapcheck::Walk& walk,
                                                    const mapcheck::Walk::Folder& folder,
                                                    const std::vector<std::string_view>& names);
 

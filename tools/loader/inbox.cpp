@@ -78,7 +78,7 @@ Inbox::Identity Inbox::identity_of(const std::string& path) {
 Inbox::Inbox(std::string folder, unsigned keep_refused)
     : folder_(std::move(folder)),
       work_(folder_ + "/.work"),
-      refused_(folder_ + "/refused"),
+      refused_(refused_folder(folder_)),
       held_(folder_ + "/held"),
       keep_refused_(keep_refused) {}
 
@@ -168,10 +168,12 @@ void Inbox::forget_starts() const {
 // The work folder becomes the folder of the refusal by one rename: the pair is never split between
 // two places, and a full disk rarely prevents it. When the reason cannot be written, the pair is
 // set aside without it.
-std::string Inbox::refuse(const Pair& pair, const std::string& reason) const {
-  const std::string text = reason + "\n";
+std::string Inbox::refuse(const Pair& pair, const Refusal& refusal) const {
   forget_starts();
-  static_cast<void>(files::replace(work_ + "/reason.txt", text, 0644));
+  if (!refusal.findings.empty()) {
+    static_cast<void>(files::replace(findings_path(work_), refusal.findings, 0644));
+  }
+  static_cast<void>(files::replace(reason_path(work_), refusal.reason + "\n", 0644));
   const std::string where = name_of_now(refused_);
   if (rename(work_.c_str(), where.c_str()) != 0) return {};
   static_cast<void>(files::sync_folder(refused_));
@@ -207,7 +209,8 @@ void Inbox::prune() const {
 void Inbox::finish(const Pair& pair) const {
   static_cast<void>(files::remove(pair.size));
   static_cast<void>(files::remove(pair.data));
-  static_cast<void>(files::remove(work_ + "/reason.txt"));
+  static_cast<void>(files::remove(findings_path(work_)));
+  static_cast<void>(files::remove(reason_path(work_)));
   forget_starts();
 }
 

@@ -5,7 +5,7 @@
 //                                  names, then renamed to these, in either order
 //   DIR/.work/                     the pair that is being loaded, until its map is current, and
 //                                  "starts", which counts the runs that began to load it
-//   DIR/refused/<time>/            a pair that was not loaded, and reason.txt beside it
+//   DIR/refused/<time>/            a pair that was not loaded, and why; see refused_pairs.hpp
 //   DIR/held/                      the pair of a map that waits until an operator approves it
 #pragma once
 
@@ -14,6 +14,7 @@
 #include <string>
 
 #include "internal/scoped.hpp"
+#include "tools/loader/refused_pairs.hpp"
 
 namespace tavrix::loader {
 
@@ -46,7 +47,7 @@ class Inbox {
   void forget_starts() const;
   // Sets the pair aside with the reason and returns the folder where it lies. Returns an empty text
   // and sets errno when it cannot be set aside; then it stays in the work folder.
-  std::string refuse(const Pair& pair, const std::string& reason) const;
+  std::string refuse(const Pair& pair, const Refusal& refusal) const;
   // Puts the pair of a held map where it is not loaded again, in the place of an earlier one.
   void hold(const Pair& pair) const;
   [[nodiscard]] const std::string& held_folder() const { return held_; }

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/ctl/output.hpp"
 #include "tools/mapcheck/lint.hpp"
 #include "tools/mapkeep/guard.hpp"
 #include "tools/mapkeep/keep.hpp"
@@ -27,19 +28,27 @@ std::string text_of(const mapcheck::Findings& findings) {
   return text;
 }
 
+std::string json_of(const mapcheck::Findings& findings) {
+  if (findings.errors() + findings.warnings() == 0) return {};
+  json::Json json;
+  ctl::set_findings(json, findings);
+  return json::text_of(json) + "\n";
+}
+
 }  // namespace
 
 Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool()>& should_stop) {
   std::string error;
   const auto checked = mapcheck::lint_files(pair.size, pair.data, error);
-  if (!checked) return {mapload::Result::kTryAgain, error, {}};
+  if (!checked) return {mapload::Result::kTryAgain, error, {}, {}};
   if (checked->findings.errors() > 0) {
     // The import trusts what it reads, so it is not run; the operator's log gets the line of a
     // failed import all the same.
     mapload::log_refused();
     return {mapload::Result::kRefused,
             text::counted(checked->findings.errors(), "error") + text_of(checked->findings),
-            {}};
+            {},
+            json_of(checked->findings)};
   }
   mapload::Request request;
   request.size_path = pair.size.c_str();
@@ -52,7 +61,8 @@ Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool
   };
   mapload::Loaded loaded = mapload::load(request);
   loaded.report.insert(loaded.report.begin(), room.begin(), room.end());
-  return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report)};
+  return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report),
+          json_of(loaded.findings)};
 }
 
 }  // namespace tavrix::loader

@@ -15,6 +15,7 @@ struct Outcome {
   mapload::Result result = mapload::Result::kRefused;
   std::string text;  // the map that is current, or why the pair was not loaded
   mapload::Report report;
+  std::string findings;  // of the checks, for programs; empty when they found nothing
 };
 
 // Limits past which a map is held, and the folder where its pair will be then.

@@ -54,14 +54,15 @@ Worker::Step Worker::step(bool may_wait, const std::function<bool()>& should_sto
   if (!pair_) return Step::kNothing;
   // Settings that were read anew before the pair came count for it.
   if (should_stop) should_stop();
-  return reason_.empty() ? load(should_stop) : refuse(reason_);
+  return refusal_ ? refuse(Refusal(*refusal_)) : load(should_stop);
 }
 
 Worker::Step Worker::load(const std::function<bool()>& should_stop) {
   if (tries_ == 0) {
     if (const unsigned ended = inbox_.note_start(); ended >= kMostStarts) {
       mapload::log_refused();
-      return refuse(fmt::format("the loader ended {} times while it loaded this pair", ended));
+      return refuse(
+          {fmt::format("the loader ended {} times while it loaded this pair", ended), {}});
     }
   }
   if (!mapload::is_well()) {
@@ -90,33 +91,33 @@ Worker::Step Worker::load(const std::function<bool()>& should_stop) {
       inbox_.forget_starts();
       return Step::kStopped;
     default:
-      return refuse(outcome.text);
+      return refuse({outcome.text, outcome.findings});
   }
 }
 
 Worker::Step Worker::try_again(const std::string& text) {
   if (++tries_ >= kTries) {
     mapload::log_refused();
-    return refuse(fmt::format("{}; given up after {} tries", text, tries_));
+    return refuse({fmt::format("{}; given up after {} tries", text, tries_), {}});
   }
   tell(Tone::kWarning, text + "; trying again");
   wait(kFirstPause * (1U << (tries_ - 1)));
   return Step::kWaiting;
 }
 
-Worker::Step Worker::refuse(const std::string& reason) {
-  const std::string where = inbox_.refuse(*pair_, reason);
+Worker::Step Worker::refuse(const Refusal& refusal) {
+  const std::string where = inbox_.refuse(*pair_, refusal);
   if (where.empty()) {
     tell(Tone::kError, fmt::format("refused, and the pair cannot be set aside ({}): {}",
-                                   std::strerror(errno), reason));
-    reason_ = reason;
+                                   std::strerror(errno), refusal.reason));
+    refusal_ = refusal;
     wait(kPauseForRoom);
     return Step::kWaiting;
   }
-  const std::string text = "refused, see " + where + ": " + reason;
+  const std::string text = "refused, see " + where + ": " + refusal.reason;
   service::say(Tone::kWarning, text);
   set_status(text);
-  reason_.clear();
+  refusal_.reset();
   end_pair();
   return Step::kRefused;
 }

@@ -37,14 +37,14 @@ class Worker {
   Step try_again(const std::string& text);
   Step hold(const std::string& reason);
   void end_pair();
-  Step refuse(const std::string& reason);
+  Step refuse(const Refusal& refusal);
   void wait(std::chrono::milliseconds time) { next_ = Clock::now() + time; }
 
   Inbox& inbox_;
   Keeper& keeper_;
   bool is_resumed_ = false;
   std::optional<Pair> pair_;
-  std::string reason_;  // why the pair was refused, while it cannot be set aside
+  std::optional<Refusal> refusal_;  // of a pair that cannot be set aside yet
   unsigned tries_ = 0;
   Clock::time_point next_{};
 };

@@ -28,6 +28,7 @@ export function ActivityPicture({ activity }: { activity: Activity }): ReactElem
           );
         })}
       </svg>
+      <p>{`${historyTexts.activity(texts.events(counts.records), step)}. ${historyTexts.ofAll}`}</p>
       {notices.slice(0, 5).map((notice) => (
         <Alert key={`${notice.time} ${notice.text}`} isInline variant="warning" component="h2" title={notice.text} data-kind={notice.kind}>
           {timeOf(notice.time)}

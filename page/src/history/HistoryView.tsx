@@ -8,7 +8,7 @@ import { Pending } from '../parts/Pending';
 import { historyTexts, texts } from '../texts';
 import { asToolError, text, type ToolError } from '../tool/ask';
 import type { Activity, GroupMap } from '../tool/documents';
-import { useAnswer } from '../tool/use_answer';
+import { useAnswer, useSlow } from '../tool/use_answer';
 import { ActivityPicture } from './ActivityPicture';
 import { filterIn, wordsOf } from './filter';
 import { FilterForm } from './FilterForm';
@@ -30,6 +30,7 @@ export function HistoryView({ options, go }: Props): ReactElement {
   const activity = useAnswer<Activity>(['history', 'report', `--since=${filter.since}`]);
   const groups = useAnswer<GroupMap>(['groupmap', 'show']);
   const users = useMemo(() => groups.answer?.users.map(({ name }) => name) ?? [], [groups.answer]);
+  const isSlow = useSlow(found.isPending);
   const [saving, setSaving] = useState<ToolError>();
   const saveAll = async (): Promise<void> => {
     try {
@@ -58,7 +59,8 @@ export function HistoryView({ options, go }: Props): ReactElement {
         </StackItem>
       )}
       {activity.answer && <ActivityPicture activity={activity.answer} />}
-      <Pending isPending={found.isPending} isSlow={found.isPending} cancel={found.cancel} />
+      {activity.error && !found.error && <ErrorNote error={activity.error} again={activity.again} />}
+      <Pending isPending={found.isPending} isSlow={isSlow} cancel={found.cancel} />
       {found.error && <ErrorNote error={found.error} again={found.again} />}
       {saving && <ErrorNote error={saving} />}
       {found.records && found.records.length === 0 && <p>{historyTexts.nothing}</p>}

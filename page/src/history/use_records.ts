@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Records page by page. Those of an earlier filter stay until the first page of the new one is there.
 import { useCallback, useEffect, useRef, useState } from 'react';
-import { ask, asToolError, kCancelled, type Asked, type ToolError } from '../tool/ask';
+import { ask, asToolError, type Asked, type ToolError } from '../tool/ask';
 import type { EventRecord, HistoryPage } from '../tool/documents';
 
 export interface Records {
@@ -25,10 +25,11 @@ export function useRecords(words: string[]): Records {
 
   const load = useCallback(
     async (after: string | undefined): Promise<void> => {
-      running.current?.cancel();
+      const before = running.current;
       const place = after === undefined ? [] : [`--after=${after}`];
       const asked = ask<HistoryPage>(['history', 'search', ...(JSON.parse(key) as string[]), ...place]);
       running.current = asked;
+      before?.cancel();
       setPending(true);
       try {
         const page = await asked.answer;
@@ -37,8 +38,7 @@ export function useRecords(words: string[]): Records {
         setNext(page.more ? page.next : undefined);
         setError(undefined);
       } catch (problem) {
-        const told = asToolError(problem);
-        if (running.current === asked && told.code !== kCancelled) setError(told);
+        if (running.current === asked) setError(asToolError(problem));
       }
       if (running.current === asked) setPending(false);
     },
@@ -47,7 +47,11 @@ export function useRecords(words: string[]): Records {
 
   useEffect(() => {
     void load(undefined);
-    return () => running.current?.cancel();
+    return () => {
+      const asked = running.current;
+      running.current = undefined;
+      asked?.cancel();
+    };
   }, [load, round]);
 
   return {

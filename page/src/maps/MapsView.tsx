@@ -7,13 +7,14 @@ import { ErrorNote } from '../parts/ErrorNote';
 import { Facts } from '../parts/Facts';
 import { Pending } from '../parts/Pending';
 import { sizeOf, texts, timeOf } from '../texts';
-import { ask, tell, ToolError } from '../tool/ask';
-import type { HeldMap, KeptMap, MapHistory, MapInfo, Published, Status } from '../tool/documents';
+import { ask, tell } from '../tool/ask';
+import type { HeldMap, KeptMap, MapHistory, MapInfo, Published, RefusedPairs } from '../tool/documents';
 import { useAnswer } from '../tool/use_answer';
 import { Confirm, type Change } from './Confirm';
 import { Difference } from './Difference';
 import { HeldCard } from './HeldCard';
 import { KeptTable } from './KeptTable';
+import { RefusedList } from './RefusedList';
 
 interface Props {
   options: Options;
@@ -38,25 +39,9 @@ function CurrentMap({ info }: { info: MapInfo }): ReactElement {
   );
 }
 
-function Refused({ inbox }: { inbox: Status['map']['inbox'] }): ReactElement {
-  if (inbox.refused === 0) return <p>{words.noRefused}</p>;
-  return (
-    <>
-      <p>{words.refusedCount(inbox.refused)}</p>
-      <Facts
-        facts={[
-          [words.lastRefused, timeOf(inbox.last_refused)],
-          [words.reason, inbox.last_reason ?? texts.unknown],
-        ]}
-      />
-    </>
-  );
-}
-
 // The held map may be another one by the time that somebody has looked at it.
-async function checkHeld(held: HeldMap): Promise<void> {
-  const now = await ask<MapHistory>(['map', 'history']).answer;
-  if (now.held?.image.sha256 !== held.image.sha256) throw new ToolError('failed', words.heldChanged, '');
+function lookedAt({ image }: HeldMap): string {
+  return `--checksum=${image.sha256}`;
 }
 
 function approval(held: HeldMap): Change {
@@ -65,8 +50,7 @@ function approval(held: HeldMap): Change {
     question: words.ask.approve(texts.folders(held.image.folders)),
     isDangerous: false,
     run: async () => {
-      await checkHeld(held);
-      await ask<Published>(['map', 'approve', '--yes']).answer;
+      await ask<Published>(['map', 'approve', '--yes', lookedAt(held)]).answer;
     },
   };
 }
@@ -76,10 +60,7 @@ function rejection(held: HeldMap): Change {
     title: words.reject,
     question: words.ask.reject,
     isDangerous: true,
-    run: async () => {
-      await checkHeld(held);
-      await tell(['map', 'reject', '--yes']);
-    },
+    run: () => tell(['map', 'reject', '--yes', lookedAt(held)]),
   };
 }
 
@@ -109,17 +90,16 @@ const kHeld = 'held';
 
 export function MapsView({ options, go }: Props): ReactElement {
   const info = useAnswer<MapInfo>(['map', 'info']);
-  const status = useAnswer<Status>(['status']);
   const history = useAnswer<MapHistory>(['map', 'history']);
+  const refused = useAnswer<RefusedPairs>(['map', 'refused']);
   const [change, setChange] = useState<Change>();
   const { diff = '' } = options;
   const held = history.answer?.held;
   const maps = history.answer?.maps ?? [];
   const done = (isDone: boolean) => {
     setChange(undefined);
-    if (!isDone) return;
-    if (diff === kHeld) go({});
-    [info, status, history].forEach((each) => each.again());
+    if (isDone && diff === kHeld) go({});
+    [info, refused, history].forEach((each) => each.again());
   };
 
   return (
@@ -155,9 +135,9 @@ export function MapsView({ options, go }: Props): ReactElement {
         )}
       </Section>
       <Section title={words.refused}>
-        <Pending {...status} />
-        {status.error && <ErrorNote error={status.error} again={status.again} />}
-        {status.answer && <Refused inbox={status.answer.map.inbox} />}
+        <Pending {...refused} />
+        {refused.error && <ErrorNote error={refused.error} again={refused.again} />}
+        {refused.answer && <RefusedList refused={refused.answer} />}
       </Section>
       {change && <Confirm change={change} close={done} />}
     </Stack>

@@ -3,7 +3,7 @@
 import { Alert, AlertActionLink, ExpandableSection } from '@patternfly/react-core';
 import type { ReactElement } from 'react';
 import { texts } from '../texts';
-import type { ToolError } from '../tool/ask';
+import { kCancelled, type ToolError } from '../tool/ask';
 
 interface Props {
   error: ToolError;
@@ -15,7 +15,7 @@ export function ErrorNote({ error, again }: Props): ReactElement {
   const detail = [error.message, error.detail].filter((text) => text !== '').join('\n');
   return (
     <Alert
-      variant="danger"
+      variant={error.code === kCancelled ? 'info' : 'danger'}
       isInline
       title={error.code === 'failed' ? error.message : (known?.title ?? '')}
       component="h2"

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // The rights of two users side by side, on the folders in a folder.
 import { Label } from '@patternfly/react-core';
-import type { ReactElement } from 'react';
+import { useEffect, type ReactElement } from 'react';
 import { DataTable } from '../parts/DataTable';
 import { ErrorNote } from '../parts/ErrorNote';
 import { Pending } from '../parts/Pending';
 import { UserBox } from '../parts/UserBox';
 import { texts } from '../texts';
-import type { Effective } from '../tool/documents';
+import type { Effective, OfMap } from '../tool/documents';
 import { useAnswer } from '../tool/use_answer';
 import { onShare } from './tree_state';
 
@@ -16,6 +16,8 @@ interface Props {
   first: string;
   second: string;
   users: string[];
+  edition: number;
+  compare: (map: OfMap) => void;
   change: (options: { user?: string; other?: string }) => void;
 }
 
@@ -57,9 +59,14 @@ function Table({ left, right, first, second }: { left: Effective; right: Effecti
   );
 }
 
-export function Compare({ path, first, second, users, change }: Props): ReactElement {
-  const left = useAnswer<Effective>(question(first, path));
-  const right = useAnswer<Effective>(question(second, path));
+export function Compare({ path, first, second, users, edition, compare, change }: Props): ReactElement {
+  const left = useAnswer<Effective>(question(first, path), edition);
+  const right = useAnswer<Effective>(question(second, path), edition);
+  useEffect(() => {
+    if (left.answer) compare(left.answer);
+    if (right.answer) compare(right.answer);
+  }, [left.answer, right.answer, compare]);
+  const again = () => [left, right].forEach((each) => each.again());
   const error = left.error ?? right.error;
   return (
     <>
@@ -67,7 +74,7 @@ export function Compare({ path, first, second, users, change }: Props): ReactEle
       <UserBox label={words.second} value={second} users={users} choose={(other) => change({ other })} />
       <Pending isPending={left.isPending || right.isPending} isSlow={left.isSlow || right.isSlow} cancel={() => [left, right].forEach((each) => each.cancel())} />
       {(first === '' || second === '') && <p>{words.chooseTwo}</p>}
-      {error && <ErrorNote error={error} />}
+      {error && <ErrorNote error={error} again={again} />}
       {first !== '' && second !== '' && left.answer && right.answer && (
         <Table left={left.answer} right={right.answer} first={first} second={second} />
       )}

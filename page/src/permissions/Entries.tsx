@@ -12,21 +12,18 @@ import { onShare } from './tree_state';
 
 interface Props {
   path: string;
-  round: number;
+  edition: number;
   compare: (map: OfMap) => void;
   go: (path: string) => void;
 }
 
 const words = texts.permissions;
 
-export function Entries({ path, round, compare, go }: Props): ReactElement {
-  const { answer, error, again, ...pending } = useAnswer<Acl>(['map', 'acl', onShare(path)]);
+export function Entries({ path, edition, compare, go }: Props): ReactElement {
+  const { answer, error, again, ...pending } = useAnswer<Acl>(['map', 'acl', onShare(path)], edition);
   useEffect(() => {
     if (answer) compare(answer);
   }, [answer, compare]);
-  useEffect(() => {
-    if (round > 0) again();
-  }, [round, again]);
   return (
     <>
       <Pending {...pending} />
@@ -34,7 +31,7 @@ export function Entries({ path, round, compare, go }: Props): ReactElement {
       {answer && !answer.in_map && <Alert isInline variant="info" component="h2" title={words.standsIn(path, answer.folder)} />}
       {answer && (
         <>
-          <p className="source">
+          <p className="source" data-of={answer.path}>
             {answer.inherited ? (
               <>
                 {words.inheritedFrom}{' '}

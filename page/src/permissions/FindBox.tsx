@@ -15,10 +15,10 @@ interface Props {
 const words = texts.permissions;
 
 function Results({ found, go }: { found: Found; go: (path: string) => void }): ReactElement {
-  if (found.matches === 0) return <p id="matches">{words.nothingFound}</p>;
+  if (found.matches === 0) return <p id="matches" data-of={found.text}>{words.nothingFound}</p>;
   return (
     <>
-      <p id="matches">{words.matches(found.matches, found.folders.length)}</p>
+      <p id="matches" data-of={found.text}>{words.matches(found.matches, found.folders.length)}</p>
       <List isPlain className="results" aria-label={words.find}>
         {found.folders.map(({ path }) => (
           <ListItem key={path}>

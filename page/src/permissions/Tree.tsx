@@ -46,12 +46,6 @@ export function Tree(props: Props): ReactElement {
     if (box.current) setHeight(box.current.clientHeight);
   }, [rows.length]);
 
-  // A mark for who measures the page.
-  const hasRows = rows.length > 0;
-  useEffect(() => {
-    if (hasRows) performance.mark('first-rows');
-  }, [hasRows]);
-
   // A row that says that more follow loads them when it comes into sight.
   const waiting = shown.flatMap(({ row }) => (row.kind === 'more' && !loading.has(row.path) ? [row.path] : []));
   const waitingKey = JSON.stringify(waiting);

@@ -14,13 +14,14 @@ import { onShare } from './tree_state';
 interface Props {
   path: string;
   operation: string;
+  edition: number;
   change: (options: { op: string }) => void;
 }
 
 const words = texts.permissions;
 
-export function WhoCan({ path, operation, change }: Props): ReactElement {
-  const { answer, error, again, ...pending } = useAnswer<Who>(['who', '--refused', operation, onShare(path)]);
+export function WhoCan({ path, operation, edition, change }: Props): ReactElement {
+  const { answer, error, again, ...pending } = useAnswer<Who>(['who', '--refused', operation, onShare(path)], edition);
   return (
     <>
       <OperationBox value={operation} choose={(op) => change({ op })} />

@@ -18,6 +18,7 @@ interface Props {
   user: string;
   operation: string;
   users: string[];
+  edition: number;
   change: (options: { user?: string; op?: string }) => void;
 }
 
@@ -90,9 +91,9 @@ function Turning({ check }: { check: Check }): ReactElement | null {
   );
 }
 
-export function Why({ path, user, operation, users, change }: Props): ReactElement {
+export function Why({ path, user, operation, users, edition, change }: Props): ReactElement {
   const question = user === '' ? undefined : ['check', '--explain', `--user=${user}`, operation, onShare(path)];
-  const { answer, error, again, ...pending } = useAnswer<Check>(question);
+  const { answer, error, again, ...pending } = useAnswer<Check>(question, edition);
   const verdict = answer && verdictOf(answer);
   return (
     <>
@@ -102,7 +103,7 @@ export function Why({ path, user, operation, users, change }: Props): ReactEleme
       {user === '' && <p>{words.chooseUser}</p>}
       {error && <ErrorNote error={error} again={again} />}
       {user !== '' && answer && verdict && (
-        <div className="why">
+        <div className="why" data-of={answer.path}>
           <Alert isInline variant={verdict.variant} title={verdict.title} component="h2" data-verdict={answer.verdict}>
             {answer.reason}
           </Alert>

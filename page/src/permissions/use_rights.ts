@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // A user's rights on the folders of the tree, a page at a time, for the folders in sight.
 import { useCallback, useEffect, useRef, useState } from 'react';
-import { ask, asToolError, kCancelled, type Asked, type ToolError } from '../tool/ask';
+import { ask, asToolError, type Asked, type ToolError } from '../tool/ask';
 import type { Effective, OfMap } from '../tool/documents';
 import type { Rights } from './Tree';
 import { below, onShare, type TreeState } from './tree_state';
@@ -14,7 +14,8 @@ interface UserRights {
 
 const kPage = 200;
 
-export function useRights(user: string, state: TreeState, compare: (map: OfMap) => void): UserRights {
+// `edition` counts the maps that were shown.
+export function useRights(user: string, state: TreeState, edition: number, compare: (map: OfMap) => void): UserRights {
   const [rights, setRights] = useState<ReadonlyMap<string, Rights>>(new Map());
   const [error, setError] = useState<ToolError>();
   const [folders, setFolders] = useState<string[]>(['']);
@@ -26,10 +27,11 @@ export function useRights(user: string, state: TreeState, compare: (map: OfMap) 
     setError(undefined);
     const asked = running.current;
     return () => {
-      asked.forEach((each) => each.cancel());
+      const dropped = [...asked.values()];
       asked.clear();
+      dropped.forEach((each) => each.cancel());
     };
-  }, [user]);
+  }, [user, edition]);
 
   useEffect(() => {
     if (user === '') return;
@@ -54,12 +56,11 @@ export function useRights(user: string, state: TreeState, compare: (map: OfMap) 
           });
         },
         (problem: unknown) => {
-          const told = asToolError(problem);
-          if (told.code !== kCancelled && running.current.get(key) === asked) setError(told);
+          if (running.current.get(key) === asked) setError(asToolError(problem));
         },
       );
     }
-  }, [user, folders, state.levels, rights, compare]);
+  }, [user, edition, folders, state.levels, rights, compare]);
 
   const inSight = useCallback((next: string[]) => setFolders(next), []);
   return { rights: user === '' ? undefined : rights, error, inSight };

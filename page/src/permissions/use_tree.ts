@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Loads the tree page by page, as it is opened.
 import { useCallback, useEffect, useRef, useState } from 'react';
-import { ask, asToolError, kCancelled, type Asked, type ToolError } from '../tool/ask';
+import { ask, asToolError, type Asked, type ToolError } from '../tool/ask';
 import type { ChildrenPage, OfMap } from '../tool/documents';
 import { ancestorsOf, kEmptyTree, onShare, withFolder, withOpen, withPage, type TreeState } from './tree_state';
 
@@ -15,8 +15,11 @@ export interface LoadedTree {
   compare(map: OfMap): void;
   setOpen(path: string, isOpen: boolean): void;
   loadMore(path: string): void;
+  cancel(): void;
   reload(): void;
 }
+
+const kItself = 'itself '; // before the path, in the key of a question about one folder
 
 function isSame(a: OfMap, b: OfMap): boolean {
   return a.generation === b.generation && a.table_id === b.table_id;
@@ -30,12 +33,20 @@ export function useTree(selected: string): LoadedTree {
   const [round, setRound] = useState(0);
   const map = useRef<OfMap>();
   const running = useRef(new Map<string, Asked<ChildrenPage>>());
+  // The question that the error is about. Rows in sight ask for what follows them; after an error
+  // they wait until somebody tries again.
+  const failed = useRef<string>();
   const current = useRef(state);
   current.current = state;
 
   const compare = useCallback((other: OfMap) => {
     if (map.current === undefined) map.current = { generation: other.generation, table_id: other.table_id };
     else if (!isSame(map.current, other)) setOtherMap(true);
+  }, []);
+
+  const forget = useCallback(() => {
+    failed.current = undefined;
+    setError(undefined);
   }, []);
 
   const question = useCallback(
@@ -53,11 +64,13 @@ export function useTree(selected: string): LoadedTree {
         const page = await asked.answer;
         if (running.current.get(key) !== asked) return undefined;
         compare(page);
-        setError(undefined);
+        if (failed.current === key) forget();
         return page;
       } catch (problem) {
-        const told = asToolError(problem);
-        if (told.code !== kCancelled && running.current.get(key) === asked) setError(told);
+        if (running.current.get(key) === asked) {
+          failed.current = key;
+          setError(asToolError(problem));
+        }
         return undefined;
       } finally {
         if (running.current.get(key) === asked) {
@@ -66,7 +79,7 @@ export function useTree(selected: string): LoadedTree {
         }
       }
     },
-    [compare],
+    [compare, forget],
   );
 
   const load = useCallback(
@@ -81,24 +94,26 @@ export function useTree(selected: string): LoadedTree {
   // Opens the way to the selected folder, and adds each folder of it that lies beyond the pages.
   const reveal = useCallback(
     async (path: string): Promise<void> => {
+      if (failed.current?.startsWith(kItself)) forget();
       for (const folder of ancestorsOf(path)) {
         if (!current.current.levels.has(folder)) await load(folder);
         setState((now) => withOpen(now, folder, true));
         const next = path.split('/').slice(0, folder === '' ? 1 : folder.split('/').length + 1).join('/');
-        const self = await question(`itself ${next}`, [onShare(next), '--children', '--limit', '1']);
+        const self = await question(`${kItself}${next}`, [onShare(next), '--children', '--limit', '1']);
         if (!self) return;
         setState((now) => withFolder(now, next, self));
       }
     },
-    [load, question],
+    [load, question, forget],
   );
 
   useEffect(() => {
     void load('');
     const asked = running.current;
     return () => {
-      asked.forEach((each) => each.cancel());
+      const dropped = [...asked.values()];
       asked.clear();
+      dropped.forEach((each) => each.cancel());
     };
   }, [load, round]);
 
@@ -116,19 +131,21 @@ export function useTree(selected: string): LoadedTree {
   const loadMore = useCallback(
     (path: string) => {
       const last = current.current.levels.get(path)?.children.at(-1);
-      if (last) void load(path, last.name);
+      if (last && failed.current !== path) void load(path, last.name);
     },
     [load],
   );
+  const cancel = useCallback(() => running.current.forEach((each) => each.cancel()), []);
   // The folders that are open stay open, as far as the new map has them.
   const reload = useCallback(() => {
     const open = [...current.current.open];
     map.current = undefined;
+    forget();
     setOtherMap(false);
     setState((now) => ({ ...now, levels: new Map() }));
     setRound((now) => now + 1);
     open.forEach((path) => void load(path));
-  }, [load]);
+  }, [load, forget]);
 
-  return { state, loading, error, isOtherMap, compare, setOpen, loadMore, reload };
+  return { state, loading, error, isOtherMap, compare, setOpen, loadMore, cancel, reload };
 }

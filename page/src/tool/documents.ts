@@ -70,6 +70,7 @@ export interface ChildrenPage extends OfMap, Child {
 }
 
 export interface Found extends OfMap {
+  text: string;
   matches: number;
   more: boolean;
   folders: { path: string; entries: number; inherited: boolean; child_count: number }[];
@@ -183,6 +184,31 @@ export interface HeldMap {
 export interface MapHistory {
   maps: KeptMap[];
   held?: HeldMap;
+}
+
+export interface LintFinding {
+  severity: 'error' | 'warning';
+  file?: string;
+  path?: string;
+  offset: number;
+  text: string;
+}
+
+export interface RefusedPair {
+  folder: string;
+  time?: string;
+  reason: string;
+  details?: string;
+  files: { name: string; bytes: number }[];
+  errors?: number;
+  warnings?: number;
+  findings?: LintFinding[];
+}
+
+export interface RefusedPairs {
+  count: number;
+  more: boolean;
+  pairs: RefusedPair[];
 }
 
 interface Subtree {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // The answer to a question, kept while the next one is on its way.
 import { useCallback, useEffect, useState } from 'react';
-import { ask, asToolError, kCancelled, type ToolError } from './ask';
+import { ask, asToolError, type ToolError } from './ask';
 
 const kSlow = 1000; // milliseconds after which a question may be cancelled
 
@@ -22,13 +22,27 @@ interface State<Answer> {
   error?: ToolError;
 }
 
-// Asks when the words change, and when again() is called. Nothing is asked without words. The answer
-// to an earlier question is dropped.
-export function useAnswer<Answer>(words: string[] | undefined): Answered<Answer> {
+// Says when something has been pending for so long that people may want to cancel it.
+export function useSlow(isPending: boolean): boolean {
+  const [isSlow, setSlow] = useState(false);
+  useEffect(() => {
+    if (!isPending) return undefined;
+    const timer = setTimeout(() => setSlow(true), kSlow);
+    return () => {
+      clearTimeout(timer);
+      setSlow(false);
+    };
+  }, [isPending]);
+  return isSlow;
+}
+
+// Asks when the words or the edition change, and when again() is called. Nothing is asked without
+// words. The answer to an earlier question is dropped.
+export function useAnswer<Answer>(words: string[] | undefined, edition = 0): Answered<Answer> {
   const key = words === undefined ? undefined : JSON.stringify(words);
   const [state, setState] = useState<State<Answer>>({});
   const [isPending, setPending] = useState(key !== undefined);
-  const [isSlow, setSlow] = useState(false);
+  const isSlow = useSlow(isPending);
   const [round, setRound] = useState(0);
   const [stop, setStop] = useState<() => void>(() => () => {});
 
@@ -41,31 +55,23 @@ export function useAnswer<Answer>(words: string[] | undefined): Answered<Answer>
     setPending(true);
     const asked = ask<Answer>(JSON.parse(key) as string[]);
     setStop(() => asked.cancel);
-    const timer = setTimeout(() => setSlow(true), kSlow);
-    const finish = (): boolean => {
-      clearTimeout(timer);
-      if (isStale) return false;
-      setSlow(false);
-      setPending(false);
-      return true;
-    };
     asked.answer.then(
       (answer) => {
-        if (finish()) setState({ answer, asked: key });
+        if (isStale) return;
+        setPending(false);
+        setState({ answer, asked: key });
       },
       (error: unknown) => {
-        if (!finish()) return;
-        const told = asToolError(error);
-        setState((before) => (told.code === kCancelled ? before : { ...before, error: told }));
+        if (isStale) return;
+        setPending(false);
+        setState((before) => ({ ...before, error: asToolError(error) }));
       },
     );
     return () => {
       isStale = true;
-      clearTimeout(timer);
-      setSlow(false);
       asked.cancel();
     };
-  }, [key, round]);
+  }, [key, round, edition]);
 
   const again = useCallback(() => setRound((now) => now + 1), []);
   return {
