@@ -13,6 +13,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "tools/cluster/node_folders.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::ctl {
@@ -46,7 +47,11 @@ bool holds(const Setting& setting, const Value& value, const global_param_s* blo
 Value value_in(const SettingsFile& file, const Setting& setting) {
   const auto given = std::find_if(file.values.begin(), file.values.end(),
                                   [&](const auto& entry) { return entry.first == &setting; });
-  return given != file.values.end() ? given->second : shipped_value(setting);
+  Value value = given != file.values.end() ? given->second : shipped_value(setting);
+  if (!file.node.empty() && is_folder_of_node(setting)) {
+    value.text = cluster::folder_of(value.text, file.node);
+  }
+  return value;
 }
 
 bool write_synced(const std::string& path, const std::string& content) {
@@ -98,6 +103,8 @@ void fill(const SettingsFile& file, global_param_s* block) {
   for (const Setting& setting : settings()) {
     if (setting.index == PARAM_STAGING_BUFFER_SIZE) continue;
     const Value value = value_in(file, setting);
+    // Before the block names it: a flush that finds no folder ends its process.
+    if (!file.node.empty() && is_folder_of_node(setting)) cluster::make_folder(value.text);
     if (!holds(setting, value, block)) store(setting, value, block);
   }
 }

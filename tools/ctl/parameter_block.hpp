@@ -31,7 +31,9 @@ class ParameterBlock {
 };
 
 // Gives every setting its value from the file, or the shipped one, and writes only values that
-// change. Leaves out the size of the staging buffer, which has rules of its own and comes last.
+// change. Leaves out the size of the staging buffer, which has rules of its own and comes last. On
+// a node of a cluster it makes the node's folders of dump files; one that cannot be made is
+// reported as any that is missing.
 void fill(const SettingsFile& file, global_param_s* block);
 int32_t buffer_size_in(const SettingsFile& file);
 

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 
+#include "tools/cluster/node.hpp"
 #include "tools/settings/service_settings.hpp"
 
 namespace tavrix::ctl {
@@ -130,9 +131,43 @@ void take_entry(const Lines::Entry& entry, dictionary* parsed, Lines& lines, Set
   }
 }
 
+constexpr std::string_view kCluster = "CLUSTER:enabled";
+// A longer folder would cut the names of dump files.
+constexpr std::size_t kLongestFolder = 200;
+
+bool is_on(const SettingsFile& file, std::string_view name) {
+  return std::ranges::any_of(file.service_values, [name](const auto& entry) {
+    return entry.first->name == name && entry.second.number != 0;
+  });
+}
+
+// Each node of a cluster writes its dump files into folders of its own: two nodes may give the same
+// name.
+void take_node(const std::string& path, SettingsFile& result) {
+  if (!is_on(result, kCluster)) return;
+  result.node = cluster::this_node();
+  if (result.node.empty()) {
+    result.errors.push_back(fmt::format(
+        "{}: {}: the host name is no name of a node; give this machine one of letters, digits, "
+        "'-' and '_', with hostnamectl set-hostname",
+        path, kCluster));
+  }
+  for (const auto& [setting, value] : result.values) {
+    if (!is_folder_of_node(*setting)) continue;
+    if (value.text.size() + 1 + result.node.size() <= kLongestFolder) continue;
+    result.errors.push_back(
+        fmt::format("{}: {}: with \"/{}\" for this node the path has more than {} bytes", path,
+                    setting->name, result.node, kLongestFolder));
+  }
+}
+
 int say_nothing(const char* /*format*/, ...) { return 0; }
 
 }  // namespace
+
+bool is_folder_of_node(const Setting& setting) {
+  return setting.index == PARAM_STAGING_DIR || setting.index == PARAM_AUDITING_DIR;
+}
 
 SettingsFile read_settings_file(const std::string& path) {
   SettingsFile result;
@@ -149,6 +184,7 @@ SettingsFile read_settings_file(const std::string& path) {
     return result;
   }
   for (const auto& entry : lines.entries()) take_entry(entry, parsed.get(), lines, result);
+  take_node(path, result);
   return result;
 }
 

@@ -22,7 +22,13 @@ struct SettingsFile {
   std::vector<std::pair<const Setting*, Value>> service_values;  // of the services alone
   std::vector<WrongValue> wrong_service_values;
   std::vector<std::string> errors;  // "file:line: key: what is wrong"
+  // This machine as a node of a cluster; empty when it is none. Its dump files go into folders of
+  // that name below those of the settings.
+  std::string node;
 };
+
+// True for the folders of dump files, of which each node of a cluster has its own.
+bool is_folder_of_node(const Setting& setting);
 
 // Reads the file and finds every error in it. If there are errors, the values must not be used.
 SettingsFile read_settings_file(const std::string& path);

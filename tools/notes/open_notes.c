@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "eventstore.h"
@@ -18,6 +19,8 @@
 #define BOOT_ID_SIZE 37
 #define NAME_FORMAT "%.36s.%d.%llu.%llu"
 #define USER_SIZE 256
+/* A node's folder and a name in it, however long that is. */
+#define LONGEST_NAME (OPEN_NOTES_NODE_SIZE + 1 + NAME_MAX)
 
 /* Identifies a process: a later one with the same number differs in its boot or its start. */
 struct owner {
@@ -88,13 +91,42 @@ static bool parse_name(const char* name, struct owner* owner) {
   return name[end] == '\0' && strlen(owner->boot) == 36;
 }
 
+/* The name by which both folders of dump files end, or NULL. */
+static const char* common_end(void) {
+  if (global_params == NULL) return NULL;
+  const char* staging = global_params[PARAM_STAGING_DIR].value.strval;
+  const char* auditing = global_params[PARAM_AUDITING_DIR].value.strval;
+  const char* end = strrchr(staging, '/');
+  const char* other = strrchr(auditing, '/');
+  if (end == NULL || other == NULL || strcmp(end, other) != 0) return NULL;
+  return strcmp(staging, auditing) == 0 ? NULL : end + 1;
+}
+
+/* Returns the name of this node, or NULL on a machine that is none. It asks the kernel only where
+ * the settings look like a node's. */
+static const char* this_node(void) {
+  static struct utsname names;
+  const char* node = common_end();
+  if (node == NULL || node[0] == '\0' || uname(&names) != 0) return NULL;
+  names.nodename[strcspn(names.nodename, ".")] = '\0';
+  return strcmp(node, names.nodename) == 0 && strlen(node) <= OPEN_NOTES_NODE_SIZE ? node : NULL;
+}
+
+/* Writes the way from the folder of notes to that of a node; "" for a machine that is none. */
+static void way_to(const char* node, char* way, size_t size) {
+  way[0] = '\0';
+  if (node != NULL) snprintf(way, size, "%.*s/", OPEN_NOTES_NODE_SIZE, node);
+}
+
 /* Gives the note a name that no other note has or had. */
 static bool next_name(struct open_note* note) {
   static unsigned long long number;
   const struct owner* here = self();
+  char way[OPEN_NOTES_NODE_SIZE + 2];
   if (here == NULL) return false;
-  snprintf(note->name, sizeof note->name, NAME_FORMAT, here->boot, (int)here->pid, here->start,
-           ++number);
+  way_to(this_node(), way, sizeof way);
+  snprintf(note->name, sizeof note->name, "%s" NAME_FORMAT, way, here->boot, (int)here->pid,
+           here->start, ++number);
   return true;
 }
 
@@ -102,7 +134,14 @@ static void path_of(const char* name, char* path, size_t size) {
   snprintf(path, size, OPEN_NOTES_FOLDER "/%s", name);
 }
 
-static bool make_folder(void) { return mkdir(OPEN_NOTES_FOLDER, 0700) == 0 || errno == EEXIST; }
+static bool make_folders(void) {
+  char folder[sizeof OPEN_NOTES_FOLDER + OPEN_NOTES_NODE_SIZE + 2];
+  const char* node = this_node();
+  if (mkdir(OPEN_NOTES_FOLDER, 0700) != 0 && errno != EEXIST) return false;
+  if (node == NULL) return true;
+  path_of(node, folder, sizeof folder);
+  return mkdir(folder, 0700) == 0 || errno == EEXIST;
+}
 
 /* Writes the text of a note. A path that is too long is left out; settling such a note asks for a
  * rescan. */
@@ -121,7 +160,7 @@ int write_open_note(struct open_note* note, const struct changing_file* file) {
   if (!write_text(file, text, sizeof text) || !next_name(note)) return -1;
   path_of(note->name, path, sizeof path);
   if (symlink(text, path) == 0) return 0;
-  if (errno == ENOENT && make_folder() && symlink(text, path) == 0) return 0;
+  if (errno == ENOENT && make_folders() && symlink(text, path) == 0) return 0;
   note->name[0] = '\0';
   return -1;
 }
@@ -182,27 +221,68 @@ static void settle(const char* path) {
 /* Renames the note to one of this process, so that nobody else settles it too. It is removed only
  * after its event was written: when this process dies before, another one settles it. */
 static bool take_over(const char* name, struct open_note* mine) {
-  char from[sizeof OPEN_NOTES_FOLDER + NAME_MAX + 1];
+  char from[sizeof OPEN_NOTES_FOLDER + LONGEST_NAME + 1];
   char to[sizeof OPEN_NOTES_FOLDER + sizeof mine->name];
   if (!next_name(mine)) return false;
   path_of(name, from, sizeof from);
   path_of(mine->name, to, sizeof to);
-  if (rename(from, to) != 0) return false;
+  if (rename(from, to) != 0 && (errno != ENOENT || !make_folders() || rename(from, to) != 0)) {
+    return false;
+  }
   settle(to);
   remove_open_note(mine);
   return true;
 }
 
-int settle_open_notes(void) {
-  DIR* folder = opendir(OPEN_NOTES_FOLDER);
+/* The owners whose notes are settled. */
+enum owners {
+  ENDED,        /* processes of this machine that have ended, and those of its earlier runs */
+  ENDED_LATELY, /* processes of this run that have ended */
+  ALL,
+};
+
+static bool is_due(const struct owner* owner, enum owners owners) {
+  if (owners == ALL) return true;
+  if (is_alive(owner)) return false;
+  const struct owner* here = self();
+  return owners == ENDED || (here != NULL && strcmp(owner->boot, here->boot) == 0);
+}
+
+/* `way` leads from the folder of notes to the one that is looked through. */
+static int settle_folder(const char* way, enum owners owners) {
+  char path[sizeof OPEN_NOTES_FOLDER + OPEN_NOTES_NODE_SIZE + 2];
+  path_of(way, path, sizeof path);
+  DIR* folder = opendir(path);
   if (folder == NULL) return errno == ENOENT ? 0 : -1;
   int settled = 0;
   for (const struct dirent* entry = readdir(folder); entry != NULL; entry = readdir(folder)) {
+    char name[LONGEST_NAME + 1];
     struct owner owner;
     struct open_note mine = {{0}};
-    if (!parse_name(entry->d_name, &owner) || is_alive(&owner)) continue;
-    if (take_over(entry->d_name, &mine)) ++settled;
+    if (!parse_name(entry->d_name, &owner) || !is_due(&owner, owners)) continue;
+    snprintf(name, sizeof name, "%s%s", way, entry->d_name);
+    if (take_over(name, &mine)) ++settled;
   }
   closedir(folder);
   return settled;
+}
+
+int settle_open_notes(void) {
+  char way[OPEN_NOTES_NODE_SIZE + 2];
+  const char* node = this_node();
+  if (node == NULL) return settle_folder("", ENDED);
+  way_to(node, way, sizeof way);
+  const int own = settle_folder(way, ENDED);
+  /* A connection that is older than the cluster writes its notes where every machine did. Those of
+   * other runs may be another node's. */
+  const int shared = settle_folder("", ENDED_LATELY);
+  return own < 0 || shared < 0 ? -1 : own + shared;
+}
+
+int settle_open_notes_of(const char* node) {
+  char way[OPEN_NOTES_NODE_SIZE + 2];
+  errno = EINVAL;
+  if (this_node() == NULL || strlen(node) > OPEN_NOTES_NODE_SIZE) return -1;
+  way_to(node, way, sizeof way);
+  return settle_folder(way, ALL);
 }

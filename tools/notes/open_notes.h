@@ -12,6 +12,10 @@
  *   NAME   boot id "." process id "." start time of the process "." running number
  *   TEXT   inode " " uid " " length of the user's name " " the user's name, the full path
  *
+ * A machine knows only of its own processes whether they live. So the nodes of a cluster, which
+ * share the tree, keep their notes apart, each in a folder below that has its name. The settings
+ * say that this machine is a node: the folders of dump files both end with its host name then.
+ *
  * All functions need root. They are plain C, because the module uses them as well as the sweeper.
  */
 #ifndef TAVRIX_OPEN_NOTES_H
@@ -29,9 +33,13 @@ extern "C" {
 
 #define OPEN_NOTES_FOLDER TAVRIX_CONF_FOLDER "/changing"
 
-/* The note of one open file. All zero means that the file has no note. */
+/* The longest name of a node. */
+#define OPEN_NOTES_NODE_SIZE 64
+
+/* The note of one open file, by its name below the folder of notes. All zero means that the file
+ * has no note. */
 struct open_note {
-  char name[96];
+  char name[OPEN_NOTES_NODE_SIZE + 1 + 96];
 };
 
 /* A file that is about to change. */
@@ -54,6 +62,10 @@ void remove_open_note(struct open_note* note);
  * notes settled, or -1 with errno when the folder cannot be read. A missing folder holds no notes.
  */
 int settle_open_notes(void);
+
+/* Settles all notes of another node of the cluster, which is gone with all its processes. Returns
+ * as above, and -1 with EINVAL on a machine that is no node. */
+int settle_open_notes_of(const char* node);
 
 #ifdef __cplusplus
 }

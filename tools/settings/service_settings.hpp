@@ -77,7 +77,9 @@ inline constexpr Setting kServiceSettings[] = {
     settings_table::yes_or_no(
         service_settings::kNotInBlock, "CLUSTER:enabled", "no", service_settings::kCluster,
         "With yes, this machine is one of several nodes that serve one tree.",
-        "The nodes meet in /tavrix/.conf/cluster, and a node is known by its host name."),
+        "The nodes meet in /tavrix/.conf/cluster, and a node is known by its host name. Its dump "
+        "files go "
+        "into folders of that name below the staging dir and the auditing dir."),
     settings_table::number(
         service_settings::kNotInBlock, "CLUSTER:commit seconds", {1, 3600, "seconds"}, "30",
         service_settings::kCluster,
