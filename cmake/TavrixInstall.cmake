@@ -25,10 +25,10 @@ install(FILES ${CMAKE_BINARY_DIR}/tavrix-config.cmake ${CMAKE_BINARY_DIR}/tavrix
   DESTINATION ${TAVRIX_PACKAGE_DIR} COMPONENT dev)
 install(EXPORT tavrix-targets NAMESPACE tavrix:: DESTINATION ${TAVRIX_PACKAGE_DIR} COMPONENT dev)
 
-# Every page but the module's and the historian's belongs to the tools.
+# Every page but the module's, the historian's and the cluster's belongs to the tools.
 foreach(section 1 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/*.${section})
-  list(FILTER pages EXCLUDE REGEX "/(vfs_tavrix|tavrix-historian)\\.8$")
+  list(FILTER pages EXCLUDE REGEX "/(vfs_tavrix|tavrix-historian|tavrix-clusterd)\\.8$")
   install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools)
 endforeach()
 install(FILES tools/shells/tavrixctl.bash
@@ -66,6 +66,19 @@ install(FILES packaging/tavrix-historian.service DESTINATION ${TAVRIX_UNIT_DIR} 
 install(FILES docs/history.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-historian
   COMPONENT historian)
 
+install(PROGRAMS cluster/events/45.tavrix.script cluster/events/60.tavrix.script
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/ctdb/events/legacy COMPONENT cluster)
+install(FILES cluster/ctdb.service.d/tavrix.conf DESTINATION ${TAVRIX_UNIT_DIR}/ctdb.service.d
+  COMPONENT cluster)
+install(FILES docs/cluster.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-cluster
+  COMPONENT cluster)
+# The daemon that keeps the nodes at one map.
+if(TARGET tavrix-clusterd)
+  install(TARGETS tavrix-clusterd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT cluster)
+  install(FILES packaging/tavrix-clusterd.service DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT cluster)
+  install(FILES docs/man/tavrix-clusterd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT cluster)
+endif()
+
 # scripts/build-samba-module.sh builds the module; without it the package has the manual page alone.
 install(FILES docs/man/vfs_tavrix.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT samba)
 install(FILES ${CMAKE_BINARY_DIR}/samba/tavrix.so DESTINATION lib/x86_64-linux-gnu/samba/vfs
@@ -73,7 +86,7 @@ install(FILES ${CMAKE_BINARY_DIR}/samba/tavrix.so DESTINATION lib/x86_64-linux-g
 
 # Each package has the licences in the place that Debian wants.
 foreach(package library:libtavrix${PROJECT_VERSION_MAJOR} dev:libtavrix-dev tools:tavrix-tools
-    historian:tavrix-historian samba:samba-vfs-tavrix)
+    historian:tavrix-historian samba:samba-vfs-tavrix cluster:tavrix-cluster)
   string(REPLACE : ";" package ${package})
   list(POP_FRONT package component)
   install(FILES debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: LGPL-3.0-or-later
 # Installs what is missing, checks the sources, builds twice (optimised; with sanitizers) and runs
 # every test in both, runs clang-tidy on the library, and one fuzz target for a moment.
-# usage: scripts/test.sh [release|asan|tidy|fuzz|page]...   (default: all but page, which fetches modules)
+# usage: scripts/test.sh [release|asan|tidy|fuzz|page|cluster]...   (default: all but page, which fetches
+#        modules, and cluster, which takes six minutes)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh
@@ -47,7 +48,13 @@ for part in "${parts[@]}"; do
       scripts/build-page.sh
       scripts/test-page.sh
       ;;
-    *) echo "no part $part; there are: release asan tidy fuzz page" >&2; exit 2 ;;
+    cluster)
+      echo "== cluster"
+      configure release
+      cmake --build --preset release | tail -n 3
+      scripts/test-cluster.sh
+      ;;
+    *) echo "no part $part; there are: release asan tidy fuzz page cluster" >&2; exit 2 ;;
   esac
 done
 

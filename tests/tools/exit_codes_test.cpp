@@ -259,6 +259,15 @@ TEST_F(ExitCodes, OfTheJudgesAreTheirLevel) {
   }
 }
 
+TEST_F(ExitCodes, OfClusterCommands) {
+  expect(0, {"cluster", "lost", "node2"});
+  make_dirs("/tavrix/.conf/cluster/nodes");
+  write_file("/tavrix/.conf/cluster/nodes/node2.json", "{}");
+  expect(1, {"cluster", "lost", "node2"});
+  expect(2, {"cluster", "lost", "-"});
+  expect(2, {"cluster", "lost"});
+}
+
 TEST_F(ExitCodes, OfTheServices) {
   const auto code = [](const Words& words) {
     Words line = words;

@@ -71,6 +71,8 @@ std::vector<Example> examples() {
       {{"status"}, {}, {}},
       {{"status"}, {"--settings", "/scratch/broken.json"}, {}},
       {{"doctor"}, {}, {}},
+      {{"cluster", "lost"}, {"node2"}, {}},
+      {{"cluster", "lost"}, {"-"}, "error"},
       {{"map", "verify"}, {}, {}},
       {{"map", "verify"}, {"/scratch/broken.json"}, {}},
       {{"check"}, {"--uid", "1001", "--groups", "5,6", "stat", "Shared/Team"}, {}},

@@ -24,5 +24,8 @@ inline constexpr const char* kCommitted = TAVRIX_CONF_FOLDER "/cluster/committed
 inline constexpr const char* kPreparedFolder = "/etc/tavrix/cluster";
 // Says until when this node may serve clients. It is gone after a boot.
 inline constexpr const char* kLease = "/run/tavrix/cluster.lease";
+// This node's address in CTDB. CTDB's event script writes it before smbd starts, because the
+// sandbox of a service has no network in which the address could be found.
+inline constexpr const char* kAddress = "/run/tavrix/cluster.address";
 
 }  // namespace tavrix::cluster

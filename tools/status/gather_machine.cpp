@@ -26,7 +26,7 @@
 #include "tools/status/gather.hpp"
 #include "tools/status/samba.hpp"
 #include "tools/sweeper/connections.hpp"
-#include "tools/sweeper/paths.hpp"
+#include "tools/sweeper/running_mark.hpp"
 
 namespace tavrix::status {
 namespace {
@@ -172,7 +172,7 @@ Groups look_at_groups(std::vector<Unread>& unread) {
 std::vector<Service> look_at_services() {
   std::vector<Service> services{service("sweeper"), service("loader")};
   // The sweeper touches its mark in each period.
-  services[0].last_work = time_of(sweeper::kRunningMark);
+  services[0].last_work = time_of(sweeper::running_mark_path(""));
   take_import(last_line(kOperatorsLog), services[1]);
   if (Service historian = service("historian"); has_historian() || !historian.processes.empty()) {
     historian.last_work = time_of(historian::kMark);

@@ -64,13 +64,17 @@ void record_changed_files() {
 // Owns the buffer and does the work of each period.
 class Sweeper {
  public:
-  explicit Sweeper(const std::string& file) : settings_(file) {}
+  explicit Sweeper(const std::string& file) : settings_(file), file_(file) {}
 
   bool start() {
     if (!settings_.take()) return false;
+    std::string problem;
+    if (!choose_running_mark(file_, problem)) {
+      say(Tone::kError, problem);
+      return false;
+    }
     look_for_lost_buffer();
     set_running_mark();
-    std::string problem;
     if (!own_staging_buffer(settings_.buffer_bytes(), problem)) {
       say(Tone::kError, problem);
       return false;
@@ -156,6 +160,7 @@ class Sweeper {
   }
 
   Settings settings_;
+  std::string file_;
   Trouble room_;
   Trouble buffer_;
 };

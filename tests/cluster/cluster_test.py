@@ -1,0 +1,299 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: LGPL-3.0-or-later
+"""Three nodes with real CTDB and Samba: faults while clients write. Runs in the hub (scripts/test-cluster.sh).
+
+usage: cluster_test.py [CASE]...
+"""
+
+import random
+import subprocess
+import sys
+import time
+import traceback
+
+import cluster
+from cluster import ADDRESSES, NODES, comes, on, sh
+from impacket.smb3structs import FILE_OPEN, FILE_READ_DATA, FILE_SHARE_READ, FILE_SHARE_WRITE, FILE_WRITE_DATA
+from impacket.smbconnection import SessionError
+from writers import Crowd, connect, put
+
+CASES = {}
+
+
+def case(function):
+    CASES[function.__name__] = function
+    return function
+
+
+def expect_nothing_lost(crowd):
+    """Every acknowledged write has its event, and nobody asks for a rescan."""
+    lost = cluster.missing(crowd.acknowledged())
+    assert not lost, f"{len(lost)} of {len(crowd.acknowledged())} acknowledged writes have no event: {lost[:5]}"
+    assert not cluster.marker(), cluster.marker()
+
+
+def expect_told(crowd, node):
+    """Writes without an event may be there; then the agent is told, by the name of the node."""
+    assert comes(lambda: f"node node{node} " in cluster.marker()), f"nobody tells of node{node}: {cluster.marker()}"
+    lost = cluster.missing(crowd.acknowledged())
+    print(f"    {len(lost)} of {len(crowd.acknowledged())} acknowledged writes have no event; the marker tells")
+
+
+# --- no acknowledged change without an event or an alarm -----------------------------------------
+
+
+@case
+def a_clean_shutdown_loses_nothing():
+    with Crowd("shutdown", ADDRESSES) as crowd:
+        sh("stop_ctdb", 2)
+        crowd.await_progress()
+    sh("start_ctdb", 2)
+    cluster.await_healthy()
+    expect_nothing_lost(crowd)
+
+
+@case
+def a_killed_ctdbd_loses_nothing():
+    with Crowd("ctdbd", ADDRESSES) as crowd:
+        sh("kill_ctdbd", 3)
+        crowd.await_progress()
+    sh("start_ctdb", 3)
+    cluster.await_healthy()
+    expect_nothing_lost(crowd)
+
+
+@case
+def a_killed_sweeper_loses_nothing():
+    with Crowd("sweeper", ADDRESSES) as crowd:
+        on(2, "pkill", "-KILL", "-x", "tavrix-sweeper")
+        crowd.await_progress()
+        sh("restart_sweeper", 2)
+        crowd.await_progress()
+    cluster.await_healthy()
+    expect_nothing_lost(crowd)
+
+
+@case
+def a_power_cut_is_told():
+    with Crowd("power", ADDRESSES) as crowd:
+        node = cluster.holder(ADDRESSES[0])
+        sh("power_off", node)
+        begin = time.monotonic()
+        assert comes(lambda: f"node node{node} " in cluster.marker()), "no survivor tells"
+        print(f"    told {time.monotonic() - begin:.1f} s after the cut")
+        crowd.await_progress()
+    print(f"    the longest gap of a client: {crowd.longest_gap():.1f} s")
+    expect_told(crowd, node)
+    cluster.MARKER.unlink()
+    sh("start_node", node)
+    cluster.await_healthy()
+    assert not cluster.marker(), f"it is told twice: {cluster.marker()}"
+
+
+@case
+def power_cuts_of_all_nodes_are_told_when_they_come_back():
+    with Crowd("all", ADDRESSES) as crowd:
+        crowd.await_progress()
+        for node in NODES:
+            sh("power_off", node)
+    assert not cluster.marker()
+    for node in NODES:
+        sh("start_node", node)
+    cluster.await_healthy()
+    assert "stopped while events were in its memory" in cluster.marker(), cluster.marker()
+    # Nothing waits to be told any more: each mark is of a node that runs.
+    assert sorted(each.name for each in cluster.CONF.glob("cluster/running/*")) == ["node1", "node2", "node3"]
+    assert not list(cluster.CONF.glob("cluster/running/.lost.*"))
+
+
+@case
+def dump_files_of_nodes_do_not_collide():
+    # A program with the same process number and the same time on each node.
+    preload = cluster.FOLDER / "same.so"
+    build_preload(preload)
+    names = []
+    for node in NODES:
+        on(node, "pkill", "-STOP", "-x", "tavrix-sweeper")
+    for address in ADDRESSES:
+        names.append(f"from_{cluster.holder(address)}.txt")
+        client, tree = connect(address)
+        put(client, tree, "Shared\\Design\\" + names[-1])
+    for node in NODES:
+        on(node, "env", f"LD_PRELOAD={preload}", "tavrixctl", "events", "buffer", "flush")
+    same = [file for file in cluster.dumps() if file.name == "pending_4711_1800000000.000005"]
+    for node in NODES:
+        on(node, "pkill", "-CONT", "-x", "tavrix-sweeper")
+    assert len(set(names)) == len(NODES), names
+    assert len(same) == len(NODES), f"{len(same)} dump files of {len(NODES)} nodes: {same}"
+    assert not cluster.missing(names)
+
+
+def build_preload(target):
+    source = target.with_suffix(".c")
+    source.write_text("""
+#include <sys/time.h>
+#include <unistd.h>
+int gettimeofday(struct timeval* restrict t, void* restrict zone) {
+  (void)zone;
+  t->tv_sec = 1800000000;
+  t->tv_usec = 5;
+  return 0;
+}
+pid_t getpid(void) { return 4711; }
+""")
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", target, source], check=True)
+
+
+# --- addresses -----------------------------------------------------------------------------------
+
+
+def is_one_holder_each():
+    return all(len(cluster.holders(address)) == 1 for address in ADDRESSES)
+
+
+@case
+def each_address_is_on_one_node():
+    faults = {
+        "ctdb shutdown": (lambda: sh("stop_ctdb", 1), lambda: sh("start_ctdb", 1)),
+        "ctdbd killed": (lambda: sh("kill_ctdbd", 2), lambda: sh("start_ctdb", 2)),
+        "power cut": (lambda: sh("power_off", 3), lambda: sh("start_node", 3)),
+    }
+    for name, (fault, repair) in faults.items():
+        fault()
+        begin = time.monotonic()
+        assert comes(is_one_holder_each), f"{name}: {[cluster.holders(each) for each in ADDRESSES]}"
+        for address in ADDRESSES:
+            assert comes(lambda a=address: can_write(a)), f"{name}: no client writes at {address}"
+        print(f"    {name}: clients write at all addresses after {time.monotonic() - begin:.1f} s")
+        repair()
+        cluster.await_healthy()
+        assert comes(is_one_holder_each)
+
+
+def can_write(address):
+    try:
+        client, tree = connect(address)
+        put(client, tree, "Shared\\Design\\probe.txt")
+        client.close()
+    except Exception:
+        return False
+    return True
+
+
+@case
+def one_fault_never_takes_all_addresses():
+    # A fault that all nodes see makes none of them unhealthy.
+    for alarm in (cluster.SYNC_OFF, cluster.MARKER):
+        alarm.write_text("an alarm\0")
+        expect_healthy_for_a_round(3)
+        alarm.unlink()
+    # A fault of one node makes that node unhealthy, and its addresses move.
+    on(2, "pkill", "-KILL", "-x", "tavrix-sweeper")
+    assert comes(lambda: cluster.healthy() == 2), cluster.healthy()
+    assert comes(lambda: is_one_holder_each() and all(cluster.holders(a) != [2] for a in ADDRESSES))
+    sh("restart_sweeper", 2)
+    cluster.await_healthy()
+
+
+def expect_healthy_for_a_round(count):
+    """Each node has run its monitor with the present state, and all are healthy."""
+    for node in NODES:
+        on(node, "ctdb", "event", "run", "30", "legacy", "monitor")
+    assert cluster.healthy() == count
+
+
+# --- clients of different nodes ------------------------------------------------------------------
+
+
+@case
+def share_modes_hold_across_nodes():
+    nodes_of = {address: cluster.holder(address) for address in ADDRESSES}
+    assert len(set(nodes_of.values())) == 3, nodes_of
+    first, first_tree = connect(ADDRESSES[0])
+    second, second_tree = connect(ADDRESSES[1], "admin")
+    put(first, first_tree, "Shared\\Design\\modes.txt")
+    handle = first.openFile(first_tree, "Shared\\Design\\modes.txt", desiredAccess=FILE_WRITE_DATA,
+                            shareMode=0, creationDisposition=FILE_OPEN)
+    try:
+        second.openFile(second_tree, "Shared\\Design\\modes.txt", desiredAccess=FILE_READ_DATA,
+                        shareMode=FILE_SHARE_READ | FILE_SHARE_WRITE, creationDisposition=FILE_OPEN)
+        raise AssertionError("another node opened a file that nobody may share")
+    except SessionError as refusal:
+        assert "SHARING_VIOLATION" in str(refusal), refusal
+    first.closeFile(first_tree, handle)
+    second.openFile(second_tree, "Shared\\Design\\modes.txt", desiredAccess=FILE_READ_DATA,
+                    shareMode=FILE_SHARE_READ | FILE_SHARE_WRITE, creationDisposition=FILE_OPEN)
+
+
+# --- many things at once -------------------------------------------------------------------------
+
+
+@case
+def a_rolling_restart_loses_nothing():
+    with Crowd("rolling", ADDRESSES) as crowd:
+        for node in NODES:
+            sh("stop_ctdb", node)
+            sh("await_end_of_services", node)
+            sh("power_off", node)
+            sh("start_node", node)
+            cluster.await_healthy()
+            crowd.await_progress()
+    print(f"    {len(crowd.acknowledged())} writes, the longest gap {crowd.longest_gap():.1f} s")
+    expect_nothing_lost(crowd)
+
+
+@case
+def a_storm_loses_nothing_untold():
+    seed = random.SystemRandom().randrange(1 << 30)
+    print(f"    seed {seed}")
+    dice = random.Random(seed)
+    lost_nodes = set()
+    with Crowd("storm", ADDRESSES, 6) as crowd:
+        for _ in range(5):
+            node = dice.choice(NODES)
+            fault = dice.choice(["stop_ctdb", "kill_ctdbd", "power_off", "sweeper"])
+            print(f"    {fault} on node{node}")
+            if fault == "sweeper":
+                on(node, "pkill", "-KILL", "-x", "tavrix-sweeper")
+                sh("restart_sweeper", node)
+            else:
+                sh(fault, node)
+                if fault == "power_off":
+                    lost_nodes.add(node)
+                crowd.await_progress(1)
+                sh("start_node" if fault == "power_off" else "start_ctdb", node)
+            cluster.await_healthy()
+    lost = cluster.missing(crowd.acknowledged())
+    print(f"    {len(lost)} of {len(crowd.acknowledged())} acknowledged writes have no event")
+    if lost_nodes:
+        assert cluster.marker(), "no marker after a power cut"
+    else:
+        expect_nothing_lost(crowd)
+
+
+def run(name):
+    print(f"[ RUN      ] {name}", flush=True)
+    begin = time.monotonic()
+    try:
+        cluster.make_quiet()
+        CASES[name]()
+        verdict = "      OK"
+    except Exception:
+        traceback.print_exc(file=sys.stdout)
+        print(sh("show_state", check=False))
+        verdict = " FAILED "
+    print(f"[ {verdict} ] {name} ({time.monotonic() - begin:.0f} s)", flush=True)
+    return verdict != " FAILED "
+
+
+def main():
+    names = sys.argv[1:] or list(CASES)
+    unknown = [name for name in names if name not in CASES]
+    if unknown:
+        sys.exit(f"no case {', '.join(unknown)}; there are: {', '.join(CASES)}")
+    failed = [name for name in names if not run(name)]
+    print(f"{len(names) - len(failed)} of {len(names)} cases passed" + "".join(f"\n  {name}" for name in failed))
+    sys.exit(1 if failed else 0)
+
+
+main()
