@@ -134,6 +134,7 @@ static int fill_connection(struct vfs_handle_struct* handle, struct tavrix_conne
     tavrix->client = tsocket_address_inet_addr_string(handle->conn->sconn->remote_address, tavrix);
   }
   find_owner(tavrix);
+  if (tavrix_raise_fence(handle, tavrix) != 0) return -1;
   if (find_root(tavrix) != 0 || check_share_path(handle, tavrix) != 0) return -1;
   return tavrix_identify_client(handle, tavrix);
 }

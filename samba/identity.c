@@ -133,6 +133,7 @@ struct tavrix_entry tavrix_enter(struct vfs_handle_struct* handle) {
     entry.outer_record = entry.tavrix->record;
     entry.tavrix->perm_ctx = NULL;
     tavrix_notice_login(handle, entry.tavrix);
+    if (tavrix_is_fenced_off(entry.tavrix)) entry.tavrix->is_lost = true;
     set_reserved_user_uid(entry.tavrix->reserved_uid);
     entry.tavrix->record = record_of(handle);
   }

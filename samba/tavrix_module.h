@@ -44,7 +44,9 @@ struct tavrix_connection {
   uid_t owner_uid; /* owns what clients make; -1: the client does */
   gid_t owner_gid;
   struct GUID login;  /* the login that the identity is of; a session may log in again */
-  bool is_lost;       /* a later login has no usable identity: everything is refused */
+  bool is_lost;       /* everything is refused: a later login has no usable identity, or the
+                         node's lease is over */
+  bool is_fenced;     /* see fence.c */
   uid_t reserved_uid; /* the agent, whose changes are not recorded; -1: none */
   /* The grant of the create request that is under way, so that the functions it calls do not ask
    * the same question again. The path is null outside of a request. */
@@ -103,6 +105,11 @@ NTSTATUS tavrix_register(const struct vfs_fn_pointers* functions);
 
 /* Takes a new snapshot of the settings and reads the pattern file that they name. */
 int tavrix_load_settings(void);
+/* Asks whether this node may serve clients, if the share is behind the fence. */
+int tavrix_raise_fence(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
+/* True when the node's lease is over: nothing may be decided any more, and the process ends before
+ * its next request. Costs no system call while the lease holds. */
+bool tavrix_is_fenced_off(const struct tavrix_connection* tavrix);
 /* Writes the client's identity into the connection's record. */
 int tavrix_identify_client(struct vfs_handle_struct* handle, struct tavrix_connection* tavrix);
 /* Does that again when the session has logged in again; each function of the table calls it. */

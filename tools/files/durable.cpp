@@ -65,7 +65,11 @@ std::optional<std::string> read_whole(const std::string& path) {
 }
 
 bool replace(const std::string& path, std::string_view content, mode_t mode) {
-  const std::string fresh = path + ".new";
+  return replace_by(path + ".new", path, content, mode);
+}
+
+bool replace_by(const std::string& fresh, const std::string& path, std::string_view content,
+                mode_t mode) {
   Fd fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
   const bool written = fd && write_all(fd.get(), content) && fsync(fd.get()) == 0;
   fd.reset();

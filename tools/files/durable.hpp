@@ -21,6 +21,10 @@ namespace tavrix::files {
 
 // Replaces the file by a rename. After a power cut it has its old or its new content, whole.
 [[nodiscard]] bool replace(const std::string& path, std::string_view content, mode_t mode);
+// The same by a temporary name of the caller's, on the same file system: for files that several
+// machines replace.
+[[nodiscard]] bool replace_by(const std::string& temporary, const std::string& path,
+                              std::string_view content, mode_t mode);
 [[nodiscard]] bool sync_file(const std::string& path);
 // Makes new, changed and removed names in a folder durable.
 [[nodiscard]] bool sync_folder(const std::string& folder);

@@ -22,7 +22,9 @@ namespace fs = std::filesystem;
 
 constexpr const char* kSizeName = "size.json";
 constexpr const char* kDataName = "data.json";
+constexpr const char* kGroupsName = "groupmap";
 constexpr const char* kStartsName = "starts";
+constexpr const char* kStagedName = "staged";
 
 bool is_file(const std::string& path) {
   struct stat info {};
@@ -75,15 +77,17 @@ Inbox::Identity Inbox::identity_of(const std::string& path) {
   return {info.st_dev, info.st_ino, info.st_size, info.st_mtim};
 }
 
-Inbox::Inbox(std::string folder, unsigned keep_refused)
+Inbox::Inbox(std::string folder, unsigned keep_refused, bool takes_groups)
     : folder_(std::move(folder)),
       work_(folder_ + "/.work"),
       refused_(refused_folder(folder_)),
       held_(folder_ + "/held"),
-      keep_refused_(keep_refused) {}
+      keep_refused_(keep_refused),
+      takes_groups_(takes_groups) {}
 
 Pair Inbox::in(const std::string& folder) const {
-  return {folder + "/" + kSizeName, folder + "/" + kDataName};
+  return {folder + "/" + kSizeName, folder + "/" + kDataName,
+          takes_groups_ ? folder + "/" + kGroupsName : ""};
 }
 
 std::string Inbox::prepare() const {
@@ -128,9 +132,9 @@ std::optional<Pair> Inbox::take(std::string& complaint) {
   if (stuck_ && *stuck_ == identity_of(from.data)) return std::nullopt;
   mkdir(work_.c_str(), 0755);  // a refusal moves this folder away
   finish(to);
-  const bool taken = link_or_move(from.data, to.data) && link_or_move(from.size, to.size) &&
-                     files::sync_file(to.data) && files::sync_file(to.size) &&
-                     files::sync_folder(work_);
+  const bool taken = take_groups(from, to) && link_or_move(from.data, to.data) &&
+                     link_or_move(from.size, to.size) && files::sync_file(to.data) &&
+                     files::sync_file(to.size) && files::sync_folder(work_);
   if (!taken) {
     complaint = fmt::format("cannot take the pair out of {}: {}", folder_, std::strerror(errno));
     return std::nullopt;
@@ -143,11 +147,17 @@ std::optional<Pair> Inbox::take(std::string& complaint) {
   return to;
 }
 
+bool Inbox::take_groups(const Pair& from, const Pair& to) const {
+  if (!takes_groups_ || !is_file(from.groups)) return true;
+  return link_or_move(from.groups, to.groups) && files::sync_file(to.groups);
+}
+
 // Files that the agent has put there meanwhile are the next pair and stay.
 bool Inbox::leave(const Pair& taken) {
   const Pair from = in(folder_);
   const bool data_left = remove_if_same(from.data, taken.data);
   const bool size_left = remove_if_same(from.size, taken.size);
+  if (takes_groups_ && !remove_if_same(from.groups, taken.groups)) return false;
   return data_left && size_left && files::sync_folder(folder_);
 }
 
@@ -206,11 +216,19 @@ void Inbox::prune() const {
   }
 }
 
+bool Inbox::note_staged() const { return files::replace(work_ + "/" + kStagedName, "", 0644); }
+
+bool Inbox::was_staged() const { return files::exists(work_ + "/" + kStagedName); }
+
 void Inbox::finish(const Pair& pair) const {
   static_cast<void>(files::remove(pair.size));
   static_cast<void>(files::remove(pair.data));
   static_cast<void>(files::remove(findings_path(work_)));
   static_cast<void>(files::remove(reason_path(work_)));
+  if (takes_groups_) {
+    static_cast<void>(files::remove(pair.groups));
+    static_cast<void>(files::remove(work_ + "/" + kStagedName));
+  }
   forget_starts();
 }
 

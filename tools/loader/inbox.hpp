@@ -3,8 +3,11 @@
 //
 //   DIR/size.json, DIR/data.json   a pair: written elsewhere on the same file system or under other
 //                                  names, then renamed to these, in either order
-//   DIR/.work/                     the pair that is being loaded, until its map is current, and
-//                                  "starts", which counts the runs that began to load it
+//   DIR/groupmap                   on a node of a cluster, before the pair: the group list map that
+//                                  goes to all nodes with it
+//   DIR/.work/                     the pair that is being loaded, until its map is current or it is
+//                                  put up for all nodes; "starts", which counts the runs that began
+//                                  to load it; "staged": it is whole in the shared tree
 //   DIR/refused/<time>/            a pair that was not loaded, and why; see refused_pairs.hpp
 //   DIR/held/                      the pair of a map that waits until an operator approves it
 #pragma once
@@ -20,12 +23,14 @@ namespace tavrix::loader {
 
 struct Pair {
   std::string size, data;  // paths
+  std::string groups;      // the path of a group list map that may have come with the pair
 };
 
 class Inbox {
  public:
-  // Keeps the newest `keep_refused` refused pairs; 0 keeps all.
-  Inbox(std::string folder, unsigned keep_refused);
+  // Keeps the newest `keep_refused` refused pairs; 0 keeps all. `takes_groups`: a group list map
+  // may come with a pair.
+  Inbox(std::string folder, unsigned keep_refused, bool takes_groups = false);
 
   // Makes the folders that are missing. Returns an empty text, or why one cannot be made.
   std::string prepare() const;
@@ -51,6 +56,9 @@ class Inbox {
   // Puts the pair of a held map where it is not loaded again, in the place of an earlier one.
   void hold(const Pair& pair) const;
   [[nodiscard]] const std::string& held_folder() const { return held_; }
+  // Notes, on the disk, that the pair in work is staged for all nodes. False with errno.
+  [[nodiscard]] bool note_staged() const;
+  [[nodiscard]] bool was_staged() const;
   // Removes what is left of a pair that was loaded.
   void finish(const Pair& pair) const;
 
@@ -68,10 +76,12 @@ class Inbox {
   [[nodiscard]] Pair in(const std::string& folder) const;
   // Removes the names of a taken pair from the folder. Returns false when one stays.
   [[nodiscard]] bool leave(const Pair& taken);
+  [[nodiscard]] bool take_groups(const Pair& from, const Pair& to) const;
   void prune() const;
 
   std::string folder_, work_, refused_, held_;
   unsigned keep_refused_;
+  bool takes_groups_;
   // The data file of a pair whose names cannot be removed from the folder: such a pair is loaded
   // once, not again and again.
   std::optional<Identity> stuck_;

@@ -11,12 +11,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <optional>
 #include <thread>
 
 #include "eventstore.h"
 #include "tavrix_vfs_utils.h"
 #include "tools/cli/command_line.hpp"
 #include "tools/cli/help.hpp"
+#include "tools/loader/cluster_inbox.hpp"
 #include "tools/loader/group_map_watch.hpp"
 #include "tools/loader/inbox.hpp"
 #include "tools/loader/keeper.hpp"
@@ -56,11 +58,9 @@ bool settle(Keeper& keeper) {
   return recovery.good;
 }
 
-bool run_once(Inbox& inbox, Keeper& keeper) {
-  tell(GroupMapWatch().look());
-  bool is_settled = settle(keeper);
+// False when a pair was refused or held, or when no map is in force.
+bool load_all(Worker& worker, bool is_settled) {
   bool refused = false;
-  Worker worker(inbox, keeper);
   for (;;) {
     switch (worker.step(true, {})) {
       case Worker::Step::kNothing:
@@ -78,9 +78,24 @@ bool run_once(Inbox& inbox, Keeper& keeper) {
   }
 }
 
+bool run_once(Inbox& inbox, Keeper& keeper, const std::string& node, unsigned keep_refused) {
+  tell(GroupMapWatch().look());
+  const bool is_settled = settle(keeper);
+  Worker worker(inbox, keeper, hand_over_of(node));
+  if (node.empty()) return load_all(worker, is_settled);
+  // A new node has no map before the cluster gives it one.
+  ClusterInbox shared(keeper, node, keep_refused);
+  const bool is_good = load_all(worker, true);
+  return (shared.worker() == nullptr || load_all(*shared.worker(), true)) && is_good;
+}
+
 class Service {
  public:
-  Service(Inbox& inbox, Keeper& keeper) : inbox_(inbox), keeper_(keeper), worker_(inbox, keeper) {}
+  // `node` is empty where this machine is no node of a cluster.
+  Service(Inbox& inbox, Keeper& keeper, const std::string& node, unsigned keep_refused)
+      : inbox_(inbox), keeper_(keeper), worker_(inbox, keeper, hand_over_of(node)) {
+    if (!node.empty()) shared_.emplace(keeper, node, keep_refused);
+  }
 
   int run() {
     settle(keeper_);
@@ -94,7 +109,8 @@ class Service {
     while (!stops_) {
       // The watch is set before this first look, so no file is missed between the two.
       keep_in_place();
-      load_what_is_there();
+      load_what_is_there(worker_);
+      if (shared_ && shared_->worker() != nullptr) load_what_is_there(*shared_->worker());
       if (stops_) break;
       pollfd ready[] = {{stop_.get(), POLLIN, 0}, {changes.get(), POLLIN, 0}};
       poll(ready, 2, static_cast<int>(std::min(kWatchPeriod, worker_.pause()).count()));
@@ -116,10 +132,10 @@ class Service {
     set_status(recovery->status);
   }
 
-  void load_what_is_there() {
+  void load_what_is_there(Worker& worker) {
     const auto should_stop = [this] { return look_for_signals(); };
     while (!stops_) {
-      const Worker::Step step = worker_.step(false, should_stop);
+      const Worker::Step step = worker.step(false, should_stop);
       if (step == Worker::Step::kNothing || step == Worker::Step::kWaiting) return;
       look_for_signals();
     }
@@ -140,6 +156,7 @@ class Service {
   Inbox& inbox_;
   Keeper& keeper_;
   Worker worker_;
+  std::optional<ClusterInbox> shared_;
   Watch watch_;
   GroupMapWatch group_map_;
   PinnedWatch pinned_;
@@ -170,7 +187,9 @@ int main(int argc, char** argv) {
   app.footer(
       "A pair is DIR/size.json and DIR/data.json, each renamed into place when it is complete.\n"
       "A refused pair is kept in DIR/refused, with the reason in reason.txt beside it. A map past\n"
-      "the limits of the settings is held: \"tavrixctl map approve\" makes it current.");
+      "the limits of the settings is held: \"tavrixctl map approve\" makes it current. On a node "
+      "of\n"
+      "a cluster a pair is put up for all nodes, and tavrix-clusterd makes its map current.");
   tavrix::cli::add_examples(
       app, {{"tavrix-loader", "as the service does: load each pair that comes, and do not end"},
             {"tavrix-loader --once", "load what is there, and exit"},
@@ -181,7 +200,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   openlog("tavrix-loader", LOG_PID, LOG_DAEMON);
-  Inbox inbox(folder, keep_refused);
+  std::string node;
+  if (const std::string obstacle = find_node(settings_file, node); !obstacle.empty()) {
+    tell(Tone::kError, obstacle);
+    return 2;
+  }
+  Inbox inbox(folder, keep_refused, !node.empty());
   if (const std::string obstacle = inbox.prepare(); !obstacle.empty()) {
     tell(Tone::kError, obstacle);
     return 2;
@@ -192,6 +216,6 @@ int main(int argc, char** argv) {
   }
   look_at_patterns();
   Keeper keeper(settings_file);
-  if (!once) return Service(inbox, keeper).run();
-  return run_once(inbox, keeper) ? 0 : 1;
+  if (!once) return Service(inbox, keeper, node, keep_refused).run();
+  return run_once(inbox, keeper, node, keep_refused) ? 0 : 1;
 }

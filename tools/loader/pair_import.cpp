@@ -2,11 +2,19 @@
 #include "tools/loader/pair_import.hpp"
 
 #include <fmt/format.h>
+#include <cerrno>
+#include <cstring>
+#include <optional>
 
+#include "tools/cluster/paths.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/files/durable.hpp"
+#include "tools/groupmap/group_map.hpp"
 #include "tools/mapcheck/lint.hpp"
+#include "tools/mapcheck/verify.hpp"
 #include "tools/mapkeep/guard.hpp"
 #include "tools/mapkeep/keep.hpp"
+#include "tools/mapload/private_import.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::loader {
@@ -35,21 +43,72 @@ std::string json_of(const mapcheck::Findings& findings) {
   return json::text_of(json) + "\n";
 }
 
+Outcome refused(const std::string& why) { return {mapload::Result::kRefused, why, {}, {}}; }
+
+Outcome refused(const mapcheck::Findings& findings) {
+  return {mapload::Result::kRefused,
+          text::counted(findings.errors(), "error") + text_of(findings),
+          {},
+          json_of(findings)};
+}
+
+// The reason why the pair goes no further; nothing when it is sound. The import trusts what it
+// reads, so it is not run then; the operator's log gets the line of a failed import all the same.
+std::optional<Outcome> find_errors(const Pair& pair) {
+  std::string error;
+  const auto checked = mapcheck::lint_files(pair.size, pair.data, error);
+  if (!checked) return Outcome{mapload::Result::kTryAgain, error, {}, {}};
+  if (checked->findings.errors() == 0) return std::nullopt;
+  mapload::log_refused();
+  return refused(checked->findings);
+}
+
+bool has_groups(const Pair& pair) { return !pair.groups.empty() && files::exists(pair.groups); }
+
+std::optional<Outcome> find_errors_in_groups(const Pair& pair) {
+  if (!has_groups(pair)) return std::nullopt;
+  const auto bytes = files::read_whole(pair.groups);
+  if (!bytes) {
+    return Outcome{mapload::Result::kTryAgain,
+                   fmt::format("{}: {}", pair.groups, std::strerror(errno)),
+                   {},
+                   {}};
+  }
+  const auto findings = groupmap::verify(*bytes);
+  if (findings.errors() == 0) return std::nullopt;
+  Outcome outcome = refused(findings);
+  outcome.text = "the group list map has " + outcome.text;
+  return outcome;
+}
+
+// Asks the guard about the image that the pair makes.
+std::optional<Outcome> find_reason_to_hold(const Pair& pair, const Guard& guard,
+                                           const std::function<bool()>& should_stop) {
+  mapload::ImportFailure failure;
+  const auto image = mapload::import_privately(pair.size, pair.data, failure);
+  if (!image && failure.may_pass) return Outcome{mapload::Result::kTryAgain, failure.why, {}, {}};
+  if (!image) return refused(failure.why);
+  const auto findings = mapcheck::verify(image.bytes());
+  if (findings.errors() > 0) return refused(findings);
+  auto answer = mapkeep::judge(image.bytes(), guard.limits, guard.held_folder, should_stop);
+  if (answer.result == mapload::Result::kPublished) return std::nullopt;
+  return Outcome{answer.result, std::move(answer.text), {}, {}};
+}
+
+Outcome wait_for_tree() {
+  Outcome outcome{mapload::Result::kTryAgain,
+                  fmt::format("the pair waits for the shared tree, {}: {}", cluster::kMapsFolder,
+                              std::strerror(errno)),
+                  {},
+                  {}};
+  outcome.is_tree_away = true;
+  return outcome;
+}
+
 }  // namespace
 
 Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool()>& should_stop) {
-  std::string error;
-  const auto checked = mapcheck::lint_files(pair.size, pair.data, error);
-  if (!checked) return {mapload::Result::kTryAgain, error, {}, {}};
-  if (checked->findings.errors() > 0) {
-    // The import trusts what it reads, so it is not run; the operator's log gets the line of a
-    // failed import all the same.
-    mapload::log_refused();
-    return {mapload::Result::kRefused,
-            text::counted(checked->findings.errors(), "error") + text_of(checked->findings),
-            {},
-            json_of(checked->findings)};
-  }
+  if (auto errors = find_errors(pair)) return std::move(*errors);
   mapload::Request request;
   request.size_path = pair.size.c_str();
   request.data_path = pair.data.c_str();
@@ -63,6 +122,32 @@ Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool
   loaded.report.insert(loaded.report.begin(), room.begin(), room.end());
   return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report),
           json_of(loaded.findings)};
+}
+
+Outcome put_up_pair(const Pair& pair, const Guard& guard, const Inbox& inbox,
+                    const cluster::HandOver& hand_over, const std::function<bool()>& should_stop) {
+  Outcome outcome{mapload::Result::kPublished, "the pair was put up for all nodes before", {}, {}};
+  outcome.is_put_up = true;
+  if (inbox.was_staged()) {
+    if (!hand_over.is_staged()) return outcome;
+  } else {
+    if (auto errors = find_errors(pair)) return std::move(*errors);
+    if (auto errors = find_errors_in_groups(pair)) return std::move(*errors);
+    if (auto reason = find_reason_to_hold(pair, guard, should_stop)) return std::move(*reason);
+    if (!hand_over.stage(pair.size, pair.data, has_groups(pair) ? pair.groups : "")) {
+      return wait_for_tree();
+    }
+    if (!inbox.note_staged()) {
+      return {mapload::Result::kTryAgain,
+              std::string("cannot note that the pair is staged: ") + std::strerror(errno),
+              {},
+              {}};
+    }
+  }
+  const auto number = hand_over.give_number();
+  if (!number) return wait_for_tree();
+  outcome.text = fmt::format("the pair is put up for all nodes as map {}", *number);
+  return outcome;
 }
 
 }  // namespace tavrix::loader

@@ -72,17 +72,17 @@ Worker::Step Worker::load(const std::function<bool()>& should_stop) {
   }
   // The map of a run that died before it kept it.
   keeper_.keep(mapkeep::kFound);
-  const Outcome outcome = load_pair(*pair_, {keeper_.limits(), inbox_.held_folder()}, should_stop);
+  const Outcome outcome = load_or_put_up(should_stop);
   tell(outcome.report);
+  if (outcome.is_tree_away) {
+    tell(Tone::kWarning, outcome.text);
+    inbox_.forget_starts();  // the pair is not to blame
+    wait(kPauseForRoom);
+    return Step::kWaiting;
+  }
   switch (outcome.result) {
     case mapload::Result::kPublished:
-      inbox_.finish(*pair_);
-      end_pair();
-      tell(Tone::kInfo, outcome.text);
-      set_status(outcome.text);
-      keeper_.keep(mapkeep::kByLoader);
-      keeper_.drop_held();
-      return Step::kPublished;
+      return end_well(outcome);
     case mapload::Result::kHeld:
       return hold(outcome.text);
     case mapload::Result::kTryAgain:
@@ -93,6 +93,23 @@ Worker::Step Worker::load(const std::function<bool()>& should_stop) {
     default:
       return refuse({outcome.text, outcome.findings});
   }
+}
+
+Outcome Worker::load_or_put_up(const std::function<bool()>& should_stop) {
+  const Guard guard{keeper_.limits(), inbox_.held_folder()};
+  return hand_over_ ? put_up_pair(*pair_, guard, inbox_, *hand_over_, should_stop)
+                    : load_pair(*pair_, guard, should_stop);
+}
+
+Worker::Step Worker::end_well(const Outcome& outcome) {
+  inbox_.finish(*pair_);
+  end_pair();
+  tell(Tone::kInfo, outcome.text);
+  set_status(outcome.text);
+  if (outcome.is_put_up) return Step::kPublished;
+  keeper_.keep(mapkeep::kByLoader);
+  keeper_.drop_held();
+  return Step::kPublished;
 }
 
 Worker::Step Worker::try_again(const std::string& text) {

@@ -16,11 +16,13 @@ namespace tavrix::loader {
 
 class Worker {
  public:
-  Worker(Inbox& inbox, Keeper& keeper) : inbox_(inbox), keeper_(keeper) {}
+  // With a hand-over, pairs are put up for all nodes of a cluster, and none is published here.
+  Worker(Inbox& inbox, Keeper& keeper, std::optional<cluster::HandOver> hand_over = {})
+      : inbox_(inbox), keeper_(keeper), hand_over_(std::move(hand_over)) {}
 
   enum class Step {
     kNothing,    // there is no pair
-    kPublished,  // a map became current
+    kPublished,  // a map became current, or is put up for all nodes
     kRefused,    // a pair was set aside
     kHeld,       // a map waits until an operator approves it
     kWaiting,    // a pair waits for its next try, or for the lock
@@ -34,6 +36,8 @@ class Worker {
  private:
   using Clock = std::chrono::steady_clock;
   Step load(const std::function<bool()>& should_stop);
+  Outcome load_or_put_up(const std::function<bool()>& should_stop);
+  Step end_well(const Outcome& outcome);
   Step try_again(const std::string& text);
   Step hold(const std::string& reason);
   void end_pair();
@@ -42,6 +46,7 @@ class Worker {
 
   Inbox& inbox_;
   Keeper& keeper_;
+  std::optional<cluster::HandOver> hand_over_;
   bool is_resumed_ = false;
   std::optional<Pair> pair_;
   std::optional<Refusal> refusal_;  // of a pair that cannot be set aside yet

@@ -112,6 +112,7 @@ std::optional<std::size_t> in_force_at(const std::vector<KeptMap>& maps, int64_t
 std::string text_of(const Origin& origin) {
   const std::string who = origin.who.empty() ? "" : " by " + origin.who;
   if (origin.how == kByLoader) return "by the loader";
+  if (origin.how == kByCluster) return "by the cluster";
   if (origin.how == kByImport) return "imported" + who;
   if (origin.how == kByRestore) return "restored" + who;
   if (origin.how == kByApproval) return "approved" + who;

@@ -39,7 +39,7 @@ struct ImageFacts {
 // How a map came into force.
 struct Origin {
   std::string how;             // one of the words below
-  std::string who;             // the operator; empty for the loader
+  std::string who;             // the operator; empty for a service
   std::optional<uint32_t> of;  // the kept map that came back
 };
 constexpr const char* kByLoader = "loader";
@@ -47,6 +47,7 @@ constexpr const char* kByImport = "import";
 constexpr const char* kByRestore = "restore";
 constexpr const char* kByRollback = "rollback";
 constexpr const char* kByApproval = "approval";
+constexpr const char* kByCluster = "cluster";
 constexpr const char* kFound = "found";  // it was in force before somebody could keep it
 
 struct KeptMap {

@@ -63,16 +63,26 @@ SharedMemory::SharedMemory(std::size_t size) {
 
 SharedMemory import_privately(const std::string& size_path, const std::string& data_path,
                               std::string& error, const ImportProgress& progress) {
+  ImportFailure failure;
+  SharedMemory image = import_privately(size_path, data_path, failure, progress);
+  error = std::move(failure.why);
+  return image;
+}
+
+SharedMemory import_privately(const std::string& size_path, const std::string& data_path,
+                              ImportFailure& failure, const ImportProgress& progress) {
   TwoFiles files;
-  if (!files.open(size_path, data_path, error)) return {};
+  failure.may_pass = true;
+  if (!files.open(size_path, data_path, failure.why)) return {};
+  const auto fail_with = [&](const PassEnd& end) {
+    failure = {fmt::format("{}, {}: {}", size_path, data_path, end.text()), end.is_transient()};
+    return SharedMemory();
+  };
   SizePass sizes = run_size_pass(files.size().c_str(), files.data().c_str(), {});
-  if (!sizes.end.ok()) {
-    error = fmt::format("{}, {}: {}", size_path, data_path, sizes.end.text());
-    return {};
-  }
+  if (!sizes.end.ok()) return fail_with(sizes.end);
   SharedMemory image(sizes.summary.memsize);
   if (!image) {
-    error = fmt::format("no memory for the image of {}: {}", data_path, std::strerror(errno));
+    failure.why = fmt::format("no memory for the image of {}: {}", data_path, std::strerror(errno));
     return {};
   }
   sizes.summary.membuf = image.address();
@@ -85,8 +95,7 @@ SharedMemory import_privately(const std::string& size_path, const std::string& d
   }
   const PassEnd end = run_data_pass(sizes.summary, how);
   if (end.ok()) return image;
-  error = fmt::format("{}, {}: {}", size_path, data_path, end.text());
-  return {};
+  return fail_with(end);
 }
 
 }  // namespace tavrix::mapload

@@ -42,10 +42,19 @@ class SharedMemory {
 // Folders done, and folders in all.
 using ImportProgress = std::function<void(uint64_t done, uint64_t folders)>;
 
+struct ImportFailure {
+  std::string why;
+  bool may_pass = false;  // the same files may be imported the next time
+};
+
 // The image as an import of the two files makes it; nobody has verified it. Empty, and with the
 // reason in `error`, when there is none.
 [[nodiscard]] SharedMemory import_privately(const std::string& size_path,
                                             const std::string& data_path, std::string& error,
+                                            const ImportProgress& progress = {});
+// The same, and the failure says more.
+[[nodiscard]] SharedMemory import_privately(const std::string& size_path,
+                                            const std::string& data_path, ImportFailure& failure,
                                             const ImportProgress& progress = {});
 
 }  // namespace tavrix::mapload

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// A node that is killed at any step of a map's way leaves a cluster that goes on: all nodes get the
+// next map, and every file in the shared tree is whole.
+
+#include "tests/clusterd/nodes.hpp"
+
+namespace tavrix::test {
+namespace {
+
+class ClusterKills : public Cluster, public testing::WithParamInterface<const char*> {
+ protected:
+  static constexpr int kMost = 60;  // more calls of a kind than a map's way has
+
+  void SetUp() override {
+    Cluster::SetUp();
+    add("one");
+    add("two");
+    hand_over(node(0), kFolders);
+    ASSERT_EQ(0, node(0).once().exit_code);
+  }
+  [[nodiscard]] static std::string rule(int nth) {
+    return std::string(GetParam()) + ":kill:" + std::to_string(nth);
+  }
+  static constexpr int kFolders = 10;
+};
+
+// The daemon or its child is killed; both are on the way of the map.
+TEST_P(ClusterKills, OfADaemonLeaveAMapForAllNodes) {
+  bool is_reached = true;
+  for (int nth = 1; is_reached && nth <= kMost; ++nth) {
+    SCOPED_TRACE(rule(nth));
+    const int folders = kFolders + nth;
+    hand_over(node(0), static_cast<uint32_t>(folders));
+    static_cast<void>(node(0).once(with_faults(rule(nth))));
+    is_reached = !reached().empty();
+    const Outcome outcome = node(0).once();
+    ASSERT_EQ(0, outcome.exit_code) << outcome.err;
+    ASSERT_EQ(folders, node(0).folders());
+    ASSERT_EQ(folders, committed()["generation"]);
+    ASSERT_EQ(std::vector<std::string>{std::to_string(committed()["number"].get<int>())},
+              proposals());
+    const Outcome joined = node(1).join();
+    ASSERT_EQ(0, joined.exit_code) << joined.err;
+    ASSERT_EQ(folders, node(1).folders());
+  }
+  EXPECT_FALSE(is_reached) << "more calls than expected";
+}
+
+// The pair has one number, whatever happened to the loader that put it up.
+TEST_P(ClusterKills, OfALoaderNeitherLoseAPairNorPutItUpTwice) {
+  bool is_reached = true;
+  for (int nth = 1; is_reached && nth <= kMost; ++nth) {
+    SCOPED_TRACE(rule(nth));
+    const int folders = kFolders + nth;
+    const int before = committed()["number"];
+    put_pair(node(0).inbox(), static_cast<uint32_t>(folders));
+    load(node(0), with_faults(rule(nth)));
+    is_reached = !reached().empty();
+    const Outcome outcome = load(node(0));
+    ASSERT_EQ(0, outcome.exit_code) << outcome.err;
+    ASSERT_EQ(0, node(0).once().exit_code);
+    ASSERT_EQ(folders, node(0).folders());
+    ASSERT_EQ(before + 1, committed()["number"]);
+  }
+  EXPECT_FALSE(is_reached) << "more calls than expected";
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, ClusterKills,
+                         testing::Values("rename", "fsync", "unlink", "mkdir", "link", "setall",
+                                         "shmnew", "shmrm", "fork", "flock", "write"),
+                         [](const auto& call) { return std::string(call.param); });
+
+// The leader is killed between a rename and the sync of the folder, for each file it names; the
+// other node has its daemon all the time.
+TEST_F(Cluster, AKilledLeaderLeavesTheOtherToCommit) {
+  add("one");
+  add("two");
+  for (const char* at : {"rename@committed.json", "rename@prepared/one", "rename@nodes/one",
+                         "rename@cluster/current.json", "rename@.permbe_map.mark"}) {
+    SCOPED_TRACE(at);
+    static uint32_t folders = 20;
+    ++folders;
+    node(1).kill_daemon();
+    node(0).start_daemon(in_haste(kHaste, std::string(at) + ":kill:1"));
+    hand_over(node(0), folders);
+    node(1).start_daemon(in_haste(kHaste));
+    EXPECT_TRUE(comes([&] { return node(1).folders() == static_cast<int>(folders); }));
+    node(0).start_daemon(in_haste(kHaste));
+    EXPECT_TRUE(all_have(static_cast<int>(folders)));
+    node(0).kill_daemon();
+  }
+}
+
+}  // namespace
+}  // namespace tavrix::test

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+// One map on all nodes: handed over on any, prepared by all, committed by one.
+
+#include <fstream>
+
+#include "tests/clusterd/nodes.hpp"
+
+namespace tavrix::test {
+namespace {
+
+class ClusterMaps : public Cluster {};
+
+TEST_F(ClusterMaps, OneNodeCommitsAndPublishesWhatItsLoaderPutsUp) {
+  add("one");
+  hand_over(node(0), 30);
+  EXPECT_EQ(0, node(0).folders()) << "the loader publishes nothing by itself";
+  EXPECT_EQ(std::vector<std::string>{"1"}, proposals());
+  const Outcome outcome = node(0).once();
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_EQ(30, node(0).folders());
+  EXPECT_EQ(1, committed()["number"]);
+  EXPECT_EQ(30, committed()["generation"]);
+  EXPECT_EQ("one", committed()["by"]);
+  EXPECT_TRUE(contains(outcome.err, "map 1 of the cluster is in force")) << outcome.err;
+}
+
+TEST_F(ClusterMaps, ThreeNodesGetAMapThatIsHandedToOne) {
+  for (const char* name : {"one", "two", "three"}) add(name);
+  start_daemons();
+  hand_over(node(1), 30);
+  EXPECT_TRUE(all_have(30));
+  hand_over(node(2), 40);
+  EXPECT_TRUE(all_have(40));
+  EXPECT_EQ(2, committed()["number"]);
+  for (const auto& one : nodes_) {
+    EXPECT_TRUE(comes([&] { return one->state()["number"] == 2; }));
+    EXPECT_EQ(40, one->state()["generation"]);
+    EXPECT_TRUE(one->may_serve());
+  }
+  EXPECT_TRUE(comes([] { return proposals() == std::vector<std::string>{"2"}; }))
+      << "an older map goes when all have the later one";
+}
+
+TEST_F(ClusterMaps, ThePairInTheSharedFolderIsTakenByOneLoader) {
+  add("one");
+  add("two");
+  put_pair(kShared + "/inbox", 30);
+  auto first = node(0).begin({Node::kLoader, "--dir", node(0).inbox()}, in_haste(kHaste));
+  auto second = node(1).begin({Node::kLoader, "--dir", node(1).inbox()}, in_haste(kHaste));
+  start_daemons();
+  EXPECT_TRUE(all_have(30));
+  put_pair(kShared + "/inbox", 40);
+  EXPECT_TRUE(all_have(40));
+  EXPECT_EQ(2, committed()["number"]) << "each pair got one number";
+}
+
+TEST_F(ClusterMaps, TheGroupListMapComesWithItsPair) {
+  add("one");
+  add("two");
+  write_file("/scratch/groups.json", R"({"reserved": {}, "users": {"anna": [1]}})");
+  ASSERT_EQ(0,
+            ctl({"groupmap", "build", "/scratch/groups.json", "-o", node(0).inbox() + "/groupmap"})
+                .exit_code);
+  const std::string groups = read_file(node(0).inbox() + "/groupmap");
+  hand_over(node(0), 30);
+  start_daemons();
+  EXPECT_TRUE(all_have(30));
+  EXPECT_EQ(groups, read_file(node(1).in_etc("groupmap_refresh")));
+  EXPECT_FALSE(exists(node(0).inbox() + "/groupmap"));
+}
+
+TEST_F(ClusterMaps, ABrokenPairIsRefusedBeforeItIsPutUp) {
+  add("one");
+  put_pair(node(0).inbox(), 30);
+  write_file(node(0).inbox() + "/data.json", "[{\"DIR\":\"x\"}]");
+  EXPECT_EQ(1, load(node(0)).exit_code);
+  EXPECT_TRUE(proposals().empty());
+  EXPECT_EQ(1U, list(node(0).inbox() + "/refused").size());
+}
+
+// The pair was whole when it was put up, and its checksums are those of a broken one: as if a node
+// of another release had checked it.
+TEST_F(ClusterMaps, APairThatOneNodeRefusesIsRefusedForAll) {
+  add("one");
+  add("two");
+  hand_over(node(0), 30);
+  const std::string folder = kShared + "/maps/1";
+  write_file(folder + "/data.json", "[{\"DIR\":\"x\"}]");
+  auto proposal = nlohmann::json::parse(read_file(folder + "/proposal.json"));
+  proposal["sha256"]["data"] = run_program({"sha256sum", folder + "/data.json"}).out.substr(0, 64);
+  write_file(folder + "/proposal.json", proposal.dump());
+  start_daemons();
+  EXPECT_TRUE(comes([&] { return exists(folder + "/refused.json"); }));
+  EXPECT_TRUE(contains(read_file(folder + "/refused.json"), "error"))
+      << read_file(folder + "/refused.json");
+  hand_over(node(1), 40);
+  EXPECT_TRUE(all_have(40)) << "a later pair is not kept back";
+  EXPECT_EQ(2, committed()["number"]);
+}
+
+TEST_F(ClusterMaps, AMapOfTheGuardIsHeldAndNotPutUp) {
+  add("one");
+  hand_over(node(0), 30);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  node(0).configure("", "[LOADER]\nhold removed folders pct = 10\n");
+  put_pair(node(0).inbox(), 10);
+  EXPECT_EQ(1, load(node(0)).exit_code);
+  EXPECT_EQ(std::vector<std::string>{"1"}, proposals());
+  EXPECT_TRUE(exists(node(0).in_etc("maps/held.json")));
+  EXPECT_EQ(30, node(0).folders());
+}
+
+TEST_F(ClusterMaps, ANodeThatReturnsWithItsOldCopyJoins) {
+  add("one");
+  add("two");
+  start_daemons();
+  hand_over(node(0), 30);
+  ASSERT_TRUE(all_have(30));
+  node(1).power_off();
+  hand_over(node(0), 40);
+  EXPECT_TRUE(comes([&] { return node(0).folders() == 40; })) << "nobody waits for a lost node";
+  node(1).power_on();
+  EXPECT_FALSE(node(1).may_serve());
+  const Outcome outcome = node(1).join();
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_EQ(40, node(1).folders());
+  EXPECT_TRUE(node(1).may_serve());
+}
+
+TEST_F(ClusterMaps, JoiningGivesUpWithASentence) {
+  add("one");
+  add("two");
+  hand_over(node(0), 30);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  remove_all(kShared + "/maps/1/data.json");
+  const Outcome outcome = node(1).run({Node::kDaemon, "--join", "--wait", "1"});
+  EXPECT_EQ(1, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "map 1 of the cluster cannot be made current")) << outcome.err;
+  EXPECT_FALSE(node(1).may_serve());
+}
+
+// --- nodes that lag ------------------------------------------------------------------------------
+
+TEST_F(ClusterMaps, ANodeThatLagsIsWaitedForAndThenLeftBehind) {
+  add("one", "commit seconds = 2\n");
+  add("two");
+  start_daemons();
+  ASSERT_TRUE(comes([&] { return node(0).may_serve() && node(1).may_serve(); }));
+  // Its imports fail for a reason of its own.
+  node(1).start_daemon(in_haste(kHaste, "fsync@/etc/tavrix/cluster:28:1:9999"));
+  ASSERT_TRUE(comes([&] {
+    return contains(node(1).daemon().err_so_far(), "") && node(1).state()["beat"].get<int>() < 5;
+  }));
+  hand_over(node(0), 30);
+  EXPECT_TRUE(comes([&] { return node(0).folders() == 30; }));
+  EXPECT_EQ(0, node(1).folders());
+  EXPECT_TRUE(comes([&] { return !node(1).state()["problems"].empty(); }));
+  EXPECT_TRUE(contains(node(1).state()["problems"].dump(), "No space left")) << node(1).state();
+  EXPECT_TRUE(comes([&] { return !node(1).may_serve(); })) << "its lease ends";
+  node(1).start_daemon(in_haste(kHaste));
+  EXPECT_TRUE(all_have(30));
+  EXPECT_TRUE(comes([&] { return node(1).may_serve(); }));
+}
+
+TEST_F(ClusterMaps, AMapOfAnOperatorOfOneNodeGivesWayToTheCommittedOne) {
+  add("one");
+  hand_over(node(0), 30);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  write_json_pair(wide(12));
+  ASSERT_EQ(0, node(0)
+                   .run({Node::kCtl, "map", "import", "/scratch/size.json", "/scratch/data.json"})
+                   .exit_code);
+  EXPECT_EQ(0, node(0).once().exit_code);
+  EXPECT_EQ(30, node(0).folders());
+}
+
+// --- the leader ----------------------------------------------------------------------------------
+
+TEST_F(ClusterMaps, OneNodeLeadsAndAnotherTakesOverWhenItDies) {
+  add("one");
+  add("two");
+  start_daemons();
+  hand_over(node(0), 30);
+  ASSERT_TRUE(all_have(30));
+  const std::size_t leader = committed()["by"] == "one" ? 0 : 1;
+  node(leader).kill_daemon();
+  hand_over(node(0), 40);
+  EXPECT_TRUE(comes([&] { return node(1 - leader).folders() == 40; }));
+  EXPECT_NE(node(leader).name(), committed()["by"]);
+}
+
+TEST_F(ClusterMaps, TheLeaderFileSaysWhoMayCommit) {
+  add("one");
+  add("two");
+  write_file("/scratch/leader", "two\n");
+  start_daemons({"--leader-file", "/scratch/leader"});
+  hand_over(node(0), 30);
+  EXPECT_TRUE(all_have(30));
+  EXPECT_EQ("two", committed()["by"]);
+  write_file("/scratch/leader", "one\n");
+  hand_over(node(0), 40);
+  EXPECT_TRUE(all_have(40));
+  EXPECT_EQ("one", committed()["by"]);
+}
+
+TEST_F(ClusterMaps, ANumberThatGoesBackIsPutBack) {
+  add("one");
+  hand_over(node(0), 30);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  const std::string first = read_file(kShared + "/committed.json");
+  hand_over(node(0), 40);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  write_file(kShared + "/committed.json", first);
+  const Outcome outcome = node(0).once();
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_EQ(2, committed()["number"]);
+  EXPECT_EQ(40, node(0).folders());
+}
+
+// --- differences ---------------------------------------------------------------------------------
+
+TEST_F(ClusterMaps, NodesWithDifferentSettingsSaySoOnce) {
+  add("one");
+  add("two", "fence seconds = 11\n");
+  start_daemons();
+  const std::string sentence = "/etc/tavrix/tavrix.conf differs from that of node two";
+  ASSERT_TRUE(comes([&] { return contains(node(0).daemon().err_so_far(), sentence); }));
+  const int beat = node(0).state()["beat"];
+  ASSERT_TRUE(comes([&] { return node(0).state()["beat"] > beat + 5; }));
+  const std::string said = node(0).daemon().err_so_far();
+  EXPECT_EQ(said.find(sentence), said.rfind(sentence)) << said;
+}
+
+// --- the daemon itself ---------------------------------------------------------------------------
+
+TEST_F(ClusterMaps, AMachineThatIsNoNodeHasNoDaemon) {
+  add("one");
+  write_file(node(0).in_etc("tavrix.conf"), "");
+  const Outcome outcome = node(0).once();
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "CLUSTER:enabled is no")) << outcome.err;
+}
+
+TEST_F(ClusterMaps, ASecondDaemonOfANodeEnds) {
+  add("one");
+  start_daemons();
+  ASSERT_TRUE(comes([&] { return node(0).may_serve(); }));
+  EXPECT_EQ(2, node(0).once().exit_code);
+  EXPECT_EQ(0, node(0).join().exit_code) << "to join beside the daemon is possible";
+}
+
+}  // namespace
+}  // namespace tavrix::test

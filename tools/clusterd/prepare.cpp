@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: LGPL-3.0-or-later
+#include "tools/clusterd/prepare.hpp"
+
+#include <fmt/format.h>
+#include <cerrno>
+#include <cstring>
+
+#include "tools/files/durable.hpp"
+#include "tools/groupmap/group_map.hpp"
+#include "tools/mapcheck/lint.hpp"
+#include "tools/mapcheck/verify.hpp"
+#include "tools/mapload/private_import.hpp"
+#include "tools/text/counted.hpp"
+
+namespace tavrix::clusterd {
+namespace {
+
+using cluster::Proposal;
+using Kind = Outcome::Kind;
+
+Outcome failed(const std::string& what) {
+  return {Kind::kFailed, fmt::format("{}: {}", what, std::strerror(errno))};
+}
+
+// The number of errors, and the first of them.
+Outcome refused(const std::string& file, const mapcheck::Findings& findings) {
+  std::string first;
+  for (const mapcheck::Finding& finding : findings.kept()) {
+    if (finding.severity != mapcheck::Severity::kError) continue;
+    first = fmt::format(", the first at byte {}: {}", finding.offset, finding.text);
+    break;
+  }
+  return {Kind::kRefused,
+          fmt::format("{} has {}{}", file, text::counted(findings.errors(), "error"), first)};
+}
+
+// A file that differs from its checksum was not read as it was handed over: that says nothing about
+// the file.
+Outcome compare(const std::string& path, const files::Digest& wanted) {
+  const auto digest = files::digest_of_file(path);
+  if (!digest) return failed(path);
+  if (*digest == wanted) return {Kind::kDone, ""};
+  return {Kind::kFailed, path + " differs from its checksum"};
+}
+
+Outcome check_groups(const Proposal& proposal) {
+  if (proposal.sums.groups.empty()) return {Kind::kDone, ""};
+  const Outcome compared = compare(proposal.groups_path(), proposal.sums.groups);
+  if (compared.kind != Kind::kDone) return compared;
+  const auto bytes = files::read_whole(proposal.groups_path());
+  if (!bytes) return failed(proposal.groups_path());
+  const auto findings = groupmap::verify(*bytes);
+  return findings.errors() > 0 ? refused("groupmap", findings) : Outcome{Kind::kDone, ""};
+}
+
+Outcome check_files(const Proposal& proposal) {
+  Outcome outcome = compare(proposal.size_path(), proposal.sums.size);
+  if (outcome.kind == Kind::kDone) outcome = compare(proposal.data_path(), proposal.sums.data);
+  if (outcome.kind == Kind::kDone) outcome = check_groups(proposal);
+  if (outcome.kind != Kind::kDone) return outcome;
+  std::string error;
+  const auto checked = mapcheck::lint_files(proposal.size_path(), proposal.data_path(), error);
+  if (!checked) return {Kind::kFailed, error};
+  if (checked->findings.errors() > 0) return refused("the pair", checked->findings);
+  return outcome;
+}
+
+}  // namespace
+
+Outcome prepare(const Proposal& proposal, Prepared& prepared) {
+  if (const auto known = find_prepared(proposal.number, proposal.sums)) {
+    prepared = *known;
+    return {Kind::kDone, ""};
+  }
+  Outcome outcome = check_files(proposal);
+  if (outcome.kind != Kind::kDone) return outcome;
+  mapload::ImportFailure failure;
+  const auto image = mapload::import_privately(proposal.size_path(), proposal.data_path(), failure);
+  if (!image) return {failure.may_pass ? Kind::kFailed : Kind::kRefused, failure.why};
+  const auto findings = mapcheck::verify(image.bytes());
+  if (findings.errors() > 0) return refused("the image", findings);
+  const auto stored = store_prepared(proposal.number, proposal.sums, image.bytes());
+  if (!stored) return failed("cannot store the image");
+  prepared = *stored;
+  return outcome;
+}
+
+Outcome prepare_and_answer(const Proposal& proposal, const std::string& node) {
+  Prepared prepared;
+  Outcome outcome = prepare(proposal, prepared);
+  if (outcome.kind == Kind::kFailed) return outcome;
+  const bool is_answered = cluster::write_answer(
+      proposal, {node, outcome.text, prepared.image, prepared.generation, prepared.timestamp});
+  return is_answered ? outcome : failed("cannot answer");
+}
+
+}  // namespace tavrix::clusterd
