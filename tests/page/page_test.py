@@ -383,7 +383,7 @@ class Million(PageTest):
     @staticmethod
     def bare(*words):
         start = time.perf_counter()
-        ctl("--json", *words)
+        ctl("--json", *words, check=False)  # "status" says with its code how the machine is
         return (time.perf_counter() - start) * 1000
 
     def add_row(self, name, times, bare):
@@ -501,11 +501,12 @@ class Million(PageTest):
         page = await self.open("permissions?path=Shared")
         await page.until(self.row("Shared"))
         await self.toggle("Shared", "true")
-        for top in self.children_of("Shared"):
+        tops = self.children_of("Shared")
+        for top in reversed(tops):  # those above stay in sight
             await self.toggle(f"Shared/{top['name']}", "true")
             await self.quiet()
         await page.js("document.querySelector('.tree').focus()")
-        last = f"Shared/{top['name']}/{self.children_of('Shared/' + top['name'])[-1]['name']}"
+        last = f"Shared/{tops[-1]['name']}/{self.children_of('Shared/' + tops[-1]['name'])[-1]['name']}"
         while not await page.js(f"!!{self.row(last)}"):
             await page.press("PageDown")
         self.assertLess(await page.js("document.querySelectorAll('.tree [role=treeitem]').length"), 70)
