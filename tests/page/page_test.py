@@ -183,6 +183,7 @@ class PermissionsView(PageTest):
         self.assertIn(answer["reason"], text)
         self.assertIn("write for Group 9011 on", text)
         self.assertIn("power user", text)
+        self.assertFalse(await page.js("!!document.querySelector('.error-note')"))  # a refusal is an answer
         await page.choose("Operation", "read")
         await page.until("document.querySelector('[data-verdict]')?.dataset.verdict === 'granted'")
         self.assertIn("op=read", await page.js("location.hash"))
@@ -555,6 +556,7 @@ class MapsView(PageTest):
         await page.until(f"location.hash === '#/maps?diff=kept-{number}'")
         await page.until_text("Removed folders", ".difference")
         await page.until_text("anna (1005)", ".difference")
+        await page.until_text("Who gains, who loses", ".difference")
         await page.click_text("Close")
         await page.until("!document.querySelector('.difference')")
 
@@ -579,6 +581,8 @@ class MapsView(PageTest):
         await page.until_text("A map is held until somebody approves it", "#held")
         held = json.loads(ctl("--json", "map", "history").stdout)["held"]
         self.assertIn(held["reason"], await page.text("#held"))
+        await page.until("!document.querySelector('.pending')")
+        await page.picture(f"{PICTURES}/page-held.png")
         for is_dark in (False, True):
             if is_dark:
                 await page.dark()
@@ -629,6 +633,9 @@ class MapsView(PageTest):
         for finding, row in zip(lint["findings"], rows):
             for part in ("Error", finding["file"], f"byte {finding['offset']}", finding["text"]):
                 self.assertIn(part, row)
+        await page.until("!document.querySelector('.pending')")
+        await page.js("document.querySelector('.refused').scrollIntoView()")
+        await page.picture(f"{PICTURES}/page-refused.png")
         for is_dark in (False, True):
             if is_dark:
                 await page.dark()
@@ -825,6 +832,11 @@ class Errors(PageTest):
             page = await self.open("maps")
             self.assertEqual("unreadable", await self.error())
             await page.until_text("There is no answer.")
+            detail = "document.querySelector('.error-note pre')?.checkVisibility({ visibilityProperty: true, opacityProperty: true, contentVisibilityAuto: true })"
+            self.assertFalse(await page.js(detail))
+            await page.click_text("Technical details")
+            await page.until(detail)
+            self.assertIn("<html>", await page.text(".error-note pre"))
 
     async def test_there_is_no_such_user(self):
         page = await self.open("permissions?path=Shared&tab=why&user=nobody-of-this-name")
