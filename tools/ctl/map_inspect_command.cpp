@@ -143,7 +143,8 @@ class Tree {
   [[nodiscard]] bool fits_json(const Folder& top) const {
     bool fits = true;
     each(top, [&](const Folder& folder, int level) {
-      static_cast<void>(members_of(folder));
+      static_cast<void>(walk_.name_of(folder));
+      static_cast<void>(walk_.entries_of(folder));
       fits = fits && level <= kMostJsonLevels;
     });
     return fits;
