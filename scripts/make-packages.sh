@@ -28,7 +28,14 @@ copy_sources() {
 
 # The package of the page is made of what scripts/build-page.sh has built, if it has.
 with_page() {
-  [ -f page/dist/index.js ] || return 0
+  if [ ! -f page/dist/index.js ]; then
+    echo "cockpit-tavrix is left out: scripts/build-page.sh makes the page beforehand" >&2
+    return
+  fi
+  if [ -n "$(find page/src page/build.mjs page/package-lock.json -newer page/dist/index.js -print -quit)" ]; then
+    echo "page/dist is older than its sources: run scripts/build-page.sh" >&2
+    return 1
+  fi
   export TAVRIX_PAGE=$PWD/page/dist DEB_BUILD_PROFILES="${DEB_BUILD_PROFILES:-} pkg.libtavrix.page"
 }
 

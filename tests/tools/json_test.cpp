@@ -39,6 +39,7 @@ const char* const kImage = "/etc/tavrix/.permbe_map";
 const char* const kGroups = "/scratch/groups";
 const char* const kPatterns = "/scratch/patterns";
 const char* const kHistory = "/scratch/history.db";
+const std::string kLoader = TAVRIX_BUILD_DIR "/tools/tavrix-loader";
 
 Words power_user(const std::string& operation, const std::string& path) {
   return {"--uid", "1003", "--groups", "9002,2001", "--powerusers-gid", "9002", operation, path};
@@ -166,8 +167,7 @@ class JsonOutput : public SweeperWorld {
     for (const std::string name : {"size.json", "data.json"}) {
       ASSERT_EQ(0, rename(("/scratch/" + name).c_str(), ("/scratch/maps/" + name).c_str()));
     }
-    run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--once", "--dir", "/scratch/maps",
-                 "--settings", "/scratch/hold.conf"});
+    run_program({kLoader, "--once", "--dir", "/scratch/maps", "--settings", "/scratch/hold.conf"});
     ASSERT_TRUE(exists("/etc/tavrix/maps/held.json"));
   }
   // One that the checks refuse, and one of before, whose findings were not stored.
@@ -177,7 +177,7 @@ class JsonOutput : public SweeperWorld {
     for (const char* name : {"size.json", "data.json"}) {
       write_file(std::string("/scratch/inbox/") + name, "{\"caf\xe9\": ");
     }
-    run_program({TAVRIX_BUILD_DIR "/tools/tavrix-loader", "--once", "--dir", "/scratch/inbox"});
+    run_program({kLoader, "--once", "--dir", "/scratch/inbox"});
     ASSERT_EQ(2U, list("/scratch/inbox/refused").size());
   }
   // Maps that differ from the one in force: one in every way, and one in what a user may.

@@ -60,6 +60,9 @@ class Keeping : public Loader {
     }
     return number;
   }
+  static std::string image_of(const std::string& number) {
+    return std::string(kKept).append("/").append(number).append(".map");
+  }
   // Every kept image is sound and the one that its facts say.
   static void expect_sound_history() {
     const Outcome outcome = ctl({"--json", "map", "history"});
@@ -68,7 +71,7 @@ class Keeping : public Loader {
     const auto history = nlohmann::json::parse(outcome.out);
     for (const auto& map : history["maps"]) {
       const std::string number = std::to_string(map["map"].get<int>());
-      EXPECT_EQ(0, ctl({"map", "verify", kKept + "/" + number + ".map"}).exit_code) << number;
+      EXPECT_EQ(0, ctl({"map", "verify", image_of(number)}).exit_code) << number;
       EXPECT_EQ(2, ctl({"map", "diff", "kept-" + number, "/none"}).exit_code);
       EXPECT_FALSE(contains(ctl({"map", "diff", "kept-" + number, "/none"}).err, "damaged"));
     }

@@ -239,7 +239,9 @@ TEST_F(Loader, WaitsForTheImportOfALoaderThatDied) {
         _exit(127);
       });
       const std::string pid = std::to_string(loader.pid());
-      const std::string children = "/proc/" + pid + "/task/" + pid + "/children";
+      std::string children = "/proc/" + pid;
+      children += "/task/" + pid;
+      children += "/children";
       for (int tries = 0; tries < 20000 && read_file(children).empty(); ++tries) usleep(100);
       loader.kill();
       loader.wait();

@@ -255,9 +255,9 @@ TEST_F(Browse, SaysItToPeopleToo) {
 }
 
 TEST_F(Browse, SaysThatItNeedsRoot) {
+  const std::string program = TAVRIX_BUILD_DIR "/tools/tavrixctl";
   const Outcome outcome =
-      run_program({"setpriv", "--reuid", "65534", TAVRIX_BUILD_DIR "/tools/tavrixctl", "--json",
-                   "map", "info"});
+      run_program({"setpriv", "--reuid", "65534", program, "--json", "map", "info"});
   EXPECT_EQ("not-root", nlohmann::json::parse(outcome.out)["error"]["code"]);
 }
 

@@ -176,6 +176,19 @@ TEST_F(Map, ShowsATreeThatIsDeeperThanAStack) {
   EXPECT_EQ(0, ctl({"--json", "map", "tree", "--depth", "1000"}).exit_code);
 }
 
+// The tree is printed while it is walked; a document as a whole is the model of its layout.
+TEST_F(Map, LaysItsTreeOutAsAnyDocument) {
+  Folder root = team();
+  root.children.push_back({.name = "caf\xe9", .children = {{.name = "\"{}[]\\,\n"}}});
+  publish(build_image(root));
+  for (const char* depth : {"0", "1", "2", "3", "9"}) {
+    for (const char* path : {"/", "Shared", "Shared/Team/Docs"}) {
+      const std::string text = ctl({"--json", "map", "tree", path, "--depth", depth}).out;
+      EXPECT_EQ(nlohmann::ordered_json::parse(text).dump(2) + "\n", text) << path << " " << depth;
+    }
+  }
+}
+
 TEST_F(Map, ShowsItsTree) {
   import(team());
   EXPECT_EQ("/  (1 entry)\n  Shared\n    Team  (3 entries)\n      Docs\n      Secret  (1 entry)\n",

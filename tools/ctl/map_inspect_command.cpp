@@ -12,6 +12,7 @@
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/map_look.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/tree_output.hpp"
 #include "tools/explain/share_path.hpp"
 #include "tools/mapbrowse/children.hpp"
 #include "tools/mapcheck/walk.hpp"
@@ -120,7 +121,7 @@ int acl(const Options& options, const std::string& given, const Image& image,
   return kYes;
 }
 
-// Readers of JSON refuse deeper documents, and printing one would need a deep stack.
+// Readers of JSON refuse deeper documents.
 constexpr int kMostJsonLevels = 1000;
 
 // The folders below one, the first child first. The way down is kept on the heap, because a map may
@@ -137,33 +138,37 @@ class Tree {
     });
   }
 
-  // The tree as JSON; nothing when it has more than kMostJsonLevels levels.
-  [[nodiscard]] std::optional<Json> json(const Folder& top) const {
-    // A folder is added to its parent when everything below it is known.
-    std::vector<Json> open;
-    const auto close_down_to = [&open](std::size_t levels) {
-      while (open.size() > levels) {
-        Json done = std::move(open.back());
-        open.pop_back();
-        open.back()["children"].push_back(std::move(done));
-      }
-    };
-    bool is_too_deep = false;
+  // Walks once without printing, so that an error is known before the first byte of the answer.
+  // Returns false when there are more than kMostJsonLevels levels.
+  [[nodiscard]] bool fits_json(const Folder& top) const {
+    bool fits = true;
     each(top, [&](const Folder& folder, int level) {
-      if (is_too_deep = is_too_deep || level > kMostJsonLevels; is_too_deep) return;
-      close_down_to(static_cast<std::size_t>(std::max(level, 1)));
-      Json json;
-      set_bytes(json, "name", walk_.name_of(folder));
-      json["entries"] = walk_.entries_of(folder).size;
-      if (level < depth_) json["children"] = Json::array();
-      open.push_back(std::move(json));
+      static_cast<void>(walk_.name_of(folder));
+      static_cast<void>(walk_.entries_of(folder));
+      fits = fits && level <= kMostJsonLevels;
     });
-    close_down_to(1);
-    if (is_too_deep) return std::nullopt;
-    return std::move(open.front());
+    return fits;
+  }
+
+  // The document has members before those of the top folder, and behind the tree.
+  void print_json(const Folder& top, const Json& before, const Json& behind) const {
+    TreeOutput output(depth_);
+    each(top, [&](const Folder& folder, int level) {
+      Json members = level == 0 ? before : Json();
+      members.update(members_of(folder));
+      output.add(std::move(members), level);
+    });
+    output.end(behind);
   }
 
  private:
+  [[nodiscard]] Json members_of(const Folder& folder) const {
+    Json json;
+    set_bytes(json, "name", walk_.name_of(folder));
+    json["entries"] = walk_.entries_of(folder).size;
+    return json;
+  }
+
   struct Place {
     Folder folder;
     int level;
@@ -261,17 +266,16 @@ int tree(const Options& options, const TreeWish& wish, const Image& image,
   if (wish.page.is_wanted) return children(options, wish, image, walk, found.folder);
   const Tree tree(walk, wish.depth);
   if (options.json) {
-    const auto top = tree.json(found.folder);
-    if (!top) {
+    if (!tree.fits_json(found.folder)) {
       complain("{}: more than {} levels below it; use a smaller --depth, or leave out --json",
                wish.path, kMostJsonLevels);
       return kFailure;
     }
-    Json json = document("map-tree");
-    set_bytes(json, "path", wish.path);
-    json.update(*top);
-    set_map(json, image, walk);
-    print(json);
+    Json before = document("map-tree");
+    set_bytes(before, "path", wish.path);
+    Json behind;
+    set_map(behind, image, walk);
+    tree.print_json(found.folder, before, behind);
   } else {
     tree.print_text(found.folder);
   }

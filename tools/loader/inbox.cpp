@@ -184,7 +184,7 @@ std::string Inbox::refuse(const Pair& pair, const Refusal& refusal) const {
     static_cast<void>(files::replace(findings_path(work_), refusal.findings, 0644));
   }
   static_cast<void>(files::replace(reason_path(work_), refusal.reason + "\n", 0644));
-  const std::string where = name_of_now(refused_);
+  std::string where = name_of_now(refused_);
   if (rename(work_.c_str(), where.c_str()) != 0) return {};
   static_cast<void>(files::sync_folder(refused_));
   static_cast<void>(files::sync_folder(folder_));
