@@ -21,6 +21,9 @@ std::vector<Service> look_at_services();
 Buffer look_at_buffer(const std::vector<Segment>& all, const Settings& settings,
                       std::vector<Unread>& unread);
 Dumps look_at_dumps(const std::string& folder, std::vector<Unread>& unread);
+// Nothing on a machine that is no node.
+std::optional<Cluster> look_at_cluster(const std::string& settings_file,
+                                       std::vector<Unread>& unread);
 History look_at_history(const std::string& settings_file, std::vector<Unread>& unread);
 std::vector<Alarm> look_at_alarms(std::vector<Unread>& unread);
 std::vector<Disk> look_at_disks(const Facts& facts);

@@ -246,6 +246,7 @@ Facts gather(const Places& places) {
   facts.buffer = look_at_buffer(all, facts.settings, facts.unread);
   facts.events = look_at_dumps(facts.settings.staging_dir, facts.unread);
   facts.audits = look_at_dumps(facts.settings.auditing_dir, facts.unread);
+  facts.cluster = look_at_cluster(places.settings, facts.unread);
   if (facts.services.size() > 2) {
     facts.history = look_at_history(places.settings, facts.unread);
   }
