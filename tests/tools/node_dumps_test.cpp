@@ -141,6 +141,14 @@ TEST_F(NodeDumps, OfAllNodesAreInTheStatus) {
   EXPECT_FALSE(contains(screen, "node alpha")) << screen;
 }
 
+// The mark of the historian lies in the shared tree, and one node keeps the history of all.
+TEST_F(NodeDumps, AreKeptByTheHistorianOfAnotherNode) {
+  write_file("/tavrix/.conf/historian.running", "");
+  EXPECT_EQ(3U, json({"status", "--settings", kConf})["services"].size());
+  join_cluster();
+  EXPECT_EQ(2U, json({"status", "--settings", kConf})["services"].size());
+}
+
 // --- the historian -------------------------------------------------------------------------------
 
 class NodeHistory : public NodeDumps {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <optional>
@@ -32,6 +33,7 @@
 namespace tavrix::cluster {
 namespace {
 
+constexpr int64_t kSlack = 2;              // seconds, between a period and its mark
 constexpr int64_t kPatience = 30;          // seconds, for a sweeper on a busy machine
 constexpr uint64_t kLeastSpace = 1 << 20;  // bytes, for the next dump file
 constexpr int64_t kSecond = 1'000'000'000;
@@ -155,11 +157,9 @@ class Look {
     return generation_ && *generation_ < generation;
   }
 
+  // A mark of this period saves the look at all processes, which is most of the cost of a call. So
+  // a sweeper that was killed is noticed one period later.
   [[nodiscard]] std::string sweeper() const {
-    if (status::processes_of("tavrix-sweeper").empty()) {
-      return "tavrix-sweeper does not run, so events stay in memory; \"systemctl start "
-             "tavrix-sweeper\"";
-    }
     const int64_t period =
         is_filled() ? std::max(1, block_->get()[PARAM_FLUSH_PERIOD].value.intval) : 1;
     auto worked = written_at(sweeper::kRunningMark);
@@ -167,6 +167,11 @@ class Look {
       worked = std::max(worked, written_at(fmt::format("{}/{}", kRunningFolder, health_.node)));
     }
     const int64_t age = worked ? time(nullptr) - *worked : 0;
+    if (worked && std::abs(age) <= period + kSlack) return {};
+    if (status::processes_of("tavrix-sweeper").empty()) {
+      return "tavrix-sweeper does not run, so events stay in memory; \"systemctl start "
+             "tavrix-sweeper\"";
+    }
     if (age <= 3 * period + kPatience) return {};
     return fmt::format(
         "tavrix-sweeper has not worked for {}, and its period is {}; \"systemctl restart "

@@ -106,6 +106,7 @@ std::vector<Member> members() {
   add_nodes(kStagedFolder, kEnd, nodes);
   add_nodes(kRunningFolder, "", nodes);
   std::vector<Member> all;
+  all.reserve(nodes.size());
   for (const std::string& node : nodes) all.push_back(member(node));
   return all;
 }

@@ -16,7 +16,8 @@ Settings look_at_settings(const std::string& file, std::vector<Unread>& unread);
 Map look_at_map(const std::vector<Segment>& all, const std::string& inbox,
                 std::vector<Unread>& unread);
 Groups look_at_groups(std::vector<Unread>& unread);
-std::vector<Service> look_at_services();
+// A node of a cluster may leave the history to another one.
+std::vector<Service> look_at_services(bool is_node);
 // The staging buffer. Its threshold follows from the settings.
 Buffer look_at_buffer(const std::vector<Segment>& all, const Settings& settings,
                       std::vector<Unread>& unread);
