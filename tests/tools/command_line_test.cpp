@@ -138,9 +138,12 @@ TEST_F(CommandLine, NamesTheSettingThatWasMeant) {
       outcome.err);
 }
 
-TEST_F(CommandLine, SaysThatAFolderIsNoDumpFile) {
-  expect_wrong({"events", "decode", "/scratch"},
-               "tavrixctl: /scratch is a directory; give its dump files, or --follow /scratch");
+TEST_F(CommandLine, SaysThatAFolderHasNoDumpFiles) {
+  write_file("/scratch/letter.txt", "");
+  expect_wrong(
+      {"events", "decode", "/scratch"},
+      "tavrixctl: /scratch has other files and no dump files; dump files of this kind come "
+      "to /tavrix/.conf/staging");
 }
 
 TEST_F(CommandLine, SaysThatAFolderToFollowIsMissing) {

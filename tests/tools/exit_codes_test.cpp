@@ -5,6 +5,7 @@
 
 #include "tests/tools/history.hpp"
 #include "tests/tools/sweeper.hpp"
+#include "tests/tools/two_nodes.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -103,6 +104,23 @@ TEST_F(ExitCodes, OfQuestionsAboutManyAreTwoWithoutTheMaps) {
   expect(0, {"map", "remove", "--yes"});
   expect(2, {"who", "Shared/Team"});
   expect(2, {"effective", "--user", "daemon"});
+}
+
+TEST_F(ExitCodes, OfHealthAreOneForAMachineThatMayNotServe) {
+  expect(1, {"health"});  // there is no sweeper
+}
+
+TEST_F(ExitCodes, OfAClusterAreTwoOnAMachineAlone) {
+  for (const Words& words : {Words{"cluster", "status"}, {"cluster", "adopt", "node2"}}) {
+    expect(2, words);
+  }
+  make_two_nodes();
+  expect(0, {"cluster", "status"});
+  expect(0, {"cluster", "drain", "node2"});
+  expect(1, {"cluster", "status"});
+  expect(0, {"cluster", "resume", "node2"});
+  expect(2, {"cluster", "drain", "node9"});
+  expect(1, {"cluster", "adopt", "node2"});
 }
 
 TEST_F(ExitCodes, OfASearchInTheMapAreOneForNothing) {

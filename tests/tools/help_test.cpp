@@ -6,6 +6,7 @@
 #include "tests/support/terminal.hpp"
 #include "tests/tools/history.hpp"
 #include "tests/tools/operator.hpp"
+#include "tests/tools/two_nodes.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -92,7 +93,7 @@ class Help : public Operator {
   // says so.
   static TerminalOutcome run(const std::string& example, bool lasts) {
     return run_on_terminal({"bash", "-c",
-                            "PATH=" TAVRIX_BUILD_DIR "/tools:$PATH; cd /scratch; "
+                            "PATH=" TAVRIX_BUILD_DIR "/tools:/scratch/bin:$PATH; cd /scratch; "
                             "timeout --foreground " +
                                 std::string(lasts ? "2 " : "25 ") + example},
                            {{"[y/N]", "y\n"}});
@@ -130,6 +131,7 @@ TEST_F(Help, HasExamplesThatRun) {
   for (const Words& command : all_commands()) {
     for (const std::string& example : examples(help_of(command))) {
       make_world();
+      if (contains(example, " cluster ")) make_two_nodes();
       if (contains(example, "buffer create")) ctl({"events", "buffer", "remove", "--yes"});
       const bool lasts = contains(example, "--follow") || contains(example, "--watch");
       const TerminalOutcome outcome = run(example, lasts);

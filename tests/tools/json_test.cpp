@@ -8,6 +8,7 @@
 
 #include "tests/tools/history.hpp"
 #include "tests/tools/sweeper.hpp"
+#include "tests/tools/two_nodes.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -49,6 +50,11 @@ Words power_user(const std::string& operation, const std::string& path) {
 std::vector<Example> examples() {
   return {
       {{"config", "show"}, {}, {}},
+      {{"health"}, {}, {}},
+      {{"cluster", "status"}, {}, {}},
+      {{"cluster", "drain"}, {"node2"}, {}},
+      {{"cluster", "resume"}, {"node2"}, {}},
+      {{"cluster", "adopt"}, {"node2", "--yes-it-is-gone"}, {}},
       {{"map", "lint"}, {"/scratch/size.json", "/scratch/data.json"}, {}},
       {{"map", "lint"}, {"/scratch/broken.json", "/scratch/broken.json"}, {}},
       {{"map", "import"}, {"/scratch/size.json", "/scratch/data.json"}, {}},
@@ -155,6 +161,7 @@ class JsonOutput : public SweeperWorld {
     write_history(kHistory);
     write_file("/scratch/audits", audit());
     refuse_pairs();
+    make_two_nodes();
   }
   static void write_map(const std::string& path, const Folder& root) {
     const auto image = build_image(root);

@@ -90,8 +90,8 @@ class Nodes : public SweeperWorld {
     return "auditing dir = /scratch/auditing\n" + more + "[CLUSTER]\nenabled = yes\n";
   }
   // This machine becomes a node.
-  static void join_cluster() {
-    settings(65536, 1, of_cluster());
+  static void join_cluster(const std::string& more_sections = "") {
+    settings(65536, 1, of_cluster() + more_sections);
     use_settings();
     write_file("/etc/tavrix/tavrix.conf", read_file(kConf));
   }

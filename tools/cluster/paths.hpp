@@ -11,6 +11,8 @@ namespace tavrix::cluster {
 inline constexpr const char* kSharedFolder = TAVRIX_CONF_FOLDER "/cluster";
 // "NODE.json": what the node says of itself every second.
 inline constexpr const char* kNodesFolder = TAVRIX_CONF_FOLDER "/cluster/nodes";
+// "NODE.json": what its sweeper says in each period of the events in its memory.
+inline constexpr const char* kStagedFolder = TAVRIX_CONF_FOLDER "/cluster/staged";
 // "NODE": there may be events in that node's memory. It names the run of the machine.
 inline constexpr const char* kRunningFolder = TAVRIX_CONF_FOLDER "/cluster/running";
 // A pair for all nodes, as it may be handed to the loader of one node.

@@ -121,6 +121,7 @@ const RecordKind kAuditRecords = {"audit-decode", "/tavrix/.conf/auditing", audi
 void DecodeSink::count(const std::string& type, uint32_t uid, int64_t seconds) {
   ++records_;
   ++by_type_[type];
+  if (!node_->empty()) ++by_node_[*node_];
   ++by_user_[std::to_string(uid)];
   if (const std::string& name = people_.name_of(uid); !name.empty()) ++by_user_name_[name];
   ++by_minute_[json::rfc3339(seconds / 60 * 60).value_or("unknown")];
@@ -129,6 +130,7 @@ void DecodeSink::count(const std::string& type, uint32_t uid, int64_t seconds) {
 Json DecodeSink::begin_line(const std::optional<std::string>& time) const {
   Json line = wishes_.names_schema ? json::document(kind_.schema) : Json::object();
   if (time) line["time"] = *time;
+  if (!node_->empty()) line["node"] = *node_;
   return line;
 }
 
@@ -147,6 +149,7 @@ void DecodeSink::finish() {
   json["by_user"] = by_user_;
   json["by_minute"] = by_minute_;
   if (!by_user_name_.empty()) json["by_user_name"] = by_user_name_;
+  if (!by_node_.empty()) json["by_node"] = by_node_;
   print(json);
 }
 

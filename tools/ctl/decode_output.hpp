@@ -32,8 +32,11 @@ class DecodeSink {
   DecodeSink(const RecordKind& kind, const Wishes& wishes, events::RecordFilter filter)
       : kind_(kind), wishes_(wishes), filter_(std::move(filter)) {}
 
-  // Takes a record that the filter takes.
-  void put(std::string_view payload) { kind_.put(payload, *this); }
+  // Takes a record that the filter takes. `node` is empty where there is one machine.
+  void put(std::string_view payload, const std::string& node) {
+    node_ = &node;
+    kind_.put(payload, *this);
+  }
   // Prints the counts, if they are wished for.
   void finish();
 
@@ -49,7 +52,8 @@ class DecodeSink {
   Wishes wishes_;
   events::RecordFilter filter_;
   events::People people_;
-  std::map<std::string, uint64_t> by_type_, by_user_, by_user_name_, by_minute_;
+  const std::string* node_ = nullptr;  // of the record that is put
+  std::map<std::string, uint64_t> by_type_, by_user_, by_user_name_, by_minute_, by_node_;
   uint64_t records_ = 0;
 };
 

@@ -11,12 +11,15 @@
 
 #include "eventstore.h"
 #include "tools/cli/help.hpp"
+#include "tools/cluster/node.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/decode_output.hpp"
 #include "tools/ctl/filter_options.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/ctl/settings_file.hpp"
+#include "tools/events/dump_folder.hpp"
 #include "tools/events/dump_set.hpp"
-#include "utils/staging/dump_in_flight.hpp"
+#include "tools/settings/service_settings.hpp"
 
 namespace tavrix::ctl {
 namespace {
@@ -30,47 +33,35 @@ struct DecodeArguments {
   FilterOptions filter;
 };
 
+using events::DumpName;
+
 // Records of several files come in order of time.
-int decode_files(const std::vector<std::string>& files, const RecordKind& kind, DecodeSink& sink) {
+int decode_files(const std::vector<DumpName>& files, const RecordKind& kind, DecodeSink& sink) {
   events::DumpSet set(kind.time_of);
   int worst = kYes;
   std::vector<std::string> troubles;
-  for (const std::string& file : files) {
+  for (const DumpName& file : files) {
     const auto result = set.add(file);
     if (result == events::DumpSet::Result::kWhole) continue;
     troubles.push_back(set.trouble());
     worst = std::max(worst, result == events::DumpSet::Result::kDamaged ? kNo : kFailure);
   }
-  for (const std::string_view payload : set.payloads()) sink.put(payload);
+  for (const auto& record : set.records()) sink.put(record.payload, *record.node);
   for (const std::string& trouble : troubles) complain(std::string_view(trouble));
   return worst;
 }
 
 volatile std::sig_atomic_t is_stopped = 0;
 
-bool is_dump(const std::string& name) { return name.starts_with(TAVRIX_DUMP_FILE_PREFIX); }
-
-// Flushes write to such a file before it gets its name, those of audits to the second kind.
-constexpr const char* kTempAuditPrefix = "adtemp";
-bool is_unfinished_dump(const std::string& name) {
-  return name.starts_with(kTempDumpPrefix) || name.starts_with(kTempAuditPrefix);
-}
-
-// A folder in which other files lie gets no dump files: it was named by mistake. An empty one may,
-// because the agent takes the files away.
-bool is_no_folder_of_dumps(const std::set<std::string>& names) {
-  return !names.empty() && std::ranges::none_of(names, [](const std::string& name) {
-    return is_dump(name) || is_unfinished_dump(name);
-  });
-}
-
-std::set<std::string> names_in(const std::string& folder, std::error_code& error) {
-  std::set<std::string> names;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    names.insert(entry->path().filename());
+bool is_another_folder(const std::string& folder, const events::DumpFolder& found,
+                       const RecordKind& kind) {
+  if (found.error) {
+    complain("{}: {}", folder, found.error.message());
+  } else if (found.is_another) {
+    complain("{} has other files and no dump files; dump files of this kind come to {}", folder,
+             kind.folder);
   }
-  return names;
+  return found.error || found.is_another;
 }
 
 // Prints the dump files of a folder and then each new one. A dump file gets its name when it is
@@ -78,30 +69,50 @@ std::set<std::string> names_in(const std::string& folder, std::error_code& error
 int follow(const std::string& folder, const RecordKind& kind, DecodeSink& sink) {
   std::signal(SIGINT, [](int) { is_stopped = 1; });
   std::signal(SIGTERM, [](int) { is_stopped = 1; });
-  std::set<std::string> seen;
+  std::set<DumpName> seen;
   for (bool is_first = true; is_stopped == 0; is_first = false) {
-    std::error_code error;
-    std::set<std::string> names = names_in(folder, error);
-    if (error) {
-      complain("{}: {}", folder, error.message());
-      return kFailure;
-    }
-    if (is_first && is_no_folder_of_dumps(names)) {
-      complain("{} has other files and no dump files; dump files of this kind come to {}", folder,
-               kind.folder);
-      return kFailure;
-    }
-    std::erase_if(names, [](const std::string& name) { return !is_dump(name); });
-    std::vector<std::string> fresh;
-    for (const std::string& name : names) {
-      if (!seen.contains(name)) fresh.push_back(fs::path(folder) / name);
+    events::DumpFolder found = events::look_into(folder);
+    // Other files may come while dump files are away.
+    if (!is_first) found.is_another = false;
+    if (is_another_folder(folder, found, kind)) return kFailure;
+    std::vector<DumpName> fresh;
+    for (const DumpName& name : found.dumps) {
+      if (!seen.contains(name)) fresh.push_back(name);
     }
     decode_files(fresh, kind, sink);
     std::fflush(stdout);
-    seen = std::move(names);
+    seen = {found.dumps.begin(), found.dumps.end()};
     usleep(200 * 1000);
   }
   return kYes;
+}
+
+// The node in whose folder a file lies that was named itself; empty on a machine alone.
+std::string node_of(const fs::path& file, const SettingsFile& settings) {
+  const std::string node = file.parent_path().filename();
+  if (settings.node.empty() || !cluster::is_node_name(node)) return {};
+  const fs::path folder = file.parent_path().parent_path();
+  const bool is_of_all = folder == shared_folder(settings, PARAM_STAGING_DIR) ||
+                         folder == shared_folder(settings, PARAM_AUDITING_DIR);
+  return is_of_all ? node : "";
+}
+
+// The operands, and the dump files of those that are folders.
+std::optional<std::vector<DumpName>> operands(const std::vector<std::string>& files,
+                                              const RecordKind& kind) {
+  const SettingsFile settings = read_settings_file(settings::kSettingsFile);
+  std::vector<DumpName> all;
+  for (const std::string& file : files) {
+    std::error_code none;
+    if (!fs::is_directory(file, none)) {
+      all.push_back({file, node_of(file, settings)});
+      continue;
+    }
+    const events::DumpFolder found = events::look_into(file);
+    if (is_another_folder(file, found, kind)) return std::nullopt;
+    all.insert(all.end(), found.dumps.begin(), found.dumps.end());
+  }
+  return all;
 }
 
 int decode_all(const Options& options, const DecodeArguments& arguments, const RecordKind& kind) {
@@ -112,10 +123,12 @@ int decode_all(const Options& options, const DecodeArguments& arguments, const R
                   *filter);
   if (follows) return follow(arguments.folder, kind, sink);
   if (arguments.files.empty()) {
-    complain("give dump files, or --follow DIR");
+    complain("give dump files, folders of them, or --follow DIR");
     return kFailure;
   }
-  const int worst = decode_files(arguments.files, kind, sink);
+  const auto files = operands(arguments.files, kind);
+  if (!files) return kFailure;
+  const int worst = decode_files(*files, kind, sink);
   sink.finish();
   return worst;
 }
@@ -124,7 +137,7 @@ void add_decode(CLI::App& parent, DecodeArguments& arguments, const RecordKind& 
                 Options& options, Action& action) {
   CLI::App* command = parent.add_subcommand(
       "decode", "Print dump files as JSON, one line per record (exit 1: a torn record)");
-  command->add_option("FILE", arguments.files, "dump files")->type_name("FILE");
+  command->add_option("FILE", arguments.files, "dump files, or folders of them")->type_name("FILE");
   command
       ->add_option("--follow", arguments.folder,
                    "print the dump files that come into a folder, until interrupted")

@@ -44,10 +44,8 @@ bool holds(const Setting& setting, const Value& value, const global_param_s* blo
   return block[setting.index].value.intval == value.number;
 }
 
-Value value_in(const SettingsFile& file, const Setting& setting) {
-  const auto given = std::find_if(file.values.begin(), file.values.end(),
-                                  [&](const auto& entry) { return entry.first == &setting; });
-  Value value = given != file.values.end() ? given->second : shipped_value(setting);
+Value value_here(const SettingsFile& file, const Setting& setting) {
+  Value value = value_in(file, setting);
   if (!file.node.empty() && is_folder_of_node(setting)) {
     value.text = cluster::folder_of(value.text, file.node);
   }
@@ -102,7 +100,7 @@ std::optional<ParameterBlock> ParameterBlock::find_or_make(std::string& problem)
 void fill(const SettingsFile& file, global_param_s* block) {
   for (const Setting& setting : settings()) {
     if (setting.index == PARAM_STAGING_BUFFER_SIZE) continue;
-    const Value value = value_in(file, setting);
+    const Value value = value_here(file, setting);
     // Before the block names it: a flush that finds no folder ends its process.
     if (!file.node.empty() && is_folder_of_node(setting)) cluster::make_folder(value.text);
     if (!holds(setting, value, block)) store(setting, value, block);
@@ -112,7 +110,7 @@ void fill(const SettingsFile& file, global_param_s* block) {
 std::vector<std::string> differing_settings(const SettingsFile& file, const global_param_s* block) {
   std::vector<std::string> names;
   for (const Setting& setting : settings()) {
-    if (!holds(setting, value_in(file, setting), block)) names.emplace_back(setting.name);
+    if (!holds(setting, value_here(file, setting), block)) names.emplace_back(setting.name);
   }
   return names;
 }

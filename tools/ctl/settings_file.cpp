@@ -169,6 +169,17 @@ bool is_folder_of_node(const Setting& setting) {
   return setting.index == PARAM_STAGING_DIR || setting.index == PARAM_AUDITING_DIR;
 }
 
+Value value_in(const SettingsFile& file, const Setting& setting) {
+  const auto given =
+      std::ranges::find(file.values, &setting, [](const auto& entry) { return entry.first; });
+  return given != file.values.end() ? given->second : shipped_value(setting);
+}
+
+std::string shared_folder(const SettingsFile& file, e_tavrix_global_index index) {
+  const auto all = settings();
+  return value_in(file, *std::ranges::find(all, index, &Setting::index)).text;
+}
+
 SettingsFile read_settings_file(const std::string& path) {
   SettingsFile result;
   if (!std::ifstream(path).good()) {

@@ -30,6 +30,11 @@ struct SettingsFile {
 // True for the folders of dump files, of which each node of a cluster has its own.
 bool is_folder_of_node(const Setting& setting);
 
+// The value that the file gives a setting of the block, or the shipped one. `node` is not in it.
+Value value_in(const SettingsFile& file, const Setting& setting);
+// A folder of dump files as all nodes know it.
+std::string shared_folder(const SettingsFile& file, e_tavrix_global_index index);
+
 // Reads the file and finds every error in it. If there are errors, the values must not be used.
 SettingsFile read_settings_file(const std::string& path);
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -13,20 +12,17 @@
 
 namespace tavrix::events {
 
-DumpSet::Result DumpSet::add(const std::string& path) {
-  std::error_code none;
-  if (std::filesystem::is_directory(path, none)) {
-    trouble_ = fmt::format("{} is a directory; give its dump files, or --follow {}", path, path);
-    return Result::kUnreadable;
-  }
+DumpSet::Result DumpSet::add(const DumpName& file) {
+  const std::string& path = file.path;
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     trouble_ = fmt::format("{}: {}", path, std::strerror(errno));
     return Result::kUnreadable;
   }
-  const std::string& bytes =
-      files_.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  DumpReader reader(bytes);
+  const File& kept = files_.emplace_back(
+      File{std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+           file.node});
+  DumpReader reader(kept.bytes);
   uint64_t start = 0;
   while (const auto payload = reader.next()) {
     const auto time = time_of_(*payload);
@@ -34,7 +30,7 @@ DumpSet::Result DumpSet::add(const std::string& path) {
       trouble_ = fmt::format("{}: byte {}: the record is not a message of this kind", path, start);
       return Result::kDamaged;
     }
-    records_.push_back({*time, *payload});
+    records_.push_back({*time, {*payload, &kept.node}});
     start = reader.offset();
   }
   if (reader.damage().empty()) return Result::kWhole;
@@ -42,12 +38,12 @@ DumpSet::Result DumpSet::add(const std::string& path) {
   return Result::kDamaged;
 }
 
-std::vector<std::string_view> DumpSet::payloads() {
+std::vector<DumpSet::Record> DumpSet::records() {
   if (files_.size() > 1) std::ranges::stable_sort(records_, {}, &Timed::time);
-  std::vector<std::string_view> payloads;
-  payloads.reserve(records_.size());
-  for (const Timed& record : records_) payloads.push_back(record.payload);
-  return payloads;
+  std::vector<Record> records;
+  records.reserve(records_.size());
+  for (const Timed& timed : records_) records.push_back(timed.record);
+  return records;
 }
 
 }  // namespace tavrix::events

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/events/dump_folder.hpp"
+
 namespace tavrix::events {
 
 // Names of dump files begin with the number of a process, so a list of them is in no order of time.
@@ -20,22 +22,30 @@ class DumpSet {
 
   explicit DumpSet(TimeOf time_of) : time_of_(time_of) {}
 
+  struct Record {
+    std::string_view payload;
+    const std::string* node;  // whose record it is; empty where there is one machine
+  };
+
   // Takes the records of a file, up to any damage. `trouble()` then says what is wrong with it.
-  Result add(const std::string& path);
+  Result add(const DumpName& file);
   [[nodiscard]] const std::string& trouble() const { return trouble_; }
 
-  // The payloads, which live as long as the set. Records of the same time, and those of a single
+  // The records, which live as long as the set. Records of the same time, and those of a single
   // file, stay in the order in which they were written.
-  [[nodiscard]] std::vector<std::string_view> payloads();
+  [[nodiscard]] std::vector<Record> records();
 
  private:
   struct Timed {
     int64_t time;
-    std::string_view payload;
+    Record record;
+  };
+  struct File {
+    std::string bytes, node;
   };
 
   TimeOf time_of_;
-  std::deque<std::string> files_;
+  std::deque<File> files_;
   std::vector<Timed> records_;
   std::string trouble_;
 };

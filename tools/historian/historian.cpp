@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "tools/cluster/node_folders.hpp"
 #include "tools/files/durable.hpp"
 #include "tools/historian/alarms.hpp"
 #include "tools/historian/dump_rows.hpp"
@@ -137,6 +138,15 @@ bool Historian::recover() {
   return false;
 }
 
+std::vector<std::string> Historian::folders_in(const std::string& folder) const {
+  std::vector<std::string> folders{folder};
+  if (!settings_.has_nodes) return folders;
+  for (const std::string& node : cluster::nodes_in(folder)) {
+    folders.push_back(cluster::folder_of(folder, node));
+  }
+  return folders;
+}
+
 void Historian::adopt() {
   const auto taken = number_of(store_.get(), "SELECT value FROM meta WHERE key = 'taken'");
   if (was_made_ && taken) {
@@ -146,7 +156,8 @@ void Historian::adopt() {
         "missing"));
   }
   const auto pruned = number_of(store_.get(), "SELECT value FROM meta WHERE key = 'pruned'");
-  adopt_waiting_dumps(settings_.staging, settings_.auditing, pruned.value_or(0));
+  adopt_waiting_dumps(folders_in(settings_.staging), folders_in(settings_.auditing),
+                      pruned.value_or(0));
   was_made_ = false;
   is_adopted_ = true;
 }

@@ -52,6 +52,8 @@ class Historian {
   bool hold_folders();
   bool open_store();
   void adopt();
+  // The folder, and on a cluster those of the nodes in it.
+  [[nodiscard]] std::vector<std::string> folders_in(const std::string& folder) const;
   bool take_all(const std::function<bool()>& should_stop);
   // `used` becomes the number of links that the transaction had room for.
   bool take(std::span<const Link> links, std::size_t& used);

@@ -183,10 +183,16 @@ bool has_links_folder() {
   return lstat(kLinks, &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-unsigned adopt_waiting_dumps(const std::string& staging, const std::string& auditing,
-                             int64_t since) {
-  return adopt_from(staging, HistoryKind::kEvents, since) +
-         adopt_from(auditing, HistoryKind::kAudit, since);
+unsigned adopt_waiting_dumps(const std::vector<std::string>& staging,
+                             const std::vector<std::string>& auditing, int64_t since) {
+  unsigned count = 0;
+  for (const std::string& folder : staging) {
+    count += adopt_from(folder, HistoryKind::kEvents, since);
+  }
+  for (const std::string& folder : auditing) {
+    count += adopt_from(folder, HistoryKind::kAudit, since);
+  }
+  return count;
 }
 
 Fd lock_folder(const std::string& folder) {

@@ -43,8 +43,8 @@ enum class Folder { kThere, kMade, kGone, kFailed };
 // Links the dump files that wait in the agent's folders, because they may have been made while
 // there was no folder of links. Leaves out those that were refused already, and those last written
 // before `since`, in microseconds. Returns their number.
-unsigned adopt_waiting_dumps(const std::string& staging, const std::string& auditing,
-                             int64_t since);
+unsigned adopt_waiting_dumps(const std::vector<std::string>& staging,
+                             const std::vector<std::string>& auditing, int64_t since);
 
 // A lock on a folder, or none while another process has it. The kernel drops it with its process.
 [[nodiscard]] Fd lock_folder(const std::string& folder);

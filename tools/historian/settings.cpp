@@ -36,6 +36,11 @@ Settings read_settings(const std::string& file) {
                     own.number("HISTORIAN:mass renames seconds")};
   result.staging = folder_setting(shared, PARAM_STAGING_DIR);
   result.auditing = folder_setting(shared, PARAM_AUDITING_DIR);
+  if (!shared.node.empty()) {
+    result.has_nodes = true;
+    result.staging = ctl::shared_folder(shared, PARAM_STAGING_DIR);
+    result.auditing = ctl::shared_folder(shared, PARAM_AUDITING_DIR);
+  }
   result.warnings = own.warnings("HISTORIAN");
   return result;
 }

@@ -16,9 +16,11 @@ struct Settings {
   Limits limits;
   Threshold deletions;
   Threshold renames;
-  // The agent's folders, as the server processes know them.
+  // The agent's folders, as the server processes know them. On a cluster those of all nodes lie in
+  // them.
   std::string staging;
   std::string auditing;
+  bool has_nodes = false;
   std::vector<std::string> warnings;  // about wrong values
 };
 

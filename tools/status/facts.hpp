@@ -119,6 +119,16 @@ struct Dumps {
   uint64_t set_aside = 0;  // files that no flush wrote
 };
 
+// The dump files of all nodes of a cluster.
+struct NodeDumps {
+  std::string node;
+  Dumps events, audits;
+};
+struct Cluster {
+  std::string node;  // this one
+  std::vector<NodeDumps> nodes;
+};
+
 // The history, where the historian is installed.
 struct History {
   std::string folder;  // of the dump files that wait for the historian
@@ -181,7 +191,8 @@ struct Facts {
   Groups groups;
   std::vector<Service> services;
   Buffer buffer;
-  Dumps events, audits;
+  Dumps events, audits;  // of this node
+  std::optional<Cluster> cluster;
   std::optional<History> history;
   std::vector<Alarm> alarms;
   std::vector<Disk> disks;

@@ -13,6 +13,8 @@
 
 #include "eventstore.h"
 #include "internal/scoped.hpp"
+#include "tools/cluster/node_folders.hpp"
+#include "tools/ctl/settings_file.hpp"
 #include "tools/events/dump_reader.hpp"
 #include "tools/historian/paths.hpp"
 #include "tools/settings/service_settings.hpp"
@@ -148,6 +150,20 @@ Dumps look_at_dumps(const std::string& folder, std::vector<Unread>& unread) {
     dumps.oldest = std::min(dumps.oldest.value_or(*written), *written);
   }
   return dumps;
+}
+
+std::optional<Cluster> look_at_cluster(const std::string& settings_file,
+                                       std::vector<Unread>& unread) {
+  const ctl::SettingsFile file = ctl::read_settings_file(settings_file);
+  if (file.node.empty()) return std::nullopt;
+  const std::string events = ctl::shared_folder(file, PARAM_STAGING_DIR);
+  const std::string audits = ctl::shared_folder(file, PARAM_AUDITING_DIR);
+  Cluster cluster{.node = file.node, .nodes = {}};
+  for (const std::string& node : cluster::nodes_in(events)) {
+    cluster.nodes.push_back({node, look_at_dumps(cluster::folder_of(events, node), unread),
+                             look_at_dumps(cluster::folder_of(audits, node), unread)});
+  }
+  return cluster;
 }
 
 History look_at_history(const std::string& settings_file, std::vector<Unread>& unread) {

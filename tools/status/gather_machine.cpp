@@ -68,8 +68,9 @@ void take_import(const std::string& line, Service& loader) {
   loader.last_words.erase(std::min(loader.last_words.rfind(','), loader.last_words.size()));
 }
 
-bool has_historian() {
-  return access(historian::kMark, F_OK) == 0 ||
+// On a cluster the mark is that of the one historian, wherever it runs.
+bool has_historian(bool is_node) {
+  return (!is_node && access(historian::kMark, F_OK) == 0) ||
          std::any_of(std::begin(kHistoriansUnits), std::end(kHistoriansUnits),
                      [](const char* unit) { return access(unit, F_OK) == 0; });
 }
@@ -169,12 +170,13 @@ Groups look_at_groups(std::vector<Unread>& unread) {
   return groups;
 }
 
-std::vector<Service> look_at_services() {
+std::vector<Service> look_at_services(bool is_node) {
   std::vector<Service> services{service("sweeper"), service("loader")};
   // The sweeper touches its mark in each period.
   services[0].last_work = time_of(sweeper::running_mark_path(""));
   take_import(last_line(kOperatorsLog), services[1]);
-  if (Service historian = service("historian"); has_historian() || !historian.processes.empty()) {
+  if (Service historian = service("historian");
+      has_historian(is_node) || !historian.processes.empty()) {
     historian.last_work = time_of(historian::kMark);
     services.push_back(std::move(historian));
   }
@@ -245,7 +247,8 @@ Facts gather(const Places& places) {
   facts.settings = look_at_settings(places.settings, facts.unread);
   facts.map = look_at_map(all, places.inbox, facts.unread);
   facts.groups = look_at_groups(facts.unread);
-  facts.services = look_at_services();
+  facts.cluster = look_at_cluster(places.settings, facts.unread);
+  facts.services = look_at_services(facts.cluster.has_value());
   facts.buffer = look_at_buffer(all, facts.settings, facts.unread);
   facts.events = look_at_dumps(facts.settings.staging_dir, facts.unread);
   facts.audits = look_at_dumps(facts.settings.auditing_dir, facts.unread);

@@ -41,6 +41,7 @@ class Screen {
     buffer();
     dumps("dumps", facts_.events);
     dumps("audits", facts_.audits);
+    nodes();
     history();
     alarms();
     for (const Disk& disk : facts_.disks) space(disk);
@@ -155,13 +156,23 @@ class Screen {
     line("buffer", text);
   }
 
-  void dumps(const char* topic, const Dumps& dumps) {
+  void dumps(const std::string& topic, const Dumps& dumps, const char* kind = "") {
     if (!dumps.is_readable) return;
-    std::string text = fmt::format("{} {} for the agent", text::counted(dumps.count, "file"),
-                                   text::verb(dumps.count, "waits", "wait"));
+    std::string text = fmt::format("{} {}{} for the agent", text::counted(dumps.count, "file"),
+                                   kind, text::verb(dumps.count, "waits", "wait"));
     if (dumps.count > 0) text += fmt::format(", {}", size_text(dumps.bytes));
     if (dumps.oldest) text += fmt::format(", the oldest for {}", since(*dumps.oldest));
     line(topic, text);
+  }
+
+  // The dump files of the other nodes, which the same agent takes.
+  void nodes() {
+    if (!facts_.cluster) return;
+    for (const NodeDumps& other : facts_.cluster->nodes) {
+      if (other.node == facts_.cluster->node) continue;
+      dumps("node " + other.node, other.events);
+      dumps("", other.audits, "of audits ");
+    }
   }
 
   void history() {

@@ -175,6 +175,18 @@ Json json_of(const Dumps& dumps) {
   return json;
 }
 
+Json json_of(const Cluster& cluster) {
+  Json json;
+  json["node"] = cluster.node;
+  json["nodes"] = Json::array();
+  for (const NodeDumps& dumps : cluster.nodes) {
+    json["nodes"].push_back({{"node", dumps.node},
+                             {"events", json_of(dumps.events)},
+                             {"audits", json_of(dumps.audits)}});
+  }
+  return json;
+}
+
 Json json_of(const History& history) {
   Json json;
   set_bytes(json, "folder", history.folder);
@@ -280,6 +292,7 @@ Json json_of(const Facts& facts, const std::vector<Finding>& findings) {
   json["buffer"] = json_of(facts.buffer);
   json["events"] = json_of(facts.events);
   json["audits"] = json_of(facts.audits);
+  if (facts.cluster) json["cluster"] = json_of(*facts.cluster);
   if (facts.history) json["history"] = json_of(*facts.history);
   json["alarms"] = all_of(facts.alarms);
   json["disks"] = all_of(facts.disks);

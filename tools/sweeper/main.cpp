@@ -16,6 +16,7 @@
 #include "internal/scoped.hpp"
 #include "tools/cli/command_line.hpp"
 #include "tools/cli/help.hpp"
+#include "tools/cluster/members.hpp"
 #include "tools/notes/open_notes.h"
 #include "tools/service/service.hpp"
 #include "tools/status/sentences.hpp"
@@ -144,9 +145,17 @@ class Sweeper {
           fmt::format("degraded: the previous settings hold: {}; {}", settings_.trouble(), status);
     }
     sd_notifyf(0, "%sSTATUS=%s", state, status.c_str());
+    tell_cluster();
   }
 
  private:
+  // Other nodes cannot look into the memory of this one.
+  void tell_cluster() const {
+    if (settings_.node().empty()) return;
+    const Fill fill = buffer_fill();
+    cluster::say_staged(settings_.node(), {.records = fill.records, .bytes = fill.used});
+  }
+
   // Makes the buffer again if somebody took it away, and does what else is due in each period.
   void tend() {
     look_for_lost_buffer();

@@ -57,6 +57,7 @@ bool Settings::fill_block() {
     say(Tone::kError, fmt::format("{}: {}", ctl::kSettingsOfBefore, std::strerror(errno)));
   }
   ctl::fill(file, block->get());
+  node_ = file.node;
   for (const std::string& line : patterns::complaints(block->get())) say(Tone::kWarning, line);
   wanted_ = ctl::buffer_size_in(file);
   return true;

@@ -22,6 +22,8 @@ class Settings {
 
   // The number of bytes that the staging buffer must have.
   [[nodiscard]] int32_t buffer_bytes() const;
+  // This machine as a node of a cluster; empty when it is none, or when no file was given.
+  [[nodiscard]] const std::string& node() const { return node_; }
   // The first mistake in the file; empty when there is none.
   [[nodiscard]] const std::string& trouble() const { return trouble_; }
 
@@ -29,6 +31,7 @@ class Settings {
   bool fill_block();
 
   std::string file_;
+  std::string node_;
   std::string trouble_;
   std::string told_;    // the last message about why the size waits
   int32_t wanted_ = 0;  // the size in the file

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -34,49 +35,49 @@ struct CloseFolder {
 
 const char* staging_folder() { return global_params[PARAM_STAGING_DIR].value.strval; }
 
-std::vector<std::string> leftovers() {
+std::vector<std::string> leftovers(const std::string& folder) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, CloseFolder> folder(opendir(staging_folder()));
-  if (folder == nullptr) return names;
-  while (const dirent* entry = readdir(folder.get())) {
+  const std::unique_ptr<DIR, CloseFolder> entries(opendir(folder.c_str()));
+  if (entries == nullptr) return names;
+  while (const dirent* entry = readdir(entries.get())) {
     const std::string name = entry->d_name;
     if (name.starts_with(kTempDumpPrefix)) names.push_back(name);
     // A check of the space that was killed leaves such a file; it holds nothing.
-    if (name.starts_with(kProbePrefix)) unlink((staging_folder() + ("/" + name)).c_str());
+    if (name.starts_with(kProbePrefix)) unlink((folder + "/" + name).c_str());
   }
   return names;
 }
 
-void set_aside(const std::string& name, std::string& unsettled) {
-  const std::string from = fmt::format("{}/{}", staging_folder(), name);
-  const std::string to = fmt::format("{}/{}{}", staging_folder(), kAsidePrefix, name);
+Stranded set_aside(const std::string& folder, const std::string& name) {
+  const std::string from = fmt::format("{}/{}", folder, name);
+  const std::string to = fmt::format("{}/{}{}", folder, kAsidePrefix, name);
   if (rename(from.c_str(), to.c_str()) == 0) {
-    sync_folder(staging_folder());
-    say(Tone::kError, fmt::format("{} was not written by a flush: set aside as {}", from, to));
-  } else {
-    unsettled = fmt::format("{} was not written by a flush, and cannot be set aside: {}", from,
-                            std::strerror(errno));
+    sync_folder(folder.c_str());
+    return {Settled::kForeign, Tone::kError,
+            fmt::format("{} was not written by a flush: set aside as {}", from, to)};
   }
+  return {Settled::kFailed, Tone::kError,
+          fmt::format("{} was not written by a flush, and cannot be set aside: {}", from,
+                      std::strerror(errno))};
 }
 
-void report(const std::string& name, Settled result, std::string& unsettled) {
+Stranded told(const std::string& folder, const std::string& name, Settled result) {
   switch (result) {
     case Settled::kGone:
     case Settled::kLive:
-      return;
+      return {result, Tone::kInfo, ""};
     case Settled::kRemoved:
-      return say(
-          Tone::kInfo,
-          fmt::format("removed {}: its flush was killed before it emptied the buffer", name));
+      return {result, Tone::kInfo,
+              fmt::format("removed {}: its flush was killed before it emptied the buffer", name)};
     case Settled::kPublished:
-      return say(Tone::kInfo, fmt::format("published {}: its flush was killed", name));
+      return {result, Tone::kInfo, fmt::format("published {}: its flush was killed", name)};
     case Settled::kForeign:
-      return set_aside(name, unsettled);
+      return set_aside(folder, name);
     case Settled::kFailed:
-      unsettled =
-          fmt::format("cannot settle {}/{}: {}", staging_folder(), name, std::strerror(errno));
-      return;
+      return {result, Tone::kError,
+              fmt::format("cannot settle {}/{}: {}", folder, name, std::strerror(errno))};
   }
+  return {};
 }
 
 // Calls `settle` with the records in the buffer, while the semaphore is held. Returns false when
@@ -99,24 +100,55 @@ bool with_buffer(Settle settle) {
 
 }  // namespace
 
-void settle_stranded_files() {
-  static Trouble trouble(Tone::kError);
-  std::string unsettled;
-  const auto names = leftovers();
-  const char* folder = staging_folder();
-  if (has_flush_mark(folder)) {
+namespace {
+
+// Settles the files of a folder; `with_records` calls its argument with the records in the buffer.
+template <typename WithRecords>
+std::vector<Stranded> settle_in(const std::string& folder, WithRecords with_records) {
+  std::vector<Stranded> all;
+  const auto names = leftovers(folder);
+  if (has_flush_mark(folder.c_str())) {
     Settled result = Settled::kGone;
     // A flusher that lives clears its mark before it gives the semaphore back, so this mark is of
     // one that was killed.
-    with_buffer([&](auto buffered) { result = settle_marked_dump(folder, buffered); });
-    if (result != Settled::kForeign) report("the file of the last flush", result, unsettled);
+    with_records([&](auto records) { result = settle_marked_dump(folder.c_str(), records); });
+    if (result != Settled::kForeign) {
+      all.push_back(told(folder, "the file of the last flush", result));
+    }
   }
   for (const std::string& name : names) {
     Settled result = Settled::kGone;
-    with_buffer([&](auto buffered) { result = settle_dump(folder, name.c_str(), buffered); });
-    report(name, result, unsettled);
+    with_records(
+        [&](auto records) { result = settle_dump(folder.c_str(), name.c_str(), records); });
+    all.push_back(told(folder, name, result));
+  }
+  return all;
+}
+
+}  // namespace
+
+void settle_stranded_files() {
+  static Trouble trouble(Tone::kError);
+  std::string unsettled;
+  for (const Stranded& file :
+       settle_in(staging_folder(), [](auto settle) { with_buffer(settle); })) {
+    if (file.result == Settled::kFailed) {
+      unsettled = file.sentence;
+    } else if (!file.sentence.empty()) {
+      say(file.tone, file.sentence);
+    }
   }
   trouble.set(unsettled);
+}
+
+std::vector<Stranded> settle_files_of_gone_node(const std::string& folder) {
+  auto all = settle_in(folder, [](auto settle) { settle(std::span<const std::byte>()); });
+  for (Stranded& file : all) {
+    if (file.result != Settled::kLive) continue;
+    file.tone = Tone::kError;
+    file.sentence = fmt::format("a file in {} is locked: its flusher lives", folder);
+  }
+  return all;
 }
 
 }  // namespace tavrix::sweeper
