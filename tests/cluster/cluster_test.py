@@ -280,7 +280,7 @@ def run(name):
         verdict = "      OK"
     except Exception:
         traceback.print_exc(file=sys.stdout)
-        print(sh("show_state", check=False))
+        print(sh("show_troubles", check=False))
         verdict = " FAILED "
     print(f"[ {verdict} ] {name} ({time.monotonic() - begin:.0f} s)", flush=True)
     return verdict != " FAILED "
