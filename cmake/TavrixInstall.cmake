@@ -75,8 +75,10 @@ install(FILES docs/cluster.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-cl
 # The daemon that keeps the nodes at one map.
 if(TARGET tavrix-clusterd)
   install(TARGETS tavrix-clusterd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT cluster)
-  install(FILES packaging/tavrix-clusterd.service DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT cluster)
-  install(FILES docs/man/tavrix-clusterd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT cluster)
+  install(FILES packaging/tavrix-clusterd.service DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT cluster
+    OPTIONAL)
+  install(FILES docs/man/tavrix-clusterd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT cluster
+    OPTIONAL)
 endif()
 
 # scripts/build-samba-module.sh builds the module; without it the package has the manual page alone.

@@ -95,7 +95,7 @@ TEST_F(EventScripts, StartOnlyWithTheMapOfTheCluster) {
   answer("systemctl", "exit 0");
   answer("tavrix-clusterd", "exit 1");
   EXPECT_EQ(1, run("45", "startup").exit_code);
-  EXPECT_TRUE(called("tavrix-clusterd --join"));
+  EXPECT_TRUE(called("tavrix-clusterd --join --wait 12"));
   answer("tavrix-clusterd", "exit 0");
   EXPECT_EQ(0, run("45", "startup").exit_code);
 }
