@@ -185,6 +185,7 @@ TEST_F(LostNode, OfASweeperThatOnlyDiedIsNotTold) {
 TEST_F(LostNode, IsToldByOneOfMany) {
   leave_mark("node2");
   std::vector<std::unique_ptr<Child>> callers;
+  callers.reserve(8);
   for (int i = 0; i < 8; ++i) {
     callers.push_back(std::make_unique<Child>([] {
       execl(TAVRIX_BUILD_DIR "/tools/tavrixctl", "tavrixctl", "--json", "cluster", "lost", "node2",
