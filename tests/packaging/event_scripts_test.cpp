@@ -127,6 +127,31 @@ TEST_F(EventScripts, AskAgainForANodeThatSeemedToLive) {
   EXPECT_EQ("", read_file(kCalls));  // a monitor in quiet times asks nobody
 }
 
+TEST_F(EventScripts, AskAgainToSettleWhatANodeLeft) {
+  the_second_is_gone();
+  answer("tavrixctl", R"(case "$*" in
+*lost*) echo '{"node": "node2", "result": "told"}' ;;
+*adopt*) exit 1 ;;
+esac)");
+  EXPECT_EQ(0, run("45", "ipreallocated").exit_code);
+  EXPECT_EQ(0, run("45", "monitor").exit_code);
+  EXPECT_EQ("tavrixctl cluster adopt node2\n", read_file(kCalls));
+  answer("tavrixctl", "exit 0");
+  EXPECT_EQ(0, run("45", "monitor").exit_code);
+  EXPECT_TRUE(called("tavrixctl cluster adopt node2"));
+  EXPECT_EQ(0, run("45", "monitor").exit_code);
+  EXPECT_EQ("", read_file(kCalls));
+}
+
+TEST_F(EventScripts, LeaveTheFilesToANodeThatIsBack) {
+  write_file("/run/tavrix/cluster.unadopted", "node2\n");
+  make_dirs("/tavrix/.conf/cluster/running");
+  write_file("/tavrix/.conf/cluster/running/node2", "boot\n");
+  EXPECT_EQ(0, run("45", "monitor").exit_code);
+  EXPECT_EQ("", read_file(kCalls));
+  EXPECT_FALSE(exists("/run/tavrix/cluster.unadopted"));
+}
+
 TEST_F(EventScripts, AreUnhealthyWithTheSentenceOfTheHealth) {
   answer("tavrixctl", "echo 'the sweeper does not run'; exit 1");
   const Outcome outcome = run("60", "monitor");
