@@ -198,7 +198,8 @@ def one_fault_never_takes_all_addresses():
 def expect_healthy_for_a_round(count):
     """Each node has run its monitor with the present state, and all are healthy."""
     for node in NODES:
-        on(node, "ctdb", "event", "run", "30", "legacy", "monitor")
+        # CTDB cancels it when another event comes.
+        sh("await", 60, "on", node, "ctdb", "event", "run", "30", "legacy", "monitor")
     assert cluster.healthy() == count
 
 
