@@ -25,7 +25,7 @@ start() {
   cmake --build --preset release | tail -n 1
   start_hub
   echo "three nodes start; this takes half a minute"
-  hub_do bring_up || { hub_do show_state >&2; stop_hub; return 1; }
+  hub_do bring_up || { hub_do show_troubles >&2; stop_hub; return 1; }
   hub_do show_state
 }
 

@@ -14,6 +14,6 @@ install_cluster_packages
 
 trap stop_hub EXIT
 start_hub
-hub_do bring_up || { hub_do show_state >&2; exit 1; }
+hub_do bring_up || { hub_do show_troubles >&2; exit 1; }
 in_hub env TAVRIX_CLUSTER="$cluster" PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 \
   "$PWD/tests/cluster/cluster_test.py" "$@"

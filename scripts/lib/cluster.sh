@@ -7,7 +7,7 @@
 
 cluster_sources=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cluster_build=${TAVRIX_CLUSTER_BUILD:-$cluster_sources/build/release}
-# Where the hub has its disk. Outside of the hub this folder holds the number of its process.
+# The folder of the hub's disk. Outside of the hub this folder holds the number of its process.
 cluster=${TAVRIX_CLUSTER:-/tmp/tavrix-cluster}
 cluster_packages=(ctdb ethtool iptables iproute2 samba smbclient tdb-tools python3-impacket)
 samba_modules=/usr/lib/x86_64-linux-gnu/samba
@@ -125,9 +125,10 @@ start_node() {
   start_ctdb "$1"
 }
 
-# Kills ctdbd alone. The unit's settings say which command follows its end.
+# Kills ctdbd. A service manager then ends what is left of its unit, and runs the command that follows.
 kill_ctdbd() {  # NODE
   on "$1" pkill -KILL -x ctdbd
+  while on "$1" pkill -KILL -x 'ctdbd|ctdb-eventd'; do sleep 0.1; done
   local command
   command=$(sed -n 's/^ExecStopPost=//p' "$cluster_sources/cluster/ctdb.service.d/tavrix.conf")
   on "$1" $command >/dev/null 2>&1 || true
@@ -143,7 +144,7 @@ restart_sweeper() {  # NODE
 await_end_of_services() {  # NODE
   await 60 has_no_services "$1"
 }
-has_no_services() { ! on "$1" pgrep -x 'smbd|tavrix-sweeper|ctdbd' >/dev/null; }
+has_no_services() { ! on "$1" ps -eo comm= | grep -qxE 'smbd|tavrix-sweeper|ctdbd'; }
 
 # --- in the hub: the state of the cluster --------------------------------------------------------
 
@@ -163,7 +164,7 @@ healthy_nodes() {
     awk -F'|' 'NR > 1 && $4 + $5 + $6 + $7 + $8 + $9 + $10 == 0 {n++} END {print n + 0}'
 }
 are_healthy() { [ "$(healthy_nodes)" -ge "$1" ]; }
-await_healthy() { await "${2:-120}" are_healthy "${1:-3}" || { show_state >&2; return 1; }; }
+await_healthy() { await "${2:-120}" are_healthy "${1:-3}" || { show_troubles >&2; return 1; }; }
 
 # The nodes whose interface has that address, a number each.
 holders() {  # ADDRESS
@@ -174,10 +175,16 @@ holders() {  # ADDRESS
 }
 
 show_state() {
-  local asked node
+  local asked
   asked=$(any_node) || { echo "no node answers"; return; }
   on "$asked" ctdb status | grep -E '^pnn' || true
   on "$asked" ctdb ip | tail -n +2 || true
+}
+
+# For a person who asks why the cluster is not healthy.
+show_troubles() {
+  show_state
+  local node
   for node in "${nodes[@]}"; do
     is_powered "$node" || continue
     on "$node" ctdb scriptstatus 2>/dev/null | grep -v ' OK ' || true

@@ -63,9 +63,10 @@ begin=$EPOCHREALTIME
 start_node "$node"
 await_healthy 3
 echo "    three healthy nodes after $(since "$begin")"
-on_node "$node" ctdb ip
+on_node "$node" ctdb status | grep -E '#|pnn'
 
 title "5. A node is taken out in order: nothing is lost, and nobody asks for a rescan"
+command_line "node$node" "ctdb shutdown"
 stop_ctdb "$node"
 await_end_of_services "$node"
 await 60 one_holder_each

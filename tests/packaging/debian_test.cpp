@@ -2,6 +2,7 @@
 // The folder debian, compared with the sources and the library.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <algorithm>
 #include <set>
 #include <sstream>
@@ -55,7 +56,7 @@ TEST(Debian, EveryOverrideHasItsReason) {
   for (const std::string file :
        {"libtavrix1.lintian-overrides", "tavrix-tools.lintian-overrides",
         "tavrix-historian.lintian-overrides", "samba-vfs-tavrix.lintian-overrides",
-        "source/lintian-overrides"}) {
+        "tavrix-cluster.lintian-overrides", "source/lintian-overrides"}) {
     bool has_reason = false;
     for (const std::string& line : lines_of(kDebian + file)) {
       if (line.empty() || line.starts_with('#')) {
@@ -93,6 +94,29 @@ TEST(Debian, TheToolsBringTheirSettings) {
   EXPECT_NE(std::string::npos,
             install.find("install(FILES packaging/tavrix.conf packaging/exception_patterns\n"
                          "  DESTINATION ${TAVRIX_SYSCONFDIR}/tavrix COMPONENT tools)"));
+}
+
+// CTDB runs a script that stands in its folder, in the order of the numbers: 50.samba starts smbd.
+TEST(Debian, TheEventScriptsAreWellFormedAndOn) {
+  std::set<std::string> links;
+  for (const std::string& line : lines_of(kDebian + "tavrix-cluster.links")) {
+    std::istringstream in(line);
+    std::string target, link;
+    in >> target >> link;
+    EXPECT_TRUE(target.starts_with("usr/share/ctdb/events/legacy/")) << line;
+    EXPECT_TRUE(link.starts_with("etc/ctdb/events/legacy/")) << line;
+    EXPECT_EQ(target.substr(target.rfind('/')), link.substr(link.rfind('/')));
+    links.insert(link.substr(link.rfind('/') + 1));
+  }
+  const std::string folder = TAVRIX_SOURCE_DIR "/cluster/events/";
+  const auto scripts = list(folder);
+  EXPECT_EQ(links, std::set<std::string>(scripts.begin(), scripts.end()));
+  for (const std::string& name : scripts) {
+    const Outcome check = run_program({"dash", "-n", folder + name});
+    EXPECT_TRUE(check.ok()) << name << ": " << check.err;
+    EXPECT_EQ(0, access((folder + name).c_str(), X_OK)) << name;
+  }
+  EXPECT_TRUE(links.contains("45.tavrix.script"));
 }
 
 }  // namespace

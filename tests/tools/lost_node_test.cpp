@@ -138,6 +138,25 @@ TEST_F(LostNode, TellsItselfWhenItComesBack) {
   EXPECT_TRUE(list(kMarks).empty());
 }
 
+TEST_F(LostNode, TellsWhatItLostAsAMachineAlone) {
+  write_file(kRunning, "another boot\n");
+  EXPECT_EQ(0, once_with_file().exit_code);
+  EXPECT_TRUE(contains(read_file(kRescan), "the machine stopped while events were in memory"));
+  EXPECT_FALSE(exists(kRunning));
+}
+
+TEST_F(LostNode, KeepsWhatItHasAsAMachineAlone) {
+  const auto alone = daemon();
+  send("a");
+  alone->kill();
+  alone->wait();
+  ASSERT_TRUE(exists(kRunning));
+  EXPECT_EQ(0, once_with_file().exit_code);
+  EXPECT_FALSE(exists(kRescan));
+  EXPECT_FALSE(exists(kRunning));
+  EXPECT_EQ(Paths{"a"}, dumped());
+}
+
 // Somebody may have made the buffer of this run before the sweeper comes.
 TEST_F(LostNode, TellsItselfAlsoWithANewBuffer) {
   ASSERT_EQ(0, ctl({"events", "buffer", "create"}).exit_code);
@@ -166,6 +185,7 @@ TEST_F(LostNode, OfASweeperThatOnlyDiedIsNotTold) {
 TEST_F(LostNode, IsToldByOneOfMany) {
   leave_mark("node2");
   std::vector<std::unique_ptr<Child>> callers;
+  callers.reserve(8);
   for (int i = 0; i < 8; ++i) {
     callers.push_back(std::make_unique<Child>([] {
       execl(TAVRIX_BUILD_DIR "/tools/tavrixctl", "tavrixctl", "--json", "cluster", "lost", "node2",

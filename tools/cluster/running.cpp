@@ -52,8 +52,8 @@ bool make_folders() {
   return true;
 }
 
-// Tells of the loss that a taken mark stands for. The lock keeps others from telling it meanwhile;
-// where locks do not reach other nodes, it may be told twice.
+// Tells of the loss that a taken mark stands for. Its caller has tried to lock the mark, so that
+// others do not tell meanwhile; where locks do not reach other nodes, it may be told twice.
 Taking tell_and_remove(const std::string& taken, const std::string& node, const Tell& tell) {
   if (!tell(node)) return Taking::kUntold;
   if (files::remove(taken)) static_cast<void>(files::sync_folder(kRunningFolder));

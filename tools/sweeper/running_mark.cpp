@@ -102,8 +102,17 @@ bool set_mark() {
   return true;
 }
 
+// A machine that was alone before it became a node has left a mark that nobody touches any more.
+void look_for_mark_of_before() {
+  if (access(kRunningMark, F_OK) != 0) return;
+  if (first_line(kRunningMark) != files::this_boot() || is_segment_missing())
+    ask_for_rescan("the machine stopped while events were in memory");
+  if (unlink(kRunningMark) == 0) sync_folder(kConfFolder);
+}
+
 // Tells of nodes whose tellers died, and of an earlier run of this one.
 void look_for_lost_nodes() {
+  look_for_mark_of_before();
   cluster::finish_taken_marks(tell_of_lost_node);
   if (is_there() && !is_of_this_boot()) cluster::take_running_mark(node(), tell_of_lost_node);
 }
