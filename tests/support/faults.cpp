@@ -104,8 +104,8 @@ bool fails(const char* call, const char* path = "") {
 }
 
 // The program's waits are that many times shorter, and its steady clock runs as much faster, so
-// that deadlines and the waits for them stay in step. Dates are true. With 0 the steady clock stands
-// still, and waits are true.
+// that deadlines and the waits for them stay in step. Dates are true. With 0 the steady clock
+// stands still, and waits are true.
 int clock_haste() {
   static const int times = [] {
     const char* text = getenv("TAVRIX_HASTE");
