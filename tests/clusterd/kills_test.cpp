@@ -21,6 +21,21 @@ class ClusterKills : public Cluster, public testing::WithParamInterface<const ch
   [[nodiscard]] static std::string rule(int nth) {
     return std::string(GetParam()) + ":kill:" + std::to_string(nth);
   }
+  // The other node says nothing, so nobody waits for it.
+  void silence_other() const { unlink((kShared + "/nodes/" + node(1).name() + ".json").c_str()); }
+  // The loader refuses a pair whose import is killed, as it does on a machine of its own: it lies
+  // there whole, with the reason. Forgets it.
+  [[nodiscard]] bool is_set_aside() const {
+    const std::string refused = node(0).inbox() + "/refused";
+    const auto names = exists(refused) ? list(refused) : std::vector<std::string>{};
+    for (const std::string& name : names) {
+      EXPECT_EQ((std::vector<std::string>{"data.json", "reason.txt", "size.json"}),
+                list(refused + "/" + name));
+    }
+    remove_all(refused);
+    return !names.empty();
+  }
+  [[nodiscard]] Outcome once() const { return node(0).once(in_haste(kHaste)); }
   static constexpr int kFolders = 10;
 };
 
@@ -31,9 +46,10 @@ TEST_P(ClusterKills, OfADaemonLeaveAMapForAllNodes) {
     SCOPED_TRACE(rule(nth));
     const int folders = kFolders + nth;
     hand_over(node(0), static_cast<uint32_t>(folders));
-    static_cast<void>(node(0).once(with_faults(rule(nth))));
+    silence_other();
+    static_cast<void>(node(0).once(in_haste(kHaste, rule(nth))));
     is_reached = !reached().empty();
-    const Outcome outcome = node(0).once();
+    const Outcome outcome = once();
     ASSERT_EQ(0, outcome.exit_code) << outcome.err;
     ASSERT_EQ(folders, node(0).folders());
     ASSERT_EQ(folders, committed()["generation"]);
@@ -54,11 +70,12 @@ TEST_P(ClusterKills, OfALoaderNeitherLoseAPairNorPutItUpTwice) {
     const int folders = kFolders + nth;
     const int before = committed()["number"];
     put_pair(node(0).inbox(), static_cast<uint32_t>(folders));
-    load(node(0), with_faults(rule(nth)));
+    static_cast<void>(load(node(0), in_haste(kHaste, rule(nth))));
     is_reached = !reached().empty();
+    if (is_set_aside()) continue;
     const Outcome outcome = load(node(0));
     ASSERT_EQ(0, outcome.exit_code) << outcome.err;
-    ASSERT_EQ(0, node(0).once().exit_code);
+    ASSERT_EQ(0, once().exit_code);
     ASSERT_EQ(folders, node(0).folders());
     ASSERT_EQ(before + 1, committed()["number"]);
   }

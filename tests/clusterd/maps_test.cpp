@@ -108,6 +108,13 @@ TEST_F(ClusterMaps, AMapOfTheGuardIsHeldAndNotPutUp) {
   EXPECT_EQ(std::vector<std::string>{"1"}, proposals());
   EXPECT_TRUE(exists(node(0).in_etc("maps/held.json")));
   EXPECT_EQ(30, node(0).folders());
+  const Outcome approved = node(0).run({Node::kCtl, "--json", "map", "approve", "--yes"});
+  EXPECT_EQ(0, approved.exit_code) << approved.err;
+  EXPECT_EQ(2, nlohmann::json::parse(approved.out)["number"]);
+  EXPECT_FALSE(exists(node(0).in_etc("maps/held.json")));
+  EXPECT_EQ(30, node(0).folders()) << "the daemon makes it current";
+  EXPECT_EQ(0, node(0).once().exit_code);
+  EXPECT_EQ(10, node(0).folders());
 }
 
 TEST_F(ClusterMaps, ANodeThatReturnsWithItsOldCopyJoins) {

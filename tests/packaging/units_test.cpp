@@ -30,7 +30,7 @@ TEST(Units, AreExposedByFourAtMost) {
     ASSERT_NE(std::string::npos, at) << name << analysis.out << analysis.err;
     EXPECT_LE(std::strtod(analysis.out.c_str() + at + before.size(), nullptr), 4.0) << name;
   }
-  EXPECT_EQ(4U, services().size());
+  EXPECT_EQ(5U, services().size());
 }
 
 // A private IPC namespace hides the shared memory, a private /dev changes its keys, and without

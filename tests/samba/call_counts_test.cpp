@@ -3,6 +3,7 @@
 // the machine's load. scripts/bench-samba.sh counts the same for docs/benchmarks.md.
 
 #include "tests/samba/appliance.hpp"
+#include "tests/samba/lease.hpp"
 
 namespace tavrix::test {
 namespace {
@@ -52,8 +53,8 @@ Outcome count_calls(const std::string& operation) {
   return outcome;
 }
 
-TEST_P(CallCounts, OfOneOperationHoldTheirBound) {
-  const Outcome outcome = count_calls(GetParam().operation);
+void expect_bound(const Bound& bound) {
+  const Outcome outcome = count_calls(bound.operation);
   ASSERT_TRUE(outcome.ok()) << outcome.err;
   double calls = 0;
   std::istringstream lines(outcome.out);  // "put fstat 12.0000"
@@ -61,7 +62,19 @@ TEST_P(CallCounts, OfOneOperationHoldTheirBound) {
   std::string name;
   for (double count = 0; lines >> operation >> name >> count;) calls += count;
   EXPECT_GT(calls, 0);
-  EXPECT_LE(calls, GetParam().calls + kHousekeeping) << outcome.out;
+  EXPECT_LE(calls, bound.calls + kHousekeeping) << outcome.out;
+}
+
+TEST_P(CallCounts, OfOneOperationHoldTheirBound) { expect_bound(GetParam()); }
+
+// The fence compares a number in memory with the clock.
+TEST_P(CallCounts, BehindTheFenceHoldTheSameBound) {
+  stop_smbd();
+  make_private_run();
+  lease_for(3600);
+  configure({"tavrix:fence = yes"}, "tavrix");
+  start_smbd();
+  expect_bound(GetParam());
 }
 
 std::string name_of(const testing::TestParamInfo<Bound>& bound) {

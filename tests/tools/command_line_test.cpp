@@ -23,8 +23,9 @@ class CommandLine : public Operator {
   }
 };
 
-const std::vector<std::string> kPrograms = {"tavrixctl", "tavrix-loader", "tavrix-sweeper",
-                                            "tavrix-historian", "tavrix-sample-tree"};
+const std::vector<std::string> kPrograms = {"tavrixctl",       "tavrix-loader",
+                                            "tavrix-sweeper",  "tavrix-historian",
+                                            "tavrix-clusterd", "tavrix-sample-tree"};
 
 TEST_F(CommandLine, TellsTheVersion) {
   for (const std::string& program : kPrograms) {

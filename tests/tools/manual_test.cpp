@@ -56,6 +56,7 @@ TEST_F(Manual, KnowsEveryCommandAndOption) {
 TEST_F(Manual, KnowsTheServicesOptions) {
   for (const auto& [program, count] : {std::pair{std::string("tavrix-loader"), 5U},
                                        {"tavrix-sweeper", 4U},
+                                       {"tavrix-clusterd", 6U},
                                        {"tavrix-historian", 3U}}) {
     const auto names = options(run_program({TAVRIX_BUILD_DIR "/tools/" + program, "--help"}).out);
     EXPECT_EQ(count, names.size()) << program;
@@ -85,7 +86,8 @@ TEST_F(Manual, OfTheSweepersUnitNamesFlagsThatItHas) {
 // systemd gives up on a service that ends five times in ten seconds, unless the unit says
 // otherwise.
 TEST_F(Manual, TheUnitsAreStartedAgainHoweverOftenTheyEnd) {
-  for (const char* name : {"tavrix-sweeper", "tavrix-loader", "tavrix-historian"}) {
+  for (const char* name :
+       {"tavrix-sweeper", "tavrix-loader", "tavrix-historian", "tavrix-clusterd"}) {
     const std::string unit =
         read_file(TAVRIX_SOURCE_DIR "/packaging/" + std::string(name) + ".service");
     EXPECT_TRUE(contains(unit, "\nRestart=always\n")) << name;

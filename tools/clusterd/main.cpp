@@ -34,19 +34,30 @@ using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds kBusyPeriod{500};
 constexpr milliseconds kHurriedPeriod{50};
+constexpr std::chrono::seconds kPatience{10};
 
 struct Order {
   bool is_once = false, is_join = false;
   unsigned wait = 60;  // seconds
 };
 
-// One daemon a node: two would prepare the same image under the same name.
-Fd lock_node() {
+// One daemon a node: two would prepare the same image under the same name. A child of a daemon that
+// was killed has the lock for a moment longer.
+Fd try_lock_node() {
   if (mkdir(cluster::kPreparedFolder, 0700) != 0 && errno != EEXIST) return Fd();
   const std::string path = std::string(cluster::kPreparedFolder) + "/.lock";
   Fd lock(open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
   if (lock && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) lock.reset();
   return lock;
+}
+
+Fd lock_node(std::chrono::seconds patience) {
+  const auto end = Clock::now() + patience;
+  for (;;) {
+    Fd lock = try_lock_node();
+    if (lock || errno != EWOULDBLOCK || Clock::now() >= end) return lock;
+    poll(nullptr, 0, static_cast<int>(kHurriedPeriod.count()));
+  }
 }
 
 class Service {
@@ -96,16 +107,17 @@ int run_for_a_while(const Settings& settings, const Order& order) {
   return 1;
 }
 
-// The running daemon does the work; its lease is given once the committed map is in force.
-int wait_for_daemon(const Order& order) {
+// The running daemon does the work; its lease is given once the committed map is in force. If it
+// ends meanwhile, the work is done here.
+int join_beside_daemon(const Settings& settings, const Order& order) {
   const auto end = Clock::now() + std::chrono::seconds(order.wait);
   do {
     if (cluster::lease_end().value_or(0) > cluster::lease_clock()) return 0;
+    if (const Fd lock = try_lock_node()) return run_for_a_while(settings, order);
     poll(nullptr, 0, static_cast<int>(kHurriedPeriod.count()));
   } while (Clock::now() < end);
   say(Tone::kError,
-      "the running tavrix-clusterd has not brought this node up to date; its status "
-      "says why");
+      "the running tavrix-clusterd has not brought this node up to date; its status says why");
   return 1;
 }
 
@@ -129,8 +141,7 @@ int run(const Settings& settings, const Order& order) {
     say(Tone::kError, why);
     return 2;
   }
-  // To join is also possible beside the daemon: it only waits then.
-  const Fd lock = lock_node();
+  const Fd lock = lock_node(order.is_join ? std::chrono::seconds(0) : kPatience);
   if (!lock && errno != EWOULDBLOCK) {
     say(Tone::kError, fmt::format("{}: {}", cluster::kPreparedFolder, std::strerror(errno)));
     return 2;
@@ -139,7 +150,7 @@ int run(const Settings& settings, const Order& order) {
     say(Tone::kError, "another tavrix-clusterd runs on this node");
     return 2;
   }
-  if (!lock) return wait_for_daemon(order);
+  if (!lock) return join_beside_daemon(settings, order);
   try {
     return order.is_once || order.is_join ? run_for_a_while(settings, order)
                                           : Service(settings).run();

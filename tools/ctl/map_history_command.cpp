@@ -4,12 +4,17 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <optional>
 #include <vector>
 
 #include "tools/cli/completion.hpp"
 #include "tools/cli/help.hpp"
 #include "tools/cli/progress.hpp"
+#include "tools/cluster/node.hpp"
+#include "tools/cluster/paths.hpp"
+#include "tools/cluster/proposal.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/confirm.hpp"
 #include "tools/ctl/library_log.hpp"
@@ -21,6 +26,7 @@
 #include "tools/mapkeep/guard.hpp"
 #include "tools/mapload/mark.hpp"
 #include "tools/mapload/paths.hpp"
+#include "tools/settings/service_settings.hpp"
 #include "tools/text/counted.hpp"
 #include "tools/text/moment.hpp"
 
@@ -220,6 +226,43 @@ bool is_meant(const HeldMap& held, const std::string& checksum) {
   return false;
 }
 
+// On a node of a cluster the held pair goes to all nodes, and the daemon makes its map current. A
+// death on the way leaves the map held.
+int put_up(const Options& options, const HeldMap& held) {
+  const Fd lock = lock_or_complain();
+  if (!lock) return kFailure;
+  const auto now = mapkeep::held_map();
+  if (!now || now->image.digest != held.image.digest) {
+    complain("another map is held by now; look at it first");
+    return kFailure;
+  }
+  const std::string groups = held.pair + "/groupmap";
+  const std::string node = cluster::this_node();
+  const cluster::HandOver hand_over(".held." + node, node);
+  const bool is_staged = hand_over.stage(held.pair + "/size.json", held.pair + "/data.json",
+                                         files::exists(groups) ? groups : "");
+  const auto number = is_staged ? hand_over.give_number() : std::nullopt;
+  if (!number) {
+    complain("the map cannot be put up for all nodes in {}: {}; it is held still",
+             cluster::kMapsFolder, std::strerror(errno));
+    return kFailure;
+  }
+  mapkeep::drop_held();
+  if (options.json) {
+    Json json = document("map-approve");
+    json["published"] = false;
+    json["number"] = *number;
+    print(json);
+  } else {
+    fmt::print("the map is put up for all nodes as map {}\n", *number);
+  }
+  return kYes;
+}
+
+bool is_node_of_cluster() {
+  return settings::ServiceSettings::read(settings::kSettingsFile).is_on("CLUSTER:enabled");
+}
+
 int approve(const Options& options, bool is_forced, const std::string& checksum,
             const Confirmation& confirmation) {
   const auto held = held_or_complain();
@@ -233,6 +276,7 @@ int approve(const Options& options, bool is_forced, const std::string& checksum,
   const std::string question =
       fmt::format("This map was held because {}. Make it current?", held->reason);
   if (const auto refusal = confirmation.refusal_of_change(question); refusal) return *refusal;
+  if (is_node_of_cluster()) return put_up(options, *held);
   return publish(
       options, {.name = "map-approve",
                 .origin = {mapkeep::kByApproval, "", {}},

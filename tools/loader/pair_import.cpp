@@ -11,10 +11,8 @@
 #include "tools/files/durable.hpp"
 #include "tools/groupmap/group_map.hpp"
 #include "tools/mapcheck/lint.hpp"
-#include "tools/mapcheck/verify.hpp"
 #include "tools/mapkeep/guard.hpp"
 #include "tools/mapkeep/keep.hpp"
-#include "tools/mapload/private_import.hpp"
 #include "tools/text/counted.hpp"
 
 namespace tavrix::loader {
@@ -81,18 +79,38 @@ std::optional<Outcome> find_errors_in_groups(const Pair& pair) {
   return outcome;
 }
 
-// Asks the guard about the image that the pair makes.
+// An import and its publication, if the guard lets the map pass.
+Outcome run_import(const Pair& pair,
+                   const std::function<mapload::Guarded(std::span<const std::byte>)>& judge,
+                   const std::function<bool()>& should_stop) {
+  mapload::Request request;
+  request.size_path = pair.size.c_str();
+  request.data_path = pair.data.c_str();
+  request.should_stop = should_stop;
+  mapload::Report room;
+  request.make_room = [&room] { return mapkeep::give_way(room); };
+  request.guard = judge;
+  mapload::Loaded loaded = mapload::load(request);
+  loaded.report.insert(loaded.report.begin(), room.begin(), room.end());
+  return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report),
+          json_of(loaded.findings)};
+}
+
+// The import stops in front of its publication when the guard lets the map pass: then this returns
+// nothing.
 std::optional<Outcome> find_reason_to_hold(const Pair& pair, const Guard& guard,
                                            const std::function<bool()>& should_stop) {
-  mapload::ImportFailure failure;
-  const auto image = mapload::import_privately(pair.size, pair.data, failure);
-  if (!image && failure.may_pass) return Outcome{mapload::Result::kTryAgain, failure.why, {}, {}};
-  if (!image) return refused(failure.why);
-  const auto findings = mapcheck::verify(image.bytes());
-  if (findings.errors() > 0) return refused(findings);
-  auto answer = mapkeep::judge(image.bytes(), guard.limits, guard.held_folder, should_stop);
-  if (answer.result == mapload::Result::kPublished) return std::nullopt;
-  return Outcome{answer.result, std::move(answer.text), {}, {}};
+  bool has_passed = false;
+  Outcome outcome = run_import(
+      pair,
+      [&](std::span<const std::byte> image) {
+        auto answer = mapkeep::judge(image, guard.limits, guard.held_folder, should_stop);
+        has_passed = answer.result == mapload::Result::kPublished;
+        return has_passed ? mapload::Guarded{mapload::Result::kStopped, ""} : answer;
+      },
+      should_stop);
+  if (has_passed) return std::nullopt;
+  return outcome;
 }
 
 Outcome wait_for_tree() {
@@ -109,19 +127,12 @@ Outcome wait_for_tree() {
 
 Outcome load_pair(const Pair& pair, const Guard& guard, const std::function<bool()>& should_stop) {
   if (auto errors = find_errors(pair)) return std::move(*errors);
-  mapload::Request request;
-  request.size_path = pair.size.c_str();
-  request.data_path = pair.data.c_str();
-  request.should_stop = should_stop;
-  mapload::Report room;
-  request.make_room = [&room] { return mapkeep::give_way(room); };
-  request.guard = [&](std::span<const std::byte> image) {
-    return mapkeep::judge(image, guard.limits, guard.held_folder, should_stop);
-  };
-  mapload::Loaded loaded = mapload::load(request);
-  loaded.report.insert(loaded.report.begin(), room.begin(), room.end());
-  return {loaded.result, loaded.text() + text_of(loaded.findings), std::move(loaded.report),
-          json_of(loaded.findings)};
+  return run_import(
+      pair,
+      [&](std::span<const std::byte> image) {
+        return mapkeep::judge(image, guard.limits, guard.held_folder, should_stop);
+      },
+      should_stop);
 }
 
 Outcome put_up_pair(const Pair& pair, const Guard& guard, const Inbox& inbox,

@@ -75,7 +75,9 @@ SharedMemory import_privately(const std::string& size_path, const std::string& d
   failure.may_pass = true;
   if (!files.open(size_path, data_path, failure.why)) return {};
   const auto fail_with = [&](const PassEnd& end) {
-    failure = {fmt::format("{}, {}: {}", size_path, data_path, end.text()), end.is_transient()};
+    // The kernel kills a process when memory runs out; that says nothing about the files.
+    failure = {fmt::format("{}, {}: {}", size_path, data_path, end.text()),
+               end.is_transient() || end.kind == PassEnd::Kind::kKilled};
     return SharedMemory();
   };
   SizePass sizes = run_size_pass(files.size().c_str(), files.data().c_str(), {});
