@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 #include "tools/cluster/health.hpp"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -14,9 +13,8 @@
 #include <tuple>
 
 #include "eventstore.h"
-#include "internal/scoped.hpp"
 #include "perm_map.h"
-#include "tools/cluster/lease.h"
+#include "tools/cluster/lease.hpp"
 #include "tools/cluster/members.hpp"
 #include "tools/cluster/node.hpp"
 #include "tools/cluster/paths.hpp"
@@ -72,23 +70,17 @@ class Look {
   }
 
   static std::string lease() {
-    tavrix_lease lease{};
-    const Fd file(open(kLease, O_RDONLY | O_CLOEXEC));
-    if (!file) {
+    const auto end = lease_end();
+    if (!end && access(kLease, F_OK) == 0) {
+      return fmt::format("{} is no lease; restart tavrix-clusterd", kLease);
+    }
+    if (!end) {
       return fmt::format("there is no lease ({}: {}); start tavrix-clusterd", kLease,
                          std::strerror(errno));
     }
-    const bool is_whole = pread(file.get(), &lease, sizeof lease, 0) == sizeof lease &&
-                          std::memcmp(lease.magic, TAVRIX_LEASE_MAGIC, sizeof lease.magic) == 0 &&
-                          lease.version == TAVRIX_LEASE_VERSION;
-    if (!is_whole) {
-      return fmt::format("{} is no lease; restart tavrix-clusterd", kLease);
-    }
-    timespec now{};
-    clock_gettime(CLOCK_BOOTTIME, &now);
-    const int64_t over = now.tv_sec * kSecond + now.tv_nsec - lease.until;
+    const int64_t over = lease_clock() - *end;
     if (over < 0) return {};
-    if (lease.until == 0) {
+    if (*end == 0) {
       return "this node may not serve yet: it waits for the map of the cluster";
     }
     return fmt::format(

@@ -385,18 +385,6 @@ int adopt(const AdoptArguments& arguments, const Options& options) {
 
 // --- the command line ----------------------------------------------------------------------------
 
-// Commands of a cluster are in several files; the first one makes the group.
-CLI::App* cluster_group(CLI::App& app) {
-  for (CLI::App* group : app.get_subcommands([](CLI::App*) { return true; })) {
-    if (group->check_name("cluster")) return group;
-  }
-  CLI::App* group = app.add_subcommand("cluster", "The nodes that serve one tree");
-  group->require_subcommand(1);
-  cli::add_examples(*group,
-                    {{"tavrixctl cluster status", "all nodes, and what is wrong with them"}});
-  return group;
-}
-
 void add_move(CLI::App& group, const char* name, const char* help, const char* purpose,
               int (*work)(const Move&, const Options&), Options& options, Action& action) {
   static Move move;
@@ -415,7 +403,10 @@ void add_move(CLI::App& group, const char* name, const char* help, const char* p
 }
 
 void add_cluster_commands(CLI::App& app, Options& options, Action& action) {
-  CLI::App* group = cluster_group(app);
+  CLI::App* group = app.add_subcommand("cluster", "The nodes that serve one tree");
+  group->require_subcommand(1);
+  cli::add_examples(*group,
+                    {{"tavrixctl cluster status", "all nodes, and what is wrong with them"}});
   CLI::App* status = group->add_subcommand(
       "status", "Show all nodes, their maps, events and troubles (exit 1: there are some)");
   cli::add_examples(*status,
@@ -443,6 +434,8 @@ void add_cluster_commands(CLI::App& app, Options& options, Action& action) {
        {"tavrixctl --json cluster adopt node2", "the same, for a program"}});
   adopt_command->callback(
       [&options, &action] { action = [&options] { return adopt(arguments, options); }; });
+
+  add_cluster_lost_command(*group, options, action);
 }
 
 const Command registered(9, add_cluster_commands);

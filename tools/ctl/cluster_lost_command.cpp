@@ -81,22 +81,11 @@ int tell(const Question& question, const Options& options) {
   return kYes;
 }
 
-// Commands of a cluster are in several files; the first one makes the group.
-CLI::App* cluster_group(CLI::App& app) {
-  for (CLI::App* group : app.get_subcommands([](CLI::App*) { return true; })) {
-    if (group->check_name("cluster")) return group;
-  }
-  CLI::App* group = app.add_subcommand("cluster", "The nodes that serve one tree");
-  group->require_subcommand(1);
-  cli::add_examples(*group,
-                    {{"tavrixctl cluster lost node2", "ask for a rescan if node2 had events"}});
-  return group;
-}
+}  // namespace
 
-void add_cluster_lost_command(CLI::App& app, Options& options, Action& action) {
+void add_cluster_lost_command(CLI::App& cluster, Options& options, Action& action) {
   static Question question;
-  CLI::App* group = cluster_group(app);
-  CLI::App* command = group->add_subcommand(
+  CLI::App* command = cluster.add_subcommand(
       "lost", "Tell the agent that a node is gone (exit 1: the node seems to live)");
   command->add_option("node", question.name_or_address, "the node's name or its address")
       ->required()
@@ -110,7 +99,4 @@ void add_cluster_lost_command(CLI::App& app, Options& options, Action& action) {
       [&options, &action] { action = [&options] { return tell(question, options); }; });
 }
 
-const Command registered(9, add_cluster_lost_command);
-
-}  // namespace
 }  // namespace tavrix::ctl
