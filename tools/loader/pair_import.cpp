@@ -41,8 +41,6 @@ std::string json_of(const mapcheck::Findings& findings) {
   return json::text_of(json) + "\n";
 }
 
-Outcome refused(const std::string& why) { return {mapload::Result::kRefused, why, {}, {}}; }
-
 Outcome refused(const mapcheck::Findings& findings) {
   return {mapload::Result::kRefused,
           text::counted(findings.errors(), "error") + text_of(findings),
