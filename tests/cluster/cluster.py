@@ -86,8 +86,8 @@ def event_names():
 
 
 def powered():
-    return [node for node in NODES if sh("is_powered", node, check=False) is not None
-            and (FOLDER / f"node{node}").exists()]
+    """The nodes that have power: a power cut takes the file away."""
+    return [node for node in NODES if (FOLDER / f"node{node}").exists()]
 
 
 def await_flushes():
