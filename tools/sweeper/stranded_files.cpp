@@ -43,7 +43,7 @@ std::vector<std::string> leftovers(const std::string& folder) {
     const std::string name = entry->d_name;
     if (name.starts_with(kTempDumpPrefix)) names.push_back(name);
     // A check of the space that was killed leaves such a file; it holds nothing.
-    if (name.starts_with(kProbePrefix)) unlink((folder + "/" + name).c_str());
+    if (name.starts_with(kProbePrefix)) unlink(fmt::format("{}/{}", folder, name).c_str());
   }
   return names;
 }
