@@ -74,16 +74,10 @@ foreach(service sweeper loader historian clusterd)
   install(FILES cluster/services.d/cluster.conf
     DESTINATION ${TAVRIX_UNIT_DIR}/tavrix-${service}.service.d COMPONENT cluster)
 endforeach()
-install(FILES docs/cluster.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-cluster
+install(FILES docs/cluster.md docs/cluster-maps.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/tavrix-cluster
   COMPONENT cluster)
-# The daemon that keeps the nodes at one map.
-if(TARGET tavrix-clusterd)
-  install(TARGETS tavrix-clusterd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT cluster)
-  install(FILES packaging/tavrix-clusterd.service DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT cluster
-    OPTIONAL)
-  install(FILES docs/man/tavrix-clusterd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT cluster
-    OPTIONAL)
-endif()
+install(FILES packaging/tavrix-clusterd.service DESTINATION ${TAVRIX_UNIT_DIR} COMPONENT cluster)
+install(FILES docs/man/tavrix-clusterd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT cluster)
 
 # scripts/build-samba-module.sh builds the module; without it the package has the manual page alone.
 install(FILES docs/man/vfs_tavrix.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT samba)
