@@ -163,6 +163,7 @@ TEST_F(Health, NeedsALeaseOnANode) {
   tavrix_lease none{};
   std::memcpy(none.magic, TAVRIX_LEASE_MAGIC, sizeof none.magic);
   none.version = TAVRIX_LEASE_VERSION;
+  none.size = sizeof none;
   write_lease(none);
   expect_unhealthy("lease", "this node may not serve yet");
 }

@@ -78,7 +78,7 @@ std::vector<Example> examples() {
       {{"status"}, {}, {}},
       {{"status"}, {"--settings", "/scratch/broken.json"}, {}},
       {{"doctor"}, {}, {}},
-      {{"cluster", "lost"}, {"node2"}, {}},
+      {{"cluster", "lost"}, {"node9"}, {}},
       {{"cluster", "lost"}, {"-"}, "error"},
       {{"map", "verify"}, {}, {}},
       {{"map", "verify"}, {"/scratch/broken.json"}, {}},

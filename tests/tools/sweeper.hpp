@@ -114,9 +114,9 @@ class SweeperWorld : public Operator {
     return paths;
   }
   // The events of all dump files, in the order of the files' times.
-  static Paths dumped() {
+  static Paths dumped(const std::string& folder = kStaging) {
     Paths names;
-    for (const std::string& name : list(kStaging)) {
+    for (const std::string& name : list(folder)) {
       if (name.starts_with("pending_")) names.push_back(name);
     }
     const auto time_of = [](const std::string& name) { return name.substr(name.find('_', 8) + 1); };
@@ -124,7 +124,7 @@ class SweeperWorld : public Operator {
               [&](const auto& a, const auto& b) { return time_of(a) < time_of(b); });
     Paths all;
     for (const std::string& name : names) {
-      const Paths some = paths_in(read_file(std::string(kStaging) + "/" + name));
+      const Paths some = paths_in(read_file(folder + "/" + name));
       all.insert(all.end(), some.begin(), some.end());
     }
     return all;
