@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What grows with the servers and the clients of a cluster: decisions of many processes on one
+// The growth with the servers and the clients of a cluster: decisions of many processes on one
 // table, dump files of many nodes, one map for many loaders. scripts/scale.sh runs it in a private
 // world.
 //

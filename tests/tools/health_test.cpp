@@ -202,7 +202,7 @@ TEST_F(Health, GoesByTheNumberThatThisNodeTells) {
   expect_healthy();
 }
 
-// What all nodes share would take all of them out of service at once.
+// A trouble that all nodes share would take all of them out of service at once.
 TEST_F(Health, OnlyNotesWhatAllNodesShare) {
   join();
   write_file(kSyncOff, "Failed to write event.");

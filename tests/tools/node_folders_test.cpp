@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
-// What names a process in the shared tree lies in a folder of its node: dump files and notes of
-// open files.
+// Names with a process in them lie in a folder of their node in the shared tree: dump files and
+// notes of open files.
 
 #include "tools/cluster/node_folders.hpp"
 

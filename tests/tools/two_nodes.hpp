@@ -15,7 +15,7 @@
 
 namespace tavrix::test {
 
-// What the node says of itself; `written` is the time of its last word.
+// The node's word about itself; `written` is the time of its last word.
 inline void tell_word(const std::string& node, int generation, int64_t written,
                       const std::string& more = "") {
   const std::string path = "/tavrix/.conf/cluster/nodes/" + node + ".json";

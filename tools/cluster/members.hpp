@@ -11,7 +11,7 @@
 
 namespace tavrix::cluster {
 
-// What a node says of itself every second.
+// The word of a node about itself, of every second.
 struct Word {
   std::string boot;
   int64_t time = 0;     // by the node's clock
@@ -21,7 +21,7 @@ struct Word {
   std::vector<std::string> problems;
 };
 
-// What a node's sweeper says in each period: the events that are in its memory alone.
+// The word of a node's sweeper, of each period: the events that are in its memory alone.
 struct Staged {
   uint64_t records = 0, bytes = 0;
   int64_t written = 0;  // by the shared tree

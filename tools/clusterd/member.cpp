@@ -92,7 +92,7 @@ bool Member::look_at_tree() {
 
 // --- work ----------------------------------------------------------------------------------------
 
-// What all nodes must have comes first; then what they may get.
+// The map that all nodes must have comes first; then the one that they may get.
 void Member::begin_work() {
   if (job_.is_running()) return;
   const bool is_behind = own_.number < committed_.number;
