@@ -262,7 +262,8 @@ TEST_F(ClusterAdopt, ThatIsKilledAnywhereIsFinishedByTheNext) {
       const bool was_killed = !reached().empty();
       kills += was_killed ? 1 : 0;
       once();
-      EXPECT_EQ(0, adopt().exit_code) << where;
+      const Outcome outcome = adopt();
+      EXPECT_EQ(0, outcome.exit_code) << where << ": " << outcome.err;
       once();
       EXPECT_EQ((Paths{"a", "b"}), dumped_by("beta")) << where;
       // A kill between the event and the removal of its note writes the event twice.

@@ -70,7 +70,9 @@ Shape shape_of(Records bytes) noexcept {
 }
 
 bool starts_with(Records all, Records part) noexcept {
-  return part.size() <= all.size() && std::memcmp(all.data(), part.data(), part.size()) == 0;
+  // No bytes may have no address, and memcmp() wants one.
+  return part.empty() ||
+         (part.size() <= all.size() && std::memcmp(all.data(), part.data(), part.size()) == 0);
 }
 
 // One temporary file that may have lost its flusher.
