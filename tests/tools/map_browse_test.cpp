@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <random>
 
@@ -93,6 +94,36 @@ TEST(Search, CountsWhatItDoesNotKeep) {
   EXPECT_EQ(3U, matches.total);
   ASSERT_EQ(2U, matches.folders.size());
   EXPECT_EQ("/A2", walk.path_of(matches.folders[1]));
+}
+
+TEST(Search, OfSeveralThreadsFindsWhatOneFinds) {
+  Names names;
+  for (int i = 0; i < 100; ++i)
+    names.push_back((i % 7 == 0 ? "\xc3\xa4 " : "a ") + std::to_string(i));
+  const auto image = build_image(with_children(names));
+  const Walk walk(image);
+  for (const char* text : {"1", "\xc3\x84 ", "", "nowhere"}) {
+    const mapbrowse::Wanted wanted(text);
+    for (const std::size_t limit : {0U, 1U, 20U, 200U}) {
+      const auto one = mapbrowse::search(walk, wanted, limit, 1);
+      for (const uint64_t threads : {2U, 3U, 7U, 120U}) {
+        const auto several = mapbrowse::search(walk, wanted, limit, threads);
+        EXPECT_EQ(one.total, several.total) << text;
+        EXPECT_TRUE(std::ranges::equal(one.folders, several.folders, {}, &Walk::Folder::offset,
+                                       &Walk::Folder::offset))
+            << text << ", " << limit << ", " << threads;
+      }
+    }
+  }
+}
+
+TEST(Search, OfSeveralThreadsEndsAtABrokenFolder) {
+  auto image = build_image(with_children(Names(100, "a")));
+  const uint64_t last = Walk(image).place_of(Walk(image).numbered(100));
+  std::memset(image.data() + last, 0x5a, sizeof(uint32_t));
+  const Walk walk(image);
+  EXPECT_THROW(static_cast<void>(mapbrowse::search(walk, mapbrowse::Wanted("a"), 5, 4)),
+               mapcheck::Broken);
 }
 
 // --- the commands --------------------------------------------------------------------------------

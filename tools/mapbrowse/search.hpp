@@ -48,7 +48,9 @@ struct Matches {
   uint64_t total = 0;
 };
 
-// Looks at the name of every folder but the root.
-[[nodiscard]] Matches search(const mapcheck::Walk& walk, const Wanted& wanted, std::size_t limit);
+// Looks at the name of every folder but the root: in a large map with several threads, which share
+// the folders among them. 0 threads are as many as the processors and the map are worth.
+[[nodiscard]] Matches search(const mapcheck::Walk& walk, const Wanted& wanted, std::size_t limit,
+                             uint64_t threads = 0);
 
 }  // namespace tavrix::mapbrowse
