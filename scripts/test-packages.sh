@@ -4,6 +4,8 @@
 #   lintian      all its complaints, down to the pedantic ones
 #   life         install, use, upgrade, remove, reinstall and purge on an empty Debian 12 with systemd, with the
 #                file system compared before and after
+#   cluster      a machine becomes the one node of a cluster, with systemd and CTDB, and ceases to be one
+#   page         the web console of a machine gets the page, and loses it
 #   piuparts     Debian's own trial of the same in a chroot
 #   autopkgtest  debian/tests on an empty Debian 12 with systemd
 # usage: scripts/test-packages.sh [--packages FOLDER] [PART]...   (all parts; scripts/make-packages.sh makes the
@@ -22,7 +24,7 @@ else
   scripts/make-packages.sh >/dev/null
 fi
 parts=("$@")
-[ ${#parts[@]} -gt 0 ] || parts=(lintian life piuparts autopkgtest)
+[ ${#parts[@]} -gt 0 ] || parts=(lintian life cluster page piuparts autopkgtest)
 names=(libtavrix1 tavrix-tools tavrix-historian samba-vfs-tavrix)
 needed=(samba smbclient libyajl2 libprotobuf-c1 libfmt9 libiniparser1 libsqlite3-0)
 
@@ -104,7 +106,7 @@ try_install_and_purge() {
     expect_active tavrix-historian
     [ -d /tavrix/.conf/history ] && [ -e /var/lib/tavrix/history/history.db ] || wrong "nothing is kept"'
   step "install: the comparison library is linked" 'expect_link libsamdb-common-samba4.so.0'
-  step "install: each unit's exposure is 4.0 or better" 'expect_exposure 4.0'
+  step "install: each unit's exposure is 4.0 or better" 'expect_exposure 4.0 tavrix-{sweeper,loader,historian,metrics}'
   step "install: the metrics run when node_exporter's folder comes" 'expect_timer_with_its_folder_only'
   step "remove: services, programs and link are gone, settings and state stay" '
     apt remove libtavrix1 tavrix-tools tavrix-historian samba-vfs-tavrix
@@ -128,7 +130,7 @@ try_upgrade() {
     apt install /root/previous/*.deb
     make_share
     open_session
-    smb "cd Shared\\Design; put /etc/hostname first.txt" >/dev/null
+    put first.txt
     expect_event first.txt'
   step "a killed session: the confined sweeper records what it had open" 'kill_a_session_that_writes; expect_event slow.txt'
   step "an operator changes the settings" \
@@ -147,7 +149,7 @@ try_upgrade() {
     said ", anna"'
   step "upgrade: the old session goes on, a new one works, no event is lost" '
     tell_session "put /etc/hostname old.txt"
-    smb "cd Shared\\Design; put /etc/hostname new.txt" >/dev/null
+    put new.txt
     for name in during old new; do expect_event $name.txt; done
     close_session'
   step "the confined services complain of nothing" 'expect_no_complaint'
@@ -180,7 +182,7 @@ try_updates_of_samba() {
 # With something left to deliver.
 try_removal() {
   step "remove: the last events come to a file, and the share is named" '
-    smb "cd Shared\\Design; put /etc/hostname last.txt" >/dev/null
+    put last.txt
     cp /usr/bin/tavrixctl /root/
     apt remove samba-vfs-tavrix tavrix-historian tavrix-tools
     said "cannot enter the shares"
@@ -222,6 +224,92 @@ try_without_systemd() {
     without_systemd apt purge samba-vfs-tavrix tavrix-historian tavrix-tools libtavrix1
     [ ! -e /tavrix ] || wrong "/tavrix is left"
     mv /usr/bin/.systemd-tmpfiles /usr/bin/systemd-tmpfiles'
+}
+
+# --- a node of a cluster ---
+
+try_cluster() {
+  local packages=(ctdb ethtool iptables samba-vfs-modules "${needed[@]}")
+  mkdir -p "$scratch/cluster"
+  cp "$folder"/{libtavrix1,tavrix-tools,samba-vfs-tavrix,tavrix-cluster}_*.deb "$scratch/cluster/"
+  start_empty_machine "${packages[@]}"
+  machine_copy office "$scratch/cluster" /root
+  step "an empty machine gets CTDB and Samba" "apt update; apt install ${packages[*]}; snapshot >/root/before"
+  step "cluster: on a machine that is no node the daemon does not run, and nothing has failed" '
+    apt install /root/cluster/*.deb
+    expect_services
+    systemctl is-enabled -q tavrix-clusterd || wrong "the daemon is not enabled"
+    [ "$(systemctl show -P ActiveState tavrix-clusterd)" = inactive ] || wrong "the daemon runs, or failed"
+    for script in 45.tavrix 60.tavrix; do
+      [ -x /etc/ctdb/events/legacy/$script.script ] || wrong "CTDB has no script $script"
+    done'
+  step "cluster: the daemon's exposure is 4.0 or better" 'expect_exposure 4.0 tavrix-clusterd'
+  step "cluster: a node is healthy, and serves its address" '
+    make_node
+    start_node
+    expect_active tavrix-sweeper tavrix-loader tavrix-clusterd smbd
+    await_public_address
+    tavrixctl health
+    tavrixctl cluster status'
+  step "cluster: a client works, and its events name the node" '
+    add_password
+    put first.txt
+    expect_event first.txt
+    ls $conf/staging/office/pending_* >/dev/null'
+  step "cluster: settings that go to all nodes reach the confined services" '
+    sed -i "s/^flush period = 5/flush period = 2/" /etc/tavrix/tavrix.conf
+    tavrixctl cluster share --settings
+    for try in {1..100}; do
+      ! journalctl -q -u tavrix-sweeper -o cat | grep -q "settings read: flushing every 2 seconds" || exit 0
+      sleep 0.1
+    done
+    wrong "the sweeper has the old settings"'
+  step "cluster: a killed ctdbd leaves no address behind" '
+    pkill -KILL -x ctdbd
+    for try in {1..100}; do has_public_address || break; sleep 0.1; done
+    ! has_public_address || wrong "the address is still served"
+    systemctl stop ctdb'
+  step "cluster: the node comes back, is drained and resumed" '
+    start_node
+    tavrixctl cluster drain office
+    tavrixctl cluster resume office
+    start_node
+    put last.txt'
+  step "cluster: a stop of CTDB ends the servers, and delivers the events without an alarm" '
+    systemctl stop ctdb
+    ! pgrep -x smbd || wrong "a server runs"
+    expect_event last.txt
+    [ ! -e $conf/tavrix_event_status.dirty ] || wrong "the agent is asked for a rescan"'
+  step "cluster: the services complain of nothing" 'expect_no_complaint'
+  step "cluster: purge: the machine is as before" '
+    apt purge tavrix-cluster samba-vfs-tavrix tavrix-tools libtavrix1
+    expect_no_memory
+    rm -rf /etc/samba/smb.conf
+    userdel anna
+    expect_snapshot /root/before " /tavrix|ctdb|/etc/(samba/smb.conf|passwd|group|shadow|gshadow|subuid|subgid)|/etc/(rc.\.d|systemd)/.*(smbd|nmbd)"'
+  machine_kill office
+}
+
+# --- the page in the web console ---
+
+try_page() {
+  local packages=(cockpit-bridge "${needed[@]}")
+  mkdir -p "$scratch/page"
+  cp "$folder"/{libtavrix1,tavrix-tools,cockpit-tavrix}_*.deb "$scratch/page/"
+  start_empty_machine "${packages[@]}"
+  machine_copy office "$scratch/page" /root
+  step "an empty machine gets the console's bridge" "apt update; apt install ${packages[*]}; snapshot >/root/before"
+  step "page: the console knows it, and each of its files" '
+    apt install /root/page/*.deb
+    cockpit-bridge --packages | grep -q "^tavrix .*/usr/share/cockpit/tavrix$" || wrong "the console does not know the page"
+    for file in index.html index.js index.css manifest.json LICENSES.txt; do
+      [ -s /usr/share/cockpit/tavrix/$file ] || wrong "$file is missing"
+    done'
+  step "page: purge: the machine is as before" '
+    apt purge cockpit-tavrix tavrix-tools libtavrix1
+    expect_no_memory
+    expect_snapshot /root/before'
+  machine_kill office
 }
 
 # --- the other parts ---
@@ -267,8 +355,8 @@ try_autopkgtest() {
 
 for part in "${parts[@]}"; do
   case $part in
-    lintian | life | piuparts | autopkgtest) "try_$part" ;;
-    *) echo "no part $part; there are: lintian life piuparts autopkgtest" >&2; exit 2 ;;
+    lintian | life | cluster | page | piuparts | autopkgtest) "try_$part" ;;
+    *) echo "no part $part; there are: lintian life cluster page piuparts autopkgtest" >&2; exit 2 ;;
   esac
 done
 echo "the packages are in order"

@@ -37,7 +37,7 @@ constexpr milliseconds kHurriedPeriod{50};
 constexpr std::chrono::seconds kPatience{10};
 
 struct Order {
-  bool is_once = false, is_join = false;
+  bool is_once = false, is_join = false, is_question = false;
   unsigned wait = 60;  // seconds
 };
 
@@ -62,7 +62,7 @@ Fd lock_node(std::chrono::seconds patience) {
 
 class Service {
  public:
-  explicit Service(const Settings& settings) : member_(settings), period_(settings.period()) {}
+  explicit Service(const Settings& settings) : member_(settings) {}
 
   int run() {
     signals_ = service::take_signals();
@@ -79,14 +79,14 @@ class Service {
 
  private:
   void pause() {
-    const milliseconds time = member_.is_busy() ? std::min(kBusyPeriod, period_) : period_;
+    const milliseconds period = member_.period();
+    const milliseconds time = member_.is_busy() ? std::min(kBusyPeriod, period) : period;
     pollfd ready[] = {{signals_.get(), POLLIN, 0}};
     poll(ready, 1, static_cast<int>(time.count()));
     while (const int signal = service::next_signal(signals_)) stops_ |= signal != SIGHUP;
   }
 
   Member member_;
-  milliseconds period_;
   Fd signals_;
   bool stops_ = false;
 };
@@ -121,11 +121,12 @@ int join_beside_daemon(const Settings& settings, const Order& order) {
   return 1;
 }
 
+constexpr const char* kNoNode =
+    "this machine is no node of a cluster: CLUSTER:enabled is no in tavrix.conf";
+
 // Settings that keep the daemon from its work: a sentence, or an empty text.
 std::string obstacle(const Settings& settings) {
-  if (!settings.is_enabled) {
-    return "this machine is no node of a cluster: CLUSTER:enabled is no in tavrix.conf";
-  }
+  if (!settings.is_enabled) return kNoNode;
   if (settings.node.empty()) {
     return "the host name is no name of a node: it needs letters and digits, at most 64";
   }
@@ -135,7 +136,15 @@ std::string obstacle(const Settings& settings) {
   return {};
 }
 
+// The service manager asks before it starts the service, which then does not count as failed.
+int tell_whether_enabled(const Settings& settings) {
+  if (settings.is_enabled) return 0;
+  say(Tone::kInfo, kNoNode);
+  return 1;
+}
+
 int run(const Settings& settings, const Order& order) {
+  if (order.is_question) return tell_whether_enabled(settings);
   for (const std::string& line : settings.warnings) say(Tone::kWarning, line);
   if (const std::string why = obstacle(settings); !why.empty()) {
     say(Tone::kError, why);
@@ -173,6 +182,8 @@ int main(int argc, char** argv) {
       app.add_flag("--once", order.is_once, "do what waits, and exit when nothing is left to do");
   app.add_flag("--join", order.is_join, "exit as soon as the committed map is in force here")
       ->excludes(once);
+  app.add_flag("--is-enabled", order.is_question,
+               "only tell whether this machine is a node of a cluster (exit 1: it is not)");
   app.add_option("--wait", order.wait, "give up --once and --join after that many seconds")
       ->type_name("SECONDS")
       ->capture_default_str();

@@ -31,6 +31,7 @@ milliseconds Settings::period() const {
 Settings read_settings(const std::string& file) {
   const auto read = settings::ServiceSettings::read(file);
   Settings result;
+  result.file = file;
   result.is_enabled = read.is_on("CLUSTER:enabled");
   result.commit = seconds(read.number("CLUSTER:commit seconds"));
   result.fence = seconds(read.number("CLUSTER:fence seconds"));

@@ -13,6 +13,7 @@ struct Settings {
   std::chrono::seconds commit{30};  // a map waits so long for nodes that have not prepared it
   std::chrono::seconds fence{10};   // no verdict is from a map that is out of force for longer
   unsigned kept_maps = 0;
+  std::string file;
   std::string node;         // empty: the host name is no name of a node
   std::string leader_file;  // names the node that may commit; empty: whoever has the lock
   std::vector<std::string> warnings;
