@@ -4,6 +4,8 @@ import asyncio
 import json
 import logging
 import os
+import pathlib
+import re
 import shutil
 import sqlite3
 import subprocess
@@ -899,6 +901,10 @@ class Everybody(PageTest):
         "permissions?path=Shared/Nowhere": "document.querySelector('.error-note')",
         "maps": "document.body?.innerText.includes('11 entries') && document.body.innerText.includes('No map was refused')",
     }
+    MORE_PLACES = {
+        "history?since=365d": "document.querySelector('.activity')",
+        "maps?diff=kept-1": "document.querySelector('.difference')",
+    }
     # The only commands that may be asked without a question to the user: none changes anything.
     QUESTIONS = {"status", "map tree", "map find", "map acl", "map info", "map history", "map refused", "map diff", "check", "who",
                  "effective", "groupmap show", "history search", "history report", "history file"}
@@ -918,10 +924,31 @@ class Everybody(PageTest):
                 with self.subTest(place=place, dark=is_dark):
                     self.assertEqual([], await page.violations(AXE))
 
+    # Everything that has a colour for its meaning: the meaning (PatternFly's class), the words, and whether a sign is
+    # beside them.
+    COLOURED = """[...document.querySelectorAll(
+        '.pf-v6-c-label, .pf-v6-c-alert, .pf-v6-c-progress-stepper__step, .pf-v6-c-progress, .pf-v6-c-button.pf-m-danger')].map(each => ({
+      meaning: ['success', 'danger', 'warning', 'info', 'custom'].find(one => each.classList.contains('pf-m-' + one)) ?? '',
+      words: each.innerText.trim(), isLabel: each.classList.contains('pf-v6-c-label'),
+      hasSign: each.querySelector('svg') !== null }))"""
+
+    async def test_tells_nothing_by_colour_alone(self):
+        hand_over([{"DIR": "Shared"}])
+        meanings = {}
+        for place, ready in {**self.PLACES, **self.MORE_PLACES}.items():
+            page = await self.open(place)
+            await page.until(ready)
+            await page.until("!document.querySelector('.pending')")
+            for each in await page.js(self.COLOURED):
+                with self.subTest(place=place, words=each["words"]):
+                    self.assertTrue(each["words"])
+                    if each["isLabel"] and each["meaning"]:
+                        self.assertTrue(each["hasSign"])
+                        self.assertEqual(each["meaning"], meanings.setdefault(each["words"], each["meaning"]))
+        self.assertGreater(len(set(meanings.values())), 1, meanings)
+
     async def test_changes_nothing_by_looking(self):
-        places = dict(self.PLACES)
-        places["history?since=365d"] = "document.querySelector('.activity')"
-        places["maps?diff=kept-1"] = "document.querySelector('.difference')"
+        places = {**self.PLACES, **self.MORE_PLACES}
         with replaced_tool(f"#!/bin/sh\necho \"$(id -u) $*\" >>/scratch/asked\nexec {os.readlink(TOOL)} \"$@\"\n"):
             for place, ready in places.items():
                 page = await self.open(place)
@@ -944,6 +971,30 @@ class Everybody(PageTest):
             if name == "permissions":
                 await page.dark()
                 await page.picture(f"{PICTURES}/page-permissions-dark.png")
+
+
+class Texts(unittest.TestCase):
+    """What the page says stands in texts.ts, so that a translation is one file."""
+
+    WORDS = r"[A-Za-z]{2,}"
+    IN_ELEMENT = re.compile(rf">([^<>{{}}=()]*{WORDS}[^<>{{}}=()]*)</")
+    IN_ATTRIBUTE = re.compile(rf'\b(?:aria-label|title|label|placeholder|alt|valueText)="[^"]*{WORDS}[^"]*"')
+    IN_CODE = re.compile(r"""(['"`])[A-Z](?:(?!\1)[^\n])*? [a-z]+(?:(?!\1)[^\n])*?\1""")  # a sentence
+
+    def found(self, code):
+        code = re.sub(r"//.*|/\*.*?\*/", "", code)
+        return [match.group(0) for shape in (self.IN_ELEMENT, self.IN_ATTRIBUTE, self.IN_CODE) for match in shape.finditer(code)]
+
+    def test_stand_in_one_file(self):
+        files = [file for file in pathlib.Path(SOURCES, "page/src").rglob("*.ts*") if file.name != "texts.ts" and ".d." not in file.name]
+        self.assertGreater(len(files), 20)
+        for file in files:
+            with self.subTest(file=file.name):
+                self.assertEqual([], self.found(file.read_text()))
+
+    def test_would_be_seen_elsewhere(self):
+        for code in ("<b>Folders</b>", '<Card title="Folders">', "say('No such folder')", "say(`No ${kind} folder`)"):
+            self.assertTrue(self.found(code), code)
 
 
 class Login(PageTest):
