@@ -236,11 +236,15 @@ int put_up(const Options& options, const HeldMap& held) {
     complain("another map is held by now; look at it first");
     return kFailure;
   }
-  const std::string groups = held.pair + "/groupmap";
+  const auto came = [&held](const char* name) {
+    const std::string path = held.pair + "/" + name;
+    return files::exists(path) ? path : "";
+  };
   const std::string node = cluster::this_node();
   const cluster::HandOver hand_over(".held." + node, node);
-  const bool is_staged = hand_over.stage(held.pair + "/size.json", held.pair + "/data.json",
-                                         files::exists(groups) ? groups : "");
+  const bool is_staged =
+      hand_over.stage({held.pair + "/size.json", held.pair + "/data.json",
+                       came(cluster::kGroupsName), came(cluster::kSettingsName)});
   const auto number = is_staged ? hand_over.give_number() : std::nullopt;
   if (!number) {
     complain("the map cannot be put up for all nodes in {}: {}; it is held still",
