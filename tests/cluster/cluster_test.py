@@ -5,6 +5,7 @@
 usage: cluster_test.py [CASE]...
 """
 
+import json
 import random
 import subprocess
 import sys
@@ -111,19 +112,19 @@ def dump_files_of_nodes_do_not_collide():
     # A program with the same process number and the same time on each node.
     preload = cluster.FOLDER / "same.so"
     build_preload(preload)
-    names = []
+    names, clients = [], []
+    nodes_of = spread_addresses()
     for node in NODES:
         on(node, "pkill", "-STOP", "-x", "tavrix-sweeper")
     for address in ADDRESSES:
-        names.append(f"from_{cluster.holder(address)}.txt")
-        client, tree = connect(address)
-        put(client, tree, "Shared\\Design\\" + names[-1])
+        names.append(f"from_{nodes_of[address]}.txt")
+        clients.append(connect(address))  # a server process whose client leaves flushes
+        put(*clients[-1], "Shared\\Design\\" + names[-1])
     for node in NODES:
         on(node, "env", f"LD_PRELOAD={preload}", "tavrixctl", "events", "buffer", "flush")
     same = [file for file in cluster.dumps() if file.name == "pending_4711_1800000000.000005"]
     for node in NODES:
         on(node, "pkill", "-CONT", "-x", "tavrix-sweeper")
-    assert len(set(names)) == len(NODES), names
     assert len(same) == len(NODES), f"{len(same)} dump files of {len(NODES)} nodes: {same}"
     assert not cluster.missing(names)
 
@@ -149,6 +150,12 @@ pid_t getpid(void) { return 4711; }
 
 def is_one_holder_each():
     return all(len(cluster.holders(address)) == 1 for address in ADDRESSES)
+
+
+def spread_addresses():
+    """The node of each address, when each node has one: CTDB gives them back some seconds after all are well."""
+    assert comes(lambda: is_one_holder_each() and len({cluster.holder(each) for each in ADDRESSES}) == len(NODES))
+    return {address: cluster.holder(address) for address in ADDRESSES}
 
 
 @case
@@ -208,8 +215,7 @@ def expect_healthy_for_a_round(count):
 
 @case
 def share_modes_hold_across_nodes():
-    nodes_of = {address: cluster.holder(address) for address in ADDRESSES}
-    assert len(set(nodes_of.values())) == 3, nodes_of
+    spread_addresses()
     first, first_tree = connect(ADDRESSES[0])
     second, second_tree = connect(ADDRESSES[1], "admin")
     put(first, first_tree, "Shared\\Design\\modes.txt")
@@ -224,6 +230,23 @@ def share_modes_hold_across_nodes():
     first.closeFile(first_tree, handle)
     second.openFile(second_tree, "Shared\\Design\\modes.txt", desiredAccess=FILE_READ_DATA,
                     shareMode=FILE_SHARE_READ | FILE_SHARE_WRITE, creationDisposition=FILE_OPEN)
+
+
+# --- settings ------------------------------------------------------------------------------------
+
+
+@case
+def settings_of_a_node_reach_all():
+    def period(node):
+        shown = json.loads(on(node, "tavrixctl", "--json", "config", "show"))
+        return next(each["value"] for each in shown["settings"] if each["name"] == "SWEEPER:flush period")
+
+    before = period(1)
+    for value in (before + 2, before):
+        on(1, "sed", "-i", f"s/^flush period = .*/flush period = {value}/", "/etc/tavrix/tavrix.conf")
+        on(1, "tavrixctl", "cluster", "share", "--settings")
+        assert comes(lambda v=value: all(period(node) == v for node in NODES)), [period(node) for node in NODES]
+    assert comes(lambda: on(2, "tavrixctl", "cluster", "status", check=False).find("differs") < 0)
 
 
 # --- many things at once -------------------------------------------------------------------------

@@ -54,21 +54,6 @@ TEST_F(ClusterMaps, ThePairInTheSharedFolderIsTakenByOneLoader) {
   EXPECT_EQ(2, committed()["number"]) << "each pair got one number";
 }
 
-TEST_F(ClusterMaps, TheGroupListMapComesWithItsPair) {
-  add("one");
-  add("two");
-  write_file("/scratch/groups.json", R"({"reserved": {}, "users": {"anna": [1]}})");
-  ASSERT_EQ(0,
-            ctl({"groupmap", "build", "/scratch/groups.json", "-o", node(0).inbox() + "/groupmap"})
-                .exit_code);
-  const std::string groups = read_file(node(0).inbox() + "/groupmap");
-  hand_over(node(0), 30);
-  start_daemons();
-  EXPECT_TRUE(all_have(30));
-  EXPECT_EQ(groups, read_file(node(1).in_etc("groupmap_refresh")));
-  EXPECT_FALSE(exists(node(0).inbox() + "/groupmap"));
-}
-
 TEST_F(ClusterMaps, ABrokenPairIsRefusedBeforeItIsPutUp) {
   add("one");
   put_pair(node(0).inbox(), 30);
@@ -245,6 +230,15 @@ TEST_F(ClusterMaps, AMachineThatIsNoNodeHasNoDaemon) {
   write_file(node(0).in_etc("tavrix.conf"), "");
   const Outcome outcome = node(0).once();
   EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "CLUSTER:enabled is no")) << outcome.err;
+}
+
+TEST_F(ClusterMaps, AServiceManagerLearnsWhetherThereIsAnythingToRun) {
+  add("one");
+  EXPECT_EQ(0, node(0).is_enabled().exit_code);
+  write_file(node(0).in_etc("tavrix.conf"), "");
+  const Outcome outcome = node(0).is_enabled();
+  EXPECT_EQ(1, outcome.exit_code);
   EXPECT_TRUE(contains(outcome.err, "CLUSTER:enabled is no")) << outcome.err;
 }
 

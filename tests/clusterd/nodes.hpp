@@ -40,10 +40,22 @@ class Node {
   [[nodiscard]] std::string in_etc(const std::string& file) const { return home_ + "/etc/" + file; }
   [[nodiscard]] std::string inbox() const { return home_ + "/maps"; }
 
-  // `settings` are lines of the section CLUSTER.
-  void configure(const std::string& settings, const std::string& others = "") const {
-    write_file(in_etc("tavrix.conf"), "[SWEEPER]\nstaging dir = /tavrix/.conf/staging\n" + others +
-                                          "[CLUSTER]\nenabled = yes\n" + settings);
+  // `cluster` are lines of the section CLUSTER, and `sweeper` of SWEEPER.
+  static std::string settings(const std::string& cluster, const std::string& sweeper = "") {
+    return "[SWEEPER]\nstaging dir = /tavrix/.conf/staging\n" + sweeper +
+           "[CLUSTER]\nenabled = yes\n" + cluster;
+  }
+  void configure(const std::string& cluster, const std::string& sweeper = "") const {
+    write_file(in_etc("tavrix.conf"), settings(cluster, sweeper));
+  }
+  // The value of a setting that is in force.
+  [[nodiscard]] int setting(const std::string& name) const {
+    const auto shown =
+        nlohmann::json::parse(run({kCtl, "--json", "config", "show"}).out, nullptr, false);
+    for (const auto& one : shown.value("settings", nlohmann::json::array())) {
+      if (one["name"] == name) return one["value"].get<int>();
+    }
+    return -1;
   }
   // The machine runs anew: what is not on its disk is gone.
   void power_on() {
@@ -88,6 +100,7 @@ class Node {
   [[nodiscard]] Outcome once(const Environment& environment = {}) const {
     return run({kDaemon, "--once", "--wait", "20"}, environment);
   }
+  [[nodiscard]] Outcome is_enabled() const { return run({kDaemon, "--is-enabled"}); }
   [[nodiscard]] Outcome join() const { return run({kDaemon, "--join", "--wait", "20"}); }
 
   // 0 without a map.
@@ -109,8 +122,10 @@ class Node {
     return exists(path) ? nlohmann::json::parse(read_file(path)) : nlohmann::json::object();
   }
   // True while this node may serve clients.
-  [[nodiscard]] bool may_serve() const {
-    return cluster::lease_end(home_ + "/run/tavrix/cluster.lease").value_or(0) >
+  [[nodiscard]] bool may_serve() const { return lease_left() > 0; }
+  // In nanoseconds.
+  [[nodiscard]] int64_t lease_left() const {
+    return cluster::lease_end(home_ + "/run/tavrix/cluster.lease").value_or(0) -
            cluster::lease_clock();
   }
 
@@ -173,6 +188,17 @@ class Cluster : public Operator {
     write_json_pair(wide(folders), {.generation = folders});
     make_dirs(folder);
     run_program({"mv", "/scratch/data.json", "/scratch/size.json", folder});
+  }
+  // Puts files into a folder that go to all nodes with the next pair. `groups` makes one group list
+  // map differ from another.
+  static void put_companions(const std::string& folder, const std::string& settings, int groups) {
+    make_dirs(folder);
+    write_file(folder + "/tavrix.conf", settings);
+    write_file("/scratch/groups.json",
+               R"({"reserved": {}, "users": {"anna": [)" + std::to_string(groups) + "]}}");
+    ASSERT_EQ(
+        0,
+        ctl({"groupmap", "build", "/scratch/groups.json", "-o", folder + "/groupmap"}).exit_code);
   }
   // The loader of a node takes a pair and puts it up for all nodes.
   static void hand_over(const Node& node, uint32_t folders) {

@@ -218,6 +218,17 @@ TEST_F(Health, OnlyNotesWhatAllNodesShare) {
   expect_healthy();
 }
 
+// Without a map no node could be healthy, and no address would be served to say so.
+TEST_F(Health, NeedsNoMapBeforeTheClusterHasOne) {
+  join();
+  ctl({"map", "remove", "--yes"});
+  expect_healthy();
+  EXPECT_TRUE(is_noted("map"));
+  commit(1, 1, 0);
+  expect_unhealthy("map", "there is no map, so nobody may do anything");
+  EXPECT_FALSE(is_noted("map"));
+}
+
 TEST_F(Health, NotesAlarmsOnAMachineAlone) {
   EXPECT_FALSE(is_noted("sync-off"));
   write_file(kSyncOff, "Failed to write event.");

@@ -55,6 +55,7 @@ std::vector<Example> examples() {
       {{"cluster", "drain"}, {"node2"}, {}},
       {{"cluster", "resume"}, {"node2"}, {}},
       {{"cluster", "adopt"}, {"node2", "--yes-it-is-gone"}, {}},
+      {{"cluster", "share"}, {"--settings", "--groups"}, {}},
       {{"map", "lint"}, {"/scratch/size.json", "/scratch/data.json"}, {}},
       {{"map", "lint"}, {"/scratch/broken.json", "/scratch/broken.json"}, {}},
       {{"map", "import"}, {"/scratch/size.json", "/scratch/data.json"}, {}},

@@ -56,7 +56,7 @@ TEST_F(Manual, KnowsEveryCommandAndOption) {
 TEST_F(Manual, KnowsTheServicesOptions) {
   for (const auto& [program, count] : {std::pair{std::string("tavrix-loader"), 5U},
                                        {"tavrix-sweeper", 4U},
-                                       {"tavrix-clusterd", 6U},
+                                       {"tavrix-clusterd", 7U},
                                        {"tavrix-historian", 3U}}) {
     const auto names = options(run_program({TAVRIX_BUILD_DIR "/tools/" + program, "--help"}).out);
     EXPECT_EQ(count, names.size()) << program;

@@ -60,6 +60,18 @@ esac
   chmod("/scratch/bin/ctdb", 0755);
 }
 
+// Both have this map in force, and no other is on its way.
+inline void commit_map() {
+  remove_all("/tavrix/.conf/cluster/maps");
+  const std::string folder = "/tavrix/.conf/cluster/maps/2";
+  make_dirs(folder);
+  write_file(folder + "/size.json", "{}");
+  write_file(folder + "/data.json", "[]");
+  write_file("/tavrix/.conf/cluster/committed.json",
+             R"({"number": 2, "sha256": {"size": "s", "data": "d"}, "generation": 7, )"
+             R"("timestamp": 1, "when": 1, "by": "node1"})");
+}
+
 inline void make_two_nodes() {
   if (unshare(CLONE_NEWUTS) != 0 || sethostname("node1", 5) != 0) std::abort();
   const std::string file = "/etc/tavrix/tavrix.conf";
@@ -80,6 +92,7 @@ inline void make_two_nodes() {
     tell_word(node, 7, std::time(nullptr));
     tell_staged(node, 0);
   }
+  commit_map();
   install_ctdb();
   setenv("PATH", "/scratch/bin:/usr/bin:/bin", 1);
 }

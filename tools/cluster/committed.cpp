@@ -13,6 +13,17 @@ using json::Json;
 
 constexpr mode_t kMode = 0644;
 
+void put(Json& json, const char* name, const Companion& companion) {
+  if (companion.number == 0) return;
+  json[name]["number"] = companion.number;
+  json[name]["sha256"] = companion.digest;
+}
+
+Companion companion_in(const Json& json, const char* name) {
+  if (!json.contains(name)) return {};
+  return {json.at(name).at("number"), json.at(name).at("sha256")};
+}
+
 }  // namespace
 
 Json json_of(const Sums& sums) {
@@ -20,11 +31,13 @@ Json json_of(const Sums& sums) {
   json["size"] = sums.size;
   json["data"] = sums.data;
   if (!sums.groups.empty()) json["groups"] = sums.groups;
+  if (!sums.settings.empty()) json["settings"] = sums.settings;
   return json;
 }
 
 Sums sums_in(const Json& json) {
-  return {json.at("size"), json.at("data"), json.value("groups", std::string())};
+  return {json.at("size"), json.at("data"), json.value("groups", std::string()),
+          json.value("settings", std::string())};
 }
 
 Json json_of(const Committed& committed) {
@@ -35,6 +48,8 @@ Json json_of(const Committed& committed) {
   json["timestamp"] = committed.timestamp;
   json["when"] = committed.when;
   json["by"] = committed.by;
+  put(json, "groups", committed.groups);
+  put(json, "settings", committed.settings);
   return json;
 }
 
@@ -46,6 +61,8 @@ Committed committed_in(const Json& json) {
   committed.timestamp = json.at("timestamp");
   committed.when = json.at("when");
   committed.by = json.at("by");
+  committed.groups = companion_in(json, "groups");
+  committed.settings = companion_in(json, "settings");
   return committed;
 }
 

@@ -14,12 +14,20 @@ namespace tavrix::cluster {
 // The checksums of the files that are handed over together.
 struct Sums {
   files::Digest size, data;
-  files::Digest groups;  // of the group list map; empty: none came with the pair
+  files::Digest groups;    // of the group list map; empty: none came with the pair
+  files::Digest settings;  // of the settings file, likewise
   bool operator==(const Sums&) const = default;
 };
 [[nodiscard]] json::Json json_of(const Sums& sums);
 // Throws json::Json::exception when a key is missing, as the other functions of its kind do.
 [[nodiscard]] Sums sums_in(const json::Json& json);
+
+// A file that came with a pair. It is the cluster's until another one comes, whatever pairs come
+// without one: a node that was away for both gets it too.
+struct Companion {
+  uint32_t number = 0;  // of the pair; 0: none ever came
+  files::Digest digest;
+};
 
 struct Committed {
   uint32_t number = 0;  // 0: no map was ever handed to the cluster
@@ -28,6 +36,7 @@ struct Committed {
   int64_t timestamp = 0;    // of the image
   int64_t when = 0;         // seconds since 1970
   std::string by;           // the node that committed it
+  Companion groups, settings;
 };
 [[nodiscard]] json::Json json_of(const Committed& committed);
 [[nodiscard]] Committed committed_in(const json::Json& json);

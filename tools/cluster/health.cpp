@@ -98,6 +98,12 @@ class Look {
     const bool is_named =
         tables.set != -1 && tables.initialized == 1 && (tables.current == 0 || tables.current == 1);
     if (!is_named || tables.table[tables.current].id == -1) {
+      if (has_cluster_no_map()) {
+        health_.notes.push_back({"map",
+                                 "no map was handed to the cluster yet, so nobody may do "
+                                 "anything"});
+        return {};
+      }
       return "there is no map, so nobody may do anything; hand one over, or \"tavrixctl map "
              "restore\"";
     }
@@ -116,6 +122,11 @@ class Look {
     }
     generation_ = uint32_t{header.generationnum};  // packed
     return {};
+  }
+
+  // All nodes share this. A shared tree that is away looks alike, and ends the lease.
+  [[nodiscard]] bool has_cluster_no_map() const {
+    return is_node() && access(kCommitted, F_OK) != 0 && errno == ENOENT;
   }
 
   // An old map is no problem before the other nodes could have had theirs.

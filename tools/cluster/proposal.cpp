@@ -105,15 +105,6 @@ bool remove_tree(const std::string& path) {
   return !failure;
 }
 
-std::optional<uint32_t> highest_number() {
-  const auto names = names_in(kFolder);
-  const auto committed = read_committed();
-  if (!names || !committed) return std::nullopt;
-  uint32_t highest = committed->number;
-  for (const std::string& name : *names) highest = std::max(highest, number_of(name));
-  return highest;
-}
-
 std::optional<Answer> read_answer(const Proposal& proposal, const std::string& node) {
   const auto json = read_object(proposal.path("prepared/" + node));
   if (!json) return std::nullopt;
@@ -193,22 +184,35 @@ bool remove_proposal(uint32_t number) {
 
 void clear_removed() {
   for (const std::string& name : names_in(kFolder).value_or(std::vector<std::string>{})) {
-    if (name.starts_with(kRemoved)) static_cast<void>(remove_tree(kFolder + "/" + name));
+    if (name.starts_with(kRemoved)) static_cast<void>(remove_tree(kMapsFolder + ('/' + name)));
   }
 }
 
-HandOver::HandOver(std::string slot, std::string node)
+std::optional<uint32_t> last_number() {
+  const auto names = names_in(kFolder);
+  const auto committed = read_committed();
+  if (!names || !committed) return std::nullopt;
+  uint32_t last = committed->number;
+  for (const std::string& name : *names) last = std::max(last, number_of(name));
+  return last;
+}
+
+HandOver::HandOver(const std::string& slot, std::string node)
     : folder_(kFolder + "/" + kStaged + slot), node_(std::move(node)) {}
 
 // "proposal.json" comes last: with it the files are staged.
-bool HandOver::stage(const std::string& size, const std::string& data,
-                     const std::string& groups) const {
+bool HandOver::stage(const Files& files) const {
   if (!make_shared_folders() || !remove_tree(folder_)) return false;
   Sums sums;
   if (!make_folder(folder_) || !make_folder(folder_ + "/prepared")) return false;
-  if (!copy_file(size, folder_ + "/size.json", sums.size)) return false;
-  if (!copy_file(data, folder_ + "/data.json", sums.data)) return false;
-  if (!groups.empty() && !copy_file(groups, folder_ + "/groupmap", sums.groups)) return false;
+  const auto copy = [this](const std::string& from, const char* name, files::Digest& digest) {
+    return from.empty() || copy_file(from, folder_ + "/" + name, digest);
+  };
+  if (!copy(files.size, "size.json", sums.size) || !copy(files.data, "data.json", sums.data) ||
+      !copy(files.groups, kGroupsName, sums.groups) ||
+      !copy(files.settings, kSettingsName, sums.settings)) {
+    return false;
+  }
   Json json;
   json["node"] = node_;
   json["when"] = std::time(nullptr);
@@ -218,16 +222,20 @@ bool HandOver::stage(const std::string& size, const std::string& data,
 
 bool HandOver::is_staged() const { return files::exists(folder_ + "/proposal.json"); }
 
-std::optional<uint32_t> HandOver::give_number() const {
+std::optional<uint32_t> HandOver::give_number(std::optional<uint32_t> behind) const {
   const Fd lock = lock_shared(kNumberLock, Wait::kYes);
   if (!lock) return std::nullopt;
-  const auto highest = highest_number();
-  if (!highest) return std::nullopt;
-  const std::string folder = kFolder + "/" + std::to_string(*highest + 1);
+  const auto last = last_number();
+  if (!last) return std::nullopt;
+  if (behind && *behind != *last) {
+    errno = EAGAIN;
+    return std::nullopt;
+  }
+  const std::string folder = kFolder + "/" + std::to_string(*last + 1);
   if (rename(folder_.c_str(), folder.c_str()) != 0 || !files::sync_folder(kFolder)) {
     return std::nullopt;
   }
-  return *highest + 1;
+  return *last + 1;
 }
 
 Fd lock_shared(const std::string& path, Wait wait) {

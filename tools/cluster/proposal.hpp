@@ -3,6 +3,7 @@
 //
 //   kMapsFolder/NUMBER/size.json, data.json   the pair
 //   kMapsFolder/NUMBER/groupmap               the group list map that came with it, if one did
+//   kMapsFolder/NUMBER/tavrix.conf            the settings that came with it, if they did
 //   kMapsFolder/NUMBER/proposal.json          who put it up, when, and the checksums of the files
 //   kMapsFolder/NUMBER/prepared/NODE          that node has it as a finished image, or refuses it
 //   kMapsFolder/NUMBER/refused.json           it becomes current nowhere, and why
@@ -21,6 +22,10 @@
 
 namespace tavrix::cluster {
 
+// Files that may come with a pair, in its folder.
+constexpr const char* kGroupsName = "groupmap";
+constexpr const char* kSettingsName = "tavrix.conf";
+
 struct Proposal {
   uint32_t number = 0;
   Sums sums;
@@ -30,7 +35,8 @@ struct Proposal {
 
   [[nodiscard]] std::string size_path() const { return path("size.json"); }
   [[nodiscard]] std::string data_path() const { return path("data.json"); }
-  [[nodiscard]] std::string groups_path() const { return path("groupmap"); }
+  [[nodiscard]] std::string groups_path() const { return path(kGroupsName); }
+  [[nodiscard]] std::string settings_path() const { return path(kSettingsName); }
   [[nodiscard]] std::string path(const std::string& name) const;
 };
 // In the order of their numbers. Nothing, and with errno set, when the folder cannot be read.
@@ -54,19 +60,28 @@ struct Answer {
 [[nodiscard]] bool remove_proposal(uint32_t number);
 void clear_removed();
 
+// Files that are handed over together, by their paths. The last two may be empty.
+struct Files {
+  std::string size, data, groups, settings;
+};
+
+// The last number that was given; 0 before the first. Nothing, and with errno set, when the folder
+// cannot be read.
+[[nodiscard]] std::optional<uint32_t> last_number();
+
 // Puts files up as a proposal, in two steps, because the caller notes between them that the first
 // is done. `slot` is the inbox that they come from: only one process at a time works for a slot.
 class HandOver {
  public:
-  HandOver(std::string slot, std::string node);
+  HandOver(const std::string& slot, std::string node);
 
-  // Copies the files under a name that is no number yet. `groups` may be empty.
-  [[nodiscard]] bool stage(const std::string& size, const std::string& data,
-                           const std::string& groups) const;
+  // Copies the files under a name that is no number yet.
+  [[nodiscard]] bool stage(const Files& files) const;
   // True until the staged files have their number.
   [[nodiscard]] bool is_staged() const;
-  // Gives the staged files their number. Nothing, with errno set, when that fails.
-  [[nodiscard]] std::optional<uint32_t> give_number() const;
+  // Gives the staged files their number. Nothing, with errno set, when that fails. With `behind`
+  // it fails when that is not the last number that was given (EAGAIN).
+  [[nodiscard]] std::optional<uint32_t> give_number(std::optional<uint32_t> behind = {}) const;
 
  private:
   std::string folder_, node_;

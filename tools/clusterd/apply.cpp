@@ -4,11 +4,8 @@
 #include <fmt/format.h>
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 
-#include "tavrix_getgrouplist.h"
-#include "tools/files/durable.hpp"
-#include "tools/groupmap/group_map.hpp"
+#include "tools/clusterd/companions.hpp"
 #include "tools/mapkeep/held.hpp"
 #include "tools/mapkeep/keep.hpp"
 #include "tools/mapload/load.hpp"
@@ -29,24 +26,6 @@ void tell(const mapload::Report& report) {
                                                    : Tone::kError,
         said.text);
   }
-}
-
-// The same groups are left alone: connections rebuild identities when the file changes.
-Outcome apply_groups(const cluster::Proposal& proposal) {
-  if (proposal.sums.groups.empty() ||
-      files::digest_of_file(TAVRIX_GROUPMAP_PATH) == proposal.sums.groups) {
-    return {Kind::kDone, ""};
-  }
-  const auto bytes = files::read_whole(proposal.groups_path());
-  if (!bytes) {
-    return {Kind::kFailed, fmt::format("{}: {}", proposal.groups_path(), std::strerror(errno))};
-  }
-  try {
-    groupmap::write_file(TAVRIX_GROUPMAP_PATH, *bytes);
-  } catch (const std::exception& error) {
-    return {Kind::kFailed, error.what()};
-  }
-  return {Kind::kDone, ""};
 }
 
 Outcome publish(const cluster::Committed& committed, const Prepared& prepared) {
@@ -94,7 +73,7 @@ Outcome apply(const cluster::Committed& committed, unsigned kept_maps) {
     tell(recovery.report);
     if (recovery.try_again) return {Kind::kFailed, recovery.status};
   }
-  outcome = apply_groups(proposal);
+  outcome = install_companions(committed);
   if (outcome.kind == Kind::kDone) outcome = publish(committed, prepared);
   if (outcome.kind == Kind::kDone) keep(kept_maps);
   return outcome;

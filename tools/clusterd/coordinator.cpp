@@ -16,6 +16,7 @@ namespace tavrix::clusterd {
 namespace {
 
 using cluster::Answer;
+using cluster::Companion;
 using cluster::Proposal;
 using service::say;
 using service::Tone;
@@ -72,11 +73,12 @@ bool Coordinator::look(const cluster::Committed& committed, const std::vector<Pr
   const bool has_later = std::ranges::any_of(proposals, [next](const Proposal& proposal) {
     return proposal.number > next->number && !proposal.is_refused;
   });
-  return decide(*next, has_later, living);
+  return decide(*next, has_later, living, committed);
 }
 
 // This node is among the living ones. A file that one node found broken is broken on all.
-bool Coordinator::decide(const Proposal& next, bool has_later, const std::vector<State>& living) {
+bool Coordinator::decide(const Proposal& next, bool has_later, const std::vector<State>& living,
+                         const cluster::Committed& before) {
   const std::vector<Answer> answers = cluster::answers(next);
   const Answer* ready = nullptr;
   for (const Answer& answer : answers) {
@@ -90,7 +92,8 @@ bool Coordinator::decide(const Proposal& next, bool has_later, const std::vector
     if (!has_answered) missing.push_back(state.node);
   }
   const bool is_late = Clock::now() - since_ >= patience_;
-  if (ready != nullptr && (missing.empty() || is_late)) return commit(next, *ready, missing);
+  if (ready != nullptr && (missing.empty() || is_late))
+    return commit(next, *ready, missing, before);
   // Without this a map that nobody can prepare would keep back those behind it.
   if (ready == nullptr && is_late && has_later) {
     return refuse(next, fmt::format("no node has prepared it within {} seconds, and a later map "
@@ -112,9 +115,19 @@ bool Coordinator::refuse(const Proposal& proposal, const std::string& why) {
 }
 
 bool Coordinator::commit(const Proposal& proposal, const Answer& answer,
-                         const std::vector<std::string>& missing) {
-  const cluster::Committed committed{proposal.number,  proposal.sums,      answer.generation,
-                                     answer.timestamp, std::time(nullptr), node_};
+                         const std::vector<std::string>& missing,
+                         const cluster::Committed& before) {
+  const auto companion = [&proposal](const files::Digest& digest, const Companion& of_before) {
+    return digest.empty() ? of_before : Companion{proposal.number, digest};
+  };
+  const cluster::Committed committed{proposal.number,
+                                     proposal.sums,
+                                     answer.generation,
+                                     answer.timestamp,
+                                     std::time(nullptr),
+                                     node_,
+                                     companion(proposal.sums.groups, before.groups),
+                                     companion(proposal.sums.settings, before.settings)};
   if (!cluster::write_committed(committed, node_)) {
     say(Tone::kError, fmt::format("cannot commit map {} of the cluster: {}", proposal.number,
                                   std::strerror(errno)));
@@ -132,7 +145,8 @@ bool Coordinator::commit(const Proposal& proposal, const Answer& answer,
   return true;
 }
 
-// A node that has an older map may still need the folder of its next one.
+// A node that has an older map may still need the folder of its next one. The files that came with
+// an earlier pair and are the cluster's stay for a node that returns.
 void Coordinator::remove_old(const cluster::Committed& committed,
                              const std::vector<Proposal>& proposals,
                              const std::vector<State>& living) const {
@@ -140,7 +154,9 @@ void Coordinator::remove_old(const cluster::Committed& committed,
       living, [&committed](const State& state) { return state.number >= committed.number; });
   if (!is_everywhere) return;
   for (const Proposal& proposal : proposals) {
-    if (proposal.number < committed.number) {
+    const bool has_companion =
+        proposal.number == committed.groups.number || proposal.number == committed.settings.number;
+    if (proposal.number < committed.number && !has_companion) {
       static_cast<void>(cluster::remove_proposal(proposal.number));
     }
   }

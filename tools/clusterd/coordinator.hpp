@@ -41,16 +41,19 @@ class Coordinator {
   Coordinator(std::string node, std::chrono::seconds patience)
       : node_(std::move(node)), patience_(patience) {}
 
+  void set_patience(std::chrono::seconds patience) { patience_ = patience; }
+
   // Called by the leader. True when it has changed something that all nodes look at.
   bool look(const cluster::Committed& committed, const std::vector<cluster::Proposal>& proposals,
             const std::vector<State>& living);
 
  private:
   using Clock = std::chrono::steady_clock;
-  bool decide(const cluster::Proposal& next, bool has_later, const std::vector<State>& living);
+  bool decide(const cluster::Proposal& next, bool has_later, const std::vector<State>& living,
+              const cluster::Committed& before);
   bool refuse(const cluster::Proposal& proposal, const std::string& why);
   bool commit(const cluster::Proposal& proposal, const cluster::Answer& answer,
-              const std::vector<std::string>& missing);
+              const std::vector<std::string>& missing, const cluster::Committed& before);
   void remove_old(const cluster::Committed& committed,
                   const std::vector<cluster::Proposal>& proposals,
                   const std::vector<State>& living) const;

@@ -46,6 +46,7 @@ void Member::look() {
   const int64_t start = cluster::lease_clock();
   problems_.clear();
   is_pending_ = is_current_ = false;
+  look_at_settings();
   finish_work();
   const bool is_tree_well = look_at_tree();
   own_ = own_map();
@@ -60,6 +61,23 @@ void Member::look() {
   if (is_current_) renew(start);
   tell_differences();
   tell_problems();
+}
+
+// The settings may come with a map. The name of the node, and that it is one, hold until the daemon
+// is started again.
+void Member::look_at_settings() {
+  const std::string& hash = settings_hash_.look();
+  if (hash == read_settings_) return;
+  const bool is_first = !read_settings_;
+  read_settings_ = hash;
+  Settings read = read_settings(settings_.file);
+  for (const std::string& line : read.warnings) {
+    if (!is_first) say(Tone::kWarning, line);
+  }
+  settings_.commit = read.commit;
+  settings_.fence = read.fence;
+  settings_.kept_maps = read.kept_maps;
+  coordinator_.set_patience(read.commit);
 }
 
 // A node that had maps of the cluster and finds none has lost the shared tree: it looks into an

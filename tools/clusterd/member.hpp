@@ -33,6 +33,8 @@ class Member {
   [[nodiscard]] std::string problem() const;
   // One line.
   [[nodiscard]] std::string status() const;
+  // The next look is due after that long.
+  [[nodiscard]] std::chrono::milliseconds period() const { return settings_.period(); }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -42,6 +44,7 @@ class Member {
     std::chrono::seconds pause{1};
   };
 
+  void look_at_settings();
   bool look_at_tree();
   void begin_work();
   void start(const std::string& what, const std::function<Outcome()>& work);
@@ -68,6 +71,7 @@ class Member {
   Coordinator coordinator_;
   cluster::Lease lease_;
   FileHash settings_hash_, smb_conf_hash_, group_map_hash_;
+  std::optional<std::string> read_settings_;  // the hash of the file when it was read
 
   Job job_;
   std::string work_;  // of the job

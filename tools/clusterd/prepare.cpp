@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tools/cluster/settings_for_all.hpp"
 #include "tools/files/durable.hpp"
 #include "tools/groupmap/group_map.hpp"
 #include "tools/mapcheck/lint.hpp"
@@ -53,10 +54,19 @@ Outcome check_groups(const Proposal& proposal) {
   return findings.errors() > 0 ? refused("groupmap", findings) : Outcome{Kind::kDone, ""};
 }
 
+Outcome check_settings(const Proposal& proposal) {
+  if (proposal.sums.settings.empty()) return {Kind::kDone, ""};
+  const Outcome compared = compare(proposal.settings_path(), proposal.sums.settings);
+  if (compared.kind != Kind::kDone) return compared;
+  const std::string wrong = cluster::mistake_in_settings(proposal.settings_path());
+  return wrong.empty() ? Outcome{Kind::kDone, ""} : Outcome{Kind::kRefused, wrong};
+}
+
 Outcome check_files(const Proposal& proposal) {
   Outcome outcome = compare(proposal.size_path(), proposal.sums.size);
   if (outcome.kind == Kind::kDone) outcome = compare(proposal.data_path(), proposal.sums.data);
   if (outcome.kind == Kind::kDone) outcome = check_groups(proposal);
+  if (outcome.kind == Kind::kDone) outcome = check_settings(proposal);
   if (outcome.kind != Kind::kDone) return outcome;
   std::string error;
   const auto checked = mapcheck::lint_files(proposal.size_path(), proposal.data_path(), error);

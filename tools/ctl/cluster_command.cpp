@@ -436,6 +436,7 @@ void add_cluster_commands(CLI::App& app, Options& options, Action& action) {
       [&options, &action] { action = [&options] { return adopt(arguments, options); }; });
 
   add_cluster_lost_command(*group, options, action);
+  add_cluster_share_command(*group, options, action);
 }
 
 const Command registered(9, add_cluster_commands);

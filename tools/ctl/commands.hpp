@@ -44,8 +44,9 @@ void add_map_history_commands(CLI::App& map, Options& options, Action& action);
 void add_map_refused_command(CLI::App& map, Options& options, Action& action);
 void add_map_diff_command(CLI::App& map, Options& options, Action& action);
 
-// The command below "cluster" that is in a file of its own.
+// The commands below "cluster" that are in files of their own.
 void add_cluster_lost_command(CLI::App& cluster, Options& options, Action& action);
+void add_cluster_share_command(CLI::App& cluster, Options& options, Action& action);
 
 // The commands below "events buffer".
 void add_events_buffer_commands(CLI::App& events, Options& options, Action& action);

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "tools/cluster/proposal.hpp"
 #include "tools/files/durable.hpp"
 
 namespace tavrix::loader {
@@ -22,7 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kSizeName = "size.json";
 constexpr const char* kDataName = "data.json";
-constexpr const char* kGroupsName = "groupmap";
 constexpr const char* kStartsName = "starts";
 constexpr const char* kStagedName = "staged";
 
@@ -77,17 +77,20 @@ Inbox::Identity Inbox::identity_of(const std::string& path) {
   return {info.st_dev, info.st_ino, info.st_size, info.st_mtim};
 }
 
-Inbox::Inbox(std::string folder, unsigned keep_refused, bool takes_groups)
+Inbox::Inbox(std::string folder, unsigned keep_refused, bool takes_companions)
     : folder_(std::move(folder)),
       work_(folder_ + "/.work"),
       refused_(refused_folder(folder_)),
       held_(folder_ + "/held"),
       keep_refused_(keep_refused),
-      takes_groups_(takes_groups) {}
+      takes_companions_(takes_companions) {}
 
 Pair Inbox::in(const std::string& folder) const {
-  return {folder + "/" + kSizeName, folder + "/" + kDataName,
-          takes_groups_ ? folder + "/" + kGroupsName : ""};
+  Pair pair{folder + "/" + kSizeName, folder + "/" + kDataName, "", ""};
+  if (!takes_companions_) return pair;
+  pair.groups = folder + "/" + cluster::kGroupsName;
+  pair.settings = folder + "/" + cluster::kSettingsName;
+  return pair;
 }
 
 std::string Inbox::prepare() const {
@@ -132,7 +135,7 @@ std::optional<Pair> Inbox::take(std::string& complaint) {
   if (stuck_ && *stuck_ == identity_of(from.data)) return std::nullopt;
   mkdir(work_.c_str(), 0755);  // a refusal moves this folder away
   finish(to);
-  const bool taken = take_groups(from, to) && link_or_move(from.data, to.data) &&
+  const bool taken = take_companions(from, to) && link_or_move(from.data, to.data) &&
                      link_or_move(from.size, to.size) && files::sync_file(to.data) &&
                      files::sync_file(to.size) && files::sync_folder(work_);
   if (!taken) {
@@ -147,9 +150,12 @@ std::optional<Pair> Inbox::take(std::string& complaint) {
   return to;
 }
 
-bool Inbox::take_groups(const Pair& from, const Pair& to) const {
-  if (!takes_groups_ || !is_file(from.groups)) return true;
-  return link_or_move(from.groups, to.groups) && files::sync_file(to.groups);
+bool Inbox::take_companions(const Pair& from, const Pair& to) const {
+  if (!takes_companions_) return true;
+  const auto take = [](const std::string& file, const std::string& target) {
+    return !is_file(file) || (link_or_move(file, target) && files::sync_file(target));
+  };
+  return take(from.groups, to.groups) && take(from.settings, to.settings);
 }
 
 // Files that the agent has put there meanwhile are the next pair and stay.
@@ -157,7 +163,10 @@ bool Inbox::leave(const Pair& taken) {
   const Pair from = in(folder_);
   const bool data_left = remove_if_same(from.data, taken.data);
   const bool size_left = remove_if_same(from.size, taken.size);
-  if (takes_groups_ && !remove_if_same(from.groups, taken.groups)) return false;
+  if (takes_companions_ && (!remove_if_same(from.groups, taken.groups) ||
+                            !remove_if_same(from.settings, taken.settings))) {
+    return false;
+  }
   return data_left && size_left && files::sync_folder(folder_);
 }
 
@@ -225,8 +234,9 @@ void Inbox::finish(const Pair& pair) const {
   static_cast<void>(files::remove(pair.data));
   static_cast<void>(files::remove(findings_path(work_)));
   static_cast<void>(files::remove(reason_path(work_)));
-  if (takes_groups_) {
+  if (takes_companions_) {
     static_cast<void>(files::remove(pair.groups));
+    static_cast<void>(files::remove(pair.settings));
     static_cast<void>(files::remove(work_ + "/" + kStagedName));
   }
   forget_starts();

@@ -5,6 +5,7 @@
 //                                  names, then renamed to these, in either order
 //   DIR/groupmap                   on a node of a cluster, before the pair: the group list map that
 //                                  goes to all nodes with it
+//   DIR/tavrix.conf                likewise: settings for all nodes
 //   DIR/.work/                     the pair that is being loaded, until its map is current or it is
 //                                  put up for all nodes; "starts", which counts the runs that began
 //                                  to load it; "staged": it is whole in the shared tree
@@ -23,14 +24,15 @@ namespace tavrix::loader {
 
 struct Pair {
   std::string size, data;  // paths
-  std::string groups;      // the path of a group list map that may have come with the pair
+  // The paths of files that may have come with the pair, on a node of a cluster.
+  std::string groups, settings;
 };
 
 class Inbox {
  public:
-  // Keeps the newest `keep_refused` refused pairs; 0 keeps all. `takes_groups`: a group list map
-  // may come with a pair.
-  Inbox(std::string folder, unsigned keep_refused, bool takes_groups = false);
+  // Keeps the newest `keep_refused` refused pairs; 0 keeps all. `takes_companions`: a group list
+  // map and settings may come with a pair.
+  Inbox(std::string folder, unsigned keep_refused, bool takes_companions = false);
 
   // Makes the folders that are missing. Returns an empty text, or why one cannot be made.
   std::string prepare() const;
@@ -76,12 +78,12 @@ class Inbox {
   [[nodiscard]] Pair in(const std::string& folder) const;
   // Removes the names of a taken pair from the folder. Returns false when one stays.
   [[nodiscard]] bool leave(const Pair& taken);
-  [[nodiscard]] bool take_groups(const Pair& from, const Pair& to) const;
+  [[nodiscard]] bool take_companions(const Pair& from, const Pair& to) const;
   void prune() const;
 
   std::string folder_, work_, refused_, held_;
   unsigned keep_refused_;
-  bool takes_groups_;
+  bool takes_companions_;
   // The data file of a pair whose names cannot be removed from the folder: such a pair is loaded
   // once, not again and again.
   std::optional<Identity> stuck_;

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "tools/cluster/paths.hpp"
+#include "tools/cluster/settings_for_all.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/files/durable.hpp"
 #include "tools/groupmap/group_map.hpp"
@@ -59,10 +60,13 @@ std::optional<Outcome> find_errors(const Pair& pair) {
   return refused(checked->findings);
 }
 
-bool has_groups(const Pair& pair) { return !pair.groups.empty() && files::exists(pair.groups); }
+// The path of a file that came with the pair; empty when it did not.
+std::string if_it_came(const std::string& path) {
+  return !path.empty() && files::exists(path) ? path : "";
+}
 
 std::optional<Outcome> find_errors_in_groups(const Pair& pair) {
-  if (!has_groups(pair)) return std::nullopt;
+  if (if_it_came(pair.groups).empty()) return std::nullopt;
   const auto bytes = files::read_whole(pair.groups);
   if (!bytes) {
     return Outcome{mapload::Result::kTryAgain,
@@ -75,6 +79,14 @@ std::optional<Outcome> find_errors_in_groups(const Pair& pair) {
   Outcome outcome = refused(findings);
   outcome.text = "the group list map has " + outcome.text;
   return outcome;
+}
+
+std::optional<Outcome> find_errors_in_settings(const Pair& pair) {
+  if (if_it_came(pair.settings).empty()) return std::nullopt;
+  const std::string wrong = cluster::mistake_in_settings(pair.settings);
+  if (wrong.empty()) return std::nullopt;
+  return Outcome{
+      mapload::Result::kRefused, "the settings cannot be those of all nodes: " + wrong, {}, {}};
 }
 
 // An import and its publication, if the guard lets the map pass.
@@ -142,8 +154,10 @@ Outcome put_up_pair(const Pair& pair, const Guard& guard, const Inbox& inbox,
   } else {
     if (auto errors = find_errors(pair)) return std::move(*errors);
     if (auto errors = find_errors_in_groups(pair)) return std::move(*errors);
+    if (auto errors = find_errors_in_settings(pair)) return std::move(*errors);
     if (auto reason = find_reason_to_hold(pair, guard, should_stop)) return std::move(*reason);
-    if (!hand_over.stage(pair.size, pair.data, has_groups(pair) ? pair.groups : "")) {
+    if (!hand_over.stage(
+            {pair.size, pair.data, if_it_came(pair.groups), if_it_came(pair.settings)})) {
       return wait_for_tree();
     }
     if (!inbox.note_staged()) {
