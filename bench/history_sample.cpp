@@ -179,7 +179,8 @@ int write_history(const char* file, int64_t records) {
   for (const std::string& sql : drops) is_done = is_done && execute(raw, sql.c_str());
   is_done =
       is_done &&
-      execute(raw, "INSERT INTO dumps VALUES (1, 0, 'sample', 1, 1, 1, x'00', 1, 1, 1); BEGIN");
+      execute(raw,
+              "INSERT INTO dumps VALUES (1, 0, 'sample', 1, 1, 1, x'00', 1, 1, 1, NULL); BEGIN");
   Year year;
   Life life;
   Writer writer(raw);

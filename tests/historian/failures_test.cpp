@@ -107,7 +107,7 @@ TEST_F(HistoryFailure, ANewerDatabaseIsLeftAlone) {
   expect_refusal(keep(), "the history is of a newer version");
   EXPECT_EQ(1U, links().size());
   EXPECT_TRUE(set_aside().empty());
-  changed("PRAGMA user_version = 1");
+  changed("PRAGMA user_version = 2");
   EXPECT_EQ(0, keep().exit_code);
   EXPECT_EQ(Paths{"a"}, kept());
 }
@@ -179,7 +179,7 @@ TEST_F(HistoryFailure, OfASyncLeavesTheRecordsToTheNextLook) {
 
 TEST_F(HistoryFailure, OfALinksRemovalDoublesNothing) {
   dump({"a"});
-  const Outcome outcome = keep(with_faults("unlink@events.pending:30:1:99"));
+  const Outcome outcome = keep(with_faults("unlink@events.staging:30:1:99"));
   EXPECT_TRUE(contains(reached(), "unlink"));
   EXPECT_EQ(1, outcome.exit_code);
   EXPECT_TRUE(contains(outcome.err, "Read-only file system")) << outcome.err;
@@ -191,7 +191,7 @@ TEST_F(HistoryFailure, OfALinksRemovalDoublesNothing) {
 TEST_F(HistoryFailure, OfAReadLeavesTheOtherFilesToBeTaken) {
   dump({"a"});
   dump({"b"});
-  const Outcome outcome = keep(with_faults("open@events.pending:5:1:1"));
+  const Outcome outcome = keep(with_faults("open@events.staging:5:1:1"));
   EXPECT_TRUE(contains(reached(), "open"));
   EXPECT_EQ(1, outcome.exit_code);
   EXPECT_EQ(Paths{"b"}, kept());

@@ -76,7 +76,8 @@ TEST_F(Historian, KeepsReadsBesideChanges) {
 TEST_F(Historian, TakesDumpsInTheOrderOfTheirTimes) {
   ASSERT_EQ(0, keep().exit_code);
   const char* const names[] = {"events.pending_9_200.000001", "events.pending_10_100.000002",
-                               "events.pending_100_100.000001.1", "events.pending_1_unk_time_x"};
+                               "events.pending_100_100.000001.1", "events.pending_1_unk_time_x",
+                               "events.node_7.pending_3_150.000001"};
   for (const char* name : names) {
     dump({name});
     ASSERT_EQ(0, std::rename((kLinks + ("/" + links().back())).c_str(),
@@ -88,7 +89,39 @@ TEST_F(Historian, TakesDumpsInTheOrderOfTheirTimes) {
   }
   ASSERT_EQ(0, keep().exit_code);
   // Without a time in its name a file goes by its own.
-  EXPECT_EQ((Paths{names[2], names[1], names[0], names[3]}), kept());
+  EXPECT_EQ((Paths{names[2], names[1], names[4], names[0], names[3]}), kept());
+}
+
+// Names of folders mean nothing on a machine that is no node.
+TEST_F(Historian, KnowsNoNodeOfAMachineAlone) {
+  ASSERT_EQ(0, keep().exit_code);
+  dump({"a"});
+  ASSERT_EQ(1U, links().size());
+  EXPECT_TRUE(links().at(0).starts_with("events.staging.pending_")) << links().at(0);
+  ASSERT_EQ(0, keep().exit_code);
+  EXPECT_EQ(Paths{"none"}, ask("SELECT ifnull(node, 'none') FROM dumps"));
+}
+
+// The first version had no nodes.
+TEST_F(Historian, BringsAnOlderDatabaseUpToDateAndKeepsItsRecords) {
+  ASSERT_EQ(0, keep().exit_code);
+  dump({"a"});
+  ASSERT_EQ(0, keep().exit_code);
+  {
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(kDatabase, &raw));
+    const history::Database database(raw);
+    ASSERT_TRUE(
+        history::execute(raw, "ALTER TABLE dumps DROP COLUMN node; PRAGMA user_version = 1"));
+  }
+  const Outcome outcome = ctl({"history", "search", "--database", kDatabase});
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "is of an older version")) << outcome.err;
+  dump({"b"});
+  EXPECT_EQ(0, keep().exit_code);
+  EXPECT_EQ((Paths{"a", "b"}), kept());
+  EXPECT_EQ(Paths{"2"}, ask("SELECT user_version FROM pragma_user_version"));
+  EXPECT_EQ(0, ctl({"history", "search", "--database", kDatabase}).exit_code);
 }
 
 TEST_F(Historian, TakesDumpsThatWaitedBeforeItsFirstStart) {

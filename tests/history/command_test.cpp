@@ -122,6 +122,33 @@ TEST_F(HistoryCommand, PrintsCommaSeparatedValues) {
   EXPECT_EQ(5U, rows_of(history({"file", "Shared/Old/a,\"b\".txt", "--csv"}).out).size());
 }
 
+TEST_F(HistoryCommand, NamesTheNodeOfEachRecordOfACluster) {
+  {
+    history::Problem problem;
+    const history::Database database = history::open_to_write(kFile, problem);
+    ASSERT_TRUE(history::execute(
+        database.get(),
+        "INSERT INTO dumps VALUES (2, 0, 'events.beta.pending_1', 2, 1, 1, x'00', 1, 9, 1, 'beta');"
+        "UPDATE records SET dump = 2 WHERE id IN (4, 6, 7)"));
+  }
+  const std::string lines = history({"search", "--reads"}).out;
+  EXPECT_TRUE(contains(lines, "a,\"b\".txt  (10.0.0.2, on beta)\n")) << lines;
+  EXPECT_TRUE(contains(lines, "Shared/Older/  (on beta)\n")) << lines;
+  EXPECT_TRUE(contains(lines, "Shared/Plans/ -> Shared/Old/\n")) << lines;
+  const std::string life = history({"file", "Shared\\Plans\\a,\"b\".txt", "--reads"}).out;
+  EXPECT_TRUE(contains(life, "read     Shared/Plans/a,\"b\".txt  (10.0.0.2, on beta)\n")) << life;
+  EXPECT_TRUE(contains(life, "deleted  Shared/Older/a,\"b\".txt  (on beta)\n")) << life;
+  EXPECT_TRUE(contains(life, "made     Shared/Plans/a,\"b\".txt\n")) << life;
+  const auto page = history_json({"search", "--reads"});
+  EXPECT_EQ("beta", page["records"][2]["node"]);
+  EXPECT_FALSE(page["records"][0].contains("node"));
+  const auto steps = history_json({"file", "Shared/Plans/a,\"b\".txt"})["lives"][0]["steps"];
+  EXPECT_EQ("beta", steps.back()["record"]["node"]);
+  const auto rows = rows_of(history({"search", "--reads", "--csv"}).out);
+  EXPECT_EQ("beta", rows[2]["node"]);
+  EXPECT_EQ("", rows[0]["node"]);
+}
+
 TEST_F(HistoryCommand, Reports) {
   const auto report = history_json({"report", "--since", "1700000000", "--until", "1700003600"});
   EXPECT_EQ(9, report["counts"]["records"]);

@@ -36,7 +36,7 @@ class HistoryWorld : public Isolated {
     ASSERT_NE(nullptr, reader_) << problem.sentence;
     const bool has_dump = history::execute(
         writer_.get(),
-        "INSERT INTO dumps VALUES (1, 0, 'events.pending_1', 1, 1, 1, x'00', 1, 1, 1)");
+        "INSERT INTO dumps VALUES (1, 0, 'events.pending_1', 1, 1, 1, x'00', 1, 1, 1, NULL)");
     ASSERT_TRUE(has_dump);
   }
   // Writes a record, under its id unless that is 0.

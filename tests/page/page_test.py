@@ -731,6 +731,30 @@ class HistoryView(PageTest):
         await page.click_text("Close")
         await page.until("!document.querySelector('.life')")
 
+    async def test_names_the_node_of_each_record_of_a_cluster(self):
+        heads = "[...document.querySelectorAll('[aria-label=History] th')].map(head => head.innerText)"
+        page = await self.open("history?since=365d")
+        await page.until(f"{self.ROWS}.length === 200")
+        self.assertNotIn("Node", await page.js(heads))
+        now = time.time_ns() // 1000
+        with sqlite3.connect("/var/lib/tavrix/history/history.db") as database:
+            dump = database.execute("INSERT INTO dumps (kind, name, inode, mtime, size, hash, taken, records, newest, node) "
+                                    "VALUES (0, 'events.beta.pending_1', 1, 1, 1, x'00', ?, 1, ?, 'beta')", (now, now)).lastrowid
+            database.execute("INSERT INTO records (time, op, folder, uid, pid, path, dump) VALUES (?, 10, 0, 1005, 1, '/tavrix/of beta', ?)", (now, dump))
+        database.close()
+        try:
+            page = await self.open("history?since=2h")
+            await page.until(f"{self.ROWS}.length > 0")
+            self.assertIn("Node", await page.js(heads))
+            self.assertIn("beta", await page.js(f"{self.ROWS}[0].innerText"))
+            await page.click(f"{self.ROWS}[0].querySelector('button')")
+            await page.until_text("on beta", ".life")
+        finally:
+            with sqlite3.connect("/var/lib/tavrix/history/history.db") as database:
+                database.execute("DELETE FROM records WHERE dump = ?", (dump,))
+                database.execute("DELETE FROM dumps WHERE id = ?", (dump,))
+            database.close()
+
     async def test_shows_the_activity_as_a_picture(self):
         page = await self.open("history?since=365d")
         await page.until("document.querySelectorAll('.activity rect').length > 10")

@@ -16,7 +16,7 @@ inline void write_history(const std::string& file) {
   ASSERT_NE(nullptr, database) << problem.sentence;
   const bool is_done = history::execute(
       database.get(),
-      "INSERT INTO dumps VALUES (1, 0, 'events.pending_1', 1, 1, 1, x'00', 1, 9, 1);"
+      "INSERT INTO dumps VALUES (1, 0, 'events.pending_1', 1, 1, 1, x'00', 1, 9, 1, NULL);"
       "INSERT INTO records VALUES"
       " (1, 1700000000000001, 3, 1, 1001, 7, '/tavrix/Shared/Plans', NULL, NULL, NULL, NULL, 1),"
       " (2, 1700000001000000, 10, 0, 1001, 7, '/tavrix/Shared/Plans/a,\"b\".txt', NULL, NULL, NULL,"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // Readers of dump files on a cluster see the files of all nodes, in order of time.
 
-#include <sqlite3.h>
+#include <algorithm>
 #include <csignal>
 #include <sstream>
 
@@ -157,31 +157,26 @@ class NodeHistory : public NodeDumps {
     NodeDumps::SetUp();
     join_cluster(kDatabase);
   }
+  static constexpr const char* kFile = "/scratch/history/history.db";
   static constexpr const char* kDatabase = "[HISTORIAN]\ndatabase = /scratch/history/history.db\n";
   static Outcome keep() {
     return run_program({TAVRIX_BUILD_DIR "/tools/tavrix-historian", "--once", "--settings", kConf});
   }
+  // "PATH@NODE" of each record, in order of time.
   static Paths kept() {
-    Paths paths;
-    sqlite3* database = nullptr;
-    EXPECT_EQ(SQLITE_OK, sqlite3_open_v2("/scratch/history/history.db", &database,
-                                         SQLITE_OPEN_READONLY, nullptr));
-    sqlite3_exec(
-        database, "SELECT path FROM records ORDER BY time",
-        [](void* all, int, char** row, char**) {
-          static_cast<Paths*>(all)->emplace_back(row[0]);
-          return 0;
-        },
-        &paths, nullptr);
-    sqlite3_close(database);
-    return paths;
+    Paths all;
+    const auto page = json({"history", "search", "--reads", "--database", kFile});
+    for (const auto& record : page["records"])
+      all.push_back(std::string(record["path"]) + "@" + record.value("node", "-"));
+    std::ranges::reverse(all);
+    return all;
   }
 };
 
 TEST_F(NodeHistory, HasTheDumpsOfAllNodesThatWaited) {
   leave_dumps();
   EXPECT_TRUE(keep().ok()) << keep().err;
-  EXPECT_EQ((Paths{"1", "2", "3", "4"}), kept());
+  EXPECT_EQ((Paths{"1@alpha", "2@beta", "3@alpha", "4@beta"}), kept());
 }
 
 // A link never replaces another file: the second one gets a number behind its name.
@@ -195,7 +190,7 @@ TEST_F(NodeHistory, HasBothOfTwoDumpsOfOneName) {
   EXPECT_EQ((Paths{"events.pending_7_1700000000.000001", "events.pending_7_1700000000.000001.1"}),
             list("/tavrix/.conf/history"));
   EXPECT_TRUE(keep().ok());
-  EXPECT_EQ((Paths{"1", "2"}), kept());
+  EXPECT_EQ((Paths{"1@-", "2@-"}), kept()) << "a library of before named no node";
 }
 
 TEST_F(NodeHistory, HasTheFlushesOfEachNode) {
@@ -212,7 +207,7 @@ TEST_F(NodeHistory, HasTheFlushesOfEachNode) {
   send("of alpha");
   EXPECT_EQ(0, once().exit_code);
   EXPECT_TRUE(keep().ok());
-  EXPECT_EQ((Paths{"of alpha", "of beta"}), sorted(kept()));
+  EXPECT_EQ((Paths{"of alpha@alpha", "of beta@beta"}), sorted(kept()));
 }
 
 }  // namespace

@@ -210,7 +210,8 @@ TEST_F(Stranded, TheHistoryHasTheFilesOfTheAgentWhereverAFlushIsKilled) {
     const bool was_killed = killed_at_change(change, [] { flush_staging_buffer(FB_CTX_SWPR); });
     ASSERT_EQ(0, once().exit_code);
     EXPECT_EQ(Paths{"a"}, dumped()) << change;
-    EXPECT_EQ(files_in(kStaging, "pending_"), files_in(TAVRIX_HISTORY_FOLDER, "events.pending_"))
+    EXPECT_EQ(files_in(kStaging, "pending_"),
+              files_in(TAVRIX_HISTORY_FOLDER, "events.staging.pending_"))
         << change;
     if (HasFailure() || !was_killed) break;
   }

@@ -59,6 +59,14 @@ const char* sentence_of(history::Ending ending) {
   return kTexts[static_cast<std::size_t>(ending)];
 }
 
+// "  (10.0.0.2, on node1)": from where a read came, and which node of a cluster did it.
+std::string whereabouts(const Record& record) {
+  std::string text = shown(record.address);
+  if (!record.node.empty())
+    text += fmt::format("{}on {}", text.empty() ? "" : ", ", shown(record.node));
+  return text.empty() ? text : fmt::format("  ({})", text);
+}
+
 // The details of a step behind its verb.
 std::string details_of(const history::Step& step) {
   const Record& record = step.record;
@@ -73,8 +81,6 @@ std::string details_of(const history::Step& step) {
       return fmt::format("{}  (by {})", shown_object(step.path), shown_object(record.path));
     case Event::kDeletedAbove:
       return fmt::format("{}  (folder {})", shown_object(step.path), shown_object(record.path));
-    case Event::kRead:
-      return fmt::format("{}  ({})", shown_object(step.path), shown(record.address));
     default:
       return shown_object(step.path);
   }
@@ -129,6 +135,7 @@ Json HistoryOutput::record(const Record& record) {
   if (record.pid) json["client_pid"] = *record.pid;
   if (!record.address.empty()) set_bytes(json, "ip_address", record.address);
   if (record.size) json["size"] = *record.size;
+  if (!record.node.empty()) set_bytes(json, "node", record.node);
   return json;
 }
 
@@ -216,8 +223,7 @@ void HistoryOutput::print_line(const Record& record) {
       "{}  {:<12}  {:<7}  {}{}", text::local_time(record.at.time), shown(people_.shown(record.uid)),
       history::word_of(history::doing_of(record.operation)), shown_object(record.path), folder);
   if (!record.target.empty()) line += fmt::format(" -> {}{}", shown_object(record.target), folder);
-  if (!record.address.empty()) line += fmt::format("  ({})", shown(record.address));
-  fmt::print("{}\n", line);
+  fmt::print("{}{}\n", line, whereabouts(record));
 }
 
 void HistoryOutput::print_life(const Life& life) {
@@ -228,8 +234,9 @@ void HistoryOutput::print_life(const Life& life) {
     fmt::print("  ({} left off; --limit shows more)\n",
                text::counted(life.steps_left_off, "older change"));
   for (const history::Step& step : life.steps) {
-    fmt::print("  {}  {:<12}  {:<7}  {}\n", text::local_time(step.record.at.time),
-               shown(people_.shown(step.record.uid)), what_of(step.event), details_of(step));
+    fmt::print("  {}  {:<12}  {:<7}  {}{}\n", text::local_time(step.record.at.time),
+               shown(people_.shown(step.record.uid)), what_of(step.event), details_of(step),
+               whereabouts(step.record));
   }
 }
 
@@ -264,19 +271,19 @@ void HistoryOutput::print_report(const Report& report) {
 }
 
 void HistoryOutput::print_csv_head() {
-  fmt::print("time,user,uid,done,type,object,path,new_path,address,size\n");
+  fmt::print("time,user,uid,done,type,object,path,new_path,address,size,node\n");
 }
 
 void HistoryOutput::print_csv(const Record& record) {
   const bool is_read = record.operation == history::kReadOperation;
   Json time;
   set_record_time(time, "time", record.at.time, is_read);
-  fmt::print("{},{},{},{},{},{},{},{},{},{}\n", time.value("time", ""),
+  fmt::print("{},{},{},{},{},{},{},{},{},{},{}\n", time.value("time", ""),
              csv_value(people_.name_of(record.uid)), record.uid,
              history::word_of(history::doing_of(record.operation)),
              events::operation_name(record.operation), object_name(record), csv_value(record.path),
              csv_value(record.target), csv_value(record.address),
-             record.size ? std::to_string(*record.size) : "");
+             record.size ? std::to_string(*record.size) : "", csv_value(record.node));
 }
 
 void HistoryOutput::print_csv_report(const Report& report) {

@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
+#include "tools/cluster/node.hpp"
 #include "tools/cluster/node_folders.hpp"
 #include "tools/files/durable.hpp"
 #include "tools/historian/alarms.hpp"
@@ -147,6 +149,15 @@ std::vector<std::string> Historian::folders_in(const std::string& folder) const 
   return folders;
 }
 
+// On a cluster, the folder of a dump file has the name of its node. Files of before the cluster lie
+// in the folder that the nodes' folders are in now.
+std::string Historian::node_of(const Link& link) const {
+  const std::filesystem::path shared = link.is_audit ? settings_.auditing : settings_.staging;
+  const bool is_nodes =
+      settings_.has_nodes && link.folder != shared.filename() && cluster::is_node_name(link.folder);
+  return is_nodes ? link.folder : std::string();
+}
+
 void Historian::adopt() {
   const auto taken = number_of(store_.get(), "SELECT value FROM meta WHERE key = 'taken'");
   if (was_made_ && taken) {
@@ -239,7 +250,8 @@ bool Historian::refuse(const std::string& name, const std::string& reason) {
 }
 
 bool Historian::take_all(const std::function<bool()>& should_stop) {
-  const std::vector<Link> links = waiting_links();
+  std::vector<Link> links = waiting_links();
+  for (Link& link : links) link.node = node_of(link);
   stuck_.clear();
   for (std::size_t at = 0; at < links.size();) {
     std::size_t used = 0;

@@ -51,6 +51,7 @@ class Historian {
 
   bool hold_folders();
   bool open_store();
+  [[nodiscard]] std::string node_of(const Link& link) const;
   void adopt();
   // The folder, and on a cluster those of the nodes in it.
   [[nodiscard]] std::vector<std::string> folders_in(const std::string& folder) const;

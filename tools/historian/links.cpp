@@ -49,6 +49,17 @@ int64_t number_in(std::string_view text) {
   return error == std::errc() && stop == end ? number : -1;
 }
 
+// A link's name without its kind: "FOLDER.pending_...", or the name of the dump file alone.
+struct NameParts {
+  std::string_view folder, dump;
+};
+NameParts parts_of(std::string_view name) {
+  const std::string_view rest = name.substr(name.find('.') + 1);
+  const auto end = rest.rfind("." TAVRIX_DUMP_FILE_PREFIX);
+  if (end == std::string_view::npos) return {{}, rest};
+  return {rest.substr(0, end), rest.substr(end + 1)};
+}
+
 // The time in "pending_PID_SECONDS.MICROS[.N]"; -1 when there is none.
 int64_t time_in(std::string_view name) {
   const auto process = name.find('_');
@@ -102,7 +113,7 @@ unsigned adopt_from(const std::string& folder, HistoryKind kind, int64_t since) 
     const std::string path = folder + "/" + name;
     if (!name.starts_with(TAVRIX_DUMP_FILE_PREFIX) || time_of_file(path) < since) return;
     if (refused.contains(inode_of(path))) return;
-    link_for_history(path.c_str(), kind, name.c_str());
+    link_for_history(path.c_str(), kind, path.c_str());
     ++count;
   });
   return count;
@@ -115,7 +126,9 @@ std::vector<Link> waiting_links() {
   each_name(kLinks, [&links](const std::string& name) {
     Link link{.name = name, .is_audit = name.starts_with(kAuditPrefix)};
     if (!link.is_audit && !name.starts_with(kEventsPrefix)) return;
-    link.time = time_in(std::string_view(name).substr(name.find('.') + 1));
+    const NameParts parts = parts_of(name);
+    link.folder = parts.folder;
+    link.time = time_in(parts.dump);
     if (link.time < 0) link.time = time_of_file(path_of(name));
     links.push_back(std::move(link));
   });

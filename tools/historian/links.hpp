@@ -13,6 +13,8 @@ namespace tavrix::historian {
 // A dump file that waits.
 struct Link {
   std::string name;
+  std::string folder;  // the name of the folder that the dump file lay in; empty if it is unknown
+  std::string node;    // whose records they are; empty on a machine alone
   bool is_audit = false;
   int64_t time = 0;  // microseconds since the epoch, from the name or else from the file
 };

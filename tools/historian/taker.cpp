@@ -45,8 +45,8 @@ Taker::Taker(sqlite3* database)
             "SELECT id FROM dumps WHERE inode = ? AND mtime = ? AND size = ? AND hash = ?"),
       insert_dump_(
           database,
-          "INSERT INTO dumps (kind, name, inode, mtime, size, hash, taken, records, newest) "
-          "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+          "INSERT INTO dumps (kind, name, inode, mtime, size, hash, taken, records, newest, node) "
+          "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
       insert_row_(database,
                   "INSERT INTO records (time, op, folder, uid, pid, path, target, user, address, "
                   "size, dump) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
@@ -78,6 +78,11 @@ bool Taker::insert_dump(const Link& link, const Content& content, std::span<cons
   insert_dump_.bind(7, now);
   insert_dump_.bind(8, static_cast<int64_t>(dump.rows.size()));
   insert_dump_.bind(9, dump.newest);
+  if (link.node.empty()) {
+    insert_dump_.bind_null(10);
+  } else {
+    insert_dump_.bind(10, std::string_view(link.node));
+  }
   return insert_dump_.run();
 }
 

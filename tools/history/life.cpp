@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "tools/history/nodes.hpp"
 #include "tools/history/schema.hpp"
 #include "tools/history/turns.hpp"
 #include "vfs_common.h"
@@ -170,7 +171,10 @@ class Changes {
 class Finder {
  public:
   Finder(sqlite3* database, const LifeQuestion& question)
-      : question_(question), tracer_(database), changes_(database, question.reads) {}
+      : question_(question),
+        tracer_(database),
+        changes_(database, question.reads),
+        nodes_(database) {}
 
   // The next older life; nothing when there is none, and on a failure.
   std::optional<Life> next() {
@@ -217,6 +221,7 @@ class Finder {
     }
     if (!trace.is_proven && life.steps.size() == turns && life.steps_left_off == 0)
       return std::nullopt;
+    for (Step& step : life.steps) failed_ = !nodes_.set(step.record) || failed_;
     std::ranges::sort(life.steps, {}, [](const Step& step) { return step.record.at; });
     return life;
   }
@@ -230,6 +235,7 @@ class Finder {
   const LifeQuestion& question_;
   Tracer tracer_;
   Changes changes_;
+  Nodes nodes_;
   Position at_ = kLast;
   std::set<Position> known_;  // where stays under the name begin whose object was traced
   bool is_done_ = false, failed_ = false;

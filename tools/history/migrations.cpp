@@ -21,20 +21,28 @@ bool make_tables(sqlite3* database) {
   return since.run();
 }
 
-// The step at index N leads from version N to N + 1.
+bool add_nodes(sqlite3* database) {
+  return execute(database, "ALTER TABLE dumps ADD COLUMN node TEXT");
+}
+
+// The step at index N leads from version N + 1 to the next one.
 using Step = bool (*)(sqlite3*);
-constexpr std::array<Step, kSchemaVersion> kSteps = {make_tables};
+constexpr std::array<Step, kSchemaVersion - 1> kSteps = {add_nodes};
+
+// Takes the step, and writes down to which version it leads, both or neither.
+bool lead_to(int version, sqlite3* database, Step step) {
+  Transaction transaction(database);
+  const std::string mark = "PRAGMA user_version = " + std::to_string(version);
+  return transaction.begun() && step(database) && execute(database, mark.c_str()) &&
+         transaction.commit();
+}
 
 }  // namespace
 
 bool migrate(sqlite3* database, int version) {
+  if (version == 0) return lead_to(kSchemaVersion, database, make_tables);
   for (int next = version; next < kSchemaVersion; ++next) {
-    Transaction transaction(database);
-    const std::string mark = "PRAGMA user_version = " + std::to_string(next + 1);
-    if (!transaction.begun() || !kSteps.at(static_cast<std::size_t>(next))(database) ||
-        !execute(database, mark.c_str()) || !transaction.commit()) {
-      return false;
-    }
+    if (!lead_to(next + 1, database, kSteps.at(static_cast<std::size_t>(next - 1)))) return false;
   }
   return true;
 }

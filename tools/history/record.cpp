@@ -32,6 +32,8 @@ Record record_in(const Statement& row) {
       .pid = optional_number(row, 8),
       .address = std::string(row.text(9)),
       .size = optional_number(row, 10),
+      .dump = row.number(11),
+      .node = {},
   };
 }
 

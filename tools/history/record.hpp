@@ -34,13 +34,15 @@ struct Record {
   std::optional<int64_t> pid;
   std::string address;          // reads only
   std::optional<int64_t> size;  // reads only
+  int64_t dump = 0;             // the row of `dumps`
+  std::string node;             // whose record it is; Nodes sets it
 };
 
 // The columns that record_in() reads, in its order.
 constexpr const char* kRecordColumns =
-    "id, time, op, folder, uid, path, target, user, pid, address, size";
+    "id, time, op, folder, uid, path, target, user, pid, address, size, dump";
 
-// The record in the present row of a statement.
+// The record in the present row of a statement, without its node.
 [[nodiscard]] Record record_in(const Statement& row);
 
 // "1795345200000000.42", as a page names the place where the next one goes on.

@@ -11,7 +11,7 @@ namespace tavrix::history {
 
 // The value of PRAGMA user_version. A change of the tables raises it, and tools/history/migrations
 // has the step from the version before.
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 // Values of `op` up to 63 are those of VFSEvent__OpType; this one is a read that was audited.
 constexpr int kReadOperation = 64;
@@ -48,6 +48,7 @@ CREATE TABLE dumps (
   taken INTEGER NOT NULL,    -- never smaller than in the row before
   records INTEGER NOT NULL,
   newest INTEGER NOT NULL,   -- the greatest `time` of its records
+  node TEXT,                 -- the node whose records they are; null on a machine alone
   UNIQUE (inode, mtime, size, hash)
 );
 CREATE INDEX dumps_by_taken ON dumps (taken);

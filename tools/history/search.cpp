@@ -11,6 +11,8 @@
 #include <set>
 #include <string>
 
+#include "tools/history/nodes.hpp"
+
 namespace tavrix::history {
 namespace {
 
@@ -216,9 +218,7 @@ Page cut_page(Walk& walk, std::size_t limit) {
   return page;
 }
 
-}  // namespace
-
-std::optional<Page> search(sqlite3* database, const Search& search) {
+std::optional<Page> search_records(sqlite3* database, const Search& search) {
   constexpr std::size_t kEntriesForARecord = 8;  // an entry of an index costs less
   constexpr std::size_t kMostTimes = 8;          // a transaction of a twentieth of a second
   const Task task = task_of(search);
@@ -243,6 +243,18 @@ std::optional<Page> search(sqlite3* database, const Search& search) {
     if (search.patience && Clock::now() - begin > *search.patience)
       return cut_page(walk, search.limit);
   }
+}
+
+}  // namespace
+
+std::optional<Page> search(sqlite3* database, const Search& search) {
+  auto page = search_records(database, search);
+  if (!page) return std::nullopt;
+  Nodes nodes(database);
+  for (Record& record : page->records) {
+    if (!nodes.set(record)) return std::nullopt;
+  }
+  return page;
 }
 
 }  // namespace tavrix::history

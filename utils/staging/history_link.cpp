@@ -15,6 +15,7 @@ namespace tavrix {
 namespace {
 
 constexpr int kNamesToTry = 1000;
+constexpr int kLongestFolder = 64;  // as long as the name of a node may be
 
 bool is_same_file(const char* one, const char* other) noexcept {
   struct stat first {};
@@ -23,19 +24,36 @@ bool is_same_file(const char* one, const char* other) noexcept {
          first.st_ino == second.st_ino;
 }
 
+// The end of a path, and the name of the folder that it lies in.
+struct DumpName {
+  const char* base;
+  const char* folder;
+  int folder_length;  // 0 where there is no such name, or too long a one
+};
+
+DumpName parts_of(const char* path) noexcept {
+  const char* slash = std::strrchr(path, '/');
+  if (slash == nullptr) return {path, path, 0};
+  const char* folder = slash;
+  while (folder != path && folder[-1] != '/') --folder;
+  const auto length = slash - folder;
+  return {slash + 1, folder, length <= kLongestFolder ? static_cast<int>(length) : 0};
+}
+
 }  // namespace
 
 void link_for_history(const char* file, HistoryKind kind, const char* dump_name) noexcept {
   const ErrnoKeeper keep;
-  const char* slash = std::strrchr(dump_name, '/');
-  const char* base = slash == nullptr ? dump_name : slash + 1;
+  const DumpName dump = parts_of(dump_name);
   const char* prefix = kind == HistoryKind::kEvents ? "events" : "audit";
   char name[512];
   for (int number = 0; number < kNamesToTry; ++number) {
     // A name that is taken is another file's, which nothing may replace.
     char suffix[16] = "";
     if (number > 0) std::snprintf(suffix, sizeof suffix, ".%d", number);
-    std::snprintf(name, sizeof name, "%s/%s.%s%s", TAVRIX_HISTORY_FOLDER, prefix, base, suffix);
+    std::snprintf(name, sizeof name, "%s/%s.%.*s%s%s%s", TAVRIX_HISTORY_FOLDER, prefix,
+                  dump.folder_length, dump.folder, dump.folder_length > 0 ? "." : "", dump.base,
+                  suffix);
     if (link(file, name) == 0 || errno == ENOENT) return;
     if (errno != EEXIST) break;
     if (is_same_file(file, name)) return;

@@ -11,8 +11,10 @@ namespace tavrix {
 
 enum class HistoryKind { kEvents, kAudit };
 
-// Links the file into TAVRIX_HISTORY_FOLDER under the last part of `dump_name`. Without the folder
-// nothing happens. Any other failure is logged and changes nothing: the agent comes first.
+// Links the file into TAVRIX_HISTORY_FOLDER. "DIR/FOLDER/pending_1_2.3" becomes
+// "events.FOLDER.pending_1_2.3": on a cluster each node has a folder of its name, and the history
+// tells by it whose records they are. Without TAVRIX_HISTORY_FOLDER nothing happens. Any other
+// failure is logged and changes nothing: the agent comes first.
 void link_for_history(const char* file, HistoryKind kind, const char* dump_name) noexcept;
 
 }  // namespace tavrix

@@ -21,7 +21,7 @@ function Line({ life }: { life: Life }): ReactElement {
             titleId={`step-title-${index}`}
             variant={event.startsWith('deleted') ? 'danger' : 'info'}
             aria-label={historyTexts.events[event] ?? event}
-            description={`${timeOf(record.time)} ${historyTexts.by(whoOf(record))}`}
+            description={`${timeOf(record.time)} ${historyTexts.by(whoOf(record), record.node)}`}
           >
             {`${historyTexts.events[event] ?? event}: ${path}${newPath === undefined ? '' : ` → ${newPath}`}`}
           </ProgressStep>

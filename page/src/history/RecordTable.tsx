@@ -16,11 +16,12 @@ export function whoOf({ uid, user_name: name }: EventRecord): string {
 }
 
 export function RecordTable({ records, show }: Props): ReactElement {
-  const { time, user, done, path, newPath } = historyTexts.columns;
+  const { time, user, done, path, newPath, node } = historyTexts.columns;
+  const hasNodes = records.some((record) => record.node !== undefined);
   return (
     <DataTable
       label={texts.views.history}
-      columns={[time, user, done, path, newPath]}
+      columns={[time, user, done, path, newPath, ...(hasNodes ? [node] : [])]}
       rows={records.map((record) => ({
         key: `${record.done} ${record.id}`,
         cells: [
@@ -31,6 +32,7 @@ export function RecordTable({ records, show }: Props): ReactElement {
             {record.path}
           </Button>,
           record.new_path ?? '',
+          ...(hasNodes ? [record.node ?? ''] : []),
         ],
       }))}
     />

@@ -248,6 +248,7 @@ export interface EventRecord {
   new_path?: string;
   uid: number;
   user_name?: string;
+  node?: string; // of a cluster
 }
 
 export interface HistoryPage {

@@ -34,11 +34,27 @@ class HistoryLink : public Staging {
   }
 };
 
-TEST_F(HistoryLink, HasTheKindAndTheNameOfTheDump) {
+TEST_F(HistoryLink, HasTheKindTheFolderAndTheNameOfTheDump) {
   link_file();
   link_for_history(kFile, HistoryKind::kAudit, "pending_1_2.000003");
-  EXPECT_EQ((Names{"audit.pending_1_2.000003", "events.pending_1_2.000003"}), list(kHistory));
-  EXPECT_EQ("one", linked("events.pending_1_2.000003"));
+  EXPECT_EQ((Names{"audit.pending_1_2.000003", "events.staging.pending_1_2.000003"}),
+            list(kHistory));
+  EXPECT_EQ("one", linked("events.staging.pending_1_2.000003"));
+}
+
+// The name of a folder that may be a node's is short; a longer one could make the link's too long.
+TEST_F(HistoryLink, LeavesOutANameThatNoFolderOfANodeHas) {
+  const std::string longest(64, 'n');
+  for (const std::string& folder : {"/" + longest, longest, "/" + longest + "n", std::string("/"),
+                                    std::string("/scratch/"), std::string()}) {
+    const std::string dump = folder + "/pending_1_2.000003";
+    remove_all(kHistory);
+    make_dirs(kHistory);
+    link_for_history(kFile, HistoryKind::kEvents, dump.c_str());
+    const bool is_named = folder.ends_with(longest) && folder.size() <= longest.size() + 1;
+    const std::string name = is_named ? longest + "." : "";
+    EXPECT_EQ(Names{"events." + name + "pending_1_2.000003"}, list(kHistory)) << folder;
+  }
 }
 
 TEST_F(HistoryLink, NeverReplacesAnotherFile) {
@@ -48,9 +64,9 @@ TEST_F(HistoryLink, NeverReplacesAnotherFile) {
     write_file(kFile, content);
     link_file();
   }
-  EXPECT_EQ("one", linked("events.pending_1_2.000003"));
-  EXPECT_EQ("two", linked("events.pending_1_2.000003.1"));
-  EXPECT_EQ("three", linked("events.pending_1_2.000003.2"));
+  EXPECT_EQ("one", linked("events.staging.pending_1_2.000003"));
+  EXPECT_EQ("two", linked("events.staging.pending_1_2.000003.1"));
+  EXPECT_EQ("three", linked("events.staging.pending_1_2.000003.2"));
 }
 
 TEST_F(HistoryLink, IsNotMadeTwiceUnderOneName) {
@@ -72,9 +88,10 @@ TEST_F(HistoryLink, IsLeftOutQuietlyWithoutTheFolder) {
 }
 
 TEST_F(HistoryLink, ThatCannotBeMadeIsLoggedOnce) {
-  const std::string message = std::string("cannot link ") + kFile + " to " + kHistory +
-                              "/events.pending_1_2.000003 for the history. errno = 28(No space "
-                              "left on device)";
+  const std::string message =
+      std::string("cannot link ") + kFile + " to " + kHistory +
+      "/events.staging.pending_1_2.000003 for the history. errno = 28(No space "
+      "left on device)";
   EXPECT_EQ(0, level_of(message, [] {
               fail_call("link", ENOSPC);
               link_file();
@@ -91,7 +108,7 @@ TEST_F(HistoryLink, OfAFlushIsMadeBetweenTheEmptyBufferAndTheName) {
   run_before("rename", [] { EXPECT_EQ(1U, list(kHistory).size()); });
   EXPECT_EQ(1, flush_staging_buffer(FB_CTX_SWPR));
   ASSERT_EQ(1U, dumps().size());
-  EXPECT_EQ(Names{"events." + dumps().at(0)}, list(kHistory));
+  EXPECT_EQ(Names{"events.staging." + dumps().at(0)}, list(kHistory));
   EXPECT_EQ(Names{"x"}, payloads_of(linked(list(kHistory).at(0))));
 }
 
