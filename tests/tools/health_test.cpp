@@ -236,5 +236,31 @@ TEST_F(Health, NotesAlarmsOnAMachineAlone) {
   EXPECT_TRUE(is_noted("sync-off"));
 }
 
+// Nothing ends a process that waits for a file system. Here it waits for somebody to open the other
+// end of a pipe.
+TEST_F(Health, AnswersWhileTheSharedTreeDoesNot) {
+  join();
+  commit(1, 1, 0);
+  expect_healthy();
+  const std::string committed = std::string(kCluster) + "/committed.json";
+  remove_all(committed);
+  ASSERT_EQ(0, mkfifo(committed.c_str(), 0600));
+  for (const bool has_lease : {true, false}) {
+    if (!has_lease) lease(-1);
+    const Outcome outcome =
+        run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "health"}, {}, in_haste(20));
+    EXPECT_EQ(1, outcome.exit_code) << outcome.err;
+    const char* words = has_lease ? "/tavrix does not answer" : "the lease is over for 1 second";
+    EXPECT_TRUE(contains(outcome.out, words)) << outcome.out;
+    const auto health = nlohmann::json::parse(
+        run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "--json", "health"}, {}, in_haste(20))
+            .out);
+    EXPECT_EQ(false, health["healthy"]);
+    EXPECT_EQ("tree", health["checks"].back()["name"]);
+    EXPECT_EQ(false, health["checks"].back()["well"]);
+    EXPECT_EQ(has_lease, health["checks"][0]["well"]);
+  }
+}
+
 }  // namespace
 }  // namespace tavrix::test

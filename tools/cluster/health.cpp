@@ -56,6 +56,15 @@ class Look {
     return std::move(health_);
   }
 
+  Health take_without_tree() {
+    if (is_node()) add("lease", lease());
+    add("settings", settings());
+    add("tree", TAVRIX_TREE
+        " does not answer, so nobody can work in it; \"dmesg\" and the journal of its file system "
+        "may say why");
+    return std::move(health_);
+  }
+
  private:
   [[nodiscard]] bool is_node() const { return !health_.node.empty(); }
   void add(const char* name, std::string problem) {
@@ -229,5 +238,9 @@ std::string Health::problem() const {
 }
 
 Health look_at_health(const std::string& settings_file) { return Look(settings_file).take(); }
+
+Health health_without_tree(const std::string& settings_file) {
+  return Look(settings_file).take_without_tree();
+}
 
 }  // namespace tavrix::cluster

@@ -28,4 +28,8 @@ struct Health {
 };
 [[nodiscard]] Health look_at_health(const std::string& settings_file);
 
+// The parts of it that touch nothing but this machine, for when the tree does not answer. The
+// machine is not healthy then.
+[[nodiscard]] Health health_without_tree(const std::string& settings_file);
+
 }  // namespace tavrix::cluster
