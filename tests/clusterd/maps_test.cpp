@@ -8,7 +8,29 @@
 namespace tavrix::test {
 namespace {
 
-class ClusterMaps : public Cluster {};
+class ClusterMaps : public Cluster {
+ protected:
+  // An operator's import of the pair in /scratch.
+  static Outcome import_on(const Node& node, const std::vector<std::string>& options = {}) {
+    std::vector<std::string> words = {Node::kCtl, "map", "import"};
+    words.insert(words.end(), options.begin(), options.end());
+    words.insert(words.end(), {"/scratch/size.json", "/scratch/data.json"});
+    return node.run(words);
+  }
+  static std::string sum_of(const std::string& file) {
+    return run_program({"sha256sum", file}).out.substr(0, 64);
+  }
+  // Two maps came into force on the node, the one of 30 folders first.
+  void publish_two() {
+    for (const uint32_t folders : {30U, 40U}) {
+      hand_over(node(0), folders);
+      ASSERT_EQ(0, node(0).once().exit_code);
+    }
+  }
+  static Outcome roll_back(const Node& node) {
+    return node.run({Node::kCtl, "map", "rollback", "1", "--yes"});
+  }
+};
 
 TEST_F(ClusterMaps, OneNodeCommitsAndPublishesWhatItsLoaderPutsUp) {
   add("one");
@@ -72,7 +94,7 @@ TEST_F(ClusterMaps, APairThatOneNodeRefusesIsRefusedForAll) {
   const std::string folder = kShared + "/maps/1";
   write_file(folder + "/data.json", "[{\"DIR\":\"x\"}]");
   auto proposal = nlohmann::json::parse(read_file(folder + "/proposal.json"));
-  proposal["sha256"]["data"] = run_program({"sha256sum", folder + "/data.json"}).out.substr(0, 64);
+  proposal["sha256"]["data"] = sum_of(folder + "/data.json");
   write_file(folder + "/proposal.json", proposal.dump());
   start_daemons();
   EXPECT_TRUE(comes([&] { return exists(folder + "/refused.json"); }));
@@ -159,11 +181,130 @@ TEST_F(ClusterMaps, AMapOfAnOperatorOfOneNodeGivesWayToTheCommittedOne) {
   hand_over(node(0), 30);
   ASSERT_EQ(0, node(0).once().exit_code);
   write_json_pair(wide(12));
-  ASSERT_EQ(0, node(0)
-                   .run({Node::kCtl, "map", "import", "/scratch/size.json", "/scratch/data.json"})
-                   .exit_code);
+  write_file(node(0).in_etc("tavrix.conf"), "");  // as if it was no node
+  ASSERT_EQ(0, import_on(node(0)).exit_code);
+  ASSERT_EQ(12, node(0).folders());
+  node(0).configure("");
   EXPECT_EQ(0, node(0).once().exit_code);
   EXPECT_EQ(30, node(0).folders());
+}
+
+// --- an operator's maps --------------------------------------------------------------------------
+
+TEST_F(ClusterMaps, AMapThatAnOperatorImportsGoesToAllNodes) {
+  add("one");
+  add("two");
+  start_daemons();
+  hand_over(node(0), 30);
+  ASSERT_TRUE(all_have(30));
+  write_json_pair(wide(12));
+  const Outcome outcome = import_on(node(1), {"--json", "--consume"});
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  const auto said = nlohmann::json::parse(outcome.out);
+  EXPECT_FALSE(said["published"]);
+  EXPECT_EQ(2, said["number"]);
+  EXPECT_TRUE(all_have(12));
+  EXPECT_FALSE(exists("/scratch/size.json") || exists("/scratch/data.json"));
+}
+
+TEST_F(ClusterMaps, ABrokenPairOfAnOperatorIsNotPutUp) {
+  add("one");
+  write_json_pair(wide(12));
+  write_file("/scratch/data.json", "[");
+  EXPECT_EQ(1, import_on(node(0)).exit_code);
+  EXPECT_EQ(0, import_on(node(0), {"--trust"}).exit_code) << "each node lints it all the same";
+  EXPECT_EQ(0, node(0).once().exit_code);
+  EXPECT_TRUE(exists(kShared + "/maps/1/refused.json"));
+  EXPECT_EQ(0, committed()["number"]);
+}
+
+// The kept map has no pair any more: its image goes to the nodes, byte by byte.
+TEST_F(ClusterMaps, AMapThatComesBackGoesToAllNodes) {
+  add("one");
+  add("two");
+  add("three");
+  start_daemons();
+  hand_over(node(0), 30);
+  ASSERT_TRUE(all_have(30));
+  hand_over(node(0), 40);
+  ASSERT_TRUE(all_have(40));
+  node(2).power_off();
+  const Outcome outcome = roll_back(node(1));
+  EXPECT_EQ(0, outcome.exit_code) << outcome.err;
+  EXPECT_EQ("the map is put up for all nodes as map 3\n", outcome.out);
+  EXPECT_TRUE(comes([&] { return node(0).folders() == 30 && node(1).folders() == 30; }));
+  EXPECT_EQ(3, committed()["number"]);
+  EXPECT_EQ(1, roll_back(node(1)).exit_code) << "it is in force already";
+  node(2).power_on();
+  ASSERT_EQ(0, node(2).join().exit_code);
+  EXPECT_EQ(30, node(2).folders());
+  EXPECT_EQ(read_file(node(0).in_etc(".permbe_map")), read_file(node(2).in_etc(".permbe_map")));
+}
+
+TEST_F(ClusterMaps, SettingsGoWithAMapThatCameBack) {
+  add("one");
+  publish_two();
+  ASSERT_EQ(0, roll_back(node(0)).exit_code);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  add("two");
+  ASSERT_EQ(0, node(0).run({Node::kCtl, "cluster", "share", "--settings"}).exit_code);
+  start_daemons();
+  EXPECT_TRUE(all_have(30));
+  EXPECT_TRUE(comes([] { return committed()["number"] == 4; }));
+}
+
+// Its checksum is right, as if the node that put it up had trusted it.
+TEST_F(ClusterMaps, AnImageThatIsNoMapIsRefusedForAll) {
+  add("one");
+  publish_two();
+  ASSERT_EQ(0, roll_back(node(0)).exit_code);
+  const std::string folder = kShared + "/maps/3/";
+  write_file(folder + "image", read_file(folder + "image").substr(0, 100));
+  auto proposal = nlohmann::json::parse(read_file(folder + "proposal.json"));
+  proposal["sha256"]["image"] = sum_of(folder + "image");
+  write_file(folder + "proposal.json", proposal.dump());
+  EXPECT_EQ(0, node(0).once().exit_code);
+  EXPECT_TRUE(contains(read_file(folder + "refused.json"), "the image has"));
+  EXPECT_EQ(40, node(0).folders());
+}
+
+TEST_F(ClusterMaps, ADamagedKeptMapIsNotPutUp) {
+  add("one");
+  publish_two();
+  const std::string kept = node(0).in_etc("maps/1.map");
+  ASSERT_TRUE(exists(kept));
+  std::string bytes = read_file(kept);
+  bytes.back() = static_cast<char>(bytes.back() + 1);
+  write_file(kept, bytes);
+  const Outcome outcome = roll_back(node(0));
+  EXPECT_EQ(2, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "is damaged")) << outcome.err;
+  EXPECT_FALSE(exists(kShared + "/maps/3"));
+}
+
+// --- without the shared tree ---------------------------------------------------------------------
+
+// What is put into the folder below the mount is lost to everybody.
+TEST_F(ClusterMaps, APairWaitsWhileTheTreeIsNotMounted) {
+  add("one");
+  hand_over(node(0), 30);
+  ASSERT_EQ(0, node(0).once().exit_code);
+  ASSERT_EQ(0, rename(kShared.c_str(), "/tavrix/mounted elsewhere"));
+  put_pair(node(0).inbox(), 12);
+  const Outcome outcome = load(node(0));
+  EXPECT_EQ(1, outcome.exit_code);
+  EXPECT_TRUE(contains(outcome.err, "the pair waits for the shared tree")) << outcome.err;
+  EXPECT_TRUE(exists(node(0).inbox() + "/data.json"));
+  write_json_pair(wide(13));
+  const Outcome by_hand = import_on(node(0), {"--consume"});
+  EXPECT_EQ(2, by_hand.exit_code);
+  EXPECT_TRUE(contains(by_hand.err, "cannot be put up for all nodes")) << by_hand.err;
+  EXPECT_TRUE(exists("/scratch/data.json"));
+  EXPECT_FALSE(exists(kShared));
+  ASSERT_EQ(0, rename("/tavrix/mounted elsewhere", kShared.c_str()));
+  EXPECT_EQ(0, load(node(0)).exit_code);
+  EXPECT_EQ(0, node(0).once().exit_code);
+  EXPECT_EQ(12, node(0).folders());
 }
 
 // --- the leader ----------------------------------------------------------------------------------

@@ -32,12 +32,13 @@ Json json_of(const Sums& sums) {
   json["data"] = sums.data;
   if (!sums.groups.empty()) json["groups"] = sums.groups;
   if (!sums.settings.empty()) json["settings"] = sums.settings;
+  if (!sums.image.empty()) json["image"] = sums.image;
   return json;
 }
 
 Sums sums_in(const Json& json) {
   return {json.at("size"), json.at("data"), json.value("groups", std::string()),
-          json.value("settings", std::string())};
+          json.value("settings", std::string()), json.value("image", std::string())};
 }
 
 Json json_of(const Committed& committed) {

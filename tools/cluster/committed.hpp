@@ -13,9 +13,10 @@ namespace tavrix::cluster {
 
 // The checksums of the files that are handed over together.
 struct Sums {
-  files::Digest size, data;
-  files::Digest groups;    // of the group list map; empty: none came with the pair
-  files::Digest settings;  // of the settings file, likewise
+  files::Digest size, data;  // empty when an image came instead
+  files::Digest groups;      // of the group list map; empty: none came with the map
+  files::Digest settings;    // of the settings file, likewise
+  files::Digest image;       // a finished map, as it comes back from the kept ones; mostly empty
   bool operator==(const Sums&) const = default;
 };
 [[nodiscard]] json::Json json_of(const Sums& sums);

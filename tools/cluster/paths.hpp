@@ -24,6 +24,8 @@ inline constexpr const char* kCommitted = TAVRIX_CONF_FOLDER "/cluster/committed
 
 // On the node. The folder is on the file system of the local copy.
 inline constexpr const char* kPreparedFolder = "/etc/tavrix/cluster";
+// The map of the cluster that this node published last. A node that has it has seen kCommitted.
+inline constexpr const char* kPublished = "/etc/tavrix/cluster/current.json";
 // Says until when this node may serve clients. It is gone after a boot.
 inline constexpr const char* kLease = "/run/tavrix/cluster.lease";
 // This node's address in CTDB. CTDB's event script writes it before smbd starts, because the

@@ -105,6 +105,13 @@ bool remove_tree(const std::string& path) {
   return !failure;
 }
 
+// Where nothing is mounted there is an empty folder, and no map that this node ever published.
+bool is_tree_there() {
+  if (files::exists(kCommitted) || !files::exists(kPublished)) return true;
+  errno = ENOENT;
+  return false;
+}
+
 std::optional<Answer> read_answer(const Proposal& proposal, const std::string& node) {
   const auto json = read_object(proposal.path("prepared/" + node));
   if (!json) return std::nullopt;
@@ -202,7 +209,7 @@ HandOver::HandOver(const std::string& slot, std::string node)
 
 // "proposal.json" comes last: with it the files are staged.
 bool HandOver::stage(const Files& files) const {
-  if (!make_shared_folders() || !remove_tree(folder_)) return false;
+  if (!is_tree_there() || !make_shared_folders() || !remove_tree(folder_)) return false;
   Sums sums;
   if (!make_folder(folder_) || !make_folder(folder_ + "/prepared")) return false;
   const auto copy = [this](const std::string& from, const char* name, files::Digest& digest) {
@@ -210,7 +217,8 @@ bool HandOver::stage(const Files& files) const {
   };
   if (!copy(files.size, "size.json", sums.size) || !copy(files.data, "data.json", sums.data) ||
       !copy(files.groups, kGroupsName, sums.groups) ||
-      !copy(files.settings, kSettingsName, sums.settings)) {
+      !copy(files.settings, kSettingsName, sums.settings) ||
+      !copy(files.image, kImageName, sums.image)) {
     return false;
   }
   Json json;
@@ -223,6 +231,7 @@ bool HandOver::stage(const Files& files) const {
 bool HandOver::is_staged() const { return files::exists(folder_ + "/proposal.json"); }
 
 std::optional<uint32_t> HandOver::give_number(std::optional<uint32_t> behind) const {
+  if (!is_tree_there()) return std::nullopt;
   const Fd lock = lock_shared(kNumberLock, Wait::kYes);
   if (!lock) return std::nullopt;
   const auto last = last_number();

@@ -2,6 +2,7 @@
 // A pair on its way to all nodes, in a folder of its own:
 //
 //   kMapsFolder/NUMBER/size.json, data.json   the pair
+//   kMapsFolder/NUMBER/image                  a finished map instead, as it comes back
 //   kMapsFolder/NUMBER/groupmap               the group list map that came with it, if one did
 //   kMapsFolder/NUMBER/tavrix.conf            the settings that came with it, if they did
 //   kMapsFolder/NUMBER/proposal.json          who put it up, when, and the checksums of the files
@@ -25,6 +26,8 @@ namespace tavrix::cluster {
 // Files that may come with a pair, in its folder.
 constexpr const char* kGroupsName = "groupmap";
 constexpr const char* kSettingsName = "tavrix.conf";
+// A file that comes instead of a pair.
+constexpr const char* kImageName = "image";
 
 struct Proposal {
   uint32_t number = 0;
@@ -37,6 +40,7 @@ struct Proposal {
   [[nodiscard]] std::string data_path() const { return path("data.json"); }
   [[nodiscard]] std::string groups_path() const { return path(kGroupsName); }
   [[nodiscard]] std::string settings_path() const { return path(kSettingsName); }
+  [[nodiscard]] std::string image_path() const { return path(kImageName); }
   [[nodiscard]] std::string path(const std::string& name) const;
 };
 // In the order of their numbers. Nothing, and with errno set, when the folder cannot be read.
@@ -60,9 +64,10 @@ struct Answer {
 [[nodiscard]] bool remove_proposal(uint32_t number);
 void clear_removed();
 
-// Files that are handed over together, by their paths. The last two may be empty.
+// Files that are handed over together, by their paths: a pair or an image, and what comes with it.
+// Empty ones do not come.
 struct Files {
-  std::string size, data, groups, settings;
+  std::string size, data, groups, settings, image;
 };
 
 // The last number that was given; 0 before the first. Nothing, and with errno set, when the folder
@@ -75,7 +80,8 @@ class HandOver {
  public:
   HandOver(const std::string& slot, std::string node);
 
-  // Copies the files under a name that is no number yet.
+  // Copies the files under a name that is no number yet. Fails, with errno set, also where the
+  // shared tree is not mounted: the files would lie under it, out of everybody's sight.
   [[nodiscard]] bool stage(const Files& files) const;
   // True until the staged files have their number.
   [[nodiscard]] bool is_staged() const;

@@ -24,7 +24,7 @@ using cluster::read_object;
 using json::Json;
 
 const std::string kFolder = cluster::kPreparedFolder;
-const std::string kRecord = kFolder + "/current.json";
+const std::string kRecord = cluster::kPublished;
 
 std::string path_of(uint32_t number, const char* end) {
   return fmt::format("{}/{}.{}", kFolder, number, end);

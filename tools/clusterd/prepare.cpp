@@ -62,17 +62,46 @@ Outcome check_settings(const Proposal& proposal) {
   return wrong.empty() ? Outcome{Kind::kDone, ""} : Outcome{Kind::kRefused, wrong};
 }
 
-Outcome check_files(const Proposal& proposal) {
+Outcome check_pair(const Proposal& proposal) {
   Outcome outcome = compare(proposal.size_path(), proposal.sums.size);
   if (outcome.kind == Kind::kDone) outcome = compare(proposal.data_path(), proposal.sums.data);
-  if (outcome.kind == Kind::kDone) outcome = check_groups(proposal);
-  if (outcome.kind == Kind::kDone) outcome = check_settings(proposal);
   if (outcome.kind != Kind::kDone) return outcome;
   std::string error;
   const auto checked = mapcheck::lint_files(proposal.size_path(), proposal.data_path(), error);
   if (!checked) return {Kind::kFailed, error};
   if (checked->findings.errors() > 0) return refused("the pair", checked->findings);
   return outcome;
+}
+
+Outcome check_companions(const Proposal& proposal) {
+  const Outcome groups = check_groups(proposal);
+  return groups.kind == Kind::kDone ? check_settings(proposal) : groups;
+}
+
+Outcome store(const Proposal& proposal, std::span<const std::byte> image, Prepared& prepared) {
+  const auto findings = mapcheck::verify(image);
+  if (findings.errors() > 0) return refused("the image", findings);
+  const auto stored = store_prepared(proposal.number, proposal.sums, image);
+  if (!stored) return failed("cannot store the image");
+  prepared = *stored;
+  return {Kind::kDone, ""};
+}
+
+Outcome prepare_pair(const Proposal& proposal, Prepared& prepared) {
+  const Outcome outcome = check_pair(proposal);
+  if (outcome.kind != Kind::kDone) return outcome;
+  mapload::ImportFailure failure;
+  const auto image = mapload::import_privately(proposal.size_path(), proposal.data_path(), failure);
+  if (!image) return {failure.may_pass ? Kind::kFailed : Kind::kRefused, failure.why};
+  return store(proposal, image.bytes(), prepared);
+}
+
+Outcome prepare_image(const Proposal& proposal, Prepared& prepared) {
+  const Outcome outcome = compare(proposal.image_path(), proposal.sums.image);
+  if (outcome.kind != Kind::kDone) return outcome;
+  const auto image = files::read_whole(proposal.image_path());
+  if (!image) return failed(proposal.image_path());
+  return store(proposal, std::as_bytes(std::span(*image)), prepared);
 }
 
 }  // namespace
@@ -82,17 +111,10 @@ Outcome prepare(const Proposal& proposal, Prepared& prepared) {
     prepared = *known;
     return {Kind::kDone, ""};
   }
-  Outcome outcome = check_files(proposal);
+  const Outcome outcome = check_companions(proposal);
   if (outcome.kind != Kind::kDone) return outcome;
-  mapload::ImportFailure failure;
-  const auto image = mapload::import_privately(proposal.size_path(), proposal.data_path(), failure);
-  if (!image) return {failure.may_pass ? Kind::kFailed : Kind::kRefused, failure.why};
-  const auto findings = mapcheck::verify(image.bytes());
-  if (findings.errors() > 0) return refused("the image", findings);
-  const auto stored = store_prepared(proposal.number, proposal.sums, image.bytes());
-  if (!stored) return failed("cannot store the image");
-  prepared = *stored;
-  return outcome;
+  return proposal.sums.image.empty() ? prepare_pair(proposal, prepared)
+                                     : prepare_image(proposal, prepared);
 }
 
 Outcome prepare_and_answer(const Proposal& proposal, const std::string& node) {

@@ -12,6 +12,7 @@
 #include "tools/cluster/proposal.hpp"
 #include "tools/cluster/settings_for_all.hpp"
 #include "tools/ctl/commands.hpp"
+#include "tools/ctl/map_for_all.hpp"
 #include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
 #include "tools/files/durable.hpp"
@@ -71,9 +72,11 @@ std::optional<uint32_t> put_up(const Wish& wish) {
   source.number = committed->number;
   const std::string node = cluster::this_node();
   const cluster::HandOver hand_over(".share." + node, node);
-  const bool is_staged = hand_over.stage({source.size_path(), source.data_path(),
-                                          wish.groups ? TAVRIX_GROUPMAP_PATH : "",
-                                          wish.settings ? settings::kSettingsFile : ""});
+  const bool is_image = !committed->sums.image.empty();
+  const bool is_staged = hand_over.stage(
+      {is_image ? "" : source.size_path(), is_image ? "" : source.data_path(),
+       wish.groups ? TAVRIX_GROUPMAP_PATH : "", wish.settings ? settings::kSettingsFile : "",
+       is_image ? source.image_path() : ""});
   const auto number = is_staged ? hand_over.give_number(*last) : std::nullopt;
   if (!number) {
     complain("the files cannot be put up for all nodes in {}: {}", cluster::kMapsFolder,
@@ -83,7 +86,7 @@ std::optional<uint32_t> put_up(const Wish& wish) {
 }
 
 int share(const Wish& wish, const Options& options) {
-  if (!settings::ServiceSettings::read(settings::kSettingsFile).is_on("CLUSTER:enabled")) {
+  if (!is_node_of_cluster()) {
     complain("this machine is no node of a cluster: CLUSTER:enabled is no in {}",
              settings::kSettingsFile);
     return kFailure;

@@ -12,12 +12,11 @@
 #include "tools/cli/completion.hpp"
 #include "tools/cli/help.hpp"
 #include "tools/cli/progress.hpp"
-#include "tools/cluster/node.hpp"
-#include "tools/cluster/paths.hpp"
 #include "tools/cluster/proposal.hpp"
 #include "tools/ctl/commands.hpp"
 #include "tools/ctl/confirm.hpp"
 #include "tools/ctl/library_log.hpp"
+#include "tools/ctl/map_for_all.hpp"
 #include "tools/ctl/map_operand.hpp"
 #include "tools/ctl/map_publish.hpp"
 #include "tools/ctl/map_view.hpp"
@@ -26,7 +25,6 @@
 #include "tools/mapkeep/guard.hpp"
 #include "tools/mapload/mark.hpp"
 #include "tools/mapload/paths.hpp"
-#include "tools/settings/service_settings.hpp"
 #include "tools/text/counted.hpp"
 #include "tools/text/moment.hpp"
 
@@ -176,6 +174,17 @@ bool is_in_force(const files::Digest& digest) {
   return mark && mark->digest == digest && map_state().current == mark->table;
 }
 
+// On a node of a cluster the kept image goes to all nodes, for its pair is long gone.
+int roll_back_all(const Options& options, const KeptMap& map) {
+  const Fd lock = lock_or_complain();
+  if (!lock || !image_of(map)) return kFailure;
+  const auto number = put_up_for_all(
+      {.size = {}, .data = {}, .groups = {}, .settings = {}, .image = map.image_path()});
+  if (!number) return kFailure;
+  print_put_up(options, "map-rollback", *number);
+  return kYes;
+}
+
 int rollback(const Options& options, uint32_t number, const Confirmation& confirmation) {
   const auto map = kept_map(number);
   if (!map) return kFailure;
@@ -187,6 +196,7 @@ int rollback(const Options& options, uint32_t number, const Confirmation& confir
       fmt::format("Everybody's rights become those of {}, with {}. Make map {} current again?",
                   time_of(map->since), text::counted(map->image.folders, "folder"), number);
   if (const auto refusal = confirmation.refusal_of_change(question); refusal) return *refusal;
+  if (is_node_of_cluster()) return roll_back_all(options, *map);
   return publish(options, {.name = "map-rollback",
                            .origin = {mapkeep::kByRollback, "", number},
                            .request = {},
@@ -240,31 +250,18 @@ int put_up(const Options& options, const HeldMap& held) {
     const std::string path = held.pair + "/" + name;
     return files::exists(path) ? path : "";
   };
-  const std::string node = cluster::this_node();
-  const cluster::HandOver hand_over(".held." + node, node);
-  const bool is_staged =
-      hand_over.stage({held.pair + "/size.json", held.pair + "/data.json",
-                       came(cluster::kGroupsName), came(cluster::kSettingsName)});
-  const auto number = is_staged ? hand_over.give_number() : std::nullopt;
+  const auto number = put_up_for_all({.size = held.pair + "/size.json",
+                                      .data = held.pair + "/data.json",
+                                      .groups = came(cluster::kGroupsName),
+                                      .settings = came(cluster::kSettingsName),
+                                      .image = {}});
   if (!number) {
-    complain("the map cannot be put up for all nodes in {}: {}; it is held still",
-             cluster::kMapsFolder, std::strerror(errno));
+    complain("the map is held still");
     return kFailure;
   }
   mapkeep::drop_held();
-  if (options.json) {
-    Json json = document("map-approve");
-    json["published"] = false;
-    json["number"] = *number;
-    print(json);
-  } else {
-    fmt::print("the map is put up for all nodes as map {}\n", *number);
-  }
+  print_put_up(options, "map-approve", *number);
   return kYes;
-}
-
-bool is_node_of_cluster() {
-  return settings::ServiceSettings::read(settings::kSettingsFile).is_on("CLUSTER:enabled");
 }
 
 int approve(const Options& options, bool is_forced, const std::string& checksum,

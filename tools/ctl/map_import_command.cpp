@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: LGPL-3.0-or-later
 // tavrixctl map import and map restore: the work of the loader, by hand.
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "tools/cli/help.hpp"
 #include "tools/cli/progress.hpp"
 #include "tools/ctl/commands.hpp"
+#include "tools/ctl/map_for_all.hpp"
 #include "tools/ctl/map_publish.hpp"
+#include "tools/ctl/map_view.hpp"
 #include "tools/ctl/output.hpp"
+#include "tools/files/durable.hpp"
 #include "tools/mapcheck/lint.hpp"
 #include "tools/mapload/load.hpp"
 #include "tools/mapload/local_copy.hpp"
@@ -17,8 +22,24 @@
 namespace tavrix::ctl {
 namespace {
 
+int import_for_all(const Options& options, const std::string& size_path,
+                   const std::string& data_path, bool consume) {
+  const Fd lock = lock_or_complain();
+  if (!lock) return kFailure;
+  const auto number = put_up_for_all(
+      {.size = size_path, .data = data_path, .groups = {}, .settings = {}, .image = {}});
+  if (!number) return kFailure;
+  if (consume) {
+    for (const std::string& path : {size_path, data_path}) {
+      if (!files::remove(path)) complain("{}: {}", path, std::strerror(errno));
+    }
+  }
+  print_put_up(options, "map-import", *number);
+  return kYes;
+}
+
 int import(const Options& options, const std::string& size_path, const std::string& data_path,
-           bool trust, mapload::Files files) {
+           bool trust, bool consume) {
   if (!trust) {
     std::string error;
     cli::ProgressBar bar(!options.no_progress);
@@ -38,6 +59,7 @@ int import(const Options& options, const std::string& size_path, const std::stri
       return kNo;
     }
   }
+  if (is_node_of_cluster()) return import_for_all(options, size_path, data_path, consume);
   Publication publication{.name = "map-import",
                           .origin = {mapkeep::kByImport, "", {}},
                           .request = {},
@@ -45,7 +67,7 @@ int import(const Options& options, const std::string& size_path, const std::stri
                           .afterwards = {}};
   publication.request.size_path = size_path.c_str();
   publication.request.data_path = data_path.c_str();
-  publication.request.files = files;
+  publication.request.files = consume ? mapload::Files::kRemoved : mapload::Files::kKept;
   return publish(options, std::move(publication));
 }
 
@@ -74,10 +96,7 @@ void add_map_import_commands(CLI::App& map, Options& options, Action& action) {
   import_command->add_flag("--trust", trust, "do not lint the files first");
   import_command->add_flag("--consume", consume, "remove both files when their map is current");
   import_command->callback([&] {
-    action = [&options] {
-      const auto files = consume ? mapload::Files::kRemoved : mapload::Files::kKept;
-      return import(options, size_path, data_path, trust, files);
-    };
+    action = [&options] { return import(options, size_path, data_path, trust, consume); };
   });
 
   CLI::App* restore_command =
