@@ -71,12 +71,17 @@ class HistoryStorm : public HistorianWorld {
   void expect_each_kept_once(Storm& storm) {
     std::map<std::string, int> times;
     for (const std::string& path : kept()) ++times[path];
-    int missing = 0;
-    int doubled = 0;
-    for (const std::string& path : acknowledged_) missing += times[path] == 0;
-    for (const auto& [path, count] : times) doubled += count > 1;
-    EXPECT_EQ(0, missing) << storm.where();
-    EXPECT_EQ(0, doubled) << storm.where();
+    // Their names say in which round they were written, by whom, and which kind they are.
+    Paths missing;
+    Paths doubled;
+    for (const std::string& path : acknowledged_) {
+      if (times[path] == 0) missing.push_back(path);
+    }
+    for (const auto& [path, count] : times) {
+      if (count > 1) doubled.push_back(path);
+    }
+    EXPECT_EQ(Paths{}, missing) << storm.where();
+    EXPECT_EQ(Paths{}, doubled) << storm.where();
     storm.count("record acknowledged", static_cast<int>(acknowledged_.size()));
     storm.count("record in the history", static_cast<int>(times.size()));
   }

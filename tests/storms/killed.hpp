@@ -55,13 +55,19 @@ class AcknowledgedList {
   static void collect(int writers, std::set<std::string>& acknowledged) {
     for (int writer = 0; writer < writers; ++writer) {
       if (!exists(path_of(writer))) continue;
-      const auto lines = lines_of(path_of(writer));
-      acknowledged.insert(lines.begin(), lines.end());
+      add_whole_lines(read_file(path_of(writer)), acknowledged);
       remove_all(path_of(writer));
     }
   }
 
  private:
+  // A kill cuts a write where a page of the file ends, so the last line may be a part of one.
+  static void add_whole_lines(const std::string& text, std::set<std::string>& lines) {
+    for (std::size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos;
+         at = end + 1) {
+      lines.insert(text.substr(at, end - at));
+    }
+  }
   static std::string path_of(int writer) {
     return "/scratch/acknowledged" + std::to_string(writer);
   }

@@ -76,14 +76,22 @@ class MapHealing : public Loader {
     put_perm_map_addr(address);
     return number;
   }
-  static bool is_whole(int number) {
-    return generation_for_a_reader() == number && set_id() != -1 && exists(kCopy) &&
-           exists(kCopy + ".sha256") && !exists(kCopy + ".before") &&
-           (table_id(0) == -1) != (table_id(1) == -1);
+  // The first part that is not as it should be; empty when the map is whole.
+  static std::string lack_of(int number) {
+    const int generation = generation_for_a_reader();
+    if (generation != number) return "generation " + std::to_string(generation);
+    if (set_id() == -1) return "no set";
+    if (!exists(kCopy)) return "no copy";
+    if (!exists(kCopy + ".sha256")) return "no checksum";
+    if (exists(kCopy + ".before")) return "a copy of before";
+    if ((table_id(0) == -1) == (table_id(1) == -1)) return "not one table";
+    return "";
   }
-  static bool wait_until_whole(int number) {
-    for (int i = 0; i < 2000 && !is_whole(number); ++i) usleep(10000);
-    return is_whole(number);
+  // The same, after some patience.
+  static std::string lack_at_last(int number) {
+    std::string lack = lack_of(number);
+    for (int i = 0; i < 2000 && !lack.empty(); ++i, lack = lack_of(number)) usleep(10000);
+    return lack;
   }
   // A client remembers the generations that it saw, in their order.
   static bool saw_a_step_back(const std::string& seen) {
@@ -123,7 +131,7 @@ TEST_F(MapHealing, BringsBackWhatIsLost) {
       auto loader = service(in_haste(kHaste));
       for (int number = 1; number <= swaps; ++number) {
         hand_over_generation(number);
-        ASSERT_TRUE(wait_until_whole(number));
+        ASSERT_EQ("", lack_at_last(number));
       }
       const bool had_table0 = table_id(0) != -1;
       damage.apply();
@@ -132,10 +140,10 @@ TEST_F(MapHealing, BringsBackWhatIsLost) {
         usleep(300'000);  // six looks
         EXPECT_EQ(0, generation_for_a_reader()) << "nothing is better than an older map";
       } else {
-        EXPECT_TRUE(wait_until_whole(swaps));
+        EXPECT_EQ("", lack_at_last(swaps));
       }
       hand_over_generation(swaps + 1);
-      EXPECT_TRUE(wait_until_whole(swaps + 1)) << "and the next one comes after it";
+      EXPECT_EQ("", lack_at_last(swaps + 1)) << "and the next one comes after it";
       write_file("/scratch/stop", "");
       const Outcome seen = user.wait();
       EXPECT_FALSE(saw_a_step_back(seen.out)) << seen.out;
@@ -168,7 +176,7 @@ TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
       ASSERT_TRUE(is_stopped);
       damage.apply();
       kill(loader->pid(), SIGCONT);
-      EXPECT_TRUE(wait_until_whole(2));
+      EXPECT_EQ("", lack_at_last(2));
       write_file("/scratch/stop", "");
       const Outcome seen = user.wait();
       // The index is set to the old table just before its removal: no watch is fast enough for
@@ -185,11 +193,11 @@ TEST_F(MapHealing, BringsBackWhatIsLostWhileAMapIsLoaded) {
 TEST_F(MapHealing, TellsWhatItDid) {
   auto loader = service();
   hand_over_generation(1);
-  ASSERT_TRUE(wait_until_whole(1));
+  ASSERT_EQ("", lack_at_last(1));
   lose_set();
-  EXPECT_TRUE(wait_until_whole(1));
+  EXPECT_EQ("", lack_at_last(1));
   lose_copy();
-  EXPECT_TRUE(wait_until_whole(1));
+  EXPECT_EQ("", lack_at_last(1));
   usleep(100000);
   kill(loader->pid(), SIGTERM);
   const std::string said = loader->wait().err;
@@ -216,7 +224,7 @@ TEST_F(MapHealing, ARestartRemovesTheOlderTableAndNotTheNewer) {
   reset_set();
   ASSERT_EQ(1, generation_for_a_reader()) << "until somebody looks";
   EXPECT_EQ(0, once().exit_code);
-  EXPECT_TRUE(is_whole(3));
+  EXPECT_EQ("", lack_of(3));
 }
 
 TEST_F(MapHealing, AnOlderCopyIsNotMadeCurrentByItself) {
@@ -232,7 +240,7 @@ TEST_F(MapHealing, AnOlderCopyIsNotMadeCurrentByItself) {
   EXPECT_EQ(1, outcome.exit_code);
   EXPECT_TRUE(contains(outcome.err, "2 was published already")) << outcome.err;
   EXPECT_EQ(0, ctl({"map", "restore"}).exit_code) << "by hand it is";
-  EXPECT_TRUE(is_whole(1));
+  EXPECT_EQ("", lack_of(1));
 }
 
 }  // namespace
