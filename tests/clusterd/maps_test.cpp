@@ -291,10 +291,10 @@ TEST_F(ClusterMaps, APairWaitsWhileTheTreeIsNotMounted) {
   ASSERT_EQ(0, node(0).once().exit_code);
   ASSERT_EQ(0, rename(kShared.c_str(), "/tavrix/mounted elsewhere"));
   put_pair(node(0).inbox(), 12);
-  const Outcome outcome = load(node(0));
-  EXPECT_EQ(1, outcome.exit_code);
-  EXPECT_TRUE(contains(outcome.err, "the pair waits for the shared tree")) << outcome.err;
-  EXPECT_TRUE(exists(node(0).inbox() + "/data.json"));
+  const auto loader =
+      node(0).begin({Node::kLoader, "--once", "--dir", node(0).inbox()}, in_haste(kHaste));
+  EXPECT_TRUE(
+      comes([&] { return contains(loader->err_so_far(), "the pair waits for the shared tree"); }));
   write_json_pair(wide(13));
   const Outcome by_hand = import_on(node(0), {"--consume"});
   EXPECT_EQ(2, by_hand.exit_code);
@@ -302,7 +302,7 @@ TEST_F(ClusterMaps, APairWaitsWhileTheTreeIsNotMounted) {
   EXPECT_TRUE(exists("/scratch/data.json"));
   EXPECT_FALSE(exists(kShared));
   ASSERT_EQ(0, rename("/tavrix/mounted elsewhere", kShared.c_str()));
-  EXPECT_EQ(0, load(node(0)).exit_code);
+  EXPECT_EQ(0, loader->wait().exit_code);
   EXPECT_EQ(0, node(0).once().exit_code);
   EXPECT_EQ(12, node(0).folders());
 }

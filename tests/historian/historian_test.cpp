@@ -512,7 +512,7 @@ TEST_F(KilledHistorian, AtEachCallWhileItRemovesOldRecords) {
           database.get(),
           ("UPDATE dumps SET id = 1000000 + id; INSERT INTO dumps SELECT 1, 0, 'old', " +
            std::to_string(call) +
-           ", 0, 0, x'', 1000, 5000, 1000;"
+           ", 0, 0, x'', 1000, 5000, 1000, NULL;"
            "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 5000) "
            "INSERT INTO records (time, op, folder, uid, path, dump) "
            "SELECT 1000, 5, 0, 1, 'old', 1 FROM n")

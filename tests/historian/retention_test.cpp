@@ -41,10 +41,11 @@ class Retention : public HistorianWorld {
       dump.newest = std::max(dump.newest, time);
     }
     historian::Content content{++inode_, taken, "bytes"};
+    historian::Link link;
+    link.name = "events.x";
     historian::Taker taker(database_.get());
     history::Transaction transaction(database_.get());
-    ASSERT_EQ(historian::Taker::Result::kTaken,
-              taker.take({.name = "events.x"}, content, dump, taken));
+    ASSERT_EQ(historian::Taker::Result::kTaken, taker.take(link, content, dump, taken));
     ASSERT_TRUE(transaction.commit());
   }
   // Prunes until nothing is left to do; the number of transactions.

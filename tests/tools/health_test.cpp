@@ -250,7 +250,7 @@ TEST_F(Health, AnswersWhileTheSharedTreeDoesNot) {
     const Outcome outcome =
         run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "health"}, {}, in_haste(20));
     EXPECT_EQ(1, outcome.exit_code) << outcome.err;
-    const char* words = has_lease ? "/tavrix does not answer" : "the lease is over for 1 second";
+    const char* words = has_lease ? "/tavrix does not answer" : "the lease is over for";
     EXPECT_TRUE(contains(outcome.out, words)) << outcome.out;
     const auto health = nlohmann::json::parse(
         run_program({TAVRIX_BUILD_DIR "/tools/tavrixctl", "--json", "health"}, {}, in_haste(20))

@@ -209,7 +209,7 @@ HandOver::HandOver(const std::string& slot, std::string node)
 
 // "proposal.json" comes last: with it the files are staged.
 bool HandOver::stage(const Files& files) const {
-  if (!is_tree_there() || !make_shared_folders() || !remove_tree(folder_)) return false;
+  if (!make_shared_folders() || !remove_tree(folder_)) return false;
   Sums sums;
   if (!make_folder(folder_) || !make_folder(folder_ + "/prepared")) return false;
   const auto copy = [this](const std::string& from, const char* name, files::Digest& digest) {
@@ -257,7 +257,8 @@ Fd lock_shared(const std::string& path, Wait wait) {
 
 bool make_shared_folders() {
   constexpr std::array kFolders = {kSharedFolder, kNodesFolder, kMapsFolder, kInbox};
-  return make_folder(TAVRIX_CONF_FOLDER) && std::ranges::all_of(kFolders, make_folder);
+  return is_tree_there() && make_folder(TAVRIX_CONF_FOLDER) &&
+         std::ranges::all_of(kFolders, make_folder);
 }
 
 }  // namespace tavrix::cluster

@@ -98,7 +98,7 @@ class HandOver {
 enum class Wait { kYes, kNo };
 [[nodiscard]] Fd lock_shared(const std::string& path, Wait wait);
 
-// Makes the folders in which the nodes meet. False with errno.
+// Makes the folders in which the nodes meet. False with errno, also where the tree is not mounted.
 [[nodiscard]] bool make_shared_folders();
 
 }  // namespace tavrix::cluster

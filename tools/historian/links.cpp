@@ -124,7 +124,9 @@ unsigned adopt_from(const std::string& folder, HistoryKind kind, int64_t since) 
 std::vector<Link> waiting_links() {
   std::vector<Link> links;
   each_name(kLinks, [&links](const std::string& name) {
-    Link link{.name = name, .is_audit = name.starts_with(kAuditPrefix)};
+    Link link;
+    link.name = name;
+    link.is_audit = name.starts_with(kAuditPrefix);
     if (!link.is_audit && !name.starts_with(kEventsPrefix)) return;
     const NameParts parts = parts_of(name);
     link.folder = parts.folder;

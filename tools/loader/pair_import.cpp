@@ -157,7 +157,7 @@ Outcome put_up_pair(const Pair& pair, const Guard& guard, const Inbox& inbox,
     if (auto errors = find_errors_in_settings(pair)) return std::move(*errors);
     if (auto reason = find_reason_to_hold(pair, guard, should_stop)) return std::move(*reason);
     if (!hand_over.stage(
-            {pair.size, pair.data, if_it_came(pair.groups), if_it_came(pair.settings)})) {
+            {pair.size, pair.data, if_it_came(pair.groups), if_it_came(pair.settings), ""})) {
       return wait_for_tree();
     }
     if (!inbox.note_staged()) {
