@@ -3,7 +3,8 @@
 # Installs what is missing, checks the sources, builds twice (optimised; with sanitizers) and runs
 # every test in both, runs clang-tidy on the library, and one fuzz target for a moment.
 # usage: scripts/test.sh [release|asan|tidy|fuzz|page|cluster]...   (default: all but page, which fetches
-#        modules, and cluster, which takes six minutes)
+#        modules, and cluster, which takes ten minutes; each is a step of continuous
+#        integration of its own)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/packages.sh

@@ -3,11 +3,13 @@
 
 import json
 import os
+import shutil
 import subprocess
 import time
 from pathlib import Path
 
 SOURCES = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("TAVRIX_CLUSTER_BUILD", SOURCES / "build/release"))
 FOLDER = Path(os.environ["TAVRIX_CLUSTER"])
 SHARED = FOLDER / "shared"
 CONF = SHARED / ".conf"
@@ -85,6 +87,41 @@ def event_names():
     return names
 
 
+def replayed(folder):
+    """The objects below a folder as the events of all nodes tell, in order of time: path and kind."""
+    kinds = {}
+    out = on(powered()[0], "tavrixctl", "--json", "events", "decode", "--path", folder, "/tavrix/.conf/staging")
+    for line in out.splitlines():
+        event = json.loads(line)
+        path, target = event["path"], event.get("rename_path", "")
+        below = [each for each in kinds if each == path or each.startswith(path + "/")]
+        # OPEN says that something changed, perhaps under a name that a folder above has lost meanwhile.
+        if event["type"] in ("CREATE", "MKDIR"):
+            kinds[path] = event["object"]
+        elif event["type"] in ("UNLINK", "RMDIR"):
+            for each in below:
+                del kinds[each]
+        elif event["type"] == "RENAME":
+            kinds.update({target + each[len(path):]: kinds.pop(each) for each in below})
+    head = folder + "/"
+    return {path.removeprefix("/tavrix/").removeprefix(head): kind for path, kind in kinds.items() if head in path}
+
+
+def planted(folder):
+    """The objects that are there."""
+    root = SHARED / folder
+    return {str(path.relative_to(root)): "DIR" if path.is_dir() else "FILE" for path in root.rglob("*")}
+
+
+def generation(node):
+    return sh("generation_on", node).strip()
+
+
+def committed():
+    path = CONF / "cluster/committed.json"
+    return json.loads(path.read_text()) if path.exists() else {"number": 0}
+
+
 def powered():
     """The nodes that have power: a power cut takes the file away."""
     return [node for node in NODES if (FOLDER / f"node{node}").exists()]
@@ -108,9 +145,22 @@ def make_quiet():
     await_flushes()
     for file in [*dumps(), MARKER, SYNC_OFF, *SHARED.glob("Shared/Design/*.txt")]:
         file.unlink(missing_ok=True)
+    for folder in [*SHARED.glob("Shared/Design/bed*"), SHARED / "Shared/Design/garden"]:
+        shutil.rmtree(folder, ignore_errors=True)
 
 
 def missing(acknowledged):
     """Acknowledged files without an event."""
     await_flushes()
+    return missing_now(acknowledged)
+
+
+def missing_now(acknowledged):
+    """Those without an event that the agent could read already."""
     return sorted(set(acknowledged) - event_names())
+
+
+def changed_paths(folder):
+    """The files below a folder of which an event says that they changed."""
+    out = on(powered()[0], "tavrixctl", "--json", "events", "decode", "--path", folder, "--op", "change", "/tavrix/.conf/staging")
+    return [json.loads(line)["path"].split(folder + "/", 1)[-1] for line in out.splitlines()]

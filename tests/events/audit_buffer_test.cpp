@@ -254,7 +254,7 @@ TEST_F(AuditBuffer, LinksItsDumpForTheHistoryBeforeItsName) {
   run_before("rename", [] { EXPECT_EQ(1U, list(kHistory).size()); });
   EXPECT_EQ(0, flush_audit_buffer());
   ASSERT_EQ(1U, list(kDir).size());
-  EXPECT_EQ(std::vector<std::string>{"audit." + list(kDir).at(0)}, list(kHistory));
+  EXPECT_EQ(std::vector<std::string>{"audit.audit." + list(kDir).at(0)}, list(kHistory));
   EXPECT_EQ(Payloads{"one"}, payloads_of(read_file(kHistory + ("/" + list(kHistory).at(0)))));
 }
 
