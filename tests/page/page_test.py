@@ -739,7 +739,7 @@ class HistoryView(PageTest):
         now = time.time_ns() // 1000
         with sqlite3.connect("/var/lib/tavrix/history/history.db") as database:
             dump = database.execute("INSERT INTO dumps (kind, name, inode, mtime, size, hash, taken, records, newest, node) "
-                                    "VALUES (0, 'events.beta.pending_1', 1, 1, 1, x'00', ?, 1, ?, 'beta')", (now, now)).lastrowid
+                                    "VALUES (0, 'events.beta.pending_1', 1, 1, 1, x'be', ?, 1, ?, 'beta')", (now, now)).lastrowid
             database.execute("INSERT INTO records (time, op, folder, uid, pid, path, dump) VALUES (?, 10, 0, 1005, 1, '/tavrix/of beta', ?)", (now, dump))
         database.close()
         try:
