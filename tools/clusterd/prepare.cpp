@@ -46,7 +46,7 @@ Outcome compare(const std::string& path, const files::Digest& wanted) {
 
 Outcome check_groups(const Proposal& proposal) {
   if (proposal.sums.groups.empty()) return {Kind::kDone, ""};
-  const Outcome compared = compare(proposal.groups_path(), proposal.sums.groups);
+  Outcome compared = compare(proposal.groups_path(), proposal.sums.groups);
   if (compared.kind != Kind::kDone) return compared;
   const auto bytes = files::read_whole(proposal.groups_path());
   if (!bytes) return failed(proposal.groups_path());
@@ -56,7 +56,7 @@ Outcome check_groups(const Proposal& proposal) {
 
 Outcome check_settings(const Proposal& proposal) {
   if (proposal.sums.settings.empty()) return {Kind::kDone, ""};
-  const Outcome compared = compare(proposal.settings_path(), proposal.sums.settings);
+  Outcome compared = compare(proposal.settings_path(), proposal.sums.settings);
   if (compared.kind != Kind::kDone) return compared;
   const std::string wrong = cluster::mistake_in_settings(proposal.settings_path());
   return wrong.empty() ? Outcome{Kind::kDone, ""} : Outcome{Kind::kRefused, wrong};
@@ -74,7 +74,7 @@ Outcome check_pair(const Proposal& proposal) {
 }
 
 Outcome check_companions(const Proposal& proposal) {
-  const Outcome groups = check_groups(proposal);
+  Outcome groups = check_groups(proposal);
   return groups.kind == Kind::kDone ? check_settings(proposal) : groups;
 }
 
@@ -88,7 +88,7 @@ Outcome store(const Proposal& proposal, std::span<const std::byte> image, Prepar
 }
 
 Outcome prepare_pair(const Proposal& proposal, Prepared& prepared) {
-  const Outcome outcome = check_pair(proposal);
+  Outcome outcome = check_pair(proposal);
   if (outcome.kind != Kind::kDone) return outcome;
   mapload::ImportFailure failure;
   const auto image = mapload::import_privately(proposal.size_path(), proposal.data_path(), failure);
@@ -97,7 +97,7 @@ Outcome prepare_pair(const Proposal& proposal, Prepared& prepared) {
 }
 
 Outcome prepare_image(const Proposal& proposal, Prepared& prepared) {
-  const Outcome outcome = compare(proposal.image_path(), proposal.sums.image);
+  Outcome outcome = compare(proposal.image_path(), proposal.sums.image);
   if (outcome.kind != Kind::kDone) return outcome;
   const auto image = files::read_whole(proposal.image_path());
   if (!image) return failed(proposal.image_path());
@@ -111,7 +111,7 @@ Outcome prepare(const Proposal& proposal, Prepared& prepared) {
     prepared = *known;
     return {Kind::kDone, ""};
   }
-  const Outcome outcome = check_companions(proposal);
+  Outcome outcome = check_companions(proposal);
   if (outcome.kind != Kind::kDone) return outcome;
   return proposal.sums.image.empty() ? prepare_pair(proposal, prepared)
                                      : prepare_image(proposal, prepared);
