@@ -284,7 +284,7 @@ TEST_F(ClusterMaps, ADamagedKeptMapIsNotPutUp) {
 
 // --- without the shared tree ---------------------------------------------------------------------
 
-// What is put into the folder below the mount is lost to everybody.
+// Nobody finds what lies in the folder below the mount.
 TEST_F(ClusterMaps, APairWaitsWhileTheTreeIsNotMounted) {
   add("one");
   hand_over(node(0), 30);

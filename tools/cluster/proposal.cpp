@@ -105,7 +105,7 @@ bool remove_tree(const std::string& path) {
   return !failure;
 }
 
-// Where nothing is mounted there is an empty folder, and no map that this node ever published.
+// An empty folder lies below the mount, without the map that this node has published.
 bool is_tree_there() {
   if (files::exists(kCommitted) || !files::exists(kPublished)) return true;
   errno = ENOENT;
