@@ -202,6 +202,7 @@ export const texts = {
       rollback: 'gone back to',
       approval: 'approved',
       found: 'found',
+      cluster: 'from the cluster',
     } as Record<string, string>,
     by: (who: string) => ` by ${who}`,
     inForce: 'in force',

@@ -322,6 +322,29 @@ TEST_F(ClusterMaps, OneNodeLeadsAndAnotherTakesOverWhenItDies) {
   EXPECT_NE(node(leader).name(), committed()["by"]);
 }
 
+// Its process lives, so the kernel keeps its lock.
+TEST_F(ClusterMaps, ALeaderThatHangsIsDeposed) {
+  add("one");
+  add("two");
+  start_daemons();
+  hand_over(node(0), 30);
+  ASSERT_TRUE(all_have(30));
+  const std::size_t leader = committed()["by"] == "one" ? 0 : 1;
+  Node& other = node(1 - leader);
+  kill(node(leader).daemon().pid(), SIGSTOP);
+  hand_over(other, 40);
+  EXPECT_TRUE(comes([&] { return other.folders() == 40; }));
+  EXPECT_EQ(other.name(), committed()["by"]);
+  EXPECT_TRUE(contains(other.daemon().err_so_far(),
+                       node(leader).name() + " leads the cluster and has not said anything"));
+  kill(node(leader).daemon().pid(), SIGCONT);
+  EXPECT_TRUE(all_have(40)) << "it follows";
+  hand_over(node(leader), 50);
+  EXPECT_TRUE(all_have(50));
+  EXPECT_EQ(3, committed()["number"]);
+  EXPECT_EQ(other.name(), committed()["by"]) << "and leads no more";
+}
+
 TEST_F(ClusterMaps, TheLeaderFileSaysWhoMayCommit) {
   add("one");
   add("two");

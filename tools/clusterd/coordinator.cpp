@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -22,6 +23,12 @@ using service::say;
 using service::Tone;
 
 const std::string kLeaderLock = std::string(cluster::kSharedFolder) + "/.leader";
+const std::string kDeposing = std::string(cluster::kSharedFolder) + "/.leader.deposing";
+
+std::string name_of_leader() {
+  const std::string text = files::read_whole(kLeaderLock).value_or("");
+  return text.substr(0, text.find('\n'));
+}
 
 std::string joined(const std::vector<std::string>& names) {
   std::string text;
@@ -45,10 +52,37 @@ bool Leadership::is_lock_in_place() const {
          held.st_dev == named.st_dev && held.st_ino == named.st_ino;
 }
 
-bool Leadership::look() {
+// A leader that cannot write its name cannot commit either.
+void Leadership::take() {
+  lock_ = cluster::lock_shared(kLeaderLock, cluster::Wait::kNo);
+  if (!lock_) return;
+  const std::string name = node_ + "\n";
+  const bool is_named =
+      ftruncate(lock_.get(), 0) == 0 &&
+      pwrite(lock_.get(), name.data(), name.size(), 0) == static_cast<ssize_t>(name.size());
+  if (!is_named || !is_lock_in_place()) lock_.reset();
+}
+
+// A number that it was about to commit when it began to hang may still come. Another leader puts
+// back a number that goes back, and no node follows it.
+void Leadership::depose(const Others& others) {
+  const std::string leader = name_of_leader();
+  if (!others.is_silent(leader)) return;
+  const Fd turn = cluster::lock_shared(kDeposing, cluster::Wait::kNo);
+  if (!turn || name_of_leader() != leader || unlink(kLeaderLock.c_str()) != 0) return;
+  say(Tone::kWarning,
+      fmt::format("{} leads the cluster and has not said anything for seconds; another node leads "
+                  "from now on",
+                  leader));
+  take();
+}
+
+bool Leadership::look(const Others& others) {
   if (lock_ && (!may_lead() || !is_lock_in_place())) lock_.reset();
-  if (!lock_ && may_lead()) lock_ = cluster::lock_shared(kLeaderLock, cluster::Wait::kNo);
-  if (lock_ && !is_lock_in_place()) lock_.reset();
+  if (!lock_ && may_lead()) {
+    take();
+    if (!lock_) depose(others);
+  }
   return is_held();
 }
 

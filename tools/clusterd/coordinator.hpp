@@ -15,18 +15,22 @@ namespace tavrix::clusterd {
 
 // The right to commit: a lock in the shared tree, which the kernel drops with its process. With a
 // leader file only the node that the file names tries to get the lock, so the lock decides in any
-// case.
+// case. The file of the lock has the leader's name. When a leader hangs, its lock does not go; then
+// another node takes the file away, and a lock on a file that is gone is none.
 class Leadership {
  public:
   Leadership(std::string node, std::string leader_file)
       : node_(std::move(node)), leader_file_(std::move(leader_file)) {}
-  // Takes the lock if it is free, and gives it up when another node is to lead.
-  bool look();
+  // Takes the lock if it is free or its holder is silent, and gives it up when another node is to
+  // lead.
+  bool look(const Others& others);
   [[nodiscard]] bool is_held() const { return static_cast<bool>(lock_); }
 
  private:
   [[nodiscard]] bool may_lead() const;
   [[nodiscard]] bool is_lock_in_place() const;
+  void take();
+  void depose(const Others& others);
   std::string node_, leader_file_;
   Fd lock_;
 };

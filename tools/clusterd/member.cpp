@@ -158,7 +158,7 @@ void Member::finish_work() {
 // --- leading -------------------------------------------------------------------------------------
 
 void Member::lead() {
-  if (!leadership_.look()) return;
+  if (!leadership_.look(others_)) return;
   put_back();
   std::vector<State> living = others_.living();
   State own;

@@ -96,6 +96,11 @@ void Others::look() {
   }
 }
 
+bool Others::is_silent(const std::string& node) const {
+  const auto seen = seen_.find(node);
+  return seen != seen_.end() && Clock::now() - seen->second.changed > 2 * kLife;
+}
+
 std::vector<State> Others::living() const {
   std::vector<State> states;
   for (const auto& [node, seen] : seen_) {

@@ -49,6 +49,8 @@ class Others {
   // Those whose word has changed within the last seconds. A word that is seen for the first time
   // counts as changed.
   [[nodiscard]] std::vector<State> living() const;
+  // True for a node whose word has not changed for twice as long.
+  [[nodiscard]] bool is_silent(const std::string& node) const;
 
  private:
   struct Seen {
