@@ -206,7 +206,7 @@ class Gardener(threading.Thread):
 class Crowd:
     """Writers on all addresses, for the time of a with statement."""
 
-    def __init__(self, label, addresses, count=3):
+    def __init__(self, label, addresses, count=16):
         turns = [addresses[i:] + addresses[:i] for i in range(len(addresses))]
         self.writers = [Writer(f"{label}_{i}", turns[i % len(turns)]) for i in range(count)]
 
