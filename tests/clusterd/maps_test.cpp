@@ -27,6 +27,15 @@ class ClusterMaps : public Cluster {
       ASSERT_EQ(0, node(0).once().exit_code);
     }
   }
+  // Two nodes have a map of 30 folders, and one of them has committed it.
+  std::size_t leader_of_two() {
+    add("one");
+    add("two");
+    start_daemons();
+    hand_over(node(0), 30);
+    EXPECT_TRUE(all_have(30));
+    return committed()["by"] == "one" ? 0 : 1;
+  }
   static Outcome roll_back(const Node& node) {
     return node.run({Node::kCtl, "map", "rollback", "1", "--yes"});
   }
@@ -310,12 +319,7 @@ TEST_F(ClusterMaps, APairWaitsWhileTheTreeIsNotMounted) {
 // --- the leader ----------------------------------------------------------------------------------
 
 TEST_F(ClusterMaps, OneNodeLeadsAndAnotherTakesOverWhenItDies) {
-  add("one");
-  add("two");
-  start_daemons();
-  hand_over(node(0), 30);
-  ASSERT_TRUE(all_have(30));
-  const std::size_t leader = committed()["by"] == "one" ? 0 : 1;
+  const std::size_t leader = leader_of_two();
   node(leader).kill_daemon();
   hand_over(node(0), 40);
   EXPECT_TRUE(comes([&] { return node(1 - leader).folders() == 40; }));
@@ -324,12 +328,7 @@ TEST_F(ClusterMaps, OneNodeLeadsAndAnotherTakesOverWhenItDies) {
 
 // Its process lives, so the kernel keeps its lock.
 TEST_F(ClusterMaps, ALeaderThatHangsIsDeposed) {
-  add("one");
-  add("two");
-  start_daemons();
-  hand_over(node(0), 30);
-  ASSERT_TRUE(all_have(30));
-  const std::size_t leader = committed()["by"] == "one" ? 0 : 1;
+  const std::size_t leader = leader_of_two();
   Node& other = node(1 - leader);
   kill(node(leader).daemon().pid(), SIGSTOP);
   hand_over(other, 40);
